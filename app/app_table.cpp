@@ -1,0 +1,26 @@
+#include <stdio.h>
+
+#include "app/applets.h"
+#include "app/test_applets.h"
+#include "cgi/dbg_cgi.h"
+
+namespace {
+
+// The place of an applet that this version does not have yet.
+int run_missing(int /*argc*/, char** argv) {
+    fprintf(stderr, "%s: not in this version of zarvo\n", argv[0]);
+    return 1;
+}
+
+constexpr app_entry entries[] = {
+    {"tstrace", run_missing},     {"stopper", run_missing},
+    {"pcapdump", run_missing},    {"coredump-handler", run_missing},
+    {"debugar.cgi", run_dbg_cgi}, {"mon", run_missing},
+    {"ctest", run_ctest},         {"oopslog", run_missing},
+    {"forkbomb", run_forkbomb},   {"fdleak", run_fdleak},
+    {"segfault", run_segfault},
+};
+
+}  // namespace
+
+constexpr std::span<const app_entry> app_table = entries;

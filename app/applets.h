@@ -1,0 +1,17 @@
+// The applets and how one is chosen.
+#pragma once
+
+#include <span>
+
+struct app_entry {
+    const char* name;
+    int (*run)(int argc, char** argv);  // returns the exit status
+};
+
+// All applets of this program, in the order in which names are compared.
+extern const std::span<const app_entry> app_table;
+
+// Runs the applet of `table` that the last path component of argv[0] names, or, when that is "zarvo", the one
+// that argv[1] names, which then sees its own name as argv[0]. Returns the applet's result; 1 when there is
+// no such applet (said on standard output) or no name at all (said nowhere).
+int app_dispatch(int argc, char** argv, std::span<const app_entry> table);

@@ -1,0 +1,16 @@
+// Applets that provoke faults on purpose, to test what watches for them.
+#pragma once
+
+// Writes "call exit" and ends through exit(0).
+int run_ctest(int argc, char** argv);
+
+// forkbomb [interval [depth]]: forks for ever, pausing `interval` microseconds (0: not at all) between;
+// children of the first `depth` - 1 generations (default 1) do the same and later ones sleep.
+int run_forkbomb(int argc, char** argv);
+
+// fdleak [interval]: opens sockets and /dev/null in turn, every `interval` microseconds, until descriptors
+// run out; status 0.
+int run_fdleak(int argc, char** argv);
+
+// Dies by SIGSEGV.
+int run_segfault(int argc, char** argv);

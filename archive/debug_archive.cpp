@@ -1,0 +1,137 @@
+#include "archive/debug_archive.h"
+
+#include <stdio.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "archive/member_capture.h"
+#include "archive/member_core.h"
+#include "archive/member_file.h"
+#include "archive/member_proc.h"
+#include "archive/member_program.h"
+#include "archive/member_trace.h"
+#include "archive/tar.h"
+#include "common/watchdog.h"
+#include "proc/proc_list.h"
+
+namespace {
+
+constexpr unsigned phase_seconds = 300;
+constexpr int process_limit = 1024;
+
+// Archives that this process has begun.
+std::atomic<unsigned> archive_count{0};
+
+// The archive that is being made.
+struct archive_run {
+    tar_handle* tar;
+    int fd;
+    int browser_fd;
+    pid_t pids[process_limit];
+    int pid_count;
+};
+
+int store_monitor_status(archive_run& run) {
+    return stream_file_unknownsize(run.tar, run.fd, "dbg-monitor.txt", "/var/run/dbg-cgi/dbg-monitor.txt", 0);
+}
+
+int store_media_configuration(archive_run& run) {
+    return stream_file_unknownsize(run.tar, run.fd, "media.conf", "/etc/ws/onvif/media/media.conf", 0);
+}
+
+int store_proc(archive_run& run) {
+    return stream_proc(run.tar, run.fd);
+}
+
+int store_trace(archive_run& run) {
+    return stream_strace_log(run.tar, run.pids, run.pid_count);
+}
+
+int store_capture(archive_run& run) {
+    return stream_pcap_dump(run.tar, run.fd, "any", 5, 512000, run.browser_fd);
+}
+
+int store_server_report(archive_run& run) {
+    return stream_server_report(run.tar, run.fd);
+}
+
+int store_oopslog(archive_run& run) {
+    return stream_oopslog(run.tar, run.fd);
+}
+
+int store_kcore(archive_run& run) {
+    return stream_kcore(run.tar, run.fd);
+}
+
+// Never fails: a client that goes away in the middle of a dump ends this member, and the archive is closed as
+// after the last one.
+int store_cores(archive_run& run) {
+    for (int i = 0; i < run.pid_count; i++) {
+        if (run.pids[i] == -1) {
+            continue;
+        }
+        alarm(phase_seconds);
+        if (dump_one(run.tar, run.fd, run.pids, i, run.pid_count) == dump_client_gone) {
+            break;
+        }
+    }
+    return 0;
+}
+
+struct archive_member {
+    bool new_phase;  // the time limit starts anew before it
+    int (*store)(archive_run& run);
+};
+
+// The order of an archive.
+constexpr archive_member archive_members[] = {
+    {false, store_monitor_status}, {false, store_media_configuration},
+    {false, store_proc},           {false, store_trace},
+    {true, store_capture},         {true, store_server_report},
+    {true, store_oopslog},         {false, store_kcore},
+    {false, store_proc},           {false, store_cores},
+};
+
+bool store_members(archive_run& run) {
+    for (const archive_member& member : archive_members) {
+        if (member.new_phase) {
+            alarm(phase_seconds);
+        }
+        if (member.store(run) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+tar_handle* open_archive(int fd) {
+    time_t now = time(nullptr);
+    tm local = {};
+    localtime_r(&now, &local);
+    char top[128];
+    snprintf(top, sizeof top, "debug-%4.4d%2.2d%2.2d-%2.2d%2.2d%2.2d-c%d/", local.tm_year + 1900,
+             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+             static_cast<int>(archive_count++));
+    return tar_new(fd, top);
+}
+
+}  // namespace
+
+void stream_debug_archive(int fd, int skip_pid, int browser_fd) {
+    alarm(phase_seconds);
+    (void)disable_watchdogs();  // reported by itself; an archive with the watchdogs on beats none
+    archive_run run;
+    run.fd = fd;
+    run.browser_fd = browser_fd;
+    run.pid_count = proc_list(run.pids, process_limit, skip_pid);
+    run.tar = open_archive(fd);
+    if (run.tar && store_members(run)) {
+        tar_close(run.tar);
+    } else if (run.tar) {
+        tar_abandon(run.tar);
+    }
+    enable_watchdogs();
+    alarm(0);
+}

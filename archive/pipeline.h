@@ -1,0 +1,14 @@
+// The whole debug archive on a descriptor, compressed or plain.
+#pragma once
+
+// Writes the debug archive as tar inside gzip onto `fd` (borrowed); returns when it is complete and the
+// compressor, a child process, has been waited for. "pipes" or "fork" and the system's error go to standard
+// error when they fail, and nothing to `fd`.
+void stream_tgz(int fd);
+
+// Writes the debug archive as plain tar onto `fd` (borrowed).
+void stream_tar(int fd);
+
+// Runs `build` with a pipe whose other end a child compresses onto `fd`; stream_tgz with another builder.
+// `build` gets `context`, the pipe (borrowed) and the compressor's pid.
+void stream_compressed(int fd, void (*build)(void* context, int pipe_fd, int compressor_pid), void* context);

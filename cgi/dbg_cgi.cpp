@@ -1,0 +1,200 @@
+#include "cgi/dbg_cgi.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "archive/pipeline.h"
+#include "cgi/listener.h"
+#include "common/unique_fd.h"
+#include "dump/dumper.h"
+#include "monitor/monitor.h"
+#include "platform/qorlink.h"
+#include "proc/proc_list.h"
+
+namespace {
+
+constexpr const char* usage =
+    "dbg-cgi 0.1\ndbg-cgi [options] [pids...]\n\n"
+    "-d\tdump tar archive with core-files for pids to stdout.\n"
+    "-t\tonly tar the archive.\n"
+    "-i\tignore pid\n"
+    "-p\tprogram to create coredumps [/usr/bin/dcore]\n"
+    "-c\tcgi control socket name [/var/run/dbg-cgi/ctrl-cgi-socket]\n"
+    "-s\tsegfault control socket name [/var/run/dbg-cgi/ctrl-segf-socket]\n"
+    "-h\thelp";
+
+constexpr int cgi_socket_mode = 0666;
+constexpr int segfault_backlog = 2;
+
+// Browsers and traces may hold far more connections than the usual soft limit allows.
+constexpr rlim_t wanted_descriptors = 4096;
+
+struct daemon_options {
+    bool direct = false;
+    bool compress = true;
+    bool foreground = false;
+    const char* cgi_path = "/var/run/dbg-cgi/ctrl-cgi-socket";
+    const char* segfault_path = "/var/run/dbg-cgi/ctrl-segf-socket";
+    const char* dumper = "/usr/bin/dcore";
+    const char* dump_dir = nullptr;
+};
+
+// Fills in what the command line says; false when help is due.
+bool parse_options(int argc, char** argv, daemon_options* options) {
+    for (int option; (option = getopt(argc, argv, "di:np:s:c:k:ht")) != -1;) {
+        switch (option) {
+            case 'd':
+                options->direct = true;
+                break;
+            case 't':
+                options->compress = false;
+                break;
+            case 'n':
+                options->foreground = true;
+                break;
+            case 'i':
+                proc_extra_ignore_pid = static_cast<pid_t>(strtoul(optarg, nullptr, 0));
+                break;
+            case 'p':
+                options->dumper = optarg;
+                break;
+            case 'c':
+                options->cgi_path = optarg;
+                break;
+            case 's':
+                options->segfault_path = optarg;
+                break;
+            case 'k':
+                options->dump_dir = optarg;
+                break;
+            default:
+                return false;
+        }
+    }
+    return true;
+}
+
+// A closed standard descriptor would be given to the next socket or pipe, and a child or a message would
+// then write into it.
+void fill_standard_descriptors() {
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+void raise_descriptor_limit() {
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < wanted_descriptors) {
+        limit.rlim_cur = std::min(limit.rlim_max, wanted_descriptors);
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+// The program, its fixed arguments and the two empty places that the dumper wants behind them; for the life
+// of the process.
+void configure_dumper(const char* program) {
+    static char write_option[] = "-c";
+    static char output[] = "/dev/stdout";
+    static char* argv[5] = {nullptr, write_option, output, nullptr, nullptr};
+    argv[0] = const_cast<char*>(program);
+    dump_set_dumper(argv);
+    dump_init();
+}
+
+// Standard output is the archive's alone: what anything else prints meanwhile goes to standard error.
+void write_direct(bool compress) {
+    fflush(stdout);
+    unique_fd output(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    (compress ? stream_tgz : stream_tar)(output.get());
+    fflush(stdout);
+    dup2(output.get(), STDOUT_FILENO);
+}
+
+unique_fd open_cgi_socket(const char* path) {
+    unlink(path);
+    unique_fd server(qorlink_server_socket(path, cgi_socket_mode));
+    if (!server) {
+        syslog(LOG_ERR, "Could not open %s: %m", path);
+    }
+    return server;
+}
+
+unique_fd open_segfault_socket(const char* path) {
+    unlink(path);
+    unique_fd server(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!server) {
+        return server;
+    }
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, path, strnlen(path, sizeof address.sun_path));
+    if (bind(server.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
+        syslog(LOG_ERR, "Could not open %s: %m", path);
+        return unique_fd();
+    }
+    listen(server.get(), segfault_backlog);
+    return server;
+}
+
+bool start_monitor() {
+    pthread_t monitor;
+    errno = pthread_create(&monitor, nullptr, monitor_thread_run, nullptr);
+    if (errno != 0) {
+        perror("pthread_create");
+        return false;
+    }
+    return true;
+}
+
+int run_daemon(const daemon_options& options) {
+    if (!options.foreground && daemon(0, 0) < 0) {
+        perror("daemon\n");
+        return 1;
+    }
+    signal(SIGPIPE, SIG_IGN);
+    raise_descriptor_limit();
+    unique_fd cgi_socket = open_cgi_socket(options.cgi_path);
+    if (!cgi_socket) {
+        return 1;
+    }
+    unique_fd segfault_socket = open_segfault_socket(options.segfault_path);
+    if (!segfault_socket || !start_monitor()) {
+        return 1;
+    }
+    run_listener({cgi_socket.get(), segfault_socket.get(), options.dump_dir});
+}
+
+}  // namespace
+
+int run_dbg_cgi(int argc, char** argv) {
+    fill_standard_descriptors();
+    openlog("dbg-cgi", LOG_PID, LOG_DAEMON);
+    daemon_options options;
+    if (!parse_options(argc, argv, &options)) {
+        puts(usage);
+        exit(1);
+    }
+    configure_dumper(options.dumper);
+    if (options.direct) {
+        write_direct(options.compress);
+        return 0;
+    }
+    return run_daemon(options);
+}

@@ -1,0 +1,5 @@
+// The debug CGI daemon.
+#pragma once
+
+// The applet: returns the exit status. As a daemon it comes back only from a failed start.
+int run_dbg_cgi(int argc, char** argv);

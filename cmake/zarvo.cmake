@@ -1,0 +1,55 @@
+# Settings that every target shares, and the functions with which the folders declare theirs.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/lib")
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/archives")
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
+set(ZARVO_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them")
+option(ZARVO_FUZZ "Build the fuzz targets (clang only)" OFF)
+
+find_program(ZARVO_CCACHE ccache)
+if(ZARVO_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${ZARVO_CCACHE}")
+endif()
+
+find_package(Threads REQUIRED)
+
+# What the whole tree is compiled with, tests and tools included.
+add_library(zarvo_common_options INTERFACE)
+target_include_directories(zarvo_common_options INTERFACE "${PROJECT_SOURCE_DIR}")
+target_compile_definitions(zarvo_common_options INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+target_compile_options(zarvo_common_options INTERFACE
+  -Wall -Wextra -Werror -Wshadow -Wundef -Wformat=2 -Wvla -Wcast-align -Wnon-virtual-dtor)
+if(ZARVO_SANITIZE)
+  target_compile_options(zarvo_common_options INTERFACE
+    "-fsanitize=${ZARVO_SANITIZE}" -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(zarvo_common_options INTERFACE "-fsanitize=${ZARVO_SANITIZE}")
+  if(ZARVO_SANITIZE MATCHES thread)
+    # gcc warns about fences, which the thread sanitizer does not follow; the standard library has some.
+    target_compile_options(zarvo_common_options INTERFACE -Wno-tsan)
+  endif()
+endif()
+if(ZARVO_FUZZ)
+  target_compile_options(zarvo_common_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
+# What goes onto the device: no exceptions, no run-time type information, unused sections dropped.
+add_library(zarvo_product_options INTERFACE)
+target_link_libraries(zarvo_product_options INTERFACE zarvo_common_options)
+target_compile_options(zarvo_product_options INTERFACE
+  -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections -fno-asynchronous-unwind-tables)
+
+# zarvo_folder(NAME SOURCES file... [USES folder...]): one folder of the product as a static library.
+function(zarvo_folder name)
+  cmake_parse_arguments(arg "" "" "SOURCES;USES" ${ARGN})
+  add_library(zarvo_${name} STATIC ${arg_SOURCES})
+  target_link_libraries(zarvo_${name} PUBLIC zarvo_common_options PRIVATE zarvo_product_options)
+  foreach(used IN LISTS arg_USES)
+    target_link_libraries(zarvo_${name} PUBLIC zarvo_${used})
+  endforeach()
+endfunction()

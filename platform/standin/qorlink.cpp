@@ -1,0 +1,317 @@
+// Stand-in for the descriptor-passing control socket: a Unix stream socket, one message for each connection.
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdint.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#pragma GCC visibility push(default)
+#include "platform/qorlink.h"
+#pragma GCC visibility pop
+
+namespace {
+
+constexpr int64_t recv_limit_ms = 2000;   // the daemon has one listener; nobody may hold it for longer
+constexpr int64_t send_limit_ms = 10000;  // a web front must not pile up behind a daemon that is stuck
+constexpr int backlog = 128;
+
+// The kernel passes no more than this in one message (SCM_MAX_FD), so with room for that many none is lost.
+constexpr size_t most_descriptors = 253;
+
+// Closes what it holds at the end of its life; -1 holds nothing; errno survives.
+class owned_fd {
+public:
+    owned_fd() = default;
+    explicit owned_fd(int fd) : num(fd) {}
+    owned_fd(const owned_fd&) = delete;
+    owned_fd& operator=(const owned_fd&) = delete;
+    ~owned_fd() { reset(-1); }
+
+    int get() const { return num; }
+
+    int release() {
+        int fd = num;
+        num = -1;
+        return fd;
+    }
+
+    void reset(int fd) {
+        if (num >= 0) {
+            int saved = errno;
+            close(num);
+            errno = saved;
+        }
+        num = fd;
+    }
+
+private:
+    int num = -1;
+};
+
+int fail(int error) {
+    errno = error;
+    return -1;
+}
+
+int64_t now_ms() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Waits until `fd` has one of `events` (or an error or end to report) or the clock reads `end_ms`. False with
+// errno set, ETIMEDOUT when the time is up.
+bool wait_until(int fd, short events, int64_t end_ms) {
+    for (;;) {
+        int64_t left = end_ms - now_ms();
+        if (left <= 0) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+        pollfd waiting = {fd, events, 0};
+        int ready = poll(&waiting, 1, static_cast<int>(left));
+        if (ready > 0) {
+            return true;
+        }
+        if (ready < 0 && errno != EINTR) {
+            return false;
+        }
+    }
+}
+
+// False with errno set when `path` can't be the name of a socket.
+bool fill_address(sockaddr_un* address, const char* path) {
+    size_t length = strlen(path);
+    if (length == 0 || length >= sizeof(address->sun_path)) {
+        // An empty name would silently become one outside the file system.
+        errno = length == 0 ? ENOENT : ENAMETOOLONG;
+        return false;
+    }
+    memset(address, 0, sizeof(*address));
+    address->sun_family = AF_UNIX;
+    memcpy(address->sun_path, path, length + 1);
+    return true;
+}
+
+const sockaddr* generic(const sockaddr_un* address) {
+    return reinterpret_cast<const sockaddr*>(address);
+}
+
+// The next connection, which never blocks; -1 with errno set when there is none in time. `sock` never blocks
+// either: whoever made it readable may have gone before the accept.
+int accept_until(int sock, int64_t end_ms) {
+    for (;;) {
+        if (!wait_until(sock, POLLIN, end_ms)) {
+            return -1;
+        }
+        int fd = accept4(sock, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd >= 0 || (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED)) {
+            return fd;
+        }
+    }
+}
+
+// What one read brought.
+struct arrival {
+    ssize_t bytes = -1;      // 0 at the end of input, -1 with errno set
+    size_t descriptors = 0;  // how many came along
+    owned_fd first;          // the first of them; the others are closed at once
+    bool cut = false;        // some that came along could not be delivered
+};
+
+void take_descriptors(msghdr* message, arrival* into) {
+    for (cmsghdr* part = CMSG_FIRSTHDR(message); part != nullptr; part = CMSG_NXTHDR(message, part)) {
+        if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) {
+            continue;
+        }
+        size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; i++) {
+            int fd;
+            memcpy(&fd, CMSG_DATA(part) + i * sizeof(int), sizeof(int));
+            owned_fd received(fd);
+            if (into->descriptors++ == 0) {
+                into->first.reset(received.release());
+            }
+        }
+    }
+    into->cut = (message->msg_flags & MSG_CTRUNC) != 0;
+}
+
+void receive_until(int conn, char* buf, size_t len, int64_t end_ms, arrival* into) {
+    alignas(cmsghdr) char control[CMSG_SPACE(most_descriptors * sizeof(int))];
+    do {
+        iovec bytes = {buf, len};
+        msghdr message = {};
+        message.msg_iov = &bytes;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        into->bytes = recvmsg(conn, &message, MSG_CMSG_CLOEXEC);
+        if (into->bytes >= 0) {
+            take_descriptors(&message, into);
+            return;
+        }
+    } while (errno == EINTR || (errno == EAGAIN && wait_until(conn, POLLIN, end_ms)));
+}
+
+// Reads up to `len` bytes that come without descriptors. Returns how many came before the end of input, or -1
+// with errno set.
+int receive_rest(int conn, char* buf, int len, int64_t end_ms) {
+    int have = 0;
+    while (have < len) {
+        arrival more;
+        receive_until(conn, buf + have, static_cast<size_t>(len - have), end_ms, &more);
+        if (more.bytes < 0) {
+            return -1;
+        }
+        if (more.descriptors > 0 || more.cut) {
+            return fail(EBADMSG);
+        }
+        if (more.bytes == 0) {
+            break;
+        }
+        have += static_cast<int>(more.bytes);
+    }
+    return have;
+}
+
+// Connects, waiting for room in the daemon's queue. That wait can't be polled for, but the send time-out
+// covers it.
+bool connect_until(int sock, const sockaddr_un* address, int64_t end_ms) {
+    for (;;) {
+        int64_t left = end_ms - now_ms();
+        if (left <= 0) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+        timeval limit = {};
+        limit.tv_sec = static_cast<time_t>(left / 1000);
+        limit.tv_usec = static_cast<suseconds_t>(left % 1000 * 1000);
+        if (setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
+            return false;
+        }
+        if (connect(sock, generic(address), sizeof(*address)) == 0) {
+            return true;
+        }
+        if (errno != EINTR && errno != EAGAIN) {
+            return false;
+        }
+    }
+}
+
+// Sends what fits of `len` bytes, with `fd` on the first of them unless it is -1. Returns the number of bytes
+// sent, or -1 with errno set.
+ssize_t send_some(int sock, const char* buf, size_t len, int fd) {
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    iovec bytes = {const_cast<char*>(buf), len};
+    msghdr message = {};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    if (fd >= 0) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        cmsghdr* part = CMSG_FIRSTHDR(&message);
+        part->cmsg_level = SOL_SOCKET;
+        part->cmsg_type = SCM_RIGHTS;
+        part->cmsg_len = CMSG_LEN(sizeof(int));
+        memcpy(CMSG_DATA(part), &fd, sizeof(int));
+    }
+    return sendmsg(sock, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+bool send_until(int sock, const char* buf, size_t len, int fd, int64_t end_ms) {
+    size_t sent = 0;
+    while (sent < len) {
+        ssize_t count = send_some(sock, buf + sent, len - sent, sent == 0 ? fd : -1);
+        if (count >= 0) {
+            sent += static_cast<size_t>(count);
+        } else if (errno != EINTR && (errno != EAGAIN || !wait_until(sock, POLLOUT, end_ms))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Gives the bound file its mode before anyone can connect. Unlike bind, chmod does not heed the umask.
+bool open_for_business(int sock, const char* path, int mode) {
+    if (chmod(path, static_cast<mode_t>(mode)) == 0 && listen(sock, backlog) == 0) {
+        return true;
+    }
+    int saved = errno;
+    unlink(path);
+    errno = saved;
+    return false;
+}
+
+}  // namespace
+
+int qorlink_server_socket(const char* path, int mode) {
+    sockaddr_un address;
+    if (!fill_address(&address, path)) {
+        return -1;
+    }
+    owned_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (sock.get() < 0 || bind(sock.get(), generic(&address), sizeof(address)) != 0 ||
+        !open_for_business(sock.get(), path, mode)) {
+        return -1;
+    }
+    return sock.release();
+}
+
+int qorlink_recv(int sock, void* buf, int len, int* fd) {
+    *fd = -1;
+    if (len < 1) {
+        return fail(EINVAL);
+    }
+    int64_t end_ms = now_ms() + recv_limit_ms;
+    owned_fd conn(accept_until(sock, end_ms));
+    if (conn.get() < 0) {
+        return -1;
+    }
+    // The first byte is read alone: a longer read would also bring descriptors that were sent with later
+    // ones.
+    auto* bytes = static_cast<char*>(buf);
+    arrival head;
+    receive_until(conn.get(), bytes, 1, end_ms, &head);
+    if (head.bytes < 1) {
+        return static_cast<int>(head.bytes);
+    }
+    if (head.descriptors != 1 || head.cut) {
+        return fail(EBADMSG);
+    }
+    int rest = receive_rest(conn.get(), bytes + 1, len - 1, end_ms);
+    if (rest < 0) {
+        return -1;
+    }
+    *fd = head.first.release();
+    return 1 + rest;
+}
+
+int qorlink_send(const char* path, const void* buf, int len, int fd) {
+    sockaddr_un address;
+    if (!fill_address(&address, path)) {
+        return -1;
+    }
+    if (len < 1) {
+        return fail(EINVAL);
+    }
+    // Looked at before there is a socket, which would get a closed descriptor's number and be sent itself.
+    if (fcntl(fd, F_GETFD) < 0) {
+        return -1;
+    }
+    int64_t end_ms = now_ms() + send_limit_ms;
+    owned_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (sock.get() < 0 || !connect_until(sock.get(), &address, end_ms) ||
+        !send_until(sock.get(), static_cast<const char*>(buf), static_cast<size_t>(len), fd, end_ms)) {
+        return -1;
+    }
+    (void)shutdown(sock.get(),
+                   SHUT_WR);  // all bytes are on their way; if this fails, the close says the same
+    return 0;
+}

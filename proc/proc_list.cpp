@@ -1,0 +1,190 @@
+#include "proc/proc_list.h"
+
+#include <ctype.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <iterator>
+
+#include "common/unique_fd.h"
+
+std::atomic<pid_t> proc_extra_ignore_pid{-1};
+
+namespace {
+
+constexpr size_t path_room = 128;
+constexpr const char* default_root = "/proc";
+
+// Forms "root/pid/file"; false when the buffer is too small.
+bool form_path(char (&path)[path_room], const char* root, pid_t pid, const char* file) {
+    int length = snprintf(path, sizeof path, "%s/%ld/%s", root, static_cast<long>(pid), file);
+    return length > 0 && static_cast<size_t>(length) < sizeof path;
+}
+
+bool file_exists(const char* path) {
+    struct stat status;
+    return stat(path, &status) == 0;
+}
+
+// Cuts what follows the last `mark` out of `buf` and moves it to the start; false when nothing follows.
+bool keep_behind_last(char* buf, char mark) {
+    char* found = strrchr(buf, mark);
+    if (!found || !found[1]) {
+        return false;
+    }
+    memmove(buf, found + 1, strlen(found + 1) + 1);
+    return true;
+}
+
+bool name_from_command_line(const char* path, char* buf, size_t len) {
+    if (!file_exists(path) || read_file_once(path, buf, len) <= 0) {
+        return false;
+    }
+    buf[len - 1] = '\0';
+    return keep_behind_last(buf, '/');
+}
+
+bool name_from_stat(const char* path, char* buf, size_t len) {
+    if (file_exists(path) && read_file_once(path, buf, len) < 1) {
+        return false;
+    }
+    buf[len - 1] = '\0';
+    char* close_mark = strrchr(buf, ')');
+    if (!close_mark || close_mark[1] != ' ') {
+        return false;
+    }
+    *close_mark = '\0';
+    return keep_behind_last(buf, '(');
+}
+
+// The process that a directory entry stands for, as the listing reads it: 0 and a name that does not begin
+// with '0' is no process.
+bool entry_pid(const char* name, pid_t* pid) {
+    *pid = static_cast<pid_t>(strtoul(name, nullptr, 10));
+    return *pid != 0 || name[0] == '0';
+}
+
+}  // namespace
+
+ssize_t read_file_once(const char* path, void* buf, size_t len) {
+    unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        return -1;
+    }
+    return read(file.get(), buf, len);
+}
+
+int proc_list(pid_t* pids, int capacity, pid_t skip_pid) {
+    return proc_list_at(default_root, pids, capacity, skip_pid);
+}
+
+int proc_list_at(const char* root, pid_t* pids, int capacity, pid_t skip_pid) {
+    unique_dir dir(opendir(root));
+    if (!dir) {
+        return 0;
+    }
+    const pid_t left_out[] = {1, skip_pid, proc_extra_ignore_pid, getpid(), getppid()};
+    int count = 0;
+    while (const dirent* entry = readdir(dir.get())) {
+        pid_t pid;
+        if (!entry_pid(entry->d_name, &pid) || count >= capacity) {
+            continue;
+        }
+        bool skipped = false;
+        for (pid_t other : left_out) {
+            skipped = skipped || pid == other;
+        }
+        if (!skipped) {
+            pids[count++] = pid;
+        }
+    }
+    return count;
+}
+
+void proc_plist_remove_pid(pid_t* pids, int first, int end, pid_t pid) {
+    for (int i = first; i < end; i++) {
+        if (pids[i] == pid) {
+            pids[i] = -1;
+            return;
+        }
+    }
+}
+
+int proc_get_pidname(pid_t pid, char* buf, size_t len) {
+    return proc_get_pidname_at(default_root, pid, buf, len);
+}
+
+int proc_get_pidname_at(const char* root, pid_t pid, char* buf, size_t len) {
+    char path[path_room];
+    if (len == 0) {
+        return 0;
+    }
+    if (form_path(path, root, pid, "cmdline") && name_from_command_line(path, buf, len)) {
+        return 1;
+    }
+    return form_path(path, root, pid, "stat") && name_from_stat(path, buf, len) ? 1 : 0;
+}
+
+pid_t proc_ppid(pid_t pid) {
+    return proc_ppid_at(default_root, pid);
+}
+
+pid_t proc_ppid_at(const char* root, pid_t pid) {
+    char path[path_room];
+    char text[256];
+    if (!form_path(path, root, pid, "stat")) {
+        return -1;
+    }
+    ssize_t length = read_file_once(path, text, sizeof text - 1);
+    if (length < 1 || !text[0]) {
+        return -1;
+    }
+    text[length] = '\0';
+    const char* at = text;
+    for (int runs = 0; runs < 3; runs++) {
+        while (*at && !isspace(static_cast<unsigned char>(*at))) {
+            at++;
+        }
+        while (isspace(static_cast<unsigned char>(*at))) {
+            at++;
+        }
+    }
+    return *at ? static_cast<pid_t>(strtoul(at, nullptr, 10)) : -1;
+}
+
+int proc_is_kernel_thread(pid_t pid) {
+    return proc_is_kernel_thread_at(default_root, pid);
+}
+
+int proc_is_kernel_thread_at(const char* root, pid_t pid) {
+    char path[path_room];
+    char target[1];
+    return !form_path(path, root, pid, "exe") || readlink(path, target, sizeof target) < 0 ? 1 : 0;
+}
+
+void proc_find_pid_by_name(const char* root, const char* name, pid_t* pids, int* count, int capacity) {
+    *count = 0;
+    unique_dir dir(opendir(root));
+    if (!dir) {
+        return;
+    }
+    while (*count < capacity) {
+        const dirent* entry = readdir(dir.get());
+        if (!entry) {
+            break;
+        }
+        if (!isdigit(static_cast<unsigned char>(entry->d_name[0]))) {
+            continue;
+        }
+        pid_t pid = static_cast<pid_t>(strtol(entry->d_name, nullptr, 10));
+        char found[1024] = "";
+        if (proc_get_pidname_at(root, pid, found, sizeof found) && strcmp(found, name) == 0) {
+            pids[(*count)++] = pid;
+        }
+    }
+}

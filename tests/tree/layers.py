@@ -1,0 +1,54 @@
+#!/usr/bin/python3
+"""Checks that includes run only down the floors of the house, and that each names its folder.
+
+Usage: layers.py ROOT; prints one line for each include that breaks the rule and exits 1 when there is one.
+"""
+import pathlib
+import re
+import sys
+
+# Lowest first; folders on one floor do not include each other.
+FLOORS = [["platform"], ["common"], ["oops"], ["proc"], ["net"], ["monitor", "trace"], ["dump"], ["archive"],
+          ["cgi"], ["app"]]
+FLOOR_OF = {folder: number for number, folders in enumerate(FLOORS) for folder in folders}
+INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"')
+# What has to stand on its own even among the floors below it.
+STANDALONE = {"archive/tar.cpp": {"archive/tar.h", "common/"}, "archive/tar.h": set()}
+
+
+def complaint(path, included):
+    folder = path.split("/")[0]
+    target = included.split("/")[0]
+    if "/" not in included or target not in FLOOR_OF:
+        return "does not name a folder of the product"
+    if path in STANDALONE and not any(included.startswith(allowed) for allowed in STANDALONE[path]):
+        return "knows more than it should"
+    if target != folder and FLOOR_OF[target] >= FLOOR_OF[folder]:
+        return "is not below"
+    return None
+
+
+def check(root):
+    broken, files = [], 0
+    for folder in FLOOR_OF:
+        for path in sorted((root / folder).rglob("*")):
+            if path.suffix not in (".h", ".cpp"):
+                continue
+            files += 1
+            name = path.relative_to(root).as_posix()
+            for number, line in enumerate(path.read_text().splitlines(), 1):
+                match = INCLUDE.match(line)
+                reason = match and complaint(name, match.group(1))
+                if reason:
+                    broken.append(f'{name}:{number}: "{match.group(1)}" {reason}')
+    return broken, files
+
+
+def main():
+    broken, files = check(pathlib.Path(sys.argv[1]))
+    print("\n".join(broken) or f"{files} files keep to their floors")
+    return 1 if broken or files == 0 else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

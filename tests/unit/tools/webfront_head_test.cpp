@@ -1,0 +1,157 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tools/webfront/head.h"
+
+namespace {
+
+using state = webfront_head_state;
+
+state feed_whole(const std::string& bytes) {
+    webfront_head_reader reader;
+    return reader.feed(bytes);
+}
+
+// Bytes one by one; stops at the first state that ends the reading.
+state feed_bytewise(webfront_head_reader& reader, const std::string& bytes) {
+    state now = state::incomplete;
+    for (size_t i = 0; i < bytes.size() && now == state::incomplete; i++) {
+        now = reader.feed({&bytes[i], 1});
+    }
+    return now;
+}
+
+// A head of exactly `size` bytes.
+std::string head_of_size(size_t size) {
+    std::string start = "GET / HTTP/1.1\r\nHost: a\r\nX: ";
+    std::string end = "\r\n\r\n";
+    return start + std::string(size - start.size() - end.size(), 'x') + end;
+}
+
+}  // namespace
+
+TEST(webfront_head_reader, gives_what_a_whole_head_says) {
+    webfront_head_reader reader;
+    ASSERT_EQ(reader.feed("GET /a%00?b=c HTTP/1.1\r\nhOST:  localhost:1 \r\nAccept: */*\r\n\r\n"),
+              state::complete);
+    webfront_head head = reader.head();
+    EXPECT_EQ(head.version, 11);
+    EXPECT_EQ(head.method, "GET");
+    EXPECT_EQ(head.target, "/a%00?b=c");
+    EXPECT_EQ(head.hosts, std::vector<std::string>{"localhost:1"});
+    EXPECT_FALSE(head.announces_body);
+}
+
+TEST(webfront_head_reader, gives_the_same_for_single_bytes) {
+    webfront_head_reader reader;
+    ASSERT_EQ(feed_bytewise(reader, "GET /x?y HTTP/1.0\r\nHost: a\r\nHost: b\r\nX: y\r\n\r\n"),
+              state::complete);
+    webfront_head head = reader.head();
+    EXPECT_EQ(head.version, 10);
+    EXPECT_EQ(head.target, "/x?y");
+    EXPECT_EQ(head.hosts, (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(webfront_head_reader, knows_whether_anything_came) {
+    webfront_head_reader reader;
+    EXPECT_FALSE(reader.started());
+    EXPECT_EQ(reader.feed("G"), state::incomplete);
+    EXPECT_TRUE(reader.started());
+}
+
+TEST(webfront_head_reader, drops_what_follows_the_head) {
+    webfront_head_reader reader;
+    ASSERT_EQ(reader.feed("GET /a HTTP/1.1\r\nHost: a\r\n\r\nGET /b HTTP/1.1\r\n"), state::complete);
+    EXPECT_EQ(reader.head().target, "/a");
+}
+
+TEST(webfront_head_reader, keeps_methods_it_does_not_know) {
+    webfront_head_reader reader;
+    ASSERT_EQ(reader.feed("BREW /pot HTTP/1.1\r\nHost: a\r\n\r\n"), state::complete);
+    EXPECT_EQ(reader.head().method, "BREW");
+}
+
+TEST(webfront_head_reader, sees_an_announced_body_of_any_length) {
+    for (const char* field :
+         {"Content-Length: 5", "Content-Length: 99999999999", "Transfer-Encoding: chunked"}) {
+        webfront_head_reader reader;
+        ASSERT_EQ(reader.feed(std::string("POST / HTTP/1.1\r\n") + field + "\r\n\r\n"), state::complete)
+            << field;
+        EXPECT_TRUE(reader.head().announces_body) << field;
+    }
+    webfront_head_reader reader;
+    ASSERT_EQ(reader.feed("GET / HTTP/1.1\r\nContent-Length: 0\r\n\r\n"), state::complete);
+    EXPECT_FALSE(reader.head().announces_body);
+}
+
+TEST(webfront_head_reader, finds_bad_heads) {
+    using namespace std::string_literals;
+    const std::string bad[] = {
+        "\r\n\r\n",
+        "hello\r\n\r\n",
+        "GET /\r\n\r\n",
+        "GET / HTTP/2.0\r\n\r\n",
+        "GET / HTTP/0.9\r\n\r\n",
+        "GET / FTP/1.1\r\n\r\n",
+        "GET  / HTTP/1.1\r\n\r\n",
+        "GET /a\tb HTTP/1.1\r\n\r\n",
+        "GET /a\0b HTTP/1.1\r\n\r\n"s,
+        "GET /a\x7f HTTP/1.1\r\n\r\n",
+        "GET / HTTP/1.1\r\nno colon\r\n\r\n",
+        "GET / HTTP/1.1\r\nHost : a\r\n\r\n",
+        "GET / HTTP/1.1\r\nHost: a\0b\r\n\r\n"s,
+        "GET / HTTP/1.1\r\nContent-Length: -1\r\n\r\n",
+        "\x16\x03\x01\x02 tls client hello\r\n\r\n",
+    };
+    for (const std::string& head : bad) {
+        EXPECT_EQ(feed_whole(head), state::bad) << head;
+        webfront_head_reader reader;
+        EXPECT_EQ(feed_bytewise(reader, head), state::bad) << head;
+    }
+}
+
+TEST(webfront_head_reader, takes_no_bare_newline_for_a_line_end) {
+    EXPECT_EQ(feed_whole("GET / HTTP/1.1\n\n"), state::bad);
+    // In pieces it goes on waiting for a line end, within the time that a head has.
+    webfront_head_reader reader;
+    EXPECT_EQ(feed_bytewise(reader, "GET / HTTP/1.1\n\n"), state::incomplete);
+}
+
+TEST(webfront_head_reader, takes_a_head_of_8192_bytes) {
+    EXPECT_EQ(feed_whole(head_of_size(8192)), state::complete);
+    webfront_head_reader reader;
+    EXPECT_EQ(feed_bytewise(reader, head_of_size(8192)), state::complete);
+}
+
+TEST(webfront_head_reader, refuses_a_head_of_8193_bytes) {
+    EXPECT_EQ(feed_whole(head_of_size(8193)), state::too_large);
+    webfront_head_reader reader;
+    EXPECT_EQ(feed_bytewise(reader, head_of_size(8193)), state::too_large);
+}
+
+TEST(webfront_head_reader, refuses_a_long_head_in_pieces_of_every_size) {
+    std::string head = head_of_size(9000);
+    for (size_t piece = 1; piece < 9000; piece += 97) {
+        webfront_head_reader reader;
+        state now = state::incomplete;
+        for (size_t at = 0; at < head.size() && now == state::incomplete; at += piece) {
+            now = reader.feed(std::string_view(head).substr(at, piece));
+        }
+        ASSERT_EQ(now, state::too_large) << piece;
+    }
+}
+
+TEST(webfront_head_reader, counts_many_short_fields_too) {
+    webfront_head_reader reader;
+    std::string head = "GET / HTTP/1.1\r\n";
+    while (head.size() <= 8192) {
+        head += "A: b\r\n";
+    }
+    EXPECT_EQ(feed_bytewise(reader, head), state::too_large);
+}
+
+TEST(webfront_head_reader, refuses_an_endless_target_and_an_endless_method) {
+    EXPECT_EQ(feed_whole("GET /" + std::string(9000, 'x')), state::too_large);
+    EXPECT_EQ(feed_whole(std::string(9000, 'x')), state::too_large);
+}

@@ -1,0 +1,55 @@
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "tools/webfront/options.h"
+
+namespace {
+
+// What webfront_parse finds wrong with these words after the program's name.
+std::string parse(std::vector<std::string> words, webfront_options& options) {
+    words.insert(words.begin(), "webfront");
+    std::vector<char*> argv;
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    return webfront_parse(static_cast<int>(words.size()), argv.data(), options);
+}
+
+}  // namespace
+
+TEST(webfront_parse, has_defaults) {
+    webfront_options options;
+    EXPECT_EQ(parse({}, options), "");
+    EXPECT_EQ(options.port, 8080);
+    EXPECT_EQ(options.socket_path, "/var/run/dbg-cgi/ctrl-cgi-socket");
+    EXPECT_FALSE(options.help);
+}
+
+TEST(webfront_parse, takes_port_socket_and_help) {
+    webfront_options options;
+    EXPECT_EQ(parse({"--port", "0", "--socket=/run/x", "--help"}, options), "");
+    EXPECT_EQ(options.port, 0);
+    EXPECT_EQ(options.socket_path, "/run/x");
+    EXPECT_TRUE(options.help);
+    EXPECT_EQ(parse({"--port", "65535"}, options), "");
+    EXPECT_EQ(options.port, 65535);
+}
+
+TEST(webfront_parse, refuses_what_is_no_port) {
+    for (const char* port : {"", "-1", "65536", "80x", "x", " 80", "+80", "0x50"}) {
+        webfront_options options;
+        EXPECT_EQ(parse({"--port", port}, options), std::string("not a port number: ") + port);
+        EXPECT_EQ(options.port, 8080) << port;
+    }
+}
+
+TEST(webfront_parse, names_what_is_wrong) {
+    webfront_options options;
+    EXPECT_EQ(parse({"--socket", ""}, options), "the socket's path is empty");
+    EXPECT_EQ(parse({"--port"}, options), "a value is missing after --port");
+    EXPECT_EQ(parse({"--bogus"}, options), "unknown option: --bogus");
+    EXPECT_EQ(parse({"-x"}, options), "unknown option: -x");
+    EXPECT_EQ(parse({"word"}, options), "unexpected word: word");
+}

@@ -1,0 +1,45 @@
+#include "tools/webfront/answer.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace {
+
+constexpr struct {
+    int status;
+    std::string_view reason;
+    std::string_view fields;  // further header fields
+} statuses[] = {
+    {200, "OK", "Cache-Control: no-cache\r\n"},
+    {400, "Bad Request", ""},
+    {403, "Forbidden", ""},
+    {404, "Not Found", ""},
+    {405, "Method Not Allowed", "Allow: GET\r\n"},
+    {408, "Request Timeout", ""},
+    {414, "URI Too Long", ""},
+    {431, "Request Header Fields Too Large", ""},
+    {502, "Bad Gateway", ""},
+    {503, "Service Unavailable", ""},
+};
+
+}  // namespace
+
+std::string webfront_answer(int status, std::string_view content_type, std::string_view body,
+                            bool with_body) {
+    const auto* row = std::ranges::find(statuses, status, [](const auto& one) { return one.status; });
+    if (row == std::end(statuses)) {
+        abort();
+    }
+    std::string answer = "HTTP/1.0 " + std::to_string(status) + " ";
+    answer.append(row->reason).append("\r\nConnection: close\r\nContent-Type: ").append(content_type);
+    answer.append("\r\nContent-Length: ").append(std::to_string(body.size()));
+    answer.append("\r\nX-Content-Type-Options: nosniff\r\n").append(row->fields).append("\r\n");
+    if (with_body) {
+        answer.append(body);
+    }
+    return answer;
+}
+
+std::string webfront_error(int status, std::string_view sentence, bool with_body) {
+    return webfront_answer(status, "text/plain; charset=utf-8", std::string(sentence) + "\n", with_body);
+}

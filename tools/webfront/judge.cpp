@@ -1,0 +1,72 @@
+#include "tools/webfront/judge.h"
+
+#include "tools/webfront/answer.h"
+#include "tools/webfront/page.h"
+#include "tools/webfront/target.h"
+
+namespace {
+
+// What a rule finds wrong; status 0: nothing.
+struct objection {
+    int status = 0;
+    std::string sentence;
+};
+
+objection check_host(const webfront_head& head, uint16_t port) {
+    if (head.hosts.size() > 1) {
+        return {400, "The request has more than one Host field."};
+    }
+    if (head.hosts.empty() && head.version >= 11) {
+        return {400, "The request has no Host field."};
+    }
+    if (head.hosts.empty() || !webfront_host_is_ours(head.hosts[0], port)) {
+        return {403, "Only requests to 127.0.0.1:" + std::to_string(port) +
+                         " or localhost:" + std::to_string(port) + " are answered here."};
+    }
+    return {};
+}
+
+objection check_request(const webfront_head& head) {
+    if (head.method != "GET") {
+        return {405, "Only GET requests are answered here."};
+    }
+    if (head.announces_body) {
+        return {400, "A request here has no body."};
+    }
+    if (!webfront_is_origin_form(head.target)) {
+        return {400, "The request's target is not a path that starts with a slash."};
+    }
+    if (webfront_message(head.target).size() > webfront_message_limit) {
+        return {414, "The path and the query are longer than the " + std::to_string(webfront_message_limit) +
+                         " bytes that the daemon takes."};
+    }
+    // Browsers ask for it on their own; the daemon would start a whole archive.
+    if (webfront_split_target(head.target).path == "/favicon.ico") {
+        return {404, "There is no icon."};
+    }
+    return {};
+}
+
+}  // namespace
+
+webfront_verdict webfront_judge_broken(webfront_head_state state) {
+    if (state == webfront_head_state::too_large) {
+        return {false, webfront_error(431, "The request's head is longer than " +
+                                               std::to_string(webfront_head_limit) + " bytes.")};
+    }
+    return {false, webfront_error(400, "The request is not well-formed HTTP.")};
+}
+
+webfront_verdict webfront_judge(const webfront_head& head, uint16_t port) {
+    objection found = check_host(head, port);
+    if (found.status == 0) {
+        found = check_request(head);
+    }
+    if (found.status != 0) {
+        return {false, webfront_error(found.status, found.sentence, head.method != "HEAD")};
+    }
+    if (webfront_split_target(head.target).path == "/") {
+        return {false, webfront_answer(200, "text/html; charset=utf-8", webfront_page())};
+    }
+    return {true, webfront_message(head.target)};
+}

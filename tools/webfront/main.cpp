@@ -1,0 +1,60 @@
+// webfront: a small HTTP front on 127.0.0.1 for a machine without the device's web server. It reads each
+// request's head and hands the connection over to the daemon, which answers on it.
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "tools/webfront/options.h"
+#include "tools/webfront/server.h"
+
+namespace {
+
+void end_at_once(int) {
+    _exit(0);
+}
+
+void set_signals() {
+    struct sigaction action = {};
+    action.sa_handler = end_at_once;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+}
+
+int report_listen_failure(uint16_t port) {
+    if (errno == EADDRINUSE) {
+        fprintf(stderr,
+                "webfront: Another program listens on 127.0.0.1:%u; choose another port with --port.\n",
+                port);
+    } else {
+        fprintf(stderr, "webfront: Could not listen on 127.0.0.1:%u: %s.\n", port, strerror(errno));
+    }
+    return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    webfront_options options;
+    std::string wrong = webfront_parse(argc, argv, options);
+    if (!wrong.empty()) {
+        fprintf(stderr, "webfront: %s\n%s", wrong.c_str(), webfront_usage);
+        return 2;
+    }
+    if (options.help) {
+        fputs(webfront_usage, stdout);
+        return 0;
+    }
+    set_signals();
+    uint16_t port = options.port;
+    unique_fd listener = webfront_listen(&port);
+    if (!listener) {
+        return report_listen_failure(port);
+    }
+    printf("http://127.0.0.1:%u/\n", port);
+    fflush(stdout);
+    webfront_serve(std::move(listener), port, options.socket_path);
+}
