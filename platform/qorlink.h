@@ -13,8 +13,9 @@ int qorlink_server_socket(const char* path, int mode);
 
 // Receives one message of at most `len` bytes from the next connection on `sock`, and the descriptor that
 // came with it in `*fd` (the caller closes it; close-on-exec). Returns the message's length. A result below 1
-// is a failure (nobody there, an empty message, no descriptor or several, a peer that is silent or dies):
-// `*fd` is then -1 and nothing is left open. A peer never holds the caller for more than 2 seconds in all.
+// is a failure (nobody there, an empty message, no descriptor or several, a silent peer): `*fd` is then -1
+// and nothing is left open. A peer never holds the caller for more than 2 seconds in all. One that dies
+// half-way looks like one that had no more to say: what came until then is the message.
 int qorlink_recv(int sock, void* buf, int len, int* fd);
 
 // Sends one message of `len` (above 0) bytes and the descriptor `fd` (borrowed) to the socket at `path`.

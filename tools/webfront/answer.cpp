@@ -1,6 +1,7 @@
 #include "tools/webfront/answer.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <iterator>
 
 namespace {

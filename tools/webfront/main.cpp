@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <exception>
 
 #include "tools/webfront/options.h"
 #include "tools/webfront/server.h"
@@ -56,5 +57,10 @@ int main(int argc, char** argv) {
     }
     printf("http://127.0.0.1:%u/\n", port);
     fflush(stdout);
-    webfront_serve(std::move(listener), port, options.socket_path);
+    try {
+        webfront_serve(std::move(listener), port, options.socket_path);
+    } catch (const std::exception& error) {
+        fprintf(stderr, "webfront: Out of resources: %s.\n", error.what());
+        return 1;
+    }
 }
