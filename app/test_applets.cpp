@@ -71,7 +71,7 @@ int run_fdleak(int argc, char** argv) {
 }
 
 int run_segfault(int /*argc*/, char** /*argv*/) {
-    int* volatile nowhere = nullptr;
+    volatile int* volatile nowhere = nullptr;
     *nowhere = 0;  // NOLINT(clang-analyzer-core.NullDereference): what the applet is for
     __builtin_trap();
 }

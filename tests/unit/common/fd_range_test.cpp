@@ -1,0 +1,131 @@
+#include "common/fd_range.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <stddef.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+
+#include "tests/unit/support/children.h"
+
+namespace {
+
+constexpr int first_closed = 10;
+
+using closer = void (*)(unsigned first);
+
+// In a process of its own: opens the descriptors from `low` to `high` with every third one missing, then
+// closes from 10 on with `close_from`. 0 when exactly those below 10 stay, as they were before.
+int leaves_only_the_low_ones(closer close_from, int low, int high) {
+    return run_in_child([=] {
+        for (int fd = low; fd <= high; fd++) {
+            if (fd % 3 == 0) {
+                close(fd);
+            } else if (dup2(STDIN_FILENO, fd) != fd) {
+                return 1;
+            }
+        }
+        std::set<int> wanted = open_fds();
+        if (wanted.count(high) != (high % 3 == 0 ? 0U : 1U)) {
+            return 2;
+        }
+        wanted.erase(wanted.lower_bound(first_closed), wanted.end());
+        close_from(first_closed);
+        return open_fds() == wanted ? 0 : 3;
+    });
+}
+
+// Makes every close_range(2) of this process fail as on a kernel that lacks it.
+bool take_close_range_away() {
+#ifdef SYS_close_range
+    sock_filter steps[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_close_range, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program = {sizeof steps / sizeof steps[0], steps};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+#else
+    return true;
+#endif
+}
+
+std::string way_name(const testing::TestParamInfo<closer>& way) {
+    return way.param == fd_range_close_from ? "from" : "listed";
+}
+
+class fd_range : public testing::TestWithParam<closer> {
+protected:
+    void SetUp() override { ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit_), 0); }
+    rlimit limit_ = {};
+};
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(both_ways, fd_range, testing::Values(fd_range_close_from, fd_range_close_listed),
+                         way_name);
+
+TEST_P(fd_range, closes_all_from_the_given_one_on) {
+    EXPECT_TRUE(exited_with(leaves_only_the_low_ones(GetParam(), 4, 30), 0));
+}
+
+TEST_P(fd_range, closes_hundreds_with_gaps) {
+    EXPECT_TRUE(exited_with(leaves_only_the_low_ones(GetParam(), 5, 1000), 0));
+}
+
+TEST_P(fd_range, closes_thousands_with_gaps) {
+    if (limit_.rlim_cur < 9000) {
+        GTEST_SKIP() << "only " << limit_.rlim_cur << " descriptors are allowed here";
+    }
+    EXPECT_TRUE(exited_with(leaves_only_the_low_ones(GetParam(), 3, 8999), 0));
+}
+
+TEST_P(fd_range, closes_a_lonely_high_one) {
+    closer close_from = GetParam();
+    int high = static_cast<int>(limit_.rlim_cur < 4000 ? limit_.rlim_cur : 4000) - 1;
+    int status = run_in_child([=] {
+        close_from(3);
+        if (dup2(STDIN_FILENO, high) != high) {
+            return 1;
+        }
+        close_from(3);
+        return open_fds() == std::set<int>{0, 1, 2} ? 0 : 2;
+    });
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+}
+
+TEST_P(fd_range, closes_nothing_where_nothing_is) {
+    closer close_from = GetParam();
+    int status = run_in_child([=] {
+        close_from(3);
+        std::set<int> before = open_fds();
+        close_from(3);
+        close_from(500);
+        return open_fds() == before && before == std::set<int>{0, 1, 2} ? 0 : 1;
+    });
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+}
+
+TEST(fd_range_close_from, works_on_a_kernel_without_close_range) {
+    constexpr int cannot = 77;
+    int status = run_in_child([] {
+        if (!take_close_range_away()) {
+            return cannot;
+        }
+        return WEXITSTATUS(leaves_only_the_low_ones(fd_range_close_from, 4, 300));
+    });
+    if (exited_with(status, cannot)) {
+        GTEST_SKIP() << "this kernel filters no system calls";
+    }
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+}

@@ -1,0 +1,404 @@
+#include "common/sys_run.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/ptrace.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/support/capture.h"
+#include "tests/unit/support/children.h"
+#include "tests/unit/support/pipes.h"
+#include "tests/unit/support/signals.h"
+
+namespace {
+
+constexpr const char* shell = "/bin/sh";
+
+// An argument vector as the runner takes it.
+class arguments {
+public:
+    arguments(std::initializer_list<std::string> words) : words_(words) {
+        for (std::string& word : words_) {
+            pointers_.push_back(word.data());
+        }
+        pointers_.push_back(nullptr);
+    }
+    char* const* get() const { return pointers_.data(); }
+
+private:
+    std::vector<std::string> words_;
+    std::vector<char*> pointers_;
+};
+
+arguments script(const std::string& text) {
+    return {"sh", "-c", text};
+}
+
+// Runs a shell script with the test's own standard input and error, its output going to `out`.
+int run_script(const std::string& text, int out) {
+    return sys_run(shell, script(text).get(), STDIN_FILENO, out, STDERR_FILENO, 0);
+}
+
+struct run_output {
+    int result = 0;
+    std::string out;
+    std::string err;
+};
+
+run_output run_program(const char* path, const arguments& argv) {
+    test_pipe out;
+    test_pipe err;
+    run_output run;
+    run.result = sys_run(path, argv.get(), STDIN_FILENO, out.in.get(), err.in.get(), 0);
+    run.out = out.finish();
+    run.err = err.finish();
+    return run;
+}
+
+std::string perror_line(const std::string& call, int error) {
+    return call + ": " + strerror(error) + "\n";
+}
+
+// Runs `work` where no fork succeeds; `prepare` runs before, with forks allowed. Returns its exit status.
+template <typename Prepare, typename Work>
+int run_without_forks(Prepare prepare, Work work) {
+    return run_in_child([&] {
+        prepare();
+        rlimit none = {0, 0};
+        // The limit does not bind root.
+        if (setrlimit(RLIMIT_NPROC, &none) != 0 || (geteuid() == 0 && setuid(65534) != 0)) {
+            return 100;
+        }
+        return work();
+    });
+}
+
+}  // namespace
+
+TEST(sys_run, returns_the_exit_code) {
+    EXPECT_EQ(run_script("exit 3", STDOUT_FILENO), 3);
+    EXPECT_EQ(run_script("exit 0", STDOUT_FILENO), 0);
+    EXPECT_EQ(run_script("exit 255", STDOUT_FILENO), 255);
+}
+
+TEST(sys_run, death_by_a_signal_is_zero) {
+    EXPECT_EQ(run_script("kill -9 $$", STDOUT_FILENO), 0);
+}
+
+TEST(sys_run, path_that_does_not_exist_is_one_and_is_said_on_the_given_error) {
+    run_output run = run_program("/nowhere/to/be/found", {"found"});
+    EXPECT_EQ(run.result, 1);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, perror_line("execve", ENOENT));
+}
+
+TEST(sys_run, path_that_is_no_program_is_one_and_is_said_on_the_given_error) {
+    run_output run = run_program("/", {"/"});
+    EXPECT_EQ(run.result, 1);
+    EXPECT_EQ(run.err, perror_line("execve", EACCES));
+}
+
+TEST(sys_run, path_is_not_searched_for) {
+    run_output run = run_program("sh", script("exit 0"));
+    EXPECT_EQ(run.result, 1);
+    EXPECT_EQ(run.err, perror_line("execve", ENOENT));
+}
+
+TEST(sys_run, arguments_arrive_as_given) {
+    run_output run =
+        run_program(shell, {"sh", "-c", "for a; do echo \"<$a>\"; done", "name", "a b", "", "*"});
+    EXPECT_EQ(run.result, 0);
+    EXPECT_EQ(run.out, "<a b>\n<>\n<*>\n");
+}
+
+TEST(sys_run, environment_is_empty) {
+    setenv("ZARVO_TEST_LEAK", "seen", 1);
+    run_output run = run_program("/bin/cat", {"cat", "/proc/self/environ"});
+    unsetenv("ZARVO_TEST_LEAK");
+    EXPECT_EQ(run.result, 0) << run.err;
+    EXPECT_EQ(run.out, "");
+}
+
+TEST(sys_run, program_that_lists_the_environment_finds_none) {
+    if (access("/usr/bin/env", X_OK) != 0) {
+        GTEST_SKIP() << "no /usr/bin/env here";
+    }
+    run_output run = run_program("/usr/bin/env", {"env"});
+    EXPECT_EQ(run.result, 0);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "");
+}
+
+TEST(sys_run, program_gets_the_three_descriptors) {
+    test_pipe in;
+    test_pipe out;
+    test_pipe err;
+    ASSERT_EQ(write(in.in.get(), "line\n", 5), 5);
+    EXPECT_EQ(sys_run(shell, script("read x; echo \"out $x\"; echo \"err $x\" >&2").get(), in.out.get(),
+                      out.in.get(), err.in.get(), 0),
+              0);
+    EXPECT_EQ(out.finish(), "out line\n");
+    EXPECT_EQ(err.finish(), "err line\n");
+}
+
+TEST(sys_run, one_descriptor_may_serve_for_all_three) {
+    test_socketpair pair;
+    ASSERT_EQ(send(pair.a.get(), "line\n", 5, MSG_NOSIGNAL), 5);
+    int fd = pair.b.get();
+    EXPECT_EQ(sys_run(shell, script("read x; echo \"out $x\"; echo \"err $x\" >&2").get(), fd, fd, fd, 0), 0);
+    pair.b.reset();
+    EXPECT_EQ(read_all(pair.a.get()), "out line\nerr line\n");
+}
+
+TEST(sys_run, standard_descriptors_may_stand_for_themselves) {
+    std::string out = capture_stdout([] {
+        EXPECT_EQ(sys_run(shell, script("echo plain").get(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0),
+                  0);
+    });
+    EXPECT_EQ(out, "plain\n");
+}
+
+TEST(sys_run, standard_descriptors_may_stand_for_each_other) {
+    arguments both = script("echo out; echo err >&2");
+    std::string out = capture_stdout(
+        [&] { EXPECT_EQ(sys_run(shell, both.get(), STDIN_FILENO, STDOUT_FILENO, STDOUT_FILENO, 0), 0); });
+    EXPECT_EQ(out, "out\nerr\n");
+    std::string err = capture_stderr(
+        [&] { EXPECT_EQ(sys_run(shell, both.get(), STDIN_FILENO, STDERR_FILENO, STDERR_FILENO, 0), 0); });
+    EXPECT_EQ(err, "out\nerr\n");
+}
+
+TEST(sys_run, caller_keeps_its_descriptors) {
+    std::set<int> before = open_fds();
+    test_pipe out;
+    int kept = out.in.get();
+    EXPECT_EQ(run_script("echo x", kept), 0);
+    EXPECT_EQ(write(kept, "y", 1), 1);
+    EXPECT_EQ(out.finish(), "x\ny");
+    out.out.reset();
+    EXPECT_EQ(open_fds(), before);
+}
+
+TEST(sys_run, given_descriptor_itself_stays_open_for_the_program) {
+    test_pipe out(0);
+    EXPECT_EQ(run_script("test -e /proc/self/fd/" + std::to_string(out.in.get()), out.in.get()), 0);
+}
+
+TEST(sys_run, close_on_exec_descriptors_do_not_reach_the_program) {
+    test_pipe out;
+    unique_fd other(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(run_script("test -e /proc/self/fd/" + std::to_string(out.in.get()), out.in.get()), 1);
+    EXPECT_EQ(run_script("test -e /proc/self/fd/" + std::to_string(other.get()), out.in.get()), 1);
+}
+
+TEST(sys_run, output_ends_with_the_program) {
+    test_pipe out;
+    EXPECT_EQ(run_script("echo done", out.in.get()), 0);
+    EXPECT_EQ(out.finish(), "done\n");  // waits for ever where a copy of the writing side was left open
+}
+
+TEST(sys_run, waits_for_its_own_child_only) {
+    pid_t other = fork_child([] { return 9; });
+    siginfo_t info;
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(other), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(run_script("exit 3", STDOUT_FILENO), 3);
+    EXPECT_TRUE(exited_with(wait_status(other), 9));
+}
+
+TEST(sys_run, leaves_no_child_behind) {
+    EXPECT_EQ(run_script("exit 3", STDOUT_FILENO), 3);
+    EXPECT_EQ(run_program("/nowhere/to/be/found", {"found"}).result, 1);
+    EXPECT_TRUE(has_no_children());
+}
+
+TEST(sys_run, signal_does_not_end_the_wait) {
+    scoped_signal handled(SIGUSR1, count_signal);
+    test_pipe in;
+    std::atomic<pid_t> tid{0};
+    int result = -1;
+    std::thread runner([&] {
+        tid = thread_id();
+        result =
+            sys_run(shell, script("read x; exit 3").get(), in.out.get(), STDOUT_FILENO, STDERR_FILENO, 0);
+    });
+    EXPECT_TRUE(eventually([&tid] { return tid != 0; }));
+    interrupt_asleep(tid, SIGUSR1);
+    interrupt_asleep(tid, SIGUSR1);
+    in.in.reset();
+    runner.join();
+    EXPECT_EQ(result, 3);
+}
+
+TEST(sys_run, buffered_line_comes_out_once_and_first) {
+    test_pipe out;
+    int status = run_in_child([&out] {
+        dup2(out.in.get(), STDOUT_FILENO);
+        printf("before\n");
+        sys_run(shell, script("echo program").get(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0);
+        printf("behind\n");
+        return 0;
+    });
+    EXPECT_TRUE(exited_with(status, 0));
+    EXPECT_EQ(out.finish(), "before\nprogram\nbehind\n");
+}
+
+TEST(sys_run, buffered_line_comes_out_once_when_the_program_can_not_be_started) {
+    test_pipe out;
+    int status = run_in_child([&out] {
+        dup2(out.in.get(), STDOUT_FILENO);
+        dup2(out.in.get(), STDERR_FILENO);
+        printf("before\n");
+        return sys_run("/nowhere/to/be/found", arguments{"found"}.get(), STDIN_FILENO, STDOUT_FILENO,
+                       STDERR_FILENO, 0);
+    });
+    EXPECT_TRUE(exited_with(status, 1));
+    EXPECT_EQ(out.finish(), "before\n" + perror_line("execve", ENOENT));
+}
+
+TEST(sys_run, exit_handlers_of_the_caller_do_not_run_in_the_child) {
+    test_pipe out;
+    int status = run_in_child([&out] {
+        static int handler_fd;
+        handler_fd = out.in.get();
+        atexit([] { (void)!write(handler_fd, "handler", 7); });
+        return sys_run("/nowhere/to/be/found", arguments{"found"}.get(), STDIN_FILENO, STDOUT_FILENO,
+                       handler_fd, 0);
+    });
+    EXPECT_TRUE(exited_with(status, 1));
+    EXPECT_EQ(out.finish(), perror_line("execve", ENOENT));
+}
+
+TEST(sys_run, traced_program_is_waited_for_up_to_its_first_stop) {
+    // The stop's signal stands where an exit code would. The program is let go when its tracer ends.
+    int status = run_in_child(
+        [] { return sys_run(shell, script("exit 3").get(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 1); });
+    EXPECT_TRUE(exited_with(status, SIGTRAP)) << status;
+}
+
+TEST(sys_run, without_a_fork_returns_zero_where_there_is_no_child) {
+    test_pipe err;
+    int status = run_without_forks([] {},
+                                   [&err] {
+                                       dup2(err.in.get(), STDERR_FILENO);
+                                       return run_script("exit 3", STDOUT_FILENO);
+                                   });
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+    EXPECT_EQ(err.finish(), perror_line("fork", EAGAIN));
+}
+
+TEST(sys_run, without_a_fork_waits_for_any_child_of_the_caller) {
+    test_pipe err;
+    int status = run_without_forks([] { fork_child([] { return 7; }); },
+                                   [&err] {
+                                       dup2(err.in.get(), STDERR_FILENO);
+                                       return run_script("exit 3", STDOUT_FILENO);
+                                   });
+    EXPECT_TRUE(exited_with(status, 7)) << status;
+    EXPECT_EQ(err.finish(), perror_line("fork", EAGAIN));
+}
+
+TEST(sys_run_nowait, returns_while_the_program_still_runs) {
+    test_pipe in;
+    pid_t pid =
+        sys_run_nowait(shell, script("read x; exit 4").get(), in.out.get(), STDOUT_FILENO, STDERR_FILENO, 0);
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);
+    in.in.reset();
+    EXPECT_TRUE(exited_with(wait_status(pid), 4));
+}
+
+TEST(sys_run_nowait, environment_is_empty) {
+    test_pipe out;
+    pid_t pid = sys_run_nowait("/bin/cat", arguments{"cat", "/proc/self/environ"}.get(), STDIN_FILENO,
+                               out.in.get(), STDERR_FILENO, 0);
+    EXPECT_TRUE(exited_with(wait_status(pid), 0));
+    EXPECT_EQ(out.finish(), "");
+}
+
+TEST(sys_run_nowait, program_that_can_not_be_started_still_has_a_pid) {
+    test_pipe err;
+    pid_t pid = sys_run_nowait("/nowhere/to/be/found", arguments{"found"}.get(), STDIN_FILENO, STDOUT_FILENO,
+                               err.in.get(), 0);
+    ASSERT_GT(pid, 0);
+    EXPECT_TRUE(exited_with(wait_status(pid), 1));
+    EXPECT_EQ(err.finish(), perror_line("execve", ENOENT));
+}
+
+TEST(sys_run_nowait, without_a_fork_is_minus_one) {
+    test_pipe err;
+    int status = run_without_forks([] {},
+                                   [&err] {
+                                       dup2(err.in.get(), STDERR_FILENO);
+                                       pid_t pid = sys_run_nowait(shell, script("exit 3").get(), STDIN_FILENO,
+                                                                  STDOUT_FILENO, STDERR_FILENO, 0);
+                                       return pid == -1 ? 0 : 1;
+                                   });
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+    EXPECT_EQ(err.finish(), perror_line("fork", EAGAIN));
+}
+
+TEST(sys_run_nowait, traced_program_stops_at_its_execve) {
+    test_pipe out;
+    pid_t pid =
+        sys_run_nowait(shell, script("echo ran; exit 5").get(), STDIN_FILENO, out.in.get(), STDERR_FILENO, 1);
+    ASSERT_GT(pid, 0);
+    int status = wait_status(pid);
+    ASSERT_TRUE(WIFSTOPPED(status)) << status;
+    EXPECT_EQ(WSTOPSIG(status), SIGTRAP);
+    set_nonblocking(out.out.get());
+    char byte;
+    EXPECT_EQ(read(out.out.get(), &byte, 1), -1) << "the program ran before its tracer let it";
+    ASSERT_EQ(ptrace(PTRACE_CONT, pid, nullptr, nullptr), 0);
+    EXPECT_TRUE(exited_with(wait_status(pid), 5));
+    EXPECT_EQ(out.finish(), "ran\n");
+}
+
+TEST(sys_run_nowait, program_without_a_tracer_does_not_stop) {
+    pid_t pid = sys_run_nowait(shell, script("exit 5").get(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0);
+    EXPECT_TRUE(exited_with(wait_status(pid), 5));
+}
+
+TEST(sys_run_envp_nowait, program_gets_the_given_environment) {
+    test_pipe out;
+    pid_t pid = sys_run_envp_nowait("/bin/cat", arguments{"cat", "/proc/self/environ"}.get(),
+                                    arguments{"A=1", "LONG=two words"}.get(), STDIN_FILENO, out.in.get(),
+                                    STDERR_FILENO, 0);
+    EXPECT_TRUE(exited_with(wait_status(pid), 0));
+    EXPECT_EQ(out.finish(), std::string("A=1\0LONG=two words\0", 19));
+}
+
+TEST(sys_run_envp_nowait, traced_program_stops_at_its_execve) {
+    pid_t pid = sys_run_envp_nowait(shell, script("exit 6").get(), arguments{}.get(), STDIN_FILENO,
+                                    STDOUT_FILENO, STDERR_FILENO, 1);
+    int status = wait_status(pid);
+    ASSERT_TRUE(WIFSTOPPED(status)) << status;
+    ASSERT_EQ(ptrace(PTRACE_CONT, pid, nullptr, nullptr), 0);
+    EXPECT_TRUE(exited_with(wait_status(pid), 6));
+}
+
+TEST(sys_run_envp_nowait, without_a_fork_is_minus_one) {
+    test_pipe err;
+    int status = run_without_forks([] {},
+                                   [&err] {
+                                       dup2(err.in.get(), STDERR_FILENO);
+                                       pid_t pid = sys_run_envp_nowait(shell, script("exit 3").get(),
+                                                                       arguments{"A=1"}.get(), STDIN_FILENO,
+                                                                       STDOUT_FILENO, STDERR_FILENO, 0);
+                                       return pid == -1 ? 0 : 1;
+                                   });
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+    EXPECT_EQ(err.finish(), perror_line("fork", EAGAIN));
+}
