@@ -1,0 +1,7 @@
+// bench_gzip: the archive's compressor as a program of its own, standard input to standard output.
+#include "archive/gzip.h"
+
+int main() {
+    stream_gzip();
+    return 0;
+}
