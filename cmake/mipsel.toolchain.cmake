@@ -6,7 +6,8 @@ set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR mipsel)
 
 set(ZARVO_CROSS_PREFIX "mipsel-linux-gnu-" CACHE STRING "Prefix of the cross compiler's programs")
-set(ZARVO_SYSROOT "" CACHE PATH "Headers and libraries of the device; empty: build/board/sysroot, or the compiler's own")
+set(ZARVO_SYSROOT "" CACHE PATH
+  "Headers and libraries of the device; empty: build/board/sysroot, or else the cross compiler's own")
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ZARVO_CROSS_PREFIX ZARVO_SYSROOT)
 
 # The compiler brings ar, ranlib, nm and the rest along: CMake looks for them under the same prefix.

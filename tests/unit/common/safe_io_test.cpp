@@ -1,15 +1,20 @@
 #include "common/safe_io.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -109,6 +114,38 @@ unique_fd socket_with_reset_behind(const std::string& left) {
     send_message(pair.b.get(), left);
     pair.b.reset();
     return std::move(pair.a);
+}
+
+sockaddr* as_address(sockaddr_in* address) {
+    return reinterpret_cast<sockaddr*>(address);
+}
+
+unique_fd bound_datagram_socket(sockaddr_in address) {
+    unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(bind(fd.get(), as_address(&address), sizeof address), 0) << strerror(errno);
+    return fd;
+}
+
+sockaddr_in address_of(int fd) {
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+    EXPECT_EQ(getsockname(fd, as_address(&address), &length), 0);
+    return address;
+}
+
+// The next `length` bytes, not read by what is tested here.
+std::string next_bytes(int fd, size_t length) {
+    std::string all;
+    char byte_block[4096];
+    while (all.size() < length) {
+        ssize_t got = read(fd, byte_block, std::min(sizeof byte_block, length - all.size()));
+        if (got <= 0) {
+            ADD_FAILURE() << "the input ended after " << all.size() << " bytes";
+            break;
+        }
+        all.append(byte_block, static_cast<size_t>(got));
+    }
+    return all;
 }
 
 }  // namespace
@@ -231,9 +268,7 @@ TEST(safe_write, finishes_the_rest_after_a_signal) {
         interrupt_asleep(writer.tid(), SIGUSR1);
     }
     EXPECT_FALSE(writer.done());
-    std::string all(bytes.size() / 2, '\0');
-    ASSERT_EQ(safe_read(pipe.out.get(), all.data(), static_cast<unsigned>(all.size())),
-              static_cast<ssize_t>(all.size()));
+    std::string all = next_bytes(pipe.out.get(), bytes.size() / 2);
     interrupt_asleep(writer.tid(), SIGUSR1);
     all += read_all(pipe.out.get());
     writer.join();
@@ -353,8 +388,7 @@ TEST(safe_copyfd, ends_when_the_reader_goes_on_the_way) {
     test_pipe out;
     int64_t result = 0;
     watched_thread copier([&] { result = safe_copyfd(in.get(), out.in.get()); });
-    std::string some(3 * block_size, '\0');
-    ASSERT_EQ(safe_read(out.out.get(), some.data(), 3 * block_size), static_cast<ssize_t>(3 * block_size));
+    EXPECT_EQ(next_bytes(out.out.get(), 3 * block_size).size(), 3 * block_size);
     out.out.reset();
     copier.join();
     EXPECT_EQ(result, -1);
@@ -456,10 +490,29 @@ TEST(safe_copyfd, retries_a_read_that_finds_nothing_yet) {
 }
 
 TEST(safe_copyfd, retries_a_read_whatever_its_error_is) {
-    unique_fd in = socket_with_reset_behind("five!");  // the error is reported once, then comes the end
+    // A datagram to a port that nobody has makes the next read fail once; then a datagram comes and an empty
+    // one, which reads as the end.
+    sockaddr_in here = {};
+    here.sin_family = AF_INET;
+    here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    unique_fd in = bound_datagram_socket(here);
+    sockaddr_in in_address = address_of(in.get());
+    unique_fd other = bound_datagram_socket(here);
+    sockaddr_in other_address = address_of(other.get());
+    ASSERT_EQ(connect(in.get(), as_address(&other_address), sizeof other_address), 0);
+    other.reset();
+    if (send(in.get(), "x", 1, 0) != 1) {
+        GTEST_SKIP() << "no loopback here: " << strerror(errno);
+    }
+    other = bound_datagram_socket(other_address);
+    ASSERT_EQ(sendto(other.get(), "behind", 6, 0, as_address(&in_address), sizeof in_address), 6);
+    ASSERT_EQ(sendto(other.get(), "", 0, 0, as_address(&in_address), sizeof in_address), 0);
+    pollfd waiting = {in.get(), POLLERR, 0};
+    ASSERT_EQ(poll(&waiting, 1, 2000), 1);
+    ASSERT_TRUE(waiting.revents & POLLERR) << "no error waits to be read";
     unique_fd out = memory_file();
-    EXPECT_EQ(safe_copyfd(in.get(), out.get()), 5);
-    EXPECT_EQ(content_of(out.get()), "five!");
+    EXPECT_EQ(safe_copyfd(in.get(), out.get()), 6);
+    EXPECT_EQ(content_of(out.get()), "behind");
 }
 
 TEST(safe_copyfd, counts_beyond_32_bits) {

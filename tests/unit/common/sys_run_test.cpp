@@ -181,6 +181,17 @@ TEST(sys_run, standard_descriptors_may_stand_for_each_other) {
     EXPECT_EQ(err, "out\nerr\n");
 }
 
+TEST(sys_run, standard_descriptor_that_is_replaced_can_not_stand_for_an_earlier_one) {
+    // All that are replaced are closed before the first is put in place; deliberate.
+    test_pipe out;
+    EXPECT_EQ(sys_run(shell, script("test -e /proc/self/fd/0").get(), STDOUT_FILENO, out.in.get(),
+                      STDERR_FILENO, 0),
+              1);
+    EXPECT_EQ(sys_run(shell, script("test -e /proc/self/fd/0").get(), STDOUT_FILENO, STDOUT_FILENO,
+                      STDERR_FILENO, 0),
+              0);
+}
+
 TEST(sys_run, caller_keeps_its_descriptors) {
     std::set<int> before = open_fds();
     test_pipe out;

@@ -10,8 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -74,17 +72,10 @@ protected:
 
 using pid_list = std::vector<pid_t>;
 
-std::string as_text(const pid_t* pids, int count) {
-    std::ostringstream text;
-    for (int i = 0; i < count; i++) {
-        text << pids[i] << ' ';
-    }
-    return text.str();
-}
-
-// Runs `work(pid)` in a namespace of its own with its own /proc, as its process 3 (child of 2, child of 1)
-// and with a child 4 and a child 5 that wait. Returns what `work` returned, "<no namespace>" where that is
-// not allowed.
+// Runs `work(a, b)` in a namespace of its own with its own /proc, as the child of a child of its first
+// process and with two children `a` and `b` that wait: no other process is there. Returns what `work`
+// returned,
+// "<no namespace>" where that is not allowed.
 template <typename Work>
 std::string in_private_proc(Work work) {
     test_pipe answer;
@@ -106,7 +97,7 @@ std::string in_private_proc(Work work) {
                         return 0;
                     };
                     pid_t sleepers[] = {fork_child(wait_for_ever), fork_child(wait_for_ever)};
-                    std::string text = work();
+                    std::string text = work(sleepers[0], sleepers[1]);
                     (void)!write(answer.in.get(), text.data(), text.size());
                     for (pid_t sleeper : sleepers) {
                         kill(sleeper, SIGKILL);
@@ -486,21 +477,29 @@ TEST_F(proc_list_at_tree, closes_the_directory) {
 
 // The machine's own processes are nobody's business here, so the real /proc is that of a namespace.
 TEST(proc_list, lists_the_others_of_the_real_proc) {
-    std::string found = in_private_proc([] {
-        pid_t pids[32];
-        std::string text = as_text(pids, proc_list(pids, 32, -1)) + "| ";
-        text += as_text(pids, proc_list(pids, 32, 4)) + "| ";
-        text += as_text(pids, proc_list(pids, 1, -1)) + "| ";
-        text += as_text(pids, proc_list(pids, 0, -1)) + "| ";
-        proc_extra_ignore_pid = 5;
-        text += as_text(pids, proc_list(pids, 32, -1)) + "| ";
-        text += as_text(pids, proc_list(pids, 32, 4)) + "|";
+    std::string found = in_private_proc([](pid_t a, pid_t b) {
+        std::string text;
+        auto add = [&](int capacity, pid_t skip) {
+            pid_t pids[32];
+            int count = proc_list(pids, capacity, skip);
+            for (int i = 0; i < count; i++) {
+                text += pids[i] == a ? 'a' : pids[i] == b ? 'b' : '?';
+            }
+            text += '|';
+        };
+        add(32, -1);
+        add(32, a);
+        add(1, -1);
+        add(0, -1);
+        proc_extra_ignore_pid = b;
+        add(32, -1);
+        add(32, a);
         return text;
     });
     if (found == "<no namespace>") {
         GTEST_SKIP() << "no namespace of its own may be made here";
     }
-    EXPECT_EQ(found, "4 5 | 5 | 4 | | 4 | |");
+    EXPECT_EQ(found, "ab|b|a||a||");
 }
 
 TEST(proc_extra_ignore_pid, is_none_at_the_start) {
@@ -600,6 +599,8 @@ TEST_F(proc_find_pid_by_name_tree, process_that_vanishes_has_not_the_name_of_ano
         dir_.make_folder(std::to_string(pid));
     }
     EXPECT_EQ(found_by_name(root(), "same"), pid_list{7});
+    add_process(7, "/bin/odd (same) name\0"s, "7 (odd) S 1 ");
+    EXPECT_EQ(found_by_name(root(), "same"), pid_list{});
 }
 
 TEST_F(proc_find_pid_by_name_tree, missing_root_finds_nobody) {

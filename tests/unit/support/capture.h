@@ -30,20 +30,38 @@ inline unique_fd memory_file() {
     return file;
 }
 
+// Points standard descriptor `fd` at `target` for the length of a block. The stdio buffers are flushed on
+// both sides, so that nothing gets to the wrong place.
+class redirection {
+public:
+    redirection(int fd, int target) : fd_(fd) {
+        fflush(stdout);
+        fflush(stderr);
+        saved_ = unique_fd(fcntl(fd, F_DUPFD_CLOEXEC, 3));
+        EXPECT_TRUE(saved_);
+        EXPECT_EQ(dup2(target, fd), fd);
+    }
+    redirection(const redirection&) = delete;
+    redirection& operator=(const redirection&) = delete;
+    ~redirection() {
+        fflush(stdout);
+        fflush(stderr);
+        EXPECT_EQ(dup2(saved_.get(), fd_), fd_);
+    }
+
+private:
+    int fd_;
+    unique_fd saved_;
+};
+
 // Runs `work` with descriptor `standard_fd` (1 or 2) pointing into memory and returns what arrived there.
-// The stdio buffers are flushed on both sides, so only text of `work` is in it.
 template <typename Work>
 std::string capture(int standard_fd, Work work) {
-    fflush(stdout);
-    fflush(stderr);
-    unique_fd saved(fcntl(standard_fd, F_DUPFD_CLOEXEC, 3));
     unique_fd file = memory_file();
-    EXPECT_TRUE(saved);
-    EXPECT_EQ(dup2(file.get(), standard_fd), standard_fd);
-    work();
-    fflush(stdout);
-    fflush(stderr);
-    EXPECT_EQ(dup2(saved.get(), standard_fd), standard_fd);
+    {
+        redirection into_memory(standard_fd, file.get());
+        work();
+    }
     return content_of(file.get());
 }
 

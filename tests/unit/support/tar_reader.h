@@ -78,9 +78,7 @@ inline tar_listing tar_read(const std::string& stream) {
         size_t whole = (entry.size + 511) / 512 * 512;
         at += 512;
         entry.data = stream.substr(at, entry.size);
-        std::string padding = at < stream.size() || whole == 0
-                                  ? stream.substr(at + entry.data.size(), whole - entry.size)
-                                  : std::string();
+        std::string padding = stream.substr(at + entry.data.size(), whole - entry.size);
         bool is_whole = entry.data.size() == entry.size && padding == std::string(whole - entry.size, '\0');
         listing.entries.push_back(std::move(entry));
         if (!is_whole) {

@@ -1,0 +1,265 @@
+#include "archive/gzip.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <string>
+
+#include "common/safe_io.h"
+#include "tests/unit/archive/archive_fixture.h"
+#include "tests/unit/support/capture.h"
+#include "tests/unit/support/children.h"
+#include "tests/unit/support/pipes.h"
+#include "tests/unit/support/temp_dir.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+const std::string gzip_header = "\x1f\x8b\x08\0\0\0\0\0\0\x03"s;
+const std::string empty_stream = gzip_header + "\x03\0"s + std::string(8, '\0');
+
+enum stdin_state { input_open = 10, input_closed = 11 };
+
+// Runs the compressor between two descriptors in a process of its own; whether it left its input open.
+int compress_between(int in_fd, int out_fd) {
+    int status = run_in_child([in_fd, out_fd] {
+        ignore_broken_pipes();
+        dup2(out_fd, STDOUT_FILENO);
+        dup2(in_fd, STDIN_FILENO);
+        stream_gzip();
+        return fcntl(STDIN_FILENO, F_GETFD) < 0 ? input_closed : input_open;
+    });
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+unique_fd memory_file_with(const std::string& bytes) {
+    unique_fd file = memory_file();
+    EXPECT_EQ(safe_write(file.get(), bytes.data(), static_cast<unsigned>(bytes.size())),
+              static_cast<ssize_t>(bytes.size()));
+    lseek(file.get(), 0, SEEK_SET);
+    return file;
+}
+
+std::string compressed(const std::string& bytes) {
+    unique_fd in = memory_file_with(bytes);
+    unique_fd out = memory_file();
+    EXPECT_EQ(compress_between(in.get(), out.get()), input_open);
+    return content_of(out.get());
+}
+
+std::string little_endian(uint32_t value) {
+    std::string bytes;
+    for (int shift = 0; shift < 32; shift += 8) {
+        bytes += static_cast<char>(value >> shift);
+    }
+    return bytes;
+}
+
+uint32_t crc_of(const std::string& bytes) {
+    return static_cast<uint32_t>(
+        crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size())));
+}
+
+// What zlib makes of the bytes at its fastest level when it gets them in blocks of 16384 bytes and is never
+// asked to flush.
+std::string raw_deflate(const std::string& bytes) {
+    z_stream stream = {};
+    EXPECT_EQ(deflateInit2(&stream, 1, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY), Z_OK);
+    std::string out(bytes.size() + bytes.size() / 100 + 1000, '\0');
+    stream.next_out = reinterpret_cast<Bytef*>(out.data());
+    stream.avail_out = static_cast<uInt>(out.size());
+    for (size_t at = 0; at < bytes.size(); at += 16384) {
+        std::string block = bytes.substr(at, 16384);
+        stream.next_in = reinterpret_cast<Bytef*>(block.data());
+        stream.avail_in = static_cast<uInt>(block.size());
+        EXPECT_EQ(deflate(&stream, Z_NO_FLUSH), Z_OK);
+        EXPECT_EQ(stream.avail_in, 0u);
+    }
+    EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+    out.resize(out.size() - stream.avail_out);
+    deflateEnd(&stream);
+    return out;
+}
+
+std::string repeated(const std::string& text, size_t size) {
+    std::string bytes;
+    while (bytes.size() < size) {
+        bytes += text + std::to_string(bytes.size());
+    }
+    bytes.resize(size);
+    return bytes;
+}
+
+// Header, deflate data and trailer are exactly the expected ones, and zlib's own reader agrees.
+void expect_whole_stream(const std::string& bytes) {
+    std::string packed = compressed(bytes);
+    std::string trailer = little_endian(crc_of(bytes)) + little_endian(static_cast<uint32_t>(bytes.size()));
+    EXPECT_TRUE(packed == gzip_header + raw_deflate(bytes) + trailer) << bytes.size();
+    EXPECT_TRUE(gunzip(packed) == bytes) << bytes.size();
+}
+
+}  // namespace
+
+TEST(stream_gzip, header_is_ten_fixed_bytes) {
+    EXPECT_EQ(compressed("some text").substr(0, 10), gzip_header);
+}
+
+TEST(stream_gzip, trailer_is_checksum_and_length_in_little_endian) {
+    std::string packed = compressed(std::string(300, 'q'));
+    ASSERT_GT(packed.size(), 18u);
+    EXPECT_EQ(packed.substr(packed.size() - 8),
+              little_endian(crc_of(std::string(300, 'q'))) + "\x2c\x01\0\0"s);
+}
+
+TEST(stream_gzip, empty_input_is_the_empty_stream) {
+    EXPECT_EQ(compressed(""), empty_stream);
+    EXPECT_EQ(gunzip(compressed("")), "");
+}
+
+TEST(stream_gzip, gives_what_zlib_gives_around_the_buffer_size) {
+    for (size_t size : {1, 2, 16383, 16384, 16385, 32767, 32768, 32769, 65536}) {
+        expect_whole_stream(noise(size));
+        expect_whole_stream(std::string(size, '\0'));
+        expect_whole_stream(repeated("line of a log ", size));
+    }
+}
+
+TEST(stream_gzip, gives_what_zlib_gives_for_megabytes) {
+    expect_whole_stream(noise(5000001));
+    expect_whole_stream(std::string(7340033, '\0'));
+    expect_whole_stream(repeated("line of a log ", 3000000));
+}
+
+TEST(stream_gzip, input_that_trickles_in_gives_the_same_stream) {
+    std::string bytes = noise(40000);
+    test_pipe trickle;
+    unique_fd out = memory_file();
+    pid_t writer = fork_child([&trickle, &bytes] {
+        trickle.out.reset();
+        for (size_t at = 0; at < bytes.size(); at += 777) {
+            std::string piece = bytes.substr(at, 777);
+            if (safe_write(trickle.in.get(), piece.data(), static_cast<unsigned>(piece.size())) < 0) {
+                return 1;
+            }
+        }
+        return 0;
+    });
+    trickle.in.reset();
+    EXPECT_EQ(compress_between(trickle.out.get(), out.get()), input_open);
+    EXPECT_TRUE(exited_with(wait_status(writer), 0));
+    EXPECT_TRUE(content_of(out.get()) == compressed(bytes));
+}
+
+TEST(stream_gzip, gzip_program_finds_no_fault) {
+    if (system("command -v gzip >/dev/null 2>&1") != 0) {
+        GTEST_SKIP() << "no gzip here";
+    }
+    temp_dir folder;
+    for (const std::string& bytes : {""s, "x"s, noise(100000), std::string(1 << 20, '\0')}) {
+        std::string file = folder.write_file("packed.gz", compressed(bytes));
+        EXPECT_EQ(system(("gzip -t " + file).c_str()), 0) << bytes.size();
+        unique_fd unpacked(open(folder.write_file("plain", "").c_str(), O_RDONLY | O_CLOEXEC));
+        EXPECT_EQ(system(("gzip -dc " + file + " > " + folder.path("plain")).c_str()), 0);
+        EXPECT_TRUE(read_all(unpacked.get()) == bytes);
+    }
+}
+
+TEST(stream_gzip, length_counts_modulo_4_gib) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "four gigabytes take too long under a sanitizer";
+#endif
+    if (sizeof(long) < 8) {
+        GTEST_SKIP() << "four gigabytes take too long on a small processor";
+    }
+    const off_t size = (off_t{1} << 32) + 5;
+    unique_fd in = memory_file();
+    ASSERT_EQ(ftruncate(in.get(), size), 0);
+    unique_fd out = memory_file();
+    ASSERT_EQ(compress_between(in.get(), out.get()), input_open);
+    std::string packed = content_of(out.get());
+    ASSERT_GT(packed.size(), 18u);
+    std::string part(1 << 20, '\0');
+    uLong crc = crc_of("");
+    uLong part_crc = crc_of(part);
+    for (off_t done = 0; done + static_cast<off_t>(part.size()) <= size;
+         done += static_cast<off_t>(part.size())) {
+        crc = crc32_combine(crc, part_crc, static_cast<z_off_t>(part.size()));
+    }
+    crc = crc32_combine(crc, crc_of(std::string(5, '\0')), 5);
+    EXPECT_EQ(packed.substr(packed.size() - 8), little_endian(static_cast<uint32_t>(crc)) + "\x05\0\0\0"s);
+}
+
+TEST(stream_gzip, read_error_counts_as_the_end_of_input) {
+    unique_fd directory(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    unique_fd out = memory_file();
+    EXPECT_EQ(compress_between(directory.get(), out.get()), input_open);
+    EXPECT_EQ(content_of(out.get()), empty_stream);
+}
+
+TEST(stream_gzip, closed_input_counts_as_the_end_of_input) {
+    unique_fd out = memory_file();
+    int status = run_in_child([&out] {
+        dup2(out.get(), STDOUT_FILENO);
+        close(STDIN_FILENO);
+        stream_gzip();
+        return 0;
+    });
+    EXPECT_TRUE(exited_with(status, 0));
+    EXPECT_EQ(content_of(out.get()), empty_stream);
+}
+
+TEST(stream_gzip, reader_that_has_gone_ends_an_endless_input) {
+    unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+    test_pipe broken;
+    broken.out.reset();
+    EXPECT_EQ(compress_between(endless.get(), broken.in.get()), input_closed);
+}
+
+TEST(stream_gzip, reader_that_goes_midway_ends_an_endless_input) {
+    unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+    test_socketpair pair;
+    pid_t reader = fork_child([&pair] {
+        pair.a.reset();
+        char some[100000];
+        return safe_read(pair.b.get(), some, sizeof some) == sizeof some ? 0 : 1;
+    });
+    pair.b.reset();
+    EXPECT_EQ(compress_between(endless.get(), pair.a.get()), input_closed);
+    EXPECT_TRUE(exited_with(wait_status(reader), 0));
+}
+
+TEST(stream_gzip, any_other_write_error_ends_it_too) {
+    unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+    unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(compress_between(endless.get(), full.get()), input_closed);
+}
+
+TEST(stream_gzip, write_error_in_the_last_bytes_closes_the_input) {
+    for (rlim_t room : {10, 11, 12, 15, 16, 19, 20}) {
+        unique_fd in = memory_file();
+        unique_fd out = memory_file();
+        int status = run_in_child([&] {
+            signal(SIGXFSZ, SIG_IGN);
+            rlimit limit = {room, room};
+            setrlimit(RLIMIT_FSIZE, &limit);
+            return compress_between(in.get(), out.get());
+        });
+        EXPECT_TRUE(exited_with(status, room < empty_stream.size() ? input_closed : input_open)) << room;
+        EXPECT_EQ(content_of(out.get()), empty_stream.substr(0, room));
+    }
+}
+
+TEST(stream_gzip, failure_is_not_reported) {
+    ignore_broken_pipes();
+    unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+    test_pipe broken;
+    broken.out.reset();
+    EXPECT_EQ(capture_stderr([&] { compress_between(endless.get(), broken.in.get()); }), "");
+}

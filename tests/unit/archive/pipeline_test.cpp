@@ -1,0 +1,366 @@
+#include "archive/pipeline.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "common/safe_io.h"
+#include "tests/unit/archive/archive_fixture.h"
+#include "tests/unit/support/capture.h"
+#include "tests/unit/support/children.h"
+#include "tests/unit/support/pipes.h"
+#include "tests/unit/support/tar_reader.h"
+
+namespace {
+
+using builder = std::function<void(int pipe_fd, int compressor_pid)>;
+
+void call_builder(void* context, int pipe_fd, int compressor_pid) {
+    (*static_cast<builder*>(context))(pipe_fd, compressor_pid);
+}
+
+void compress_onto(int fd, builder build) {
+    stream_compressed(fd, call_builder, &build);
+}
+
+bool put(int fd, const std::string& bytes) {
+    return safe_write(fd, bytes.data(), static_cast<unsigned>(bytes.size())) >= 0;
+}
+
+// What arrives when `bytes` are built.
+std::string compressed_in_memory(const std::string& bytes) {
+    unique_fd out = memory_file();
+    compress_onto(out.get(), [&bytes](int pipe_fd, int) { EXPECT_TRUE(put(pipe_fd, bytes)); });
+    return content_of(out.get());
+}
+
+std::set<std::string> open_fds_of(int pid) {
+    std::set<std::string> found;
+    unique_dir dir(opendir(("/proc/" + std::to_string(pid) + "/fd").c_str()));
+    while (const dirent* entry = dir ? readdir(dir.get()) : nullptr) {
+        if (entry->d_name[0] != '.') {
+            found.insert(entry->d_name);
+        }
+    }
+    return found;
+}
+
+bool is_gone(int pid) {
+    return kill(pid, 0) < 0 && errno == ESRCH;
+}
+
+// Writes until the other end has gone; the error of the last write.
+int error_of_endless_writing(int pipe_fd) {
+    std::string bytes = noise(16384);
+    while (put(pipe_fd, bytes)) {
+    }
+    return errno;
+}
+
+// A signal that interrupts whatever waits, again and again.
+std::atomic<int> interruptions{0};
+
+void interrupt_every_10_ms() {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { interruptions++; };
+    sigaction(SIGALRM, &action, nullptr);
+    itimerval often = {{0, 10000}, {0, 10000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+}
+
+}  // namespace
+
+TEST(stream_compressed, builder_that_writes_nothing_gives_an_empty_stream) {
+    using namespace std::string_literals;
+    EXPECT_EQ(compressed_in_memory(""), "\x1f\x8b\x08\0\0\0\0\0\0\x03\x03\0\0\0\0\0\0\0\0\0"s);
+}
+
+TEST(stream_compressed, what_is_built_arrives_whole) {
+    for (size_t size : {1, 16384, 100000, 3000000}) {
+        std::string bytes = noise(size);
+        EXPECT_TRUE(gunzip(compressed_in_memory(bytes)) == bytes) << size;
+    }
+}
+
+TEST(stream_compressed, builder_runs_in_the_caller_and_knows_the_compressor) {
+    unique_fd out = memory_file();
+    int compressor = -1;
+    pid_t builder_pid = -1;
+    std::string parent_line;
+    compress_onto(out.get(), [&](int, int pid) {
+        compressor = pid;
+        builder_pid = getpid();
+        unique_fd status(open(("/proc/" + std::to_string(pid) + "/status").c_str(), O_RDONLY | O_CLOEXEC));
+        parent_line = status ? read_all(status.get()) : "";
+    });
+    EXPECT_EQ(builder_pid, getpid());
+    EXPECT_NE(parent_line.find("\nPPid:\t" + std::to_string(getpid()) + "\n"), std::string::npos);
+    EXPECT_TRUE(is_gone(compressor));
+}
+
+TEST(stream_compressed, returns_when_the_compressor_has_been_reaped) {
+    EXPECT_TRUE(exited_with(run_in_child([] {
+                                unique_fd out = memory_file();
+                                compress_onto(out.get(), [](int fd, int) { put(fd, noise(50000)); });
+                                bool complete = gunzip(content_of(out.get())) == noise(50000);
+                                return complete && has_no_children() ? 0 : 1;
+                            }),
+                            0));
+}
+
+TEST(stream_compressed, other_children_are_left_to_their_owner) {
+    pid_t other = fork_child([] { return 7; });
+    siginfo_t info;
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(other), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_NE(compressed_in_memory("text"), "");
+    EXPECT_TRUE(exited_with(wait_status(other), 7));
+}
+
+TEST(stream_compressed, descriptors_are_as_before) {
+    unique_fd out = memory_file();
+    std::set<int> before = open_fds();
+    compress_onto(out.get(), [](int fd, int) { put(fd, "text"); });
+    EXPECT_EQ(open_fds(), before);
+    EXPECT_EQ(write(out.get(), "x", 1), 1);
+}
+
+TEST(stream_compressed, pipe_does_not_reach_programs_that_the_builder_starts) {
+    unique_fd out = memory_file();
+    bool cloexec = false;
+    compress_onto(out.get(), [&cloexec](int fd, int) { cloexec = is_cloexec(fd); });
+    EXPECT_TRUE(cloexec);
+}
+
+TEST(stream_compressed, compressor_holds_the_standard_descriptors_only) {
+    test_pipe inheritable(0);
+    unique_fd out = memory_file();
+    bool settled = false;
+    compress_onto(out.get(), [&settled](int, int pid) {
+        settled = eventually([pid] { return open_fds_of(pid) == std::set<std::string>{"0", "1", "2"}; });
+    });
+    EXPECT_TRUE(settled);
+}
+
+TEST(stream_compressed, other_downloads_end_while_it_runs) {
+    test_socketpair download;
+    unique_fd out = memory_file();
+    bool ended = false;
+    compress_onto(out.get(), [&](int, int) {
+        download.a.reset();
+        ended = read_all(download.b.get()).empty();  // returns only when nobody holds the other end
+    });
+    EXPECT_TRUE(ended);
+}
+
+TEST(stream_compressed, client_that_has_gone_ends_the_building_with_a_broken_pipe) {
+    ignore_broken_pipes();
+    test_pipe client;
+    client.out.reset();
+    std::set<int> before = open_fds();
+    int error = 0;
+    int compressor = -1;
+    compress_onto(client.in.get(), [&](int fd, int pid) {
+        compressor = pid;
+        error = error_of_endless_writing(fd);
+    });
+    EXPECT_EQ(error, EPIPE);
+    EXPECT_TRUE(is_gone(compressor));
+    EXPECT_EQ(open_fds(), before);
+}
+
+TEST(stream_compressed, client_that_goes_midway_ends_the_building_with_a_broken_pipe) {
+    ignore_broken_pipes();
+    test_socketpair pair;
+    std::thread client([end = std::move(pair.b)] {
+        char some[200000];
+        EXPECT_EQ(safe_read(end.get(), some, sizeof some), static_cast<ssize_t>(sizeof some));
+    });
+    int error = 0;
+    int compressor = -1;
+    compress_onto(pair.a.get(), [&](int fd, int pid) {
+        compressor = pid;
+        error = error_of_endless_writing(fd);
+    });
+    client.join();
+    EXPECT_EQ(error, EPIPE);
+    EXPECT_TRUE(is_gone(compressor));
+}
+
+TEST(stream_compressed, standard_output_can_be_the_destination) {
+    std::string bytes = noise(70000);
+    std::string seen =
+        capture_stdout([&bytes] { compress_onto(STDOUT_FILENO, [&bytes](int fd, int) { put(fd, bytes); }); });
+    EXPECT_TRUE(gunzip(seen) == bytes);
+}
+
+TEST(stream_compressed, text_buffered_before_comes_once_and_in_front) {
+    std::string seen = capture_stdout([] {
+        printf("said before");
+        compress_onto(STDOUT_FILENO, [](int fd, int) { put(fd, "built"); });
+    });
+    ASSERT_EQ(seen.substr(0, 11), "said before");
+    EXPECT_EQ(gunzip(seen.substr(11)), "built");
+}
+
+TEST(stream_compressed, text_buffered_before_stays_out_of_another_destination) {
+    unique_fd out = memory_file();
+    std::string seen = capture_stdout([&out] {
+        printf("said before");
+        compress_onto(out.get(), [](int fd, int) { put(fd, "built"); });
+    });
+    EXPECT_EQ(seen, "said before");
+    EXPECT_EQ(gunzip(content_of(out.get())), "built");
+}
+
+TEST(stream_compressed, signals_do_not_make_it_return_early) {
+    int status = run_in_child([] {
+        test_pipe slow;
+        std::string arrived;
+        sigset_t alarm_only;
+        sigemptyset(&alarm_only);
+        sigaddset(&alarm_only, SIGALRM);
+        pthread_sigmask(SIG_BLOCK, &alarm_only, nullptr);
+        std::atomic<bool> built{false};
+        // More than the client's pipe holds: the compressor lives until the client reads.
+        std::thread client([&] {
+            eventually([&built] { return built.load(); });
+            int seen = interruptions;
+            eventually([seen] { return interruptions > seen + 3; });
+            arrived = read_all(slow.out.get());
+        });
+        pthread_sigmask(SIG_UNBLOCK, &alarm_only, nullptr);
+        interrupt_every_10_ms();
+        int compressor = -1;
+        compress_onto(slow.in.get(), [&](int fd, int pid) {
+            compressor = pid;
+            put(fd, noise(100000));
+            built = true;
+        });
+        bool reaped = is_gone(compressor) && has_no_children();
+        slow.in.reset();
+        client.join();
+        return reaped && interruptions > 3 && gunzip(arrived) == noise(100000) ? 0 : 1;
+    });
+    EXPECT_TRUE(exited_with(status, 0));
+}
+
+TEST(stream_compressed, missing_pipe_is_reported_and_nothing_written) {
+    unique_fd out = memory_file();
+    unique_fd err = memory_file();
+    int status = run_in_child([&] {
+        dup2(err.get(), STDERR_FILENO);
+        rlimit none = {0, 0};
+        setrlimit(RLIMIT_NOFILE, &none);
+        bool built = false;
+        compress_onto(out.get(), [&built](int, int) { built = true; });
+        return built ? 1 : 0;
+    });
+    EXPECT_TRUE(exited_with(status, 0));
+    EXPECT_EQ(content_of(err.get()), std::string("pipes: ") + strerror(EMFILE) + "\n");
+    EXPECT_EQ(content_of(out.get()), "");
+}
+
+TEST(stream_compressed, missing_child_is_reported_and_nothing_written) {
+    SKIP_WITHOUT_ROOT();
+    unique_fd out = memory_file();
+    unique_fd err = memory_file();
+    int status = run_in_child([&] {
+        dup2(err.get(), STDERR_FILENO);
+        rlimit none = {0, 0};
+        constexpr uid_t nobody_in_particular = 54321;  // the limit does not hold for root
+        if (setrlimit(RLIMIT_NPROC, &none) != 0 || setuid(nobody_in_particular) != 0) {
+            return 2;
+        }
+        std::set<int> before = open_fds();
+        bool built = false;
+        compress_onto(out.get(), [&built](int, int) { built = true; });
+        return built || open_fds() != before ? 1 : 0;
+    });
+    EXPECT_TRUE(exited_with(status, 0));
+    EXPECT_EQ(content_of(err.get()), std::string("fork: ") + strerror(EAGAIN) + "\n");
+    EXPECT_EQ(content_of(out.get()), "");
+}
+
+TEST(stream_tgz, is_a_tar_stream_inside_one_gzip_member) {
+    SKIP_WITHOUT_PRIVATE_WORLD();
+    unique_fd out = memory_file();
+    unique_fd said = memory_file();
+    int status = run_in_private_world([&] {
+        ignore_broken_pipes();
+        redirect_outputs(said.get(), said.get());
+        std::set<int> before = open_fds();
+        stream_tgz(out.get());
+        return has_no_children() && open_fds() == before ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0);
+    std::optional<std::string> stream = gunzip(content_of(out.get()));
+    ASSERT_TRUE(stream);
+    tar_listing listing = tar_read(*stream);
+    EXPECT_EQ(listing.trouble, "");
+    ASSERT_GT(listing.entries.size(), 100u);
+    std::string top = listing.entries[0].name.substr(0, listing.entries[0].name.find('/') + 1);
+    EXPECT_NE(listing.find(top + "strace.log"), nullptr);
+    EXPECT_NE(listing.find(top + "netdump.cap"), nullptr);
+}
+
+TEST(stream_tgz, compressor_is_not_among_the_dumped_processes) {
+    SKIP_WITHOUT_PRIVATE_WORLD();
+    unique_fd out = memory_file();
+    unique_fd said = memory_file();
+    int status = run_in_private_world([&] {
+        ignore_broken_pipes();
+        redirect_outputs(said.get(), said.get());
+        stream_tgz(out.get());
+        return 0;
+    });
+    EXPECT_EQ(status, 0);
+    std::optional<std::string> stream = gunzip(content_of(out.get()));
+    ASSERT_TRUE(stream);
+    tar_listing listing = tar_read(*stream);
+    ASSERT_FALSE(listing.entries.empty());
+    // Dumps would come behind the second snapshot; this world has no other process to dump.
+    EXPECT_NE(listing.entries.back().name.find("/proc/"), std::string::npos) << listing.entries.back().name;
+}
+
+TEST(stream_tgz, client_that_has_gone_ends_it) {
+    SKIP_WITHOUT_PRIVATE_WORLD();
+    unique_fd said = memory_file();
+    int status = run_in_private_world([&] {
+        ignore_broken_pipes();
+        redirect_outputs(said.get(), said.get());
+        test_pipe client;
+        client.out.reset();
+        stream_tgz(client.in.get());
+        return has_no_children() ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST(stream_tar, is_a_plain_tar_stream) {
+    SKIP_WITHOUT_PRIVATE_WORLD();
+    unique_fd out = memory_file();
+    unique_fd said = memory_file();
+    int status = run_in_private_world([&] {
+        redirect_outputs(said.get(), said.get());
+        stream_tar(out.get());
+        return has_no_children() ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0);
+    tar_listing listing = tar_read(content_of(out.get()));
+    EXPECT_EQ(listing.trouble, "");
+    EXPECT_GT(listing.entries.size(), 100u);
+}
