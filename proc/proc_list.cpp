@@ -62,11 +62,11 @@ bool name_from_stat(const char* path, char* buf, size_t len) {
     return keep_behind_last(buf, '(');
 }
 
-// The process that a directory entry stands for, as the listing reads it: 0 and a name that does not begin
-// with '0' is no process.
+// The process that a directory entry stands for: the number that its name begins with, which may be 0. False
+// for a name that does not begin with a digit.
 bool entry_pid(const char* name, pid_t* pid) {
     *pid = static_cast<pid_t>(strtoul(name, nullptr, 10));
-    return *pid != 0 || name[0] == '0';
+    return isdigit(static_cast<unsigned char>(name[0])) != 0;
 }
 
 }  // namespace

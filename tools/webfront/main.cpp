@@ -51,9 +51,12 @@ int main(int argc, char** argv) {
     }
     set_signals();
     uint16_t port = options.port;
-    unique_fd listener = webfront_listen(&port);
+    unique_fd listener = webfront_listen(&port, options.forwarded_port != 0);
     if (!listener) {
         return report_listen_failure(port);
+    }
+    if (options.forwarded_port != 0) {
+        port = options.forwarded_port;
     }
     printf("http://127.0.0.1:%u/\n", port);
     fflush(stdout);

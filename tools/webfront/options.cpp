@@ -6,9 +6,13 @@
 #include <string_view>
 
 const char webfront_usage[] =
-    "usage: webfront [--port N] [--socket PATH]\n"
+    "usage: webfront [--port N] [--socket PATH] [--forwarded-from N]\n"
     "  --port N       listens on 127.0.0.1 at port N; 0: any that is free [8080]\n"
     "  --socket PATH  the daemon's control socket [/var/run/dbg-cgi/ctrl-cgi-socket]\n"
+    "  --forwarded-from N\n"
+    "                 for an emulated machine: listens on every address, for requests that come to port N "
+    "of\n"
+    "                 127.0.0.1 on the machine outside\n"
     "  --help         prints this text\n";
 
 namespace {
@@ -16,6 +20,7 @@ namespace {
 constexpr option long_options[] = {
     {"port", required_argument, nullptr, 'p'},
     {"socket", required_argument, nullptr, 's'},
+    {"forwarded-from", required_argument, nullptr, 'f'},
     {"help", no_argument, nullptr, 'h'},
     {nullptr, 0, nullptr, 0},
 };
@@ -47,6 +52,11 @@ std::string webfront_parse(int argc, char** argv, webfront_options& options) {
                     return "the socket's path is empty";
                 }
                 options.socket_path = optarg;
+                break;
+            case 'f':
+                if (!parse_port(optarg, options.forwarded_port) || options.forwarded_port == 0) {
+                    return std::string("not a port that can be forwarded: ") + optarg;
+                }
                 break;
             case 'h':
                 options.help = true;

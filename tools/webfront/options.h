@@ -8,6 +8,7 @@
 struct webfront_options {
     uint16_t port = 8080;  // 0: the kernel chooses
     std::string socket_path = "/var/run/dbg-cgi/ctrl-cgi-socket";
+    uint16_t forwarded_port = 0;  // not 0: the machine outside forwards this port of its loopback to us
     bool help = false;
 };
 

@@ -221,7 +221,7 @@ private:
 
 }  // namespace
 
-unique_fd webfront_listen(uint16_t* port) {
+unique_fd webfront_listen(uint16_t* port, bool every_address) {
     unique_fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener) {
         return {};
@@ -229,7 +229,7 @@ unique_fd webfront_listen(uint16_t* port) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(*port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = htonl(every_address ? INADDR_ANY : INADDR_LOOPBACK);
     auto* generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t length = sizeof(address);
     int on = 1;

@@ -18,9 +18,10 @@ constexpr std::chrono::seconds webfront_head_time{10};
 // over unread input would reset the connection and could destroy the answer.
 constexpr std::chrono::seconds webfront_answer_time{2};
 
-// Listens on 127.0.0.1 at `*port`; 0 lets the kernel choose, and `*port` is then what it chose. Returns the
-// socket, close-on-exec and non-blocking, or nothing with errno set.
-unique_fd webfront_listen(uint16_t* port);
+// Listens on 127.0.0.1, or on every address, at `*port`; 0 lets the kernel choose, and `*port` is then what
+// it chose. Returns the socket, close-on-exec and non-blocking, or nothing with errno set.
+unique_fd webfront_listen(uint16_t* port, bool every_address = false);
 
-// Serves `listener` (from webfront_listen) for ever, with the daemon at `socket_path`.
+// Serves `listener` (from webfront_listen) for ever, with the daemon at `socket_path`. `port` is the one that
+// browsers name.
 [[noreturn]] void webfront_serve(unique_fd listener, uint16_t port, const std::string& socket_path);

@@ -397,7 +397,7 @@ TEST(proc_is_kernel_thread, caller_is_none_and_a_process_that_is_gone_counts_as_
 }
 
 TEST_F(proc_list_at_tree, takes_what_begins_like_a_number) {
-    add_entries({"2", "17", "4194303", "12abc", "self", "net", "abc3", "x"});
+    add_entries({"2", "17", "4194303", "12abc", "self", "net", "abc3", "x", "-5", "+6", " 7"});
     dir_.write_file("99", "a file will do");
     EXPECT_EQ(listed(), (pid_list{2, 12, 17, 99, 4194303}));
 }

@@ -37,6 +37,15 @@ TEST(webfront_parse, takes_port_socket_and_help) {
     EXPECT_EQ(options.port, 65535);
 }
 
+TEST(webfront_parse, takes_the_port_that_is_forwarded_to_it) {
+    webfront_options options;
+    EXPECT_EQ(options.forwarded_port, 0);
+    EXPECT_EQ(parse({"--forwarded-from", "18080"}, options), "");
+    EXPECT_EQ(options.forwarded_port, 18080);
+    EXPECT_NE(parse({"--forwarded-from", "0"}, options), "");
+    EXPECT_NE(parse({"--forwarded-from", "x"}, options), "");
+}
+
 TEST(webfront_parse, refuses_what_is_no_port) {
     for (const char* port : {"", "-1", "65536", "80x", "x", " 80", "+80", "0x50"}) {
         webfront_options options;
