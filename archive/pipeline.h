@@ -1,4 +1,4 @@
-// The whole debug archive on a descriptor, compressed or plain.
+// The whole debug archive on a descriptor, compressed or plain. The caller's descriptors 0 to 2 must be open.
 #pragma once
 
 // Writes the debug archive as tar inside gzip onto `fd` (borrowed); returns when it is complete and the

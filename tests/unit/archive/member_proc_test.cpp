@@ -230,6 +230,44 @@ TEST(stream_proc, second_snapshot_stores_the_directories_again_under_the_same_na
     EXPECT_EQ(std::count(names.begin(), names.end(), "proc/net/dev"), 2);
 }
 
+TEST(stream_proc, each_directory_of_the_table_is_read_in_its_turn) {
+    SKIP_WITHOUT_ROOT();
+    temp_dir root;
+    std::vector<std::string> expected = {"version"};
+    root.write_file("proc/version", "text");
+    root.write_file("proc/4711/status", "text");
+    root.write_file("proc/bus/other", "text");
+    for (const char* skipped : {"kcore", "vmcore", "kmem", "kmsg"}) {
+        root.write_file("proc/" + std::string(skipped), "text");
+    }
+    for (const std::string& dir : snapshot_dirs) {
+        root.write_file(dir + "marker", dir);
+        expected.push_back(dir + "marker");
+    }
+    // The names that are left out at the top are ordinary ones below.
+    root.write_file("proc/net/vlan/kmsg", "text");
+    unlink(root.path("proc/net/vlan/marker").c_str());
+    expected.back() = "proc/net/vlan/kmsg";
+
+    test_archive archive;
+    int status = run_in_child([&] {
+        if (chroot(root.path().c_str()) != 0) {
+            return 2;
+        }
+        int result = stream_proc(archive.handle(), archive.fd());
+        tar_close(archive.handle());
+        return result;
+    });
+    EXPECT_TRUE(exited_with(status, 0));
+    tar_listing listing = tar_read(archive.bytes());
+    EXPECT_EQ(listing.trouble, "");
+    std::vector<std::string> names = listing.names();
+    ASSERT_FALSE(names.empty());
+    EXPECT_TRUE(has_shape(names[0], "proc.99999999-999999/version")) << names[0];
+    names[0] = "version";
+    EXPECT_EQ(names, expected);
+}
+
 TEST(stream_proc, machine_without_proc_gives_1) {
     SKIP_WITHOUT_ROOT();
     temp_dir empty;

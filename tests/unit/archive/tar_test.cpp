@@ -246,6 +246,15 @@ TEST(tar_addfile, member_of_size_0_is_followed_directly_by_the_next_header) {
     EXPECT_EQ(archive.bytes().size(), 1024u);
 }
 
+TEST(tar_addfile, counting_starts_anew) {
+    test_archive archive;
+    tar_addfile(archive.handle(), "first", 700);
+    tar_fakewrite(archive.handle(), 700);
+    EXPECT_EQ(archive.handle()->member_bytes, 700u);
+    tar_addfile(archive.handle(), "second", 0);
+    EXPECT_EQ(archive.handle()->member_bytes, 0u);
+}
+
 TEST(tar_addfile, same_name_twice_is_two_members) {
     test_archive archive;
     tar_addfile(archive.handle(), "twin", 1);
