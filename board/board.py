@@ -1,0 +1,312 @@
+"""An emulated MIPS32 board for tests and for board/boot.
+
+    with Board(build=ROOT / "build/mipsel", http=True) as board:
+        board.put(b"hello", "/tmp/greeting")
+        done = board.run("cat /tmp/greeting")
+        assert (done.status, done.out) == (0, b"hello")
+        urllib.request.urlopen(f"http://127.0.0.1:{board.http_port}/")
+
+One Board is one machine, from start() to stop(). It leaves nothing behind: it lives in memory and in pipes,
+and the emulator dies with the thread that started it.
+"""
+
+import contextlib
+import dataclasses
+import os
+import shutil
+import socket
+import struct
+import subprocess
+import time
+from pathlib import Path
+
+import image
+from console import Console
+from line import (ANSWER_ERR, ANSWER_OUT, FINISH_EXITED, FINISH_FAILED, FINISH_OUT_OF_TIME, FINISH_SIGNALLED,
+                  REQUEST_CLOCK, REQUEST_PUT, REQUEST_RUN, Line, LineLost)
+from places import BUILD, KERNEL, SYSROOT, CannotBeHad
+from prepare import kernel_release
+
+EMULATOR = "qemu-system-mipsel"
+BOOT_LIMIT = 120  # seconds; five are usual when the machine has nothing else to do
+COMMAND_LIMIT = 120
+GRACE = 15  # what the board gets beyond a command's limit to say that the limit was reached
+
+
+class BoardError(Exception):
+    """The emulator or the board itself failed; the text says where the console's log is."""
+
+
+class OutOfTime(Exception):
+    """A command reached its limit and was killed with its session. out, err: what it wrote till then."""
+
+    def __init__(self, command, limit, out, err):
+        super().__init__(f"killed after {limit:g} s: {command}")
+        self.out = out
+        self.err = err
+
+
+@dataclasses.dataclass(frozen=True)
+class Done:
+    """A finished command. status: its exit status, or 128 and the number that its signal has on the board."""
+
+    status: int
+    out: bytes
+    err: bytes
+
+
+def missing():
+    """Why no board can be booted here, or None."""
+    if not shutil.which(EMULATOR):
+        return f"{EMULATOR} is missing (Debian package qemu-system-mips)"
+    if not (BUILD / "unpacked.json").exists() or not SYSROOT.is_dir() or not KERNEL.is_dir():
+        return f"the board's kernel and libraries are not in build/board (board/fetch gets them)"
+    return None
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Board:
+    """See the module's text.
+
+    build         folder whose bin and lib are /usr/bin and /usr/lib of the board; None: no build
+    http          port of 127.0.0.1 that leads to the board's port 80; True: a free one; False: none
+    second_net    a second emulated network card: eth1, 10.0.3.15
+    libcurl       libcurl.so.4 and all that it needs are on the board, too
+    interactive   the console is this process' terminal, with a shell; see wait()
+    log           file for what the console prints; None: kept after a failure only, in build/board/logs
+    """
+
+    def __init__(self, build=None, *, http=False, second_net=False, libcurl=False, interactive=False,
+                 log=None, boot_limit=BOOT_LIMIT):
+        self.build = Path(build) if build else None
+        self.http_port = free_port() if http is True else http or None
+        self.second_net = second_net
+        self.libcurl = libcurl
+        self.interactive = interactive
+        self.log = log
+        self.boot_limit = boot_limit
+        self.boot_seconds = None
+        self.emulator = None
+        self.console = None
+        self.line = None
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+    # Its life.
+
+    def start(self):
+        """Boots; returns when commands can be run."""
+        reason = missing()
+        if reason:
+            raise CannotBeHad(reason)
+        began = time.monotonic()
+        try:
+            self._switch_on()
+            with self._failing("while booting"):
+                self.line.await_ready(self.boot_limit)
+        except BaseException:
+            self.stop()
+            raise
+        self.boot_seconds = time.monotonic() - began
+
+    def stop(self):
+        """Ends the emulator at once."""
+        if self.emulator:
+            self.emulator.kill()
+            self.emulator.wait()
+            if self.emulator.stdout:
+                self.emulator.stdout.close()
+        if self.line:
+            self.line.close()
+        if self.console:
+            self.console.close()
+        self.emulator = self.line = self.console = None
+
+    def wait(self):
+        """Waits until the interactive shell has been left."""
+        self.emulator.wait()
+
+    def pid(self):
+        """The emulator's process."""
+        return self.emulator.pid
+
+    def _switch_on(self):
+        line, line_end = socket.socketpair()
+        console, console_end = socket.socketpair()
+        self.line = Line(line)
+        with line_end, console_end:
+            self.console = Console(console, self.log)
+            with self._image() as files:
+                ends = (files.fileno(), line_end.fileno(), console_end.fileno())
+                streams = {} if self.interactive else {
+                    "stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.STDOUT}
+                self.emulator = subprocess.Popen(self._command_line(*ends), pass_fds=ends, **streams)
+
+    @contextlib.contextmanager
+    def _image(self):
+        """The initial file system, in memory."""
+        with os.fdopen(os.memfd_create("board"), "wb") as file:
+            file.write(image.base_image(self.libcurl))
+            if self.build:
+                image.write_build(file, self.build)
+            file.flush()
+            yield file
+
+    def _command_line(self, files, line, console):
+        forward = f",hostfwd=tcp:127.0.0.1:{self.http_port}-:80" if self.http_port else ""
+        words = [
+            "setpriv", "--pdeathsig", "KILL", "--",  # the emulator ends with us, whatever ends us
+            EMULATOR, "-machine", "malta", "-cpu", "24Kc", "-m", "256",
+            "-nodefaults", "-display", "none", "-no-reboot",
+            "-kernel", str(KERNEL / f"boot/vmlinuz-{kernel_release()}"),
+            "-initrd", f"/proc/self/fd/{files}",
+            "-append", "console=ttyS0 panic=-1" + (" quiet board.shell" if self.interactive else ""),
+            "-nic", f"user,model=pcnet,restrict=on,ipv6=off{forward}",
+            "-device", "virtio-serial-pci",
+            "-chardev", f"socket,id=line,fd={line}", "-device", "virtserialport,chardev=line,nr=1",
+        ]
+        if self.second_net:
+            words += ["-nic", "user,model=pcnet,restrict=on,ipv6=off,net=10.0.3.0/24"]
+        if self.interactive:
+            words += ["-serial", "mon:stdio"]
+        else:
+            words += ["-chardev", f"socket,id=console,fd={console}", "-serial", "chardev:console"]
+        return words
+
+    @contextlib.contextmanager
+    def _failing(self, doing):
+        """Makes a lost line a BoardError with all that is known about its cause."""
+        try:
+            yield
+        except LineLost as lost:
+            text = f"{lost} ({doing})"
+            if not self.interactive:
+                text += f"{self._last_words()}\nconsole log: {self.console.keep()}"
+            raise BoardError(text) from lost
+
+    def _last_words(self):
+        """What the emulator complained about, when it has ended."""
+        try:
+            self.emulator.wait(1)  # it closes the line a moment before it is gone
+        except subprocess.TimeoutExpired:
+            return ""
+        self.console.finish()
+        said = self.emulator.stdout.read().decode(errors="replace").strip()
+        return f"\nthe emulator said: {said}" if said else ""
+
+    def _ask(self, kind, content, limit, doing, taken=None):
+        with self._failing(doing):
+            return self.line.ask(kind, content, limit + GRACE, taken)
+
+    def _ask_and_check(self, kind, content, doing):
+        what, detail = self._ask(kind, content, COMMAND_LIMIT, doing)
+        if what != FINISH_EXITED:
+            raise OSError(detail, f"{os.strerror(detail)} ({doing} on the board)")
+
+    # What tests use.
+
+    def run(self, command, timeout=COMMAND_LIMIT, *, out=None, err=None):
+        """Runs `command` with sh as root in /. Raises OutOfTime after `timeout` seconds.
+
+        Output comes back in Done, and at once to the functions `out` and `err` when they are given. The
+        command is over when its shell is; what it left in the background goes on, but must write elsewhere.
+        """
+        kept = {ANSWER_OUT: bytearray(), ANSWER_ERR: bytearray()}
+        live = {ANSWER_OUT: out, ANSWER_ERR: err}
+
+        def taken(kind, content):
+            kept[kind] += content
+            if live[kind]:
+                live[kind](content)
+
+        request = struct.pack("<I", int(timeout * 1000)) + os.fsencode(command)
+        what, detail = self._ask(REQUEST_RUN, request, timeout, f"at: {command}", taken)
+        both = bytes(kept[ANSWER_OUT]), bytes(kept[ANSWER_ERR])
+        if what == FINISH_OUT_OF_TIME:
+            raise OutOfTime(command, timeout, *both)
+        if what == FINISH_FAILED:
+            raise OSError(detail, f"{os.strerror(detail)} (starting on the board: {command})")
+        return Done(detail + (128 if what == FINISH_SIGNALLED else 0), *both)
+
+    def check(self, command, timeout=COMMAND_LIMIT):
+        """Standard output of a command that has to succeed."""
+        done = self.run(command, timeout)
+        if done.status != 0:
+            raise subprocess.CalledProcessError(done.status, command, done.out, done.err)
+        return done.out
+
+    def put(self, local, remote, mode=None):
+        """Puts a file of this machine (a path) or bytes at the path `remote`; folders on the way are made.
+
+        mode: of the new file; without it the local file's, 0644 for bytes.
+        """
+        if isinstance(local, (bytes, bytearray)):
+            content, usual_mode = bytes(local), 0o644
+        else:
+            content, usual_mode = Path(local).read_bytes(), os.stat(local).st_mode & 0o7777
+        path = os.fsencode(remote)
+        head = struct.pack("<II", usual_mode if mode is None else mode, len(path))
+        self._ask_and_check(REQUEST_PUT, head + path + content, f"writing {remote}")
+
+    def get(self, remote):
+        """The bytes of a file of the board."""
+        return self.check(f"cat -- '{remote}'")
+
+    def load_module(self, name, parameters=""):
+        """Loads a module of the board's kernel after those that it needs."""
+        home = f"lib/modules/{kernel_release()}"
+        *needed, own = image.modules_needed([name])
+        if parameters and self._is_loaded(own):
+            raise ValueError(f"module {name} is loaded already, so that it can't take {parameters}")
+        for file in [*needed, own]:
+            if self._is_loaded(file):
+                continue
+            if self.run(f"test -e /{home}/{file}").status != 0:
+                self.put(KERNEL / home / file, f"/{home}/{file}")
+            self.check(f"insmod /{home}/{file} {parameters if file == own else ''}")
+
+    def _is_loaded(self, file):
+        lines = self.get("/proc/modules").decode().splitlines()
+        return any(entry.split()[0] == image.module_name(file) for entry in lines)
+
+    def add_ram_flash(self, total_kib=4096, erase_kib=128):
+        """A flash device in memory, without bad blocks. Returns its /dev/mtdN."""
+        return self._new_flash("mtdram", f"total_size={total_kib} erase_size={erase_kib}")
+
+    def add_nand(self, bad_blocks=()):
+        """A NAND flash: 16 MiB in blocks of 16 KiB, of which those listed are bad. Returns its /dev/mtdN."""
+        bad = f" badblocks={','.join(str(block) for block in bad_blocks)}" if bad_blocks else ""
+        return self._new_flash("nandsim", f"first_id_byte=0x20 second_id_byte=0x33{bad}")
+
+    def _new_flash(self, module, parameters):
+        before = self.flash_devices()
+        self.load_module(module, parameters)
+        fresh = [name for name in self.flash_devices() if name not in before]
+        if len(fresh) != 1:
+            raise BoardError(f"{module} should have made one flash device, not {len(fresh)}")
+        return f"/dev/{fresh[0]}"
+
+    def flash_devices(self):
+        """mtd0, mtd1 and so on, as /proc/mtd lists them."""
+        lines = self.check("cat /proc/mtd").decode().splitlines()[1:]
+        return [entry.split(":")[0] for entry in lines]
+
+    def set_core_pattern(self, pattern):
+        self.put(pattern.encode() + b"\n", "/proc/sys/kernel/core_pattern")
+
+    def set_clock(self, seconds):
+        """Seconds since 1970. Beyond 2038 busybox's date, ls and `test -e` fail; clock() tells the time."""
+        self._ask_and_check(REQUEST_CLOCK, struct.pack("<q", seconds), "setting the clock")
+
+    def clock(self):
+        return int(self.check("board-agent clock"))

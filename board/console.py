@@ -1,0 +1,55 @@
+"""What the board's first serial line prints."""
+
+import tempfile
+import threading
+import time
+
+from places import BUILD
+
+KEPT = 4 << 20  # bytes; the last ones
+
+
+class Console:
+    """Collects all that comes from the socket `line`, in memory and in the file `log` when there is one."""
+
+    def __init__(self, line, log):
+        self.line = line
+        self.text = bytearray()
+        self.file = open(log, "wb", buffering=0) if log else None
+        self.thread = threading.Thread(target=self._collect, name="console", daemon=True)
+        self.thread.start()
+
+    def _collect(self):
+        while got := self._receive():
+            self.text += got
+            del self.text[:-KEPT]
+            if self.file:
+                self.file.write(got)
+
+    def _receive(self):
+        try:
+            return self.line.recv(65536)
+        except OSError:
+            return b""
+
+    def finish(self):
+        """Waits for the last words of an emulator that has ended."""
+        self.thread.join(5)
+
+    def close(self):
+        self.finish()
+        self.line.close()
+        if self.file:
+            self.file.close()
+
+    def keep(self):
+        """The path of a file with what was printed so far."""
+        if self.file:
+            return self.file.name
+        logs = BUILD / "logs"
+        logs.mkdir(parents=True, exist_ok=True)
+        begin = time.strftime("console-%Y%m%d-%H%M%S-")
+        handle, path = tempfile.mkstemp(prefix=begin, suffix=".log", dir=logs)
+        with open(handle, "wb") as file:
+            file.write(self.text)
+        return path

@@ -1,0 +1,109 @@
+#!/usr/bin/python3 -B
+"""Runs one file of end-to-end tests and writes a JUnit report.
+
+A file that says `NEEDS_SANDBOX = True` runs inside tools/sandbox, unless ZARVO_URL names a machine to test
+over HTTP. Exit status: 0 when all tests passed, 77 when none could run, else another.
+"""
+
+import argparse
+import ctypes
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import xml.etree.ElementTree
+
+HERE = pathlib.Path(__file__).resolve().parent
+ROOT = HERE.parents[1]
+SANDBOX = ROOT / "tools" / "sandbox"
+SKIPPED = 77
+PR_SET_PDEATHSIG = 1
+
+
+def skip(reason):
+    print(f"skipped: {reason}")
+    sys.exit(SKIPPED)
+
+
+def parse():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("file", help="a test file of this folder")
+    parser.add_argument("--report", type=pathlib.Path, help="where the JUnit report goes")
+    parser.add_argument("-k", dest="only", help="only tests whose names match, as pytest takes it")
+    return parser.parse_args()
+
+
+def sandbox_words(test_file):
+    """What goes before the command: the sandbox, when the file wants one."""
+    wants = re.search(r"^NEEDS_SANDBOX = True$", test_file.read_text(), re.MULTILINE)
+    if not wants or os.environ.get("ZARVO_URL"):
+        return []
+    if os.geteuid() != 0:
+        skip("needs root, because the sandbox mounts file systems of its own")
+    return [str(SANDBOX)]
+
+
+def sanitizer_environment(folder):
+    """Each report becomes a file in `folder`, where conftest.py finds it, whichever process it comes from."""
+    log = f"log_path={folder}/report"
+    return {
+        "ASAN_OPTIONS": f"{log}:exitcode=99:detect_leaks=1:quarantine_size_mb=4",
+        "UBSAN_OPTIONS": f"{log}:print_stacktrace=1:halt_on_error=1:exitcode=99",
+        "TSAN_OPTIONS": f"{log}:exitcode=99:second_deadlock_stack=1:atexit_sleep_ms=0",
+    }
+
+
+def end_with_parent():
+    """A test that is killed for taking too long must not leave its sandbox behind."""
+    ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
+
+
+def run(test_file, report, only, folder):
+    sandbox = sandbox_words(test_file)
+    scratch = "/run" if sandbox else folder
+    reports = f"{scratch}/sanitizer"
+    environment = dict(os.environ, PYTHONDONTWRITEBYTECODE="1", ZARVO_SANITIZER_REPORTS=reports)
+    if os.environ.get("ZARVO_SANITIZE"):
+        environment |= sanitizer_environment(reports)
+    words = ["-q", "-rs", "-p", "no:cacheprovider", f"--rootdir={HERE}", f"--basetemp={scratch}/pytest"]
+    words += ["-o", "junit_family=xunit1", f"--junitxml={report}", str(test_file)]
+    words += ["-k", only] if only else []
+    command = [*sandbox, "/usr/bin/python3", "-m", "pytest", *words]
+    return subprocess.run(command, cwd=ROOT, env=environment, preexec_fn=end_with_parent).returncode
+
+
+def all_skipped(report):
+    cases = list(xml.etree.ElementTree.parse(report).iter("testcase"))
+    return bool(cases) and all(case.find("skipped") is not None for case in cases)
+
+
+def main():
+    options = parse()
+    try:
+        import pytest  # noqa: F401
+    except ImportError:
+        skip("needs python3-pytest")
+    test_file = HERE / options.file
+    if not test_file.exists():
+        sys.exit(f"run.py: no such test file: {test_file}")
+    signal.signal(signal.SIGTERM, lambda number, frame: sys.exit(128 + number))
+    folder = tempfile.mkdtemp(prefix="zarvo-e2e-")
+    try:
+        # Of what is written in the sandbox, only what lies in /tmp is sure to be seen outside.
+        report = pathlib.Path(folder, "report.xml")
+        status = run(test_file, report, options.only, folder)
+        if status == 0 and all_skipped(report):
+            status = SKIPPED
+        if options.report and report.exists():
+            options.report.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copyfile(report, options.report)
+        sys.exit(status)
+    finally:
+        shutil.rmtree(folder, ignore_errors=True)
+
+
+main()
