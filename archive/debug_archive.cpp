@@ -1,8 +1,6 @@
 #include "archive/debug_archive.h"
 
 #include <stdio.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <atomic>
 
@@ -12,13 +10,14 @@
 #include "archive/member_proc.h"
 #include "archive/member_program.h"
 #include "archive/member_trace.h"
+#include "archive/phase.h"
 #include "archive/tar.h"
+#include "archive/time_stamp.h"
 #include "common/watchdog.h"
 #include "proc/proc_list.h"
 
 namespace {
 
-constexpr unsigned phase_seconds = 300;
 constexpr int process_limit = 1024;
 
 // Archives that this process has begun.
@@ -72,7 +71,7 @@ int store_cores(archive_run& run) {
         if (run.pids[i] == -1) {
             continue;
         }
-        alarm(phase_seconds);
+        phase_begin();
         if (dump_one(run.tar, run.fd, run.pids, i, run.pid_count) == dump_client_gone) {
             break;
         }
@@ -97,7 +96,7 @@ constexpr archive_member archive_members[] = {
 bool store_members(archive_run& run) {
     for (const archive_member& member : archive_members) {
         if (member.new_phase) {
-            alarm(phase_seconds);
+            phase_begin();
         }
         if (member.store(run) != 0) {
             return false;
@@ -107,20 +106,15 @@ bool store_members(archive_run& run) {
 }
 
 tar_handle* open_archive(int fd) {
-    time_t now = time(nullptr);
-    tm local = {};
-    localtime_r(&now, &local);
     char top[128];
-    snprintf(top, sizeof top, "debug-%4.4d%2.2d%2.2d-%2.2d%2.2d%2.2d-c%d/", local.tm_year + 1900,
-             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-             static_cast<int>(archive_count++));
+    snprintf(top, sizeof top, "debug-%s-c%d/", time_stamp_now().text, static_cast<int>(archive_count++));
     return tar_new(fd, top);
 }
 
 }  // namespace
 
 void stream_debug_archive(int fd, int skip_pid, int browser_fd) {
-    alarm(phase_seconds);
+    phase_begin();
     (void)disable_watchdogs();  // reported by itself; an archive with the watchdogs on beats none
     archive_run run;
     run.fd = fd;
@@ -133,5 +127,5 @@ void stream_debug_archive(int fd, int skip_pid, int browser_fd) {
         tar_abandon(run.tar);
     }
     enable_watchdogs();
-    alarm(0);
+    phase_end();
 }

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "archive/phase.h"
 #include "common/unique_fd.h"
 
 namespace {
@@ -25,6 +26,8 @@ constexpr std::string_view proc_sys_unreadable[] = {
     "/proc/sys/vm/mmap_rnd_bits",     "/proc/sys/vm/stat_refresh",
 };
 static_assert(std::ranges::is_sorted(proc_sys_unreadable));
+
+constexpr int retry_pause_ms = 10;
 
 int64_t now_ms() {
     timespec now;
@@ -43,6 +46,7 @@ bool wait_readable(int fd, int64_t patience_ms) {
 ssize_t read_bounded(int fd, char* buf, size_t size) {
     size_t done = 0;
     int64_t deadline = 0;  // set by the first wait: most files never need the clock
+    bool waited = false;   // and nothing has come since
     while (done < size) {
         ssize_t got = read(fd, buf + done, size - done);
         if (got == 0) {
@@ -50,12 +54,18 @@ ssize_t read_bounded(int fd, char* buf, size_t size) {
         }
         if (got > 0) {
             done += static_cast<size_t>(got);
+            waited = false;
         } else if (errno == EAGAIN) {
             int64_t now = now_ms();
             deadline = deadline ? deadline : now + member_read_patience_ms;
             if (!wait_readable(fd, deadline - now)) {
                 break;
             }
+            if (waited) {
+                // It calls itself readable without being so, as a file without a poll method does.
+                poll(nullptr, 0, retry_pause_ms);
+            }
+            waited = true;
         } else if (errno != EINTR) {
             return -1;
         }
@@ -86,6 +96,7 @@ void store_file(tar_handle* t, const char* name, int dir_fd, const char* at, con
     if (got > 0) {
         tar_addfile(t, name, static_cast<int>(got));
         tar_write(t, buffer.memory.get(), static_cast<size_t>(got));
+        phase_progress();
     } else if (got < 0 && errno != EISDIR) {
         perror(path);
     }

@@ -3,14 +3,14 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <iterator>
 
+#include "archive/member_copy.h"
 #include "archive/member_file.h"
+#include "archive/time_stamp.h"
 #include "common/padding.h"
-#include "common/safe_io.h"
 #include "common/unique_fd.h"
 
 namespace {
@@ -51,12 +51,8 @@ static_assert(std::size(proc_snapshot_dirs) == 26);
 }  // namespace
 
 int stream_proc(tar_handle* t, int fd) {
-    time_t now = time(nullptr);
-    tm local = {};
-    localtime_r(&now, &local);
     char name[128];
-    snprintf(name, sizeof name, "proc.%4.4d%2.2d%2.2d-%2.2d%2.2d%2.2d/", local.tm_year + 1900,
-             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    snprintf(name, sizeof name, "proc.%s/", time_stamp_now().text);
     int result = stream_dir_unknownsize(t, fd, name, "/proc/", proc_skip_names);
     for (const char* dir : proc_snapshot_dirs) {
         (void)stream_dir_unknownsize(t, fd, dir + 1, dir, nullptr);  // not every kernel has each of them
@@ -76,12 +72,12 @@ int stream_kcore_from(tar_handle* t, int fd, const char* path) {
     }
     char first;
     if (pread(file.get(), &first, 1, 0) < 0) {
-        return 0;  // the copy would try again without end
+        return 0;  // a member of zeros would tell nobody anything
     }
     int size = static_cast<int>(status.st_size);
     tar_addfile(t, "kcore", size);
     lseek(file.get(), 0, SEEK_SET);
-    int64_t copied = safe_copyfd(file.get(), fd);
+    int64_t copied = member_copy(file.get(), fd, size);
     if (copied < 0) {
         return 1;
     }

@@ -11,8 +11,8 @@ constexpr int kcore_limit = 10 * 1024 * 1024;
 // can't be opened.
 int stream_proc(tar_handle* t, int fd);
 
-// Stores /proc/kcore as "kcore" when it has a size of at most kcore_limit. Returns 0, or 1 when the output
-// broke.
+// Stores /proc/kcore as "kcore" when it has a size from 1 to kcore_limit. No member when it can't be read at
+// all; what can't be read behind its beginning becomes zero bytes. Returns 0, or 1 when the output broke.
 int stream_kcore(tar_handle* t, int fd);
 
 // The same for another file in its place.

@@ -3,7 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "common/safe_io.h"
+#include "archive/member_copy.h"
+#include "common/padding.h"
 #include "common/sys_run.h"
 #include "common/temp_file.h"
 
@@ -35,13 +36,14 @@ int stream_program(tar_handle* t, int fd, const program_member& member) {
     if (fstat(file.get(), &status) < 0) {
         return 0;
     }
-    tar_addfile(t, member.name, static_cast<int>(status.st_size));
+    int size = static_cast<int>(status.st_size);
+    tar_addfile(t, member.name, size);
     lseek(file.get(), 0, SEEK_SET);
-    int64_t copied = safe_copyfd(file.get(), fd);
-    if (copied < 0) {
+    int64_t copied = member_copy(file.get(), fd, size);
+    if (copied < 0 || stream_pad(fd, static_cast<int>(size - copied)) != 0) {
         return 1;
     }
-    tar_fakewrite(t, static_cast<size_t>(copied));
+    tar_fakewrite(t, static_cast<size_t>(size));
     return 0;
 }
 

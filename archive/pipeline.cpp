@@ -20,6 +20,7 @@ constexpr int no_pid = -1;
         dup2(out_fd, STDOUT_FILENO);
     }
     dup2(pipe_fd, STDIN_FILENO);
+    close(pipe_fd);  // leaves a free descriptor for the closing below, even where all are in use
     // Whatever else the daemon has open (other browsers' connections above all) must not stay open for as
     // long as this archive takes.
     fd_range_close_from(STDERR_FILENO + 1);

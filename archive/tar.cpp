@@ -84,7 +84,8 @@ void tar_addfile(tar_handle* t, const char* name, int size) {
     memcpy(header.mode, "0000644", 8);
     memcpy(header.uid, "0000100", 8);
     memcpy(header.gid, "0000100", 8);
-    snprintf(header.size, sizeof header.size, "%11.11lo", static_cast<unsigned long>(size));
+    snprintf(header.size, sizeof header.size, "%11.11lo",
+             static_cast<unsigned long>(static_cast<uint32_t>(size)));
     snprintf(header.mtime, sizeof header.mtime, "%11.11llo", static_cast<unsigned long long>(time(nullptr)));
     header.typeflag = '0';
     memcpy(header.magic, "ustar", 6);

@@ -132,6 +132,8 @@ unique_fd open_cgi_socket(const char* path) {
     unique_fd server(qorlink_server_socket(path, cgi_socket_mode));
     if (!server) {
         syslog(LOG_ERR, "Could not open %s: %m", path);
+    } else {
+        fcntl(server.get(), F_SETFD, FD_CLOEXEC);  // whatever the library does about it
     }
     return server;
 }

@@ -52,6 +52,7 @@ bool serve_request(const listener_options& options) {
     errno = 0;
     int length = qorlink_recv(options.cgi_socket, request_text, receive_limit, &client_fd);
     if (length < 1 || client_fd < 0) {
+        unique_fd(client_fd).reset();  // not every library takes back what came with a bad message
         pause_if_exhausted();
         return false;
     }

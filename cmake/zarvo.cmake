@@ -14,7 +14,9 @@ option(ZARVO_FUZZ "Build the fuzz targets (clang only)" OFF)
 
 find_program(ZARVO_CCACHE ccache)
 if(ZARVO_CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER "${ZARVO_CCACHE}")
+  # Paths below the tree count as relative, so that clones share what they compile.
+  set(CMAKE_CXX_COMPILER_LAUNCHER
+    ${CMAKE_COMMAND} -E env "CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}" CCACHE_NOHASHDIR=1 "${ZARVO_CCACHE}")
 endif()
 
 find_package(Threads REQUIRED)

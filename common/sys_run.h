@@ -17,5 +17,6 @@ pid_t sys_run_envp_nowait(const char* path, char* const argv[], char* const envp
 pid_t sys_run_nowait(const char* path, char* const argv[], int fd_in, int fd_out, int fd_err, int traceme);
 
 // Starts `path` with an empty environment and waits for it. Returns its exit code; 0 also after death by a
-// signal. When the fork fails, waits for any child of the caller (0 when there is none).
+// signal. When the fork fails, waits up to 2 seconds for any child of the caller and
+// takes its exit code (0 when there is none).
 int sys_run(const char* path, char* const argv[], int fd_in, int fd_out, int fd_err, int traceme);

@@ -1,5 +1,8 @@
 // Descriptor passing over a local control socket, as the platform's libqorlink.so.1 offers it.
 //
+// The daemon relies on the lengths and the descriptors alone; close-on-exec, the time limits and what happens
+// to descriptors of a bad message are the stand-in's.
+//
 // Wire format of the stand-in (platform/standin/qorlink.cpp): a Unix stream socket; one connection carries
 // one message, the bytes of the message with exactly one descriptor as SCM_RIGHTS on the first of them; the
 // sender then shuts its side down.

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -83,6 +84,15 @@ outcome shell_output_in_private_world(Prepare prepare, const char* script) {
 
 bool remount_tmp(unsigned long flags, const char* options) {
     return mount("tmpfs", "/tmp", "tmpfs", flags, options) == 0;
+}
+
+// In a private world: a script in the place of /bin/ps, which may be a link to the program that is the shell
+// as well; so the script runs in a copy of the shell.
+bool replace_ps(const std::string& body) {
+    std::error_code error;
+    return std::filesystem::copy_file("/bin/sh", "/tmp/sh", error) &&
+           install_file("/tmp/ps", "#!/tmp/sh\n" + body) && chmod("/tmp/ps", 0755) == 0 &&
+           mount("/tmp/ps", "/bin/ps", nullptr, MS_BIND, nullptr) == 0;
 }
 
 }  // namespace
@@ -269,8 +279,7 @@ TEST(stream_ps, is_the_output_of_ps_without_arguments) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     unique_fd out = memory_file();
     EXPECT_EQ(run_in_private_world([&] {
-                  if (!install_script("/tmp/ps", "echo \"$#:$*\"; echo err >&2") ||
-                      mount("/tmp/ps", "/bin/ps", nullptr, MS_BIND, nullptr) != 0) {
+                  if (!replace_ps("echo \"$#:$*\"; echo err >&2")) {
                       return 3;
                   }
                   stream_ps(out.get());

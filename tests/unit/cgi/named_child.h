@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <string>
@@ -10,6 +11,18 @@
 #include "proc/proc_list.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/pipes.h"
+
+// The test program itself is what sleeps under the name: other programs, such as a /bin/cat that is one of
+// many in a file, choose by their name what they are.
+inline constexpr const char* named_child_request = "ZARVO_TEST_NAMED_CHILD";
+
+inline const bool named_child_is_not_wanted = [] {
+    if (getenv(named_child_request) != nullptr) {
+        char byte;
+        _exit(static_cast<int>(read(STDIN_FILENO, &byte, 1)));
+    }
+    return true;
+}();
 
 // Sleeps in a read until it is killed or its test is gone.
 class named_child {
@@ -19,15 +32,14 @@ public:
         int in_fd = input_.out.get();
         pid_ = fork_child([&first_word, in_fd] {
             dup2(in_fd, STDIN_FILENO);
-            execl("/bin/cat", first_word.c_str(), static_cast<char*>(nullptr));
+            setenv(named_child_request, "", 1);
+            execl("/proc/self/exe", first_word.c_str(), static_cast<char*>(nullptr));
             return 127;
         });
-        is_named_ =
-            eventually([&] {
-                char found[256];
-                return has_ended() || (proc_get_pidname(pid_, found, sizeof found) == 1 && name == found);
-            }) &&
-            !has_ended();
+        EXPECT_TRUE(eventually([&] {
+            char found[256];
+            return proc_get_pidname(pid_, found, sizeof found) == 1 && name == found;
+        })) << name;
     }
     named_child(const named_child&) = delete;
     named_child& operator=(const named_child&) = delete;
@@ -37,19 +49,10 @@ public:
     }
 
     pid_t pid() const { return pid_; }
-    // False where /bin/cat chooses what it is by its name, and has ended.
-    bool is_named() const { return is_named_; }
 
 private:
-    bool has_ended() const {
-        siginfo_t info = {};
-        return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-               info.si_pid == pid_;
-    }
-
     test_pipe input_;
     pid_t pid_ = -1;
-    bool is_named_ = false;
 };
 
 // The pid of a process that is no more.
