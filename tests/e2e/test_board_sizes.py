@@ -1,0 +1,163 @@
+"""What the target's build takes of the device: flash, libraries, memory. The table goes to build/check."""
+
+import pathlib
+import re
+import struct
+import subprocess
+import sys
+import types
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "board"))
+
+import board as emulated  # noqa: E402
+import image  # noqa: E402
+from board_daemon import put_device_files, start_daemon, start_front, wait_for  # noqa: E402
+from prepare import find_tool  # noqa: E402
+from zarvo_e2e import COMPRESSED_HEAD, assert_compressed_whole, http_open  # noqa: E402
+
+BUILD = ROOT / "build/mipsel"
+PROGRAM = BUILD / "bin/zarvo"
+TABLE = ROOT / "build/check/board_sizes.txt"
+
+KIB = 1024
+PROGRAM_BOUND = 128 * KIB
+IDLE_BOUND = 2048 * KIB
+STREAMING_BOUND = 3072 * KIB
+PLATFORM_LIBRARIES = {"libqorlink.so.1", "libvextor.so", "libmirnel.so", "libhollisk.so.7"}
+# ld.so.1 is the C library, too: it holds __tls_get_addr.
+MAY_BE_NEEDED = PLATFORM_LIBRARIES | {"libc.so.6", "libz.so.1", "libpthread.so.0", "libdl.so.2", "ld.so.1"}
+
+REPORT_SIZE = 4 << 20  # of a server report that can't be compressed: no buffer on the way holds it
+SAMPLES = 20
+READ_AT_ONCE = 4096  # of the archive, between two samples
+
+
+@pytest.fixture(scope="module")
+def table():
+    """Lines for the table, (what, bytes, bound or None), which is written at the end."""
+    lines = []
+    yield lines
+    text = "On the board                                            KiB   at most\n"
+    for what, size, bound in lines:
+        text += f"  {what:<48} {size / KIB:8.1f}  {bound // KIB if bound else '':>8}".rstrip() + "\n"
+    if lines:
+        TABLE.parent.mkdir(parents=True, exist_ok=True)
+        TABLE.write_text(text)
+
+
+@pytest.fixture(scope="module")
+def build():
+    if not PROGRAM.exists():
+        pytest.skip("there is no build/mipsel/bin/zarvo")
+
+
+def cross_tool(name):
+    tool = find_tool(image.CROSS_PREFIX + name)
+    if not tool:
+        pytest.skip(f"{image.CROSS_PREFIX}{name} is missing")
+    return tool
+
+
+def test_stripped_program_is_small(build, table, tmp_path):
+    subprocess.run([cross_tool("strip"), "-o", tmp_path / "zarvo", PROGRAM], check=True)
+    size = (tmp_path / "zarvo").stat().st_size
+    table.append(("stripped zarvo", size, PROGRAM_BOUND))
+    assert 0 < size <= PROGRAM_BOUND
+
+
+def test_program_needs_only_what_the_device_has(build):
+    done = subprocess.run([cross_tool("readelf"), "-d", PROGRAM], capture_output=True, text=True, check=True)
+    needed = set(re.findall(r"\(NEEDED\).*\[(.*)\]", done.stdout))
+    assert "libc.so.6" in needed
+    assert needed <= MAY_BE_NEEDED
+
+
+@pytest.fixture(scope="module")
+def served(build):
+    """A fresh daemon that nobody has asked anything."""
+    if reason := emulated.missing():
+        pytest.skip(reason)
+    with emulated.Board(BUILD, http=True) as board:
+        put_device_files(board)
+        yield types.SimpleNamespace(board=board, pid=start_daemon(board), url=start_front(board))
+
+
+def resident_of(board, pid):
+    """Bytes, as /proc/PID/status has them."""
+    found = re.search(rb"(?m)^VmRSS:\s+(\d+) kB$", board.get(f"/proc/{pid}/status"))
+    return int(found[1]) * KIB
+
+
+# The pagemap entry of each page of each mapping of a process, 64 bits each.
+PAGEMAP = """
+while read range rest; do
+    first=$((0x${range%%-*} / %(page)d)) end=$((0x${range#*-} / %(page)d))
+    dd if=/proc/%(pid)d/pagemap bs=8 skip=$first count=$((end - first)) 2> /dev/null
+done < /proc/%(pid)d/maps
+"""
+PAGE = 4096
+IS_PRESENT = 1 << 63
+FRAME = (1 << 55) - 1
+
+
+def frames_of(board, pid):
+    """The numbers of the page frames that a process has mapped."""
+    entries = board.check(PAGEMAP % {"page": PAGE, "pid": pid})
+    present = [entry for (entry,) in struct.iter_unpack("<Q", entries) if entry & IS_PRESENT]
+    return {entry & FRAME for entry in present} - {0}
+
+
+def children_of(board, pid):
+    return [int(word) for word in board.check(f"cat /proc/{pid}/task/*/children").split()]
+
+
+def test_idle_daemon_is_small(served, table):
+    size = max(resident_of(served.board, served.pid) for _ in range(SAMPLES))
+    table.append(("idle daemon, resident", size, IDLE_BOUND))
+    assert 0 < size <= IDLE_BOUND
+
+
+@pytest.fixture
+def long_report(served):
+    """A server report that is far longer than what the buffers between daemon and browser hold."""
+    path = "/usr/sbin/gen_serverreport.sh"
+    usual = served.board.get(path)
+    served.board.put(b"#!/bin/sh\n/usr/bin/head -c %d /dev/urandom\n" % REPORT_SIZE, path, 0o755)
+    yield
+    served.board.put(usual, path, 0o755)
+
+
+def read_to_end(client, pieces):
+    while piece := client.recv(1 << 16):
+        pieces.append(piece)
+
+
+def test_daemon_and_compressor_are_small_while_a_slow_browser_reads(served, long_report, table):
+    """What they share, which is most of their code, is in memory once and counts once."""
+    together, added_up, pieces = [], [], []
+    with http_open(served.url, "/debug.tgz", room=4096) as client:
+        (compressor, *_) = wait_for(lambda: children_of(served.board, served.pid), "a compressor")
+        for _ in range(SAMPLES):
+            pieces.append(client.recv(READ_AT_ONCE))
+            both = [frames_of(served.board, pid) for pid in (served.pid, compressor)]
+            together.append(len(both[0] | both[1]) * PAGE)
+            added_up.append(sum(resident_of(served.board, pid) for pid in (served.pid, compressor)))
+        assert children_of(served.board, served.pid)[0] == compressor, "it was measured to the end"
+        read_to_end(client, pieces)
+    answer = b"".join(pieces)
+    assert answer.startswith(COMPRESSED_HEAD)
+    assert_compressed_whole(answer[len(COMPRESSED_HEAD) :])
+    table.append(("daemon and compressor while streaming, resident", max(together), STREAMING_BOUND))
+    table.append(("  the same with what they share counted twice", max(added_up), None))
+    assert min(together) > 0
+    assert max(together) <= STREAMING_BOUND
+
+
+def test_daemon_is_small_again_after_an_archive(served, table):
+    wait_for(lambda: not children_of(served.board, served.pid), "the archive's end")
+    size = resident_of(served.board, served.pid)
+    table.append(("idle daemon after an archive, resident", size, IDLE_BOUND))
+    assert 0 < size <= IDLE_BOUND
