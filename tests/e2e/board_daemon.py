@@ -26,8 +26,8 @@ SEGFAULT_SOCKET = "/var/run/dbg-cgi/ctrl-segf-socket"
 START_LIMIT = 60  # seconds until a program that was started on the board has to be up
 POLL = 0.1
 
-# Sends its standard input to the stream socket at a path, says that nothing more comes, and waits for the other
-# side's end, as the handler of core dumps does. Busybox has no program that could.
+# Sends its standard input to the stream socket at a path, says that nothing more comes, and waits for the
+# other side's end, as the handler of core dumps does. Busybox has no program that could.
 SEND_SOURCE = r"""
 #include <stdio.h>
 #include <string.h>
@@ -93,7 +93,7 @@ def start_daemon(board, *options):
 
 
 def start_front(board):
-    """Starts a web front for the daemon at the usual socket; returns its address, without a slash at the end."""
+    """Starts a web front for the daemon at the usual socket; returns its address, without a last slash."""
     url = f"http://127.0.0.1:{board.http_port}"
     board.check(f"webfront --port 80 --forwarded-from {board.http_port} </dev/null >/tmp/webfront.log 2>&1 &")
 

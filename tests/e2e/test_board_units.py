@@ -1,7 +1,7 @@
 """The unit tests on the target's processor: every program of the target build whose name begins with unit_.
 
-Each case of GoogleTest is a case here. They run while the cases are collected, all on one board, because it is
-only then known which there are.
+Each case of GoogleTest is a case here. They run while the cases are collected, all on one board, because
+only then is it known which there are.
 """
 
 import dataclasses
@@ -59,15 +59,15 @@ def cases_of(board, program):
     command = f"ulimit -n {DESCRIPTORS}; cd /tmp && {program} --gtest_output=xml:{report} 2>&1"
     try:
         done = board.run(command, PROGRAM_LIMIT)
-        ended, output = f"ended with status {done.status}", done.out
+        succeeded, ended, output = done.status == 0, f"ended with status {done.status}", done.out
     except emulated.OutOfTime as late:
-        ended, output = f"was killed after {PROGRAM_LIMIT} s", late.out
+        succeeded, ended, output = False, f"was killed after {PROGRAM_LIMIT} s", late.out
     if board.run(f"test -s {report}").status != 0:
         shown = output[-SHOWN:].decode(errors="replace")
         return [Case(program, failure=f"{program} {ended} without a report. Its last words:\n{shown}")]
     elements = xml.etree.ElementTree.fromstring(board.get(report)).iter("testcase")
     cases = [case_of(program, element) for element in elements]
-    if not cases or (done.status != 0) != any(case.failure for case in cases):
+    if not cases or succeeded == any(case.failure for case in cases):
         cases.append(Case(program, failure=f"{program} {ended}, which its {len(cases)} cases do not explain"))
     return cases
 
