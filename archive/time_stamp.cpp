@@ -1,13 +1,27 @@
 #include "archive/time_stamp.h"
 
+#include <pthread.h>
 #include <stdio.h>
 #include <time.h>
 
-time_stamp time_stamp_now() {
-    time_t now = time(nullptr);
+namespace {
+
+pthread_mutex_t zone_lock = PTHREAD_MUTEX_INITIALIZER;
+
+// The broken-down local time. localtime_r by itself looks at the zone only once in a process' life.
+tm local_time(time_t now) {
     tm local = {};
-    tzset();  // localtime_r looks at the zone only once in a process' life
+    pthread_mutex_lock(&zone_lock);
+    tzset();
     localtime_r(&now, &local);
+    pthread_mutex_unlock(&zone_lock);
+    return local;
+}
+
+}  // namespace
+
+time_stamp time_stamp_now() {
+    tm local = local_time(time(nullptr));
     time_stamp stamp;
     snprintf(stamp.text, sizeof stamp.text, "%4.4d%2.2d%2.2d-%2.2d%2.2d%2.2d", local.tm_year + 1900,
              local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
