@@ -191,7 +191,7 @@ class Board:
         except LineLost as lost:
             text = f"{lost} ({doing})"
             if not self.interactive:
-                text += f"{self._last_words()}\nconsole log: {self.console.keep()}"
+                text += f"{self._last_words()}\n{self.console.tail()}\nconsole log: {self.console.keep()}"
             raise BoardError(text) from lost
 
     def _last_words(self):

@@ -7,6 +7,7 @@ import time
 from places import BUILD
 
 KEPT = 4 << 20  # bytes; the last ones
+TAIL = 2000  # bytes that go into a failure's text
 
 
 class Console:
@@ -41,6 +42,10 @@ class Console:
         self.line.close()
         if self.file:
             self.file.close()
+
+    def tail(self):
+        """The last of what was printed so far."""
+        return bytes(self.text[-TAIL:]).decode(errors="replace").replace("\r", "")
 
     def keep(self):
         """The path of a file with what was printed so far."""

@@ -22,6 +22,7 @@ class Line:
     def __init__(self, socket):
         self.socket = socket
         self.turn = threading.Lock()
+        self.lost = None  # why it is of no use any more
 
     def close(self):
         self.socket.close()
@@ -33,15 +34,26 @@ class Line:
             raise LineLost("the board's agent spoke out of turn")
 
     def ask(self, kind, content, limit, taken=None):
-        """One request. Returns (what happened, detail); hands output to taken(kind, bytes) as it comes."""
+        """One request. Returns (what happened, detail); hands output to taken(kind, bytes) as it comes.
+
+        Once the line is lost, every further request fails at once and not after its own limit.
+        """
         with self.turn:
-            until = time.monotonic() + limit
-            self._send(struct.pack("<II", kind, len(content)) + content, until)
-            while True:
-                answer, received = self._answer(until)
-                if answer == ANSWER_DONE:
-                    return struct.unpack("<II", received)
-                taken(answer, received)
+            if self.lost:
+                raise LineLost(f"the board was lost before: {self.lost}")
+            try:
+                return self._converse(kind, content, time.monotonic() + limit, taken)
+            except LineLost as lost:
+                self.lost = lost
+                raise
+
+    def _converse(self, kind, content, until, taken):
+        self._send(struct.pack("<II", kind, len(content)) + content, until)
+        while True:
+            answer, received = self._answer(until)
+            if answer == ANSWER_DONE:
+                return struct.unpack("<II", received)
+            taken(answer, received)
 
     def _send(self, content, until):
         self.socket.settimeout(max(until - time.monotonic(), 0.001))
@@ -57,7 +69,10 @@ class Line:
     def _receive(self, length, until):
         got = bytearray()
         while len(got) < length:
-            self.socket.settimeout(max(until - time.monotonic(), 0.001))
+            left = until - time.monotonic()
+            if left <= 0:  # also when bytes never cease to come
+                raise LineLost("the board does not answer in time")
+            self.socket.settimeout(left)
             try:
                 more = self.socket.recv(min(length - len(got), 1 << 20))
             except TimeoutError as error:

@@ -22,6 +22,7 @@ ROOT = HERE.parents[1]
 SANDBOX = ROOT / "tools" / "sandbox"
 SKIPPED = 77
 PR_SET_PDEATHSIG = 1
+CASE_LIMIT = 600  # seconds for one test with its fixtures; the slowest waits 165 s for a browser
 
 
 def skip(reason):
@@ -66,10 +67,12 @@ def run(test_file, report, only, folder):
     sandbox = sandbox_words(test_file)
     scratch = "/run" if sandbox else folder
     reports = f"{scratch}/sanitizer"
-    environment = dict(os.environ, PYTHONDONTWRITEBYTECODE="1", ZARVO_SANITIZER_REPORTS=reports)
+    environment = dict(os.environ, PYTHONDONTWRITEBYTECODE="1", PYTHONUNBUFFERED="1",
+                       ZARVO_SANITIZER_REPORTS=reports)
     if os.environ.get("ZARVO_SANITIZE"):
         environment |= sanitizer_environment(reports)
-    words = ["-q", "-rs", "-p", "no:cacheprovider", f"--rootdir={HERE}", f"--basetemp={scratch}/pytest"]
+    # Each test is named before it begins, so that the log of a run that was ended says where it stood.
+    words = ["-v", "-rs", f"--timeout={CASE_LIMIT}", "-p", "no:cacheprovider", f"--rootdir={HERE}", f"--basetemp={scratch}/pytest"]
     words += ["-o", "junit_family=xunit1", f"--junitxml={report}", str(test_file)]
     words += ["-k", only] if only else []
     command = [*sandbox, "/usr/bin/python3", "-m", "pytest", *words]
@@ -85,8 +88,9 @@ def main():
     options = parse()
     try:
         import pytest  # noqa: F401
-    except ImportError:
-        skip("needs python3-pytest")
+        import pytest_timeout  # noqa: F401
+    except ImportError as missing:
+        skip(f"needs python3-pytest and python3-pytest-timeout ({missing})")
     test_file = HERE / options.file
     if not test_file.exists():
         sys.exit(f"run.py: no such test file: {test_file}")

@@ -20,6 +20,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "board"))
 
 import board as emulated  # noqa: E402
+import line  # noqa: E402
 import mirror  # noqa: E402
 import prepare  # noqa: E402
 
@@ -92,6 +93,21 @@ def test_hung_command_is_ended_with_its_children(machine):
         machine.run(command, timeout=0.5)
     assert late.value.out == b"before\n"
     wait_for(lambda: b"sleep 30" not in machine.check("ps -o args | grep -v grep"), "both sleeps gone")
+
+
+def test_command_that_never_ceases_to_write_is_ended(machine):
+    with pytest.raises(emulated.OutOfTime) as late:
+        machine.run("yes", timeout=0.5)
+    assert set(late.value.out.split()) == {b"y"}
+
+
+def test_line_that_was_lost_once_fails_at_once_from_then_on():
+    ours, agents = socket.socketpair()
+    with agents, contextlib.closing(line.Line(ours)) as asked:
+        with pytest.raises(line.LineLost, match="does not answer in time"):
+            asked.ask(line.REQUEST_RUN, b"", 0.01)
+        with pytest.raises(line.LineLost, match="lost before: the board does not answer in time"):
+            asked.ask(line.REQUEST_RUN, b"", 3600)
 
 
 def test_standard_input_is_empty(machine):
