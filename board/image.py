@@ -24,7 +24,7 @@ FOLDERS = """bin dev dev/part etc lib lib/mipsel-linux-gnu lib/modules mnt proc 
              usr usr/bin usr/lib usr/lib/mipsel-linux-gnu usr/sbin usr/share var var/log var/tmp""".split()
 
 # modprobe on the board knows these, and what they need; Board.load_module brings any other.
-MODULES = ["virtio_pci", "virtio_console", "pcnet32", "mtdram", "nandsim", "mtdoops", "loop", "veth", "dummy"]
+MODULES = ["virtio_pci", "virtio_console", "e1000", "mtdram", "nandsim", "mtdoops", "loop", "veth", "dummy"]
 
 # Of the sysroot's shared libraries: what programs of the build and their tests need. The rest serves libcurl.
 BASE_LIBRARIES = re.compile(r"(ld|libc|libm|libdl|librt|libpthread|libutil|libresolv|libanl|libnss_\w+"

@@ -1,5 +1,6 @@
 """board/: the emulated board itself, and getting what it is made of. The product plays no part here."""
 
+import concurrent.futures
 import contextlib
 import errno
 import os
@@ -27,6 +28,7 @@ import prepare  # noqa: E402
 BOOT = ROOT / "board/boot"
 FETCH = ROOT / "board/fetch"
 EVERY_BYTE = bytes(range(256))
+BURST = 1600  # downloads
 PAST_2038 = 2208988800  # 2040-01-01, beyond 31 bits
 
 
@@ -162,6 +164,24 @@ def test_port_leads_to_the_boards_port_80(machine):
     machine.check("httpd -p 80 -h /tmp/www")
     with urllib.request.urlopen(f"http://127.0.0.1:{machine.http_port}/bytes", timeout=30) as answer:
         assert answer.read() == EVERY_BYTE
+    machine.check("killall httpd")
+
+
+def test_line_and_card_can_be_busy_at_the_same_time(machine):
+    """They share an interrupt; a lost one, or a crash of the emulator's network, once ended the board here."""
+    machine.put(EVERY_BYTE, "/tmp/www/bytes")
+    machine.check("httpd -p 80 -h /tmp/www")
+    url = f"http://127.0.0.1:{machine.http_port}/bytes"
+
+    def download(_):
+        with urllib.request.urlopen(url, timeout=30) as answer:
+            return answer.read()
+
+    with concurrent.futures.ThreadPoolExecutor(3) as browsers:
+        downloads = browsers.map(download, range(BURST))
+        for number in range(BURST // 8):
+            assert machine.check(f"echo {number}") == b"%d\n" % number
+        assert list(downloads) == [EVERY_BYTE] * BURST
     machine.check("killall httpd")
 
 
