@@ -3,6 +3,8 @@
 #include "app/applets.h"
 #include "app/test_applets.h"
 #include "cgi/dbg_cgi.h"
+#include "trace/stopper.h"
+#include "trace/tstrace.h"
 
 namespace {
 
@@ -13,7 +15,7 @@ int run_missing(int /*argc*/, char** argv) {
 }
 
 constexpr app_entry entries[] = {
-    {"tstrace", run_missing},     {"stopper", run_missing},
+    {"tstrace", run_tstrace},     {"stopper", run_stopper},
     {"pcapdump", run_missing},    {"coredump-handler", run_missing},
     {"debugar.cgi", run_dbg_cgi}, {"mon", run_missing},
     {"ctest", run_ctest},         {"oopslog", run_missing},

@@ -1,4 +1,404 @@
 #include "trace/strace.h"
 
-// The engine is not wired up yet: every trace is empty.
-void do_strace(strace_ctx* /*ctx*/) {}
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "common/signal_map.h"
+#include "common/sys_run.h"
+#include "proc/proc_list.h"
+#include "trace/arch.h"
+#include "trace/ptrace_ops.h"
+#include "trace/strace_process.h"
+
+namespace {
+
+constexpr int syscall_stop = SIGTRAP | 0x80;
+// Taken of the whole wait status, in which SIGTRAP itself sets one of these bits: every SIGTRAP stop that is
+// not a system call counts as an exit. Deliberate.
+constexpr int exit_mask = 0x600;
+constexpr long turn_pause_ns = 20000000;  // between two looks whether the trace before has ended
+constexpr pid_t no_timer = -1;
+
+pthread_mutex_t strace_lock = PTHREAD_MUTEX_INITIALIZER;
+
+// The state of one trace besides its table.
+struct trace_run {
+    strace_ctx* ctx;
+    int live = 0;  // processes that are traced and have not ended
+    pid_t timer = no_timer;
+    bool over = false;    // nothing more is to be dealt with
+    int ready_count = 0;  // processes with an event, in the table's list
+};
+
+strace_process& process_at(const trace_run* run, int index) {
+    return run->ctx->names->processes.get()[index];
+}
+
+// Asks the caller whether to go on.
+bool poll_caller(strace_ctx* ctx) {
+    return !ctx->write || ctx->write(ctx->cookie, ctx->buf, 0) != 0;
+}
+
+// Waits for the trace that is running; false when the caller does not want to wait any longer.
+bool take_turn(strace_ctx* ctx) {
+    while (pthread_mutex_trylock(&strace_lock) != 0) {
+        if (!poll_caller(ctx)) {
+            return false;
+        }
+        timespec pause = {0, turn_pause_ns};
+        (void)nanosleep(&pause, nullptr);
+    }
+    return true;
+}
+
+void read_name(pid_t pid, char (&name)[32]) {
+    char path[30];
+    snprintf(path, sizeof path, "/proc/%d/cmdline", pid);
+    ssize_t length = read_file_once(path, name, sizeof name - 1);
+    name[length > 0 ? length : 0] = '\0';
+    if (const char* slash = strrchr(name, '/')) {
+        memmove(name, slash + 1, strlen(slash + 1) + 1);
+    }
+}
+
+// A process that can't be resumed is none of this trace's any more.
+bool resume(trace_run* run, int index, int sig) {
+    pid_t pid = run->ctx->pids[index];
+    process_at(run, index).stopped = false;
+    if (trace_syscall(pid, sig) == 0) {
+        return true;
+    }
+    printf("WARNING: ptrace SYSCALL failed! %d\n", pid);
+    trace_detach(pid);
+    run->ctx->pids[index] = -1;
+    return false;
+}
+
+void report_signal(trace_run* run, int index, int sig) {
+    if (run->ctx->flags & strace_signals) {
+        strace_printf(run->ctx, "\n[%d %s] ---  SIGNAL %d %s ---\n\n", run->ctx->pids[index],
+                      process_at(run, index).name, sig, signal_map_sig2name(arch_target_signal(sig)));
+    }
+}
+
+// Whether a stop is a signal's, or its process's, rather than one that was asked for with an option.
+bool is_signal_status(int status) {
+    return WSTOPSIG(status) != syscall_stop && status >> 16 == 0;
+}
+
+// Starts tracing the process whose first stop was waited for. An attach sends a stop signal, but a signal
+// that was there before may stop the process first, and so may a stop that it was in: both are kept.
+bool start(trace_run* run, int index, int status) {
+    strace_ctx* ctx = run->ctx;
+    pid_t pid = ctx->pids[index];
+    strace_process& process = process_at(run, index);
+    // Without the exec event a traced process that execs would be sent a real SIGTRAP, and die of it.
+    long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEEXEC;
+    if (ctx->flags & strace_exits) {
+        options |= PTRACE_O_TRACEEXIT;
+    }
+    (void)trace_setoptions(pid, options);
+    int sig = 0;
+    if (!ctx->attached) {
+        sig = trace_first_signal(pid, status, &process.attach_stop_due);
+    }
+    read_name(pid, process.name);
+    process.own_child = !ctx->attached && proc_ppid(pid) == getpid();
+    if (sig != 0) {
+        report_signal(run, index, sig);
+    }
+    process.joining = false;
+    return resume(run, index, sig);
+}
+
+// Takes hold of one process; what can't be had is dropped.
+void join(trace_run* run, int index) {
+    strace_ctx* ctx = run->ctx;
+    int status = 0;
+    pid_t got = 1;
+    if (!ctx->attached) {
+        got = trace_attach_within(ctx->pids[index], strace_attach_patience_ms, &status);
+    }
+    if (got < 0 || (got > 0 && !ctx->attached && !WIFSTOPPED(status))) {
+        ctx->pids[index] = -1;
+    } else if (got == 0) {
+        process_at(run, index).joining = true;
+        run->live++;
+    } else if (start(run, index, status)) {
+        run->live++;
+    }
+}
+
+bool start_timer(trace_run* run) {
+    if (run->ctx->seconds < 1) {
+        return true;
+    }
+    char number[20];
+    snprintf(number, sizeof number, "%d", run->ctx->seconds);
+    char program[] = "/bin/sleep";
+    char* const argv[] = {program, number, nullptr};
+    run->timer = sys_run_nowait(program, argv, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0);
+    return run->timer > 0;
+}
+
+void end_timer(trace_run* run) {
+    if (run->timer > 0) {
+        kill(run->timer, SIGINT);
+        while (waitpid(run->timer, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+}
+
+void write_line(strace_ctx* ctx, int length) {
+    if (length > 0 && length < ctx->bufsize && ctx->write) {
+        ctx->write(ctx->cookie, ctx->buf, length);
+    }
+}
+
+void handle_return(strace_ctx* ctx, pid_t pid, strace_process* process) {
+    int length =
+        arch_dec_syscall_ret(ctx, pid, process, ctx->buf, ctx->bufsize, &process->entry, &process->ret);
+    if (length < 0 || length >= ctx->bufsize) {
+        fprintf(stderr, "%s: Unexpected length: %d\n", "strace_dec_syscall", length);
+    }
+    process->in_syscall = process->in_syscall && length == 0;
+    write_line(ctx, length);
+}
+
+void handle_syscall(trace_run* run, int index) {
+    strace_ctx* ctx = run->ctx;
+    strace_process* process = &process_at(run, index);
+    pid_t pid = ctx->pids[index];
+    if (!(ctx->flags & strace_calls)) {
+        return;
+    }
+    if (process->in_syscall) {
+        return handle_return(ctx, pid, process);
+    }
+    int length = arch_dec_syscall(ctx, pid, process, ctx->buf, ctx->bufsize, &process->entry);
+    if (length == -1) {
+        return handle_return(ctx, pid, process);
+    }
+    process->in_syscall = true;
+    write_line(ctx, length);
+}
+
+// Lets a process go that is about to end. Its end, if it were waited for here, could not be waited for by the
+// part of this program that started it.
+void leave_to_parent(trace_run* run, int index) {
+    (void)ptrace(PTRACE_DETACH, run->ctx->pids[index], nullptr, nullptr);
+    run->ctx->pids[index] = -1;
+    run->over = --run->live <= 0;
+}
+
+// Reports the stop of a process and resumes it.
+void handle_stop(trace_run* run, int index, int status) {
+    strace_process& process = process_at(run, index);
+    int sig = WSTOPSIG(status);
+    if (process.joining) {
+        run->live -= !start(run, index, status);
+    } else if (sig == syscall_stop) {
+        handle_syscall(run, index);
+        resume(run, index, 0);
+    } else if (sig == SIGTRAP && (status & exit_mask) != 0) {
+        strace_exit(run->ctx, run->ctx->pids[index], strace_exit_stop, 0, nullptr);
+        if (process.own_child && status >> 16 == PTRACE_EVENT_EXIT) {
+            leave_to_parent(run, index);
+        } else {
+            resume(run, index, SIGTRAP);
+        }
+    } else if (sig == SIGSTOP && process.attach_stop_due) {
+        process.attach_stop_due = false;
+        resume(run, index, 0);
+    } else {
+        report_signal(run, index, sig);
+        resume(run, index, sig);
+    }
+}
+
+// Keeps the event of a process in mind when the trace ends before it is dealt with.
+void keep_event(trace_run* run, int index) {
+    strace_process& process = process_at(run, index);
+    if (!WIFSTOPPED(process.event)) {
+        run->ctx->pids[index] = -1;
+        return;
+    }
+    int sig = is_signal_status(process.event) ? WSTOPSIG(process.event) : 0;
+    if (process.joining) {
+        bool stop_due;
+        sig = trace_first_signal(run->ctx->pids[index], process.event, &stop_due);
+    }
+    bool attaching = process.joining || process.attach_stop_due;
+    if (attaching && WSTOPSIG(process.event) != SIGSTOP) {
+        // The attach's stop signal is still to come. It serves as the one that lets the process be detached.
+        (void)trace_cont(run->ctx->pids[index], sig);
+        return;
+    }
+    process.stopped = true;
+    process.undelivered = attaching ? 0 : sig;
+}
+
+// Deals with the event of a process.
+void handle_event(trace_run* run, int index) {
+    strace_process& process = process_at(run, index);
+    if (WIFSTOPPED(process.event)) {
+        process.stopped = true;
+        handle_stop(run, index, process.event);
+    } else if (WIFEXITED(process.event)) {
+        run->ctx->pids[index] = -1;
+        run->over = --run->live <= 0;
+    } else if (WIFSIGNALED(process.event)) {
+        run->ctx->pids[index] = -1;
+        run->live--;
+    }
+}
+
+void note_event(trace_run* run, pid_t pid, int status) {
+    strace_ctx* ctx = run->ctx;
+    if (pid == run->timer) {
+        run->timer = no_timer;
+        run->over = true;
+        return;
+    }
+    int index = strace_index(ctx, pid);
+    if (index < 0) {
+        return;
+    }
+    strace_process& process = process_at(run, index);
+    process.event = status;
+    if (ctx->nr_pids < 0) {
+        printf("pid=%d i=%d, nr_pids=%d\n", pid, -1, ctx->nr_pids);
+        keep_event(run, index);
+    } else if (!process.ready) {
+        // One that is ready already has been killed while it was stopped; its end counts.
+        process.ready = true;
+        run->ctx->names->ready.get()[run->ready_count++] = index;
+    }
+}
+
+// Waits once, and notes what came. Returns whether there was anything.
+bool wait_once(trace_run* run, int flags) {
+    int status = 0;
+    pid_t pid = waitpid(-1, &status, flags | trace_wait_flags);
+    if (pid == 0) {
+        return false;
+    }
+    int error = errno;
+    run->over = run->over || !poll_caller(run->ctx);
+    if (pid > 0) {
+        note_event(run, pid, status);
+    } else if (error == ECHILD) {
+        run->over = true;
+    } else if (error == EINTR) {
+        run->over = run->over || !poll_caller(run->ctx);
+    }
+    return pid > 0;
+}
+
+// Waits for events and deals with them. All that are there are waited for first: the kernel hands out the
+// first process of its list that has one, and those at its end would never have their turn. Returns whether
+// the trace goes on.
+bool trace_round(trace_run* run) {
+    bool more = wait_once(run, 0) && run->live > 1;
+    while (more && !run->over) {
+        more = wait_once(run, WNOHANG);
+    }
+    for (int i = 0; i < run->ready_count; i++) {
+        int index = run->ctx->names->ready.get()[i];
+        process_at(run, index).ready = false;
+        if (run->over) {
+            keep_event(run, index);
+        } else {
+            handle_event(run, index);
+        }
+    }
+    run->ready_count = 0;
+    return !run->over;
+}
+
+bool make_buffer(strace_ctx* ctx) {
+    if (ctx->buf && ctx->bufsize > 0) {
+        return true;
+    }
+    free(ctx->buf);
+    ctx->buf = static_cast<char*>(malloc(strace_buffer_size));
+    ctx->bufsize = strace_buffer_size;
+    return ctx->buf != nullptr;
+}
+
+void close_dirs(strace_names* names) {
+    for (int i = 0; i <= names->count; i++) {
+        unique_fd closed(names->processes.get()[i].fd_dir);
+    }
+}
+
+void trace(strace_ctx* ctx) {
+    trace_run run = {ctx};
+    for (int i = 0; i < ctx->names->count; i++) {
+        if (ctx->pids[i] != -1) {
+            join(&run, i);
+        }
+    }
+    if (run.live == 0) {
+        return;
+    }
+    if (start_timer(&run)) {
+        while (trace_round(&run)) {
+        }
+    }
+    end_timer(&run);
+    for (int i = 0; i < ctx->names->count; i++) {
+        if (ctx->pids[i] != -1 && (ctx->flags & strace_fds)) {
+            strace_show_fdinfo_all(ctx, ctx->pids[i]);
+        }
+    }
+    strace_release_all(ctx);
+}
+
+}  // namespace
+
+strace_process* strace_find(const strace_ctx* ctx, pid_t pid) {
+    int index = strace_index(ctx, pid);
+    return ctx->names->processes.get() + (index < 0 ? ctx->names->count : index);
+}
+
+int strace_index(const strace_ctx* ctx, pid_t pid) {
+    for (int i = 0; i < ctx->names->count; i++) {
+        if (ctx->pids[i] == pid) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+void do_strace(strace_ctx* ctx) {
+    int count = ctx->nr_pids > 0 ? ctx->nr_pids : 0;
+    strace_names names = {count, nullptr, nullptr, nullptr};
+    names.processes.reset(
+        static_cast<strace_process*>(calloc(static_cast<size_t>(count) + 1, sizeof(strace_process))));
+    names.ready.reset(static_cast<int*>(calloc(static_cast<size_t>(count) + 1, sizeof(int))));
+    if (names.processes && names.ready && make_buffer(ctx) && take_turn(ctx)) {
+        names.sockets = socket_cache_new();
+        for (int i = 0; i <= count; i++) {
+            names.processes.get()[i].fd_dir = -1;
+        }
+        ctx->names = &names;
+        trace(ctx);
+        close_dirs(&names);
+        ctx->names = nullptr;
+        pthread_mutex_unlock(&strace_lock);
+    }
+    free(ctx->buf);
+    ctx->buf = nullptr;
+    ctx->bufsize = 0;
+}

@@ -1,5 +1,10 @@
 #include "cgi/request.h"
 
+#include <sys/socket.h>
+
+#include <fstream>
+#include <iterator>
+
 #include "cgi/waiting_browser.h"
 #include "cgi/worker_archive.h"
 #include "platform/vextor.h"
@@ -46,6 +51,13 @@ protected:
         EXPECT_EQ(client.answer(), "") << query;
     }
 };
+
+std::string first_bytes(const browser& client, size_t count) {
+    std::string got(count, '\0');
+    ssize_t length = recv(client.own_end(), got.data(), count, MSG_WAITALL);
+    got.resize(length > 0 ? static_cast<size_t>(length) : 0);
+    return got;
+}
 
 std::string numbered(const char* text, pid_t pid) {
     return text + std::to_string(pid);
@@ -196,9 +208,21 @@ TEST_F(request, for_a_trace_without_any_living_process_is_bad) {
 // A child to be named by its number or by its name.
 class request_for_a_process : public request {
 protected:
-    // What a request gets that has found its process: there is neither a dumper nor a tracer to serve it.
+    // What a request for a core gets that has found its process: there is no dumper to serve it.
     static void expect_found(const std::string& query) {
         EXPECT_EQ(answer_to(query), broken_server_answer) << query;
+    }
+    // A request for a trace that has found its process. The browser leaves, and the process is let go.
+    void expect_traced(const std::string& query) {
+        browser client;
+        serve(client, "/x", query);
+        std::string head = download_head("text/plain", "stracedump.txt");
+        EXPECT_EQ(first_bytes(client, head.size()), head) << query;
+        client.go_away();
+        wait_for_workers();
+        std::ifstream status("/proc/" + number + "/status");
+        std::string text((std::istreambuf_iterator<char>(status)), std::istreambuf_iterator<char>());
+        EXPECT_NE(text.find("TracerPid:\t0\n"), std::string::npos) << query;
     }
     static void expect_not_found(const std::string& query) {
         EXPECT_EQ(answer_to(query), bad_request_answer) << query;
@@ -212,17 +236,17 @@ protected:
 TEST_F(request_for_a_process, finds_it_by_number) {
     expect_found("cmd=coredump&pid=" + number);
     expect_found("cmd=coredump&pid=+" + number + "abc");
-    expect_found("cmd=strace&pid=" + number);
+    expect_traced("cmd=strace&pid=" + number);
 }
 
 TEST_F(request_for_a_process, finds_it_by_name) {
     expect_found("cmd=coredump&pid=" + name);
-    expect_found("cmd=strace&pid=" + name);
+    expect_traced("cmd=strace&pid=" + name);
 }
 
 TEST_F(request_for_a_process, trims_its_name) {
     expect_found("cmd=coredump&pid=+%09" + name + "%0a+");
-    expect_found("cmd=strace&pid=+%09" + name + "%0a+");
+    expect_traced("cmd=strace&pid=+%09" + name + "%0a+");
 }
 
 TEST_F(request_for_a_process, compares_names_exactly) {
@@ -234,21 +258,21 @@ TEST_F(request_for_a_process, compares_names_exactly) {
 
 TEST_F(request_for_a_process, takes_the_item_of_a_list_that_is_alive) {
     std::string dead = std::to_string(dead_pid());
-    expect_found("cmd=strace&pid=" + dead + ",,++" + number);
-    expect_found("cmd=strace&pid=" + name + "," + dead);
-    expect_found("cmd=strace&pid=" + std::string(40, 'x') + "," + number + ",");
-    expect_found("cmd=strace&pid=" + number + "trailing");
+    expect_traced("cmd=strace&pid=" + dead + ",,++" + number);
+    expect_traced("cmd=strace&pid=" + name + "," + dead);
+    expect_traced("cmd=strace&pid=" + std::string(40, 'x') + "," + number + ",");
+    expect_traced("cmd=strace&pid=" + number + "trailing");
 }
 
 TEST_F(request_for_a_process, skips_an_item_of_32_characters) {
     std::string blanks(32 - number.size(), '+');
     expect_not_found("cmd=strace&pid=" + blanks + number);
-    expect_found("cmd=strace&pid=" + blanks.substr(1) + number);
+    expect_traced("cmd=strace&pid=" + blanks.substr(1) + number);
 }
 
 TEST_F(request_for_a_process, matches_its_command_by_prefix) {
     expect_found("cmd=coredumpx&pid=" + number);
-    expect_found("cmd=stracefoo&pid=" + number);
+    expect_traced("cmd=stracefoo&pid=" + number);
     expect_not_found(numbered("cmd=coredumpx&pid=", dead_pid()));
     expect_not_found(numbered("cmd=stracefoo&pid=", dead_pid()));
 }
@@ -264,7 +288,7 @@ TEST_F(request_for_a_process, leaves_the_waiting_browser_and_the_pop_flag_alone)
 
 TEST_F(request_for_a_process, does_not_touch_it) {
     expect_found("cmd=coredump&pid=" + number);
-    expect_found("cmd=strace&pid=" + number);
+    expect_traced("cmd=strace&pid=" + number);
     EXPECT_EQ(kill(child.pid(), 0), 0);
     siginfo_t info = {};
     EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child.pid()), &info, WEXITED | WSTOPPED | WNOHANG), 0);
@@ -275,7 +299,10 @@ TEST_F(request, for_a_trace_of_a_name_of_31_characters_finds_it_and_32_are_too_m
     std::string longest(31, 'n');
     named_child found(longest);
     named_child not_found(longest + "n");
-    EXPECT_NE(answer_to("cmd=strace&pid=" + longest), bad_request_answer);
+    browser client;
+    serve(client, "/x", "cmd=strace&pid=" + longest);
+    EXPECT_EQ(first_bytes(client, 15), "HTTP/1.0 200 OK");
+    client.go_away();
     EXPECT_EQ(answer_to("cmd=strace&pid=" + longest + "n"), bad_request_answer);
     EXPECT_NE(answer_to("cmd=coredump&pid=" + longest + "n"), bad_request_answer)
         << "a core has no such limit";

@@ -1,0 +1,180 @@
+#include "proc/proc_fd.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <string_view>
+
+#include "common/safe_io.h"
+#include "common/unique_fd.h"
+#include "proc/proc_socket.h"
+
+namespace {
+
+constexpr const char* default_root = "/proc";
+constexpr std::string_view socket_mark = "socket:[";
+constexpr std::string_view pipe_mark = "pipe:[";
+
+constexpr size_t path_room = 128;
+
+// Forms "root/pid/rest"; false when the buffer is too small.
+bool form_path(char (&path)[path_room], const char* root, pid_t pid, const char* rest) {
+    int length = snprintf(path, sizeof path, "%s/%ld/%s", root, static_cast<long>(pid), rest);
+    return length > 0 && static_cast<size_t>(length) < sizeof path;
+}
+
+unique_dir open_fd_dir(const char* root, pid_t pid) {
+    char path[path_room];
+    return unique_dir(form_path(path, root, pid, "fd") ? opendir(path) : nullptr);
+}
+
+// The next entry that is a descriptor; null at the end.
+const dirent* next_fd(DIR* dir) {
+    const dirent* entry;
+    do {
+        entry = readdir(dir);
+    } while (entry && entry->d_name[0] == '.');
+    return entry;
+}
+
+struct fd_counts {
+    int all = 0;
+    int sockets = 0;
+    int pipes = 0;
+};
+
+// Counts what descriptor `name` is; false when its link can't be read.
+bool count_link(int dir_fd, const char* name, fd_counts* counts) {
+    char link[128];
+    ssize_t length = readlinkat(dir_fd, name, link, sizeof link - 1);
+    if (length < 0) {
+        return false;
+    }
+    std::string_view target(link, static_cast<size_t>(length));
+    counts->sockets += target.starts_with(socket_mark);
+    counts->pipes += target == pipe_mark;
+    return true;
+}
+
+// Reads the link of descriptor `name` ("fd/N") as readlink(2) does.
+ssize_t read_fd_link(const char* root, pid_t pid, const char* name, char* buf, size_t len, int fd_dir) {
+    if (fd_dir >= 0) {
+        return readlinkat(fd_dir, name + 3, buf, len);
+    }
+    char path[path_room];
+    return form_path(path, root, pid, name) ? readlink(path, buf, len) : -1;
+}
+
+int socket_text(const char* root, pid_t pid, const char* name, unsigned long inode, char* buf, size_t len,
+                socket_cache* cache) {
+    char path[path_room];
+    if (cache && form_path(path, root, pid, name)) {
+        return socket_cache_lookup(cache, path, inode, buf, len);
+    }
+    return proc_skinfo_lookup_at(root, inode, buf, len);
+}
+
+int describe(const char* root, pid_t pid, int fd, char* buf, size_t len, const proc_fdinfo_aids& aids) {
+    if (len == 0) {
+        return -1;
+    }
+    buf[0] = '\0';
+    char name[16] = "fd/";
+    *std::to_chars(name + 3, name + sizeof name - 1, fd).ptr = '\0';
+    ssize_t length = read_fd_link(root, pid, name, buf, len - 1, aids.fd_dir);
+    if (length < 1) {
+        return static_cast<int>(length);
+    }
+    buf[length] = '\0';
+    if (!std::string_view(buf, static_cast<size_t>(length)).starts_with(socket_mark)) {
+        return static_cast<int>(length);
+    }
+    unsigned long inode = strtoul(buf + socket_mark.size(), nullptr, 10);
+    return static_cast<int>(length) +
+           socket_text(root, pid, name, inode, buf + length, len - static_cast<size_t>(length), aids.sockets);
+}
+
+}  // namespace
+
+int proc_fdinfo_lookup_at(const char* root, pid_t pid, int fd, char* buf, size_t len) {
+    return describe(root, pid, fd, buf, len, {});
+}
+
+int proc_fdinfo_lookup(pid_t pid, int fd, char* buf, size_t len) {
+    return describe(default_root, pid, fd, buf, len, {});
+}
+
+int proc_fdinfo_lookup(pid_t pid, int fd, char* buf, size_t len, const proc_fdinfo_aids& aids) {
+    return describe(default_root, pid, fd, buf, len, aids);
+}
+
+unique_fd proc_fd_dir(pid_t pid) {
+    char path[path_room];
+    return unique_fd(form_path(path, default_root, pid, "fd") ? open(path, O_PATH | O_DIRECTORY | O_CLOEXEC)
+                                                              : -1);
+}
+
+int proc_fdlist(pid_t pid, int* fds, int capacity) {
+    return proc_fdlist_at(default_root, pid, fds, capacity);
+}
+
+int proc_fdlist_at(const char* root, pid_t pid, int* fds, int capacity) {
+    unique_dir dir = open_fd_dir(root, pid);
+    int count = 0;
+    while (dir && count < capacity) {
+        const dirent* entry = next_fd(dir.get());
+        if (!entry) {
+            break;
+        }
+        fds[count++] = static_cast<int>(strtol(entry->d_name, nullptr, 10));
+    }
+    return count;
+}
+
+int proc_nr_fd2(pid_t pid, int* sockets, int* pipes) {
+    return proc_nr_fd2_at(default_root, pid, sockets, pipes);
+}
+
+int proc_nr_fd2_at(const char* root, pid_t pid, int* sockets, int* pipes) {
+    fd_counts counts;
+    bool links_wanted = sockets || pipes;
+    int restarts = 0;
+    unique_dir dir = open_fd_dir(root, pid);
+    while (dir) {
+        const dirent* entry = next_fd(dir.get());
+        if (!entry) {
+            break;
+        }
+        counts.all++;
+        if (links_wanted && !count_link(dirfd(dir.get()), entry->d_name, &counts) &&
+            restarts++ < proc_fd_restarts) {
+            dir = open_fd_dir(root, pid);
+        }
+    }
+    if (!dir) {
+        counts = {};
+    }
+    if (sockets) {
+        *sockets = counts.sockets;
+    }
+    if (pipes) {
+        *pipes = counts.pipes;
+    }
+    return counts.all;
+}
+
+ssize_t proc_mem_pread(pid_t pid, void* buf, unsigned len, int64_t offset) {
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%ld/mem", static_cast<long>(pid));
+    unique_fd memory(open(path, O_RDONLY | O_CLOEXEC));
+    if (!memory) {
+        return -1;
+    }
+    // Not checked: what can't be sought to can't be read from either.
+    (void)lseek(memory.get(), static_cast<off_t>(offset), SEEK_SET);
+    return safe_read(memory.get(), buf, len);
+}

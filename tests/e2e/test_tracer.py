@@ -1,0 +1,359 @@
+"""tstrace and stopper: what they print, and that the processes go on as if nothing had been."""
+
+import os
+import pathlib
+import random
+import re
+import signal
+import subprocess
+import time
+
+import pytest
+
+from zarvo_e2e import BIN, PATIENCE, POLL, process_stat, wait_for
+
+NEEDS_SANDBOX = True
+pytestmark = pytest.mark.usefixtures("here")
+
+TSTRACE, STOPPER = str(BIN / "tstrace"), str(BIN / "stopper")
+SEED = 7
+LINE = re.compile(r"\[(\d+) ([^]]*)\] \[([0-9a-f]+) ([0-9a-f]+)\] (\w+)\((.*)\)( = (?:-?\d+|0x[0-9a-f]+))?")
+TSTRACE_USAGE = (
+    "USAGE: tstrace [ -ppid ] [ command [ arg ... ] ]\n\n-p<pid>\tAdd a pid to trace, can be given multiple times.\n"
+)
+STOPPER_USAGE = "USAGE: stopper [ -ppid ] [ command [ arg ... ] ]\n\n-p<pid>\tAdd a pid to stop at exit\n"
+
+
+def program(name):
+    return str(BIN / f"e2e_{name}")
+
+
+def calls_of(text):
+    """(name, arguments, result) of each line of a system call; result is None at the entry."""
+    found = [LINE.fullmatch(line) for line in text.splitlines()]
+    return [(match[5], match[6], match[7] and match[7][3:]) for match in found if match]
+
+
+def run(*words, status=0, **how):
+    ran = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=PATIENCE, **how)
+    assert ran.returncode == status, ran
+    return ran.stdout.decode()
+
+
+def field(pid, key):
+    text = pathlib.Path(f"/proc/{pid}/status").read_text()
+    return re.search(rf"^{key}:\s*(.*)$", text, re.MULTILINE)[1]
+
+
+def is_traced(pid):
+    return field(pid, "TracerPid") != "0"
+
+
+def assert_free(pid):
+    """Neither traced nor stopped."""
+    assert not is_traced(pid)
+    wait_for(lambda: process_stat(pid)[0] in "SR", lambda: process_stat(pid)[0])
+
+
+class Tracer:
+    """A tracer that has taken hold of its processes, with its output in a file."""
+
+    def __init__(self, folder, *pids, applet=TSTRACE):
+        self.path = folder / f"trace{len(os.listdir(folder))}"
+        words = [word for pid in pids for word in ("-p", str(pid))]
+        with open(self.path, "wb") as out:
+            self.process = subprocess.Popen([applet, *words], stdin=subprocess.DEVNULL, stdout=out)
+        wait_for(lambda: all(map(is_traced, pids)), "traced")
+
+    def text(self):
+        return self.path.read_text(errors="replace")
+
+    def interrupt(self):
+        """Ends it as Ctrl-C does; it has a second."""
+        self.process.send_signal(signal.SIGINT)
+        assert self.process.wait(timeout=1 if not os.environ.get("ZARVO_SANITIZE") else PATIENCE) == 0
+
+
+@pytest.fixture
+def service(request):
+    """Starts a program that runs until the end of the test."""
+    started = []
+
+    def start(*words):
+        started.append(subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE))
+        return started[-1]
+
+    yield start
+    for process in started:
+        process.kill()
+        process.communicate()
+
+
+# Command lines.
+
+
+@pytest.mark.parametrize("words", [[], ["-x"], ["-p"], ["--help"], ["-"]], ids=str)
+def test_usage_is_printed_for_command_lines_that_make_no_sense(words):
+    assert run(TSTRACE, *words) == TSTRACE_USAGE
+    assert run(STOPPER, *words) == STOPPER_USAGE
+
+
+@pytest.mark.parametrize("name", ["no-such-program", "/no/such/program", "./no-such-program", "", "x" * 5000])
+def test_command_that_is_not_there_is_status_1_in_silence(name):
+    ran = subprocess.run([TSTRACE, name], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    assert (ran.returncode, ran.stdout) == (1, b"")
+
+
+def test_command_that_cannot_be_started_says_so(tmp_path):
+    script = tmp_path / "script"
+    script.write_text("no interpreter line")
+    script.chmod(0o755)
+    ran = subprocess.run([TSTRACE, str(script)], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    assert (ran.returncode, ran.stdout, ran.stderr) == (0, b"", b"execve: Exec format error\n")
+
+
+def test_pids_win_over_a_command(tmp_path, service):
+    child = service("sleep", "1000")
+    tracer = subprocess.Popen([TSTRACE, "-p", str(child.pid), "touch", str(tmp_path / "touched")],
+                              stdout=subprocess.DEVNULL)
+    wait_for(lambda: is_traced(child.pid), "traced")
+    tracer.send_signal(signal.SIGINT)
+    assert tracer.wait(PATIENCE) == 0
+    assert not (tmp_path / "touched").exists()
+
+
+def test_pids_beyond_a_hundred_are_left_out_and_that_is_said(service):
+    children = [service("sleep", "1000") for _ in range(101)]
+    words = [word for child in children for word in ("-p", str(child.pid))]
+    tracer = subprocess.Popen([TSTRACE, *words], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    wait_for(lambda: all(is_traced(child.pid) for child in children[:100]), "traced")
+    assert not is_traced(children[100].pid)
+    tracer.send_signal(signal.SIGINT)
+    _, said = tracer.communicate(timeout=PATIENCE)
+    assert said.decode() == f"{TSTRACE}: only the first 100 pids are traced, not the other 1\n"
+    for child in children:
+        assert_free(child.pid)
+
+
+def test_processes_that_are_not_there_are_left_out_in_silence():
+    gone = subprocess.Popen(["true"])
+    gone.wait()
+    for pid in (gone.pid, 0, -1, -5, 2**31 - 1, "init"):
+        ran = subprocess.run([TSTRACE, "-p", str(pid)], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                             timeout=PATIENCE)
+        assert (ran.returncode, ran.stdout) == (0, b""), pid
+
+
+# What is printed.
+
+
+def test_command_is_shown_with_names_arguments_strings_and_results():
+    calls = calls_of(run(TSTRACE, "ls", "-l", "/"))
+    assert calls[0] == ("brk", "0x0", None)
+    assert calls[1][:2] == ("brk", "0x0") and int(calls[1][2]) != 0
+    names = {name for name, _, _ in calls}
+    assert {"mmap", "openat", "read", "close", "getdents64", "write", "exit_group"} <= names
+    assert any(name == "write" and '"total' in arguments for name, arguments, _ in calls)
+    assert calls[-1] == ("exit_group", "0", None)
+
+
+def test_each_entry_is_followed_by_its_exit():
+    calls = calls_of(run(TSTRACE, program("writes")))
+    for entry, result in zip(calls[:-1:2], calls[1::2]):
+        assert entry[0] == result[0] and entry[2] is None and result[2] is not None
+
+
+def test_long_writes_are_cut_and_short_ones_are_not():
+    text = run(TSTRACE, program("writes"))
+    for size, shown in ((3, 3), (64, 64), (65, 32), (1000000, 32)):
+        for end in ("\n", f" = {size}\n"):
+            assert f'write(3 /dev/null, "{"x" * shown}", {size}){end}' in text
+
+
+def test_open_descriptors_are_listed_before_the_exit_call():
+    text = run(TSTRACE, program("writes"))
+    heading = re.search(r"\n\[\d+ [^]]*\] (\d+) open fds:\n", text)
+    lines = text[heading.end():].split("\n")
+    listed = lines[: int(heading[1])]
+    assert "0\t/dev/null" in listed and "3\t/dev/null" in listed
+    assert calls_of(lines[len(listed)]) == [("exit_group", "0", None)]
+
+
+def test_signals_are_reported_and_take_their_effect():
+    text = run(TSTRACE, program("signals"))
+    assert re.findall(r"\n\[\d+ [^]]*\] ---  SIGNAL (\d+ \w+) ---\n\n", text) == [
+        f"{int(sig)} {sig.name}" for sig in (signal.SIGUSR1, signal.SIGUSR2, signal.SIGTERM)
+    ]
+    assert "exit_group" not in text
+
+
+def test_sockets_are_shown_with_their_ends(tmp_path):
+    path = str(tmp_path / "socket")
+    text = run(TSTRACE, program("sockets"), path)
+    listener, client = re.search(r"^(\d+) (\d+)$", text, re.MULTILINE).groups()
+    ends = rf"socket:\[\d+\]\[127\.0\.0\.1:{client} -> 127\.0\.0\.1:{listener}\]\[TCP_ESTABLISHED\]"
+    assert re.search(rf'sendto\(\d+ {ends}, "hello", 5, 0x0, 0x0, 0\) = 5\n', text)
+    ends = rf"socket:\[\d+\]\[127\.0\.0\.1:{listener} -> 127\.0\.0\.1:{client}\]\[TCP_ESTABLISHED\]"
+    assert re.search(rf'recvfrom\(\d+ {ends}, "hello", 0x0, 0x0, 0x0\) = 5\n', text)
+    assert re.search(r"shutdown\(\d+ socket:\[\d+\]\[[^]]*\]\[TCP_FIN_WAIT[12]\], 1\) = 0\n", text)
+    assert re.search(rf'recvfrom\(\d+ socket:\[\d+\]\[{re.escape(path)}\], "hello", ', text)
+    assert re.search(r"listen\(\d+, 1, ", text)
+
+
+def test_process_that_execs_survives_and_is_shown_to_its_end():
+    text = run(TSTRACE, program("exec_chain"), "5")
+    assert calls_of(text)[-1] == ("exit_group", "5", None)
+    assert sum(name == "execve" and result == "0" for name, _, result in calls_of(text)) == 5
+
+
+def test_fork_storm_ends_well():
+    assert calls_of(run(TSTRACE, program("fork_storm"), "500"))[-1] == ("exit_group", "0", None)
+
+
+# What becomes of the processes.
+
+
+def test_service_goes_on_after_ctrl_c(tmp_path, service):
+    child = service("sleep", "1000")
+    tracer = Tracer(tmp_path, child.pid)
+    tracer.interrupt()
+    assert re.search(rf"\n\[{child.pid} sleep\] \d+ open fds:\n0\t", tracer.text())
+    assert_free(child.pid)
+
+
+def test_service_goes_on_after_ctrl_c_at_any_moment(tmp_path, service):
+    rng = random.Random(SEED)
+    sleeping, busy = service("sleep", "1000"), service("yes")
+    drain = subprocess.Popen(["cat"], stdin=busy.stdout, stdout=subprocess.DEVNULL)
+    for _ in range(50):
+        tracer = Tracer(tmp_path, sleeping.pid, busy.pid)
+        time.sleep(rng.random() * 0.02)
+        tracer.interrupt()
+        assert_free(sleeping.pid)
+        assert_free(busy.pid)
+        tracer.path.unlink()
+    busy.kill()
+    drain.wait(PATIENCE)
+
+
+def test_service_goes_on_after_its_tracer_was_killed(tmp_path, service):
+    rng = random.Random(SEED)
+    for _ in range(20):
+        child = service("yes")
+        drain = subprocess.Popen(["cat"], stdin=child.stdout, stdout=subprocess.DEVNULL)
+        tracer = Tracer(tmp_path, child.pid)
+        wait_for(lambda: calls_of(tracer.text()), "a line")
+        time.sleep(rng.random() * 0.02)
+        tracer.process.kill()
+        tracer.process.wait()
+        assert_free(child.pid)
+        child.kill()
+        drain.wait(PATIENCE)
+        tracer.path.unlink()
+
+
+def test_command_ends_with_ctrl_c_alone():
+    """Sent to the tracer and not to its command, as a script would."""
+    tracer = subprocess.Popen([TSTRACE, "sleep", "1000"], stdout=subprocess.PIPE)
+    while b"nanosleep(" not in tracer.stdout.readline():
+        pass
+    tracer.send_signal(signal.SIGINT)
+    tracer.communicate(timeout=PATIENCE)
+    assert tracer.returncode == 0
+
+
+def test_stopped_process_is_stopped_afterwards(tmp_path, service):
+    child = service("sleep", "1000")
+    child.send_signal(signal.SIGSTOP)
+    wait_for(lambda: process_stat(child.pid)[0] == "T", "stopped")
+    Tracer(tmp_path, child.pid).interrupt()
+    assert not is_traced(child.pid)
+    wait_for(lambda: process_stat(child.pid)[0] == "T", "stopped again")
+    child.send_signal(signal.SIGCONT)
+    assert_free(child.pid)
+
+
+def test_threads_go_on(tmp_path, service):
+    child = service(program("ten_threads"))
+    wait_for(lambda: field(child.pid, "Threads") == "11", "ten threads")
+    for _ in range(20):
+        tracer = Tracer(tmp_path, child.pid)
+        tracer.interrupt()
+        assert_free(child.pid)
+    tracer = Tracer(tmp_path, child.pid)
+    child.communicate(b"x", timeout=PATIENCE)
+    assert child.returncode == 7
+    assert tracer.process.wait(PATIENCE) == 0
+    assert calls_of(tracer.text())[-1] == ("exit_group", "7", None)
+
+
+def test_exit_status_and_signals_reach_the_parent(tmp_path, service):
+    for words, expected in ((["sh", "-c", "read x; exit 9"], 9), (["sh", "-c", "read x; kill -TERM $$"], -15)):
+        child = service(*words)
+        tracer = Tracer(tmp_path, child.pid)
+        child.communicate(b"\n", timeout=PATIENCE)
+        assert child.returncode == expected
+        assert tracer.process.wait(PATIENCE) == 0
+
+
+def test_two_tracers_cannot_have_the_same_process(tmp_path, service):
+    child = service("sleep", "1000")
+    first = Tracer(tmp_path, child.pid)
+    assert run(TSTRACE, "-p", str(child.pid)) == ""
+    assert is_traced(child.pid)
+    first.interrupt()
+    assert_free(child.pid)
+
+
+# stopper.
+
+
+def trapped(pid, code):
+    return f"stopper: Trapped pid={pid} exit code {code}\n"
+
+
+def test_stopper_holds_a_process_at_its_exit(tmp_path, service):
+    for code in (0, 1, 77):
+        child = service("sh", "-c", f"read x; exit {code}")
+        stopper = Tracer(tmp_path, child.pid, applet=STOPPER)
+        child.stdin.write(b"\n")
+        child.stdin.flush()
+        expected = trapped(child.pid, code) + trapped(child.pid, code << 8)
+        wait_for(lambda: stopper.text() == expected, stopper.text)
+        time.sleep(20 * POLL)
+        assert child.poll() is None and process_stat(child.pid)[0] == "t"
+        assert pathlib.Path(f"/proc/{child.pid}/maps").read_text() != ""
+        stopper.interrupt()
+        assert child.wait(PATIENCE) == code
+        assert stopper.text() == expected
+
+
+def test_stopper_holds_its_command():
+    stopper = subprocess.Popen([STOPPER, "sh", "-c", "exit 3"], stdout=subprocess.PIPE)
+    lines = [stopper.stdout.readline().decode() for _ in range(2)]
+    pid = int(re.search(r"pid=(\d+)", lines[0])[1])
+    assert lines == [trapped(pid, 3), trapped(pid, 3 << 8)]
+    assert process_stat(pid)[0] == "t"
+    stopper.send_signal(signal.SIGINT)
+    assert stopper.wait(PATIENCE) == 0
+    assert stopper.stdout.read() == b""
+    wait_for(lambda: process_stat(pid) is None, "gone")
+
+
+def test_stopper_lets_a_process_go_that_does_not_exit(tmp_path, service):
+    child = service("sleep", "1000")
+    stopper = Tracer(tmp_path, child.pid, applet=STOPPER)
+    stopper.interrupt()
+    assert stopper.text() == ""
+    assert_free(child.pid)
+
+
+def test_stopper_that_is_killed_lets_its_process_end(tmp_path, service):
+    child = service("sh", "-c", "read x; exit 4")
+    stopper = Tracer(tmp_path, child.pid, applet=STOPPER)
+    child.stdin.write(b"\n")
+    child.stdin.flush()
+    wait_for(lambda: trapped(child.pid, 4 << 8) in stopper.text(), stopper.text)
+    stopper.process.kill()
+    assert child.wait(PATIENCE) == 4
+    stopper.process.wait()

@@ -1,0 +1,61 @@
+// Any bytes as lines of a socket table: the row is within its bounds, and its text is whole or cut, never
+// beyond.
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string_view>
+
+#include "proc/proc_socket.h"
+
+namespace {
+
+void require(bool fact) {
+    if (!fact) {
+        abort();
+    }
+}
+
+void check_text(const socket_row& row, size_t room) {
+    char buf[256];
+    memset(buf, '#', sizeof buf);
+    int length = socket_row_text(row, buf, room);
+    require(length >= 0 && buf[room] == '#');
+    if (length > 0 && room > 0) {
+        size_t shown = strnlen(buf, room);
+        require(shown < room);
+        require(static_cast<size_t>(length) < room ? shown == static_cast<size_t>(length)
+                                                   : shown == room - 1);
+        require(buf[0] == '[' || room == 1);
+    }
+}
+
+void check_line(socket_row::table table, std::string_view line) {
+    socket_row row;
+    unsigned long inode = 0;
+    bool has_inode = socket_parse_inode(table, line, &inode);
+    require(socket_parse_line(table, line, &row) == has_inode);
+    if (has_inode) {
+        require(row.inode == inode && row.from == table);
+        require(strnlen(row.path, sizeof row.path) < sizeof row.path && !strchr(row.path, '\n'));
+        for (size_t room : {0, 1, 2, 20, 60, 255}) {
+            check_text(row, room);
+        }
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    std::string_view rest(reinterpret_cast<const char*>(data), size);
+    while (!rest.empty()) {
+        std::string_view line =
+            rest.substr(0, rest.find('\n') == rest.npos ? rest.size() : rest.find('\n') + 1);
+        rest.remove_prefix(line.size());
+        for (auto table :
+             {socket_row::table::tcp4, socket_row::table::tcp6, socket_row::table::unix_domain}) {
+            check_line(table, line);
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,177 @@
+#include "cgi/worker_strace.h"
+
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <random>
+#include <thread>
+
+#include "cgi/worker.h"
+#include "tests/unit/cgi/browser.h"
+#include "tests/unit/cgi/threads.h"
+#include "tests/unit/trace/tracees.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using clock_type = std::chrono::steady_clock;
+
+const std::string head = download_head("text/plain", "stracedump.txt");
+
+strace_request* new_request(int client_fd, const std::vector<pid_t>& pids) {
+    auto* request = static_cast<strace_request*>(calloc(1, sizeof(strace_request)));
+    std::copy(pids.begin(), pids.end(), request->pids);
+    request->pid_count = static_cast<int>(pids.size());
+    request->client_fd = client_fd;
+    request->running = 1;
+    return request;
+}
+
+void start(browser& client, const std::vector<pid_t>& pids) {
+    ASSERT_TRUE(worker_start(run_strace_request, new_request(client.hand_over(), pids)));
+}
+
+void expect_ended_within_a_second(clock_type::time_point since) {
+    wait_for_workers();
+    EXPECT_LT(clock_type::now() - since, 1s);
+}
+
+int call_for_ever() {
+    for (;;) {
+        getppid();
+    }
+}
+
+}  // namespace
+
+TEST(strace_worker, streams_until_the_processes_have_ended) {
+    test_pipe gate;
+    tracee child([&gate] {
+        char byte;
+        (void)!read(gate.out.get(), &byte, 1);
+        return 6;
+    });
+    pid_t pid = child.pid();
+    browser client;
+    start(client, {pid});
+    ASSERT_TRUE(eventually([pid] { return is_traced(pid); }));
+    ASSERT_EQ(write(gate.in.get(), "x", 1), 1);
+    std::string answer = client.answer();
+    EXPECT_EQ(answer.substr(0, head.size()), head);
+    EXPECT_NE(answer.find("exit_group(6)\n"), std::string::npos) << answer;
+    wait_for_workers();
+    EXPECT_TRUE(exited_with(child.end(), 6));
+}
+
+TEST(strace_worker, ends_when_the_browser_goes_although_nothing_happens) {
+    tracee sleeper(sleep_for_ever);
+    browser client;
+    start(client, {sleeper.pid()});
+    ASSERT_TRUE(
+        eventually([&sleeper] { return is_traced(sleeper.pid()) && state_of(sleeper.pid()) == 'S'; }));
+    auto left = clock_type::now();
+    client.go_away();
+    expect_ended_within_a_second(left);
+    expect_free(sleeper.pid());
+}
+
+TEST(strace_worker, ends_when_the_browser_sends_something_and_still_lists_the_descriptors) {
+    tracee sleeper(sleep_for_ever);
+    browser client;
+    start(client, {sleeper.pid()});
+    ASSERT_TRUE(
+        eventually([&sleeper] { return is_traced(sleeper.pid()) && state_of(sleeper.pid()) == 'S'; }));
+    ASSERT_EQ(write(client.own_end(), "x", 1), 1);
+    std::string answer = client.answer();
+    EXPECT_NE(answer.find(" open fds:\n0\t"), std::string::npos) << answer;
+    wait_for_workers();
+    expect_free(sleeper.pid());
+}
+
+TEST(strace_worker, browser_that_has_gone_before_the_trace_begins_harms_nobody) {
+    for (int i = 0; i < 100; i++) {
+        tracee sleeper(sleep_for_ever);
+        browser client;
+        client.go_away();
+        auto begun = clock_type::now();
+        start(client, {sleeper.pid()});
+        expect_ended_within_a_second(begun);
+        expect_free(sleeper.pid());
+    }
+}
+
+TEST(strace_worker, no_wake_up_is_lost) {
+    std::mt19937 random(7);
+    tracee sleeper(sleep_for_ever);
+    ASSERT_TRUE(sleeper.asleep());
+    for (int i = 0; i < 1000; i++) {
+        browser client;
+        start(client, {sleeper.pid()});
+        usleep(random() % 1500);
+        auto left = clock_type::now();
+        client.go_away();
+        expect_ended_within_a_second(left);
+        ASSERT_FALSE(HasFailure()) << i;
+    }
+    expect_free(sleeper.pid());
+}
+
+TEST(strace_worker, browser_that_stops_reading_does_not_hold_the_processes_for_ever) {
+    tracee busy(call_for_ever);
+    browser client;
+    int small = 4096;
+    setsockopt(client.daemon_end(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    start(client, {busy.pid()});
+    ASSERT_TRUE(eventually([&busy] { return is_traced(busy.pid()); }));
+    EXPECT_TRUE(eventually([&busy] { return !is_traced(busy.pid()); },
+                           std::chrono::milliseconds(strace_stall_ms + 5000)));
+    wait_for_workers();
+    expect_free(busy.pid());
+}
+
+TEST(strace_worker, second_trace_waits_and_its_browser_may_leave) {
+    tracee first(sleep_for_ever);
+    tracee second(sleep_for_ever);
+    browser client;
+    start(client, {first.pid()});
+    ASSERT_TRUE(eventually([&first] { return is_traced(first.pid()); }));
+    browser impatient;
+    start(impatient, {second.pid()});
+    impatient.go_away();
+    browser patient;
+    start(patient, {second.pid()});
+    EXPECT_FALSE(is_traced(second.pid()));
+    client.go_away();
+    EXPECT_TRUE(eventually([&second] { return is_traced(second.pid()); }));
+    patient.go_away();
+    wait_for_workers();
+    expect_free(first.pid());
+    expect_free(second.pid());
+}
+
+TEST(strace_worker, process_that_cannot_be_traced_leaves_an_empty_answer) {
+    browser client;
+    start(client, {getpid(), -1});
+    EXPECT_EQ(client.answer(), head);
+    wait_for_workers();
+}
+
+TEST(strace_worker, leaves_no_descriptor_open) {
+    tracee sleeper(sleep_for_ever);
+    std::set<int> before = open_fds();
+    {
+        browser client;
+        start(client, {sleeper.pid()});
+        ASSERT_TRUE(eventually([&sleeper] { return is_traced(sleeper.pid()); }));
+    }
+    wait_for_workers();
+    EXPECT_EQ(open_fds(), before);
+}
+
+TEST(strace_worker_death, null_record_is_said_under_the_chief_file_s_name) {
+    EXPECT_DEATH(run_strace_request(nullptr), "request:470: run_strace_request: Assertion `req' failed");
+    EXPECT_DEATH(run_strace_watcher(nullptr), "request:431: run_strace_watcher: Assertion `req' failed");
+}

@@ -1,0 +1,269 @@
+#include "trace/ptrace_ops.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <string>
+#include <thread>
+
+#include "tests/unit/support/capture.h"
+#include "tests/unit/support/signals.h"
+#include "tests/unit/trace/tracees.h"
+
+namespace {
+
+pid_t pid_of_nobody() {
+    tracee gone([] { return 0; });
+    pid_t pid = gone.pid();
+    gone.end();
+    return pid;
+}
+
+std::string repeated(int times, const std::string& line) {
+    std::string all;
+    while (times-- > 0) {
+        all += line;
+    }
+    return all;
+}
+
+// A grandchild of the test that nobody but the tracer waits for; killed at the end.
+class stranger {
+public:
+    explicit stranger(int (*work)()) {
+        test_pipe pipe;
+        int report = pipe.in.get();
+        pid_t parent = fork_child([report, work] {
+            pid_t pid = fork();
+            if (pid == 0) {
+                _exit(work());
+            }
+            (void)!write(report, &pid, sizeof pid);
+            return 0;
+        });
+        ssize_t got;
+        do {
+            got = read(pipe.out.get(), &pid_, sizeof pid_);
+        } while (got < 0 && errno == EINTR);
+        wait_status(parent);
+        if (got != static_cast<ssize_t>(sizeof pid_) || pid_ < 2) {
+            abort();  // a signal for a number that is no process could reach all there are
+        }
+    }
+    stranger(const stranger&) = delete;
+    stranger& operator=(const stranger&) = delete;
+    ~stranger() { kill(pid_, SIGKILL); }
+    pid_t pid() const { return pid_; }
+
+private:
+    pid_t pid_ = -1;
+};
+
+int spin() {
+    for (volatile int i = 0;;) {
+        i = i + 1;
+    }
+}
+
+}  // namespace
+
+TEST(trace_attach, stops_a_process_and_gives_its_pid) {
+    stranger sleeper(sleep_for_ever);
+    EXPECT_EQ(trace_attach(sleeper.pid()), sleeper.pid());
+    EXPECT_EQ(state_of(sleeper.pid()), 't');
+    trace_detach(sleeper.pid());
+    expect_free(sleeper.pid());
+}
+
+TEST(trace_attach, process_that_is_not_there_or_not_to_be_traced_is_refused_in_silence) {
+    std::string said = capture_stdout([] {
+        EXPECT_EQ(trace_attach(pid_of_nobody()), -1);
+        EXPECT_EQ(errno, ESRCH);
+        EXPECT_EQ(trace_attach(0), -1);
+        EXPECT_EQ(trace_attach(-5), -1);
+        EXPECT_EQ(trace_attach(getpid()), -1);
+        EXPECT_EQ(errno, EPERM);
+    });
+    EXPECT_EQ(said, "");
+}
+
+TEST(trace_attach, second_tracer_is_refused) {
+    stranger sleeper(sleep_for_ever);
+    ASSERT_EQ(trace_attach(sleeper.pid()), sleeper.pid());
+    EXPECT_EQ(trace_attach(sleeper.pid()), -1);
+    trace_detach(sleeper.pid());
+}
+
+TEST(trace_attach_within, tells_the_status_of_the_stop) {
+    stranger sleeper(sleep_for_ever);
+    int status = 0;
+    ASSERT_EQ(trace_attach_within(sleeper.pid(), 5000, &status), sleeper.pid());
+    EXPECT_TRUE(WIFSTOPPED(status));
+    EXPECT_EQ(WSTOPSIG(status), SIGSTOP);
+    bool stop_due = true;
+    EXPECT_EQ(trace_first_signal(sleeper.pid(), status, &stop_due), 0);
+    EXPECT_FALSE(stop_due);
+    trace_detach(sleeper.pid());
+}
+
+TEST(trace_attach_within, does_not_wait_longer_for_a_process_that_no_signal_reaches) {
+    // The parent of a vfork sleeps until its child is done.
+    test_pipe gate;
+    int wait_fd = gate.out.get();
+    tracee parent([wait_fd] {
+        if (vfork() == 0) {
+            char byte;
+            (void)!read(wait_fd, &byte, 1);
+            _exit(0);
+        }
+        return sleep_for_ever();
+    });
+    ASSERT_TRUE(eventually([&parent] { return state_of(parent.pid()) == 'D'; }));
+    int status = 0;
+    EXPECT_EQ(trace_attach_within(parent.pid(), 30, &status), 0);
+    ASSERT_EQ(write(gate.in.get(), "x", 1), 1);
+    ASSERT_EQ(waitpid(parent.pid(), &status, trace_wait_flags), parent.pid());
+    ASSERT_TRUE(WIFSTOPPED(status));
+    EXPECT_EQ(ptrace(PTRACE_DETACH, parent.pid(), nullptr, nullptr), 0);
+    expect_free(parent.pid());
+}
+
+TEST(trace_attach_within, process_that_ends_instead_of_stopping_is_seen_by_its_status) {
+    for (int i = 0; i < 50; i++) {
+        tracee ending([] { return 7; });
+        int status = 0;
+        pid_t got = trace_attach_within(ending.pid(), 5000, &status);
+        if (got == ending.pid() && !WIFSTOPPED(status)) {
+            EXPECT_TRUE(exited_with(status, 7));
+            ending.was_reaped();
+        } else if (got > 0) {
+            EXPECT_EQ(ptrace(PTRACE_DETACH, got, nullptr, nullptr), 0);
+        }
+    }
+}
+
+TEST(trace_detach, lets_a_running_process_go) {
+    stranger runner(spin);
+    ASSERT_EQ(trace_attach(runner.pid()), runner.pid());
+    ASSERT_EQ(trace_cont(runner.pid(), 0), 0);
+    trace_detach(runner.pid());
+    expect_free(runner.pid());
+}
+
+TEST(trace_detach, lets_a_sleeping_process_go) {
+    stranger sleeper(sleep_for_ever);
+    ASSERT_EQ(trace_attach(sleeper.pid()), sleeper.pid());
+    ASSERT_EQ(trace_syscall(sleeper.pid(), 0), 0);
+    trace_detach(sleeper.pid());
+    expect_free(sleeper.pid());
+}
+
+TEST(trace_detach, signal_for_the_caller_does_not_leave_a_process_behind_that_is_about_to_stop) {
+    scoped_signal handler(SIGUSR1, count_signal);
+    pthread_t self = pthread_self();
+    std::atomic<bool> detaching{false};
+    std::atomic<bool> done{false};
+    std::thread disturber([&detaching, &done, self] {
+        while (!done) {
+            if (detaching) {
+                pthread_kill(self, SIGUSR1);
+            }
+            usleep(5);
+        }
+    });
+    for (int i = 0; i < 100; i++) {
+        stranger sleeper(sleep_for_ever);
+        ASSERT_EQ(trace_attach(sleeper.pid()), sleeper.pid());
+        ASSERT_EQ(trace_syscall(sleeper.pid(), 0), 0);
+        detaching = true;
+        trace_detach(sleeper.pid());
+        detaching = false;
+        expect_free(sleeper.pid());
+    }
+    done = true;
+    disturber.join();
+    EXPECT_GT(signals_counted, 0);
+}
+
+TEST(trace_detach, waits_for_the_end_of_the_caller_s_own_child) {
+    tracee child([] {
+        raise(SIGSTOP);
+        return 5;
+    });
+    int status;
+    ASSERT_EQ(waitpid(child.pid(), &status, WUNTRACED), child.pid());
+    ASSERT_EQ(trace_attach(child.pid()), child.pid());
+    ASSERT_EQ(kill(child.pid(), SIGCONT), 0);
+    trace_detach(child.pid());
+    EXPECT_TRUE(has_no_children());
+    child.was_reaped();
+}
+
+TEST(trace_detach_sig, delivers_the_signal) {
+    tracee sleeper(sleep_for_ever);
+    ASSERT_EQ(trace_attach(sleeper.pid()), sleeper.pid());
+    trace_detach_sig(sleeper.pid(), SIGKILL);
+    EXPECT_TRUE(has_no_children());
+    sleeper.was_reaped();
+}
+
+TEST(trace_detach, process_that_has_ended_is_no_trouble) {
+    trace_detach(pid_of_nobody());
+    tracee killed(sleep_for_ever);
+    ASSERT_EQ(trace_attach(killed.pid()), killed.pid());
+    ASSERT_EQ(kill(killed.pid(), SIGKILL), 0);
+    trace_detach(killed.pid());
+    EXPECT_TRUE(has_no_children());
+    killed.was_reaped();
+}
+
+TEST(trace_syscall, says_four_times_that_a_process_has_gone) {
+    pid_t gone = pid_of_nobody();
+    EXPECT_EQ(capture_stdout([gone] { EXPECT_EQ(trace_syscall(gone, 0), -1); }),
+              repeated(4, "SYSCALL failed No such process\n"));
+    EXPECT_EQ(capture_stdout([gone] { EXPECT_EQ(trace_cont(gone, 0), -1); }),
+              repeated(4, "PTRACE_CONT failed No such process\n"));
+}
+
+TEST(trace_setoptions, failure_is_said_once_with_another_request_s_name) {
+    pid_t gone = pid_of_nobody();
+    EXPECT_EQ(capture_stdout([gone] { EXPECT_EQ(trace_setoptions(gone, PTRACE_O_TRACESYSGOOD), -1); }),
+              "PTRACE_CONT failed No such process\n");
+}
+
+TEST(trace_setoptions, option_shows_in_the_stops) {
+    stranger runner([] {
+        for (;;) {
+            getppid();
+        }
+        return 0;
+    });
+    ASSERT_EQ(trace_attach(runner.pid()), runner.pid());
+    EXPECT_EQ(trace_setoptions(runner.pid(), PTRACE_O_TRACESYSGOOD), 0);
+    ASSERT_EQ(trace_syscall(runner.pid(), 0), 0);
+    int status;
+    ASSERT_EQ(waitpid(runner.pid(), &status, trace_wait_flags), runner.pid());
+    EXPECT_EQ(WSTOPSIG(status), SIGTRAP | 0x80);
+    trace_detach(runner.pid());
+    expect_free(runner.pid());
+}
+
+TEST(trace_stop_thread, stops_no_other_thread) {
+    // With kill(2) the other threads, which nobody traces, could take the signal and stop the whole process.
+    stranger many([] {
+        for (int i = 0; i < 10; i++) {
+            std::thread([] { sleep_for_ever(); }).detach();
+        }
+        return sleep_for_ever();
+    });
+    ASSERT_TRUE(eventually([&many] { return status_field(many.pid(), "Threads") == "11"; }));
+    for (int i = 0; i < 50; i++) {
+        ASSERT_EQ(trace_attach(many.pid()), many.pid());
+        ASSERT_EQ(trace_syscall(many.pid(), 0), 0);
+        trace_detach(many.pid());
+        expect_free(many.pid());
+    }
+}

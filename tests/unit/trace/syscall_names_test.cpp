@@ -1,0 +1,79 @@
+#include "trace/syscall_names.h"
+
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+
+namespace {
+
+std::string name_of(int number) {
+    return syscall_names.at(static_cast<size_t>(number - o32_first));
+}
+
+}  // namespace
+
+TEST(syscall_names, begin_with_the_calls_of_o32_at_their_numbers) {
+    EXPECT_EQ(name_of(4000), "syscall");
+    EXPECT_EQ(name_of(4001), "exit");
+    EXPECT_EQ(name_of(4002), "fork");
+    EXPECT_EQ(name_of(4003), "read");
+    EXPECT_EQ(name_of(4004), "write");
+    EXPECT_EQ(name_of(4005), "open");
+    EXPECT_EQ(name_of(4006), "close");
+    EXPECT_EQ(name_of(4102), "socketcall");
+    EXPECT_EQ(name_of(4166), "nanosleep");
+    EXPECT_EQ(name_of(4210), "mmap2");
+    EXPECT_EQ(name_of(4246), "exit_group");
+    EXPECT_EQ(name_of(4278), "waitid");
+    EXPECT_EQ(name_of(4280), "add_key");
+    EXPECT_EQ(name_of(4288), "openat");
+    EXPECT_EQ(name_of(4333), "perf_counter_open");
+}
+
+TEST(syscall_names, o32_calls_have_names_of_their_own) {
+    std::set<std::string> names(syscall_names.begin(), syscall_names.begin() + o32_calls);
+    EXPECT_EQ(names.size(), static_cast<size_t>(o32_calls));
+}
+
+TEST(syscall_names, lists_of_the_other_interfaces_follow_with_their_marks) {
+    EXPECT_EQ(name_of(4334), "Linux_syscalls");
+    EXPECT_EQ(name_of(4335), "O32_Linux");
+    EXPECT_EQ(name_of(4336), "O32_Linux_syscalls");
+    EXPECT_EQ(name_of(4337), "Linux");
+    EXPECT_EQ(name_of(4338), "read");
+    EXPECT_EQ(name_of(4339), "write");
+    EXPECT_EQ(name_of(4340), "open");
+    EXPECT_EQ(name_of(4928), "perf_counter_open");
+    EXPECT_EQ(name_of(4929), "Linux_syscalls");
+    EXPECT_EQ(name_of(4930), "N32_Linux");
+    EXPECT_EQ(name_of(4931), "N32_Linux_syscalls");
+    auto n64_end =
+        std::ranges::find_if(syscall_names, [](const char* name) { return !strcmp(name, "64_Linux"); });
+    ASSERT_NE(n64_end, syscall_names.end());
+    EXPECT_STREQ(n64_end[-2], "perf_counter_open");
+    EXPECT_STREQ(n64_end[-1], "Linux_syscalls");
+    EXPECT_STREQ(n64_end[1], "64_Linux_syscalls");
+    EXPECT_STREQ(n64_end[2], "Linux");
+    EXPECT_STREQ(n64_end[3], "read");
+}
+
+TEST(syscall_names, names_are_whole) {
+    for (const char* name : syscall_names) {
+        ASSERT_NE(name, nullptr);
+        EXPECT_GT(strlen(name), 0u);
+    }
+}
+
+TEST(socketcall_names, are_indexed_by_the_multiplexer_s_numbers) {
+    EXPECT_STREQ(socketcall_names[0], "");
+    EXPECT_STREQ(socketcall_names[1], "socket");
+    EXPECT_STREQ(socketcall_names[8], "socketpair");
+    EXPECT_STREQ(socketcall_names[12], "recvfrom");
+    EXPECT_STREQ(socketcall_names[18], "accept4");
+    for (size_t i = 19; i < socketcall_names.size(); i++) {
+        EXPECT_STREQ(socketcall_names[i], "");
+    }
+}

@@ -1,0 +1,137 @@
+// Children of a test that are traced, and what became of them.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/unit/support/children.h"
+#include "tests/unit/support/pipes.h"
+#include "trace/strace.h"
+
+// The value of a line of /proc/PID/status, from its first character that is no blank on; empty when it is
+// gone.
+inline std::string status_field(pid_t pid, const std::string& key) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with(key + ":")) {
+            size_t value = line.find_first_not_of(" \t", key.size() + 1);
+            return value == std::string::npos ? "" : line.substr(value);
+        }
+    }
+    return "";
+}
+
+inline char state_of(pid_t pid) {
+    std::string state = status_field(pid, "State");
+    return state.empty() ? '-' : state[0];
+}
+
+inline bool is_traced(pid_t pid) {
+    return status_field(pid, "TracerPid") != "0";
+}
+
+// A process that goes on as if nothing had been: not traced, and not stopped either.
+inline void expect_free(pid_t pid) {
+    EXPECT_EQ(status_field(pid, "TracerPid"), "0");
+    EXPECT_TRUE(eventually([pid] { return state_of(pid) == 'S' || state_of(pid) == 'R'; })) << state_of(pid);
+}
+
+// A child that runs `work` and is killed at the end of its owner's life, if it is still there then.
+class tracee {
+public:
+    template <typename Work>
+    explicit tracee(Work work) : pid_(fork_child(work)) {
+        if (pid_ < 2) {
+            abort();  // a signal for a number that is no process could reach all there are
+        }
+    }
+    tracee(const tracee&) = delete;
+    tracee& operator=(const tracee&) = delete;
+    ~tracee() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            wait_status(pid_);
+        }
+    }
+    pid_t pid() const {
+        if (pid_ < 2) {
+            abort();  // it has ended
+        }
+        return pid_;
+    }
+    bool asleep() const {
+        return eventually([this] { return state_of(pid_) == 'S'; });
+    }
+    // Waits for its end.
+    int end() {
+        int status = wait_status(pid_);
+        pid_ = -1;
+        return status;
+    }
+    // The same for one whose end the tracer may have taken, as it may when it was killed in the middle.
+    void end_if_left() {
+        EXPECT_TRUE(eventually([this] { return waitpid(pid_, nullptr, WNOHANG) != 0; }));
+        pid_ = -1;
+    }
+    void was_reaped() { pid_ = -1; }
+
+private:
+    pid_t pid_;
+};
+
+inline int sleep_for_ever() {
+    for (;;) {
+        pause();
+    }
+}
+
+// One trace with its text in memory.
+struct traced_text {
+    strace_ctx ctx = {};
+    std::vector<pid_t> pids;
+    std::string text;
+    std::function<bool(const traced_text&)> goes_on = [](const traced_text&) { return true; };
+    int polls = 0;
+
+    explicit traced_text(std::vector<pid_t> traced, uint32_t flags = strace_everything)
+        : pids(std::move(traced)) {
+        ctx.write = write;
+        ctx.cookie = this;
+        ctx.flags = flags;
+        ctx.pids = pids.data();
+        ctx.nr_pids = static_cast<int32_t>(pids.size());
+        ctx.seconds = -1;
+    }
+    traced_text(const traced_text&) = delete;
+    traced_text& operator=(const traced_text&) = delete;
+
+    // Traces until `goes_on` says no or the processes have ended; returns the text.
+    const std::string& run() {
+        do_strace(&ctx);
+        EXPECT_EQ(ctx.buf, nullptr);
+        return text;
+    }
+    bool has(const std::string& what) const { return text.find(what) != std::string::npos; }
+    size_t count(const std::string& what) const {
+        size_t found = 0;
+        for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+            found++;
+        }
+        return found;
+    }
+
+    static int32_t write(void* cookie, const char* piece, int length) {
+        auto* self = static_cast<traced_text*>(cookie);
+        self->polls += length == 0;
+        self->text.append(piece, static_cast<size_t>(length));
+        return self->goes_on(*self);
+    }
+};

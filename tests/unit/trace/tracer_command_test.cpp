@@ -1,0 +1,192 @@
+#include "trace/tracer_command.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/unit/support/capture.h"
+#include "tests/unit/support/temp_dir.h"
+#include "trace/stopper.h"
+#include "trace/tstrace.h"
+
+namespace {
+
+struct words {
+    explicit words(std::vector<std::string> list) : list_(std::move(list)) {
+        for (std::string& word : list_) {
+            argv_.push_back(word.data());
+        }
+        argv_.push_back(nullptr);
+    }
+    int count() const { return static_cast<int>(list_.size()); }
+    char** vector() { return argv_.data(); }
+
+private:
+    std::vector<std::string> list_;
+    std::vector<char*> argv_;
+};
+
+tracer_options parsed(std::vector<std::string> list, bool expected = true) {
+    static std::vector<std::unique_ptr<words>> kept;  // the options point into the words
+    kept.push_back(std::make_unique<words>(std::move(list)));
+    tracer_options options;
+    EXPECT_EQ(tracer_parse(kept.back()->count(), kept.back()->vector(), &options), expected);
+    return options;
+}
+
+std::string command_of(const tracer_options& options) {
+    std::string all;
+    for (char** word = options.command; word && *word; word++) {
+        all += std::string(*word) + ";";
+    }
+    return all;
+}
+
+// PATH for the length of a block; null unsets it.
+class scoped_path {
+public:
+    explicit scoped_path(const char* path) : old_(getenv("PATH") ? getenv("PATH") : "") {
+        path ? setenv("PATH", path, 1) : unsetenv("PATH");
+    }
+    scoped_path(const scoped_path&) = delete;
+    scoped_path& operator=(const scoped_path&) = delete;
+    ~scoped_path() { setenv("PATH", old_.c_str(), 1); }
+
+private:
+    std::string old_;
+};
+
+std::string found(const std::string& name) {
+    char path[tracer_path_room];
+    return tracer_find_program(name.c_str(), path) ? path : "";
+}
+
+constexpr const char* tstrace_usage =
+    "USAGE: tstrace [ -ppid ] [ command [ arg ... ] ]\n\n-p<pid>\tAdd a pid to trace, can be given multiple "
+    "times.\n";
+constexpr const char* stopper_usage =
+    "USAGE: stopper [ -ppid ] [ command [ arg ... ] ]\n\n-p<pid>\tAdd a pid to stop at exit\n";
+
+}  // namespace
+
+TEST(tracer_parse, command_begins_at_the_first_argument_without_a_dash) {
+    EXPECT_EQ(command_of(parsed({"tstrace", "ls", "-l", "-p", "5"})), "ls;-l;-p;5;");
+    EXPECT_EQ(command_of(parsed({"tstrace", "/bin/true"})), "/bin/true;");
+}
+
+TEST(tracer_parse, pids_are_taken_from_the_arguments_behind) {
+    tracer_options options = parsed({"tstrace", "-p", "12", "-p", "0x10", "-p", "010"});
+    ASSERT_EQ(options.pid_count, 3);
+    EXPECT_EQ(options.pids[0], 12);
+    EXPECT_EQ(options.pids[1], 16);
+    EXPECT_EQ(options.pids[2], 8);
+    EXPECT_EQ(options.command, nullptr);
+}
+
+TEST(tracer_parse, what_stands_in_the_option_itself_is_not_looked_at) {
+    tracer_options options = parsed({"tstrace", "-p99", "12"});
+    ASSERT_EQ(options.pid_count, 1);
+    EXPECT_EQ(options.pids[0], 12);
+}
+
+TEST(tracer_parse, text_that_is_no_number_is_pid_zero) {
+    EXPECT_EQ(parsed({"tstrace", "-p", "init"}).pids[0], 0);
+}
+
+TEST(tracer_parse, command_behind_pids_is_ignored) {
+    tracer_options options = parsed({"tstrace", "-p", "123", "ls"});
+    EXPECT_EQ(options.pid_count, 1);
+    EXPECT_EQ(options.command, nullptr);
+}
+
+TEST(tracer_parse, last_p_without_a_pid_ends_the_options) {
+    EXPECT_EQ(parsed({"tstrace", "-p", "5", "-p"}).pid_count, 1);
+    parsed({"tstrace", "-p"}, false);
+}
+
+TEST(tracer_parse, other_options_and_nothing_at_all_want_the_usage) {
+    parsed({"tstrace"}, false);
+    parsed({"tstrace", "-x"}, false);
+    parsed({"tstrace", "-"}, false);
+    parsed({"tstrace", "--help"}, false);
+    parsed({"tstrace", "-p", "5", "-q"}, false);
+}
+
+TEST(tracer_parse, pids_beyond_the_first_hundred_are_counted) {
+    for (int count : {99, 100, 101, 250}) {
+        std::vector<std::string> list = {"tstrace"};
+        for (int i = 0; i < count; i++) {
+            list.insert(list.end(), {"-p", std::to_string(i + 1000)});
+        }
+        tracer_options options = parsed(list);
+        EXPECT_EQ(options.pid_count, std::min(count, 100));
+        EXPECT_EQ(options.pids_left_out, std::max(count - 100, 0));
+        EXPECT_EQ(options.pids[options.pid_count - 1], std::min(count, 100) + 999);
+    }
+}
+
+TEST(tracer_find_program, absolute_name_is_looked_up_from_the_root) {
+    EXPECT_EQ(found("/bin/sh"), "///bin/sh");
+    EXPECT_EQ(found("/bin"), "");
+    EXPECT_EQ(found("/no/such/program"), "");
+}
+
+TEST(tracer_find_program, dotted_name_is_looked_up_in_the_current_directory) {
+    temp_dir dir;
+    dir.write_file("prog", "");
+    dir.write_file("sub/prog2", "");
+    char before[4096];
+    ASSERT_NE(getcwd(before, sizeof before), nullptr);
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    std::string at = getcwd(nullptr, 0);
+    EXPECT_EQ(found("./prog"), at + "//./prog");
+    EXPECT_EQ(found("./sub/prog2"), at + "//./sub/prog2");
+    EXPECT_EQ(found("./none"), "");
+    ASSERT_EQ(chdir(before), 0);
+}
+
+TEST(tracer_find_program, other_names_are_looked_up_on_path_in_order) {
+    temp_dir dir;
+    dir.write_file("b/prog", "");
+    dir.write_file("c/prog", "");
+    dir.make_folder("a/prog");
+    scoped_path path(
+        (dir.path("a") + ":" + dir.path("none") + ":" + dir.path("b") + ":" + dir.path("c")).c_str());
+    EXPECT_EQ(found("prog"), dir.path("b") + "/prog");
+    EXPECT_EQ(found("other"), "");
+    EXPECT_EQ(found(""), "");
+}
+
+TEST(tracer_find_program, empty_part_of_path_is_an_empty_directory_name) {
+    scoped_path path(":/nowhere:");
+    EXPECT_EQ(found("bin/sh"), "/bin/sh");
+}
+
+TEST(tracer_find_program, without_path_the_usual_directories_are_tried) {
+    scoped_path path(nullptr);
+    EXPECT_EQ(found("sh"), "/bin/sh");
+    EXPECT_EQ(found("env"), access("/bin/env", F_OK) == 0 ? "/bin/env" : "/usr/bin/env");
+}
+
+TEST(tracer_find_program, names_that_are_too_long_are_not_found) {
+    for (size_t length : {4000, 4089, 4090, 4091, 4095, 4096, 10000}) {
+        EXPECT_EQ(found(std::string(length, 'x')), "");
+        EXPECT_EQ(found("/" + std::string(length, 'x')), "");
+        EXPECT_EQ(found("." + std::string(length, 'x')), "");
+    }
+}
+
+TEST(run_tstrace, prints_its_usage_and_succeeds) {
+    for (const std::vector<std::string>& list :
+         {std::vector<std::string>{"tstrace"}, {"tstrace", "-v"}, {"tstrace", "-p"}}) {
+        words given(list);
+        EXPECT_EQ(capture_stdout([&given] { EXPECT_EQ(run_tstrace(given.count(), given.vector()), 0); }),
+                  tstrace_usage);
+        EXPECT_EQ(capture_stdout([&given] { EXPECT_EQ(run_stopper(given.count(), given.vector()), 0); }),
+                  stopper_usage);
+    }
+}

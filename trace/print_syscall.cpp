@@ -1,0 +1,353 @@
+#include "trace/print_syscall.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+
+#include "trace/syscall_names.h"
+#include "trace/text_line.h"
+
+namespace {
+
+// How an argument is printed. Names of formats as printf has them.
+enum class how : uint8_t {
+    nothing,
+    fd,
+    text,            // a string that a NUL ends
+    data,            // bytes, as many as argument `length` says
+    data_read,       // the address at the entry, and at the exit as many bytes as the result says
+    time_pair,       // two words
+    decimal,         // %ld
+    number,          // %lu
+    hex,             // 0x%lx
+    bare_hex,        // %lx
+    hex_int,         // 0x%x
+    bare_hex_int,    // %x
+    decimal_0x,      // 0x%ld; deliberate
+    ptrace_request,  // by name where it has one
+};
+
+struct arg_format {
+    how printed = how::nothing;
+    uint8_t arg = 0;     // counted from 1
+    uint8_t length = 0;  // likewise
+};
+
+struct call_format {
+    int number;
+    arg_format args[6];
+    bool is_exit = false;
+    bool hex_result = false;
+};
+
+constexpr arg_format fd(uint8_t n) {
+    return {how::fd, n};
+}
+constexpr arg_format text(uint8_t n) {
+    return {how::text, n};
+}
+constexpr arg_format data(uint8_t n, uint8_t length) {
+    return {how::data, n, length};
+}
+constexpr arg_format data_read(uint8_t n) {
+    return {how::data_read, n};
+}
+constexpr arg_format time_pair(uint8_t n) {
+    return {how::time_pair, n};
+}
+constexpr arg_format dec(uint8_t n) {
+    return {how::decimal, n};
+}
+constexpr arg_format num(uint8_t n) {
+    return {how::number, n};
+}
+constexpr arg_format hex(uint8_t n) {
+    return {how::hex, n};
+}
+constexpr arg_format bare(uint8_t n) {
+    return {how::bare_hex, n};
+}
+constexpr arg_format hex_int(uint8_t n) {
+    return {how::hex_int, n};
+}
+constexpr arg_format bare_int(uint8_t n) {
+    return {how::bare_hex_int, n};
+}
+constexpr arg_format dec_0x(uint8_t n) {
+    return {how::decimal_0x, n};
+}
+constexpr arg_format request(uint8_t n) {
+    return {how::ptrace_request, n};
+}
+
+constexpr int nr_socketcall = 4102;
+
+constexpr call_format formats[] = {
+    {4001, {dec(1)}, true},                                                // exit
+    {4003, {fd(1), data_read(2), dec(3)}},                                 // read
+    {4004, {fd(1), data(2, 3), dec(3)}},                                   // write
+    {4006, {fd(1)}},                                                       // close
+    {4007, {dec_0x(1), hex(2), dec(3)}},                                   // waitpid
+    {4013, {hex(1)}},                                                      // time
+    {4019, {fd(1), dec(2), dec(3)}},                                       // lseek
+    {4026, {request(1), num(2), hex(3), hex(4)}},                          // ptrace
+    {4033, {text(1), hex_int(2)}},                                         // access
+    {4045, {hex(1)}},                                                      // brk
+    {4054, {fd(1), dec(2), bare(3), bare(4), bare(5), bare(6)}},           // ioctl
+    {4078, {hex(1), hex(2)}},                                              // gettimeofday
+    {4079, {hex(1), hex(2)}},                                              // settimeofday
+    {4090, {hex(1), num(2), hex(3), hex(4), fd(5), num(6)}, false, true},  // mmap
+    {4091, {hex(1), num(2)}},                                              // munmap
+    {4106, {text(1), hex(2)}},                                             // stat
+    {4107, {text(1), hex(2)}},                                             // lstat
+    {4108, {fd(1), hex(2)}},                                               // fstat
+    {4166, {time_pair(1), time_pair(2)}},                                  // nanosleep
+    {4188, {hex(1), dec(2), dec(3)}},                                      // poll
+    {4210, {hex(1), num(2), hex(3), hex(4), fd(5), num(6)}, false, true},  // mmap2
+    {4246, {dec(1)}, true},                                                // exit_group
+};
+
+// Any other call.
+constexpr call_format plain_format = {0, {num(1), num(2), num(3), num(4), num(5), num(6)}};
+
+// The calls that socketcall multiplexes, by their number there.
+constexpr call_format socket_formats[] = {
+    {1, {num(1), num(2), num(3)}},                              // socket
+    {2, {fd(1), hex(2), dec(3)}},                               // bind
+    {3, {fd(1), hex(2), dec(3)}},                               // connect
+    {11, {fd(1), data(2, 3), dec(3), hex(4), hex(5), dec(6)}},  // sendto
+    {12, {fd(1), data(2, 3), hex(4), hex(5), hex(6)}},          // recvfrom
+    {13, {fd(1), dec(2)}},                                      // shutdown
+    {14, {fd(1), dec(2), dec(3), hex(4), hex(5)}},              // setsockopt
+    {16, {fd(1), hex(2), bare_int(3)}},                         // sendmsg
+    {17, {fd(1), hex(2), dec(3)}},                              // recvmsg
+};
+
+// The same calls under numbers of their own.
+constexpr struct {
+    int number;
+    int socketcall;
+} direct_socket_calls[] = {
+    {4169, 2}, {4170, 3}, {4176, 12}, {4177, 17}, {4179, 16}, {4180, 11}, {4181, 14}, {4182, 13}, {4183, 1},
+};
+
+constexpr const call_format* socket_format(int socketcall) {
+    for (const call_format& format : socket_formats) {
+        if (format.number == socketcall) {
+            return &format;
+        }
+    }
+    return &plain_format;
+}
+
+constexpr auto formats_by_number = [] {
+    std::array<const call_format*, o32_calls> all{};
+    all.fill(&plain_format);
+    for (const call_format& format : formats) {
+        all[static_cast<size_t>(format.number - o32_first)] = &format;
+    }
+    for (const auto& direct : direct_socket_calls) {
+        all[static_cast<size_t>(direct.number - o32_first)] = socket_format(direct.socketcall);
+    }
+    return all;
+}();
+
+constexpr struct {
+    int64_t number;
+    const char* name;
+} ptrace_requests[] = {
+    {1, "PTRACE_PEEKTEXT"}, {2, "PTRACE_PEEKDATA"}, {3, "PTRACE_PEEKUSER"}, {4, "PTRACE_POKETEXT"},
+    {5, "PTRACE_POKEDATA"}, {6, "PTRACE_POKEUSER"}, {16, "PTRACE_ATTACH"},  {24, "PTRACE_SYSCALL"},
+};
+
+constexpr size_t fd_text_room = 128;
+constexpr int64_t until_nul = -1;
+constexpr int64_t shown_whole = 64;     // the longest data that is not cut,
+constexpr size_t shown_of_longer = 32;  // and what is shown of longer data
+constexpr size_t room_for_byte = 4;
+
+struct printer {
+    const syscall_view& view;
+    const syscall_record& call;
+    bool entry;
+    text_line line;
+
+    long arg(uint8_t n) const { return static_cast<long>(call.arg[n - 1]); }
+    unsigned long word(uint8_t n) const { return static_cast<unsigned long>(call.arg[n - 1]); }
+};
+
+void put_byte(text_line* line, unsigned char c) {
+    switch (c) {
+        case '\n':
+            return text_put(line, "\\n");
+        case '\r':
+            return text_put(line, "\\r");
+        case '\t':
+            return text_put(line, "\\t");
+        default:
+            break;
+    }
+    if (c >= ' ' && c <= '~') {
+        return text_put(line, static_cast<char>(c));
+    }
+    text_put(line, "\\x");
+    text_put_hex(line, c);
+}
+
+// Bytes of the process, `length` of them or (until_nul) a string.
+void put_data(printer* p, uint64_t address, int64_t length) {
+    text_put(&p->line, '"');
+    if (length >= 1 || length == until_nul) {
+        bool cut = length == until_nul || length > shown_whole;
+        unsigned char bytes[tracee_text_limit];
+        size_t got =
+            tracee_text(*p->view.memory, address, bytes, cut ? shown_of_longer : static_cast<size_t>(length));
+        for (size_t i = 0; i < got && p->line.room() >= room_for_byte; i++) {
+            if (bytes[i] == '\0' && length == until_nul) {
+                break;
+            }
+            put_byte(&p->line, bytes[i]);
+        }
+    }
+    text_put(&p->line, '"');
+}
+
+void put_fd(printer* p, int number) {
+    char description[fd_text_room];
+    text_put_decimal(&p->line, number);
+    if (p->view.describe_fd(p->view, number, description, sizeof description) > 0) {
+        text_put(&p->line, ' ');
+        text_put(&p->line, description);
+    }
+}
+
+void put_time_pair(printer* p, uint64_t address) {
+    int64_t pair[2];
+    tracee_word_pair(*p->view.memory, address, pair);
+    text_put(&p->line, "{ ");
+    text_put_decimal(&p->line, static_cast<int>(pair[0]));
+    text_put(&p->line, ", ");
+    text_put_decimal(&p->line, static_cast<int>(pair[1]));
+    text_put(&p->line, " }");
+}
+
+void put_request(printer* p, int64_t number) {
+    auto found = std::ranges::find(ptrace_requests, number, [](const auto& known) { return known.number; });
+    if (found != std::end(ptrace_requests)) {
+        text_put(&p->line, found->name);
+    } else {
+        text_put_decimal(&p->line, static_cast<long>(number));
+    }
+}
+
+void put_0x(printer* p, unsigned long value) {
+    text_put(&p->line, "0x");
+    text_put_hex(&p->line, value);
+}
+
+void put_argument(printer* p, const arg_format& format) {
+    unsigned long word = p->word(format.arg);
+    long value = p->arg(format.arg);
+    uint64_t address = static_cast<uint64_t>(p->call.arg[format.arg - 1]);
+    switch (format.printed) {
+        case how::nothing:
+            return;
+        case how::fd:
+            return put_fd(p, static_cast<int>(value));
+        case how::text:
+            return put_data(p, address, until_nul);
+        case how::data:
+            return put_data(p, address, p->call.arg[format.length - 1]);
+        case how::data_read:
+            return p->entry ? put_0x(p, word) : put_data(p, address, p->call.result);
+        case how::time_pair:
+            return put_time_pair(p, address);
+        case how::decimal:
+            return text_put_decimal(&p->line, value);
+        case how::number:
+            return text_put_unsigned(&p->line, word);
+        case how::hex:
+            return put_0x(p, word);
+        case how::bare_hex:
+            return text_put_hex(&p->line, word);
+        case how::hex_int:
+            return put_0x(p, static_cast<unsigned>(word));
+        case how::bare_hex_int:
+            return text_put_hex(&p->line, static_cast<unsigned>(word));
+        case how::decimal_0x:
+            text_put(&p->line, "0x");
+            return text_put_decimal(&p->line, value);
+        case how::ptrace_request:
+            return put_request(p, p->call.arg[format.arg - 1]);
+    }
+}
+
+void put_head(printer* p, const char* call_name) {
+    text_put(&p->line, '[');
+    text_put_decimal(&p->line, p->view.pid);
+    text_put(&p->line, ' ');
+    text_put(&p->line, p->view.name);
+    text_put(&p->line, "] [");
+    text_put_hex(&p->line, static_cast<unsigned long>(p->call.pc));
+    text_put(&p->line, ' ');
+    text_put_hex(&p->line, static_cast<unsigned long>(p->call.ra));
+    text_put(&p->line, "] ");
+    text_put(&p->line, call_name);
+    text_put(&p->line, '(');
+}
+
+void put_result(printer* p, const call_format& format) {
+    text_put(&p->line, " = ");
+    if (format.hex_result) {
+        put_0x(p, static_cast<unsigned long>(p->call.result));
+    } else {
+        text_put_decimal(&p->line, static_cast<long>(p->call.result));
+    }
+    text_put(&p->line, '\n');
+}
+
+int print(printer* p, const char* call_name, const call_format& format) {
+    put_head(p, call_name);
+    for (const arg_format& arg : format.args) {
+        if (arg.printed == how::nothing) {
+            break;
+        }
+        if (&arg != &format.args[0]) {
+            text_put(&p->line, ", ");
+        }
+        put_argument(p, arg);
+    }
+    text_put(&p->line, ')');
+    if (!p->entry) {
+        put_result(p, format);
+    }
+    return static_cast<int>(p->line.length);
+}
+
+// The multiplexer: the real arguments are six words of 32 bits in the process's memory.
+int print_socketcall(const syscall_view& view, const syscall_record& call, bool entry,
+                     const text_line& line) {
+    int socketcall = static_cast<int>(call.arg[0] & (socketcall_count - 1));
+    int32_t block[6] = {};
+    (void)view.memory->read_file(*view.memory, block, sizeof block, call.arg[1]);
+    syscall_record inner = call;
+    std::ranges::copy(block, inner.arg);
+    printer p = {view, inner, entry, line};
+    return print(&p, socketcall_names[static_cast<size_t>(socketcall)], *socket_format(socketcall));
+}
+
+}  // namespace
+
+int print_syscall(const syscall_view& view, syscall_record* call, bool entry, char* buf, int size) {
+    text_line line = {buf, static_cast<size_t>(size)};
+    if (call->number == nr_socketcall) {
+        return print_socketcall(view, *call, entry, line);
+    }
+    size_t index = static_cast<size_t>(call->number - o32_first);
+    const call_format& format = index < formats_by_number.size() ? *formats_by_number[index] : plain_format;
+    if (format.is_exit && entry && view.entering_exit) {
+        view.entering_exit(view, static_cast<int>(call->arg[0]));
+    }
+    printer p = {view, *call, entry, line};
+    return print(&p, syscall_names[index], format);
+}

@@ -1,0 +1,36 @@
+// A system call of 32-bit MIPS Linux (O32) as a line of text.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+#include "trace/tracee_memory.h"
+
+// One stop at a system call. Values are sign-extended from the processor's words.
+struct syscall_record {
+    int64_t pc;
+    int64_t ra;      // where the caller of the calling function goes on
+    int64_t number;  // O32's, from 4000 on
+    int64_t arg[6];
+    int64_t result;  // at the entry: the number
+    int write_back;  // not 0: the record is to be written back into the process
+};
+
+// Where the printer finds what the registers only point to.
+struct syscall_view {
+    pid_t pid;
+    const char* name;  // of the process
+    const tracee_memory* memory;
+    // As proc_fdinfo_lookup.
+    int (*describe_fd)(const syscall_view& view, int fd, char* buf, size_t len);
+    // Called before the entry line of exit and exit_group is built; may be null.
+    void (*entering_exit)(const syscall_view& view, int code);
+    void* cookie;  // for the two
+};
+
+// Builds the line of a call's entry, "[pid name] [pc ra] call(arguments)", or of its exit, the same with
+// " = result" and a newline behind, in `buf` (`size` bytes, ended by a NUL). Returns the length of the whole
+// text; `size` or more means that it was cut. The number must have a name (syscall_names.h). A printer may
+// change the record and set its write-back flag; none does at present.
+int print_syscall(const syscall_view& view, syscall_record* call, bool entry, char* buf, int size);

@@ -1,0 +1,162 @@
+#include "trace/ptrace_ops.h"
+
+#include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+const int trace_wait_flags = __WALL | __WNOTHREAD;
+
+namespace {
+
+constexpr int attach_waits = 5;
+constexpr useconds_t attach_pause_us = 10;
+constexpr useconds_t longest_pause_us = 1000;
+constexpr int resume_attempts = 4;
+
+// A number where ptrace takes a pointer.
+void* as_data(long value) {
+    return reinterpret_cast<void*>(static_cast<intptr_t>(value));  // NOLINT(performance-no-int-to-ptr)
+}
+
+int64_t now_us() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+bool detach_request(pid_t pid, int sig) {
+    return ptrace(PTRACE_DETACH, pid, nullptr, as_data(sig)) == 0;
+}
+
+int resume(__ptrace_request request, const char* name, pid_t pid, int sig) {
+    int result = -1;
+    for (int attempt = 0; attempt < resume_attempts && result < 0; attempt++) {
+        result = static_cast<int>(ptrace(request, pid, nullptr, as_data(sig)));
+        if (result < 0) {
+            printf("%s failed %s\n", name, strerror(errno));
+        }
+    }
+    return result;
+}
+
+// trace_detach_sig, with or without a stop signal for a process that runs: one that is being attached to has
+// its own on its way, and a second one would stop it for good.
+void let_go(pid_t pid, int sig, bool send_stop) {
+    bool detached = detach_request(pid, sig);
+    if (!detached && send_stop) {
+        (void)trace_stop_thread(pid);
+    }
+    int status = 0;
+    for (;;) {
+        if (waitpid(pid, &status, trace_wait_flags) < 0) {
+            // A signal for the caller must not leave a process behind that is about to stop.
+            if (errno == EINTR && !detached) {
+                continue;
+            }
+            if (errno != EINVAL) {
+                return;
+            }
+        }
+        if (!WIFSTOPPED(status)) {
+            return;
+        }
+        if (WSTOPSIG(status) == SIGSTOP) {
+            (void)detach_request(pid, sig);
+            return;
+        }
+        if (sig != SIGSTOP && ptrace(PTRACE_CONT, pid, nullptr, nullptr) < 0) {
+            return;
+        }
+    }
+}
+
+}  // namespace
+
+pid_t trace_attach(pid_t pid) {
+    if (ptrace(PTRACE_ATTACH, pid, nullptr, nullptr) < 0) {
+        return -1;
+    }
+    for (int tries = 1;; tries++) {
+        int status;
+        pid_t got = waitpid(pid, &status, WUNTRACED | trace_wait_flags);
+        if (got >= 0) {
+            return got;
+        }
+        if (errno != ECHILD || tries == attach_waits) {
+            let_go(pid, 0, false);
+            return -1;
+        }
+        usleep(attach_pause_us);
+    }
+}
+
+pid_t trace_attach_within(pid_t pid, int patience_ms, int* status) {
+    if (ptrace(PTRACE_ATTACH, pid, nullptr, nullptr) < 0) {
+        return -1;
+    }
+    int failures = 0;
+    int64_t end = now_us() + static_cast<int64_t>(patience_ms) * 1000;
+    for (useconds_t pause = attach_pause_us;; pause = std::min(2 * pause, longest_pause_us)) {
+        pid_t got = waitpid(pid, status, WUNTRACED | WNOHANG | trace_wait_flags);
+        if (got > 0) {
+            return got;
+        }
+        if (got < 0 && (errno != ECHILD || ++failures == attach_waits)) {
+            let_go(pid, 0, false);
+            return -1;
+        }
+        if (got == 0 && now_us() >= end) {
+            return 0;
+        }
+        usleep(pause);
+    }
+}
+
+int trace_stop_thread(pid_t pid) {
+    // kill(2) may have any thread of the process take the signal. One that is not traced would stop them all,
+    // and they would stay so.
+    return static_cast<int>(syscall(SYS_tkill, pid, SIGSTOP));
+}
+
+int trace_first_signal(pid_t pid, int status, bool* stop_due) {
+    const int sig = WSTOPSIG(status);
+    siginfo_t info;
+    const bool delivered = ptrace(PTRACE_GETSIGINFO, pid, nullptr, &info) == 0;
+    *stop_due = !delivered || sig != SIGSTOP;
+    // An exec that was under way when the attach came ends with a trap that is for the tracer alone.
+    const bool exec_trap = delivered && sig == SIGTRAP && info.si_code == SI_USER;
+    return delivered && sig != SIGSTOP && !exec_trap ? sig : 0;
+}
+
+void trace_detach_sig(pid_t pid, int sig) {
+    let_go(pid, sig, true);
+}
+
+void trace_detach(pid_t pid) {
+    trace_detach_sig(pid, 0);
+}
+
+int trace_setoptions(pid_t pid, long options) {
+    if (ptrace(PTRACE_SETOPTIONS, pid, nullptr, as_data(options)) < 0) {
+        printf("PTRACE_CONT failed %s\n", strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int trace_cont(pid_t pid, int sig) {
+    return resume(PTRACE_CONT, "PTRACE_CONT", pid, sig);
+}
+
+int trace_syscall(pid_t pid, int sig) {
+    return resume(PTRACE_SYSCALL, "SYSCALL", pid, sig);
+}

@@ -1,0 +1,35 @@
+#include "trace/stopper.h"
+
+#include <stdio.h>
+#include <unistd.h>
+
+#include "trace/tracer_command.h"
+
+namespace {
+
+constexpr const char* usage =
+    "USAGE: stopper [ -ppid ] [ command [ arg ... ] ]\n\n"
+    "-p<pid>\tAdd a pid to stop at exit";
+constexpr unsigned hold_seconds = 999;
+
+int32_t write_cb(void* /*cookie*/, const char* /*text*/, int /*length*/) {
+    return tracer_stopped() ? 0 : 1;
+}
+
+void stopper_on_exit(strace_ctx* /*ctx*/, void* /*cookie*/, pid_t pid, int kind, int code, void* /*extra*/) {
+    if (tracer_stopped()) {
+        return;
+    }
+    printf("stopper: Trapped pid=%d exit code %d\n", pid, code);
+    // Whoever waits for the process to be held reads this from a pipe.
+    fflush(stdout);
+    while (kind == strace_exit_stop && !tracer_stopped()) {
+        sleep(hold_seconds);
+    }
+}
+
+}  // namespace
+
+int run_stopper(int argc, char** argv) {
+    return tracer_run(argc, argv, {usage, strace_calls | strace_exits, write_cb, stopper_on_exit});
+}

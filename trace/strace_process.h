@@ -1,0 +1,46 @@
+// What the engine knows of the processes of its trace.
+#pragma once
+
+#include "common/unique_fd.h"
+#include "proc/proc_socket.h"
+#include "trace/arch.h"
+#include "trace/strace.h"
+
+struct strace_process {
+    char name[32];         // short name, ended by a NUL
+    bool in_syscall;       // between the entry and the exit of a system call
+    bool own_child;        // of this program, whose end somebody else in it waits for
+    bool joining;          // attached to, the first stop still to come
+    bool attach_stop_due;  // the stop signal of the attach is still to come
+    bool ready;            // has an event that is not dealt with
+    int event;             // the wait status of the last one
+    bool stopped;          // waited for and not resumed
+    bool awaited;          // asked to stop, so that it can be let go
+    int fd_dir;            // its descriptor directory, while it is held open; else -1
+    int undelivered;       // the signal with which it stopped, while it is so
+    arch_regs entry;       // registers of the last entry
+    arch_regs ret;         // and of the last exit
+};
+
+struct strace_names {
+    int count;
+    unique_malloc<strace_process> processes;  // one for each of the context's pids, and a blank one behind
+    unique_malloc<int> ready;                 // positions of the processes with an event
+    unique_socket_cache sockets;
+};
+
+// With more processes than this, their descriptor directories are not held open.
+constexpr int strace_held_dirs = 16;
+
+// Describes a descriptor of `pid` as proc_fdinfo_lookup does.
+int strace_describe_fd(const strace_ctx* ctx, pid_t pid, int fd, char* buf, size_t len);
+
+// The table entry of `pid`; the blank one, whose name is empty, when it is not in the list.
+strace_process* strace_find(const strace_ctx* ctx, pid_t pid);
+
+// The position of `pid` in the context's list; -1 when it is not there.
+int strace_index(const strace_ctx* ctx, pid_t pid);
+
+// Lets all processes of the list go that are still traced. A process that sleeps where no signal reaches it,
+// such as the parent of a vfork, is waited for while the others go on.
+void strace_release_all(strace_ctx* ctx);

@@ -1,0 +1,136 @@
+// Letting the processes of a trace go.
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "proc/proc_list.h"
+#include "trace/ptrace_ops.h"
+#include "trace/strace_process.h"
+
+namespace {
+
+constexpr useconds_t shortest_pause_us = 10;
+constexpr useconds_t longest_pause_us = 5000;
+
+void* as_data(int sig) {
+    return reinterpret_cast<void*>(static_cast<intptr_t>(sig));  // NOLINT(performance-no-int-to-ptr)
+}
+
+// Detaches a process that is stopped; false when it turned out not to be.
+bool detach(pid_t pid, int sig) {
+    return ptrace(PTRACE_DETACH, pid, nullptr, as_data(sig)) == 0;
+}
+
+// The state letter of a process; 0 when it has gone.
+char proc_state(pid_t pid) {
+    char path[32];
+    char text[256];
+    snprintf(path, sizeof path, "/proc/%d/stat", pid);
+    ssize_t length = read_file_once(path, text, sizeof text - 1);
+    text[length > 0 ? length : 0] = '\0';
+    const char* name_end = strrchr(text, ')');
+    return name_end && name_end[1] == ' ' ? name_end[2] : '\0';
+}
+
+// Deals with what was waited for while a process was on its way to its stop. Returns whether it is free.
+bool settle(pid_t pid, int status, bool joining) {
+    if (!WIFSTOPPED(status)) {
+        return true;
+    }
+    int sig = WSTOPSIG(status);
+    if (sig == SIGSTOP) {
+        return detach(pid, 0);
+    }
+    // The stop that was asked for is still to come and would remain when the process were let go here.
+    bool stop_due;
+    if (joining) {
+        sig = trace_first_signal(pid, status, &stop_due);
+    } else if (sig == (SIGTRAP | 0x80) || status >> 16 != 0) {
+        sig = 0;
+    }
+    return ptrace(PTRACE_CONT, pid, nullptr, as_data(sig)) < 0 && errno != ESRCH;
+}
+
+// Deals with one wait status; returns how many processes it set free, 0 or 1.
+int settle_one(strace_ctx* ctx, pid_t pid, int status) {
+    int index = strace_index(ctx, pid);
+    if (index < 0) {
+        return 0;
+    }
+    strace_process& process = ctx->names->processes.get()[index];
+    if (!process.awaited || !settle(pid, status, process.joining)) {
+        return 0;
+    }
+    process.awaited = false;
+    if (!WIFSTOPPED(status)) {
+        ctx->pids[index] = -1;
+    }
+    return 1;
+}
+
+// The first thread of a process that ended before the others never stops, and its end is not seen before
+// theirs. Gives such ones up; returns how many.
+int give_up_ended(strace_ctx* ctx) {
+    int ended = 0;
+    for (int i = 0; i < ctx->names->count; i++) {
+        strace_process& process = ctx->names->processes.get()[i];
+        if (process.awaited && proc_state(ctx->pids[i]) == 'Z') {
+            process.awaited = false;
+            ended++;
+        }
+    }
+    return ended;
+}
+
+// Waits until the `pending` processes that were asked to stop have been let go.
+void collect(strace_ctx* ctx, int pending) {
+    useconds_t pause = shortest_pause_us;
+    while (pending > 0) {
+        int status;
+        pid_t pid = waitpid(-1, &status, WNOHANG | trace_wait_flags);
+        if (pid > 0) {
+            pending -= settle_one(ctx, pid, status);
+            pause = shortest_pause_us;
+        } else if (pid < 0 && errno != EINTR) {
+            return;
+        } else if (pause < longest_pause_us) {
+            usleep(pause);
+            pause *= 2;
+        } else {
+            pending -= give_up_ended(ctx);
+            usleep(pause);
+        }
+    }
+}
+
+}  // namespace
+
+void strace_release_all(strace_ctx* ctx) {
+    int pending = 0;
+    for (int i = 0; i < ctx->names->count; i++) {
+        strace_process& process = ctx->names->processes.get()[i];
+        pid_t pid = ctx->pids[i];
+        if (pid == -1 || (process.stopped && detach(pid, process.undelivered))) {
+            continue;
+        }
+        // A second stop signal behind the attach's own would be left over. A process that has ended leaves
+        // its end to be waited for, if it is still ours at all.
+        process.awaited = process.joining || process.attach_stop_due || trace_stop_thread(pid) == 0;
+        pending += process.awaited;
+    }
+    collect(ctx, pending);
+    if (ctx->attached) {
+        // The end of a child is the caller's to see; a signal for the caller ends the wait.
+        for (int i = 0; i < ctx->names->count; i++) {
+            int status;
+            if (ctx->pids[i] != -1 && waitpid(ctx->pids[i], &status, trace_wait_flags) > 0) {
+                ctx->pids[i] = -1;
+            }
+        }
+    }
+}

@@ -1,0 +1,34 @@
+#include "trace/syscall_names.h"
+
+#include <iterator>
+#include <string_view>
+
+namespace {
+
+constexpr const char* generated[] = {
+#include "trace/syscall_names.inc"
+};
+static_assert(std::size(generated) == syscall_count);
+static_assert(std::string_view(generated[0]) == "syscall");
+static_assert(std::string_view(generated[o32_calls - 1]) == "perf_counter_open");
+static_assert(std::string_view(generated[o32_calls]) == "Linux_syscalls");
+static_assert(std::string_view(generated[syscall_count - 1]) == "N32_Linux_syscalls");
+
+constexpr std::array<const char*, socketcall_count> socketcalls() {
+    constexpr const char* names[] = {
+        "",           "socket",  "bind",    "connect", "listen",   "accept",   "getsockname", "getpeername",
+        "socketpair", "send",    "recv",    "sendto",  "recvfrom", "shutdown", "setsockopt",  "getsockopt",
+        "sendmsg",    "recvmsg", "accept4",
+    };
+    static_assert(std::size(names) == 19);
+    std::array<const char*, socketcall_count> all;
+    for (size_t i = 0; i < all.size(); i++) {
+        all[i] = i < std::size(names) ? names[i] : "";
+    }
+    return all;
+}
+
+}  // namespace
+
+constexpr std::array<const char*, syscall_count> syscall_names = std::to_array(generated);
+constexpr std::array<const char*, socketcall_count> socketcall_names = socketcalls();
