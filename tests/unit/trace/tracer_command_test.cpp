@@ -142,7 +142,9 @@ TEST(tracer_find_program, dotted_name_is_looked_up_in_the_current_directory) {
     char before[4096];
     ASSERT_NE(getcwd(before, sizeof before), nullptr);
     ASSERT_EQ(chdir(dir.path().c_str()), 0);
-    std::string at = getcwd(nullptr, 0);
+    char at_text[4096];
+    ASSERT_NE(getcwd(at_text, sizeof at_text), nullptr);
+    std::string at = at_text;
     EXPECT_EQ(found("./prog"), at + "//./prog");
     EXPECT_EQ(found("./sub/prog2"), at + "//./sub/prog2");
     EXPECT_EQ(found("./none"), "");
