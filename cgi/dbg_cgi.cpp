@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -194,6 +195,7 @@ int run_dbg_cgi(int argc, char** argv) {
         exit(1);
     }
     configure_dumper(options.dumper);
+    (void)mallopt(M_ARENA_MAX, 1);  // a heap for each thread would stay behind when the thread has gone
     if (options.direct) {
         write_direct(options.compress);
         return 0;

@@ -21,7 +21,10 @@ elseif(ZARVO_CROSS_PREFIX STREQUAL "mipsel-linux-gnu-" AND IS_DIRECTORY "${zarvo
 endif()
 
 # Programs are the machine's, everything else is the device's. Floating point stays as the compiler is set up.
-set(CMAKE_CXX_FLAGS_INIT "-mips32r2 -mabi=32")
+# Programs stay at a fixed address: on this processor, code that can be anywhere is half as large again.
+set(CMAKE_CXX_FLAGS_INIT "-mips32r2 -mabi=32 -fno-pie -mplt")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-no-pie")
+set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
