@@ -3,6 +3,7 @@
 #include "app/applets.h"
 #include "app/test_applets.h"
 #include "cgi/dbg_cgi.h"
+#include "net/pcapdump.h"
 #include "trace/stopper.h"
 #include "trace/tstrace.h"
 
@@ -16,7 +17,7 @@ int run_missing(int /*argc*/, char** argv) {
 
 constexpr app_entry entries[] = {
     {"tstrace", run_tstrace},     {"stopper", run_stopper},
-    {"pcapdump", run_missing},    {"coredump-handler", run_missing},
+    {"pcapdump", run_pcapdump},   {"coredump-handler", run_missing},
     {"debugar.cgi", run_dbg_cgi}, {"mon", run_missing},
     {"ctest", run_ctest},         {"oopslog", run_missing},
     {"forkbomb", run_forkbomb},   {"fdleak", run_fdleak},

@@ -1,13 +1,310 @@
 #include "net/pcap_dump.h"
 
-#include "net/bpf_filter.h"
+#include <errno.h>
+#include <limits.h>
+#include <net/if.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <time.h>
 
-// The capture is not wired up yet: it behaves as on a machine where no interface can be opened.
-int32_t pcap_dump(char* /*interfaces*/, int /*out_fd*/, unsigned /*max_total*/, unsigned /*snaplen*/,
-                  int /*duration*/, int /*promisc*/, const sock_fprog* /*filter*/) {
-    return 0;
+#include <algorithm>
+
+#include "common/unique_fd.h"
+#include "common/uptime.h"
+#include "net/frame_batch.h"
+#include "net/frame_ring.h"
+#include "net/pcap_sockets.h"
+#include "net/pcap_writer.h"
+#include "net/record_queue.h"
+
+namespace {
+
+// A frame is recorded only when this much would still be free behind its bytes: its own record header, and
+// room for a padding record.
+constexpr uint64_t reserved_bytes = 48;
+
+enum class progress {
+    go_on,
+    complete,  // nothing more is captured; the stream gets its exact size
+    finished,  // the stream stays as it is
+    failed,    // a write has failed
+};
+
+// Places in the poll set.
+constexpr int out_place = 0;
+constexpr int stop_place = 1;
+constexpr int first_socket_place = 2;
+
+// While frames come faster than one in `busy_gap_ns`, they are looked at every `busy_pause_ms` instead of one
+// by one, which costs several times as much. A frame's date is that of its reading: the pause is how late it
+// can be in such traffic.
+constexpr int64_t busy_gap_ns = 250000;
+constexpr int busy_pause_ms = 2;
+
+// What is too large for a stack.
+struct work_memory {
+    frame_batch batch;
+    record_queue records;
+    captured_frame frames[record_queue::capacity];
+};
+
+struct capture {
+    pcap_dump_options options;
+    uint32_t start;  // uptime in seconds
+    pcap_writer out;
+    pcap_sockets sockets;
+    work_memory* memory;
+    int share;                                     // frames that are fetched from one socket at most
+    fetched_frames fetched[pcap_interface_limit];  // of each socket
+    pollfd wait[first_socket_place + pcap_interface_limit];
+    nfds_t wait_count;
+    int pause_ms;     // 0: frames are waited for
+    int64_t last_ns;  // when frames were fetched last
+};
+
+bool is_limited(const capture& c) {
+    return c.options.duration != 0 || c.options.max_total != 0;
 }
 
-sock_filter* filter_me(int /*sock*/, int* /*count*/) {
-    return nullptr;
+// Whether the output is worth watching for what its peer does: a regular file can always be read.
+bool has_peer(int fd) {
+    struct stat status;
+    return fstat(fd, &status) != 0 || !S_ISREG(status.st_mode);
+}
+
+void watch(capture& c) {
+    bool watch_output = has_peer(c.out.fd) || !is_limited(c);
+    c.wait[out_place] = {watch_output ? c.out.fd : -1, POLLIN, 0};
+    c.wait[stop_place] = {c.options.stop_fd, POLLIN, 0};
+    for (int i = 0; i < c.sockets.count; i++) {
+        c.wait[first_socket_place + i] = {c.sockets.all[i].fd.get(), POLLIN, 0};
+    }
+    c.wait_count = first_socket_place + static_cast<unsigned>(c.sockets.count);
+}
+
+bool is_ready(const capture& c, int place) {
+    return c.wait[place].revents != 0;
+}
+
+// How long to wait for frames in ms, -1 for ever; 0 when the time is over.
+int time_left_ms(const capture& c) {
+    if (c.options.duration == 0) {
+        return -1;
+    }
+    int64_t left = c.options.duration - int64_t{ptime() - c.start};
+    return static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX / 1000) * 1000);
+}
+
+// Throws away what the peer of the output sent.
+progress drain_output(capture& c) {
+    char sent[pcap_frame_limit];
+    ssize_t got = read(c.out.fd, sent, sizeof sent);
+    if (got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR))) {
+        return progress::go_on;
+    }
+    if (!is_limited(c)) {
+        return progress::finished;
+    }
+    // A browser may have closed its sending side alone, and the download goes on; looking again would find
+    // the same for ever. One that has gone altogether won't take the padding either.
+    bool is_gone = (c.wait[out_place].revents & (POLLERR | POLLHUP)) != 0;
+    c.wait[out_place].fd = -1;
+    c.wait[out_place].revents = 0;
+    return is_gone && c.options.max_total != 0 ? progress::failed : progress::go_on;
+}
+
+// How many frames each socket gives in turn: the same number for all, so that the order of the frames is the
+// one in which reading one frame of each socket after the other would find them.
+int share_of(const pcap_sockets& sockets) {
+    bool have_rings = std::all_of(sockets.all, sockets.all + sockets.count,
+                                  [](const pcap_socket& each) { return each.ring.memory != nullptr; });
+    return (have_rings ? record_queue::capacity : frame_batch::capacity) / sockets.count;
+}
+
+// Where the frames that were fetched from socket `i` are listed.
+captured_frame* frames_of(const capture& c, int i) {
+    return c.memory->frames + static_cast<size_t>(i) * static_cast<size_t>(c.share);
+}
+
+fetched_frames fetch(capture& c, int i) {
+    const pcap_socket& socket = c.sockets.all[i];
+    captured_frame* into = frames_of(c, i);
+    if (!socket.ring.memory) {
+        return fetch_frames(&c.memory->batch, socket.fd.get(), i * c.share, into, c.share);
+    }
+    fetched_frames fetched = frame_ring_fetch(socket.ring, into, c.share);
+    bool failed = (c.wait[first_socket_place + i].revents & POLLERR) != 0;
+    fetched.ended = fetched.ended || (failed && fetched.count < c.share);
+    return fetched;
+}
+
+// Returns how many there are.
+int fetch_all(capture& c) {
+    int count = 0;
+    for (int i = 0; i < c.sockets.count; i++) {
+        c.fetched[i] = {};
+        if (c.pause_ms > 0 || is_ready(c, first_socket_place + i)) {
+            c.fetched[i] = fetch(c, i);
+            count += c.fetched[i].count;
+        }
+    }
+    return count;
+}
+
+bool write_all(capture& c) {
+    bool is_written = record_queue_write(&c.memory->records, &c.out);
+    for (int i = 0; i < c.sockets.count; i++) {
+        if (c.sockets.all[i].ring.memory) {
+            frame_ring_release(&c.sockets.all[i].ring, c.fetched[i].count);
+        }
+    }
+    return is_written;
+}
+
+bool has_room(const capture& c, unsigned frame_length) {
+    uint64_t length = c.options.snaplen != 0 ? c.options.snaplen : frame_length;
+    uint64_t used = c.out.written + c.memory->records.bytes;
+    return c.options.max_total == 0 || used + length + reserved_bytes < c.options.max_total;
+}
+
+progress record_frame(capture& c, captured_frame frame) {
+    if (!has_room(c, frame.length)) {
+        return progress::complete;
+    }
+    return record_queue_add(&c.memory->records, &c.out, frame, c.options.snaplen) ? progress::go_on
+                                                                                  : progress::failed;
+}
+
+// Makes records of what was fetched: the first frame of each socket, the second of each, and so on.
+progress record_all(capture& c) {
+    for (int turn = 0; turn < c.share; turn++) {
+        for (int i = 0; i < c.sockets.count; i++) {
+            const fetched_frames& fetched = c.fetched[i];
+            progress then = progress::go_on;
+            if (turn < fetched.count) {
+                then = record_frame(c, frames_of(c, i)[turn]);
+            } else if (turn == fetched.count && fetched.ended) {
+                then = progress::complete;
+            }
+            if (then != progress::go_on) {
+                return then;
+            }
+        }
+    }
+    return progress::go_on;
+}
+
+int64_t now_ns() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t{1000000000} + now.tv_nsec;
+}
+
+// Whether there may be more frames than could be fetched.
+bool is_more_queued(const capture& c) {
+    return std::any_of(c.fetched, c.fetched + c.sockets.count,
+                       [&c](const fetched_frames& each) { return each.count == c.share; });
+}
+
+// Decides how the next frames are waited for, after `count` came.
+void set_pace(capture& c, int count) {
+    c.pause_ms = 0;
+    if (count > 0) {
+        int64_t now = now_ns();
+        bool is_busy = now - c.last_ns < count * busy_gap_ns;
+        c.pause_ms = is_busy && !is_more_queued(c) ? busy_pause_ms : 0;
+        c.last_ns = now;
+    }
+    for (int i = 0; i < c.sockets.count; i++) {
+        // What goes wrong with a socket is reported in any case.
+        c.wait[first_socket_place + i].events = c.pause_ms > 0 ? 0 : POLLIN;
+    }
+}
+
+progress handle_frames(capture& c) {
+    int count = fetch_all(c);
+    progress then = record_all(c);
+    if (!write_all(c) || then == progress::failed) {
+        return progress::failed;
+    }
+    set_pace(c, count);
+    return then;
+}
+
+// Waits for something to do and does it.
+progress capture_once(capture& c) {
+    int timeout = time_left_ms(c);
+    if (timeout == 0) {
+        return progress::complete;
+    }
+    if (c.pause_ms > 0) {
+        timeout = c.pause_ms;
+    }
+    if (poll(c.wait, c.wait_count, timeout) < 0) {
+        if (errno == EINTR) {
+            return progress::go_on;
+        }
+        perror("select");
+        return progress::finished;
+    }
+    if (is_ready(c, out_place)) {
+        progress then = drain_output(c);
+        if (then != progress::go_on) {
+            return then;
+        }
+    }
+    progress then = handle_frames(c);
+    return then == progress::go_on && is_ready(c, stop_place) ? progress::complete : then;
+}
+
+// Returns false when a write has failed.
+bool run(capture& c) {
+    if (!pcap_write_file_header(&c.out)) {
+        return false;
+    }
+    c.start = ptime();
+    watch(c);
+    progress then = progress::go_on;
+    while (then == progress::go_on) {
+        then = capture_once(c);
+    }
+    if (then == progress::complete) {
+        return pcap_pad(&c.out, c.options.max_total);
+    }
+    return then != progress::failed;
+}
+
+}  // namespace
+
+int32_t pcap_dump_with(char* interfaces, int out_fd, const pcap_dump_options& options) {
+    capture c = {};
+    unique_malloc<work_memory> memory(static_cast<work_memory*>(calloc(1, sizeof(work_memory))));
+    if (!memory) {
+        return -1;
+    }
+    frame_batch_prepare(&memory->batch);
+    c.options = options;
+    c.out.fd = out_fd;
+    c.memory = memory.get();
+    c.sockets =
+        pcap_open_sockets(pcap_list_interfaces(interfaces, if_nametoindex), options.filter, options.promisc);
+    if (c.sockets.count == 0) {
+        return 0;
+    }
+    c.share = share_of(c.sockets);
+    bool is_whole = run(c);
+    pcap_close_sockets(&c.sockets);
+    return is_whole ? static_cast<int32_t>(std::min<uint64_t>(c.out.written, INT32_MAX)) : -1;
+}
+
+int32_t pcap_dump(char* interfaces, int out_fd, unsigned max_total, unsigned snaplen, int duration,
+                  int promisc, const sock_fprog* filter) {
+    return pcap_dump_with(interfaces, out_fd,
+                          {.max_total = max_total,
+                           .snaplen = snaplen,
+                           .duration = duration,
+                           .promisc = promisc,
+                           .filter = filter});
 }

@@ -1,15 +1,22 @@
 #include "archive/member_capture.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "common/safe_io.h"
 #include "tests/unit/archive/archive_fixture.h"
+#include "tests/unit/net/pcap_reader.h"
+#include "tests/unit/net/private_network.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/pipes.h"
@@ -55,7 +62,97 @@ std::string bare_capture(const char* interface, int seconds, int max_bytes) {
     return bytes;
 }
 
+// Both ends of a TCP connection over the loopback of this thread's network.
+struct tcp_connection {
+    unique_fd browser{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    unique_fd server;
+
+    tcp_connection() {
+        unique_fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in address = {};
+        socklen_t size = sizeof address;
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        auto* any = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(bind(listener.get(), any, size), 0);
+        EXPECT_EQ(listen(listener.get(), 1), 0);
+        EXPECT_EQ(getsockname(listener.get(), any, &size), 0);
+        EXPECT_EQ(connect(browser.get(), any, size), 0);
+        server = unique_fd(accept(listener.get(), nullptr, nullptr));
+        EXPECT_TRUE(server);
+    }
+};
+
+void send_datagram(const std::string& text) {
+    unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(9);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* any = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(bind(sock.get(), any, sizeof address), 0);  // there is someone who takes it
+    EXPECT_EQ(sendto(sock.get(), text.data(), text.size(), 0, any, sizeof address),
+              static_cast<ssize_t>(text.size()));
+}
+
+constexpr unsigned browser_bytes = 200000;
+
+// A browser's download of a capture of its own network, in which a datagram is sent meanwhile. `stream` gets
+// the browser's connection.
+template <typename Stream>
+pcap_content download(Stream stream) {
+    EXPECT_TRUE(run_command("ip link set lo up"));
+    tcp_connection connection;
+    std::string bytes;
+    std::thread reader([&] { bytes = read_all(connection.browser.get()); });
+    std::thread capture([&] {
+        EXPECT_EQ(stream(connection.server.get()), 0);
+        connection.server.reset();
+    });
+    EXPECT_TRUE(eventually([] { return capturing_sockets() == 1; }));
+    send_datagram("a datagram");
+    capture.join();
+    reader.join();
+    EXPECT_EQ(bytes.size(), browser_bytes);
+    return pcap_read(bytes);
+}
+
+// The IP protocols of the frames.
+std::set<int> protocols_of(const pcap_content& content) {
+    std::set<int> found;
+    for (const pcap_record& frame : content.frames()) {
+        found.insert(frame.data.at(23));
+    }
+    return found;
+}
+
+// Captures into a pipe whose content goes to the browser, as an archive is compressed.
+int stream_through_pipe(int browser_fd, int filter_fd) {
+    test_pipe pipe;
+    std::thread copier([&] { EXPECT_EQ(safe_copyfd(pipe.out.get(), browser_fd), browser_bytes); });
+    int result = stream_pcap_dump(nullptr, pipe.in.get(), "lo", 1, browser_bytes, filter_fd);
+    pipe.in.reset();
+    copier.join();
+    return result;
+}
+
 }  // namespace
+
+NETWORK_TEST(stream_pcap_dump, browsers_own_connection_is_not_captured) {
+    pcap_content content = download([](int fd) { return stream_pcap(fd, 1, browser_bytes, "lo"); });
+    EXPECT_EQ(protocols_of(content), std::set<int>{IPPROTO_UDP});
+    ASSERT_EQ(content.frames().size(), 2u);  // sent, and received
+    EXPECT_EQ(content.frames()[0].data.size(), 1536u);
+    EXPECT_EQ(content.frames()[0].data.substr(42, 10), "a datagram");
+    EXPECT_EQ(content.frames()[0].orig_len, 52u);
+}
+
+NETWORK_TEST(stream_pcap_dump, connection_behind_a_pipe_is_not_captured_when_it_is_named) {
+    auto named = [](int fd) { return stream_through_pipe(fd, fd); };
+    auto unnamed = [](int fd) { return stream_through_pipe(fd, -1); };
+    EXPECT_EQ(protocols_of(download(named)), std::set<int>{IPPROTO_UDP});
+    EXPECT_EQ(protocols_of(download(unnamed)), (std::set<int>{IPPROTO_TCP, IPPROTO_UDP}));
+}
 
 TEST(stream_pcap_dump, member_has_exactly_the_promised_size) {
     SKIP_WITHOUT_PRIVATE_WORLD();
@@ -126,8 +223,15 @@ TEST(stream_pcap_dump, names_of_the_caller_are_not_changed) {
 
 TEST(stream_pcap, limit_is_exact) {
     SKIP_WITHOUT_PRIVATE_WORLD();
-    EXPECT_EQ(bare_capture("lo", 1, 1).size(), 1u);
-    EXPECT_EQ(bare_capture("lo", 1, 100003).size(), 100003u);
+    for (int size : {24, 25, 39, 40, 100, 100003}) {
+        EXPECT_EQ(bare_capture("lo", 1, size).size(), static_cast<size_t>(size));
+    }
+}
+
+TEST(stream_pcap, limit_below_the_file_header_gives_that_header) {
+    SKIP_WITHOUT_PRIVATE_WORLD();
+    EXPECT_EQ(bare_capture("lo", 1, 1), pcap_expected_file_header());
+    EXPECT_EQ(bare_capture("lo", 1, 23), pcap_expected_file_header());
 }
 
 TEST(stream_pcap, limit_below_1_means_5120000_bytes) {

@@ -1,0 +1,136 @@
+import ctypes
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+
+import measure
+
+ABOUT = "pcapdump against tcpdump -w on the same load: frames lost and CPU time for each captured frame"
+TARGETS = ["zarvo", "bench_frames"]
+NEEDS_SANDBOX = False    # it makes a network of its own, and looks at no process but its own
+CLONE_NEWNET = 0x40000000
+
+# "quick" in ZARVO_BENCH gives figures for a first look.
+QUICK = os.environ.get("ZARVO_BENCH") == "quick"
+SECONDS, ROUNDS = (3, 3) if QUICK else (10, 3)
+SIZES = {"small": 60, "full-size": 1514}
+RATES = [10000, 50000, 0]    # frames a second; 0: as many as the sender can
+PATIENCE = 30
+NEAR, FAR = "zb0", "zb1"
+
+COMMANDS = {
+    "pcapdump": lambda file: [measure.BIN / "pcapdump", NEAR, file],
+    "tcpdump": lambda file: ["tcpdump", "-Z", "root", "-i", NEAR, "-w", file],
+}
+
+
+class Run:
+    """One capture of one load."""
+
+    def __init__(self, sent, captured, cpu_s, peak_kb):
+        self.sent, self.captured, self.cpu_s, self.peak_kb = sent, captured, cpu_s, peak_kb
+
+    def cpu_per_frame(self):
+        return self.cpu_s / self.captured
+
+    def lost(self):
+        return self.sent - self.captured
+
+
+def make_network():
+    """Two ends of a wire, in a network of this process's own."""
+    if os.geteuid() != 0 or not shutil.which("tcpdump"):
+        raise measure.Broken("needs root, for a network of its own, and tcpdump")
+    if ctypes.CDLL(None, use_errno=True).unshare(CLONE_NEWNET) != 0:
+        raise measure.Broken("cannot make a network")
+    quiet = "addrgenmode none arp off up"    # nobody but the sender speaks
+    for words in (f"link add {NEAR} type veth peer name {FAR}", f"link set {NEAR} {quiet}", f"link set {FAR} {quiet}"):
+        subprocess.run(["ip", *words.split()], check=True)
+
+
+def wait_for(condition, what):
+    end = time.monotonic() + PATIENCE
+    while not condition():
+        if time.monotonic() > end:
+            raise measure.Broken(f"still not: {what}")
+        time.sleep(0.02)
+
+
+def is_capturing():
+    """A packet socket of this network is bound to all protocols."""
+    return any(line.split()[3] == "0003" for line in open("/proc/net/packet").readlines()[1:])
+
+
+def bytes_written(pid):
+    return int(re.search(r"^wchar: (\d+)$", pathlib.Path(f"/proc/{pid}/io").read_text(), re.MULTILINE)[1])
+
+
+def wait_until_drained(pid):
+    """The capture has nothing more to write; tcpdump looks at what is left once a second."""
+    last, since = -1, time.monotonic()
+    while time.monotonic() - since < 1.5:
+        now = bytes_written(pid)
+        if now != last:
+            last, since = now, time.monotonic()
+        time.sleep(0.05)
+
+
+def frames_in(file, size):
+    return (file.stat().st_size - 24) // (16 + size)
+
+
+def capture(command, file, size, rate):
+    """At the highest rate nothing but the counts is kept, or the disk would be measured."""
+    target = "/dev/null" if rate == 0 else file
+    process = subprocess.Popen(command(target), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        wait_for(is_capturing, "capturing")
+        sender = [measure.BIN / "bench_frames", FAR, str(size), str(rate), str(SECONDS)]
+        sent = int(subprocess.run(sender, stdout=subprocess.PIPE, check=True).stdout)
+        wait_until_drained(process.pid)
+        written = bytes_written(process.pid)
+        peak_kb = measure.proc_numbers(process.pid, "status")["VmHWM"]
+    finally:
+        process.send_signal(signal.SIGTERM)    # SIGINT is ignored in the background
+        _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = status
+    wait_for(lambda: not is_capturing(), "socket closed")
+    captured = (written - 24) // (16 + size) if rate == 0 else frames_in(file, size)
+    file.unlink(missing_ok=True)
+    return Run(sent, captured, usage.ru_utime + usage.ru_stime, peak_kb)
+
+
+def lost_and_sent(runs):
+    return sum(run.lost() for run in runs), sum(run.sent for run in runs)
+
+
+def compare(report, folder, label, size, rate):
+    load = f"{label} frames at {rate or 'the highest'} {'a second' if rate else 'rate'}"
+    runs = {name: [] for name in COMMANDS}
+    for _ in range(ROUNDS):
+        for name, command in COMMANDS.items():
+            runs[name].append(capture(command, folder / "capture", size, rate))
+    ours, peers = runs["pcapdump"], runs["tcpdump"]
+    report.ratio(f"CPU time for each captured frame, {load}", ("pcapdump", ours), ("tcpdump", peers),
+                 Run.cpu_per_frame, bound=1.0)
+    our_lost, our_sent = lost_and_sent(ours)
+    peer_lost, peer_sent = lost_and_sent(peers)
+    report.figure(
+        f"frames lost, {load}", our_lost, "frames", bound=peer_lost,
+        note=f"of {our_sent}; tcpdump lost {peer_lost} of {peer_sent}",
+    )  # fmt: skip
+    report.figure(f"largest memory, {load}", max(run.peak_kb for run in ours), "kB resident",
+                  note=f"tcpdump {max(run.peak_kb for run in peers)} kB")
+
+
+def run(report):
+    make_network()
+    with tempfile.TemporaryDirectory(dir="/dev/shm") as folder:
+        for rate in RATES:
+            for label, size in SIZES.items():
+                compare(report, pathlib.Path(folder), label, size, rate)

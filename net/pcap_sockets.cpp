@@ -1,0 +1,153 @@
+#include "net/pcap_sockets.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <linux/filter.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/sysinfo.h>
+
+#include <algorithm>
+
+namespace {
+
+constexpr const char* every_interface = "any";
+
+// Not in network order, and no protocol at all: nothing arrives before the socket is bound.
+constexpr int protocol_before_bind = 3;
+
+// All sockets of a capture together may queue this much, on a small machine the given part of its memory.
+constexpr uint64_t queue_bytes = 16u << 20;
+constexpr uint64_t memory_per_queue = 32;
+
+uint64_t memory_size() {
+    struct sysinfo info = {};
+    return sysinfo(&info) == 0 ? uint64_t{info.totalram} * info.mem_unit : 0;
+}
+
+// What one of the sockets may queue: a burst must not be lost while a browser is slow.
+size_t queue_share(int sharing) {
+    return static_cast<size_t>(std::min(queue_bytes, memory_size() / memory_per_queue)) /
+           static_cast<size_t>(sharing);
+}
+
+// Without the privilege the system's own limit holds.
+void raise_queue(int sock, size_t size) {
+    int bytes = static_cast<int>(size / 2);  // the kernel doubles it
+    if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
+        (void)setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    }
+}
+
+bool bind_to(int sock, const char* name) {
+    sockaddr_ll address = {};
+    address.sll_family = AF_PACKET;
+    address.sll_protocol = htons(ETH_P_ALL);
+    address.sll_ifindex = static_cast<int>(if_nametoindex(name));
+    return bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+unique_fd open_socket(const char* name, const sock_fprog* filter, size_t queue, frame_ring* ring) {
+    unique_fd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, protocol_before_bind));
+    if (!sock) {
+        perror("socket: ");
+        return sock;
+    }
+    if (!frame_ring_open(ring, sock.get(), queue)) {
+        raise_queue(sock.get(), queue);
+    }
+    // Attached before the first frame can arrive; what is wrong with it is said in its turn.
+    int filter_error = 0;
+    if (filter && setsockopt(sock.get(), SOL_SOCKET, SO_ATTACH_FILTER, filter, sizeof *filter) != 0) {
+        filter_error = errno;
+    }
+    if (!bind_to(sock.get(), name)) {
+        perror("bind: ");
+        return unique_fd();
+    }
+    if (filter_error != 0) {
+        errno = filter_error;
+        perror("setsockopt attach filter: ");
+        return unique_fd();
+    }
+    return sock;
+}
+
+bool is_listed_after(const pcap_interfaces& list, int* position, const char* name) {
+    while (*position < list.count) {
+        if (strcmp(list.names[(*position)++], name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+pcap_interfaces pcap_list_interfaces(char* text, unsigned (*index_of)(const char* name)) {
+    pcap_interfaces list;
+    char* rest = nullptr;
+    for (char* name = strtok_r(text, ",", &rest); name; name = strtok_r(nullptr, ",", &rest)) {
+        if (list.count == pcap_interface_limit || index_of(name) == 0) {
+            continue;
+        }
+        int position = 0;
+        while (name && is_listed_after(list, &position, name)) {
+            name = strtok_r(nullptr, ",", &rest);
+        }
+        if (!name) {
+            break;
+        }
+        list.names[list.count++] = name;
+    }
+    if (list.count == 0) {
+        list.names[list.count++] = every_interface;
+    }
+    return list;
+}
+
+void pcap_set_promisc(int sock, const char* name, int on) {
+    ifreq request = {};
+    strncpy(request.ifr_name, name, sizeof request.ifr_name - 1);
+    if (ioctl(sock, SIOCGIFFLAGS, &request) != 0) {
+        return;
+    }
+    unsigned flags = static_cast<unsigned short>(request.ifr_flags);
+    flags = on ? flags | IFF_PROMISC : flags & ~static_cast<unsigned>(IFF_PROMISC);
+    request.ifr_flags = static_cast<short>(flags);
+    (void)ioctl(sock, SIOCSIFFLAGS, &request);
+}
+
+pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fprog* filter, int promisc) {
+    pcap_interfaces left = interfaces;
+    pcap_sockets sockets;
+    while (sockets.count < left.count) {
+        const char* name = left.names[sockets.count];
+        frame_ring ring;
+        unique_fd sock = open_socket(name, filter, queue_share(interfaces.count), &ring);
+        if (!sock) {
+            frame_ring_close(&ring);
+            left.names[sockets.count] = left.names[--left.count];
+            continue;
+        }
+        pcap_set_promisc(sock.get(), name, promisc);
+        sockets.all[sockets.count++] = {std::move(sock), name, ring};
+    }
+    return sockets;
+}
+
+void pcap_close_sockets(pcap_sockets* sockets) {
+    for (int i = 0; i < sockets->count; i++) {
+        pcap_socket& each = sockets->all[i];
+        pcap_set_promisc(each.fd.get(), each.name, 0);
+        frame_ring_close(&each.ring);
+        each.fd.reset();  // the filter goes with it
+    }
+    sockets->count = 0;
+}

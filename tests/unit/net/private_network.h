@@ -1,0 +1,168 @@
+// A network of a test's own: two wires, each with a near end that is captured and a far end that sends.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/if_packet.h>
+#include <linux/seccomp.h>
+#include <net/if.h>
+#include <sched.h>
+#include <stddef.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "common/unique_fd.h"
+#include "tests/unit/support/children.h"
+
+inline bool run_command(const std::string& command) {
+    return system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// Near ends are near0 and near1, far ends far0 and far1. No stack speaks on them by itself.
+inline bool make_wires() {
+    for (std::string number : {"0", "1"}) {
+        std::string near_end = "near" + number;
+        std::string far_end = "far" + number;
+        if (!run_command("ip link add " + near_end + " type veth peer name " + far_end)) {
+            return false;
+        }
+        for (const std::string& end : {near_end, far_end}) {
+            if (!run_command("ip link set " + end + " addrgenmode none arp off up")) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+// Runs `work` on a thread that has a network of its own, with the wires in it. False when that can't be made.
+template <typename Work>
+bool in_private_network(Work work) {
+    bool made = false;
+    std::thread([&] {
+        made = unshare(CLONE_NEWNET) == 0 && make_wires();
+        if (made) {
+            work();
+        }
+    }).join();
+    return made;
+}
+
+inline bool private_network_works() {
+    static const bool works = geteuid() == 0 && in_private_network([] {});
+    return works;
+}
+
+#define SKIP_WITHOUT_PRIVATE_NETWORK()                                                    \
+    do {                                                                                  \
+        if (!private_network_works()) {                                                   \
+            GTEST_SKIP() << "needs root, a network namespace, veth interfaces and ip(8)"; \
+        }                                                                                 \
+    } while (false)
+
+// A test whose body runs in a network of its own.
+#define NETWORK_TEST(suite, name)                                     \
+    static void suite##_##name##_in_network();                        \
+    TEST(suite, name) {                                               \
+        SKIP_WITHOUT_PRIVATE_NETWORK();                               \
+        EXPECT_TRUE(in_private_network(suite##_##name##_in_network)); \
+    }                                                                 \
+    static void suite##_##name##_in_network()
+
+// Makes rings of packet sockets fail, as on a kernel without them, for the rest of this thread's life and for
+// the threads that it starts.
+inline bool forbid_rings() {
+    constexpr uint32_t missing = SECCOMP_RET_ERRNO | ENOPROTOOPT;
+    // The lower half of an argument, on a little-endian machine.
+    constexpr auto argument = [](uint32_t i) {
+        return static_cast<uint32_t>(offsetof(seccomp_data, args)) + 8 * i;
+    };
+    sock_filter lines[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_setsockopt, 0, 5),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, argument(1)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SOL_PACKET, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, argument(2)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_RX_RING, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, missing),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program = {std::size(lines), lines};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+// The same test twice: with the memory that the kernel shares, and where it shares none.
+#define CAPTURE_TEST(suite, name)                       \
+    static void suite##_##name##_either_way();          \
+    NETWORK_TEST(suite, name) {                         \
+        suite##_##name##_either_way();                  \
+    }                                                   \
+    NETWORK_TEST(suite, name##_without_shared_memory) { \
+        ASSERT_TRUE(forbid_rings());                    \
+        suite##_##name##_either_way();                  \
+    }                                                   \
+    static void suite##_##name##_either_way()
+
+// Sends frames as they are over an interface.
+class frame_sender {
+public:
+    explicit frame_sender(const char* interface) : sock_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0)) {
+        sockaddr_ll address = {};
+        address.sll_family = AF_PACKET;
+        address.sll_ifindex = static_cast<int>(if_nametoindex(interface));
+        EXPECT_EQ(bind(sock_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    void send(const std::string& frame) {
+        EXPECT_EQ(::send(sock_.get(), frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
+    }
+
+private:
+    unique_fd sock_;
+};
+
+// A frame of `size` bytes that nobody understands, filled with `fill`.
+inline std::string frame_of(size_t size, char fill) {
+    std::string frame(size, fill);
+    frame.replace(0, 12, std::string(12, '\x02'));
+    frame.replace(12, 2, "\x88\xb5");
+    return frame;
+}
+
+// Packet sockets of this thread's network that take every protocol.
+inline int capturing_sockets() {
+    std::ifstream lines("/proc/thread-self/net/packet");
+    std::string line;
+    std::getline(lines, line);
+    int count = 0;
+    while (std::getline(lines, line)) {
+        std::istringstream words(line);
+        std::string address, references, type, protocol;
+        words >> address >> references >> type >> protocol;
+        count += protocol == "0003" ? 1 : 0;
+    }
+    return count;
+}
+
+inline short flags_of(const char* interface) {
+    unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ifreq request = {};
+    std::string(interface).copy(request.ifr_name, IFNAMSIZ - 1);
+    EXPECT_EQ(ioctl(sock.get(), SIOCGIFFLAGS, &request), 0) << interface;
+    return request.ifr_flags;
+}
+
+inline bool is_promiscuous(const char* interface) {
+    return (flags_of(interface) & IFF_PROMISC) != 0;
+}

@@ -1,0 +1,92 @@
+#include "net/record_queue.h"
+
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/unit/net/pcap_reader.h"
+#include "tests/unit/support/capture.h"
+
+namespace {
+
+uint64_t now_us() {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec);
+}
+
+captured_frame frame_in(const std::string& bytes) {
+    return {reinterpret_cast<const uint8_t*>(bytes.data()), static_cast<unsigned>(bytes.size())};
+}
+
+// The records of frames, behind a file header.
+pcap_content recorded(const std::vector<std::string>& frames, unsigned snaplen) {
+    unique_fd file = memory_file();
+    pcap_writer out = {file.get(), 0};
+    auto queue = std::make_unique<record_queue>();
+    EXPECT_TRUE(pcap_write_file_header(&out));
+    for (const std::string& frame : frames) {
+        EXPECT_TRUE(record_queue_add(queue.get(), &out, frame_in(frame), snaplen));
+    }
+    uint64_t queued = queue->bytes;
+    uint64_t before = out.written;
+    EXPECT_TRUE(record_queue_write(queue.get(), &out));
+    EXPECT_EQ(out.written - before, queued);
+    EXPECT_EQ(queue->bytes, 0u);
+    return pcap_read(content_of(file.get()));
+}
+
+}  // namespace
+
+TEST(record_queue, whole_frames_have_their_own_length_and_the_time) {
+    std::vector<std::string> frames = {"a frame", std::string(1536, 'x'), "b"};
+    uint64_t last = now_us();
+    pcap_content content = recorded(frames, 0);
+    EXPECT_EQ(content.frame_bytes(), frames);
+    EXPECT_EQ(content.rest, "");
+    for (const pcap_record& record : content.records) {
+        EXPECT_EQ(record.orig_len, record.data.size());
+        EXPECT_LT(record.ts_usec, 1000000u);
+        EXPECT_GE(record.time_us(), last);
+        last = record.time_us();
+    }
+    EXPECT_LE(last, now_us());
+}
+
+TEST(record_queue, cut_frame_keeps_its_length_in_the_header) {
+    pcap_content content = recorded({"a frame"}, 3);
+    ASSERT_EQ(content.records.size(), 1u);
+    EXPECT_EQ(content.records[0].data, "a f");
+    EXPECT_EQ(content.records[0].orig_len, 7u);
+}
+
+TEST(record_queue, zeros_follow_a_frame_that_is_shorter_than_its_record) {
+    for (unsigned snaplen : {8u, 1536u, 1543u, 1544u, 5000u, 100000u}) {
+        pcap_content content = recorded({"a frame", "another"}, snaplen);
+        std::string first("a frame");
+        std::string second("another");
+        first.resize(snaplen, '\0');
+        second.resize(snaplen, '\0');
+        EXPECT_EQ(content.frame_bytes(), (std::vector<std::string>{first, second})) << snaplen;
+        EXPECT_EQ(content.rest, "") << snaplen;
+    }
+}
+
+TEST(record_queue, as_many_as_it_holds_are_written_at_once) {
+    for (unsigned snaplen : {0u, 1536u}) {
+        std::vector<std::string> frames(record_queue::capacity, std::string(1536, 'x'));
+        EXPECT_EQ(recorded(frames, snaplen).frame_bytes(), frames);
+    }
+}
+
+TEST(record_queue, failed_write_is_told) {
+    unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    pcap_writer out = {full.get(), 0};
+    auto queue = std::make_unique<record_queue>();
+    EXPECT_TRUE(record_queue_add(queue.get(), &out, frame_in("a frame"), 1536));
+    EXPECT_FALSE(record_queue_write(queue.get(), &out));
+    EXPECT_FALSE(record_queue_add(queue.get(), &out, frame_in("a frame"), 100000));
+}
