@@ -3,7 +3,9 @@
 #include "app/applets.h"
 #include "app/test_applets.h"
 #include "cgi/dbg_cgi.h"
+#include "dump/coredump_handler.h"
 #include "net/pcapdump.h"
+#include "oops/oopslog.h"
 #include "trace/stopper.h"
 #include "trace/tstrace.h"
 
@@ -17,9 +19,9 @@ int run_missing(int /*argc*/, char** argv) {
 
 constexpr app_entry entries[] = {
     {"tstrace", run_tstrace},     {"stopper", run_stopper},
-    {"pcapdump", run_pcapdump},   {"coredump-handler", run_missing},
+    {"pcapdump", run_pcapdump},   {"coredump-handler", run_coredump_handler},
     {"debugar.cgi", run_dbg_cgi}, {"mon", run_missing},
-    {"ctest", run_ctest},         {"oopslog", run_missing},
+    {"ctest", run_ctest},         {"oopslog", run_oopslog},
     {"forkbomb", run_forkbomb},   {"fdleak", run_fdleak},
     {"segfault", run_segfault},
 };

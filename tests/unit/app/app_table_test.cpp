@@ -6,6 +6,9 @@
 #include "app/applets.h"
 #include "app/test_applets.h"
 #include "cgi/dbg_cgi.h"
+#include "dump/coredump_handler.h"
+#include "net/pcapdump.h"
+#include "oops/oopslog.h"
 #include "tests/unit/support/capture.h"
 
 namespace {
@@ -34,8 +37,14 @@ TEST(app_table, holds_every_applet_in_its_order) {
 
 TEST(app_table, names_lead_to_their_functions) {
     const app_entry wanted[] = {
-        {"debugar.cgi", run_dbg_cgi}, {"ctest", run_ctest},       {"forkbomb", run_forkbomb},
-        {"fdleak", run_fdleak},       {"segfault", run_segfault},
+        {"debugar.cgi", run_dbg_cgi},
+        {"ctest", run_ctest},
+        {"forkbomb", run_forkbomb},
+        {"fdleak", run_fdleak},
+        {"segfault", run_segfault},
+        {"pcapdump", run_pcapdump},
+        {"coredump-handler", run_coredump_handler},
+        {"oopslog", run_oopslog},
     };
     for (const app_entry& entry : wanted) {
         const app_entry* found = find(entry.name);

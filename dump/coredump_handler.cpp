@@ -1,0 +1,222 @@
+#include "dump/coredump_handler.h"
+
+#undef NDEBUG  // release builds keep the assertion
+#include <assert.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <string_view>
+
+#include "common/safe_io.h"
+#include "common/unique_fd.h"
+#include "platform/mirnel.h"
+
+namespace {
+
+constexpr int answer_limit_ms = 5000;
+constexpr size_t answer_size = 8;
+
+// Words of the command line, the applet's own name included.
+constexpr int fewest_checked = 3;
+constexpr int all_words = 5;
+
+bool parse_decimal(const char* text, unsigned long long& number) {
+    char* end = nullptr;
+    errno = 0;
+    number = strtoull(text, &end, 10);
+    return errno == 0 && end != text && *end == '\0';
+}
+
+struct cfg_closer {
+    void operator()(mirnel_cfg* cfg) const { mirnel_closecfg(cfg); }
+};
+using unique_cfg = std::unique_ptr<mirnel_cfg, cfg_closer>;
+
+bool begins_with(const char* text, std::string_view start) {
+    return std::string_view(text).starts_with(start);
+}
+
+void take_ftp_setting(const mirnel_entry& entry, core_upload_target& target) {
+    if (begins_with(entry.key, "TargetURL")) {
+        target.url = entry.value;
+    } else if (begins_with(entry.key, "TargetPath")) {
+        target.path = entry.value;
+    } else if (begins_with(entry.key, "Timeout")) {
+        target.timeout_s = strtol(entry.value, nullptr, 10);
+    }
+}
+
+// Goes on to the entry that says who handles cores; false when there is none.
+bool find_handler(mirnel_cfg* cfg, mirnel_entry& entry) {
+    while (mirnel_getcfg(cfg, &entry) == 1) {
+        if (strcmp(entry.key, "CoreHandler") == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool connect_to(int sock, const char* path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    size_t length = strlen(path);
+    if (length >= sizeof address.sun_path) {
+        return false;
+    }
+    memcpy(address.sun_path, path, length);
+    return connect(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+// The kernel opens nothing but standard input for us. What we open must not get the number of another
+// standard descriptor, or a line for standard error could end up in the core. Not readable, so that a missing
+// standard input stays one that can't be read.
+void fill_standard_descriptors() {
+    int fd = 0;
+    while (fd >= 0 && fd <= STDERR_FILENO) {
+        fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+// Copying from what can't be read at all would never end.
+bool is_readable(int fd) {
+    char nothing;
+    return read(fd, &nothing, 0) == 0;
+}
+
+bool is_disabled(const core_arguments& arguments) {
+    long page_size = sysconf(_SC_PAGESIZE);
+    assert(page_size > 0);
+    return arguments.has_program && arguments.size_limit < static_cast<unsigned long>(page_size);
+}
+
+int forward_core() {
+    int sock = cored_mgm_connect();
+    if (sock < 0) {
+        return 1;
+    }
+    // A daemon for which no browser waits closes at once, and that is no failure.
+    (void)safe_copyfd(STDIN_FILENO, sock);
+    shutdown(sock, SHUT_WR);  // tells the daemon that this was all
+    cored_mgm_close(sock);
+    return 0;
+}
+
+int upload_core(const core_upload_target& target, const char* file_name) {
+    if (target.url.empty()) {
+        syslog(LOG_ERR, "core not uploaded: %s has no TargetURL", core_config_path);
+        return 1;
+    }
+    curl_library curl;
+    std::string missing = curl_load(curl_soname, curl);
+    if (!missing.empty()) {
+        syslog(LOG_ERR, "core not uploaded: %s", missing.c_str());
+        return 1;
+    }
+    core_upload_result result = core_upload(curl, target, file_name);
+    if (result.outcome == core_upload_outcome::truncated) {
+        syslog(LOG_WARNING, "coredump truncated.");
+    } else if (result.outcome == core_upload_outcome::failed) {
+        syslog(LOG_ERR, "core not uploaded: %s", result.reason.c_str());
+    }
+    return result.outcome == core_upload_outcome::stored ? 0 : 1;
+}
+
+}  // namespace
+
+const char* core_arguments_parse(int argc, char** argv, core_arguments& arguments) {
+    if (argc >= 2) {
+        arguments.file_name = argv[1];
+    }
+    if (argc < fewest_checked) {
+        return nullptr;
+    }
+    if (argc < all_words) {
+        return "wrong number of arguments";
+    }
+    if (*argv[4] == '\0') {
+        return "executable name argument missing";
+    }
+    if (*argv[3] == '\0') {
+        return "executable path argument missing";
+    }
+    if (*argv[2] == '\0') {
+        return "core file size argument missing";
+    }
+    if (!parse_decimal(argv[2], arguments.size_limit)) {
+        return "core file size limit parsing error";
+    }
+    arguments.has_program = true;
+    arguments.path = argv[3];
+    std::replace(arguments.path.begin(), arguments.path.end(), '!', '/');
+    arguments.name = argv[4];
+    return nullptr;
+}
+
+core_destination core_destination_read(const char* config_path) {
+    core_destination destination;
+    unique_cfg cfg(mirnel_opencfg(config_path));
+    mirnel_entry entry = {};
+    if (!cfg || !find_handler(cfg.get(), entry) || !begins_with(entry.value, "FTP")) {
+        return destination;
+    }
+    destination.is_ftp = true;
+    while (mirnel_getcfg(cfg.get(), &entry) == 1) {
+        if (begins_with(entry.section, "CoreHandlerFtp")) {
+            take_ftp_setting(entry, destination.ftp);
+        }
+    }
+    return destination;
+}
+
+int cored_mgm_connect(const char* path) {
+    unique_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!sock || !connect_to(sock.get(), path)) {
+        fprintf(stderr, "connect to %s failed\n", path);
+        return -1;
+    }
+    return sock.release();
+}
+
+void cored_mgm_close(int sock) {
+    unique_fd owner(sock);
+    pollfd answer = {sock, POLLIN, 0};
+    int ready = poll(&answer, 1, answer_limit_ms);
+    if (ready < 0) {
+        perror("select()");
+    } else if (ready > 0) {
+        char bytes[answer_size];
+        (void)read(sock, bytes, sizeof bytes);  // that it came, or that the daemon closed, is all it says
+    }
+}
+
+int run_coredump_handler(int argc, char** argv) {
+    fill_standard_descriptors();
+    core_arguments arguments;
+    if (const char* wrong = core_arguments_parse(argc, argv, arguments)) {
+        syslog(LOG_ERR, "%s", wrong);
+        return 1;
+    }
+    if (is_disabled(arguments)) {
+        syslog(LOG_INFO, "core dumps disabled for '%s/%s'", arguments.path.c_str(), arguments.name);
+        return 0;
+    }
+    if (!is_readable(STDIN_FILENO)) {
+        syslog(LOG_ERR, "no core on standard input: %m");
+        return 1;
+    }
+    core_destination destination = core_destination_read(core_config_path);
+    return destination.is_ftp ? upload_core(destination.ftp, arguments.file_name) : forward_core();
+}

@@ -1,0 +1,82 @@
+// Any bytes as a flash partition: the newest record is one that is printed, both directions print the same
+// records, and each text stays inside its page.
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "oops/flash_device.h"
+#include "oops/oopslog.h"
+
+namespace {
+
+constexpr size_t short_page = 64;  // of the input's bytes; the rest of a page repeats them
+
+void require(bool fact) {
+    if (!fact) {
+        abort();
+    }
+}
+
+// Small inputs shall make rings of several pages: each piece of the input is spread over a whole page. A page
+// whose piece is cut off can't be read.
+struct spread_flash {
+    const uint8_t* data;
+    size_t size;
+};
+
+bool read_spread(const void* source, uint64_t page, uint8_t* bytes) {
+    const auto* flash = static_cast<const spread_flash*>(source);
+    size_t start = static_cast<size_t>(page) * short_page;
+    if (start + short_page > flash->size) {
+        return false;
+    }
+    for (size_t at = 0; at < flash_page_size; at += short_page) {
+        memcpy(bytes + at, flash->data + start, short_page);
+    }
+    return true;
+}
+
+void check_page(const uint8_t* data, size_t size) {
+    std::vector<uint8_t> bytes(flash_page_size, 0xff);
+    std::copy_n(data, std::min(size, bytes.size()), bytes.begin());
+    oops_page page = oops_page_parse(bytes.data());
+    require(page.text.size() <= flash_page_size - 8);
+    require(page.text.find('\xff') == std::string_view::npos);
+    require(page.erased == (page.count == 0xffffffff));
+}
+
+// The letters of all that is printed, in an order that doesn't depend on the records'.
+std::string sorted_print(const oops_ring& ring, int64_t newest, int step) {
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* out = open_memstream(&text, &size);
+    require(out != nullptr);
+    oops_print_ring(ring, newest, step, out);
+    fclose(out);
+    std::string all(text, size);
+    free(text);
+    require(all.empty() || all.starts_with("Log Entry "));
+    std::sort(all.begin(), all.end());
+    return all;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    check_page(data, size);
+    spread_flash flash = {data, size};
+    auto pages = static_cast<int64_t>((size + short_page - 1) / short_page);
+    oops_ring ring = {pages, read_spread, &flash};
+    oops_newest newest = oops_find_newest(ring);
+    require(newest.position >= -1 && newest.position < pages);
+    if (newest.position >= 0) {
+        std::string forwards = sorted_print(ring, newest.position, 1);
+        require(!forwards.empty() && forwards == sorted_print(ring, newest.position, -1));
+    }
+    return 0;
+}

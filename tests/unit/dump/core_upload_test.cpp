@@ -1,0 +1,208 @@
+#include "dump/core_upload.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/unit/dump/fake_curl.h"
+#include "tests/unit/support/capture.h"
+#include "tests/unit/support/pipes.h"
+
+namespace {
+
+const core_upload_target server = {"ftp://host", "/dumps", 0};
+
+core_upload_names names_for(const core_upload_target& target, std::string_view name) {
+    core_upload_names names;
+    EXPECT_TRUE(core_upload_names_for(target, name, names)) << name;
+    return names;
+}
+
+// Points standard input at `fd` for the length of a block.
+class standard_input {
+public:
+    explicit standard_input(int fd) : saved_(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)) {
+        EXPECT_EQ(dup2(fd, STDIN_FILENO), STDIN_FILENO);
+    }
+    standard_input(const standard_input&) = delete;
+    standard_input& operator=(const standard_input&) = delete;
+    ~standard_input() {
+        if (saved_) {
+            EXPECT_EQ(dup2(saved_.get(), STDIN_FILENO), STDIN_FILENO);
+        } else {
+            close(STDIN_FILENO);
+        }
+    }
+
+private:
+    unique_fd saved_;
+};
+
+core_upload_result upload(const curl_library& curl, const std::string& core, const core_upload_target& target,
+                          std::string_view name = "core.1") {
+    test_pipe pipe;
+    EXPECT_EQ(write(pipe.in.get(), core.data(), core.size()), static_cast<ssize_t>(core.size()));
+    pipe.in.reset();
+    standard_input input(pipe.out.get());
+    return core_upload(curl, target, name);
+}
+
+}  // namespace
+
+// Names.
+
+TEST(core_upload_names_for, puts_url_path_and_name_together) {
+    core_upload_names names = names_for({"ftp://u:p@host:2121", "/a/b", 0}, "core.app-1_2~x");
+    EXPECT_EQ(names.url, "ftp://u:p@host:2121/a/b/core.app-1_2~x");
+    EXPECT_EQ(names.command, "RNFR /a/b/core.app-1_2~x");
+}
+
+TEST(core_upload_names_for, missing_path_is_empty) {
+    core_upload_names names = names_for({"ftp://host", "", 0}, "core.core");
+    EXPECT_EQ(names.url, "ftp://host/core.core");
+    EXPECT_EQ(names.command, "RNFR /core.core");
+}
+
+TEST(core_upload_names_for, url_escapes_what_the_command_has_plain) {
+    core_upload_names names = names_for(server, "a b\"c'd%e%41f#g?h;i\\j\xe4");
+    EXPECT_EQ(names.url, "ftp://host/dumps/a%20b%22c%27d%25e%2541f%23g%3Fh%3Bi%5Cj%E4");
+    EXPECT_EQ(names.command, "RNFR /dumps/a b\"c'd%e%41f#g?h;i\\j\xe4");
+}
+
+TEST(core_upload_names_for, slashes_of_the_name_cannot_change_the_url_s_folders) {
+    EXPECT_EQ(names_for(server, "../x").url, "ftp://host/dumps/..%2Fx");
+    EXPECT_EQ(names_for(server, "a/b").command, "RNFR /dumps/a/b");
+}
+
+TEST(core_upload_names_for, slashes_of_the_path_stay) {
+    EXPECT_EQ(names_for({"ftp://host", "/my dumps/50%/", 0}, "x").url, "ftp://host/my%20dumps/50%25//x");
+}
+
+TEST(core_upload_names_for, long_names_are_not_cut) {
+    std::string name(200, 'n');
+    EXPECT_EQ(names_for(server, name).url, "ftp://host/dumps/" + name);
+    EXPECT_EQ(names_for(server, name).command, "RNFR /dumps/" + name);
+}
+
+TEST(core_upload_names_for, control_characters_are_refused) {
+    core_upload_names names;
+    for (const char* name : {"x\r\nDELE y", "\n", "a\tb", "a\x7f"}) {
+        EXPECT_FALSE(core_upload_names_for(server, name, names)) << name;
+    }
+    EXPECT_FALSE(core_upload_names_for({"ftp://host", "/a\nb", 0}, "x", names));
+}
+
+// Uploads.
+
+TEST(core_upload, sends_standard_input_to_its_end) {
+    curl_library curl = fake_curl();
+    std::string core =
+        "\x7f"
+        "ELF and all the rest of it";
+    EXPECT_EQ(upload(curl, core, server).outcome, core_upload_outcome::stored);
+    EXPECT_EQ(fake.stored, core);
+    EXPECT_EQ(fake.last_read, 0u);
+}
+
+TEST(core_upload, empty_core_is_stored_too) {
+    curl_library curl = fake_curl();
+    EXPECT_EQ(upload(curl, "", server).outcome, core_upload_outcome::stored);
+    EXPECT_EQ(fake.stored, "");
+}
+
+TEST(core_upload, sets_its_options_in_their_order) {
+    curl_library curl = fake_curl();
+    upload(curl, "x", {"ftp://host", "/dumps", 17}, "core.9");
+    EXPECT_EQ(fake.options, (std::vector<CURLoption>{CURLOPT_READFUNCTION, CURLOPT_UPLOAD, CURLOPT_URL,
+                                                     CURLOPT_POSTQUOTE, CURLOPT_TIMEOUT}));
+    EXPECT_EQ(fake.upload, 1);
+    EXPECT_EQ(fake.url, "ftp://host/dumps/core.9");
+    EXPECT_EQ(fake.command, "RNFR /dumps/core.9");
+    EXPECT_EQ(fake.timeout_s, 17);
+}
+
+TEST(core_upload, every_option_that_is_refused_ends_it) {
+    for (CURLoption option :
+         {CURLOPT_READFUNCTION, CURLOPT_UPLOAD, CURLOPT_URL, CURLOPT_POSTQUOTE, CURLOPT_TIMEOUT}) {
+        curl_library curl = fake_curl();
+        fake.refused = option;
+        EXPECT_EQ(upload(curl, "x", server).outcome, core_upload_outcome::failed);
+        EXPECT_EQ(fake.options.back(), option);
+        EXPECT_EQ(fake.stored, "");
+        EXPECT_EQ(fake.given_back, (std::vector<std::string>{"list", "handle", "global"}));
+    }
+}
+
+TEST(core_upload, gives_everything_back_after_a_success) {
+    curl_library curl = fake_curl();
+    upload(curl, "x", server);
+    EXPECT_EQ(fake.given_back, (std::vector<std::string>{"list", "handle", "global"}));
+}
+
+TEST(core_upload, gives_back_only_what_it_got) {
+    curl_library curl = fake_curl();
+    fake.global_result = CURLE_FAILED_INIT;
+    EXPECT_EQ(upload(curl, "x", server).outcome, core_upload_outcome::failed);
+    EXPECT_EQ(fake.given_back, std::vector<std::string>());
+    curl = fake_curl();
+    fake.has_handle = false;
+    EXPECT_EQ(upload(curl, "x", server).outcome, core_upload_outcome::failed);
+    EXPECT_EQ(fake.given_back, std::vector<std::string>{"global"});
+}
+
+TEST(core_upload, time_that_is_up_truncates) {
+    curl_library curl = fake_curl();
+    fake.transfer_result = CURLE_OPERATION_TIMEDOUT;
+    EXPECT_EQ(upload(curl, "x", server).outcome, core_upload_outcome::truncated);
+}
+
+TEST(core_upload, other_errors_fail_with_the_library_s_reason) {
+    curl_library curl = fake_curl();
+    fake.transfer_result = CURLE_LOGIN_DENIED;
+    core_upload_result result = upload(curl, "x", server);
+    EXPECT_EQ(result.outcome, core_upload_outcome::failed);
+    EXPECT_EQ(result.reason, "went wrong");
+}
+
+TEST(core_upload, input_that_cannot_be_read_aborts) {
+    curl_library curl = fake_curl();
+    unique_fd folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    standard_input input(folder.get());
+    EXPECT_EQ(core_upload(curl, server, "x").outcome, core_upload_outcome::failed);
+    EXPECT_EQ(fake.last_read, static_cast<size_t>(CURL_READFUNC_ABORT));
+}
+
+TEST(core_upload, name_with_control_characters_is_not_even_begun) {
+    curl_library curl = fake_curl();
+    EXPECT_EQ(upload(curl, "x", server, "a\nb").outcome, core_upload_outcome::failed);
+    EXPECT_TRUE(fake.options.empty());
+    EXPECT_TRUE(fake.given_back.empty());
+}
+
+// Loading.
+
+TEST(curl_load, says_which_library_is_missing) {
+    curl_library curl;
+    EXPECT_NE(curl_load("libnosuch.so.4", curl).find("libnosuch.so.4"), std::string::npos);
+}
+
+TEST(curl_load, says_which_call_a_library_lacks) {
+    curl_library curl;
+    EXPECT_NE(curl_load("libc.so.6", curl).find("curl_global_init"), std::string::npos);
+}
+
+TEST(curl_load, finds_every_call_of_the_real_one) {
+    curl_library curl;
+    std::string missing = curl_load(curl_soname, curl);
+    if (missing.find("cannot open shared object file") != std::string::npos) {
+        GTEST_SKIP() << missing;
+    }
+    ASSERT_EQ(missing, "");
+    EXPECT_STREQ(curl.easy_strerror(CURLE_OK), "No error");
+    curl_slist* list = curl.slist_append(nullptr, "x");
+    ASSERT_NE(list, nullptr);
+    EXPECT_STREQ(list->data, "x");
+    curl.slist_free_all(list);
+}

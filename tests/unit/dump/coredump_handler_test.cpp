@@ -1,0 +1,343 @@
+#include "dump/coredump_handler.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/support/capture.h"
+#include "tests/unit/support/children.h"
+#include "tests/unit/support/pipes.h"
+#include "tests/unit/support/signals.h"
+#include "tests/unit/support/temp_dir.h"
+
+namespace {
+
+// The words behind the applet's name, as a vector that lives as long as what is parsed from it.
+struct command_line {
+    explicit command_line(std::vector<std::string> given) : words(std::move(given)) {
+        words.insert(words.begin(), "coredump-handler");
+        for (std::string& word : words) {
+            argv.push_back(word.data());
+        }
+        argv.push_back(nullptr);
+    }
+    int argc() const { return static_cast<int>(words.size()); }
+    std::vector<std::string> words;
+    std::vector<char*> argv;
+};
+
+std::string complaint(std::vector<std::string> words) {
+    command_line line(std::move(words));
+    core_arguments arguments;
+    const char* wrong = core_arguments_parse(line.argc(), line.argv.data(), arguments);
+    return wrong ? wrong : "";
+}
+
+// The limit that a command line with this size argument has.
+unsigned long long limit_of(const std::string& size) {
+    command_line line({"core", size, "!bin!app", "app"});
+    core_arguments arguments;
+    EXPECT_STREQ(core_arguments_parse(line.argc(), line.argv.data(), arguments), nullptr) << size;
+    EXPECT_TRUE(arguments.has_program);
+    return arguments.size_limit;
+}
+
+int run_in_a_child(std::vector<std::string> words, int input) {
+    command_line line(std::move(words));
+    return run_in_child([&] {
+        dup2(input, STDIN_FILENO);
+        return run_coredump_handler(line.argc(), line.argv.data());
+    });
+}
+
+core_destination destination_of(std::string_view config) {
+    temp_dir folder;
+    return core_destination_read(folder.write_file("config", config).c_str());
+}
+
+struct listening_socket {
+    explicit listening_socket(const std::string& path) : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        strcpy(address.sun_path, path.c_str());
+        EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(fd.get(), 2), 0);
+    }
+    unique_fd fd;
+};
+
+using seconds = std::chrono::duration<double>;
+
+template <typename Work>
+double seconds_for(Work work) {
+    auto start = std::chrono::steady_clock::now();
+    work();
+    return seconds(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace
+
+// Arguments.
+
+TEST(core_arguments_parse, fewer_than_three_words_are_not_checked) {
+    EXPECT_EQ(complaint({}), "");
+    EXPECT_EQ(complaint({""}), "");
+    EXPECT_EQ(complaint({"core.7"}), "");
+}
+
+TEST(core_arguments_parse, file_name_is_taken_when_it_is_there) {
+    command_line none({});
+    core_arguments arguments;
+    core_arguments_parse(none.argc(), none.argv.data(), arguments);
+    EXPECT_STREQ(arguments.file_name, "core.core");
+    EXPECT_FALSE(arguments.has_program);
+    command_line one({"core.7"});
+    core_arguments_parse(one.argc(), one.argv.data(), arguments);
+    EXPECT_STREQ(arguments.file_name, "core.7");
+    EXPECT_FALSE(arguments.has_program);
+}
+
+TEST(core_arguments_parse, three_or_four_words_are_the_wrong_number) {
+    EXPECT_EQ(complaint({"core", "1"}), "wrong number of arguments");
+    EXPECT_EQ(complaint({"core", "1", "!a"}), "wrong number of arguments");
+    EXPECT_EQ(complaint({"", ""}), "wrong number of arguments");
+}
+
+TEST(core_arguments_parse, complains_about_the_last_empty_word_first) {
+    EXPECT_EQ(complaint({"core", "", "", ""}), "executable name argument missing");
+    EXPECT_EQ(complaint({"core", "", "", "app"}), "executable path argument missing");
+    EXPECT_EQ(complaint({"core", "", "!a", "app"}), "core file size argument missing");
+    EXPECT_EQ(complaint({"core", "x", "", "app"}), "executable path argument missing");
+}
+
+TEST(core_arguments_parse, words_beyond_the_fifth_do_not_matter) {
+    EXPECT_EQ(complaint({"core", "1", "!a", "app", "more", ""}), "");
+}
+
+TEST(core_arguments_parse, size_has_to_be_a_whole_decimal_number) {
+    for (const char* size :
+         {"12k", "k", "0x10", "1.5", "1 ", " ", "-", "18446744073709551616", "99999999999999999999999"}) {
+        EXPECT_EQ(complaint({"core", size, "!a", "app"}), "core file size limit parsing error") << size;
+    }
+}
+
+TEST(core_arguments_parse, size_is_a_64_bit_number) {
+    EXPECT_EQ(limit_of("0"), 0u);
+    EXPECT_EQ(limit_of("4096"), 4096u);
+    EXPECT_EQ(limit_of("010"), 10u);
+    EXPECT_EQ(limit_of("4294967296"), 4294967296u);
+    EXPECT_EQ(limit_of("18446744073709551615"), 18446744073709551615u);
+    EXPECT_EQ(limit_of("-1"), 18446744073709551615u);  // as strtoull reads it: no limit
+}
+
+TEST(core_arguments_parse, exclamation_marks_of_the_path_become_slashes) {
+    command_line line({"core", "1", "!usr!bin!app", "a!b"});
+    core_arguments arguments;
+    EXPECT_STREQ(core_arguments_parse(line.argc(), line.argv.data(), arguments), nullptr);
+    EXPECT_EQ(arguments.path, "/usr/bin/app");
+    EXPECT_STREQ(arguments.name, "a!b");
+    EXPECT_EQ(line.words[3], "!usr!bin!app");
+}
+
+TEST(run_coredump_handler, wrong_arguments_end_with_1_and_leave_the_core) {
+    test_pipe pipe;
+    ASSERT_EQ(write(pipe.in.get(), "core", 4), 4);
+    EXPECT_TRUE(exited_with(run_in_a_child({"core", "12k", "!a", "app"}, pipe.out.get()), 1));
+    EXPECT_TRUE(exited_with(run_in_a_child({"core", "1"}, pipe.out.get()), 1));
+    EXPECT_EQ(pipe.finish(), "core");
+}
+
+TEST(run_coredump_handler, limit_below_a_page_ends_with_0_and_leaves_the_core) {
+    test_pipe pipe;
+    ASSERT_EQ(write(pipe.in.get(), "core", 4), 4);
+    EXPECT_TRUE(exited_with(run_in_a_child({"core", "0", "!a", "app"}, pipe.out.get()), 0));
+    std::string below = std::to_string(sysconf(_SC_PAGESIZE) - 1);
+    EXPECT_TRUE(exited_with(run_in_a_child({"core", below, "!a", "app"}, pipe.out.get()), 0));
+    EXPECT_EQ(pipe.finish(), "core");
+}
+
+TEST(run_coredump_handler, input_that_cannot_be_read_ends_with_1) {
+    unique_fd folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    EXPECT_TRUE(exited_with(run_in_a_child({"core"}, folder.get()), 1));
+    int status = run_in_child([] {
+        command_line line({"core"});
+        for (int fd = 0; fd < 3; fd++) {
+            close(fd);
+        }
+        return run_coredump_handler(line.argc(), line.argv.data());
+    });
+    EXPECT_TRUE(exited_with(status, 1));
+}
+
+// Configuration.
+
+TEST(core_destination_read, missing_configuration_means_the_daemon) {
+    EXPECT_FALSE(core_destination_read("/nonexistent/config").is_ftp);
+    EXPECT_FALSE(core_destination_read("/").is_ftp);
+}
+
+TEST(core_destination_read, only_a_handler_beginning_with_ftp_uploads) {
+    EXPECT_TRUE(destination_of("CoreHandler = FTP\n").is_ftp);
+    EXPECT_TRUE(destination_of("CoreHandler = FTPS\n").is_ftp);
+    EXPECT_TRUE(destination_of("CoreHandler=\"FTP\"").is_ftp);
+    for (const char* config :
+         {"", "CoreHandler = ftp\n", "CoreHandler =\n", "CoreHandler = CGI\n", "CoreHandler = XFTP\n",
+          "CoreHandlerFtp = FTP\n", "corehandler = FTP\n", "Core = FTP\n", "# CoreHandler = FTP\n"}) {
+        EXPECT_FALSE(destination_of(config).is_ftp) << config;
+    }
+}
+
+TEST(core_destination_read, first_handler_decides_in_whichever_section_it_is) {
+    EXPECT_TRUE(destination_of("[x]\nCoreHandler = FTP\nCoreHandler = CGI\n").is_ftp);
+    EXPECT_FALSE(destination_of("CoreHandler = CGI\nCoreHandler = FTP\n").is_ftp);
+}
+
+TEST(core_destination_read, takes_the_target_from_its_section) {
+    core_destination found = destination_of(
+        "[General]\nCoreHandler = FTP\n[CoreHandlerFtp]\nTargetURL = ftp://u:p@host:21\n"
+        "TargetPath = /my dumps\nTimeout = 30\n");
+    EXPECT_EQ(found.ftp.url, "ftp://u:p@host:21");
+    EXPECT_EQ(found.ftp.path, "/my dumps");
+    EXPECT_EQ(found.ftp.timeout_s, 30);
+}
+
+TEST(core_destination_read, what_is_missing_is_empty_and_without_limit) {
+    core_destination found = destination_of("CoreHandler = FTP\n[CoreHandlerFtp]\n");
+    EXPECT_TRUE(found.is_ftp);
+    EXPECT_EQ(found.ftp.url, "");
+    EXPECT_EQ(found.ftp.path, "");
+    EXPECT_EQ(found.ftp.timeout_s, 0);
+}
+
+TEST(core_destination_read, target_has_to_follow_the_handler) {
+    core_destination found =
+        destination_of("[CoreHandlerFtp]\nTargetURL = ftp://early\n[x]\nCoreHandler = FTP\n");
+    EXPECT_TRUE(found.is_ftp);
+    EXPECT_EQ(found.ftp.url, "");
+}
+
+TEST(core_destination_read, other_sections_do_not_count) {
+    core_destination found = destination_of(
+        "CoreHandler = FTP\nTargetURL = ftp://none\n[Other]\nTargetURL = ftp://other\n"
+        "[CoreHandlerFt]\nTargetURL = ftp://short\n[CoreHandlerFtp]\nTargetPath = /d\n");
+    EXPECT_EQ(found.ftp.url, "");
+    EXPECT_EQ(found.ftp.path, "/d");
+}
+
+TEST(core_destination_read, section_and_keys_are_compared_by_their_beginnings) {
+    core_destination found = destination_of(
+        "CoreHandler = FTP\n[CoreHandlerFtpBackup]\nTargetURLs = ftp://host\nTargetPathName = /d\n"
+        "TimeoutSeconds = 9\nTarget = x\n");
+    EXPECT_EQ(found.ftp.url, "ftp://host");
+    EXPECT_EQ(found.ftp.path, "/d");
+    EXPECT_EQ(found.ftp.timeout_s, 9);
+}
+
+TEST(core_destination_read, last_of_equal_keys_wins) {
+    core_destination found = destination_of(
+        "CoreHandler = FTP\n[CoreHandlerFtp]\nTargetURL = ftp://a\nTargetURL = ftp://b\n"
+        "[x]\n[CoreHandlerFtp]\nTimeout = 1\nTimeout = 2\n");
+    EXPECT_EQ(found.ftp.url, "ftp://b");
+    EXPECT_EQ(found.ftp.timeout_s, 2);
+}
+
+TEST(core_destination_read, ends_of_lines_of_either_kind_and_none_at_all) {
+    core_destination found =
+        destination_of("CoreHandler = FTP\r\n[CoreHandlerFtp]\r\nTargetURL = ftp://h\r\nTargetPath = /p");
+    EXPECT_EQ(found.ftp.url, "ftp://h");
+    EXPECT_EQ(found.ftp.path, "/p");
+}
+
+TEST(core_destination_read, long_values_are_whole) {
+    std::string value(4096, 'v');
+    core_destination found = destination_of("CoreHandler = FTP\n[CoreHandlerFtp]\nTargetPath = /" + value);
+    EXPECT_EQ(found.ftp.path, "/" + value);
+}
+
+TEST(core_destination_read, time_limit_is_read_as_far_as_it_is_a_number) {
+    auto timeout_of = [](const std::string& text) {
+        return destination_of("CoreHandler = FTP\n[CoreHandlerFtp]\nTimeout = " + text).ftp.timeout_s;
+    };
+    EXPECT_EQ(timeout_of("15s"), 15);
+    EXPECT_EQ(timeout_of("soon"), 0);
+    EXPECT_EQ(timeout_of(""), 0);
+    EXPECT_EQ(timeout_of("-3"), -3);
+}
+
+// The daemon's socket.
+
+TEST(cored_mgm_connect, connects_to_the_daemon) {
+    temp_dir folder;
+    listening_socket daemon(folder.path("socket"));
+    unique_fd sock(cored_mgm_connect(folder.path("socket").c_str()));
+    ASSERT_TRUE(sock);
+    EXPECT_TRUE(is_cloexec(sock.get()));
+    unique_fd accepted(accept(daemon.fd.get(), nullptr, nullptr));
+    ASSERT_TRUE(accepted);
+    ASSERT_EQ(write(sock.get(), "hello", 5), 5);
+    sock.reset();
+    EXPECT_EQ(read_all(accepted.get()), "hello");
+}
+
+TEST(cored_mgm_connect, says_where_it_could_not_connect) {
+    temp_dir folder;
+    std::string missing = folder.path("socket");
+    std::string too_long = folder.path(std::string(120, 'x'));
+    for (const std::string& path : {missing, too_long, folder.write_file("plain", "")}) {
+        int before = count_open_fds();
+        int sock = 0;
+        std::string said = capture_stderr([&] { sock = cored_mgm_connect(path.c_str()); });
+        EXPECT_EQ(sock, -1);
+        EXPECT_EQ(said, "connect to " + path + " failed\n");
+        EXPECT_EQ(count_open_fds(), before);
+    }
+}
+
+TEST(cored_mgm_close, returns_at_once_when_the_daemon_has_answered_or_closed) {
+    test_socketpair answered;
+    ASSERT_EQ(write(answered.b.get(), "more than 8 bytes", 17), 17);
+    EXPECT_LT(seconds_for([&] { cored_mgm_close(answered.a.release()); }), 4);
+    test_socketpair closed;
+    closed.b.reset();
+    EXPECT_LT(seconds_for([&] { cored_mgm_close(closed.a.release()); }), 4);
+}
+
+TEST(cored_mgm_close, closes_its_socket) {
+    test_socketpair pair;
+    ASSERT_EQ(write(pair.b.get(), "ok", 2), 2);
+    int sock = pair.a.release();
+    cored_mgm_close(sock);
+    EXPECT_EQ(fcntl(sock, F_GETFD), -1);
+    EXPECT_EQ(read_all(pair.b.get()), "");
+}
+
+TEST(cored_mgm_close, waits_until_the_answer_comes) {
+    test_socketpair pair;
+    std::atomic<bool> answered = false;
+    pid_t handler = thread_id();
+    std::thread daemon([&] {
+        EXPECT_TRUE(eventually([handler] { return thread_state(handler) == 'S'; }));
+        answered = true;
+        EXPECT_EQ(write(pair.b.get(), "ok", 2), 2);
+    });
+    std::string said = capture_stderr([&] { cored_mgm_close(pair.a.release()); });
+    EXPECT_TRUE(answered);
+    daemon.join();
+    EXPECT_EQ(said, "");
+}
+
+TEST(cored_mgm_close, gives_up_on_a_silent_daemon_after_5_seconds) {
+    test_socketpair pair;
+    double waited = seconds_for([&] { cored_mgm_close(pair.a.release()); });
+    EXPECT_GE(waited, 4.9);
+    EXPECT_LT(waited, 15);
+    EXPECT_EQ(read_all(pair.b.get()), "");
+}
