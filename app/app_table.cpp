@@ -1,9 +1,8 @@
-#include <stdio.h>
-
 #include "app/applets.h"
 #include "app/test_applets.h"
 #include "cgi/dbg_cgi.h"
 #include "dump/coredump_handler.h"
+#include "monitor/mon.h"
 #include "net/pcapdump.h"
 #include "oops/oopslog.h"
 #include "trace/stopper.h"
@@ -11,16 +10,10 @@
 
 namespace {
 
-// The place of an applet that this version does not have yet.
-int run_missing(int /*argc*/, char** argv) {
-    fprintf(stderr, "%s: not in this version of zarvo\n", argv[0]);
-    return 1;
-}
-
 constexpr app_entry entries[] = {
     {"tstrace", run_tstrace},     {"stopper", run_stopper},
     {"pcapdump", run_pcapdump},   {"coredump-handler", run_coredump_handler},
-    {"debugar.cgi", run_dbg_cgi}, {"mon", run_missing},
+    {"debugar.cgi", run_dbg_cgi}, {"mon", run_mon},
     {"ctest", run_ctest},         {"oopslog", run_oopslog},
     {"forkbomb", run_forkbomb},   {"fdleak", run_fdleak},
     {"segfault", run_segfault},

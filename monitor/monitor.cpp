@@ -1,6 +1,88 @@
 #include "monitor/monitor.h"
 
-// The monitor is not wired up yet: its thread ends at once.
+#include <pthread.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "monitor/ehash.h"
+#include "monitor/process_record.h"
+#include "monitor/sample.h"
+#include "monitor/score.h"
+#include "monitor/status_report.h"
+
+namespace {
+
+constexpr const char* default_root = "/proc";
+constexpr const char* daemon_status_path = "/var/run/dbg-cgi/dbg-monitor.txt";
+constexpr unsigned daemon_interval_s = 3600;
+constexpr uint32_t table_hint = 512;
+
+}  // namespace
+
+monitor* monitor_create(const char* path) {
+    return monitor_create_at(default_root, path);
+}
+
+monitor* monitor_create_at(const char* root, const char* path) {
+    monitor* m = static_cast<monitor*>(malloc(sizeof(monitor)));
+    ehash* table = ehash_new(table_hint);
+    if (!m || !table) {
+        free(m);
+        ehash_free(table);
+        return nullptr;
+    }
+    *m = {root, path, table, 1};
+    return m;
+}
+
+void monitor_run(monitor* m) {
+    status_report status;
+    // Without memory for it there is no status file this round.
+    if (m->status_path && status_report_begin(&status) == 0) {
+        fprintf(status.stream, "Debug monitor status round=%lx\n\n", static_cast<unsigned long>(m->round));
+    }
+    monitor_sample(m);
+    monitor_score(m, status.stream);
+    m->round++;
+    if (status.stream) {
+        // A report that can't be put in place is skipped; the next round tries again.
+        (void)status_report_publish(&status, m->status_path);
+    }
+}
+
+void monitor_destroy(monitor* m) {
+    if (!m) {
+        return;
+    }
+    for (;;) {
+        ehash_iterator first = {};
+        void* found = ehash_iterate_e(m->table, &first, nullptr, nullptr, offsetof(process_record, node));
+        if (!found) {
+            break;
+        }
+        process_record* record = static_cast<process_record*>(found);
+        ehash_remove(m->table, &record->node);
+        free(record);
+    }
+    ehash_free(m->table);
+    free(m);
+}
+
 void* monitor_thread_run(void* /*unused*/) {
+    const sched_param priority = {};
+    errno = pthread_setschedparam(pthread_self(), SCHED_IDLE, &priority);
+    if (errno != 0) {
+        perror("setschedparam");
+        return nullptr;
+    }
+    monitor* m = monitor_create(daemon_status_path);
+    while (m) {
+        monitor_run(m);
+        sleep(daemon_interval_s);
+    }
     return nullptr;
 }

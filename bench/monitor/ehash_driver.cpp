@@ -1,0 +1,148 @@
+// bench_ehash TABLE KEYS WORK REPEATS: one kind of work on one table, as often as asked for.
+//
+// TABLE: ehash, or map for std::unordered_map. KEYS: pids (1,000 four-byte numbers) or names (1,000 texts of
+// 12 to 20 characters). WORK: insert (into a fresh table, then freed), lookup (each key) or iterate. Both
+// tables find a record of the same size; both get the same hint of how much is coming.
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "monitor/ehash.h"
+
+namespace {
+
+constexpr size_t count = 1000;
+constexpr uint32_t hint = 512;
+
+struct payload {
+    int32_t numbers[8];
+};
+
+struct record {
+    payload data;
+    ehash_node node;
+};
+
+std::vector<int32_t> make_keys(int32_t /*like*/) {
+    std::vector<int32_t> keys;
+    for (size_t i = 0; i < count; i++) {
+        keys.push_back(static_cast<int32_t>(300 + 7 * i));
+    }
+    return keys;
+}
+
+std::vector<std::string> make_keys(const std::string& /*like*/) {
+    std::vector<std::string> keys;
+    for (int32_t number : make_keys(0)) {
+        keys.push_back("process-name" + std::to_string(number * 7919));
+    }
+    return keys;
+}
+
+struct bytes {
+    const void* data;
+    uint32_t length;
+};
+bytes bytes_of(const int32_t& key) {
+    return {&key, sizeof key};
+}
+bytes bytes_of(const std::string& key) {
+    return {key.data(), static_cast<uint32_t>(key.size())};
+}
+
+// Keeps a result from being optimised away.
+void use(const void* result) {
+    asm volatile("" : : "r"(result) : "memory");
+}
+
+template <typename Key>
+struct with_ehash {
+    explicit with_ehash(const std::vector<Key>& keys) : table(ehash_new(hint)), records(keys.size()) {
+        for (size_t i = 0; i < keys.size(); i++) {
+            bytes key = bytes_of(keys[i]);
+            ehash_insert_e(table, key.data, key.length, &records[i].node);
+        }
+    }
+    with_ehash(const with_ehash&) = delete;
+    with_ehash& operator=(const with_ehash&) = delete;
+    ~with_ehash() { ehash_free(table); }
+
+    void lookup(const std::vector<Key>& keys) const {
+        for (const Key& each : keys) {
+            bytes key = bytes_of(each);
+            use(ehash_lookup_e(table, key.data, key.length, offsetof(record, node)));
+        }
+    }
+    void iterate() const {
+        ehash_iterator at = {};
+        while (void* found = ehash_iterate_e(table, &at, nullptr, nullptr, offsetof(record, node))) {
+            use(found);
+        }
+    }
+
+    ehash* table;
+    std::vector<record> records;
+};
+
+template <typename Key>
+struct with_map {
+    explicit with_map(const std::vector<Key>& keys) : table(hint) {
+        for (const Key& key : keys) {
+            table.emplace(key, payload{});
+        }
+    }
+    void lookup(const std::vector<Key>& keys) const {
+        for (const Key& key : keys) {
+            use(&table.find(key)->second);
+        }
+    }
+    void iterate() const {
+        for (const auto& [key, data] : table) {
+            use(&data);
+        }
+    }
+
+    std::unordered_map<Key, payload> table;
+};
+
+template <typename Table, typename Key>
+void work(std::string_view kind, int repeats) {
+    const std::vector<Key> keys = make_keys(Key());
+    const Table filled(keys);
+    for (; repeats > 0; repeats--) {
+        if (kind == "insert") {
+            Table fresh(keys);
+            use(&fresh);
+        } else if (kind == "lookup") {
+            filled.lookup(keys);
+        } else {
+            filled.iterate();
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 5) {
+        fputs("usage: bench_ehash ehash|map pids|names insert|lookup|iterate REPEATS\n", stderr);
+        return 2;
+    }
+    const bool is_map = strcmp(argv[1], "map") == 0;
+    const bool is_names = strcmp(argv[2], "names") == 0;
+    const int repeats = atoi(argv[4]);
+    if (is_map) {
+        is_names ? work<with_map<std::string>, std::string>(argv[3], repeats)
+                 : work<with_map<int32_t>, int32_t>(argv[3], repeats);
+    } else {
+        is_names ? work<with_ehash<std::string>, std::string>(argv[3], repeats)
+                 : work<with_ehash<int32_t>, int32_t>(argv[3], repeats);
+    }
+    return 0;
+}

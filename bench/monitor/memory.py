@@ -1,0 +1,66 @@
+import pathlib
+import signal
+import subprocess
+import sys
+
+import measure
+
+sys.path.append(str(measure.ROOT / "tests" / "e2e"))
+import zarvo_e2e  # noqa: E402
+
+ABOUT = "memory of mon with 1,000 processes of 20 descriptors each"
+TARGETS = ["zarvo", "bench_crowd"]
+NEEDS_SANDBOX = True
+PROCESSES, DESCRIPTORS = 1000, 20
+BOUND_KB = 1536
+
+
+def run(report):
+    few = watch(report, "few processes")
+    crowd = subprocess.Popen(
+        [measure.BIN / "bench_crowd", str(PROCESSES), str(DESCRIPTORS)],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+    )  # fmt: skip
+    try:
+        if crowd.stdout.readline() != b"ready\n":
+            raise measure.Broken("bench_crowd failed")
+        many = watch(report, f"{PROCESSES} processes", BOUND_KB)
+    finally:
+        crowd.stdin.close()
+        crowd.stdout.close()
+        crowd.wait()
+    report.figure(f"what {PROCESSES} processes add", many - few, "kB private")
+    idle(report)
+
+
+def watch(report, what, bound=None):
+    """Runs mon for a while over what is there; returns its private memory."""
+    words = [*zarvo_e2e.in_mount_namespace("mount -t tmpfs none /tmp"), str(measure.BIN / "mon"), "50000"]
+    with subprocess.Popen(words, stderr=subprocess.DEVNULL) as mon:
+        status = pathlib.Path(f"/proc/{mon.pid}/root/tmp/dbg-report.txt")
+
+        def settled():
+            return status.exists() and status.read_text().startswith("Debug monitor status round=20\n")
+
+        zarvo_e2e.wait_for(settled, "round 20")
+        found = measure.proc_numbers(mon.pid, "smaps_rollup")
+        mon.send_signal(signal.SIGINT)
+    private = found["Private_Clean"] + found["Private_Dirty"]
+    report.figure(
+        f"mon, {what}", found["Rss"], "kB resident", bound=bound,
+        note=f"{found['Pss']} kB proportional, {private} kB private",
+    )  # fmt: skip
+    return private
+
+
+def idle(report):
+    """A program that does nothing, for comparison: what the C library alone makes resident."""
+    with subprocess.Popen(["/bin/sleep", "1000"], env={}) as sleeper:
+        zarvo_e2e.wait_for(lambda: "nanosleep" in pathlib.Path(f"/proc/{sleeper.pid}/wchan").read_text(), "asleep")
+        found = measure.proc_numbers(sleeper.pid, "smaps_rollup")
+        sleeper.kill()
+    private = found["Private_Clean"] + found["Private_Dirty"]
+    report.figure(
+        "sleep, for comparison", found["Rss"], "kB resident",
+        note=f"{found['Pss']} kB proportional, {private} kB private",
+    )  # fmt: skip
