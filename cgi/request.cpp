@@ -19,6 +19,7 @@
 #include "cgi/worker_rtrace.h"
 #include "cgi/worker_strace.h"
 #include "common/unique_fd.h"
+#include "dump/dumper.h"
 #include "platform/vextor.h"
 #include "proc/proc_list.h"
 
@@ -80,8 +81,14 @@ void request_coredump(unique_fd client) {
         return;
     }
     pid_t pid = wanted_pid(text);
-    // The dumper is not wired up yet: a process that could be dumped gets the answer for a server that can't.
-    answer_fixed(client, pid < 0 || !is_alive(pid) ? http_bad_request : http_server_error);
+    if (pid < 0 || !is_alive(pid)) {
+        answer_fixed(client, http_bad_request);
+    } else {
+        // Here, on the listener's thread: one such dump at a time.
+        (void)stream_http_header(client.get(), "application/octet-stream", "core");
+        coredump(client.get(), pid);
+    }
+    client.reset();
     CGI_cleanup();
 }
 

@@ -1,15 +1,180 @@
 #include "dump/dumper.h"
 
+#include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+
+#include "common/fd_range.h"
+#include "common/safe_io.h"
+#include "common/sys_run.h"
+#include "common/temp_file.h"
+#include "dump/deadline.h"
 
 namespace {
+
+constexpr int default_patience_ms = 30000;
+// From the death of a dumper to the end of its output; what it started itself may hold on for longer.
+constexpr int killed_patience_ms = 1000;
+constexpr size_t copy_block = 16384;
+constexpr size_t kept_messages_limit = 1048576;
+constexpr int longest_reap_pause_ms = 10;
 
 struct dumper_settings {
     char** argv = nullptr;
     int argc = 0;  // entries up to and including the first null, whose place the pid takes
     int null_fd = -1;
+    int patience_ms = default_patience_ms;
 };
 dumper_settings dumper;
+
+// The vector of one run, which is the run's own: two at once must not get each other's pids.
+unique_malloc<char*> arguments_for(char* pid_text) {
+    size_t count = static_cast<size_t>(dumper.argc);
+    unique_malloc<char*> argv(static_cast<char**>(calloc(count + 1, sizeof(char*))));
+    if (argv) {
+        std::copy_n(dumper.argv, count - 1, argv.get());
+        argv.get()[count - 1] = pid_text;
+    }
+    return argv;
+}
+
+bool open_pipe(unique_fd* read_end, unique_fd* write_end) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) < 0) {
+        return false;
+    }
+    *read_end = unique_fd(ends[0]);
+    *write_end = unique_fd(ends[1]);
+    return true;
+}
+
+void kill_dumper(dump_run* run) {
+    if (run->child > 0 && !run->is_killed) {
+        fprintf(stderr, "dump: gave up on the dumper of pid %d\n", static_cast<int>(run->pid));
+        kill(run->child, SIGKILL);
+        run->is_killed = true;
+    }
+}
+
+struct output_state {
+    bool has_data = false;
+    bool has_control = false;
+};
+
+// Waits until the dumper has written something or has come to the end of it; false when time is over first.
+bool wait_for_output(const dump_run& run, const deadline& limit, output_state* state) {
+    // A descriptor of -1 is passed over.
+    pollfd streams[] = {{run.data.get(), POLLIN, 0}, {run.control.get(), POLLIN, 0}};
+    int ready;
+    do {
+        ready = poll(streams, 2, limit.left_ms());
+    } while (ready < 0 && errno == EINTR);
+    *state = {streams[0].revents != 0, streams[1].revents != 0};
+    return ready > 0;
+}
+
+// Takes what has come, `copy_block` bytes at most, and closes the stream at its end.
+size_t take(unique_fd* stream, char* block) {
+    ssize_t got = read(stream->get(), block, copy_block);
+    if (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN)) {
+        stream->reset();
+    }
+    return got > 0 ? static_cast<size_t>(got) : 0;
+}
+
+// Whether they are wanted is known only after the core has been copied, and a dumper that can't get rid of
+// them would not write its core.
+void keep_messages(dump_run* run, const char* bytes, size_t length) {
+    if (length == 0 || run->message_bytes == kept_messages_limit) {
+        return;
+    }
+    if (!run->messages) {
+        run->messages = temp_file_unlinked("/tmp/.dumpmsgXXXXXX");
+    }
+    length = std::min(length, kept_messages_limit - run->message_bytes);
+    (void)safe_write(run->messages.get(), bytes, static_cast<unsigned>(length));  // else they are lost
+    run->message_bytes += length;
+}
+
+void drain(dump_run* run, int message_fd) {
+    char block[copy_block];
+    deadline limit(run->is_killed ? killed_patience_ms : dumper.patience_ms);
+    while (run->data || run->control) {
+        output_state output;
+        // Not only silence: one that never comes to an end must not hold its caller either.
+        if (limit.left_ms() == 0 || !wait_for_output(*run, limit, &output)) {
+            kill_dumper(run);
+            break;
+        }
+        if (output.has_data) {
+            (void)take(&run->data, block);
+        }
+        if (output.has_control) {
+            size_t length = take(&run->control, block);
+            (void)safe_write(message_fd, block, static_cast<unsigned>(length));
+        }
+    }
+    run->data.reset();
+    run->control.reset();
+    run->messages.reset();
+}
+
+// Returns what waitpid(2) did, which is 0 when the time is over.
+pid_t reap(pid_t child, int* status) {
+    deadline limit(dumper.patience_ms);
+    for (int pause_ms = 1;; pause_ms = std::min(2 * pause_ms, longest_reap_pause_ms)) {
+        pid_t ended = waitpid(child, status, WNOHANG);
+        if (ended > 0 || (ended < 0 && errno != EINTR) || limit.left_ms() == 0) {
+            return ended;
+        }
+        poll(nullptr, 0, pause_ms);
+    }
+}
+
+void stream_core(int fd, pid_t pid) {
+    dump_run run;
+    if (!dump_start(pid, &run)) {
+        return;
+    }
+    (void)dump_copy_core(&run, fd, nullptr);  // a browser that has gone is not reported
+    dump_discard(&run);
+    if (!dump_end(&run)) {
+        fprintf(stderr, "dump error for pid %d\n", static_cast<int>(pid));
+    }
+}
+
+bool is_own_thread(pid_t pid) {
+    char path[40];
+    snprintf(path, sizeof path, "/proc/self/task/%ld", static_cast<long>(pid));
+    return access(path, F_OK) == 0;
+}
+
+// The dumper may stop this process until all of the core has been taken off its hands, which has to be
+// another process's work then.
+void stream_own_core(int fd, pid_t pid) {
+    fflush(stdout);
+    pid_t child = fork();
+    if (child < 0) {
+        perror("fork");
+        return;
+    }
+    if (child == 0) {
+        constexpr int kept_fd = STDERR_FILENO + 1;
+        dup2(fd, kept_fd);
+        fcntl(kept_fd, F_SETFD, FD_CLOEXEC);
+        fd_range_close_from(kept_fd + 1);
+        dump_init();
+        stream_core(kept_fd, pid);
+        _exit(0);
+    }
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
 
 }  // namespace
 
@@ -23,4 +188,104 @@ void dump_set_dumper(char** argv) {
 
 void dump_init() {
     dumper.null_fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+}
+
+void dump_set_patience(int ms) {
+    dumper.patience_ms = ms;
+}
+
+bool dump_start(pid_t pid, dump_run* run) {
+    unique_fd control_end;
+    unique_fd data_end;
+    char pid_text[16];
+    snprintf(pid_text, sizeof pid_text, "%d", static_cast<int>(pid));
+    unique_malloc<char*> argv = arguments_for(pid_text);
+    if (!argv || !open_pipe(&run->control, &control_end) || !open_pipe(&run->data, &data_end)) {
+        perror("pipes");
+        return false;
+    }
+    run->pid = pid;
+    run->child =
+        sys_run_nowait(argv.get()[0], argv.get(), STDIN_FILENO, data_end.get(), control_end.get(), 0);
+    return true;
+}
+
+bool dump_read_control(dump_run* run, control_text* text) {
+    if (run->child < 0) {
+        return false;
+    }
+    int error = dump_read_ctl_line(run->control.get(), text, dumper.patience_ms);
+    if (error == ETIMEDOUT) {
+        kill_dumper(run);
+    }
+    if (error != 0) {
+        return false;
+    }
+    keep_messages(run, text->rest().data(), text->rest().size());
+    return true;
+}
+
+int64_t dump_copy_core(dump_run* run, int fd, void (*progress)()) {
+    char block[copy_block];
+    int64_t copied = 0;
+    deadline limit(dumper.patience_ms);
+    while (run->data) {
+        output_state output;
+        // One that goes on talking without writing its core hangs as well.
+        if (limit.left_ms() == 0 || !wait_for_output(*run, limit, &output)) {
+            kill_dumper(run);
+            break;
+        }
+        if (output.has_control) {
+            keep_messages(run, block, take(&run->control, block));
+        }
+        if (output.has_data) {
+            size_t length = take(&run->data, block);
+            if (safe_write(fd, block, static_cast<unsigned>(length)) >= 0) {
+                copied += static_cast<int64_t>(length);
+                if (progress) {
+                    progress();
+                }
+            } else if (errno == EPIPE) {
+                return -1;
+            }
+            limit = deadline(dumper.patience_ms);  // the time that the reader took is not the dumper's
+        }
+    }
+    return copied;
+}
+
+void dump_discard(dump_run* run) {
+    drain(run, dumper.null_fd);
+}
+
+void dump_show(dump_run* run) {
+    if (run->messages) {
+        lseek(run->messages.get(), 0, SEEK_SET);
+        (void)safe_copyfd(run->messages.get(), STDERR_FILENO);
+    }
+    drain(run, STDERR_FILENO);
+}
+
+bool dump_end(dump_run* run) {
+    int status = 0;
+    pid_t child = run->child;
+    if (child < 0) {
+        return false;
+    }
+    pid_t ended = reap(child, &status);
+    if (ended == 0) {
+        kill_dumper(run);
+        ended = reap(child, &status);
+    }
+    run->child = -1;
+    return ended == child && status == 0;
+}
+
+void coredump(int fd, int pid) {
+    if (is_own_thread(pid)) {
+        stream_own_core(fd, pid);
+    } else {
+        stream_core(fd, pid);
+    }
 }

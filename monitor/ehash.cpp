@@ -19,7 +19,7 @@ ehash* ehash_new(uint32_t hint) {
     }
     uint32_t buckets = hint ? 1U << std::bit_width(hint) : default_buckets;
     constexpr size_t most_buckets = (SIZE_MAX - sizeof(ehash)) / head_size - 1;
-    if (buckets > most_buckets) {
+    if (size_t{buckets} > most_buckets) {  // where a size has 32 bits
         return nullptr;
     }
     void* block = calloc(1, sizeof(ehash) + (size_t{buckets} + 1) * head_size);

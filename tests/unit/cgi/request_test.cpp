@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 #include "cgi/waiting_browser.h"
 #include "cgi/worker_archive.h"
@@ -11,6 +12,8 @@
 #include "tests/unit/cgi/browser.h"
 #include "tests/unit/cgi/named_child.h"
 #include "tests/unit/cgi/threads.h"
+#include "tests/unit/support/capture.h"
+#include "tests/unit/support/fake_dumper.h"
 
 namespace {
 
@@ -208,9 +211,9 @@ TEST_F(request, for_a_trace_without_any_living_process_is_bad) {
 // A child to be named by its number or by its name.
 class request_for_a_process : public request {
 protected:
-    // What a request for a core gets that has found its process: there is no dumper to serve it.
-    static void expect_found(const std::string& query) {
-        EXPECT_EQ(answer_to(query), broken_server_answer) << query;
+    // A request for a core that has found its process; the dumper's core is the pid.
+    void expect_found(const std::string& query) {
+        EXPECT_EQ(answer_to(query), dump_head("core") + "core of " + number) << query;
     }
     // A request for a trace that has found its process. The browser leaves, and the process is let go.
     void expect_traced(const std::string& query) {
@@ -228,6 +231,7 @@ protected:
         EXPECT_EQ(answer_to(query), bad_request_answer) << query;
     }
 
+    fake_dumper dumper{"printf 'core of %s' \"$3\""};
     std::string name = "zarvo_sleeper_" + std::to_string(getpid());
     named_child child{name};
     std::string number = std::to_string(child.pid());
@@ -295,7 +299,45 @@ TEST_F(request_for_a_process, does_not_touch_it) {
     EXPECT_EQ(info.si_pid, 0) << "it has stopped or ended";
 }
 
+TEST_F(request_for_a_process, streams_a_core_as_it_comes) {
+    fake_dumper large("head -c 3000000 /dev/zero");
+    browser client;
+    std::string core;
+    std::thread reader([&] { core = client.answer(); });
+    serve(client, "no/slash/needed", "cmd=coredump&pid=" + number);
+    reader.join();
+    EXPECT_EQ(core, dump_head("core") + std::string(3000000, '\0'));
+}
+
+TEST_F(request_for_a_process, gets_the_head_alone_when_there_is_no_core) {
+    std::string error = "dump error for pid " + number + "\n";
+    for (const auto& [script, report] : std::vector<std::pair<std::string, std::string>>{
+             {"exit 1", error}, {"kill -9 $$", error}, {announce(0), ""}}) {
+        fake_dumper coreless(script);
+        std::string answer;
+        std::string said = capture_stderr([&] { answer = answer_to("cmd=coredump&pid=" + number); });
+        EXPECT_EQ(answer, dump_head("core")) << script;
+        EXPECT_EQ(said, report) << script;
+    }
+}
+
+TEST_F(request_for_a_process, releases_its_parameters_after_the_core) {
+    expect_found("mark=1&cmd=coredump&pid=" + number);
+    EXPECT_EQ(CGI_get_value("mark"), nullptr);
+}
+
+TEST_F(request_for_a_process, from_a_browser_that_has_gone_leaves_nothing_behind) {
+    fake_dumper large("head -c 3000000 /dev/zero");
+    browser client;
+    client.go_away();
+    std::set<int> before = open_fds();
+    before.erase(client.daemon_end());
+    serve(client, "/x", "cmd=coredump&pid=" + number);
+    EXPECT_EQ(open_fds(), before);
+}
+
 TEST_F(request, for_a_trace_of_a_name_of_31_characters_finds_it_and_32_are_too_many) {
+    fake_dumper dumper("printf '%s' \"$3\"");
     std::string longest(31, 'n');
     named_child found(longest);
     named_child not_found(longest + "n");
@@ -304,7 +346,8 @@ TEST_F(request, for_a_trace_of_a_name_of_31_characters_finds_it_and_32_are_too_m
     EXPECT_EQ(first_bytes(client, 15), "HTTP/1.0 200 OK");
     client.go_away();
     EXPECT_EQ(answer_to("cmd=strace&pid=" + longest + "n"), bad_request_answer);
-    EXPECT_NE(answer_to("cmd=coredump&pid=" + longest + "n"), bad_request_answer)
+    EXPECT_EQ(answer_to("cmd=coredump&pid=" + longest + "n"),
+              dump_head("core") + std::to_string(not_found.pid()))
         << "a core has no such limit";
 }
 

@@ -1,0 +1,417 @@
+"""Cores of live processes, in the archive and alone, from dumpers of every kind. Some cases take a minute."""
+
+import contextlib
+import gzip
+import os
+import pathlib
+import subprocess
+import time
+import types
+
+import pytest
+
+from zarvo_e2e import (
+    BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, CORE_HEAD, OFF, ON, PATIENCE, PLAIN_HEAD, SANITIZE,
+    Daemon, assert_compressed_whole, assert_whole, body_of, children_of, process_stat, require_sandbox,
+    split_tar, wait_for,
+)  # fmt: skip
+
+NEEDS_SANDBOX = True
+
+SILENCE = 30        # seconds after which a dumper is taken to hang
+MEBI = 1 << 20
+
+FAST = os.environ.get("ZARVO_FAST") == "1" and os.environ.get("ZARVO_SLOW") != "1"
+
+takes_long = [
+    pytest.mark.skipif(FAST, reason="ZARVO_FAST=1: takes a minute or two"),
+    pytest.mark.skipif(bool(SANITIZE), reason="waits for the clock, which the plain build shows as well"),
+]
+
+
+def line(length, pids="", size=None):
+    """A control line; `size` is its length with the newline."""
+    text = f"Core of:{length} bytes; and covered: {pids}"
+    return text + "x" * (size - 1 - len(text) if size else 0) + "\n"
+
+
+def say(text):
+    return f"printf '%s' '{text}' >&2\n"
+
+
+def write(text):
+    return f"printf '%s' '{text}'\n"
+
+
+def fill(size, where=""):
+    return f"head -c {size} /dev/zero {where}\n"
+
+
+GOOD = say(line(4)) + write("core")
+NONE = say(line(0) + "nothing to dump")
+HANG = "exec sleep 1000\n"
+
+
+class Victims:
+    """Sleeping processes, and a dumper that does for each what it is told."""
+
+    def __init__(self, folder):
+        self.folder = folder / "victims"
+        self.folder.mkdir()
+        self.dumper = folder / "dumper"
+        self.dumper.write_text(f'#!/bin/sh\nexec /bin/sh "{self.folder}/$3" "$@"\n')
+        self.dumper.chmod(0o755)
+        self.sleepers = {}
+
+    def add(self, name, script):
+        """A process called `name`, for which the dumper runs `script`; returns its pid."""
+        sleeper = subprocess.Popen([f"/zarvo-test/{name}", "1000"], executable="/bin/sleep")
+        self.sleepers[name] = sleeper
+        self.also_dumps(sleeper.pid, script)
+        return sleeper.pid
+
+    def also_dumps(self, pid, script):
+        (self.folder / str(pid)).write_text(script)
+
+    def pid(self, name):
+        return self.sleepers[name].pid
+
+    def core(self, name):
+        return f"{name}.{self.pid(name)}/core"
+
+    def fdmap(self, name):
+        return f"{name}.{self.pid(name)}/fdmap"
+
+    def states(self):
+        return {process_stat(sleeper.pid)[0] for sleeper in self.sleepers.values()}
+
+    def end(self):
+        for sleeper in self.sleepers.values():
+            sleeper.kill()
+            sleeper.wait()
+
+
+@pytest.fixture
+def victims(here, tmp_path):
+    made = Victims(tmp_path)
+    yield made
+    made.end()
+
+
+@pytest.fixture
+def dumping(victims, start):
+    """A daemon with the victims' dumper, of which nothing may be left in the end."""
+    daemon = start("-p", victims.dumper)
+    rest = daemon.rest()
+    yield daemon
+    daemon.wait_for_rest(rest)
+    assert victims.states() <= {"S"}
+
+
+def archive_of(daemon, path=b"/x/debug.tar"):
+    """The whole stream, and what the daemon said while it was made."""
+    before = len(daemon.said())
+    answer = daemon.answer(path)
+    compressed = path.endswith(b"tgz")
+    stream = body_of(answer, COMPRESSED_HEAD if compressed else PLAIN_HEAD)
+    wait_for(lambda: daemon.switches().endswith(ON), daemon.switches)
+    return (gzip.decompress(stream) if compressed else stream), daemon.said()[before:]
+
+
+def cores_in(members):
+    """{name: data} of the members that come from dumps."""
+    return {member.name: member.data for member in members if member.name.endswith(("/core", "/fdmap"))}
+
+
+def core_request(pid):
+    return b"cmd=coredump&pid=" + str(pid).encode()
+
+
+# What the dumper does, what is stored (None: nothing; else the core, and whether a map follows), and what the
+# daemon says of it, PID standing for the pid.
+FAILED = "dump_one: failed dumping pid=PID\n"
+ERROR = "dump error for pid PID"
+TOO_LONG = (
+    "dump_read_ctl_line: Failed to read ctl line. Read length: 512."
+    "Buffer is too small, current buffer size: 512\n"
+)
+THOUSAND_PIDS = " ".join(str(pid) for pid in range(100000, 101000))
+CASES = {
+    "good": (GOOD, b"core", True, ""),
+    "empty-line": (say("\n") + write("core"), None, False, FAILED),
+    "no-number": (say(line("none")) + write("core"), None, False, FAILED),
+    "twenty-digits": (say(line("12345678901234567890")) + write("core"), None, False, FAILED),
+    "negative": (say(line("-4")) + write("core"), None, False, FAILED),
+    "nothing": (NONE, None, False, FAILED),
+    "line-of-511": (say(line(4, size=511)) + write("core"), b"core", True, ""),
+    "line-of-512": (say(line(4, size=512)) + write("core"), None, False, FAILED),
+    "line-of-513": (say(line(4, size=513)) + write("core"), None, False, TOO_LONG + FAILED),
+    "thousand-pids": (say(line(4, THOUSAND_PIDS)) + write("core"), None, False, TOO_LONG + FAILED),
+    "fails-at-once": (say("no way\n") + "exit 3", None, False, FAILED + ERROR),
+    "fails-at-the-end": (GOOD + "exit 3", b"core", False, ERROR),
+    "killed-at-the-end": (GOOD + "kill -9 $$", b"core", False, ERROR),
+    "talkative": (
+        say(line(200000)) + fill(100000) + fill(MEBI, ">&2") + fill(100000) + fill(MEBI, ">&2"),
+        bytes(200000), True, "",
+    ),
+    "talks-on-in-the-same-write": (say(line(4) + "m" * 900) + write("core"), b"core", True, ""),
+    "large": (say(line(5 * MEBI)) + fill(5 * MEBI), bytes(5 * MEBI), True, ""),
+}  # fmt: skip
+
+
+@pytest.fixture(scope="module")
+def taken(tmp_path_factory):
+    """One archive of a machine with a victim for each case and some that are covered by others' dumps."""
+    require_sandbox()
+    folder = tmp_path_factory.mktemp("cases")
+    victims = Victims(folder)
+    for name, (script, *_) in CASES.items():
+        victims.add(name, script)
+    for name in ("later-1", "later-2", "later-3"):
+        victims.add(name, GOOD)
+    # Pids are given and listed in rising order: these come after the one that covers them.
+    covered = "{} x{},{}".format(*(victims.pid(f"later-{number}") for number in (1, 2, 3)))
+    victims.also_dumps(victims.pid("good"), say(line(4, covered)) + write("core"))
+    daemon = Daemon(folder / "daemon", "-p", victims.dumper)
+    try:
+        rest = daemon.rest()
+        stream, said = archive_of(daemon)
+        daemon.wait_for_rest(rest)
+        compressed, _ = archive_of(daemon, b"/x/debug.tgz")
+        daemon.wait_for_rest(rest)
+        states = victims.states()
+    finally:
+        daemon.stop()
+        victims.end()
+    yield types.SimpleNamespace(
+        victims=victims, stream=stream, said=said, compressed=compressed, states=states,
+        members=split_tar(stream),
+    )  # fmt: skip
+
+
+def test_archive_with_cores_is_whole(taken):
+    assert_whole(taken.stream)
+    assert_whole(taken.compressed)
+
+
+def test_compressed_archive_has_the_same_cores(taken):
+    plain, compressed = cores_in(taken.members), cores_in(split_tar(taken.compressed))
+    assert {name: data for name, data in compressed.items() if name.endswith("/core")} == {
+        name: data for name, data in plain.items() if name.endswith("/core")
+    }
+    assert compressed.keys() == plain.keys()
+
+
+@pytest.mark.parametrize("name", CASES)
+def test_core_is_stored_as_the_dumper_gives_it(taken, name):
+    _, core, with_map, said = CASES[name]
+    stored = cores_in(taken.members)
+    assert stored.get(taken.victims.core(name)) == core
+    assert (taken.victims.fdmap(name) in stored) == with_map
+    assert said.replace("PID", str(taken.victims.pid(name))) in taken.said
+
+
+def test_daemon_says_nothing_else_of_the_dumps(taken):
+    expected = "".join(
+        said.replace("PID", str(taken.victims.pid(name))) for name, (*_, said) in CASES.items()
+    )
+    dumps = [text for text in taken.said.splitlines() if "dump" in text]
+    assert dumps == [text for text in expected.splitlines() if "dump" in text]
+
+
+def test_covered_processes_are_not_dumped_again(taken):
+    names = {member.name.partition(".")[0] for member in taken.members if member.name.endswith("/core")}
+    # "x" is passed over; of "B,C" without a blank only as many numbers are read as there are blanks.
+    assert "later-1" not in names and "later-2" not in names
+    assert "later-3" in names
+
+
+def test_map_lists_the_descriptors_of_the_process(taken):
+    text = cores_in(taken.members)[taken.victims.fdmap("good")].decode()
+    assert text.startswith("total 0\n")
+    assert all(f" {number} -> " in text for number in (0, 1, 2))
+
+
+def test_map_follows_its_core(taken):
+    names = [member.name for member in taken.members if member.name.endswith(("/core", "/fdmap"))]
+    for name in names:
+        if name.endswith("/fdmap"):
+            assert names[names.index(name) - 1] == name.replace("/fdmap", "/core")
+
+
+def test_processes_sleep_on(taken):
+    assert taken.states == {"S"}
+
+
+def test_without_a_dumper_the_archive_is_whole_and_has_no_cores(start, victims):
+    daemon = start("-p", "/nonexistent/dumper")
+    pid = victims.add("victim", "")
+    stream, said = archive_of(daemon)
+    assert cores_in(assert_whole(stream)) == {}
+    assert f"dump_one: failed dumping pid={pid}\n" in said
+    assert f"dump error for pid {pid}" in said
+
+
+def test_short_core_is_counted_as_promised(dumping, victims):
+    pid = victims.add("short", say(line(1000)) + fill(600) + say("sorry"))
+    stream, said = archive_of(dumping)
+    assert said.endswith(f"WARNING: err=600 clen=1000 pid={pid}\nsorry")
+    at = stream.index(f"/{victims.core('short')}".encode()) // 512 * 512
+    # The padding is that of 1000 bytes; the map's header stands behind it.
+    behind = at + 512 + 600 + 24
+    assert stream[at + 512 : behind] == bytes(624)
+    (member,) = split_tar(stream[behind:])
+    assert member.name == victims.fdmap("short")
+
+
+def test_long_core_is_counted_as_promised(dumping, victims):
+    pid = victims.add("long", say(line(4)) + write("corecore"))
+    stream, said = archive_of(dumping)
+    assert said.endswith(f"WARNING: err=8 clen=4 pid={pid}\n")
+    at = stream.index(f"/{victims.core('long')}".encode()) // 512 * 512 + 512
+    assert stream[at : at + 8 + 508] == b"corecore" + bytes(508)
+    (member,) = split_tar(stream[at + 8 + 508 :])
+    assert member.name == victims.fdmap("long")
+
+
+def test_dumper_that_dies_within_its_core_gives_a_part_and_no_map(dumping, victims):
+    pid = victims.add("dying", say(line(1000)) + write("part") + say("help\n") + "kill -9 $$")
+    stream, said = archive_of(dumping)
+    assert said.endswith(f"WARNING: err=4 clen=1000 pid={pid}\nhelp\ndump error for pid {pid}")
+    assert stream.endswith(b"part" + bytes(24))
+
+
+@pytest.mark.parametrize("path", [b"/x/debug.tar", b"/x/debug.tgz"])
+def test_browser_that_leaves_within_a_core_ends_the_archive(dumping, victims, path):
+    noise = "head -c 30000000 /dev/urandom\n"
+    first = victims.add("first", say(line(30000000)) + say("why\n") + noise)
+    second = victims.add("second", GOOD)
+    head = COMPRESSED_HEAD if path.endswith(b"tgz") else PLAIN_HEAD
+    browser = dumping.ask(path, room=4096)
+    assert browser.read(len(head)) == head
+    # Everything before the cores is far smaller than this.
+    browser.read(12 * MEBI)
+    browser.close()
+    wait_for(lambda: dumping.switches() == OFF + ON, dumping.switches, 4 * PATIENCE)
+    said = dumping.said()
+    assert said.count("ABORT!\n") == 1 and "WARNING" not in said
+    assert "ABORT!\nwhy\n" in said
+    assert not [text for text in said.splitlines() if str(second) in text]
+    assert children_of(dumping.pid) == []
+    victims.also_dumps(first, GOOD)
+    stream, _ = archive_of(dumping)
+    assert victims.core("second") in cores_in(assert_whole(stream))
+
+
+@pytest.mark.parametrize("by_name", [False, True], ids=["number", "name"])
+def test_single_core_is_what_the_dumper_writes(dumping, victims, by_name):
+    size = 3_000_000
+    pid = victims.add("single", say(line(size)) + fill(MEBI, ">&2") + fill(size))
+    assert dumping.answer(b"/x", core_request("single" if by_name else pid)) == CORE_HEAD + bytes(size)
+    assert dumping.said() == ""
+
+
+def test_single_core_gives_the_dumper_its_arguments(dumping, victims):
+    pid = victims.add("single", 'printf "%s|" "$#" "$@"')
+    assert dumping.answer(b"no-slash", core_request(pid)) == CORE_HEAD + b"3|-c|/dev/stdout|%d|" % pid
+
+
+@pytest.mark.parametrize(
+    "script", ["exit 3", "kill -9 $$", say(line(4)) + "exit 1"], ids=["status", "signal", "after-line"]
+)
+def test_single_core_of_a_dumper_that_fails_is_empty(dumping, victims, script):
+    pid = victims.add("single", script)
+    assert dumping.answer(b"/x", core_request(pid)) == CORE_HEAD
+    assert dumping.said() == f"dump error for pid {pid}\n"
+
+
+def test_single_core_of_nobody_starts_no_dumper(dumping, victims):
+    assert dumping.answer(b"/x", core_request("nobody-here")) == BAD_REQUEST
+    assert dumping.said() == ""
+
+
+def test_single_core_is_dropped_when_its_browser_leaves(dumping, victims):
+    pid = victims.add("single", fill(20 * MEBI))
+    browser = dumping.ask(b"/x", core_request(pid), room=4096)
+    assert browser.read(len(CORE_HEAD) + 5000) == CORE_HEAD + bytes(5000)
+    browser.close()
+    dumping.sync()
+    assert children_of(dumping.pid) == []
+
+
+def test_daemon_dumps_itself_though_it_is_stopped_meanwhile(dumping, victims):
+    size = 3_000_000
+    victims.also_dumps(dumping.pid, f"kill -STOP $3\n{fill(size)}kill -CONT $3\n")
+    waiting = dumping.wait_as()
+    assert dumping.answer(b"/x", core_request(dumping.pid)) == CORE_HEAD + bytes(size)
+    dumping.push(b"pushed")
+    assert waiting.read_all() == CORE_HEAD + b"pushed"
+
+
+def test_single_core_asked_for_while_an_archive_dumps_is_the_right_process(dumping, victims):
+    gate = victims.folder / "gate"
+    slow = f"while [ ! -e {gate} ]; do sleep 0.05; done\n"
+    first = victims.add("first", f"{say(line(20))}{write('1234567890')}{slow}{write('1234567890')}")
+    announce = 'printf "Core of:%s bytes\\n" ${#3} >&2\n'
+    other = victims.add("other", announce + 'printf "%s" "$3"')
+    archive = dumping.ask(b"/x/debug.tar")
+
+    def dumper_waits():
+        commands = [pathlib.Path(f"/proc/{pid}/cmdline") for pid, _ in children_of(dumping.pid)]
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            return any(str(first).encode() in command.read_bytes() for command in commands)
+
+    archive.near.settimeout(4 * PATIENCE)
+    assert archive.read(len(PLAIN_HEAD)) == PLAIN_HEAD
+    pieces = []
+
+    def in_the_core():
+        pieces.append(archive.near.recv(1 << 16))
+        return victims.core("first").encode() in b"".join(pieces[-2:])
+
+    wait_for(in_the_core, "at the first core", 4 * PATIENCE)
+    wait_for(dumper_waits, "dumping the first process")
+    for _ in range(3):
+        assert dumping.answer(b"/x", core_request(other)) == CORE_HEAD + str(other).encode()
+    assert dumping.answer(b"/x/debug.tar") == BUSY_PAGE
+    gate.touch()
+    stored = cores_in(assert_whole(b"".join(pieces) + archive.read_all()))
+    assert stored[victims.core("first")] == b"1234567890" * 2
+    assert stored[victims.core("other")] == str(other).encode()
+
+
+class TestHanging:
+    pytestmark = takes_long
+
+    def test_archive_goes_on_after_dumpers_that_hang_or_say_nothing(self, dumping, victims):
+        silent = victims.add("silent", "exit 0")
+        cut = victims.add("cut", say("Core of:4 bytes"))
+        mute = victims.add("mute", HANG)
+        good = victims.add("good", GOOD)
+        stuck = victims.add("stuck", say(line(1000)) + write("part") + HANG)
+        begin = time.monotonic()
+        archive = dumping.ask(b"/x/debug.tar")
+        archive.near.settimeout(6 * SILENCE)
+        stream = body_of(archive.read_all(), PLAIN_HEAD)
+        assert 2 * SILENCE <= time.monotonic() - begin <= 2 * SILENCE + 60
+        stuck_at = stream.index(f"/{victims.core('stuck')}".encode()) // 512 * 512
+        stored = cores_in(assert_whole(stream[:stuck_at]))
+        assert stored.keys() == {victims.core("good"), victims.fdmap("good")}
+        assert stream[stuck_at + 512 :] == b"part" + bytes(24)
+        said = dumping.said()
+        for pid in (silent, cut, mute):
+            assert f"dump_one: failed dumping pid={pid}\n" in said
+        assert f"pid={good}\n" not in said
+        assert said.endswith(f"WARNING: err=4 clen=1000 pid={stuck}\ndump error for pid {stuck}")
+        assert children_of(dumping.pid) == []
+
+    def test_single_core_whose_dumper_hangs_frees_the_listener(self, dumping, victims):
+        pid = victims.add("single", write("part") + HANG)
+        begin = time.monotonic()
+        browser = dumping.ask(b"/x", core_request(pid))
+        browser.near.settimeout(3 * SILENCE)
+        assert browser.read_all() == CORE_HEAD + b"part"
+        assert SILENCE <= time.monotonic() - begin <= SILENCE + 20
+        dumping.sync()
+        assert dumping.said().endswith(f"dump error for pid {pid}\n")
+        assert children_of(dumping.pid) == []

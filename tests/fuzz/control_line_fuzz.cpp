@@ -1,0 +1,133 @@
+// Any bytes as what a dumper says: the line is what a plain reading of the bytes says, and reading it from a
+// pipe gives the same.
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/unique_fd.h"
+#include "dump/control_line.h"
+
+namespace {
+
+void require(bool fact) {
+    if (!fact) {
+        abort();
+    }
+}
+
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+// What the C library makes of the decimal number at `at`, within the 32 bits of the device's int; 0 when it
+// does not fit.
+int number_at(const std::string& text, size_t at, size_t* end) {
+    char* behind = nullptr;
+    errno = 0;
+    long long value = strtoll(text.c_str() + at, &behind, 10);
+    *end = static_cast<size_t>(behind - text.c_str());
+    return errno == 0 && value <= INT_MAX && value >= INT_MIN ? static_cast<int>(value) : 0;
+}
+
+struct reading {
+    int core_length = 0;
+    std::vector<pid_t> pids;
+};
+
+// Blanks and tabs may stand before the length, a sign other than '-' may not.
+bool has_number(const std::string& text, size_t* at) {
+    while (*at < text.size() && (text[*at] == ' ' || text[*at] == '\t')) {
+        (*at)++;
+    }
+    size_t digit = *at + (*at < text.size() && text[*at] == '-');
+    return digit < text.size() && is_digit(text[digit]);
+}
+
+reading plain_reading(std::string text) {
+    reading found;
+    text.resize(std::min(text.find('\n'), text.size()));
+    size_t at = 8;
+    if (text.size() < at || !has_number(text, &at)) {
+        return found;
+    }
+    found.core_length = std::max(0, number_at(text, at, &at));
+    at = std::min(at + 21, text.size());
+    for (auto left = 1 + std::count(text.begin() + static_cast<std::ptrdiff_t>(at), text.end(), ' ');
+         left > 0; left--) {
+        while (at < text.size() && !is_digit(text[at])) {
+            at++;
+        }
+        if (at == text.size()) {
+            break;
+        }
+        int pid = number_at(text, at, &at);
+        if (pid > 0) {
+            found.pids.push_back(pid);
+        }
+    }
+    return found;
+}
+
+// In memory of its own length, so that reading further is found.
+reading parsed(const std::string& text) {
+    std::vector<char> exact(text.begin(), text.end());
+    control_line line = control_line_parse({exact.data(), exact.size()});
+    reading found;
+    found.core_length = line.core_length;
+    for (pid_t pid; control_line_next_pid(&line, &pid);) {
+        found.pids.push_back(pid);
+    }
+    return found;
+}
+
+// The reports of lines that are too long would drown what the fuzzer says.
+int read_in_silence(int fd, control_text* text) {
+    static const unique_fd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    static const unique_fd standard_error(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    dup2(null.get(), STDERR_FILENO);
+    int result = dump_read_ctl_line(fd, text, 0);
+    dup2(standard_error.get(), STDERR_FILENO);
+    return result;
+}
+
+void check_pipe(const std::string& said) {
+    constexpr size_t fits_into_a_pipe = 4096;
+    int ends[2];
+    require(pipe2(ends, O_CLOEXEC) == 0);
+    unique_fd out(ends[0]);
+    unique_fd in(ends[1]);
+    size_t length = std::min(said.size(), fits_into_a_pipe);
+    require(write(in.get(), said.data(), length) == static_cast<ssize_t>(length));
+    in.reset();
+    control_text text;
+    int result = read_in_silence(out.get(), &text);
+    size_t newline = said.substr(0, length).find('\n');
+    require(text.length <= sizeof text.bytes && text.line_length <= text.length);
+    require(said.compare(0, text.length, text.bytes, text.length) == 0);
+    if (newline < control_line_limit) {
+        require(result == 0 && text.line_length == newline + 1);
+    } else {
+        require(result == (length < sizeof text.bytes ? ETIMEDOUT : EMSGSIZE));
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    std::string said(reinterpret_cast<const char*>(data), size);
+    reading wanted = plain_reading(said);
+    reading got = parsed(said);
+    require(got.core_length == wanted.core_length);
+    require(got.pids == wanted.pids);
+    check_pipe(said);
+    return 0;
+}

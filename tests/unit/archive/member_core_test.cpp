@@ -1,0 +1,402 @@
+#include "archive/member_core.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "proc/proc_list.h"
+#include "tests/unit/archive/archive_fixture.h"
+#include "tests/unit/support/capture.h"
+#include "tests/unit/support/children.h"
+#include "tests/unit/support/fake_dumper.h"
+#include "tests/unit/support/pipes.h"
+
+namespace {
+
+// The test program itself is what sleeps: others may choose by their first word what they are.
+constexpr const char* sleeper_request = "ZARVO_TEST_SLEEPER";
+
+const bool sleeper_is_not_wanted = [] {
+    if (getenv(sleeper_request) != nullptr) {
+        char byte;
+        _exit(static_cast<int>(read(STDIN_FILENO, &byte, 1)));
+    }
+    return true;
+}();
+
+// Sleeps until its test is over. Its command line is `first_word` and nothing else.
+class sleeper {
+public:
+    explicit sleeper(const std::string& first_word) {
+        EXPECT_TRUE(sleeper_is_not_wanted);
+        int in_fd = input_.out.get();
+        pid_ = fork_child([&first_word, in_fd] {
+            dup2(in_fd, STDIN_FILENO);
+            setenv(sleeper_request, "", 1);
+            execl("/proc/self/exe", first_word.c_str(), static_cast<char*>(nullptr));
+            return 127;
+        });
+        std::string path = "/proc/" + std::to_string(pid_) + "/cmdline";
+        EXPECT_TRUE(eventually([&] {
+            std::string command(first_word.size() + 1, 'x');
+            read_file_once(path.c_str(), command.data(), command.size());
+            return command == first_word + '\0';
+        }));
+    }
+    sleeper(const sleeper&) = delete;
+    sleeper& operator=(const sleeper&) = delete;
+    ~sleeper() {
+        kill(pid_, SIGKILL);
+        wait_status(pid_);
+    }
+
+    pid_t pid() const { return pid_; }
+    std::string number() const { return std::to_string(pid_); }
+
+private:
+    test_pipe input_;
+    pid_t pid_ = -1;
+};
+
+// One process to be dumped into an archive in memory, of which nothing but the archive may be left.
+class dump_one_of : public testing::Test {
+protected:
+    void SetUp() override {
+        ignore_broken_pipes();
+        fake_dumper::use("/nonexistent/dumper");
+        before_ = open_fds();
+    }
+    void TearDown() override { EXPECT_EQ(open_fds(), before_); }
+
+    int dump(pid_t pid) {
+        pids = {pid};
+        return dump_at(0);
+    }
+    int dump_at(int index) {
+        int result = -1;
+        said = capture_stderr([&] {
+            result =
+                dump_one(archive.handle(), archive.fd(), pids.data(), index, static_cast<int>(pids.size()));
+        });
+        return result;
+    }
+    int dump() { return dump(target.pid()); }
+
+    std::string dir() const { return "victim." + target.number() + "/"; }
+    std::string error() const { return "dump error for pid " + target.number(); }
+    std::string failed() const { return "dump_one: failed dumping pid=" + target.number() + "\n"; }
+    std::string killed() const { return "dump: gave up on the dumper of pid " + target.number() + "\n"; }
+    std::string warning(const std::string& err, const std::string& announced) const {
+        return "WARNING: err=" + err + " clen=" + announced + " pid=" + target.number() + "\n";
+    }
+    // No member, and the line that says so; `before` and `after` are said round it.
+    void expect_refused(const std::string& what, const std::string& before = "",
+                        const std::string& after = "") {
+        EXPECT_EQ(dump(), 0) << what;
+        EXPECT_EQ(archive.bytes(), "") << what;
+        EXPECT_EQ(said, before + failed() + after) << what;
+    }
+
+    sleeper target{"/usr/lib/victim"};
+    test_archive archive{"top/"};
+    std::vector<pid_t> pids;
+    std::string said;
+
+private:
+    std::set<int> before_;
+};
+
+using strings = std::vector<std::string>;
+
+const std::string hang = "exec sleep 1000\n";
+
+}  // namespace
+
+TEST_F(dump_one_of, a_process_stores_its_core_and_its_descriptors) {
+    fake_dumper dumper(announce(4) + "printf core");
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(said, "");
+    tar_listing listing = archive.finish();
+    EXPECT_EQ(listing.trouble, "");
+    ASSERT_EQ(listing.names(), (strings{"top/" + dir() + "core", "top/" + dir() + "fdmap"}));
+    EXPECT_EQ(listing.entries[0].data, "core");
+    EXPECT_NE(listing.entries[1].data.find(" 0 -> pipe:"), std::string::npos) << listing.entries[1].data;
+    EXPECT_EQ(pids, std::vector<pid_t>{target.pid()});
+}
+
+TEST_F(dump_one_of, a_process_passes_its_pid_behind_the_fixed_arguments) {
+    fake_dumper dumper(
+        "text=\"$# $1 $2 $3\"\nprintf 'Core of:%s bytes; and covered: \\n' ${#text} >&2\n"
+        "printf '%s' \"$text\"");
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(archive.finish().entries.at(0).data, "3 -c /dev/stdout " + target.number());
+}
+
+TEST_F(dump_one_of, cores_of_all_sizes_keep_the_archive_in_step) {
+    for (size_t size : {1, 511, 512, 513, 16384, 70000, 300000}) {
+        fake_dumper dumper(announce(size) + "head -c " + std::to_string(size) + " /dev/zero");
+        EXPECT_EQ(dump(), 0);
+        EXPECT_EQ(said, "");
+    }
+    tar_listing listing = archive.finish();
+    EXPECT_EQ(listing.trouble, "");
+    EXPECT_EQ(listing.entries.size(), 14u);
+}
+
+TEST_F(dump_one_of, processes_are_named_after_their_first_argument) {
+    fake_dumper dumper(announce(1) + "printf c");
+    for (const auto& [word, name] : std::vector<std::pair<std::string, std::string>>{
+             {"/usr/bin/program", "program"},
+             {"plain", "plain"},
+             {"./a.out", "a.out"},
+             {"a/b/", ""},
+             {"title: name@pts/0", "0"},
+             {"with blanks", "with blanks"},
+             {"/" + std::string(79, 'n'), std::string(79, 'n')},
+             {std::string(80, 'n'), std::string(80, 'n')},
+             {std::string(200, 'n'), std::string(80, 'n')},
+             {"/" + std::string(100, 'd') + "/name", std::string(79, 'd')},
+         }) {
+        test_archive named;
+        sleeper process(word);
+        pid_t pid = process.pid();
+        EXPECT_EQ(dump_one(named.handle(), named.fd(), &pid, 0, 1), 0);
+        strings names = named.finish().names();
+        std::string folder = name + "." + process.number() + "/";
+        EXPECT_EQ(names, (strings{(folder + "core").substr(0, 100), (folder + "fdmap").substr(0, 100)}));
+    }
+}
+
+TEST_F(dump_one_of, a_process_without_a_command_line_has_a_folder_of_dot_and_pid) {
+    // A zombie has none, as a kernel thread has none.
+    fake_dumper dumper(announce(1) + "printf c");
+    pid_t zombie = fork_child([] { return 0; });
+    siginfo_t info;
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(zombie), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(dump(zombie), 0);
+    wait_status(zombie);
+    EXPECT_EQ(archive.finish().names().at(0), "top/." + std::to_string(zombie) + "/core");
+}
+
+TEST_F(dump_one_of, a_process_whose_command_line_cannot_be_read_is_unknown) {
+    fake_dumper dumper(announce(1) + "printf c");
+    pid_t gone = fork_child([] { return 0; });
+    wait_status(gone);
+    EXPECT_EQ(dump(gone), 0);
+    std::string folder = "top/unknown." + std::to_string(gone) + "/";
+    EXPECT_EQ(archive.finish().names(), (strings{folder + "core", folder + "fdmap"}));
+}
+
+TEST_F(dump_one_of, a_process_drops_the_further_pids_that_it_covers) {
+    std::string own = target.number();
+    fake_dumper dumper(announce(1, "30 10 " + own + " 99") + "printf c");
+    pids = {10, target.pid(), 20, 30, -1, 30};
+    EXPECT_EQ(dump_at(1), 0);
+    // Only from its own place on, itself included, and only the first of two.
+    EXPECT_EQ(pids, (std::vector<pid_t>{10, -1, 20, -1, -1, 30}));
+    EXPECT_EQ(archive.finish().names(), (strings{"top/" + dir() + "core", "top/" + dir() + "fdmap"}));
+}
+
+TEST_F(dump_one_of, pids_said_after_the_line_are_not_dropped) {
+    fake_dumper dumper(say(core_announcement("1", "7") + "8 9\n") + "printf c");
+    pids = {target.pid(), 7, 8, 9};
+    EXPECT_EQ(dump_at(0), 0);
+    EXPECT_EQ(pids, (std::vector<pid_t>{target.pid(), -1, 8, 9}));
+    EXPECT_EQ(said, "");
+}
+
+TEST_F(dump_one_of, a_line_with_letters_among_the_pids_drops_the_numbers) {
+    fake_dumper dumper(announce(1, "a7 b8x 9") + "printf c");
+    pids = {target.pid(), 7, 8, 9};
+    EXPECT_EQ(dump_at(0), 0);
+    EXPECT_EQ(pids, (std::vector<pid_t>{target.pid(), -1, -1, -1}));
+}
+
+TEST_F(dump_one_of, a_length_of_0_stores_nothing_but_drops_what_is_covered) {
+    fake_dumper dumper(announce(0, "7") + say("no such process\n"));
+    pids = {target.pid(), 7};
+    EXPECT_EQ(dump_at(0), 0);
+    EXPECT_EQ(archive.bytes(), "");
+    EXPECT_EQ(said, failed());
+    EXPECT_EQ(pids, (std::vector<pid_t>{target.pid(), -1}));
+}
+
+TEST_F(dump_one_of, lines_without_a_usable_length_store_nothing) {
+    for (const char* line : {"\n", "short\n", "Core of:\n", "Core of:none\n", "Core of:-5 bytes\n",
+                             "Core of:12345678901234567890 bytes\n", "Core of:2147483648 bytes\n"}) {
+        fake_dumper dumper(say(line) + "printf core");
+        expect_refused(line);
+    }
+}
+
+TEST_F(dump_one_of, a_line_of_511_bytes_is_the_longest) {
+    std::string line = core_announcement("1");
+    std::string longest = line.substr(0, line.size() - 1) + std::string(511 - line.size(), 'x') + "\n";
+    ASSERT_EQ(longest.size(), 511u);
+    fake_dumper dumper(say(longest) + "printf c");
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(said, "");
+    EXPECT_EQ(archive.finish().entries.size(), 2u);
+}
+
+TEST_F(dump_one_of, a_line_of_512_bytes_with_the_newline_at_its_end_stores_nothing) {
+    std::string line = core_announcement("1");
+    fake_dumper dumper(say(line.substr(0, line.size() - 1) + std::string(512 - line.size(), 'x') + "\n") +
+                       "printf c");
+    expect_refused("512");
+}
+
+TEST_F(dump_one_of, a_line_of_more_than_512_bytes_is_reported) {
+    const std::string report =
+        "dump_read_ctl_line: Failed to read ctl line. Read length: 512."
+        "Buffer is too small, current buffer size: 512\n";
+    std::string thousand;
+    for (int pid = 1000; pid < 2000; pid++) {
+        thousand += std::to_string(pid) + " ";
+    }
+    std::string line = core_announcement("1");
+    for (const std::string& text :
+         {core_announcement("1", thousand),
+          line.substr(0, line.size() - 1) + std::string(513 - line.size(), 'x') + "\n"}) {
+        fake_dumper dumper(say(text) + "printf c");
+        expect_refused(text, report);
+    }
+}
+
+TEST_F(dump_one_of, a_line_that_is_followed_by_more_than_fits_is_taken) {
+    fake_dumper dumper(say(core_announcement("1") + std::string(600, 'm')) + "printf c");
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(said, "");
+    EXPECT_EQ(archive.finish().entries.size(), 2u);
+}
+
+TEST_F(dump_one_of, a_dumper_that_ends_without_a_newline_is_waited_for_in_vain) {
+    for (const char* text : {"", "Core of:4 bytes; and covered: "}) {
+        fake_dumper dumper(say(text), 200);
+        expect_refused(text, killed());
+    }
+}
+
+TEST_F(dump_one_of, a_dumper_that_never_says_a_line_is_killed) {
+    fake_dumper dumper(hang, 200);
+    expect_refused("hang", killed(), error());
+}
+
+TEST_F(dump_one_of, a_missing_dumper_stores_nothing) {
+    expect_refused("missing", "", error());
+}
+
+TEST_F(dump_one_of, a_dumper_that_is_killed_before_its_line_stores_nothing) {
+    fake_dumper dumper("kill -9 $$", 200);
+    expect_refused("killed", killed(), error());
+}
+
+TEST_F(dump_one_of, a_dumper_that_hangs_after_its_line_is_killed) {
+    fake_dumper dumper(announce(10) + hang, 200);
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(said, killed() + warning("0", "10") + error());
+    ASSERT_GE(archive.bytes().size(), 512u);
+    EXPECT_EQ(archive.bytes().substr(0, 512),
+              tar_expected_header("top/" + dir() + "core", 10, tar_octal_field(archive.bytes(), 136, 12)));
+}
+
+TEST_F(dump_one_of, a_short_core_is_counted_as_promised_and_its_messages_are_shown) {
+    fake_dumper dumper(say(core_announcement("1000") + "first\n") + "head -c 600 /dev/zero\n" +
+                       say("last\n"));
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(said, warning("600", "1000") + "first\nlast\n");
+    // The next header comes after as much padding as a core of the promised length would have had.
+    std::string bytes = archive.bytes();
+    ASSERT_GT(bytes.size(), 512u + 600 + 24);
+    tar_listing rest = tar_read(bytes.substr(512 + 600 + 24));
+    ASSERT_FALSE(rest.entries.empty());
+    EXPECT_EQ(rest.entries[0].name, "top/" + dir() + "fdmap");
+}
+
+TEST_F(dump_one_of, a_core_that_is_too_long_is_counted_as_promised) {
+    fake_dumper dumper(announce(4) + "printf corecore");
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(said, warning("8", "4"));
+    EXPECT_EQ(archive.bytes().substr(512, 8), "corecore");
+    tar_listing rest = tar_read(archive.bytes().substr(512 + 8 + 508));
+    ASSERT_FALSE(rest.entries.empty());
+    EXPECT_EQ(rest.entries[0].name, "top/" + dir() + "fdmap");
+}
+
+TEST_F(dump_one_of, a_dumper_that_dies_in_its_core_is_reported_and_gets_no_map) {
+    fake_dumper dumper(announce(10) + "printf part\n" + say("dying\n") + "kill -9 $$");
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(said, warning("4", "10") + "dying\n" + error());
+    EXPECT_EQ(archive.bytes().size(), 512u + 4);
+}
+
+TEST_F(dump_one_of, a_dumper_that_fails_after_its_core_gets_no_map) {
+    fake_dumper dumper(announce(4) + "printf core; exit 1");
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(said, error());
+    tar_listing listing = archive.finish();
+    EXPECT_EQ(listing.trouble, "");
+    EXPECT_EQ(listing.names(), strings{"top/" + dir() + "core"});
+}
+
+TEST_F(dump_one_of, a_mebibyte_of_messages_within_the_core_holds_nothing_up) {
+    fake_dumper dumper(announce(200000) + "head -c 100000 /dev/zero\nhead -c 1000000 /dev/zero >&2\n" +
+                       "head -c 100000 /dev/zero\n");
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(said, "");
+    tar_listing listing = archive.finish();
+    EXPECT_EQ(listing.trouble, "");
+    EXPECT_EQ(listing.entries.size(), 2u);
+}
+
+TEST_F(dump_one_of, a_client_that_goes_within_the_core_is_said_once_and_ends_the_archive) {
+    fake_dumper dumper(say(core_announcement("3000000") + "reason\n") + "head -c 3000000 /dev/zero\n");
+    test_pipe client;
+    tar_handle* tar = tar_new(client.in.get(), nullptr);
+    std::thread reader([&] {
+        char block[2000];
+        EXPECT_GT(read(client.out.get(), block, sizeof block), 0);
+        client.out.reset();
+    });
+    pid_t pid = target.pid();
+    int result = 0;
+    said = capture_stderr([&] { result = dump_one(tar, client.in.get(), &pid, 0, 1); });
+    reader.join();
+    tar_abandon(tar);
+    EXPECT_EQ(result, 32);
+    EXPECT_EQ(said, "ABORT!\nreason\n");
+}
+
+TEST_F(dump_one_of, a_core_that_goes_out_renews_the_time_limit) {
+    fake_dumper dumper(announce(4) + "printf core");
+    alarm(20);
+    EXPECT_EQ(dump(), 0);
+    unsigned left = alarm(0);
+    EXPECT_GT(left, 290u);
+    EXPECT_LE(left, 300u);
+}
+
+TEST_F(dump_one_of, a_process_that_is_left_running_and_untouched) {
+    fake_dumper dumper(announce(4) + "printf core");
+    EXPECT_EQ(dump(), 0);
+    siginfo_t info = {};
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(target.pid()), &info, WEXITED | WSTOPPED | WNOHANG), 0);
+    EXPECT_EQ(info.si_pid, 0) << "it has stopped or ended";
+}
+
+TEST_F(dump_one_of, a_dump_leaves_no_child) {
+    for (const std::string& script :
+         {announce(4) + "printf core", announce(4) + hang, hang, std::string("exit 1"), announce(0)}) {
+        fake_dumper dumper(script, 200);
+        dump();
+        siginfo_t info = {};
+        EXPECT_EQ(waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT), 0) << "the target is the only child";
+        EXPECT_EQ(info.si_pid, 0) << script;
+    }
+}
