@@ -9,6 +9,7 @@
 #include "archive/debug_archive.h"
 #include "archive/gzip.h"
 #include "common/fd_range.h"
+#include "common/sys_run.h"
 #include "common/unique_fd.h"
 
 namespace {
@@ -55,8 +56,8 @@ void stream_compressed(int fd, void (*build)(void*, int, int), void* context) {
     read_end.reset();
     build(context, write_end.get(), pid);
     write_end.reset();
-    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
+    int status;
+    (void)sys_wait_end(pid, &status, 0);
 }
 
 void stream_tgz(int fd) {

@@ -1,10 +1,9 @@
 #include "cgi/worker_archive.h"
 
-#include <malloc.h>
-
 #include "archive/pipeline.h"
 #include "cgi/http.h"
 #include "cgi/worker.h"
+#include "common/give_back.h"
 #include "common/unique_fd.h"
 
 std::atomic<int> archive_busy{0};
@@ -18,7 +17,7 @@ void* run_archive_request(void* record) {
                                  req->compress ? "debug.tgz" : "debug.tar");
         (req->compress ? stream_tgz : stream_tar)(client.get());
     }
-    (void)malloc_trim(0);  // the daemon is idle most of its life, and shall be small then
+    give_memory_back();  // the daemon is idle most of its life, and shall be small then
     // Before the close: who sees the end of a download may ask for the next one at once.
     archive_busy = 0;
     return nullptr;

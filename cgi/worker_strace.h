@@ -21,6 +21,8 @@ struct strace_request {
 
 // How long a browser may take nothing while text is waiting for it. The traced processes wait with the text.
 constexpr int strace_stall_ms = 10000;
+// The same for one that has asked for the end.
+constexpr int strace_last_words_ms = 500;
 
 // Thread entry; takes over the strace_request (from malloc) and its connection. The trace ends with its
 // processes, or within a second when the browser closes the connection, sends anything or stalls.

@@ -1,6 +1,7 @@
 #include "common/sys_run.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <stdio.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
@@ -13,6 +14,7 @@ namespace {
 constexpr int standard_fds = 3;
 constexpr int any_child_patience_ms = 2000;
 constexpr int any_child_pause_ms = 10;
+constexpr int traced_child_pause_ms = 10;
 
 [[noreturn]] void run_child(const char* path, char* const argv[], char* const envp[],
                             const int (&given)[standard_fds], int traceme) {
@@ -36,7 +38,7 @@ constexpr int any_child_pause_ms = 10;
 // Waits for any child of the caller, but not for ever: one of them may be waiting for the caller in turn.
 void wait_for_any(int* status) {
     for (int waited_ms = 0; waited_ms < any_child_patience_ms; waited_ms += any_child_pause_ms) {
-        if (waitpid(-1, status, WNOHANG) != 0) {
+        if (waitpid(-1, status, WNOHANG | __WNOTHREAD) != 0) {
             return;
         }
         poll(nullptr, 0, any_child_pause_ms);
@@ -63,14 +65,35 @@ pid_t sys_run_nowait(const char* path, char* const argv[], int fd_in, int fd_out
     return sys_run_envp_nowait(path, argv, no_environment, fd_in, fd_out, fd_err, traceme);
 }
 
+pid_t sys_wait_end(pid_t pid, int* status, int flags) {
+    for (;;) {
+        siginfo_t info = {};
+        if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT | flags) != 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return -1;
+        }
+        if (info.si_code == CLD_EXITED || info.si_code == CLD_KILLED || info.si_code == CLD_DUMPED) {
+            return waitpid(pid, status, 0);
+        }
+        if (flags != 0) {
+            return 0;
+        }
+        poll(nullptr, 0, traced_child_pause_ms);
+    }
+}
+
 int sys_run(const char* path, char* const argv[], int fd_in, int fd_out, int fd_err, int traceme) {
     int status = 1;
     pid_t pid = sys_run_nowait(path, argv, fd_in, fd_out, fd_err, traceme);
     if (pid < 0) {
         wait_for_any(&status);
-    } else {
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    } else if (traceme) {
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {  // its first stop
         }
+    } else {
+        (void)sys_wait_end(pid, &status, 0);
     }
     return (status >> 8) & 0xff;
 }

@@ -16,6 +16,11 @@ pid_t sys_run_envp_nowait(const char* path, char* const argv[], char* const envp
 // The same with an empty environment, so `path` must be absolute.
 pid_t sys_run_nowait(const char* path, char* const argv[], int fd_in, int fd_out, int fd_err, int traceme);
 
+// Waits for the end of a child of the calling thread, as waitpid(2) does: returns `pid` with the wait status
+// in `*status`; 0 when the child has not ended and `flags` is WNOHANG, not 0; -1 when there is no such child.
+// Unlike waitpid, it leaves the stops of the child alone when another thread of this program traces it.
+pid_t sys_wait_end(pid_t pid, int* status, int flags);
+
 // Starts `path` with an empty environment and waits for it. Returns its exit code; 0 also after death by a
 // signal. When the fork fails, waits up to 2 seconds for any child of the caller and
 // takes its exit code (0 when there is none).

@@ -18,7 +18,7 @@ namespace {
 constexpr size_t skipped_before_length = 8;
 constexpr size_t skipped_before_pids = 21;
 constexpr int ended_input_pause_ms = 10;
-constexpr int ended_input_patience_ms = 1000;
+constexpr int ended_input_patience_ms = 50;
 constexpr std::string_view digits = "0123456789";
 
 // The number at the beginning of `*text`, which is taken off; false when there is none. One that does not fit

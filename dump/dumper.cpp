@@ -17,7 +17,8 @@
 
 namespace {
 
-constexpr int default_patience_ms = 30000;
+// Less than the 300 seconds after which a silent archive would end the whole daemon.
+constexpr int default_patience_ms = 240000;
 // From the death of a dumper to the end of its output; what it started itself may hold on for longer.
 constexpr int killed_patience_ms = 1000;
 constexpr size_t copy_block = 16384;
@@ -128,8 +129,8 @@ void drain(dump_run* run, int message_fd) {
 pid_t reap(pid_t child, int* status) {
     deadline limit(dumper.patience_ms);
     for (int pause_ms = 1;; pause_ms = std::min(2 * pause_ms, longest_reap_pause_ms)) {
-        pid_t ended = waitpid(child, status, WNOHANG);
-        if (ended > 0 || (ended < 0 && errno != EINTR) || limit.left_ms() == 0) {
+        pid_t ended = sys_wait_end(child, status, WNOHANG);
+        if (ended != 0 || limit.left_ms() == 0) {
             return ended;
         }
         poll(nullptr, 0, pause_ms);
@@ -172,8 +173,8 @@ void stream_own_core(int fd, pid_t pid) {
         stream_core(kept_fd, pid);
         _exit(0);
     }
-    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
-    }
+    int status;
+    (void)sys_wait_end(child, &status, 0);
 }
 
 }  // namespace

@@ -17,10 +17,13 @@ tpacket2_hdr* slot_at(const frame_ring& ring, unsigned number) {
     return static_cast<tpacket2_hdr*>(slot);
 }
 
+bool set_version(int sock) {
+    int version = TPACKET_V2;  // the kernel takes no other one while there is a ring
+    return setsockopt(sock, SOL_PACKET, PACKET_VERSION, &version, sizeof version) == 0;
+}
+
 bool set_ring(int sock, const tpacket_req& wanted) {
-    int version = TPACKET_V2;
-    return setsockopt(sock, SOL_PACKET, PACKET_VERSION, &version, sizeof version) == 0 &&
-           setsockopt(sock, SOL_PACKET, PACKET_RX_RING, &wanted, sizeof wanted) == 0;
+    return setsockopt(sock, SOL_PACKET, PACKET_RX_RING, &wanted, sizeof wanted) == 0;
 }
 
 }  // namespace
@@ -28,7 +31,7 @@ bool set_ring(int sock, const tpacket_req& wanted) {
 bool frame_ring_open(frame_ring* ring, int sock, size_t bytes) {
     unsigned blocks = std::max(1u, static_cast<unsigned>(bytes / block_size));
     tpacket_req wanted = {block_size, blocks, slot_size, blocks * (block_size / slot_size)};
-    if (!set_ring(sock, wanted)) {
+    if (!set_version(sock) || !set_ring(sock, wanted)) {
         return false;
     }
     size_t size = size_t{blocks} * block_size;

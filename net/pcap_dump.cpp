@@ -108,10 +108,10 @@ progress drain_output(capture& c) {
         return progress::finished;
     }
     // A browser may have closed its sending side alone, and the download goes on; looking again would find
-    // the same for ever. One that has gone altogether won't take the padding either.
+    // the same for ever. One that has gone altogether, which poll tells unasked, won't take the padding
+    // either.
     bool is_gone = (c.wait[out_place].revents & (POLLERR | POLLHUP)) != 0;
-    c.wait[out_place].fd = -1;
-    c.wait[out_place].revents = 0;
+    c.wait[out_place] = {is_gone ? -1 : c.out.fd, 0, 0};
     return is_gone && c.options.max_total != 0 ? progress::failed : progress::go_on;
 }
 

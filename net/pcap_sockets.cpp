@@ -14,6 +14,7 @@
 #include <sys/sysinfo.h>
 
 #include <algorithm>
+#include <atomic>
 
 namespace {
 
@@ -35,6 +36,28 @@ uint64_t memory_size() {
 size_t queue_share(int sharing) {
     return static_cast<size_t>(std::min(queue_bytes, memory_size() / memory_per_queue)) /
            static_cast<size_t>(sharing);
+}
+
+// A ring is resident from the start, all of it, and can't be taken back. So only machines with much memory
+// have one, and those of all captures that run at the same time have room for two together; else the kernel
+// queues, which takes memory for what is queued.
+std::atomic<size_t> ring_bytes{0};
+
+bool open_ring(frame_ring* ring, int sock, size_t queue) {
+    const bool has_memory = memory_size() / memory_per_queue >= queue_bytes;
+    if (ring_bytes.fetch_add(queue) + queue > 2 * queue_bytes || !has_memory ||
+        !frame_ring_open(ring, sock, queue)) {
+        ring_bytes -= queue;
+        return false;
+    }
+    ring_bytes += ring->size;
+    ring_bytes -= queue;
+    return true;
+}
+
+void close_ring(frame_ring* ring) {
+    ring_bytes -= ring->size;
+    frame_ring_close(ring);
 }
 
 // Without the privilege the system's own limit holds.
@@ -59,7 +82,7 @@ unique_fd open_socket(const char* name, const sock_fprog* filter, size_t queue, 
         perror("socket: ");
         return sock;
     }
-    if (!frame_ring_open(ring, sock.get(), queue)) {
+    if (!open_ring(ring, sock.get(), queue)) {
         raise_queue(sock.get(), queue);
     }
     // Attached before the first frame can arrive; what is wrong with it is said in its turn.
@@ -132,7 +155,7 @@ pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fpr
         frame_ring ring;
         unique_fd sock = open_socket(name, filter, queue_share(interfaces.count), &ring);
         if (!sock) {
-            frame_ring_close(&ring);
+            close_ring(&ring);
             left.names[sockets.count] = left.names[--left.count];
             continue;
         }
@@ -146,7 +169,7 @@ void pcap_close_sockets(pcap_sockets* sockets) {
     for (int i = 0; i < sockets->count; i++) {
         pcap_socket& each = sockets->all[i];
         pcap_set_promisc(each.fd.get(), each.name, 0);
-        frame_ring_close(&each.ring);
+        close_ring(&each.ring);
         each.fd.reset();  // the filter goes with it
     }
     sockets->count = 0;

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 #include <span>
 
 #include "common/unique_fd.h"
@@ -416,17 +417,20 @@ bool find_now(socket_cache* cache, table_kind table, unsigned long inode, socket
     if (!list_sockets(cache, table)) {
         return read_table(cache, table, inode, row);
     }
-    return ask_for_known(cache, inode, row);
+    // Sockets that share a port, or are bound to a device, are not told apart by their ends.
+    return ask_for_known(cache, inode, row) || read_table(cache, table, inode, row);
 }
 
 }  // namespace
 
 void socket_cache_closer::operator()(socket_cache* cache) const {
-    delete cache;
+    cache->~socket_cache();
+    free(cache);
 }
 
 unique_socket_cache socket_cache_new() {
-    return unique_socket_cache(new socket_cache);
+    void* memory = malloc(sizeof(socket_cache));  // new would end the program when there is none
+    return unique_socket_cache(memory ? new (memory) socket_cache : nullptr);
 }
 
 int socket_cache_lookup(socket_cache* cache, const char* fd_path, unsigned long inode, char* buf,

@@ -52,7 +52,7 @@ int resume(__ptrace_request request, const char* name, pid_t pid, int sig) {
 // its own on its way, and a second one would stop it for good.
 void let_go(pid_t pid, int sig, bool send_stop) {
     bool detached = detach_request(pid, sig);
-    if (!detached && send_stop) {
+    if (!detached && send_stop && trace_is_ours(pid)) {
         (void)trace_stop_thread(pid);
     }
     int status = 0;
@@ -72,6 +72,9 @@ void let_go(pid_t pid, int sig, bool send_stop) {
         if (WSTOPSIG(status) == SIGSTOP) {
             (void)detach_request(pid, sig);
             return;
+        }
+        if (WSTOPSIG(status) == SIGCONT) {
+            (void)trace_stop_thread(pid);  // it has discarded the stop signal that is waited for
         }
         if (sig != SIGSTOP && ptrace(PTRACE_CONT, pid, nullptr, nullptr) < 0) {
             return;
@@ -119,6 +122,12 @@ pid_t trace_attach_within(pid_t pid, int patience_ms, int* status) {
         }
         usleep(pause);
     }
+}
+
+bool trace_is_ours(pid_t pid) {
+    siginfo_t info = {};
+    return waitid(P_PID, static_cast<id_t>(pid), &info,
+                  WEXITED | WSTOPPED | WNOHANG | WNOWAIT | trace_wait_flags) == 0;
 }
 
 int trace_stop_thread(pid_t pid) {

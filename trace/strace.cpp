@@ -96,6 +96,13 @@ bool is_signal_status(int status) {
     return WSTOPSIG(status) != syscall_stop && status >> 16 == 0;
 }
 
+// A SIGCONT discards the stop signal of the attach that is still to come.
+void renew_stop(const strace_process& process, pid_t pid, int sig) {
+    if (process.attach_stop_due && sig == SIGCONT) {
+        (void)trace_stop_thread(pid);
+    }
+}
+
 // Starts tracing the process whose first stop was waited for. An attach sends a stop signal, but a signal
 // that was there before may stop the process first, and so may a stop that it was in: both are kept.
 bool start(trace_run* run, int index, int status) {
@@ -117,6 +124,7 @@ bool start(trace_run* run, int index, int status) {
     if (sig != 0) {
         report_signal(run, index, sig);
     }
+    renew_stop(process, pid, sig);
     process.joining = false;
     return resume(run, index, sig);
 }
@@ -222,6 +230,7 @@ void handle_stop(trace_run* run, int index, int status) {
         resume(run, index, 0);
     } else {
         report_signal(run, index, sig);
+        renew_stop(process, run->ctx->pids[index], sig);
         resume(run, index, sig);
     }
 }
@@ -241,6 +250,8 @@ void keep_event(trace_run* run, int index) {
     bool attaching = process.joining || process.attach_stop_due;
     if (attaching && WSTOPSIG(process.event) != SIGSTOP) {
         // The attach's stop signal is still to come. It serves as the one that lets the process be detached.
+        process.attach_stop_due = true;
+        renew_stop(process, run->ctx->pids[index], sig);
         (void)trace_cont(run->ctx->pids[index], sig);
         return;
     }

@@ -42,5 +42,6 @@ strace_process* strace_find(const strace_ctx* ctx, pid_t pid);
 int strace_index(const strace_ctx* ctx, pid_t pid);
 
 // Lets all processes of the list go that are still traced. A process that sleeps where no signal reaches it,
-// such as the parent of a vfork, is waited for while the others go on.
+// such as the parent of a vfork, is waited for while the others go on, for 3 seconds at most: then only the
+// end of the calling thread sets it free.
 void strace_release_all(strace_ctx* ctx);

@@ -4,6 +4,7 @@
 #include <string.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +17,7 @@ namespace {
 
 constexpr useconds_t shortest_pause_us = 10;
 constexpr useconds_t longest_pause_us = 5000;
+constexpr int64_t patience_ns = 3000000000;
 
 void* as_data(int sig) {
     return reinterpret_cast<void*>(static_cast<intptr_t>(sig));  // NOLINT(performance-no-int-to-ptr)
@@ -46,6 +48,12 @@ bool settle(pid_t pid, int status, bool joining) {
     if (sig == SIGSTOP) {
         return detach(pid, 0);
     }
+    if (status >> 16 == PTRACE_EVENT_EXIT) {
+        return detach(pid, 0);  // its end is its parent's to see
+    }
+    if (sig == SIGCONT) {
+        (void)trace_stop_thread(pid);  // it has discarded the stop signal that is waited for
+    }
     // The stop that was asked for is still to come and would remain when the process were let go here.
     bool stop_due;
     if (joining) {
@@ -73,23 +81,35 @@ int settle_one(strace_ctx* ctx, pid_t pid, int status) {
     return 1;
 }
 
-// The first thread of a process that ended before the others never stops, and its end is not seen before
-// theirs. Gives such ones up; returns how many.
-int give_up_ended(strace_ctx* ctx) {
-    int ended = 0;
+int64_t now_ns() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+// Gives up who can't be waited for; returns how many. The first thread of a process that ended before the
+// others never stops, and its end is not seen before theirs. One that sleeps in the kernel may do so for
+// ever: when patience is at its end, the stop signal is taken back, and the end of this thread sets it free.
+int give_up(strace_ctx* ctx, bool is_late) {
+    int given_up = 0;
     for (int i = 0; i < ctx->names->count; i++) {
         strace_process& process = ctx->names->processes.get()[i];
-        if (process.awaited && proc_state(ctx->pids[i]) == 'Z') {
+        char state = process.awaited ? proc_state(ctx->pids[i]) : '\0';
+        if (state == 'D' && is_late) {
+            (void)kill(ctx->pids[i], SIGCONT);
+        }
+        if (state == 'Z' || (state == 'D' && is_late)) {
             process.awaited = false;
-            ended++;
+            given_up++;
         }
     }
-    return ended;
+    return given_up;
 }
 
 // Waits until the `pending` processes that were asked to stop have been let go.
 void collect(strace_ctx* ctx, int pending) {
     useconds_t pause = shortest_pause_us;
+    const int64_t late = now_ns() + patience_ns;
     while (pending > 0) {
         int status;
         pid_t pid = waitpid(-1, &status, WNOHANG | trace_wait_flags);
@@ -102,7 +122,7 @@ void collect(strace_ctx* ctx, int pending) {
             usleep(pause);
             pause *= 2;
         } else {
-            pending -= give_up_ended(ctx);
+            pending -= give_up(ctx, now_ns() >= late);
             usleep(pause);
         }
     }
@@ -120,6 +140,10 @@ void strace_release_all(strace_ctx* ctx) {
         }
         // A second stop signal behind the attach's own would be left over. A process that has ended leaves
         // its end to be waited for, if it is still ours at all.
+        if (!trace_is_ours(pid)) {
+            ctx->pids[i] = -1;
+            continue;
+        }
         process.awaited = process.joining || process.attach_stop_due || trace_stop_thread(pid) == 0;
         pending += process.awaited;
     }

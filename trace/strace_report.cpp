@@ -96,6 +96,7 @@ int strace_describe_fd(const strace_ctx* ctx, pid_t pid, int fd, char* buf, size
 int strace_printf(strace_ctx* ctx, const char* format, ...) {
     va_list args;
     va_start(args, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the line before makes it
     int length = vsnprintf(ctx->buf, static_cast<size_t>(ctx->bufsize), format, args);
     va_end(args);
     if (length >= 1 && length < ctx->bufsize && ctx->write) {

@@ -345,6 +345,7 @@ TEST_F(request, for_a_trace_of_a_name_of_31_characters_finds_it_and_32_are_too_m
     serve(client, "/x", "cmd=strace&pid=" + longest);
     EXPECT_EQ(first_bytes(client, 15), "HTTP/1.0 200 OK");
     client.go_away();
+    wait_for_workers();  // a traced child's end may be its tracer's to see
     EXPECT_EQ(answer_to("cmd=strace&pid=" + longest + "n"), bad_request_answer);
     EXPECT_EQ(answer_to("cmd=coredump&pid=" + longest + "n"),
               dump_head("core") + std::to_string(not_found.pid()))

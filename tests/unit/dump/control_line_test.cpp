@@ -213,20 +213,20 @@ TEST(dump_read_ctl_line, goes_on_at_the_end_of_the_input_without_spinning) {
         control_text text;
         double before = cpu_seconds();
         auto begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(dump_read_ctl_line(pipe.out.get(), &text, 300), ETIMEDOUT);
-        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(300));
-        EXPECT_LT(cpu_seconds() - before, 0.1);
+        EXPECT_EQ(dump_read_ctl_line(pipe.out.get(), &text, 40), ETIMEDOUT);
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(40));
+        EXPECT_LT(cpu_seconds() - before, 0.02);
         EXPECT_EQ(text.length, strlen(bytes));
     }
 }
 
-TEST(dump_read_ctl_line, waits_no_longer_than_a_second_behind_the_end_of_the_input) {
+TEST(dump_read_ctl_line, does_not_wait_long_behind_the_end_of_the_input) {
     test_pipe pipe;
     pipe.in.reset();
     control_text text;
     auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(dump_read_ctl_line(pipe.out.get(), &text, 60000), ETIMEDOUT);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1000));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(30000));
 }
 
@@ -239,8 +239,6 @@ TEST(dump_read_ctl_line, takes_a_line_that_comes_after_an_end_of_the_input) {
         for (const char* piece : {"half", " a line\n"}) {
             unique_fd in(open(path.c_str(), O_WRONLY | O_CLOEXEC));
             EXPECT_GT(write(in.get(), piece, strlen(piece)), 0);
-            in.reset();
-            std::this_thread::sleep_for(std::chrono::milliseconds(30));
         }
     });
     control_text text;

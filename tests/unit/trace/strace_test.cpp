@@ -385,7 +385,10 @@ TEST(do_strace, signal_that_is_on_its_way_when_the_trace_ends_arrives) {
 
 TEST(do_strace, process_that_was_stopped_before_is_stopped_after) {
     for (int sig : {SIGSTOP, SIGTSTP}) {
-        tracee sleeper(sleep_for_ever);
+        tracee sleeper([] {
+            setpgid(0, 0);  // SIGTSTP stops nobody in a group that has no parent in the session outside it
+            return sleep_for_ever();
+        });
         ASSERT_TRUE(sleeper.asleep());
         kill(sleeper.pid(), sig);
         int status;
