@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
@@ -12,6 +13,8 @@
 
 #include <algorithm>
 #include <cerrno>
+
+#include "proc/proc_list.h"
 
 const int trace_wait_flags = __WALL | __WNOTHREAD;
 
@@ -31,6 +34,17 @@ int64_t now_us() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+// The process that traces `pid`; 0 when there is none.
+pid_t tracer_of(pid_t pid) {
+    char path[32];
+    char text[1024];
+    snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
+    ssize_t length = read_file_once(path, text, sizeof text - 1);
+    text[length > 0 ? length : 0] = '\0';
+    const char* line = strstr(text, "\nTracerPid:");
+    return line ? atoi(line + strlen("\nTracerPid:")) : 0;
 }
 
 bool detach_request(pid_t pid, int sig) {
@@ -127,7 +141,8 @@ pid_t trace_attach_within(pid_t pid, int patience_ms, int* status) {
 bool trace_is_ours(pid_t pid) {
     siginfo_t info = {};
     return waitid(P_PID, static_cast<id_t>(pid), &info,
-                  WEXITED | WSTOPPED | WNOHANG | WNOWAIT | trace_wait_flags) == 0;
+                  WEXITED | WSTOPPED | WNOHANG | WNOWAIT | trace_wait_flags) == 0 &&
+           tracer_of(pid) == getpid();
 }
 
 int trace_stop_thread(pid_t pid) {

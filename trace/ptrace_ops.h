@@ -24,8 +24,8 @@ pid_t trace_attach_within(pid_t pid, int patience_ms, int* status);
 void trace_detach_sig(pid_t pid, int sig);
 void trace_detach(pid_t pid);  // with signal 0
 
-// Whether `pid` is traced by, or a child of, the calling thread. A process number may pass to another thread
-// of its process, which is not traced: by an exec.
+// Whether `pid` is traced by the calling thread. A process number may pass to another thread of its process,
+// which is not traced: by an exec.
 bool trace_is_ours(pid_t pid);
 
 // Brings one thread to a stop that is not a stop of its process; returns kill(2)'s result.

@@ -6,6 +6,7 @@ import random
 import re
 import signal
 import subprocess
+import sys
 import time
 
 import pytest
@@ -285,6 +286,28 @@ def test_threads_go_on(tmp_path, service):
     assert child.returncode == 7
     assert tracer.process.wait(PATIENCE) == 0
     assert calls_of(tracer.text())[-1] == ("exit_group", "7", None)
+
+
+THREAD_EXECS = """
+import os, sys, threading, time
+sys.stdin.read(1)
+threading.Thread(target=os.execv, args=("/bin/sleep", ["sleep", "1000"])).start()
+time.sleep(1000)
+"""
+
+
+def test_process_whose_other_thread_execs_is_not_left_stopped(tmp_path, service):
+    """The exec'ing thread, which nobody traces, gets the number of the one that was traced."""
+    for _ in range(5):
+        child = service(sys.executable, "-c", THREAD_EXECS)
+        tracer = Tracer(tmp_path, child.pid)
+        child.stdin.write(b"x")
+        child.stdin.flush()
+        wait_for(lambda: field(child.pid, "Name") == "sleep", "exec")
+        if tracer.process.poll() is None:
+            tracer.interrupt()
+        assert_free(child.pid)
+        assert field(child.pid, "State")[0] == "S"
 
 
 def test_exit_status_and_signals_reach_the_parent(tmp_path, service):

@@ -330,6 +330,27 @@ TEST_F(socket_cache_lookup_of_real_sockets, socket_that_connects_or_changes_its_
     expect_same(fresh_socket.get());
 }
 
+TEST_F(socket_cache_lookup_of_real_sockets, listeners_that_share_a_port_or_have_a_device) {
+    unique_fd listener = listening(AF_INET);
+    connect_many(listener.get());
+    sockaddr_in shared = {};
+    socklen_t length = any_port(&shared);
+    std::vector<unique_fd> listeners;
+    for (int i = 0; i < 4; i++) {
+        listeners.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        int on = 1;
+        int fd = listeners.back().get();
+        ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on), 0);
+        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&shared), length), 0);
+        ASSERT_EQ(listen(fd, 1), 0);
+        ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&shared), &length), 0);
+    }
+    for (const unique_fd& fd : listeners) {
+        EXPECT_NE(cached(fd.get()).find("TCP_LISTEN"), std::string::npos);
+        expect_same(fd.get());
+    }
+}
+
 TEST_F(socket_cache_lookup_of_real_sockets, unix_sockets_by_what_they_are_bound_to) {
     temp_dir dir;
     unique_fd listener = listening(AF_INET);

@@ -274,6 +274,41 @@ TEST(do_strace, process_that_is_taken_in_the_middle_of_an_exec_goes_on) {
     }
 }
 
+TEST(do_strace, process_whose_other_thread_execs_is_not_stopped) {
+    traced_child child([] {
+        std::thread([] { execl("/bin/sleep", "sleep", "1000", nullptr); }).join();
+        return 1;
+    });
+    child.trace.ctx.seconds = 1;
+    pid_t pid = child.pid();
+    child.run();
+    EXPECT_TRUE(eventually([pid] { return status_field(pid, "Name") == "sleep" && state_of(pid) == 'S'; }))
+        << status_field(pid, "Name") << ' ' << state_of(pid);
+    expect_free(pid);
+}
+
+TEST(do_strace, process_that_is_continued_over_and_over_is_let_go) {
+    tracee busy(sleep_for_ever);
+    ASSERT_TRUE(busy.asleep());
+    std::atomic<bool> done{false};
+    std::thread sender([&done, &busy] {
+        while (!done) {
+            kill(busy.pid(), SIGCONT);
+            usleep(50);
+        }
+    });
+    for (int round = 0; round < 50; round++) {
+        traced_text trace({busy.pid()});
+        trace.goes_on = [round](const traced_text& now) { return now.polls <= round % 5; };
+        trace.run();
+        EXPECT_FALSE(is_traced(busy.pid()));
+    }
+    done = true;
+    sender.join();
+    kill(busy.pid(), SIGCONT);
+    expect_free(busy.pid());
+}
+
 TEST(do_strace, real_trap_is_taken_for_an_exit_and_delivered) {
     static std::atomic<int> traps{0};
     traced_child child([] {
