@@ -25,6 +25,7 @@ OTHER_MACHINE = os.environ.get("ZARVO_URL", "").rstrip("/")
 
 # Seconds until a test gives up on something that is due to happen, and between two looks.
 PATIENCE = 90 if SANITIZE or OTHER_MACHINE else 30
+HTTP_PATIENCE = 240  # an emulated board in a busy machine may compress for long before it has a block to send
 POLL = 0.01
 
 CGI_SOCKET = "/var/run/dbg-cgi/ctrl-cgi-socket"
@@ -385,7 +386,7 @@ def http_open(base_url, target, room=None):
     client = socket.socket()
     if room:
         client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, room)
-    client.settimeout(PATIENCE)
+    client.settimeout(HTTP_PATIENCE)
     client.connect((address.hostname, address.port or 80))
     client.sendall(f"GET {target} HTTP/1.1\r\nHost: {address.netloc}\r\n\r\n".encode())
     return client
