@@ -363,7 +363,8 @@ def test_daemon_does_a_round_at_idle_priority_and_its_status_is_in_the_archive(s
     block = block_of(status.decode(), pid, score)
     assert block == [(total, sockets, 0), *[(0, 0, 0)] * 3, (total // 4, sockets // 4, 0), *[(0, 0, 0)] * 3]
     assert f"pid {pid} name holder fd_score {score} [+{score}] sk=300\n" in daemon.said()
-    assert policies(daemon.pid) == [0, SCHED_IDLE]
+    found = policies(daemon.pid)
+    assert found[0] == 0 and found.count(SCHED_IDLE) == 1  # a sanitizer has threads of its own
 
     archive = body_of(daemon.answer(b"/cgi-bin/debug.tar"), PLAIN_HEAD)
     (member,) = [one for one in split_tar(archive) if one.name == "dbg-monitor.txt"]
