@@ -44,7 +44,7 @@ pid_t tracer_of(pid_t pid) {
     ssize_t length = read_file_once(path, text, sizeof text - 1);
     text[length > 0 ? length : 0] = '\0';
     const char* line = strstr(text, "\nTracerPid:");
-    return line ? atoi(line + strlen("\nTracerPid:")) : 0;
+    return line ? static_cast<pid_t>(strtol(line + strlen("\nTracerPid:"), nullptr, 10)) : 0;
 }
 
 bool detach_request(pid_t pid, int sig) {
