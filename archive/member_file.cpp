@@ -5,7 +5,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <iterator>
@@ -13,6 +12,7 @@
 
 #include "archive/phase.h"
 #include "common/unique_fd.h"
+#include "common/uptime.h"
 
 namespace {
 
@@ -28,12 +28,6 @@ constexpr std::string_view proc_sys_unreadable[] = {
 static_assert(std::ranges::is_sorted(proc_sys_unreadable));
 
 constexpr int retry_pause_ms = 10;
-
-int64_t now_ms() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 // Waits until the non-blocking `fd` has something to say, `patience_ms` at most.
 bool wait_readable(int fd, int64_t patience_ms) {
@@ -56,7 +50,7 @@ ssize_t read_bounded(int fd, char* buf, size_t size) {
             done += static_cast<size_t>(got);
             waited = false;
         } else if (errno == EAGAIN) {
-            int64_t now = now_ms();
+            int64_t now = monotonic_ns() / 1000000;
             deadline = deadline ? deadline : now + member_read_patience_ms;
             if (!wait_readable(fd, deadline - now)) {
                 break;

@@ -5,13 +5,13 @@
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "cgi/http.h"
 #include "cgi/worker.h"
 #include "common/safe_io.h"
 #include "common/unique_fd.h"
+#include "common/uptime.h"
 #include "trace/strace.h"
 
 namespace {
@@ -29,35 +29,30 @@ void install_wake_up() {
     sigaction(wake_up_signal, &action, nullptr);
 }
 
-int64_t now_ms() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-// Waits until the client takes something; false when it has not done so since `since` for as long as it may.
-// The watcher's signals interrupt the wait.
-bool wait_for_client(const strace_request* req, int64_t since) {
-    const int64_t left = since + (req->running ? strace_stall_ms : strace_last_words_ms) - now_ms();
+// Waits until the client takes something; false when it has not done so since `since_ns` for as long as it
+// may. The watcher's signals interrupt the wait.
+bool wait_for_client(const strace_request* req, int64_t since_ns) {
+    const int64_t waited_ms = (monotonic_ns() - since_ns) / 1000000;
+    const int64_t left_ms = (req->running ? strace_stall_ms : strace_last_words_ms) - waited_ms;
     pollfd client = {req->client_fd, POLLOUT, 0};
-    return left > 0 && poll(&client, 1, static_cast<int>(left)) != 0;
+    return left_ms > 0 && poll(&client, 1, static_cast<int>(left_ms)) != 0;
 }
 
 // Writes to the client without waiting longer than the client may stall. Failures are not reported: that the
 // client has gone is the watcher's to see.
 void write_patiently(strace_request* req, const char* text, size_t length) {
-    int64_t since = now_ms();
+    int64_t since_ns = monotonic_ns();
     while (length > 0 && !req->stalled) {
         ssize_t put = send(req->client_fd, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (put >= 0) {
-            since = now_ms();
+            since_ns = monotonic_ns();
             text += put;
             length -= static_cast<size_t>(put);
         } else if (errno == ENOTSOCK) {
             (void)safe_write(req->client_fd, text, static_cast<unsigned>(length));
             return;
         } else if (errno == EAGAIN) {
-            req->stalled = !wait_for_client(req, since);
+            req->stalled = !wait_for_client(req, since_ns);
         } else if (errno != EINTR) {
             return;
         }

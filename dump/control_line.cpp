@@ -11,7 +11,7 @@
 #include <charconv>
 #include <system_error>
 
-#include "dump/deadline.h"
+#include "common/deadline.h"
 
 namespace {
 

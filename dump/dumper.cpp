@@ -9,11 +9,11 @@
 
 #include <algorithm>
 
+#include "common/deadline.h"
 #include "common/fd_range.h"
 #include "common/safe_io.h"
 #include "common/sys_run.h"
 #include "common/temp_file.h"
-#include "dump/deadline.h"
 
 namespace {
 

@@ -7,7 +7,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <time.h>
 
 #include <algorithm>
 
@@ -196,12 +195,6 @@ progress record_all(capture& c) {
     return progress::go_on;
 }
 
-int64_t now_ns() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1000000000} + now.tv_nsec;
-}
-
 // Whether there may be more frames than could be fetched.
 bool is_more_queued(const capture& c) {
     return std::any_of(c.fetched, c.fetched + c.sockets.count,
@@ -212,7 +205,7 @@ bool is_more_queued(const capture& c) {
 void set_pace(capture& c, int count) {
     c.pause_ms = 0;
     if (count > 0) {
-        int64_t now = now_ns();
+        int64_t now = monotonic_ns();
         bool is_busy = now - c.last_ns < count * busy_gap_ns;
         c.pause_ms = is_busy && !is_more_queued(c) ? busy_pause_ms : 0;
         c.last_ns = now;

@@ -8,12 +8,12 @@
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 
+#include "common/deadline.h"
 #include "proc/proc_list.h"
 
 const int trace_wait_flags = __WALL | __WNOTHREAD;
@@ -28,12 +28,6 @@ constexpr int resume_attempts = 4;
 // A number where ptrace takes a pointer.
 void* as_data(long value) {
     return reinterpret_cast<void*>(static_cast<intptr_t>(value));  // NOLINT(performance-no-int-to-ptr)
-}
-
-int64_t now_us() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
 // The process that traces `pid`; 0 when there is none.
@@ -121,7 +115,7 @@ pid_t trace_attach_within(pid_t pid, int patience_ms, int* status) {
         return -1;
     }
     int failures = 0;
-    int64_t end = now_us() + static_cast<int64_t>(patience_ms) * 1000;
+    const deadline patience(patience_ms);
     for (useconds_t pause = attach_pause_us;; pause = std::min(2 * pause, longest_pause_us)) {
         pid_t got = waitpid(pid, status, WUNTRACED | WNOHANG | trace_wait_flags);
         if (got > 0) {
@@ -131,7 +125,7 @@ pid_t trace_attach_within(pid_t pid, int patience_ms, int* status) {
             let_go(pid, 0, false);
             return -1;
         }
-        if (got == 0 && now_us() >= end) {
+        if (got == 0 && patience.left_ms() == 0) {
             return 0;
         }
         usleep(pause);

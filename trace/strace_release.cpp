@@ -4,11 +4,11 @@
 #include <string.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "common/deadline.h"
 #include "proc/proc_list.h"
 #include "trace/ptrace_ops.h"
 #include "trace/strace_process.h"
@@ -17,7 +17,7 @@ namespace {
 
 constexpr useconds_t shortest_pause_us = 10;
 constexpr useconds_t longest_pause_us = 5000;
-constexpr int64_t patience_ns = 3000000000;
+constexpr int patience_ms = 3000;
 
 void* as_data(int sig) {
     return reinterpret_cast<void*>(static_cast<intptr_t>(sig));  // NOLINT(performance-no-int-to-ptr)
@@ -81,12 +81,6 @@ int settle_one(strace_ctx* ctx, pid_t pid, int status) {
     return 1;
 }
 
-int64_t now_ns() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
 // Gives up who can't be waited for; returns how many. The first thread of a process that ended before the
 // others never stops, and its end is not seen before theirs. One that sleeps in the kernel may do so for
 // ever: when patience is at its end, the stop signal is taken back, and the end of this thread sets it free.
@@ -109,7 +103,7 @@ int give_up(strace_ctx* ctx, bool is_late) {
 // Waits until the `pending` processes that were asked to stop have been let go.
 void collect(strace_ctx* ctx, int pending) {
     useconds_t pause = shortest_pause_us;
-    const int64_t late = now_ns() + patience_ns;
+    const deadline patience(patience_ms);
     while (pending > 0) {
         int status;
         pid_t pid = waitpid(-1, &status, WNOHANG | trace_wait_flags);
@@ -122,7 +116,7 @@ void collect(strace_ctx* ctx, int pending) {
             usleep(pause);
             pause *= 2;
         } else {
-            pending -= give_up(ctx, now_ns() >= late);
+            pending -= give_up(ctx, patience.left_ms() == 0);
             usleep(pause);
         }
     }

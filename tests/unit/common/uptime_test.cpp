@@ -36,3 +36,11 @@ TEST(ptime, goes_on_second_by_second) {
         return now > start;
     }));
 }
+
+TEST(monotonic_ns, counts_the_nanoseconds_of_the_same_clock_on) {
+    double before = kernel_uptime();
+    int64_t start = monotonic_ns();
+    EXPECT_TRUE(eventually([start] { return monotonic_ns() - start >= 20000000; }));
+    double passed = static_cast<double>(monotonic_ns() - start) / 1e9;
+    EXPECT_LE(passed, kernel_uptime() - before + 0.02);  // the kernel shows hundredths
+}
