@@ -40,45 +40,25 @@ struct call_format {
     bool hex_result = false;
 };
 
-constexpr arg_format fd(uint8_t n) {
-    return {how::fd, n};
-}
-constexpr arg_format text(uint8_t n) {
-    return {how::text, n};
-}
-constexpr arg_format data(uint8_t n, uint8_t length) {
-    return {how::data, n, length};
-}
-constexpr arg_format data_read(uint8_t n) {
-    return {how::data_read, n};
-}
-constexpr arg_format time_pair(uint8_t n) {
-    return {how::time_pair, n};
-}
-constexpr arg_format dec(uint8_t n) {
-    return {how::decimal, n};
-}
-constexpr arg_format num(uint8_t n) {
-    return {how::number, n};
-}
-constexpr arg_format hex(uint8_t n) {
-    return {how::hex, n};
-}
-constexpr arg_format bare(uint8_t n) {
-    return {how::bare_hex, n};
-}
-constexpr arg_format hex_int(uint8_t n) {
-    return {how::hex_int, n};
-}
-constexpr arg_format bare_int(uint8_t n) {
-    return {how::bare_hex_int, n};
-}
-constexpr arg_format dec_0x(uint8_t n) {
-    return {how::decimal_0x, n};
-}
-constexpr arg_format request(uint8_t n) {
-    return {how::ptrace_request, n};
-}
+// Makes the formats of the table below: `hex(2)` prints argument 2 that way.
+struct in_format {
+    how printed;
+    constexpr arg_format operator()(uint8_t arg, uint8_t length = 0) const { return {printed, arg, length}; }
+};
+
+constexpr in_format fd{how::fd};
+constexpr in_format text{how::text};
+constexpr in_format data{how::data};
+constexpr in_format data_read{how::data_read};
+constexpr in_format time_pair{how::time_pair};
+constexpr in_format dec{how::decimal};
+constexpr in_format num{how::number};
+constexpr in_format hex{how::hex};
+constexpr in_format bare{how::bare_hex};
+constexpr in_format hex_int{how::hex_int};
+constexpr in_format bare_int{how::bare_hex_int};
+constexpr in_format dec_0x{how::decimal_0x};
+constexpr in_format request{how::ptrace_request};
 
 constexpr int nr_socketcall = 4102;
 

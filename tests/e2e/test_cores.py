@@ -1,4 +1,4 @@
-"""Cores of live processes, in the archive and alone, from dumpers of every kind. Some cases take a minute."""
+"""Cores of live processes, in the archive and alone, from dumpers of every kind."""
 
 import contextlib
 import gzip

@@ -25,7 +25,6 @@ TEST(give_memory_back, makes_the_process_smaller_and_it_goes_on) {
     long after = resident_kb("VmRSS");
     EXPECT_GT(before, 0);
     EXPECT_LT(after, before);
-    EXPECT_EQ(std::to_string(after - after), "0");  // text that was dropped is run again
 }
 
 TEST(give_memory_back, may_be_called_again_at_once) {
