@@ -30,7 +30,7 @@ void* as_data(long value) {
     return reinterpret_cast<void*>(static_cast<intptr_t>(value));  // NOLINT(performance-no-int-to-ptr)
 }
 
-// The process that traces `pid`; 0 when there is none.
+// The thread that traces `pid`; 0 when there is none.
 pid_t tracer_of(pid_t pid) {
     char path[32];
     char text[1024];
@@ -136,7 +136,7 @@ bool trace_is_ours(pid_t pid) {
     siginfo_t info = {};
     return waitid(P_PID, static_cast<id_t>(pid), &info,
                   WEXITED | WSTOPPED | WNOHANG | WNOWAIT | trace_wait_flags) == 0 &&
-           tracer_of(pid) == getpid();
+           tracer_of(pid) == gettid();
 }
 
 int trace_stop_thread(pid_t pid) {
