@@ -257,7 +257,8 @@ TEST(trace_setoptions, option_shows_in_the_stops) {
 }
 
 TEST(trace_detach, lets_a_running_process_go_from_any_thread) {
-    // The daemon traces on threads that live on when the trace is over, so the kernel does not do it for them.
+    // The daemon traces on threads that live on when the trace is over, so the kernel does not do it for
+    // them.
     stranger runner(spin);
     std::promise<void> checked;
     std::promise<void> detached;
