@@ -1,0 +1,66 @@
+"""What the tests of the dumper share: its target, and core files as they look from outside."""
+
+import pathlib
+import re
+import struct
+
+SOURCE = pathlib.Path(__file__).resolve().parent / "programs" / "dumped.cpp"
+FLAGS = ["-std=c++20", "-g", "-O1", "-fno-optimize-sibling-calls", "-pthread"]
+
+KNOWN_GLOBAL, KNOWN_DOUBLE = 0x1234567, "2.5"
+CONTROL_LINE = re.compile(rb".{8}(\d+).{21}((?:\d+(?: \d+)*)?)\n", re.DOTALL)
+LOAD = 1
+PN_XNUM = 0xFFFF    # the number is in the first section header
+
+# Questions for gdb; everything it says about them is one text.
+GDB_COMMANDS = ["set pagination off", "thread apply all backtrace", "print/x known_global", "print known_double",
+                "info proc mappings", "info auxv", "print $_siginfo.si_signo"]  # fmt: skip
+
+
+def gdb_words(program, core, debugger="gdb", commands=GDB_COMMANDS):
+    words = [debugger, "-nx", "-batch"]
+    for command in commands:
+        words += ["-ex", command]
+    return [*words, str(program), str(core)]
+
+
+def announced(control):
+    """The length that the control line at the beginning of `control` announces, and the text behind the line."""
+    match = CONTROL_LINE.match(control)
+    assert match and match.end() <= 511, control
+    assert match[2] == b"", control
+    return int(match[1]), control[match.end() :].decode()
+
+
+class Core:
+    """A core file in memory: 64-bit or 32-bit, little endian."""
+
+    def __init__(self, content):
+        self.content = content
+        assert content[:4] == b"\x7fELF" and content[5] == 1
+        self.wide = content[4] == 2
+        head = struct.unpack_from("<HHIQQQIHHHHHH" if self.wide else "<HHIIIIIHHHHHH", content, 16)
+        self.machine, start, size, count = head[1], head[4], head[8], head[9]
+        self.loads = []
+        if count == PN_XNUM:
+            count = struct.unpack_from("<I", content, head[5] + (44 if self.wide else 28))[0]
+        for i in range(count):
+            self._take(start + i * size)
+
+    def _take(self, at):
+        if self.wide:
+            kind, _, offset, address, _, length, room, _ = struct.unpack_from("<IIQQQQQQ", self.content, at)
+        else:
+            kind, offset, address, _, length, room, _, _ = struct.unpack_from("<IIIIIIII", self.content, at)
+        if kind == LOAD:
+            self.loads.append((address, room, offset, length))
+
+    def at(self, address, length):
+        """Bytes of memory; None where the file has no content for them, or only for some."""
+        for start, _, offset, content in self.loads:
+            if start <= address and address + length <= start + content:
+                return self.content[offset + address - start : offset + address - start + length]
+        return None
+
+    def covers(self, address):
+        return any(start <= address < start + room for start, room, _, _ in self.loads)

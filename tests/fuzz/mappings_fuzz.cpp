@@ -1,0 +1,83 @@
+// Any bytes as the files of a process that the dumper reads: mappings, stat, status. What is understood makes
+// sense, and a plan made of it adds up.
+#include <stdint.h>
+#include <stdlib.h>
+
+#include <string_view>
+
+#include "tools/dcore/filter.h"
+#include "tools/dcore/layout.h"
+#include "tools/dcore/mappings.h"
+#include "tools/dcore/process.h"
+
+namespace {
+
+constexpr uint64_t page = 4096;
+
+void require(bool fact) {
+    if (!fact) {
+        abort();
+    }
+}
+
+// Mappings in order and on page boundaries, as the kernel has them, with every second page as content.
+void plan(core_layout& layout, const core_mapping& mapping, uint64_t& last_end) {
+    if (mapping.start % page != 0 || mapping.end % page != 0 || mapping.start < last_end) {
+        return;
+    }
+    last_end = mapping.end;
+    layout_mapping(layout, mapping.start, mapping.end, 0);
+    if (filter_choose(mapping, 0x33) != core_content::none) {
+        for (uint64_t at = mapping.start; at < mapping.end && at < mapping.start + 16 * page;
+             at += 2 * page) {
+            layout_content(layout, at, at + page);
+        }
+    }
+    if (mapping.is_file) {
+        layout_file(layout, mapping.start, mapping.end, mapping.offset, mapping.path);
+    }
+}
+
+void check_plan(const core_layout& layout) {
+    uint64_t content = 0, last_end = 0;
+    for (const core_segment& segment : layout.segments) {
+        require(segment.start() >= last_end && segment.end > segment.start());
+        require(segment.content <= segment.end - segment.start());
+        last_end = segment.end;
+        content += segment.content;
+    }
+    core_places places = layout_places(layout, 100);
+    require(places.length == places.content + content && places.content % page == 0);
+    require(layout.segments.size() <= layout.mappings + layout.spare_segments);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    std::string_view text(reinterpret_cast<const char*>(data), size), rest = text;
+    core_layout layout = layout_new(page);
+    layout.spare_segments = 8;
+    core_mapping mapping;
+    uint64_t last_end = 0;
+    while (!rest.empty()) {
+        std::string_view line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(line.size() < rest.size() ? line.size() + 1 : rest.size());
+        if (mapping_parse_head(line, mapping)) {
+            require(mapping.start < mapping.end && mapping.path.size() <= line.size());
+            plan(layout, mapping, last_end);
+        } else {
+            mapping_parse_detail(line, mapping);
+        }
+    }
+    check_plan(layout);
+    process_stat stat;
+    if (process_parse_stat(text, stat)) {
+        require(stat.name.size() < size && stat.parent >= INT32_MIN);
+    }
+    process_status status;
+    if (process_parse_status(text, status)) {
+        require(status.process != 0);
+    }
+    (void)process_parse_filter(text);
+    return 0;
+}

@@ -1,0 +1,120 @@
+#include "tools/dcore/stream.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int tick_ms = 200;
+constexpr long tick_us = tick_ms * 1000L;
+constexpr size_t buffer_alignment = 1 << 16;
+static_assert(stream_buffer_size % buffer_alignment == 0);
+
+void note_tick(int) {
+    // That it interrupts a write is all.
+}
+
+void start_ticks() {
+    struct sigaction action = {};
+    action.sa_handler = note_tick;
+    sigaction(SIGALRM, &action, nullptr);
+    sigset_t tick;
+    sigemptyset(&tick);
+    sigaddset(&tick, SIGALRM);
+    sigprocmask(SIG_UNBLOCK, &tick, nullptr);
+    itimerval interval = {{0, tick_us}, {0, tick_us}};
+    setitimer(ITIMER_REAL, &interval, nullptr);
+}
+
+void mind_limits(core_stream& stream) {
+    threads_bury(*stream.hold);
+    int64_t now = monotonic_ms();
+    if (stream.let_go_early || now - stream.progress_ms > stream_stall_limit_ms ||
+        now - stream.hold->stopped_at_ms > stream_hold_limit_ms) {
+        if (!threads_all_let_go(*stream.hold)) {
+            stream.let_go_early = true;
+            threads_let_go(*stream.hold);
+        }
+    }
+}
+
+// Returns how many bytes were written, which may be none.
+size_t write_some(core_stream& stream, const unsigned char* data, size_t length) {
+    ssize_t wrote = write(stream.fd, data, length);
+    if (wrote > 0) {
+        stream.progress_ms = monotonic_ms();
+        return static_cast<size_t>(wrote);
+    }
+    if (wrote < 0 && errno == EAGAIN) {
+        pollfd reader = {stream.fd, POLLOUT, 0};
+        poll(&reader, 1, tick_ms);
+    } else if (wrote < 0 && errno != EINTR) {
+        stream.error = errno;
+    }
+    return 0;
+}
+
+}  // namespace
+
+core_stream stream_new(int fd, thread_hold& hold) {
+    core_stream stream;
+    stream.fd = fd;
+    stream.hold = &hold;
+    stream.progress_ms = monotonic_ms();
+    stream.buffer.reset(static_cast<unsigned char*>(aligned_alloc(buffer_alignment, stream_buffer_size)));
+    if (!stream.buffer) {
+        abort();  // which lets the process go, too
+    }
+    start_ticks();
+    return stream;
+}
+
+void stream_put(core_stream& stream, const void* data, size_t length) {
+    auto from = static_cast<const unsigned char*>(data);
+    while (length > 0) {
+        std::span<unsigned char> room = stream_room(stream);
+        size_t step = std::min(room.size(), length);
+        memcpy(room.data(), from, step);
+        stream_filled(stream, step);
+        from += step;
+        length -= step;
+    }
+}
+
+void stream_put_zeros(core_stream& stream, uint64_t length) {
+    while (length > 0) {
+        std::span<unsigned char> room = stream_room(stream);
+        size_t step = static_cast<size_t>(std::min<uint64_t>(room.size(), length));
+        memset(room.data(), 0, step);
+        stream_filled(stream, step);
+        length -= step;
+    }
+}
+
+std::span<unsigned char> stream_room(core_stream& stream) {
+    if (stream.used == stream_buffer_size) {
+        stream_flush(stream);
+    }
+    return {stream.buffer.get() + stream.used, stream_buffer_size - stream.used};
+}
+
+void stream_filled(core_stream& stream, size_t length) {
+    stream.used += length;
+    stream.position += length;
+}
+
+int stream_flush(core_stream& stream) {
+    size_t done = 0;
+    while (done < stream.used && stream.error == 0) {
+        done += write_some(stream, stream.buffer.get() + done, stream.used - done);
+        mind_limits(stream);
+    }
+    stream.used = 0;
+    return stream.error;
+}
