@@ -8,6 +8,7 @@ A benchmark is a file FOLDER/NAME.py with
 """
 
 import collections
+import contextlib
 import datetime
 import os
 import pathlib
@@ -63,6 +64,16 @@ def proc_numbers(pid, name):
         if colon and rest.split()[:1] and rest.split()[0].isdigit():
             found[key] = int(rest.split()[0])
     return found
+
+
+@contextlib.contextmanager
+def crowd(processes, descriptors):
+    """Sleeping processes with that many descriptors each, for as long as the context lasts (bench_crowd)."""
+    words = [BIN / "bench_crowd", str(processes), str(descriptors)]
+    with subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as started:
+        if started.stdout.readline() != b"ready\n":
+            raise Broken("bench_crowd failed")
+        yield
 
 
 class Report:

@@ -9,5 +9,6 @@ struct rtrace_request {
     uint32_t mask;     // sources
 };
 
-// Thread entry; takes over the rtrace_request (from malloc) and its connection.
+// Thread entry; takes over the rtrace_request (from malloc) and its connection. The trace ends when the
+// browser goes, which is noticed within a second also between two samples.
 void* run_rtrace_request(void* record);

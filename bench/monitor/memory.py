@@ -17,18 +17,8 @@ BOUND_KB = 1536
 
 def run(report):
     few = watch(report, "few processes")
-    crowd = subprocess.Popen(
-        [measure.BIN / "bench_crowd", str(PROCESSES), str(DESCRIPTORS)],
-        stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-    )  # fmt: skip
-    try:
-        if crowd.stdout.readline() != b"ready\n":
-            raise measure.Broken("bench_crowd failed")
+    with measure.crowd(PROCESSES, DESCRIPTORS):
         many = watch(report, f"{PROCESSES} processes", BOUND_KB)
-    finally:
-        crowd.stdin.close()
-        crowd.stdout.close()
-        crowd.wait()
     report.figure(f"what {PROCESSES} processes add", many - few, "kB private")
     idle(report)
 

@@ -1,5 +1,3 @@
-import subprocess
-
 import measure
 
 ABOUT = "a round of the leak monitor over 1,000 processes with 20 descriptors each, CPU time"
@@ -11,18 +9,8 @@ STATUS = "/run/bench-status"
 
 
 def run(report):
-    crowd = subprocess.Popen(
-        [measure.BIN / "bench_crowd", str(PROCESSES), str(DESCRIPTORS)],
-        stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-    )  # fmt: skip
-    try:
-        if crowd.stdout.readline() != b"ready\n":
-            raise measure.Broken("bench_crowd failed")
+    with measure.crowd(PROCESSES, DESCRIPTORS):
         compare(report)
-    finally:
-        crowd.stdin.close()
-        crowd.stdout.close()
-        crowd.wait()
 
 
 def compare(report):

@@ -352,10 +352,15 @@ TEST_F(request, for_a_trace_of_a_name_of_31_characters_finds_it_and_32_are_too_m
         << "a core has no such limit";
 }
 
-// There is no engine behind these yet.
-TEST_F(request, for_a_resource_trace_is_answered_as_a_broken_server) {
-    for (const char* query : {"cmd=rtrace", "cmd=rtrace&interval=abc", "cmd=rtracefoo"}) {
-        EXPECT_EQ(answer_to(query), broken_server_answer) << query;
+// Only of what tells nothing about other processes and starts no program.
+TEST_F(request, for_a_resource_trace_starts_a_download_of_its_records) {
+    const std::string head = download_head("application/octet-stream", "rtrace");
+    for (const char* query : {"cmd=rtrace&trace=meminfo", "cmd=rtrace&interval=abc&trace=meminfo",
+                              "cmd=rtracefoo&interval=1&trace=%20meminfo%20,bogus"}) {
+        browser client;
+        serve(client, "/x", query);
+        std::string answer = first_bytes(client, head.size() + 4);
+        EXPECT_EQ(answer, head + std::string("\x08\0\0\0", 4)) << query;
     }
 }
 

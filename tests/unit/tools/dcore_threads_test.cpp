@@ -34,7 +34,11 @@ struct child {
     }
     ~child() {
         kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
+        // Threads that are still traced, as a sanitizer's own may be, are waited for before their process.
+        pid_t ended;
+        do {
+            ended = waitpid(-1, nullptr, __WALL);
+        } while (ended > 0 && ended != pid);
     }
     std::string field(const std::string& key) const {
         std::ifstream file("/proc/" + std::to_string(pid) + "/status");
@@ -66,7 +70,8 @@ TEST(dcore_threads, run_on_while_they_are_only_seized) {
     target.await_state('S');
     thread_hold hold;
     ASSERT_EQ(threads_seize(target.pid, hold), 0);
-    ASSERT_EQ(hold.threads.size(), 1u);
+    EXPECT_GE(hold.threads.size(), 1u);  // a sanitizer may have a thread of its own
+    EXPECT_EQ(hold.threads[0].tid, target.pid);
     EXPECT_EQ(target.field("State")[0], 'S');
     EXPECT_EQ(target.field("TracerPid"), std::to_string(getpid()));
 }

@@ -1,0 +1,51 @@
+#include "tools/rtraceview/options.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+std::string parsed(std::vector<std::string> words, view_options* options) {
+    words.insert(words.begin(), "rtraceview");
+    std::vector<char*> argv;
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    testing::internal::CaptureStderr();
+    std::string wrong = parse_view_options(static_cast<int>(words.size()), argv.data(), options);
+    testing::internal::GetCapturedStderr();
+    return wrong;
+}
+
+}  // namespace
+
+TEST(rtraceview_options, name_a_file_and_a_format) {
+    view_options options;
+    EXPECT_EQ(parsed({"rtrace"}, &options), "");
+    EXPECT_EQ(options.format, view_format::text);
+    EXPECT_EQ(options.input, "rtrace");
+    EXPECT_EQ(parsed({"--json", "-"}, &options), "");
+    EXPECT_EQ(options.format, view_format::json);
+    EXPECT_EQ(options.input, "-");
+    EXPECT_EQ(parsed({"rtrace", "--csv"}, &options), "");
+    EXPECT_EQ(options.format, view_format::csv);
+    EXPECT_EQ(parsed({"--html", "page.html", "rtrace"}, &options), "");
+    EXPECT_EQ(options.format, view_format::html);
+    EXPECT_EQ(options.page, "page.html");
+}
+
+TEST(rtraceview_options, that_are_wrong_are_named) {
+    view_options options;
+    EXPECT_EQ(parsed({}, &options), "no file");
+    EXPECT_EQ(parsed({"a", "b"}, &options), "more than one file");
+    EXPECT_EQ(parsed({"--json", "--csv", "a"}, &options), "more than one format");
+    EXPECT_EQ(parsed({"--wrong", "a"}, &options), "an option that there is not");
+}
+
+TEST(rtraceview_options, may_ask_for_help) {
+    view_options options;
+    EXPECT_EQ(parsed({"--help"}, &options), "");
+    EXPECT_TRUE(options.wants_help);
+}

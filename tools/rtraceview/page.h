@@ -1,0 +1,55 @@
+// A trace as one page with plots over time, which needs nothing but itself.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tools/rtraceview/output.h"
+#include "tools/rtraceview/samples.h"
+
+class page_builder : public sample_visitor {
+public:
+    // Of plots with a line for each process or mount, the lines that reach highest are shown.
+    static constexpr size_t lines_limit = 12;
+    static constexpr size_t events_limit = 5000;  // further ones are only counted
+    static constexpr size_t event_length_limit = 300;
+
+    void begin(int64_t time_ms, uint64_t offset) override;
+    void value(const sample_place& place, double number, int64_t time_ms) override;
+    void text(const sample_place& place, std::string_view text, int64_t time_ms) override;
+    void end() override;
+
+    // Writes the page; `title` names the trace, `remarks` are shown above the plots.
+    void write(std::string_view title, const std::vector<std::string>& remarks, text_output& out) const;
+
+private:
+    struct point {
+        uint32_t sample;
+        float number;
+    };
+    struct line {
+        std::vector<point> points;
+        float highest = 0;
+    };
+    using lines = std::map<std::string, line, std::less<>>;
+    struct event {
+        int64_t time_ms;
+        std::string text;
+    };
+
+    std::string label_of(size_t plot, const std::string& name) const;
+    std::vector<lines::const_iterator> chosen(size_t plot) const;
+    void write_plot(size_t plot, text_output& out) const;
+    void write_rows(const std::vector<lines::const_iterator>& shown, text_output& out) const;
+    void write_events(text_output& out) const;
+
+    std::vector<int64_t> times_;                             // of the samples
+    std::map<size_t, lines> plots_;                          // by their place in the table of plots
+    std::map<std::string, std::string, std::less<>> names_;  // of processes
+    std::vector<event> events_;
+    uint64_t events_left_out_ = 0;
+};

@@ -1,0 +1,17 @@
+#include "tools/rtraceview/page_assets.h"
+
+// The build says where each file is. The bytes go into the program as they stand.
+#define PAGE_ASSET(name, file)                                                  \
+    asm(".pushsection .rodata\n" #name "_begin:\n.incbin \"" file "\"\n" #name  \
+        "_end:\n"                                                               \
+        ".byte 0\n.popsection\n");                                              \
+    extern "C" const char name##_begin[] __attribute__((visibility("hidden"))); \
+    extern "C" const char name##_end[] __attribute__((visibility("hidden")));   \
+    std::string_view name() {                                                   \
+        return {name##_begin, static_cast<size_t>(name##_end - name##_begin)};  \
+    }
+
+PAGE_ASSET(page_asset_library, PAGE_LIBRARY)
+PAGE_ASSET(page_asset_library_style, PAGE_LIBRARY_STYLE)
+PAGE_ASSET(page_asset_style, PAGE_STYLE)
+PAGE_ASSET(page_asset_script, PAGE_SCRIPT)

@@ -1,0 +1,70 @@
+#include "tools/rtraceview/view.h"
+
+#include "tools/rtraceview/csv.h"
+#include "tools/rtraceview/json.h"
+#include "tools/rtraceview/page.h"
+#include "tools/rtraceview/samples.h"
+#include "tools/rtraceview/text.h"
+
+namespace {
+
+void view_text(record_reader& reader, text_output& out) {
+    text_writer writer(out);
+    for (record next; reader.next(&next);) {
+        writer.add(next);
+    }
+}
+
+void view_samples(record_reader& reader, sample_visitor& visitor, view_result* result) {
+    sample_builder builder(visitor);
+    for (record next; reader.next(&next);) {
+        builder.add(next);
+    }
+    builder.finish();
+    if (builder.unfinished_files() > 0) {
+        result->remarks.push_back("files without their end, left out: " +
+                                  std::to_string(builder.unfinished_files()));
+    }
+    if (builder.times_back() > 0) {
+        result->remarks.push_back(
+            "offset " + std::to_string(builder.first_back_offset()) +
+            ": the time goes back; times in all: " + std::to_string(builder.times_back()));
+    }
+}
+
+void remark_on_stream(const record_reader& reader, view_result* result) {
+    result->state = reader.state();
+    if (reader.unknown_records() > 0) {
+        result->remarks.push_back("records of unknown types, skipped: " +
+                                  std::to_string(reader.unknown_records()));
+    }
+    if (!reader.complaint().empty()) {
+        result->remarks.push_back(reader.complaint());
+    }
+}
+
+}  // namespace
+
+view_result view_trace(const record_reader::byte_source& source, view_format format, std::string_view title,
+                       text_output& out) {
+    record_reader reader(source);
+    view_result result;
+    page_builder page;
+    if (format == view_format::text) {
+        view_text(reader, out);
+    } else if (format == view_format::json) {
+        json_writer writer(out);
+        view_samples(reader, writer, &result);
+    } else if (format == view_format::csv) {
+        csv_writer writer(out);
+        view_samples(reader, writer, &result);
+    } else {
+        view_samples(reader, page, &result);
+    }
+    remark_on_stream(reader, &result);
+    if (format == view_format::html) {
+        page.write(title, result.remarks, out);
+    }
+    out.flush();
+    return result;
+}
