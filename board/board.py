@@ -58,12 +58,14 @@ class Done:
     err: bytes
 
 
-def missing():
-    """Why no board can be booted here, or None."""
+def missing(build=None, program="zarvo"):
+    """Why no board can be booted here, or with a build, none that has the program; None when it can."""
     if not shutil.which(EMULATOR):
         return f"{EMULATOR} is missing (Debian package qemu-system-mips)"
     if not (BUILD / "unpacked.json").exists() or not SYSROOT.is_dir() or not KERNEL.is_dir():
         return f"the board's kernel and libraries are not in build/board (board/fetch gets them)"
+    if build and not (build / "bin" / program).exists():
+        return f"there is no {program} in {build.parent.name}/{build.name}/bin (cmake --build --preset mipsel)"
     return None
 
 

@@ -41,10 +41,8 @@ def program(tmp_path_factory):
 
 @pytest.fixture(scope="module")
 def machine(program):
-    if reason := emulated.missing():
+    if reason := emulated.missing(BUILD, "dcore"):
         pytest.skip(reason)
-    if not (BUILD / "bin" / "dcore").exists():
-        pytest.skip("needs the build for the board (cmake --preset mipsel)")
     with emulated.Board(build=BUILD) as shared:
         shared.put(program, "/tmp/dumped", 0o755)
         yield shared

@@ -31,10 +31,8 @@ ICMP, ECHO_REQUEST, TCP, HTTP_PORT = 1, 8, 6, b"\0\x50"
 @pytest.fixture(scope="module")
 def served():
     """A board with a daemon behind a web front, and a process that never stops calling the system."""
-    if reason := emulated.missing():
+    if reason := emulated.missing(BUILD):
         pytest.skip(reason)
-    if not (BUILD / "bin/zarvo").exists():
-        pytest.skip("there is no build/mipsel/bin/zarvo")
     with emulated.Board(BUILD, http=True) as board:
         put_device_files(board)
         pid = start_daemon(board)

@@ -18,10 +18,8 @@ BUILD = ROOT / "build/mipsel"
 @pytest.fixture(scope="module")
 def served():
     """The address of the web front."""
-    if reason := emulated.missing():
+    if reason := emulated.missing(BUILD):
         pytest.skip(reason)
-    if not (BUILD / "bin/zarvo").exists():
-        pytest.skip("there is no build/mipsel/bin/zarvo")
     with emulated.Board(BUILD, http=True) as board:
         put_device_files(board)
         start_daemon(board)

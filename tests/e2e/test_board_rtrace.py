@@ -53,10 +53,8 @@ PROGRAMS = {
 
 @pytest.fixture(scope="module")
 def machine():
-    if reason := emulated.missing():
+    if reason := emulated.missing(BUILD):
         pytest.skip(reason)
-    if not (BUILD / "bin/zarvo").exists():
-        pytest.skip("there is no build/mipsel/bin/zarvo")
     if not VIEWER.exists():
         pytest.skip("there is no build/host/bin/rtraceview")
     with emulated.Board(BUILD, http=True) as board:

@@ -155,12 +155,10 @@ def expected_lines(calls):
 
 @pytest.fixture(scope="module")
 def machine():
-    if reason := emulated.missing():
+    if reason := emulated.missing(BUILD, "tstrace"):
         pytest.skip(reason)
     if not shutil.which(COMPILER):
         pytest.skip(f"needs {COMPILER}")
-    if not (BUILD / "bin" / "tstrace").exists():
-        pytest.skip("needs the build for the board (cmake --preset mipsel)")
     with emulated.Board(build=BUILD) as shared:
         yield shared
 
