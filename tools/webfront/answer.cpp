@@ -25,8 +25,8 @@ constexpr struct {
 
 }  // namespace
 
-std::string webfront_answer(int status, std::string_view content_type, std::string_view body,
-                            bool with_body) {
+std::string webfront_answer(int status, std::string_view content_type, std::string_view body, bool with_body,
+                            std::string_view fields) {
     const auto* row = std::ranges::find(statuses, status, [](const auto& one) { return one.status; });
     if (row == std::end(statuses)) {
         abort();
@@ -34,7 +34,10 @@ std::string webfront_answer(int status, std::string_view content_type, std::stri
     std::string answer = "HTTP/1.0 " + std::to_string(status) + " ";
     answer.append(row->reason).append("\r\nConnection: close\r\nContent-Type: ").append(content_type);
     answer.append("\r\nContent-Length: ").append(std::to_string(body.size()));
-    answer.append("\r\nX-Content-Type-Options: nosniff\r\n").append(row->fields).append("\r\n");
+    answer.append("\r\nX-Content-Type-Options: nosniff\r\n")
+        .append(row->fields)
+        .append(fields)
+        .append("\r\n");
     if (with_body) {
         answer.append(body);
     }

@@ -1,6 +1,7 @@
 #include "tools/webfront/judge.h"
 
 #include "tools/webfront/answer.h"
+#include "tools/webfront/listing.h"
 #include "tools/webfront/page.h"
 #include "tools/webfront/target.h"
 
@@ -47,14 +48,31 @@ objection check_request(const webfront_head& head) {
     return {};
 }
 
+// The road of a request to which nothing is to be objected.
+webfront_verdict find_road(std::string_view target) {
+    std::string_view path = webfront_split_target(target).path;
+    if (const webfront_page_file* file = webfront_find_page_file(path)) {
+        return {webfront_road::answer,
+                webfront_answer(200, file->content_type, file->bytes, true, webfront_page_fields)};
+    }
+    if (webfront_is_listing(path)) {
+        return {webfront_road::listing, std::string(path)};
+    }
+    if (path.starts_with(webfront_own_paths)) {
+        return {webfront_road::answer, webfront_error(404, "There is no such page.")};
+    }
+    return {webfront_road::daemon, webfront_message(target)};
+}
+
 }  // namespace
 
 webfront_verdict webfront_judge_broken(webfront_head_state state) {
     if (state == webfront_head_state::too_large) {
-        return {false, webfront_error(431, "The request's head is longer than " +
-                                               std::to_string(webfront_head_limit) + " bytes.")};
+        return {webfront_road::answer,
+                webfront_error(431, "The request's head is longer than " +
+                                        std::to_string(webfront_head_limit) + " bytes.")};
     }
-    return {false, webfront_error(400, "The request is not well-formed HTTP.")};
+    return {webfront_road::answer, webfront_error(400, "The request is not well-formed HTTP.")};
 }
 
 webfront_verdict webfront_judge(const webfront_head& head, uint16_t port) {
@@ -63,10 +81,7 @@ webfront_verdict webfront_judge(const webfront_head& head, uint16_t port) {
         found = check_request(head);
     }
     if (found.status != 0) {
-        return {false, webfront_error(found.status, found.sentence, head.method != "HEAD")};
+        return {webfront_road::answer, webfront_error(found.status, found.sentence, head.method != "HEAD")};
     }
-    if (webfront_split_target(head.target).path == "/") {
-        return {false, webfront_answer(200, "text/html; charset=utf-8", webfront_page())};
-    }
-    return {true, webfront_message(head.target)};
+    return find_road(head.target);
 }

@@ -7,9 +7,15 @@
 
 #include "tools/webfront/head.h"
 
+enum class webfront_road {
+    answer,   // the bytes are the whole answer
+    daemon,   // the bytes are the message with which the connection is handed over
+    listing,  // the bytes are the path of a listing, which is to be made
+};
+
 struct webfront_verdict {
-    bool hand_over = false;
-    std::string bytes;  // the message for the daemon when handed over, else the whole answer
+    webfront_road road = webfront_road::answer;
+    std::string bytes;
 };
 
 // The verdict on a head that is bad or too large.

@@ -12,6 +12,8 @@
 #include "tools/webfront/handover.h"
 #include "tools/webfront/head.h"
 #include "tools/webfront/judge.h"
+#include "tools/webfront/listing.h"
+#include "tools/webfront/pool.h"
 
 namespace {
 
@@ -92,7 +94,11 @@ void expire(connection& client) {
 class server {
 public:
     server(unique_fd listener, uint16_t port, const std::string& socket_path)
-        : listener_(std::move(listener)), port_(port), handover_(socket_path) {}
+        : listener_(std::move(listener)),
+          port_(port),
+          handover_(webfront_handover_threads, webfront_connection_limit,
+                    [socket_path](const webfront_job& job) { return webfront_hand_over(socket_path, job); }),
+          listings_(webfront_listing_threads, webfront_listing_queue, webfront_list) {}
 
     void round() {
         std::vector<pollfd> waiting = wait();
@@ -106,30 +112,28 @@ public:
             }
         }
         std::erase_if(clients_, [](const connection& client) { return client.now == phase::done; });
-        for (webfront_refused& refused : handover_.take_refused()) {
-            connection& client = clients_.emplace_back();
-            client.fd = std::move(refused.client);
-            start_answer(client, std::move(refused.answer));
-        }
+        take_answered(handover_);
+        take_answered(listings_);
         if (waiting.back().revents != 0) {
             accept_some();
         }
     }
 
 private:
-    // One entry for each client, then the hand-over's event and the listener.
+    // One entry for each client, then the pools' events and the listener.
     std::vector<pollfd> wait() const {
         steady::time_point now = steady::now();
         bool paused = now < paused_until_;
         steady::time_point until = paused ? paused_until_ : steady::time_point::max();
         std::vector<pollfd> waiting;
-        waiting.reserve(clients_.size() + 2);
+        waiting.reserve(clients_.size() + 3);
         for (const connection& client : clients_) {
             short events = client.now == phase::answering ? POLLOUT : POLLIN;
             waiting.push_back({client.fd.get(), events, 0});
             until = std::min(until, client.deadline);
         }
-        waiting.push_back({handover_.refused_event(), POLLIN, 0});
+        waiting.push_back({handover_.answered_event(), POLLIN, 0});
+        waiting.push_back({listings_.answered_event(), POLLIN, 0});
         waiting.push_back({paused ? -1 : listener_.get(), POLLIN, 0});
         int timeout = -1;
         if (until != steady::time_point::max()) {
@@ -177,12 +181,25 @@ private:
         webfront_verdict verdict = state == webfront_head_state::complete
                                        ? webfront_judge(client.reader.head(), port_)
                                        : webfront_judge_broken(state);
-        if (verdict.hand_over) {
-            handover_.submit(std::move(client.fd), std::move(verdict.bytes));
-            client.now = phase::done;
+        if (verdict.road == webfront_road::answer) {
+            start_answer(client, std::move(verdict.bytes));
             return;
         }
-        start_answer(client, std::move(verdict.bytes));
+        webfront_pool& pool = verdict.road == webfront_road::daemon ? handover_ : listings_;
+        if (pool.submit(client.fd, std::move(verdict.bytes))) {
+            client.now = phase::done;
+        } else {
+            start_answer(client,
+                         webfront_error(503, "Too many requests wait for their turn; try again later."));
+        }
+    }
+
+    void take_answered(webfront_pool& pool) {
+        for (webfront_answered& answered : pool.take_answered()) {
+            connection& client = clients_.emplace_back();
+            client.fd = std::move(answered.client);
+            start_answer(client, std::move(answered.answer));
+        }
     }
 
     void accept_some() {
@@ -197,7 +214,7 @@ private:
             connection client;
             client.fd = std::move(fd);
             client.deadline = steady::now() + webfront_head_time;
-            if (clients_.size() + handover_.held() >= webfront_connection_limit) {
+            if (clients_.size() + handover_.held() + listings_.held() >= webfront_connection_limit) {
                 turn_away(client);
             } else {
                 clients_.push_back(std::move(client));
@@ -214,7 +231,8 @@ private:
 
     unique_fd listener_;
     const uint16_t port_;
-    webfront_handover handover_;
+    webfront_pool handover_;
+    webfront_pool listings_;
     std::vector<connection> clients_;
     steady::time_point paused_until_{};
 };

@@ -19,6 +19,11 @@ TEST(webfront_answer, only_counts_the_body_that_it_leaves_out) {
     EXPECT_TRUE(answer.ends_with("\r\n\r\n"));
 }
 
+TEST(webfront_answer, takes_further_fields) {
+    EXPECT_NE(webfront_answer(200, "text/css", "x", true, "A: b\r\n").find("\r\nA: b\r\n\r\nx"),
+              std::string::npos);
+}
+
 TEST(webfront_error, is_one_plain_sentence_and_a_newline) {
     std::string answer = webfront_error(503, "Busy.");
     EXPECT_TRUE(answer.starts_with("HTTP/1.0 503 Service Unavailable\r\n"));

@@ -16,23 +16,59 @@ webfront_head good_head(const std::string& target) {
     return head;
 }
 
-// The status of an answer the front gives itself; 0 when the request is handed over.
+// The status of an answer that is there at once, else 0.
 int status_of(const webfront_head& head) {
     webfront_verdict verdict = webfront_judge(head, port);
-    return verdict.hand_over ? 0 : std::stoi(verdict.bytes.substr(9, 3));
+    return verdict.road == webfront_road::answer ? std::stoi(verdict.bytes.substr(9, 3)) : 0;
 }
 
 }  // namespace
 
 TEST(webfront_judge, hands_a_good_request_over_as_a_message) {
     webfront_verdict verdict = webfront_judge(good_head("/debugar.cgi?cmd=ps"), port);
-    EXPECT_TRUE(verdict.hand_over);
+    EXPECT_EQ(verdict.road, webfront_road::daemon);
     EXPECT_EQ(verdict.bytes, "/debugar.cgi\0cmd=ps"s);
 }
 
 TEST(webfront_judge, answers_the_page_itself_whatever_its_query) {
     EXPECT_EQ(status_of(good_head("/")), 200);
     EXPECT_EQ(status_of(good_head("/?x")), 200);
+}
+
+TEST(webfront_judge, answers_the_files_of_the_page_under_its_policy) {
+    for (const char* target : {"/", "/webfront/page.css", "/webfront/page.js?v=2"}) {
+        std::string answer = webfront_judge(good_head(target), port).bytes;
+        EXPECT_TRUE(answer.starts_with("HTTP/1.0 200 OK\r\n")) << target;
+        EXPECT_NE(answer.find("\r\nContent-Security-Policy: default-src 'none'; script-src 'self';"),
+                  std::string::npos)
+            << target;
+        EXPECT_NE(answer.find("\r\nReferrer-Policy: no-referrer\r\n"), std::string::npos) << target;
+    }
+}
+
+TEST(webfront_judge, leaves_listings_to_be_made) {
+    for (std::string path : {"/webfront/processes", "/webfront/interfaces"}) {
+        webfront_verdict verdict = webfront_judge(good_head(path + "?x"), port);
+        EXPECT_EQ(verdict.road, webfront_road::listing);
+        EXPECT_EQ(verdict.bytes, path);
+    }
+}
+
+TEST(webfront_judge, makes_no_archive_of_a_path_that_is_the_fronts_own) {
+    EXPECT_EQ(status_of(good_head("/webfront/")), 404);
+    EXPECT_EQ(status_of(good_head("/webfront/page.js.map")), 404);
+    EXPECT_EQ(status_of(good_head("/webfront/processes/1")), 404);
+    EXPECT_EQ(status_of(good_head("/webfront")), 0);
+    EXPECT_EQ(status_of(good_head("/x/webfront/page.js")), 0);
+}
+
+TEST(webfront_judge, lists_nothing_for_a_foreign_host_or_another_method) {
+    webfront_head head = good_head("/webfront/processes");
+    head.hosts = {"rebound.example:8080"};
+    EXPECT_EQ(status_of(head), 403);
+    head = good_head("/webfront/processes");
+    head.method = "POST";
+    EXPECT_EQ(status_of(head), 405);
 }
 
 TEST(webfront_judge, keeps_the_icon_of_browsers_from_the_daemon) {

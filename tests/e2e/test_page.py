@@ -1,0 +1,420 @@
+"""The web front's page in a real browser. The browser runs outside the sandbox, everything behind the page inside."""
+
+import base64
+import fcntl
+import gzip
+import hashlib
+import json
+import os
+import pathlib
+import re
+import select
+import shutil
+import subprocess
+import urllib.request
+
+import pytest
+
+from test_webfront import FakeDaemon, write_all
+from zarvo_e2e import (
+    BAD_REQUEST, BIN, BUSY_PAGE, ROOT, SANITIZE, SERVER_ERROR, assert_whole, download_head, header_of, wait_for,
+)  # fmt: skip
+
+SCRIPTS = ROOT / "tests" / "e2e" / "page"
+PAGE = ROOT / "tools" / "webfront" / "page"
+SANDBOX = ROOT / "tools" / "sandbox"
+MODULES = ROOT / "build" / "page-tests"
+PATIENCE = 120 if SANITIZE else 30
+
+# A process for the list and for traces, and one with a name of the worst kind; then the command takes over.
+PROCESSES = r"""
+import ctypes, os, sys, time
+named = os.pipe()
+def start(name, work):
+    if os.fork() == 0:
+        ctypes.CDLL(None).prctl(15, name)
+        os.write(named[1], b"x")
+        while True:
+            work()
+            time.sleep(0.02)
+start(b"cal" b"ler", lambda: os.close(os.open("/dev/null", os.O_RDONLY)) or open("/dev/null").read())
+start(b'<b>"\\\n\xff', lambda: time.sleep(100))
+os.read(named[0], 1), os.read(named[0], 1)
+os.execv(sys.argv[1], sys.argv[1:])
+"""
+EVIL_NAME = '<b>"\\\n\ufffd'
+
+pytestmark = [
+    pytest.mark.skipif(not (BIN / "webfront").exists(), reason="webfront is not built"),
+    pytest.mark.skipif(os.geteuid() != 0, reason="needs root, because the sandbox mounts file systems of its own"),
+]
+
+
+def modules():
+    """The folder of the browser's driver, which is installed there when it is not yet."""
+    MODULES.mkdir(parents=True, exist_ok=True)
+    with open(MODULES / "lock", "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)  # other builds' tests share it
+        wanted = SCRIPTS / "package-lock.json"
+        done = MODULES / "installed.json"
+        if not done.exists() or done.read_bytes() != wanted.read_bytes():
+            for name in ("package.json", "package-lock.json"):
+                shutil.copy(SCRIPTS / name, MODULES)
+            words = ["npm", "ci", "--no-audit", "--no-fund", "--ignore-scripts"]
+            how = dict(cwd=MODULES, stdin=subprocess.DEVNULL, capture_output=True, text=True)
+            ran = subprocess.run(words, timeout=300, **how)
+            if ran.returncode != 0:
+                pytest.skip(f"playwright-core can't be had here: {ran.stderr[-300:]}")
+            shutil.copy(wanted, done)
+    return MODULES
+
+
+class Browser:
+    """A browser that plays scenarios of browse.mjs."""
+
+    def __init__(self):
+        command = ["node", SCRIPTS / "browse.mjs", modules(), shutil.which("chromium")]
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+
+    def play(self, front, scenario, complaints=0, **words):
+        """Returns what the scenario found. The browser must not have complained, but of so many answers that it takes
+        for errors, nor asked anybody but the front for anything."""
+        words |= {"scenario": scenario, "url": front.url, "patience": PATIENCE}
+        self.process.stdin.write(json.dumps(words).encode() + b"\n")
+        self.process.stdin.flush()
+        assert select.select([self.process.stdout], [], [], 5 * PATIENCE)[0], f"{scenario} does not end"
+        seen = json.loads(self.process.stdout.readline())
+        assert "failed" not in seen, seen["failed"]
+        assert seen["strangers"] == []
+        expected = [line for line in seen["complaints"] if line.startswith("Failed to load resource: ")]
+        assert seen["complaints"] == expected
+        assert len(expected) == complaints, expected
+        return seen["found"]
+
+    def stop(self):
+        self.process.stdin.close()
+        try:
+            assert self.process.wait(PATIENCE) == 0
+        finally:
+            self.process.kill()
+            self.process.stdout.close()
+
+
+@pytest.fixture(scope="session")
+def browser():
+    for program in ("chromium", "node", "npm"):
+        if not shutil.which(program):
+            pytest.skip(f"needs {program}")
+    running = Browser()
+    yield running
+    running.stop()
+
+
+class Front:
+    """A web front in the sandbox, with the processes of this file beside it."""
+
+    def __init__(self, *words):
+        command = [SANDBOX, "/usr/bin/python3", "-c", PROCESSES, *map(str, words)]
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, cwd=ROOT)
+        assert select.select([self.process.stdout], [], [], PATIENCE)[0], "the front printed nothing"
+        self.url = self.process.stdout.readline().decode().strip()
+        assert re.fullmatch(r"http://127\.0\.0\.1:\d+/", self.url), self.process.communicate()
+
+    def get(self, path):
+        with urllib.request.urlopen(self.url.rstrip("/") + path, timeout=PATIENCE) as answer:
+            return answer.headers, answer.read()
+
+    def stop(self):
+        self.process.terminate()
+        self.process.communicate(timeout=PATIENCE)
+
+
+@pytest.fixture
+def socket_path(tmp_path):
+    return tmp_path / "ctrl"
+
+
+@pytest.fixture
+def front(socket_path):
+    running = Front(BIN / "webfront", "--port", "0", "--socket", socket_path)
+    yield running
+    running.stop()
+
+
+@pytest.fixture
+def real():
+    """A front with a real daemon behind it."""
+    running = Front(ROOT / "tools" / "serve", BIN, "0")
+    yield running
+    running.stop()
+
+
+@pytest.fixture
+def play(socket_path):
+    """play(answer) starts a daemon whose answers are `answer(message)`, bytes or pieces of them."""
+    started = []
+
+    def start(answer):
+        def reply(message, fd):
+            bytes_or_pieces = answer(message)
+            for piece in [bytes_or_pieces] if isinstance(bytes_or_pieces, bytes) else bytes_or_pieces:
+                write_all(fd, piece)
+
+        started.append(FakeDaemon(socket_path, reply))
+        return started[-1]
+
+    yield start
+    for fake in started:
+        fake.stop()
+
+
+def tar(*members):
+    """A tar stream as the daemon makes them."""
+    stream = b""
+    for name, size in members:
+        stream += header_of(f"debug-20260101-000000-c0/{name}", size, 0) + bytes(size + -size % 512)
+    return stream
+
+
+MEMBERS = [("dbg-monitor.txt", 3), ("proc.20260101-000000/stat", 700), ("proc/sys/vm/x", 1), ("strace.log", 2048),
+           ("netdump.cap", 1024), ("serverreport.txt", 5), ("proc.20260101-000011/stat", 512), ("x.7/core", 4000)]  # fmt: skip
+FILE_NAMES = {b"/debug.tgz\0": "debug.tgz", b"/debug.tar\0": "debug.tar", b"/debug.tgz\0pop": "core.812.gz"}
+
+
+def whole_answers(message):
+    """An answer for each kind of request, of the right name and form."""
+    name = FILE_NAMES.get(message) or re.search(rb"(?:cmd=)?(\w+)", message.partition(b"\0")[2])[1].decode()
+    body = {"debug.tgz": gzip.compress(tar(*MEMBERS)), "debug.tar": tar(*MEMBERS)}.get(name, b"some text\n" * 20)
+    return download_head("application/octet-stream", name) + body
+
+
+REQUESTS = [
+    (dict(kind="archive"), b"/debug.tgz\0", "debug.tgz"),
+    (dict(kind="ps"), b"/debugar.cgi\0cmd=ps", ""),
+    (dict(kind="strace", fields=dict(pid="12, syslogd")), b"/debugar.cgi\0cmd=strace&pid=12,%20syslogd", ""),
+    (dict(kind="strace", button="Trace all"), b"/debugar.cgi\0cmd=strace", ""),
+    (dict(kind="coredump", fields=dict(pid="a&b=c")), b"/debugar.cgi\0cmd=coredump&pid=a%26b%3Dc", "coredump"),
+    (dict(kind="pcapdump"), b"/debugar.cgi\0cmd=pcapdump", "pcapdump"),
+    (dict(kind="pcapdump", fields=dict(interface="eth0", duration="3", totalsize="4000")),
+     b"/debugar.cgi\0cmd=pcapdump&interface=eth0&duration=3&totalsize=4000", "pcapdump"),
+    (dict(kind="rtrace"), b"/debugar.cgi\0cmd=rtrace&interval=10&trace=fast", "rtrace"),
+    (dict(kind="rtrace", fields=dict(interval="2", trace="meminfo,iostat")),
+     b"/debugar.cgi\0cmd=rtrace&interval=2&trace=meminfo,iostat", "rtrace"),
+    (dict(kind="listen"), b"/debug.tgz\0listen", "listen"),
+    (dict(kind="pop"), b"/debug.tgz\0pop", "core.812.gz"),
+    (dict(kind="waitcore"), b"/debugar.cgi\0cmd=coredump", "coredump"),
+]  # fmt: skip
+
+
+def test_each_form_sends_its_request_and_saves_the_answer_under_the_daemons_name(browser, front, play):
+    fake = play(whole_answers)
+    said = browser.play(front, "forms", requests=[words for words, _, _ in REQUESTS])
+    assert fake.messages == [message for _, message, _ in REQUESTS]
+    assert [one["name"] for one in said] == [name for _, _, name in REQUESTS]
+    for one in said:
+        assert one["state"].startswith(("Done. ", "It has ended.")), one
+    assert f"It is whole: {len(MEMBERS)} members." in said[0]["state"]
+    assert "some text" in said[1]["text"] and "Lines: 20 have come, 20 are shown." in said[1]["text"]
+
+
+def test_everything_can_be_had_without_script(browser, front, play):
+    fake = play(whole_answers)
+    fields = {"strace": dict(pid="12,syslogd"), "coredump": dict(pid="7"), "pcapdump": dict(interface="eth0")}
+    kinds = ["archive", "listen", "pop", "waitcore", "ps", "strace", "coredump", "pcapdump", "rtrace"]
+    requests = [dict(kind=kind, fields=fields.get(kind)) for kind in kinds]
+    found = browser.play(front, "without_script", requests=requests)
+    by_form = [b"/debug.tgz\0", b"/debug.tgz\0listen=", b"/debug.tgz\0pop=", b"/debugar.cgi\0cmd=coredump",
+               b"/debugar.cgi\0cmd=ps", b"/debugar.cgi\0cmd=strace&pid=12%2Csyslogd", b"/debugar.cgi\0cmd=coredump&pid=7",
+               b"/debugar.cgi\0cmd=pcapdump&interface=eth0&duration=&totalsize=",
+               b"/debugar.cgi\0cmd=rtrace&interval=10&trace=fast"]  # fmt: skip
+    targets = ["/debug.tgz", "/debug.tar", "/debug.tgz?listen", "/debug.tgz?pop", "/debugar.cgi?cmd=coredump",
+               "/debugar.cgi?cmd=ps", "/debugar.cgi?cmd=strace"]  # fmt: skip
+    assert found["targets"] == targets
+    by_link = [f"{path}\0{query}".encode() for path, _, query in (target.partition("?") for target in targets)]
+    assert fake.messages == by_form + by_link
+    assert len(found["names"]) == len(fake.messages)
+    assert found["hidden"] == 0 and "Without script" in found["note"]
+
+
+def test_answers_that_refuse_become_sentences(browser, front, play):
+    cut = download_head("application/x-tar", "debug.tar") + tar(*MEMBERS)[:-3000]
+    answers = {
+        b"/debugar.cgi\0cmd=coredump&pid=nobody": BAD_REQUEST,
+        b"/debugar.cgi\0cmd=strace&pid=99999": BAD_REQUEST,
+        b"/debugar.cgi\0cmd=rtrace&interval=10&trace=fast": SERVER_ERROR,
+        b"/debug.tgz\0": BUSY_PAGE,
+        b"/debug.tgz\0pop": b"",
+        b"/debug.tgz\0listen": b"",
+        b"/debugar.cgi\0cmd=coredump&pid=7": download_head("application/octet-stream", "core"),
+        b"/debug.tar\0": cut,
+    }
+    play(answers.get)
+    requests = [dict(kind="coredump", fields=dict(pid="nobody")), dict(kind="strace", fields=dict(pid="99999")),
+                dict(kind="rtrace"), dict(kind="archive"), dict(kind="pop"), dict(kind="listen"),
+                dict(kind="coredump", fields=dict(pid="7"))]  # fmt: skip
+    said = [one["state"] for one in browser.play(front, "forms", complaints=6, requests=requests)]
+    assert said == [
+        "No process has the pid or the name “nobody” (400).",
+        "None of “99999” is a process that runs (400).",
+        "The daemon could not do it: it lacks memory or a thread, or has no use for these parameters (500).",
+        "The machine is making an archive already, and makes one at a time; try again when that is through (503).",
+        "No dump is stored on the machine.",
+        "The wait has ended without a dump: another browser has taken the place, or the daemon has ended.",
+        "The daemon sent nothing: there was nothing to send, or it could not make it.",
+    ]
+
+
+def test_without_a_daemon_the_page_says_what_the_front_says(browser, front, socket_path):
+    said = browser.play(front, "forms", complaints=1, requests=[dict(kind="archive")])
+    assert said[0]["state"] == f"The daemon at {socket_path} did not take the request: No such file or directory. (502)"
+
+
+def test_an_archive_that_is_cut_off_is_not_called_whole(browser, front, play):
+    stream = gzip.compress(tar(*MEMBERS))[:-20]
+    play(lambda _message: download_head("application/x-tar", "debug.tgz") + stream)
+    (said,) = browser.play(front, "forms", requests=[dict(kind="archive")])
+    assert said["name"] == "debug.tgz"
+    assert said["state"].endswith("But it is not whole: it ends in the middle.")
+
+
+def test_a_large_download_goes_straight_into_the_chosen_file(browser, front, play):
+    content = os.urandom(1 << 20) * 24
+    play(lambda _message: [download_head("application/octet-stream", "core"), content])
+    found = browser.play(front, "into_a_file")
+    assert found["state"] == "Done. It is in core."
+    assert found["sum"] == hashlib.sha256(content).hexdigest()
+    assert found["downloads"] == 0
+    assert found["numbers"].startswith("25.2 MB · ")
+
+
+def test_nothing_is_asked_of_the_daemon_when_no_file_is_chosen(browser, front, play):
+    fake = play(whole_answers)
+    found = browser.play(front, "no_file_chosen")
+    assert found == {"news": "No file was chosen, so nothing was asked of the daemon.", "jobs": 0}
+    assert fake.messages == []
+
+
+def test_cancelling_ends_the_connection(browser, front, play):
+    ended = []
+
+    def endless(_message):
+        yield download_head("application/octet-stream", "core")
+        while True:
+            yield bytes(1000)
+
+    def stream(message, fd):
+        try:
+            for piece in endless(message):
+                os.write(fd, piece)
+        except (BrokenPipeError, ConnectionResetError):
+            ended.append(message)
+
+    fake = play(whole_answers)
+    fake.answer = stream
+    assert browser.play(front, "cancel") == "Cancelled; what had come is dropped."
+    wait_for(lambda: ended == [b"/debugar.cgi\0cmd=coredump&pid=7"], "the connection ended")
+
+
+def test_the_waiting_room_says_what_it_waits_for_and_takes_the_dump_that_comes(browser, front, play):
+    waiting = []
+
+    def answer(message, fd):
+        if message == b"/debug.tgz\0listen":
+            waiting.append(os.dup(fd))
+        else:  # a process crashes
+            write_all(waiting[0], download_head("application/octet-stream", "core") + b"\x7fELF\0")
+            os.close(waiting[0])
+            write_all(fd, download_head("text/plain", "done"))
+
+    fake = play(whole_answers)
+    fake.answer = answer
+    found = browser.play(front, "waiting_room")
+    assert found["asked"] == "Waiting for a process to crash. The browser that waits next takes the place."
+    assert found["saved"] == {"name": "core", "bytes": base64.b64encode(b"\x7fELF\0").decode()}
+    assert fake.messages == [b"/debug.tgz\0listen", b"/crash-now\0"]
+
+
+def test_the_list_shows_filters_sorts_and_asks(browser, front, play):
+    fake = play(whole_answers)
+    found = browser.play(front, "list")
+    assert {"caller", "webfront", EVIL_NAME.replace("\n", " ")} <= {name.replace("\n", " ") for name in found["names"]}
+    by_pid = found["sorted"]["pid"]
+    assert (by_pid["pids"], by_pid["direction"]) == (sorted(by_pid["pids"]), "ascending")
+    assert found["sorted"]["memory_kb"]["direction"] == "descending"
+    assert sorted(found["sorted"]["name"]["pids"]) == by_pid["pids"] != found["sorted"]["name"]["pids"]
+    assert found["filtered"] == ["caller"]
+    assert found["ticked"] == found["pid"]
+    assert found["link"] == f"/debugar.cgi?cmd=strace&pid={found['pid']}"
+    assert fake.messages == [f"/debugar.cgi\0cmd=coredump&pid={found['pid']}".encode()]
+    assert found["core"].startswith("Done.")
+    assert found["focus"] == f"Core dump of {found['pid']} (caller)"
+    assert {"any", "lo"} <= set(found["interfaces"])
+    assert "caller" in found["offered"]
+
+
+def test_it_can_be_used_with_the_keyboard_and_each_control_has_a_name(browser, front, play):
+    fake = play(whole_answers)
+    found = browser.play(front, "keyboard")
+    assert found["nameless"] == []
+    assert found["reached"] == found["reachable"] > 30
+    assert fake.messages == [b"/debugar.cgi\0cmd=ps"]
+
+
+def test_it_is_readable_on_a_narrow_screen_and_in_the_dark(browser, front, play):
+    play(lambda message: BAD_REQUEST if b"coredump" in message else
+         download_head("text/plain", "psdump.txt") + b"x" * 500 + b"\n" + b"short\n" * 50)  # fmt: skip
+    looks = {
+        "light": dict(colorScheme="light"),
+        "dark": dict(colorScheme="dark"),
+        "narrow": dict(viewport=dict(width=360, height=740), colorScheme="dark"),
+    }
+    found = browser.play(front, "looks", complaints=3, looks=looks, pictures=os.environ.get("ZARVO_PICTURES"))
+    for name, seen in found.items():
+        assert seen["width"] <= seen["window"], name
+        assert seen["wide"] == [], name
+        assert seen["pale"] == [], name
+    assert found["light"]["ground"] > 0.7
+    assert found["dark"]["ground"] < 0.1 > found["narrow"]["ground"]
+
+
+def test_the_files_of_the_page_are_those_of_the_tree(front):
+    for path, name in (("/", "index.html"), ("/webfront/page.css", "page.css"), ("/webfront/page.js", "page.js")):
+        headers, body = front.get(path)
+        assert body == (PAGE / name).read_bytes()
+        policy = headers["Content-Security-Policy"]
+        assert policy.startswith("default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self';")
+
+
+def test_the_lists_are_json_whatever_the_names_hold(front):
+    headers, body = front.get("/webfront/processes")
+    assert headers["Content-Type"] == "application/json"
+    found = {one["name"]: one for one in json.loads(body)["processes"]}
+    assert EVIL_NAME in found
+    caller = found["caller"]
+    assert caller["command"].startswith("/usr/bin/python3 -c \nimport ctypes")
+    assert caller["state"] in "RS" and 1000 < caller["memory_kb"] < 100000 and not caller["kernel"]
+    assert json.loads(front.get("/webfront/interfaces")[1])["interfaces"].count("lo") == 1
+
+
+def test_an_archive_comes_through_the_page_and_a_second_one_has_to_wait(browser, real, tmp_path):
+    saved = tmp_path / "debug.tar"
+    found = browser.play(real, "archive", complaints=1, save=str(saved))
+    assert "makes one at a time" in found["refused"] and "(503)" in found["refused"]
+    assert found["name"] == "debug.tar"
+    assert found["state"].startswith("Done. It was handed to the browser as debug.tar. It is whole: ")
+    assert {"System calls, 5 seconds", "Network traffic, 5 seconds"} <= set(found["phases"])
+    members = assert_whole(saved.read_bytes())
+    listed = subprocess.run(["tar", "-tf", saved], capture_output=True, text=True, check=True).stdout.splitlines()
+    assert listed == [member.path for member in members]
+    assert f"It is whole: {len(members)} members." in found["state"]
+
+
+def test_a_trace_is_watched_paused_stopped_and_saved(browser, real):
+    found = browser.play(real, "trace")
+    assert re.search(r"^\[\d+ python3\] .*(open|read|close)\w*\(", found["paused"], re.MULTILINE)
+    assert found["still"]
+    assert found["filtered"] and all("read(" in line for line in found["filtered"])
+    assert found["state"] == "Stopped."
+    text = base64.b64decode(found["saved"]["bytes"]).decode()
+    assert found["saved"]["name"] == "stracedump.txt"
+    assert text.startswith(found["paused"][:200]) and text.count("\n") > found["paused"].count("\n")

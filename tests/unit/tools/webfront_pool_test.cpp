@@ -1,0 +1,90 @@
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <semaphore>
+
+#include "tests/unit/support/pipes.h"
+#include "tools/webfront/pool.h"
+
+namespace {
+
+constexpr int patience_ms = 20000;
+
+// Waits until the pool has answered; the answers that there are then.
+std::vector<webfront_answered> next_answers(webfront_pool& pool) {
+    pollfd wait = {pool.answered_event(), POLLIN, 0};
+    EXPECT_EQ(poll(&wait, 1, patience_ms), 1);
+    return pool.take_answered();
+}
+
+bool is_closed(const test_pipe& one) {
+    pollfd wait = {one.out.get(), POLLIN, 0};
+    return poll(&wait, 1, patience_ms) == 1 && (wait.revents & POLLHUP) != 0;
+}
+
+}  // namespace
+
+TEST(webfront_pool, gives_back_a_connection_with_its_answer) {
+    webfront_pool pool(2, 10, [](const webfront_job& job) { return "did " + job.request; });
+    test_pipe one;
+    int number = one.in.get();
+    ASSERT_TRUE(pool.submit(one.in, "this"));
+    EXPECT_FALSE(one.in);
+    std::vector<webfront_answered> answers = next_answers(pool);
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_EQ(answers[0].answer, "did this");
+    EXPECT_EQ(answers[0].client.get(), number);
+    EXPECT_EQ(pool.held(), 0U);
+}
+
+TEST(webfront_pool, closes_a_connection_without_an_answer) {
+    webfront_pool pool(1, 10, [](const webfront_job&) { return std::string(); });
+    test_pipe one;
+    ASSERT_TRUE(pool.submit(one.in, "x"));
+    EXPECT_TRUE(is_closed(one));
+    EXPECT_TRUE(pool.take_answered().empty());
+}
+
+TEST(webfront_pool, takes_no_more_than_may_queue_and_leaves_the_rest_to_the_caller) {
+    std::counting_semaphore<8> begun(0), go_on(0);
+    webfront_pool pool(1, 2, [&](const webfront_job& job) {
+        begun.release();
+        go_on.acquire();
+        return job.request;
+    });
+    test_pipe clients[4];
+    ASSERT_TRUE(pool.submit(clients[0].in, "0"));
+    begun.acquire();
+    EXPECT_TRUE(pool.submit(clients[1].in, "1"));
+    EXPECT_TRUE(pool.submit(clients[2].in, "2"));
+    EXPECT_FALSE(pool.submit(clients[3].in, "3"));
+    EXPECT_TRUE(clients[3].in);
+    EXPECT_EQ(pool.held(), 3U);
+    go_on.release(3);
+    std::string order;
+    while (order.size() < 3) {
+        for (const webfront_answered& one : next_answers(pool)) {
+            order += one.answer;
+        }
+    }
+    EXPECT_EQ(order, "012");
+    EXPECT_EQ(pool.held(), 0U);
+}
+
+TEST(webfront_pool, closes_what_queues_when_it_ends) {
+    std::counting_semaphore<8> begun(0), go_on(0);
+    test_pipe clients[2];
+    {
+        webfront_pool pool(1, 10, [&](const webfront_job&) {
+            begun.release();
+            go_on.acquire();
+            return std::string("late");
+        });
+        ASSERT_TRUE(pool.submit(clients[0].in, "0"));
+        begun.acquire();
+        ASSERT_TRUE(pool.submit(clients[1].in, "1"));
+        go_on.release(2);
+    }
+    EXPECT_TRUE(is_closed(clients[0]));
+    EXPECT_TRUE(is_closed(clients[1]));
+}

@@ -1,0 +1,138 @@
+#include "tools/webfront/processes.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <memory>
+
+#include "common/unique_fd.h"
+#include "tools/webfront/json.h"
+
+namespace {
+
+constexpr size_t stat_limit = 1024;  // the longest line has 15 + 51 * 21 bytes, but not what is read of it
+constexpr unsigned kernel_thread_flag = 0x00200000;  // PF_KTHREAD of the kernel's sched.h
+constexpr std::string_view cut_mark = "...";
+
+struct directory_closer {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+
+template <typename Number>
+bool parse_number(std::string_view text, Number& number) {
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() && !text.empty();
+}
+
+// Takes `count` fields off `*rest`, which are separated by single blanks, and returns the last one.
+std::string_view take_field(std::string_view* rest, int count) {
+    std::string_view field;
+    for (int i = 0; i < count; i++) {
+        size_t end = std::min(rest->find_first_of(" \n"), rest->size());
+        field = rest->substr(0, end);
+        rest->remove_prefix(std::min(end + 1, rest->size()));
+    }
+    return field;
+}
+
+// Up to `limit` bytes of a file, fewer when it ends or can't be read.
+std::string read_start(int folder, const std::string& name, size_t limit) {
+    unique_fd fd(openat(folder, name.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string bytes(limit, '\0');
+    size_t size = 0;
+    ssize_t got = fd ? 1 : 0;
+    while (got > 0 && size != limit) {
+        got = read(fd.get(), bytes.data() + size, limit - size);
+        size += got > 0 ? static_cast<size_t>(got) : 0;
+    }
+    bytes.resize(size);
+    return bytes;
+}
+
+std::vector<pid_t> list_pids(DIR* directory) {
+    std::vector<pid_t> pids;
+    while (const dirent* entry = readdir(directory)) {
+        pid_t pid = 0;
+        if (parse_number(std::string_view(entry->d_name), pid) && pid > 0) {
+            pids.push_back(pid);
+        }
+    }
+    std::ranges::sort(pids);
+    return pids;
+}
+
+std::string json_of(const webfront_process& process) {
+    std::string text = "{\"pid\":" + std::to_string(process.pid);
+    text += ",\"name\":" + webfront_json_string(process.name);
+    text += ",\"command\":" + webfront_json_string(process.command);
+    text += ",\"state\":" + webfront_json_string({&process.state, 1});
+    text += ",\"memory_kb\":" + std::to_string(process.memory_kb);
+    text += ",\"kernel\":";
+    return text += process.is_kernel_thread ? "true}" : "false}";
+}
+
+}  // namespace
+
+std::optional<webfront_process> webfront_parse_stat(std::string_view text, int64_t page_size) {
+    // The name may hold anything, blanks, parentheses and line ends too.
+    size_t open = text.find(" (");
+    size_t close = text.rfind(") ");
+    webfront_process process;
+    if (open == std::string_view::npos || close == std::string_view::npos || close < open + 2 ||
+        !parse_number(text.substr(0, open), process.pid)) {
+        return {};
+    }
+    process.name = text.substr(open + 2, close - open - 2);
+    std::string_view rest = text.substr(close + 2);
+    // proc(5) counts from the pid: the state is field 3, the flags are field 9 and the resident pages
+    // field 24.
+    std::string_view state = take_field(&rest, 1);
+    unsigned flags = 0;
+    int64_t pages = 0;
+    if (state.size() != 1 || !parse_number(take_field(&rest, 9 - 3), flags) ||
+        !parse_number(take_field(&rest, 24 - 9), pages)) {
+        return {};
+    }
+    process.state = state[0];
+    process.is_kernel_thread = (flags & kernel_thread_flag) != 0;
+    process.memory_kb = pages * page_size / 1024;
+    return process;
+}
+
+std::string webfront_parse_command(std::string_view bytes) {
+    bool cut = bytes.size() >= webfront_command_limit;
+    std::string command(bytes.substr(0, std::min(bytes.find_last_not_of('\0') + 1, bytes.size())));
+    std::ranges::replace(command, '\0', ' ');
+    return cut ? command.append(cut_mark) : command;
+}
+
+std::vector<webfront_process> webfront_read_processes(const std::string& root) {
+    std::vector<webfront_process> processes;
+    std::unique_ptr<DIR, directory_closer> directory(opendir(root.c_str()));
+    if (!directory) {
+        return processes;
+    }
+    int folder = dirfd(directory.get());
+    int64_t page_size = sysconf(_SC_PAGESIZE);
+    for (pid_t pid : list_pids(directory.get())) {
+        std::string name = std::to_string(pid);
+        auto process = webfront_parse_stat(read_start(folder, name + "/stat", stat_limit), page_size);
+        if (process) {
+            process->command =
+                webfront_parse_command(read_start(folder, name + "/cmdline", webfront_command_limit));
+            processes.push_back(std::move(*process));
+        }
+    }
+    return processes;
+}
+
+std::string webfront_processes_json(std::span<const webfront_process> processes) {
+    std::string text = "{\"processes\":[";
+    for (const webfront_process& process : processes) {
+        text += (text.ends_with('[') ? "\n" : ",\n") + json_of(process);
+    }
+    return text += "\n]}\n";
+}
