@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "common/deadline.h"
 #include "common/sys_run.h"
 #include "common/unique_fd.h"
 #include "monitor/rtrace.h"
@@ -93,13 +94,13 @@ bool pass_output_on(rtrace_context& trace, int from, uint32_t type) {
 
 // Whether `pid` has ended, and been reaped, within the time.
 bool reaped_within(pid_t pid, int patience_ms) {
-    int64_t deadline = rtrace_now_us() + patience_ms * 1000LL;
+    const deadline patience(patience_ms);
     for (int pause_ms = first_pause_ms;; pause_ms = std::min(2 * pause_ms, longest_pause_ms)) {
         pid_t ended = waitpid(pid, nullptr, WNOHANG);
         if (ended == pid || (ended < 0 && errno != EINTR)) {
             return true;
         }
-        if (rtrace_now_us() >= deadline) {
+        if (patience.left_ms() == 0) {
             return false;
         }
         poll(nullptr, 0, pause_ms);

@@ -1,8 +1,8 @@
 #include "monitor/rtrace_wait.h"
 
-#include <time.h>
-
 #include <algorithm>
+
+#include "common/uptime.h"
 
 namespace {
 
@@ -16,9 +16,7 @@ int timeout_ms(int64_t left_us) {
 }  // namespace
 
 int64_t rtrace_now_us() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+    return monotonic_ns() / 1000;
 }
 
 int64_t rtrace_deadline_us(int64_t seconds) {
