@@ -142,6 +142,7 @@ void stream_core(int fd, pid_t pid) {
     if (!dump_start(pid, &run)) {
         return;
     }
+    run.message_bytes = kept_messages_limit;  // nobody will want to see any
     (void)dump_copy_core(&run, fd, nullptr);  // a browser that has gone is not reported
     dump_discard(&run);
     if (!dump_end(&run)) {
