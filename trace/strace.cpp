@@ -353,17 +353,30 @@ void close_dirs(strace_names* names) {
     }
 }
 
+// Takes hold of all processes of the list. One that took all the patience is as long as a wait: the caller
+// may end the trace behind it, and those that follow in the list are left alone.
+void join_all(trace_run* run) {
+    strace_ctx* ctx = run->ctx;
+    for (int i = 0; i < ctx->names->count; i++) {
+        if (ctx->pids[i] == -1) {
+            continue;
+        }
+        if (run->over) {
+            ctx->pids[i] = -1;
+            continue;
+        }
+        join(run, i);
+        run->over = process_at(run, i).joining && !poll_caller(ctx);
+    }
+}
+
 void trace(strace_ctx* ctx) {
     trace_run run = {ctx};
-    for (int i = 0; i < ctx->names->count; i++) {
-        if (ctx->pids[i] != -1) {
-            join(&run, i);
-        }
-    }
+    join_all(&run);
     if (run.live == 0) {
         return;
     }
-    if (start_timer(&run)) {
+    if (!run.over && start_timer(&run)) {
         while (trace_round(&run)) {
         }
     }

@@ -26,16 +26,16 @@ struct strace_names;
 
 // One trace, owned by the caller.
 struct strace_ctx {
-    // Gets every finished piece of text; called with length 0 after every wait, and while the trace waits for
-    // its turn, as a poll, whose result 0 ends the trace. May be null. The final pieces, and the lists of
-    // descriptors, still come after that.
+    // Gets every finished piece of text; called with length 0 after every wait, behind each process that did
+    // not stop when it was attached to, and while the trace waits for its turn, as a poll, whose result 0
+    // ends the trace. May be null. The final pieces, and the lists of descriptors, still come after that.
     int32_t (*write)(void* cookie, const char* text, int length);
     // Told of exits, in the tracing thread with the process stopped; may be null. `extra` is null.
     void (*on_exit)(strace_ctx* ctx, void* cookie, pid_t pid, int kind, int code, void* extra);
     void* cookie;         // for both; a descriptor number in the place of a pointer will do
     strace_names* names;  // set by do_strace for its duration
     uint32_t flags;       // what is reported
-    pid_t* pids;  // entries become -1 when their process is gone or could not be traced; -1 is skipped
+    pid_t* pids;          // entries become -1 when their process is gone or was not traced; -1 is skipped
     int32_t nr_pids;
     int32_t seconds;   // time limit; none when below 1
     int32_t attached;  // not 0: the processes are children of the caller that stopped for it as their tracer

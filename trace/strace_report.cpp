@@ -27,14 +27,22 @@ void report_printf(int line) {
     fprintf(stderr, "%s:%d strace_printf failed\n", listing_name, line);
 }
 
-// Gives the context another work buffer for as long as this lives: a line may be standing in its own.
+// Gives the context another work buffer for as long as this lives: a line may be standing in its own. Without
+// memory for it there is none, and no text has room in it.
 class spare_buffer {
 public:
     explicit spare_buffer(strace_ctx* ctx)
-        : ctx_(ctx), buf_(static_cast<char*>(malloc(static_cast<size_t>(ctx->bufsize)))), kept_(ctx->buf) {
+        : ctx_(ctx),
+          buf_(static_cast<char*>(malloc(static_cast<size_t>(ctx->bufsize)))),
+          kept_(ctx->buf),
+          kept_size_(ctx->bufsize) {
         ctx_->buf = buf_.get();
+        ctx_->bufsize = buf_ ? kept_size_ : 0;
     }
-    ~spare_buffer() { ctx_->buf = kept_; }
+    ~spare_buffer() {
+        ctx_->buf = kept_;
+        ctx_->bufsize = kept_size_;
+    }
     spare_buffer(const spare_buffer&) = delete;
     spare_buffer& operator=(const spare_buffer&) = delete;
     bool usable() const { return buf_ != nullptr; }
@@ -43,6 +51,7 @@ private:
     strace_ctx* ctx_;
     unique_malloc<char> buf_;
     char* kept_;
+    int32_t kept_size_;
 };
 
 // Ends the line of a descriptor that has no description.
@@ -115,7 +124,7 @@ void strace_exit(strace_ctx* ctx, pid_t pid, int kind, int code, void* extra) {
     if ((ctx->flags & strace_fds) && spare.usable()) {
         strace_show_fdinfo_all(ctx, pid);
     }
-    if (ctx->on_exit && spare.usable()) {
+    if (ctx->on_exit) {
         ctx->on_exit(ctx, ctx->cookie, pid, kind, code, extra);
     }
 }

@@ -3,14 +3,16 @@
 import concurrent.futures
 import random
 import re
+import socket
 import subprocess
+import threading
 import time
 
 import pytest
 
 from zarvo_e2e import (
-    BAD_REQUEST, PATIENCE, PLAIN_HEAD, SANITIZE, TRACE_SIZE, Browser, assert_whole, body_of, children_of, download_head,
-    process_stat, send_message, wait_for,
+    BAD_REQUEST, COMPRESSED_HEAD, PATIENCE, PLAIN_HEAD, SANITIZE, TRACE_SIZE, Browser, assert_compressed_whole,
+    assert_whole, body_of, children_of, download_head, process_stat, processes, send_message, wait_for,
 )  # fmt: skip
 
 NEEDS_SANDBOX = True
@@ -190,6 +192,55 @@ def test_archive_is_made_while_a_trace_is_running(daemon, service):
         assert browser.read(len(HEAD)) == HEAD
     assert_free(one.pid)
     assert_free(other.pid)
+
+
+class Drain:
+    """Reads a browser on a thread of its own, which no trace holds, and counts the bytes."""
+
+    def __init__(self, browser):
+        self.browser = browser
+        self.count = 0
+        self.ended = False
+        self.thread = threading.Thread(target=self.run)
+        self.thread.start()
+
+    def run(self):
+        while piece := self.browser.near.recv(1 << 16):
+            self.count += len(piece)
+        self.ended = True
+
+    def leave(self):
+        """The browser goes away."""
+        self.browser.near.shutdown(socket.SHUT_RDWR)
+        self.thread.join()
+        self.browser.close()
+
+
+@pytest.mark.parametrize(
+    "name, head, check",
+    [("debug.tgz", COMPRESSED_HEAD, assert_compressed_whole), ("debug.tar", PLAIN_HEAD, assert_whole)],
+    ids=["compressed", "plain"],
+)
+def test_archive_is_made_while_everything_is_traced(daemon, service, name, head, check):
+    """The trace holds every process at each of its system calls, the archive's own programs not among them."""
+    sleeping, busy = service("sleep", "1000"), service(*CALLING)
+    everyone = [pid for pid in processes() if pid != daemon.pid and process_stat(pid)[0] not in "ZX"]
+    trace = Drain(daemon.ask(b"/x", b"cmd=strace"))
+    try:
+        for child in (sleeping, busy):
+            wait_for(lambda pid=child.pid: tracer_of(pid), "traced")
+        with concurrent.futures.ThreadPoolExecutor(1) as pool:
+            answer = pool.submit(daemon.answer, f"/x/{name}".encode()).result(4 * PATIENCE)
+        # It goes on as if nothing had been.
+        assert tracer_of(sleeping.pid) and tracer_of(busy.pid) and not trace.ended
+        before = trace.count
+        wait_for(lambda: trace.count > before, "more of the trace")
+    finally:
+        trace.leave()
+    check(body_of(answer, head))
+    for pid in everyone:
+        if process_stat(pid):
+            assert_free(pid)
 
 
 def test_browser_of_a_plain_archive_that_is_traced_itself_gets_it(daemon):

@@ -62,27 +62,6 @@ std::string bare_capture(const char* interface, int seconds, int max_bytes) {
     return bytes;
 }
 
-// Both ends of a TCP connection over the loopback of this thread's network.
-struct tcp_connection {
-    unique_fd browser{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    unique_fd server;
-
-    tcp_connection() {
-        unique_fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in address = {};
-        socklen_t size = sizeof address;
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        auto* any = reinterpret_cast<sockaddr*>(&address);
-        EXPECT_EQ(bind(listener.get(), any, size), 0);
-        EXPECT_EQ(listen(listener.get(), 1), 0);
-        EXPECT_EQ(getsockname(listener.get(), any, &size), 0);
-        EXPECT_EQ(connect(browser.get(), any, size), 0);
-        server = unique_fd(accept(listener.get(), nullptr, nullptr));
-        EXPECT_TRUE(server);
-    }
-};
-
 void send_datagram(const std::string& text) {
     unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in address = {};

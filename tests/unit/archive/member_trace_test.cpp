@@ -1,13 +1,18 @@
 #include "archive/member_trace.h"
 
 #include <ctype.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/unit/archive/archive_fixture.h"
@@ -53,6 +58,49 @@ private:
     test_pipe gate_;
     pid_t pid_ = -1;
 };
+
+// A child that does nothing but system calls.
+class busy_child {
+public:
+    busy_child()
+        : pid_(fork_child([] {
+              for (;;) {
+                  getppid();
+              }
+              return 0;
+          })) {}
+    busy_child(const busy_child&) = delete;
+    busy_child& operator=(const busy_child&) = delete;
+    ~busy_child() {
+        kill(pid_, SIGKILL);
+        EXPECT_TRUE(killed_by(wait_status(pid_), SIGKILL));
+    }
+    pid_t pid() const { return pid_; }
+
+private:
+    pid_t pid_;
+};
+
+using clock_type = std::chrono::steady_clock;
+
+// A trace that ends by itself does so well before its time is over.
+void expect_early(clock_type::time_point begun) {
+    EXPECT_LT(clock_type::now() - begun, std::chrono::seconds(strace_seconds - 1));
+}
+
+// Traces a busy child into `fd`, where nothing can be written, and returns what that is said to be.
+std::string said_of_broken_output(int fd) {
+    busy_child child;
+    const int pids[] = {child.pid()};
+    tar_handle* t = tar_new(fd, nullptr);
+    int result = -1;
+    clock_type::time_point begun = clock_type::now();
+    std::string said = capture_stderr([&] { result = stream_strace_log(t, pids, 1); });
+    expect_early(begun);
+    EXPECT_EQ(result, 1);
+    tar_abandon(t);
+    return said;
+}
 
 }  // namespace
 
@@ -125,6 +173,68 @@ TEST(stream_strace_log, broken_output_without_a_trace_is_left_to_the_next_member
     EXPECT_EQ(capture_stderr([&] { result = stream_strace_log(t, nullptr, 0); }), "");
     EXPECT_EQ(result, 0);
     tar_abandon(t);
+}
+
+TEST(stream_strace_log, broken_output_ends_the_trace_and_is_reported) {
+    ignore_broken_pipes();
+    test_pipe broken;
+    broken.out.reset();
+    EXPECT_EQ(said_of_broken_output(broken.in.get()), "stream_strace_log: write failed: Broken pipe\n");
+    unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(said_of_broken_output(full.get()),
+              "stream_strace_log: write failed: No space left on device\n");
+}
+
+TEST(stream_strace_log, trace_that_is_longer_than_the_budget_is_ended_and_cut) {
+    test_archive archive;
+    {
+        busy_child child;
+        const int pids[] = {child.pid()};
+        clock_type::time_point begun = clock_type::now();
+        EXPECT_EQ(stream_strace_log(archive.handle(), pids, 1), 0);
+        expect_early(begun);
+    }
+    tar_addfile(archive.handle(), "next", 0);
+    tar_listing listing = archive.finish();
+    EXPECT_EQ(listing.trouble, "");
+    ASSERT_EQ(listing.names(), (std::vector<std::string>{"strace.log", "next"}));
+    const std::string& text = listing.entries[0].data;
+    EXPECT_EQ(text.size(), 204800u);
+    EXPECT_NE(text.find("getppid("), std::string::npos);
+    EXPECT_EQ(text.find(filler(80)), std::string::npos);
+}
+
+TEST(stream_strace_log, shorter_trace_is_followed_by_filler_lines) {
+    test_pipe gate;
+    pid_t pid = fork_child([&gate] {
+        gate.in.reset();
+        char nothing;
+        (void)!read(gate.out.get(), &nothing, 1);
+        return 5;
+    });
+    std::thread opener([&gate, pid] {
+        const std::string traced_by = "\nTracerPid:\t";
+        EXPECT_TRUE(eventually([&] {
+            std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+            std::string status(std::istreambuf_iterator<char>(file), {});
+            size_t at = status.find(traced_by);
+            return at != std::string::npos && status[at + traced_by.size()] != '0';
+        }));
+        gate.in.reset();
+    });
+    const int pids[] = {pid};
+    test_archive archive;
+    EXPECT_EQ(stream_strace_log(archive.handle(), pids, 1), 0);
+    opener.join();
+    EXPECT_TRUE(exited_with(wait_status(pid), 5));
+    tar_listing listing = archive.finish();
+    ASSERT_EQ(listing.entries.size(), 1u);
+    const std::string& text = listing.entries[0].data;
+    size_t end = text.find("\n" + filler(80));
+    ASSERT_NE(end, std::string::npos);
+    EXPECT_NE(text.find("exit_group(5)\n"), std::string::npos);
+    EXPECT_LT(text.find("exit_group(5)\n"), end);
+    EXPECT_TRUE(text.substr(end + 1) == filler(204800 - end - 1));
 }
 
 TEST(stream_strace_log, leaves_no_children_and_no_descriptors) {

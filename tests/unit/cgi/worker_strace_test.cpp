@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -39,10 +40,23 @@ void expect_ended_within_a_second(clock_type::time_point since) {
     EXPECT_LT(clock_type::now() - since, 1s);
 }
 
-int call_for_ever() {
-    for (;;) {
-        getppid();
+int unread_bytes(const browser& client) {
+    int count = 0;
+    EXPECT_EQ(ioctl(client.own_end(), FIONREAD, &count), 0);
+    return count;
+}
+
+// Whether the text for a browser that does not read has come to a halt, and a process with it.
+bool is_held_up(const browser& client, pid_t pid) {
+    constexpr int looks = 20;
+    int before = unread_bytes(client);
+    for (int i = 0; i < looks; i++) {
+        usleep(1000);
+        if (before == 0 || unread_bytes(client) != before || state_of(pid) != 't') {
+            return false;
+        }
     }
+    return true;
 }
 
 }  // namespace
@@ -129,6 +143,19 @@ TEST(strace_worker, browser_that_stops_reading_does_not_hold_the_processes_for_e
     EXPECT_TRUE(eventually([&busy] { return !is_traced(busy.pid()); },
                            std::chrono::milliseconds(strace_stall_ms + 5000)));
     wait_for_workers();
+    expect_free(busy.pid());
+}
+
+TEST(strace_worker, browser_that_stops_reading_and_then_sending_holds_the_processes_no_longer) {
+    tracee busy(call_for_ever);
+    browser client;
+    int small = 4096;
+    setsockopt(client.daemon_end(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    start(client, {busy.pid()});
+    ASSERT_TRUE(eventually([&] { return is_held_up(client, busy.pid()); }));
+    auto ended = clock_type::now();
+    ASSERT_EQ(shutdown(client.own_end(), SHUT_WR), 0);
+    expect_ended_within_a_second(ended);
     expect_free(busy.pid());
 }
 

@@ -413,3 +413,151 @@ TEST(sys_run_envp_nowait, without_a_fork_is_minus_one) {
     EXPECT_TRUE(exited_with(status, 0)) << status;
     EXPECT_EQ(err.finish(), perror_line("fork", EAGAIN));
 }
+
+TEST(sys_wait_end, gives_the_wait_status_of_the_end) {
+    int status = -1;
+    pid_t exits = fork_child([] { return 7; });
+    EXPECT_EQ(sys_wait_end(exits, &status, 0), exits);
+    EXPECT_TRUE(exited_with(status, 7));
+    pid_t dies = fork_child([] {
+        forbid_core_files();
+        raise(SIGABRT);
+        return 0;
+    });
+    EXPECT_EQ(sys_wait_end(dies, &status, 0), dies);
+    EXPECT_TRUE(killed_by(status, SIGABRT));
+    EXPECT_TRUE(has_no_children());
+}
+
+TEST(sys_wait_end, child_that_runs_is_zero_for_who_does_not_wait) {
+    test_pipe gate;
+    pid_t pid = fork_child([&gate] {
+        gate.in.reset();
+        char byte;
+        (void)!read(gate.out.get(), &byte, 1);
+        return 7;
+    });
+    int status = -1;
+    EXPECT_EQ(sys_wait_end(pid, &status, WNOHANG), 0);
+    gate.in.reset();
+    pid_t got = 0;
+    EXPECT_TRUE(eventually([&] { return (got = sys_wait_end(pid, &status, WNOHANG)) != 0; }));
+    EXPECT_EQ(got, pid);
+    EXPECT_TRUE(exited_with(status, 7));
+}
+
+TEST(sys_wait_end, without_such_a_child_is_minus_one) {
+    pid_t gone = fork_child([] { return 0; });
+    wait_status(gone);
+    for (int flags : {0, WNOHANG}) {
+        int status = -1;
+        for (pid_t pid : {gone, getpid(), getppid()}) {
+            EXPECT_EQ(sys_wait_end(pid, &status, flags), -1);
+            EXPECT_EQ(errno, ECHILD);
+        }
+    }
+}
+
+TEST(sys_wait_end, signal_does_not_end_the_wait) {
+    scoped_signal handled(SIGUSR1, count_signal);
+    test_pipe gate;
+    std::atomic<pid_t> tid{0};
+    std::atomic<pid_t> child{0};
+    pid_t got = 0;
+    int status = -1;
+    std::thread waiter([&] {
+        child = fork_child([&gate] {
+            gate.in.reset();
+            char byte;
+            (void)!read(gate.out.get(), &byte, 1);
+            return 7;
+        });
+        tid = thread_id();
+        got = sys_wait_end(child, &status, 0);
+    });
+    EXPECT_TRUE(eventually([&tid] { return tid != 0; }));
+    interrupt_asleep(tid, SIGUSR1);
+    interrupt_asleep(tid, SIGUSR1);
+    gate.in.reset();
+    waiter.join();
+    EXPECT_EQ(got, child);
+    EXPECT_TRUE(exited_with(status, 7));
+}
+
+namespace {
+
+constexpr int tracer_wait_flags = __WALL | __WNOTHREAD;
+
+// The next stop of a tracee of this thread: its signal, 0 when none comes.
+int next_stop(pid_t pid) {
+    int status = 0;
+    bool came = eventually([&] { return waitpid(pid, &status, WNOHANG | tracer_wait_flags) == pid; });
+    return came && WIFSTOPPED(status) ? WSTOPSIG(status) : 0;
+}
+
+// Traces a child of another thread over `stops` stops with SIGUSR1, which it does not get to see, and lets it
+// go. Calls `begun` when the child is traced; returns how many of the stops came.
+template <typename Begun>
+int trace_stops(pid_t pid, int stops, Begun begun) {
+    EXPECT_EQ(ptrace(PTRACE_ATTACH, pid, nullptr, nullptr), 0);
+    EXPECT_EQ(next_stop(pid), SIGSTOP);
+    begun();
+    int seen = 0;
+    while (ptrace(PTRACE_CONT, pid, nullptr, nullptr) == 0 && seen < stops && next_stop(pid) == SIGUSR1) {
+        seen++;
+    }
+    if (seen < stops) {
+        kill(pid, SIGKILL);
+    }
+    return seen;
+}
+
+}  // namespace
+
+TEST(sys_wait_end, stops_are_left_to_another_thread_of_this_program_that_traces_the_child) {
+    constexpr int stops = 30;
+    test_pipe gate;
+    pid_t pid = fork_child([&gate] {
+        gate.in.reset();
+        char byte;
+        (void)!read(gate.out.get(), &byte, 1);
+        for (int i = 0; i < stops; i++) {
+            raise(SIGUSR1);
+        }
+        return 7;
+    });
+    int seen = -1;
+    std::thread tracer([&] { seen = trace_stops(pid, stops, [&gate] { gate.in.reset(); }); });
+    int status = -1;
+    EXPECT_EQ(sys_wait_end(pid, &status, 0), pid);
+    tracer.join();
+    EXPECT_EQ(seen, stops);
+    EXPECT_TRUE(exited_with(status, 7)) << status;
+}
+
+TEST(sys_wait_end, child_that_is_stopped_for_its_tracer_is_zero_for_who_does_not_wait) {
+    pid_t pid = fork_child([] {
+        for (;;) {
+            pause();
+        }
+        return 0;
+    });
+    std::atomic<bool> stopped{false};
+    test_pipe looked;
+    std::thread tracer([&] {
+        EXPECT_EQ(ptrace(PTRACE_ATTACH, pid, nullptr, nullptr), 0);
+        siginfo_t info = {};
+        EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WSTOPPED | WNOWAIT | tracer_wait_flags), 0);
+        stopped = true;
+        char byte;
+        (void)!read(looked.out.get(), &byte, 1);
+        EXPECT_EQ(next_stop(pid), SIGSTOP);
+    });
+    EXPECT_TRUE(eventually([&stopped] { return stopped.load(); }));
+    int status = -1;
+    EXPECT_EQ(sys_wait_end(pid, &status, WNOHANG), 0);
+    looked.in.reset();
+    tracer.join();
+    kill(pid, SIGKILL);
+    EXPECT_TRUE(killed_by(wait_status(pid), SIGKILL));
+}

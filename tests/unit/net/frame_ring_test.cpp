@@ -9,8 +9,17 @@
 #include <vector>
 
 #include "tests/unit/net/private_network.h"
+#include "tests/unit/support/memory_limit.h"
 
 namespace {
+
+void bind_to_near0(int sock) {
+    sockaddr_ll address = {};
+    address.sll_family = AF_PACKET;
+    address.sll_protocol = htons(ETH_P_ALL);
+    address.sll_ifindex = static_cast<int>(if_nametoindex("near0"));
+    EXPECT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+}
 
 // A socket on near0 with a ring.
 struct ring_reader {
@@ -20,11 +29,7 @@ struct ring_reader {
 
     explicit ring_reader(size_t bytes = 1 << 20) {
         EXPECT_TRUE(frame_ring_open(&ring, sock.get(), bytes));
-        sockaddr_ll address = {};
-        address.sll_family = AF_PACKET;
-        address.sll_protocol = htons(ETH_P_ALL);
-        address.sll_ifindex = static_cast<int>(if_nametoindex("near0"));
-        EXPECT_EQ(bind(sock.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        bind_to_near0(sock.get());
     }
     ring_reader(const ring_reader&) = delete;
     ring_reader& operator=(const ring_reader&) = delete;
@@ -112,4 +117,25 @@ NETWORK_TEST(frame_ring, refused_ring_leaves_none) {
     EXPECT_FALSE(frame_ring_open(&ring, no_packet_socket.get(), 1 << 20));
     EXPECT_EQ(ring.memory, nullptr);
     frame_ring_close(&ring);
+}
+
+NETWORK_TEST(frame_ring, frames_of_one_that_can_not_be_mapped_are_read_from_the_socket) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    constexpr size_t size = 16 << 20;
+    unique_fd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    frame_ring ring;
+    {
+        ring_reader with_room(size);  // nothing but the room is missing below
+        scoped_memory_limit limit(size / 2);
+        EXPECT_FALSE(frame_ring_open(&ring, sock.get(), size));
+    }
+    EXPECT_EQ(ring.memory, nullptr);
+    bind_to_near0(sock.get());
+    frame_sender("far0").send(frame_of(60, 'a'));
+    pollfd wait = {sock.get(), POLLIN, 0};
+    ASSERT_EQ(poll(&wait, 1, 10000), 1);
+    char frame[100];
+    ssize_t got = recv(sock.get(), frame, sizeof frame, MSG_DONTWAIT);
+    ASSERT_EQ(got, 60);
+    EXPECT_EQ(std::string(frame, 60), frame_of(60, 'a'));
 }

@@ -10,6 +10,8 @@
 #include <time.h>
 
 #include <algorithm>
+#include <chrono>
+#include <fstream>
 #include <map>
 #include <string>
 #include <thread>
@@ -19,6 +21,7 @@
 #include "tests/unit/net/private_network.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/memory_limit.h"
 #include "tests/unit/support/pipes.h"
 
 namespace {
@@ -345,6 +348,89 @@ NETWORK_TEST(pcap_dump, frame_to_a_browser_that_has_gone_fails) {
     frame_sender("far0").send(frame_of(60, 'a'));
     EXPECT_EQ(capture.result(), -1);
     EXPECT_FALSE(is_promiscuous("near0"));
+}
+
+// A browser's download of a capture of near0, which promises more than ever comes in a time that never ends.
+struct endless_download {
+    bool has_loopback = run_command("ip link set lo up");
+    tcp_connection connection;
+    int32_t result = -2;
+    std::thread capture;
+
+    endless_download() {
+        EXPECT_TRUE(has_loopback);
+        signal(SIGPIPE, SIG_IGN);
+        capture = std::thread([this] {
+            char names[] = "near0";
+            result = pcap_dump(names, connection.server.get(), 100000, 0, 1000000, 1, nullptr);
+        });
+        expect(24);  // the file header
+    }
+    // Waits until the browser has got `count` more bytes.
+    void expect(size_t count) {
+        std::string got(count, '\0');
+        EXPECT_EQ(recv(connection.browser.get(), got.data(), count, MSG_WAITALL),
+                  static_cast<ssize_t>(count));
+    }
+    void stop_sending() { EXPECT_EQ(shutdown(connection.browser.get(), SHUT_WR), 0); }
+    void reset() {
+        linger at_once = {1, 0};
+        EXPECT_EQ(setsockopt(connection.browser.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once), 0);
+        connection.browser.reset();
+    }
+    // The result of the capture, which has to end by itself; a frame helps one that does not.
+    int32_t wait() {
+        auto since = std::chrono::steady_clock::now();
+        if (!eventually([] { return capturing_sockets() == 0; })) {
+            frame_sender("far0").send(frame_of(60, 'h'));
+        }
+        capture.join();
+        EXPECT_LT(std::chrono::steady_clock::now() - since, std::chrono::seconds(5));
+        return result;
+    }
+};
+
+NETWORK_TEST(pcap_dump, browser_that_stops_sending_and_then_resets_ends_it_though_no_frame_comes) {
+    endless_download download;
+    download.stop_sending();
+    // The end of what the browser sends has been read when this comes, and the capture goes on.
+    frame_sender("far0").send(frame_of(60, 'a'));
+    download.expect(16 + 60);
+    download.reset();
+    EXPECT_EQ(download.wait(), -1);
+    EXPECT_FALSE(is_promiscuous("near0"));
+}
+
+NETWORK_TEST(pcap_dump, browser_that_resets_ends_it_though_no_frame_comes) {
+    for (bool stops_before : {false, true}) {
+        endless_download download;
+        if (stops_before) {
+            download.stop_sending();
+        }
+        download.reset();
+        EXPECT_EQ(download.wait(), -1);
+    }
+}
+
+// Rings of this process that are in its memory.
+size_t mapped_rings() {
+    std::ifstream maps("/proc/self/maps");
+    size_t count = 0;
+    for (std::string line; std::getline(maps, line);) {
+        count += line.find("socket:[") != std::string::npos;
+    }
+    return count;
+}
+
+NETWORK_TEST(pcap_dump, frames_come_also_when_there_is_no_room_to_share_memory) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    scoped_memory_limit limit(12 << 20);  // a ring has 16 MiB
+    held_capture capture("near0", {.max_total = 24 + 60 + 49, .duration = 20}, 1);
+    EXPECT_EQ(mapped_rings(), 0u);
+    frame_sender wire("far0");
+    wire.send(frame_of(60, 'a'));
+    wire.send(frame_of(60, 'b'));  // ends it
+    EXPECT_EQ(pcap_read(capture.finish()).frame_bytes(), std::vector<std::string>{frame_of(60, 'a')});
 }
 
 NETWORK_TEST(pcap_dump, without_limits_it_ends_when_the_browser_goes) {

@@ -1,11 +1,13 @@
 // A network of a test's own: two wires, each with a near end that is captured and a far end that sends.
 #pragma once
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <linux/seccomp.h>
 #include <net/if.h>
+#include <netinet/in.h>
 #include <sched.h>
 #include <stddef.h>
 #include <stdlib.h>
@@ -130,6 +132,27 @@ public:
 
 private:
     unique_fd sock_;
+};
+
+// Both ends of a TCP connection over the loopback of this thread's network.
+struct tcp_connection {
+    unique_fd browser{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    unique_fd server;
+
+    tcp_connection() {
+        unique_fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in address = {};
+        socklen_t size = sizeof address;
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        auto* any = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(bind(listener.get(), any, size), 0);
+        EXPECT_EQ(listen(listener.get(), 1), 0);
+        EXPECT_EQ(getsockname(listener.get(), any, &size), 0);
+        EXPECT_EQ(connect(browser.get(), any, size), 0);
+        server = unique_fd(accept(listener.get(), nullptr, nullptr));
+        EXPECT_TRUE(server);
+    }
 };
 
 // A frame of `size` bytes that nobody understands, filled with `fill`.

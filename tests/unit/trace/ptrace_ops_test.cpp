@@ -1,9 +1,13 @@
 #include "trace/ptrace_ops.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -62,6 +66,24 @@ public:
 
 private:
     pid_t pid_ = -1;
+};
+
+// Keeps this thread, and what it starts, on one processor for the length of a block.
+class scoped_processor {
+public:
+    scoped_processor() {
+        EXPECT_EQ(sched_getaffinity(0, sizeof old_, &old_), 0);
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(sched_getcpu(), &one);
+        EXPECT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+    }
+    scoped_processor(const scoped_processor&) = delete;
+    scoped_processor& operator=(const scoped_processor&) = delete;
+    ~scoped_processor() { EXPECT_EQ(sched_setaffinity(0, sizeof old_, &old_), 0); }
+
+private:
+    cpu_set_t old_;
 };
 
 int spin() {
@@ -205,6 +227,37 @@ TEST(trace_detach, waits_for_the_end_of_the_caller_s_own_child) {
     trace_detach(child.pid());
     EXPECT_TRUE(has_no_children());
     child.was_reaped();
+}
+
+TEST(trace_detach, lets_a_running_child_of_the_caller_go_at_its_stop_and_does_not_wait_for_its_end) {
+    tracee runner(call_for_ever);
+    for (int i = 0; i < 20; i++) {
+        ASSERT_EQ(trace_attach(runner.pid()), runner.pid());
+        ASSERT_EQ(trace_cont(runner.pid(), 0), 0);
+        trace_detach(runner.pid());
+        expect_free(runner.pid());
+    }
+    kill(runner.pid(), SIGKILL);
+    EXPECT_TRUE(killed_by(runner.end(), SIGKILL));
+}
+
+TEST(trace_detach, signal_that_a_running_process_meets_on_its_way_to_the_stop_is_lost) {
+    // On one processor the signal, which would end the process, is still to be met when the detach begins. It
+    // is for the thread, as the stop signal is, and of those the one with the lower number comes first.
+    scoped_processor same;
+    for (int i = 0; i < 50; i++) {
+        stranger runner([] {
+            prctl(PR_SET_NAME, "spinning");
+            return spin();
+        });
+        // Before that, signals may be blocked for the fork, but never the one that stops.
+        ASSERT_TRUE(eventually([&runner] { return status_field(runner.pid(), "Name") == "spinning"; }));
+        ASSERT_EQ(trace_attach(runner.pid()), runner.pid());
+        ASSERT_EQ(trace_cont(runner.pid(), 0), 0);
+        ASSERT_EQ(syscall(SYS_tkill, runner.pid(), SIGUSR1), 0);
+        trace_detach(runner.pid());
+        expect_free(runner.pid());
+    }
 }
 
 TEST(trace_detach_sig, delivers_the_signal) {

@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
@@ -112,6 +113,40 @@ TEST(do_strace, processes_that_cannot_be_traced_are_dropped) {
     traced_text trace({gone, getpid(), 0, -7});
     EXPECT_EQ(capture_stdout([&trace] { trace.run(); }), "");
     EXPECT_EQ(trace.pids, (std::vector<pid_t>{-1, -1, -1, -1}));
+}
+
+TEST(do_strace, process_that_cannot_be_traced_does_not_keep_the_others_from_it) {
+    pid_t gone = fork_child([] { return 0; });
+    wait_status(gone);
+    tracee busy(call_for_ever);
+    traced_text trace({gone, -1, busy.pid(), getpid()}, strace_calls);
+    trace.goes_on = [](const traced_text& now) { return !now.has("getppid("); };
+    trace.run();
+    EXPECT_TRUE(trace.has("[" + std::to_string(busy.pid()) + " "));
+    EXPECT_EQ(trace.pids, (std::vector<pid_t>{-1, -1, busy.pid(), -1}));
+    expect_free(busy.pid());
+}
+
+TEST(do_strace, process_that_cannot_be_resumed_is_said_and_dropped) {
+    tracee busy(call_for_ever);
+    pid_t pid = busy.pid();
+    traced_text trace({pid}, strace_calls | strace_fds);
+    trace.goes_on = [pid, killed = false](const traced_text& now) mutable {
+        if (!killed && !now.text.empty()) {
+            killed = true;
+            kill(pid, SIGKILL);
+            EXPECT_TRUE(eventually([pid] { return state_of(pid) == 'Z'; })) << state_of(pid);
+        }
+        return true;
+    };
+    std::string failure = "SYSCALL failed No such process\n";
+    EXPECT_EQ(capture_stdout([&trace] { trace.run(); }), failure + failure + failure + failure +
+                                                             "WARNING: ptrace SYSCALL failed! " +
+                                                             std::to_string(pid) + "\n");
+    EXPECT_FALSE(trace.has(" open fds:")) << trace.text;
+    EXPECT_EQ(trace.pids[0], -1);
+    EXPECT_TRUE(has_no_children());
+    busy.was_reaped();
 }
 
 TEST(do_strace, frees_the_caller_s_buffer_and_makes_its_own_where_there_is_none) {
@@ -384,6 +419,35 @@ TEST(do_strace, time_limit_ends_it_and_lets_the_processes_go) {
     expect_free(sleeper.pid());
 }
 
+// The children of the calling thread.
+std::string own_children() {
+    std::ifstream file("/proc/thread-self/children");
+    std::string all;
+    std::getline(file, all);
+    return all;
+}
+
+TEST(do_strace, time_limit_is_a_child_and_without_one_there_is_none) {
+    if (access("/proc/thread-self/children", R_OK) != 0) {
+        GTEST_SKIP() << "this kernel does not list children";
+    }
+    tracee busy(call_for_ever);
+    const std::string traced_alone = own_children();
+    for (int seconds : {-1, 0, 1}) {
+        traced_text trace({busy.pid()}, strace_calls);
+        trace.ctx.seconds = seconds;
+        std::string meanwhile;
+        trace.goes_on = [&meanwhile](const traced_text& now) {
+            meanwhile = now.polls > 0 ? own_children() : meanwhile;
+            return now.polls < 2;
+        };
+        trace.run();
+        ASSERT_EQ(meanwhile.substr(0, traced_alone.size()), traced_alone);
+        EXPECT_EQ(meanwhile.size() > traced_alone.size(), seconds > 0) << meanwhile;
+        EXPECT_EQ(own_children(), traced_alone);
+    }
+}
+
 TEST(do_strace, timer_is_ended_when_the_last_process_exits) {
     traced_child child([] { return 0; });
     child.trace.ctx.seconds = 100;
@@ -531,6 +595,59 @@ TEST(do_strace, parent_of_a_vfork_and_its_child_do_not_hold_each_other) {
     opener.join();
     EXPECT_LT(clock_type::now() - start, 10s);
     expect_free(parent.pid());
+}
+
+TEST(do_strace, caller_may_end_it_while_processes_are_being_attached_to) {
+    SKIP_WITHOUT_VFORK();
+    unreachable_tracee first;
+    unreachable_tracee second;
+    tracee third(sleep_for_ever);
+    traced_text trace({first.pid(), second.pid(), third.pid()});
+    trace.ctx.seconds = 20;
+    std::string attached;
+    trace.goes_on = [&](const traced_text& now) {
+        if (attached.empty() && now.polls == 1) {
+            for (pid_t pid : {first.pid(), second.pid(), third.pid()}) {
+                attached += is_traced(pid) ? '1' : '0';
+            }
+        }
+        return false;
+    };
+    auto start = clock_type::now();
+    // The end of the thread sets the first one free.
+    std::thread([&trace] { trace.run(); }).join();
+    EXPECT_LT(clock_type::now() - start, 10s);
+    EXPECT_EQ(attached, "100");
+    EXPECT_EQ(trace.polls, 1);
+    EXPECT_EQ(trace.pids, (std::vector<pid_t>{first.pid(), -1, -1}));
+    EXPECT_EQ(trace.count(" open fds:\n"), 1u) << trace.text;
+    // Who joins a thread does not wait for the very end of it.
+    EXPECT_TRUE(eventually([&first] { return !is_traced(first.pid()); }));
+    first.make_reachable();
+    second.make_reachable();
+    for (pid_t pid : {first.pid(), second.pid(), third.pid()}) {
+        expect_free(pid);
+    }
+}
+
+TEST(do_strace, process_that_no_signal_reaches_is_given_up_in_the_end_and_not_left_stopped) {
+    SKIP_WITHOUT_VFORK();
+    unreachable_tracee sleeper;
+    traced_text trace({sleeper.pid()});
+    trace.ctx.seconds = 1;
+    auto start = clock_type::now();
+    clock_type::duration taken{};
+    std::thread([&] {
+        trace.run();
+        taken = clock_type::now() - start;
+    }).join();
+    EXPECT_GT(taken, 3900ms);  // with the time limit of 1 s before
+    EXPECT_LT(taken, 10s);
+    EXPECT_TRUE(eventually([&sleeper] { return !is_traced(sleeper.pid()); }));
+    EXPECT_EQ(state_of(sleeper.pid()), 'D');
+    sleeper.make_reachable();
+    ASSERT_TRUE(eventually([&sleeper] { return state_of(sleeper.pid()) != 'D'; }));
+    expect_free(sleeper.pid());
 }
 
 TEST(do_strace, first_thread_that_ended_before_the_others_does_not_hold_the_trace_up) {

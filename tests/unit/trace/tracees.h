@@ -93,6 +93,53 @@ inline int sleep_for_ever() {
     }
 }
 
+inline int call_for_ever() {
+    for (;;) {
+        getppid();
+    }
+}
+
+#if defined(__SANITIZE_THREAD__)
+#define SKIP_WITHOUT_VFORK() GTEST_SKIP() << "the sanitizer makes a vfork a fork"
+#else
+#define SKIP_WITHOUT_VFORK() \
+    do {                     \
+    } while (false)
+#endif
+
+// A process that sleeps where no signal reaches it, as the parent of a vfork does until its child is done,
+// and then where signals do.
+class unreachable_tracee {
+public:
+    unreachable_tracee()
+        : parent_([this] {
+              gate_.in.reset();
+              if (vfork() == 0) {
+                  char byte;
+                  (void)!read(gate_.out.get(), &byte, 1);
+                  _exit(0);
+              }
+              return sleep_for_ever();
+          }) {
+        EXPECT_TRUE(eventually([this] { return state_of(pid()) == 'D'; })) << state_of(pid());
+    }
+    unreachable_tracee(const unreachable_tracee&) = delete;
+    unreachable_tracee& operator=(const unreachable_tracee&) = delete;
+    ~unreachable_tracee() { make_reachable(); }
+    pid_t pid() const { return parent_.pid(); }
+    // A byte, since closing the pipe does nothing while another child has it as well.
+    void make_reachable() {
+        if (gate_.in) {
+            EXPECT_EQ(write(gate_.in.get(), "x", 1), 1);
+            gate_.in.reset();
+        }
+    }
+
+private:
+    test_pipe gate_;
+    tracee parent_;
+};
+
 // One trace with its text in memory.
 struct traced_text {
     strace_ctx ctx = {};

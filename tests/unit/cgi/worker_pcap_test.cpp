@@ -1,0 +1,29 @@
+#include "cgi/worker_pcap.h"
+
+#include <signal.h>
+#include <stdlib.h>
+
+#include "tests/unit/cgi/browser.h"
+#include "tests/unit/cgi/threads.h"
+
+namespace {
+
+TEST(pcap_worker, that_can_not_detach_answers_a_broken_server) {
+    browser client;
+    auto* request = static_cast<pcap_request*>(calloc(1, sizeof(pcap_request)));
+    request->client_fd = client.hand_over();
+    start_detached(run_pcap_request, request);
+    EXPECT_EQ(client.answer(), broken_server_answer);
+    wait_for_workers();
+}
+
+TEST(pcap_worker_death, null_record_is_said_under_the_chief_file_s_name) {
+    EXPECT_EXIT(
+        {
+            forbid_core_files();
+            run_pcap_request(nullptr);
+        },
+        testing::KilledBySignal(SIGABRT), "request:384: run_pcap_request: Assertion `req' failed\\.");
+}
+
+}  // namespace

@@ -1,0 +1,36 @@
+// Memory that runs out.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stddef.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <fstream>
+
+// Lets the address space of this process grow by no more than `spare` bytes for the length of a block.
+class scoped_memory_limit {
+public:
+    explicit scoped_memory_limit(size_t spare) {
+        size_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        EXPECT_GT(pages, 0u);
+        EXPECT_EQ(getrlimit(RLIMIT_AS, &old_), 0);
+        rlimit now = {pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) + spare, old_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_AS, &now), 0);
+    }
+    scoped_memory_limit(const scoped_memory_limit&) = delete;
+    scoped_memory_limit& operator=(const scoped_memory_limit&) = delete;
+    ~scoped_memory_limit() { EXPECT_EQ(setrlimit(RLIMIT_AS, &old_), 0); }
+
+private:
+    rlimit old_ = {};
+};
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define SKIP_WITHOUT_MEMORY_LIMIT() GTEST_SKIP() << "a sanitizer's allocator does not live with a limit"
+#else
+#define SKIP_WITHOUT_MEMORY_LIMIT() \
+    do {                            \
+    } while (false)
+#endif
