@@ -62,5 +62,7 @@ webfront_head webfront_head_reader::head() const {
     }
     head.announces_body =
         request.count(http::field::transfer_encoding) > 0 || state_->parser.content_length().value_or(0) > 0;
+    head.is_embedded_elsewhere =
+        request["Sec-Fetch-Site"] == "cross-site" && request["Sec-Fetch-Mode"] != "navigate";
     return head;
 }

@@ -18,6 +18,8 @@ struct webfront_head {
     std::string target;              // as it was sent
     std::vector<std::string> hosts;  // the value of each Host field
     bool announces_body = false;
+    bool is_embedded_elsewhere =
+        false;  // a browser says that a page of another site makes it without being left
 };
 
 enum class webfront_head_state {

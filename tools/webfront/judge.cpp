@@ -31,6 +31,10 @@ objection check_request(const webfront_head& head) {
     if (head.method != "GET") {
         return {405, "Only GET requests are answered here."};
     }
+    // A picture in any page on the web could take a stored dump away, or start a trace.
+    if (head.is_embedded_elsewhere) {
+        return {403, "Pages of other sites get nothing from here; follow a link instead."};
+    }
     if (head.announces_body) {
         return {400, "A request here has no body."};
     }

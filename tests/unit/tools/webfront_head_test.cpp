@@ -53,6 +53,27 @@ TEST(webfront_head_reader, gives_the_same_for_single_bytes) {
     EXPECT_EQ(head.hosts, (std::vector<std::string>{"a", "b"}));
 }
 
+TEST(webfront_head_reader, tells_what_a_page_of_another_site_embeds_from_links_and_own_pages) {
+    constexpr struct {
+        const char* fields;
+        bool embedded;
+    } heads[] = {
+        {"", false},  // no browser, or an old one
+        {"Sec-Fetch-Site: cross-site\r\nSec-Fetch-Mode: no-cors\r\n", true},
+        {"Sec-Fetch-Site: cross-site\r\nSec-Fetch-Mode: cors\r\n", true},
+        {"sec-fetch-site: cross-site\r\n", true},
+        {"Sec-Fetch-Site: cross-site\r\nSec-Fetch-Mode: navigate\r\n", false},
+        {"Sec-Fetch-Site: same-origin\r\nSec-Fetch-Mode: cors\r\n", false},
+        {"Sec-Fetch-Site: none\r\nSec-Fetch-Mode: navigate\r\n", false},
+    };
+    for (const auto& each : heads) {
+        webfront_head_reader reader;
+        ASSERT_EQ(reader.feed("GET / HTTP/1.1\r\nHost: a\r\n" + std::string(each.fields) + "\r\n"),
+                  state::complete);
+        EXPECT_EQ(reader.head().is_embedded_elsewhere, each.embedded) << each.fields;
+    }
+}
+
 TEST(webfront_head_reader, knows_whether_anything_came) {
     webfront_head_reader reader;
     EXPECT_FALSE(reader.started());

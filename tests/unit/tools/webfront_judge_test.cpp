@@ -113,6 +113,12 @@ TEST(webfront_judge, gives_head_no_body) {
     EXPECT_TRUE(webfront_judge(head, port).bytes.ends_with("\r\n\r\n"));
 }
 
+TEST(webfront_judge, refuses_what_pages_of_other_sites_embed) {
+    webfront_head head = good_head("/debug.tgz?pop");
+    head.is_embedded_elsewhere = true;
+    EXPECT_EQ(status_of(head), 403);
+}
+
 TEST(webfront_judge, refuses_a_body_and_a_target_that_is_no_path) {
     webfront_head head = good_head("/debug.tgz");
     head.announces_body = true;
