@@ -175,7 +175,9 @@ class Board:
             "-nodefaults", "-display", "none", "-no-reboot",
             "-kernel", str(KERNEL / f"boot/vmlinuz-{kernel_release()}"),
             "-initrd", f"/proc/self/fd/{files}",
-            "-append", "console=ttyS0 panic=-1" + (" quiet board.shell" if self.interactive else ""),
+            # The emulator loses a timer's interrupt, and time stands still, when the timer is over while it is being
+            # set. A tick at a fixed rate leaves it milliseconds; a sleep of microseconds would not.
+            "-append", "console=ttyS0 panic=-1 highres=off nohz=off" + (" quiet board.shell" if self.interactive else ""),
             "-nic", f"user,model={CARD},restrict=on,ipv6=off{forward}",
             "-device", "virtio-serial-pci",
             "-chardev", f"socket,id=line,fd={line}", "-device", "virtserialport,chardev=line,nr=1",
