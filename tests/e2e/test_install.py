@@ -1,0 +1,278 @@
+"""What `cmake --install` and cpack put where: exact lists of files, and the installed programs at work."""
+
+import gzip
+import os
+import pathlib
+import re
+import resource
+import shutil
+import signal
+import stat
+import subprocess
+import tarfile
+
+import pytest
+
+from zarvo_e2e import (
+    BIN, COMPRESSED_HEAD, PATIENCE, ROOT, Daemon, assert_compressed_whole, body_of, http_get, in_mount_namespace,
+    wait_for,
+)  # fmt: skip
+
+NEEDS_SANDBOX = True
+
+HOST = BIN.parent
+DEVICE = ROOT / "build" / "mipsel"
+
+DEVICE_APPLETS = {"tstrace", "stopper", "pcapdump", "coredump-handler", "debugar.cgi", "mon", "oopslog", "forkbomb",
+                  "fdleak", "segfault"}  # fmt: skip
+APPLETS = DEVICE_APPLETS | {"ctest"}
+TOOLS = {"webfront", "dcore", "rtraceview"}
+STANDINS = {"libqorlink.so.1", "libvextor.so", "libmirnel.so", "libhollisk.so.7"}
+
+FOLDER, PROGRAM, PLAIN, LINK = "drwxr-xr-x", "-rwxr-xr-x", "-rw-r--r--", "-> zarvo"
+
+
+def listing(applets, tools=frozenset(), standins=frozenset()):
+    """What has to be below the root folder: paths, and what is there."""
+    found = {f"usr/bin/{name}": LINK for name in applets}
+    found |= {f"usr/bin/{name}": PROGRAM for name in {"zarvo"} | tools}
+    found |= {f"usr/lib/zarvo/{name}": PLAIN for name in standins}
+    found |= {f"usr/share/man/man1/{name}.1.gz": PLAIN for name in {"zarvo"} | applets | tools}
+    found |= {"usr/share/doc/zarvo/dygraphs.copyright": PLAIN} if "rtraceview" in tools else {}
+    folders = {str(parent) for path in found for parent in pathlib.PurePath(path).parents} - {"."}
+    return found | dict.fromkeys(folders, FOLDER)
+
+
+def below(root):
+    """What is below a folder, in the words of listing()."""
+    found = {}
+    for path in root.rglob("*"):
+        mode = path.lstat().st_mode
+        kind = f"-> {os.readlink(path)}" if stat.S_ISLNK(mode) else stat.filemode(mode)
+        found[str(path.relative_to(root))] = kind
+    return found
+
+
+def run(*words, status=0, **how):
+    done = subprocess.run(list(map(str, words)), capture_output=True, text=True, timeout=PATIENCE * 4, **how)
+    assert done.returncode == status, (words, done.returncode, done.stdout, done.stderr)
+    return done.stdout
+
+
+def install(build, root, *words):
+    run("cmake", "--install", build, "--prefix", "/usr", *words, env=dict(os.environ, DESTDIR=str(root)))
+    return root
+
+
+def pack(build, folder):
+    """The one package that cpack makes of a build."""
+    run("cpack", "--config", build / "CPackConfig.cmake", "-B", folder)
+    (package,) = [path for path in folder.iterdir() if path.is_file()]
+    return package
+
+
+@pytest.fixture(scope="module")
+def installed(tmp_path_factory):
+    return install(HOST, tmp_path_factory.mktemp("installed"))
+
+
+@pytest.fixture(scope="module")
+def debian(tmp_path_factory):
+    if not shutil.which("dpkg-shlibdeps"):
+        pytest.skip("needs dpkg-dev")
+    return pack(HOST, tmp_path_factory.mktemp("debian"))
+
+
+@pytest.fixture(scope="module")
+def unpacked(debian, tmp_path_factory):
+    root = tmp_path_factory.mktemp("unpacked")
+    run("dpkg-deb", "-x", debian, root)
+    return root
+
+
+@pytest.fixture(scope="module")
+def device_build():
+    if not (DEVICE / "man" / "zarvo.1.gz").exists():
+        pytest.skip("there is no whole build/mipsel")
+    return DEVICE
+
+
+def section_names(program):
+    return set(re.findall(r"^ +\[ *\d+\] (\S+)", run("readelf", "-SW", program), re.MULTILINE))
+
+
+def assert_stripped(*programs):
+    for program in programs:
+        sections = section_names(program)
+        assert ".text" in sections
+        assert not sections & {".symtab", ".debug_info"}, program
+
+
+# A development machine.
+
+
+def test_installs_programs_links_pages_and_standins(installed):
+    assert below(installed) == listing(APPLETS, TOOLS, STANDINS)
+
+
+def test_installed_programs_are_stripped(installed):
+    programs = [installed / "usr/bin" / name for name in TOOLS | {"zarvo"}]
+    assert_stripped(*programs, *(installed / "usr/lib/zarvo").iterdir())
+
+
+def test_programs_of_the_build_keep_their_symbols(installed):
+    assert {".symtab", ".debug_info"} <= section_names(BIN / "zarvo")
+
+
+def test_installed_pages_are_the_trees_own(installed):
+    for page in (installed / "usr/share/man/man1").iterdir():
+        assert gzip.decompress(page.read_bytes()) == (ROOT / "man" / page.stem).read_bytes()
+
+
+def test_installed_programs_find_the_standins_beside_them(installed):
+    for name in ("zarvo", "webfront"):
+        loaded = run("ldd", installed / "usr/bin" / name)
+        found = re.findall(r"=> (\S+/lib/zarvo/\S+) ", loaded)
+        assert found and all(os.path.realpath(path).startswith(str(installed)) for path in found), loaded
+        assert "not found" not in loaded
+
+
+# Each installed name with arguments that let it come to an end at once: status, and what it says.
+SAYS = [
+    (["tstrace"], 0, "USAGE: tstrace "),
+    (["stopper"], 0, "USAGE: stopper "),
+    (["pcapdump"], 1, "USAGE: pcapdump "),
+    (["debugar.cgi", "-h"], 1, "dbg-cgi 0.1\n"),
+    (["ctest"], 0, "call exit\n"),
+    (["oopslog"], 1, "USAGE: oopslog "),
+    (["zarvo", "ctest"], 0, "call exit\n"),
+    (["zarvo", "nothing"], 1, "nothing: unknown zarvo applet\n"),
+    (["webfront", "--help"], 0, "usage: webfront "),
+    (["rtraceview", "--help"], 0, "usage: rtraceview "),
+    (["tstrace", "/bin/true"], 0, "] exit_group(0)\n"),
+    (["segfault"], -signal.SIGSEGV, ""),
+    (["coredump-handler"], 1, ""),  # nobody waits for a core here
+]
+
+
+@pytest.mark.parametrize("words, status, part", SAYS, ids=[" ".join(words) for words, _, _ in SAYS])
+def test_installed_program_works(installed, words, status, part):
+    said = run(installed / "usr/bin" / words[0], *words[1:], status=status, stdin=subprocess.DEVNULL)
+    assert part in said
+
+
+def test_installed_leak_leaks(installed):
+    limit = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))  # noqa: E731
+    assert "leaked 48\n" in run(installed / "usr/bin/fdleak", preexec_fn=limit)
+
+
+def first_line_of(words, ending):
+    """The first line that a program says; then it gets the signal, with all that it has started."""
+    with subprocess.Popen(words, stdout=subprocess.PIPE, start_new_session=True) as program:
+        line = program.stdout.readline()
+        os.killpg(program.pid, ending)
+    return line
+
+
+def test_installed_fork_bomb_forks(installed):
+    # The first child sleeps; the next one would come in an hour.
+    words = ["stdbuf", "-oL", installed / "usr/bin/forkbomb", "3600000000", "1"]
+    assert first_line_of(words, signal.SIGKILL) == b"forks 1\n"
+
+
+def test_installed_monitor_watches(installed, tmp_path):
+    # It writes to /tmp, which is the machine's: it gets one of its own, below which nothing of ours is.
+    own_tmp = f"mkdir -p /run/bin; mount --bind {installed}/usr /run/bin; mount -t tmpfs -o mode=1777 none /tmp"
+    words = [*in_mount_namespace(own_tmp), "/run/bin/bin/mon", "100000"]
+    with subprocess.Popen(words, stderr=subprocess.PIPE, cwd="/") as monitor:
+        report = pathlib.Path(f"/proc/{monitor.pid}/root/tmp/dbg-report.txt")
+        wait_for(lambda: report.exists() and "round=2" in report.read_text(), "the second round")
+        monitor.send_signal(signal.SIGINT)
+        assert monitor.stderr.read().endswith(b"Cleanup and exit.\n")
+    assert monitor.returncode == 0
+
+
+def assert_makes_an_archive(root, folder):
+    """The installed daemon behind the installed front."""
+    daemon = Daemon(folder, "-p", root / "usr/bin/dcore", program=str(root / "usr/bin/debugar.cgi"))
+    try:
+        words = [root / "usr/bin/webfront", "--port", "0"]
+        with subprocess.Popen(words, stdout=subprocess.PIPE, text=True) as front:
+            try:
+                answer = http_get(front.stdout.readline().strip().rstrip("/"), "/debug.tgz")
+            finally:
+                front.terminate()
+    finally:
+        daemon.stop()
+    names = [member.name for member in assert_compressed_whole(body_of(answer, COMPRESSED_HEAD))]
+    assert f"webfront.{front.pid}/core" in names
+
+
+def test_installed_daemon_makes_an_archive(here, installed, tmp_path):
+    assert_makes_an_archive(installed, tmp_path / "daemon")
+
+
+# The Debian package.
+
+
+def test_package_holds_all_but_what_debians_own_programs_are_called(unpacked):
+    assert below(unpacked) == listing(DEVICE_APPLETS, TOOLS, STANDINS)
+
+
+def test_package_belongs_to_root(debian):
+    owners = {line.split()[1] for line in run("dpkg-deb", "-c", debian).splitlines()}
+    assert owners == {"root/root"}
+
+
+def test_package_depends_on_what_its_programs_are_linked_with(debian, unpacked):
+    depends = run("dpkg-deb", "-f", debian, "Depends")
+    assert set(re.findall(r"(\S+) \(", depends)) == {"libc6", "libgcc-s1", "libstdc++6", "zlib1g"}
+    needed = set()
+    for name in TOOLS | {"zarvo"}:
+        needed |= set(re.findall(r"\(NEEDED\).*\[(.*)\]", run("readelf", "-d", unpacked / "usr/bin" / name)))
+    assert needed == STANDINS | {"libc.so.6", "libgcc_s.so.1", "libstdc++.so.6", "libz.so.1"}
+
+
+def test_package_has_no_file_of_an_installed_package(unpacked):
+    """dpkg would refuse to unpack it."""
+    files = [path for path, kind in below(unpacked).items() if kind != FOLDER]
+    done = subprocess.run(["dpkg", "-S", *(f"/{path}" for path in files)], capture_output=True, text=True)
+    owners = {line.partition(":")[0] for line in done.stdout.splitlines()}
+    assert owners <= {"zarvo"}, done.stdout
+
+
+def test_packages_daemon_makes_an_archive(here, unpacked, tmp_path):
+    assert_makes_an_archive(unpacked, tmp_path / "daemon")
+
+
+# The device.
+
+
+def test_installs_the_toolbox_alone_for_the_device(device_build, tmp_path):
+    root = install(device_build, tmp_path)
+    assert below(root) == listing(APPLETS)
+    assert_stripped(root / "usr/bin/zarvo")
+
+
+def test_device_program_looks_for_libraries_where_the_device_has_them(device_build, tmp_path):
+    dynamic = run("readelf", "-d", install(device_build, tmp_path) / "usr/bin/zarvo")
+    assert "(NEEDED)" in dynamic
+    assert not re.search("RPATH|RUNPATH", dynamic)
+
+
+def test_installs_the_devices_tools_when_asked(device_build, tmp_path):
+    assert below(install(device_build, tmp_path, "--component", "tools")) == (
+        {path: kind for path, kind in listing(set(), TOOLS - {"rtraceview"}).items() if "/zarvo" not in path}
+    )
+
+
+def test_tarball_holds_what_is_installed(device_build, tmp_path):
+    package = pack(device_build, tmp_path / "tarball")
+    assert re.fullmatch(r"zarvo-[\d.]+-mipsel\.tar\.gz", package.name)
+    with tarfile.open(package) as tar:
+        found = {
+            member.name: f"-> {member.linkname}" if member.issym() else
+            ("d" if member.isdir() else "-") + stat.filemode(member.mode)[1:]
+            for member in tar
+        }  # fmt: skip
+    assert found == listing(APPLETS)
