@@ -19,7 +19,7 @@ void dump_set_dumper(char** argv);
 void dump_init();
 
 // How long a dumper may take for its control line, be silent while its core is copied, and go on after it;
-// 240 s unless set. Far below the 300 s after which an archive's phase ends the whole process.
+// 240 s unless set. Less than the 300 s after which an archive's phase ends the whole process.
 void dump_set_patience(int ms);
 
 // One run of the dumper. Runs share nothing, so that several may go on at once.
