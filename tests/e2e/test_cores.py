@@ -74,6 +74,10 @@ class Victims:
     def states(self):
         return {process_stat(sleeper.pid)[0] for sleeper in self.sleepers.values()}
 
+    def wait_asleep(self):
+        """One that has just been let go may still be on its way back to sleep."""
+        wait_for(lambda: self.states() <= {"S"}, self.states)
+
     def end(self):
         for sleeper in self.sleepers.values():
             sleeper.kill()
@@ -94,7 +98,7 @@ def dumping(victims, start):
     rest = daemon.rest()
     yield daemon
     daemon.wait_for_rest(rest)
-    assert victims.states() <= {"S"}
+    victims.wait_asleep()
 
 
 def archive_of(daemon, path=b"/x/debug.tar"):
@@ -168,6 +172,7 @@ def taken(tmp_path_factory):
         daemon.wait_for_rest(rest)
         compressed, _ = archive_of(daemon, b"/x/debug.tgz")
         daemon.wait_for_rest(rest)
+        victims.wait_asleep()
         states = victims.states()
     finally:
         daemon.stop()
