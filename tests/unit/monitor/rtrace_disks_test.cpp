@@ -40,6 +40,12 @@ int fake_statfs(const char* path, struct statfs* result) {
     return 0;
 }
 
+#ifdef __SANITIZE_THREAD__
+constexpr int threads_at_rest = 2;  // the sanitizer has one of its own, which may begin late
+#else
+constexpr int threads_at_rest = 1;
+#endif
+
 class rtrace_disks : public testing::Test {
 protected:
     void SetUp() override {
@@ -50,7 +56,7 @@ protected:
     void TearDown() override {
         hanging = false;
         rtrace_forget_mounts(mounts_);
-        EXPECT_TRUE(eventually([] { return threads() == 1; })) << threads();
+        EXPECT_TRUE(eventually([] { return threads() <= threads_at_rest; })) << threads();
     }
 
     static int threads() {
@@ -150,7 +156,7 @@ TEST_F(rtrace_disks, that_hang_are_left_out_and_not_asked_again_until_they_answe
     EXPECT_EQ(table_of(lines), heading + good);
     EXPECT_EQ(asked, 3);
     hanging = false;
-    EXPECT_TRUE(eventually([] { return threads() == 1; }));
+    EXPECT_TRUE(eventually([] { return threads() <= threads_at_rest; }));
     EXPECT_EQ(table_of(lines), heading + "h                   \t1600\t2000\t/hang\n" + good);
 }
 
