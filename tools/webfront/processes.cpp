@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <memory>
 
 #include "common/unique_fd.h"
 #include "tools/webfront/json.h"
@@ -16,10 +15,6 @@ namespace {
 constexpr size_t stat_limit = 1024;  // the longest line has 15 + 51 * 21 bytes, but not what is read of it
 constexpr unsigned kernel_thread_flag = 0x00200000;  // PF_KTHREAD of the kernel's sched.h
 constexpr std::string_view cut_mark = "...";
-
-struct directory_closer {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
 
 template <typename Number>
 bool parse_number(std::string_view text, Number& number) {
@@ -111,7 +106,7 @@ std::string webfront_parse_command(std::string_view bytes) {
 
 std::vector<webfront_process> webfront_read_processes(const std::string& root) {
     std::vector<webfront_process> processes;
-    std::unique_ptr<DIR, directory_closer> directory(opendir(root.c_str()));
+    unique_dir directory(opendir(root.c_str()));
     if (!directory) {
         return processes;
     }
