@@ -330,6 +330,7 @@ struct socket_cache {
     unique_malloc<known_socket> sockets;  // sorted by inode, all of one table
     size_t count = 0;
     size_t capacity = 0;
+    bool complete = false;  // whether there was memory for all of them
 
     std::span<known_socket> known() const { return {sockets.get(), count}; }
 };
@@ -343,6 +344,7 @@ void remember(void* context, const socket_row& row) {
         size_t larger = cache->capacity + cache->capacity / 2 + 64;
         void* grown = realloc(cache->sockets.get(), larger * sizeof(known_socket));
         if (!grown) {
+            cache->complete = false;
             return;
         }
         (void)cache->sockets.release();
@@ -375,21 +377,27 @@ bool can_ask(socket_cache* cache) {
     return static_cast<bool>(cache->diag);
 }
 
-// The row of a remembered socket, as the kernel says it is now; false when it is not known or not there any
-// more.
-bool ask_for_known(socket_cache* cache, unsigned long inode, socket_row* row) {
+const known_socket* find_known(const socket_cache* cache, unsigned long inode) {
     std::span<known_socket> known = cache->known();
     auto found = std::ranges::lower_bound(known, inode, {}, &known_socket::inode);
-    if (found == known.end() || found->inode != inode) {
+    return found == known.end() || found->inode != inode ? nullptr : &*found;
+}
+
+// The row of a remembered socket, as the kernel says it is now; false when it is not known or not there any
+// more.
+bool ask_for_known(const socket_cache* cache, unsigned long inode, socket_row* row) {
+    const known_socket* known = find_known(cache, inode);
+    if (!known) {
         return false;
     }
-    *row = recall(*found);
+    *row = recall(*known);
     return socket_diag_refresh_tcp(cache->diag.get(), row) == socket_answer::found;
 }
 
 // Has the kernel list a TCP table, and remembers it in place of what was known. False when it can't.
 bool list_sockets(socket_cache* cache, table_kind table) {
     cache->count = 0;
+    cache->complete = true;
     bool listed = socket_diag_list_tcp(cache->diag.get(), table, remember, cache);
     std::ranges::sort(cache->known(), {}, &known_socket::inode);
     return listed;
@@ -416,6 +424,9 @@ bool find_now(socket_cache* cache, table_kind table, unsigned long inode, socket
     }
     if (!list_sockets(cache, table)) {
         return read_table(cache, table, inode, row);
+    }
+    if (cache->complete && !find_known(cache, inode)) {
+        return false;  // neither connected nor listening
     }
     // Sockets that share a port, or are bound to a device, are not told apart by their ends.
     return ask_for_known(cache, inode, row) || read_table(cache, table, inode, row);

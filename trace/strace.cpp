@@ -168,8 +168,8 @@ void end_timer(trace_run* run) {
 }
 
 void write_line(strace_ctx* ctx, int length) {
-    if (length > 0 && length < ctx->bufsize && ctx->write) {
-        ctx->write(ctx->cookie, ctx->buf, length);
+    if (length > 0 && length < ctx->bufsize) {
+        strace_write_later(ctx, ctx->buf, length);
     }
 }
 
@@ -320,8 +320,8 @@ bool wait_once(trace_run* run, int flags) {
 // first process of its list that has one, and those at its end would never have their turn. Returns whether
 // the trace goes on.
 bool trace_round(trace_run* run) {
-    bool more = wait_once(run, 0) && run->live > 1;
-    while (more && !run->over) {
+    bool more = wait_once(run, 0);
+    while (more && !run->over && run->ready_count < run->live) {
         more = wait_once(run, WNOHANG);
     }
     for (int i = 0; i < run->ready_count; i++) {
@@ -334,6 +334,7 @@ bool trace_round(trace_run* run) {
         }
     }
     run->ready_count = 0;
+    strace_write_pending(run->ctx);
     return !run->over;
 }
 
@@ -407,12 +408,14 @@ int strace_index(const strace_ctx* ctx, pid_t pid) {
 
 void do_strace(strace_ctx* ctx) {
     int count = ctx->nr_pids > 0 ? ctx->nr_pids : 0;
-    strace_names names = {count, nullptr, nullptr, nullptr};
+    strace_names names;
+    names.count = count;
     names.processes.reset(
         static_cast<strace_process*>(calloc(static_cast<size_t>(count) + 1, sizeof(strace_process))));
     names.ready.reset(static_cast<int*>(calloc(static_cast<size_t>(count) + 1, sizeof(int))));
     if (names.processes && names.ready && make_buffer(ctx) && take_turn(ctx)) {
         names.sockets = socket_cache_new();
+        names.pending.reset(static_cast<char*>(count > 1 ? malloc(strace_buffer_size) : nullptr));
         for (int i = 0; i <= count; i++) {
             names.processes.get()[i].fd_dir = -1;
         }

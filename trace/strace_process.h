@@ -23,14 +23,24 @@ struct strace_process {
 };
 
 struct strace_names {
-    int count;
+    int count = 0;
     unique_malloc<strace_process> processes;  // one for each of the context's pids, and a blank one behind
     unique_malloc<int> ready;                 // positions of the processes with an event
     unique_socket_cache sockets;
+    unique_malloc<char> pending;  // text that is to be written, strace_buffer_size bytes; null: none is kept
+    int pending_length = 0;
 };
 
 // With more processes than this, their descriptor directories are not held open.
 constexpr int strace_held_dirs = 16;
+
+// Passes text to the caller behind what is pending. Returns what the callback returned, 0 without one.
+int32_t strace_write(strace_ctx* ctx, const char* text, int length);
+
+// Keeps text for the next strace_write_pending, or writes it: lines of processes that stopped at the same
+// time cost one write.
+void strace_write_later(strace_ctx* ctx, const char* text, int length);
+void strace_write_pending(strace_ctx* ctx);
 
 // Describes a descriptor of `pid` as proc_fdinfo_lookup does.
 int strace_describe_fd(const strace_ctx* ctx, pid_t pid, int fd, char* buf, size_t len);

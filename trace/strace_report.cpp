@@ -5,6 +5,7 @@
 #include <sys/ptrace.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "proc/proc_fd.h"
 #include "trace/strace.h"
@@ -85,7 +86,7 @@ bool show_fd(strace_ctx* ctx, pid_t pid, int fd, size_t index, char* room) {
     char* line = description - digits;
     std::copy_n(number, digits, line);
     description[length] = '\n';
-    if (ctx->write && ctx->write(ctx->cookie, line, digits + length + 1) < 0) {
+    if (strace_write(ctx, line, digits + length + 1) < 0) {
         fprintf(stderr, "%s:%d strace_write failed\n", listing_name, line_of_description);
         return false;
     }
@@ -93,6 +94,32 @@ bool show_fd(strace_ctx* ctx, pid_t pid, int fd, size_t index, char* room) {
 }
 
 }  // namespace
+
+int32_t strace_write(strace_ctx* ctx, const char* text, int length) {
+    strace_write_pending(ctx);
+    return ctx->write ? ctx->write(ctx->cookie, text, length) : 0;
+}
+
+void strace_write_later(strace_ctx* ctx, const char* text, int length) {
+    strace_names* names = ctx->names;
+    if (!names->pending || length > strace_buffer_size) {
+        (void)strace_write(ctx, text, length);
+        return;
+    }
+    if (length > strace_buffer_size - names->pending_length) {
+        strace_write_pending(ctx);
+    }
+    std::copy_n(text, length, names->pending.get() + names->pending_length);
+    names->pending_length += length;
+}
+
+void strace_write_pending(strace_ctx* ctx) {
+    strace_names* names = ctx->names;
+    int length = names ? std::exchange(names->pending_length, 0) : 0;
+    if (length > 0 && ctx->write) {
+        ctx->write(ctx->cookie, names->pending.get(), length);
+    }
+}
 
 int strace_describe_fd(const strace_ctx* ctx, pid_t pid, int fd, char* buf, size_t len) {
     strace_process* process = strace_find(ctx, pid);
@@ -108,8 +135,8 @@ int strace_printf(strace_ctx* ctx, const char* format, ...) {
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the line before makes it
     int length = vsnprintf(ctx->buf, static_cast<size_t>(ctx->bufsize), format, args);
     va_end(args);
-    if (length >= 1 && length < ctx->bufsize && ctx->write) {
-        ctx->write(ctx->cookie, ctx->buf, length);
+    if (length >= 1 && length < ctx->bufsize) {
+        (void)strace_write(ctx, ctx->buf, length);
     }
     return length;
 }

@@ -43,7 +43,7 @@ constexpr int shown_fd = 500;  // above all others of a test
 
 // The context of a trace in which this program is one process, "me", that a report is made of.
 struct report {
-    strace_names names = {1, nullptr, nullptr, nullptr};
+    strace_names names;
     pid_t pid = getpid();
     std::vector<char> buffer = std::vector<char>(strace_buffer_size);
     strace_ctx ctx = {};
@@ -51,6 +51,7 @@ struct report {
     std::function<int32_t(const std::string&)> answer = [](const std::string&) { return 1; };
 
     report() {
+        names.count = 1;
         names.processes.reset(static_cast<strace_process*>(calloc(2, sizeof(strace_process))));
         strcpy(names.processes.get()[0].name, "me");
         names.processes.get()[0].fd_dir = -1;
@@ -144,6 +145,44 @@ std::string lookup_failed(const report& made, int index) {
 }
 
 }  // namespace
+
+TEST(strace_write_later, keeps_text_until_the_pending_text_is_written) {
+    report made;
+    made.names.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
+    strace_write_later(&made.ctx, "one\n", 4);
+    strace_write_later(&made.ctx, "two\n", 4);
+    EXPECT_TRUE(made.pieces.empty());
+    strace_write_pending(&made.ctx);
+    EXPECT_EQ(made.pieces, std::vector<std::string>({"one\ntwo\n"}));
+    strace_write_pending(&made.ctx);
+    EXPECT_EQ(made.pieces.size(), 1u);
+}
+
+TEST(strace_write_later, kept_text_comes_before_what_is_written_at_once) {
+    report made;
+    made.names.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
+    strace_write_later(&made.ctx, "one\n", 4);
+    EXPECT_EQ(strace_printf(&made.ctx, "%d\n", 2), 2);
+    EXPECT_EQ(made.pieces, std::vector<std::string>({"one\n", "2\n"}));
+}
+
+TEST(strace_write_later, text_for_which_there_is_no_room_follows_what_was_kept) {
+    report made;
+    made.names.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
+    const std::string most(strace_buffer_size - 1, 'a');
+    const std::string whole(strace_buffer_size, 'b');
+    const std::string more(strace_buffer_size + 1, 'c');
+    for (const std::string& text : {most, whole, more}) {
+        strace_write_later(&made.ctx, text.c_str(), static_cast<int>(text.size()));
+    }
+    EXPECT_EQ(made.pieces, std::vector<std::string>({most, whole, more}));
+}
+
+TEST(strace_write_later, writes_at_once_without_memory_to_keep_text_in) {
+    report made;
+    strace_write_later(&made.ctx, "one\n", 4);
+    EXPECT_EQ(made.pieces, std::vector<std::string>({"one\n"}));
+}
 
 TEST(strace_show_fdinfo_all, lists_each_descriptor_in_a_line_of_its_own) {
     numbered_fd null(shown_fd);
