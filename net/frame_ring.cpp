@@ -8,29 +8,75 @@
 
 namespace {
 
-// A slot holds the kernel's own header of a frame and what is recorded of the frame.
-constexpr unsigned slot_size = 2048;
-constexpr unsigned block_size = 65536;  // a multiple of the page size of every machine
+constexpr unsigned block_size = 1u << 18;  // a multiple of the page size of every machine
+constexpr unsigned fewest_blocks = 2;      // one to read while the other is filled
+constexpr unsigned frame_size = 2048;      // has to be given, and means nothing here
 
-tpacket2_hdr* slot_at(const frame_ring& ring, unsigned number) {
-    void* slot = ring.memory + size_t{number} * slot_size;
-    return static_cast<tpacket2_hdr*>(slot);
+tpacket_block_desc* block_at(const frame_ring& ring, unsigned number) {
+    void* block = ring.memory + size_t{number} * block_size;
+    return static_cast<tpacket_block_desc*>(block);
+}
+
+unsigned after(const frame_ring& ring, unsigned number) {
+    return number + 1 < ring.blocks ? number + 1 : 0;
+}
+
+// Whether a block has been handed over and not been given back.
+bool is_ours(const tpacket_block_desc* block) {
+    return (__atomic_load_n(&block->hdr.bh1.block_status, __ATOMIC_ACQUIRE) & TP_STATUS_USER) != 0;
+}
+
+void give_back(tpacket_block_desc* block) {
+    __atomic_store_n(&block->hdr.bh1.block_status, uint32_t{TP_STATUS_KERNEL}, __ATOMIC_RELEASE);
+}
+
+bool is_used_up(const frame_ring& ring, const tpacket_block_desc* block) {
+    return ring.taken == block->hdr.bh1.num_pkts;
+}
+
+void begin_block(frame_ring* ring, unsigned number) {
+    ring->block = number;
+    ring->taken = 0;
+    ring->offset = 0;
+}
+
+// The block with the next frame; null when the kernel has not handed it over.
+const tpacket_block_desc* block_to_read(frame_ring* ring) {
+    for (;;) {
+        const tpacket_block_desc* block = block_at(*ring, ring->block);
+        if (!is_ours(block)) {
+            return nullptr;
+        }
+        if (!is_used_up(*ring, block)) {
+            return block;
+        }
+        unsigned next = after(*ring, ring->block);
+        if (next == ring->first) {
+            return nullptr;  // all blocks are read, and none given back
+        }
+        begin_block(ring, next);
+    }
 }
 
 bool set_version(int sock) {
-    int version = TPACKET_V2;  // the kernel takes no other one while there is a ring
+    int version = TPACKET_V3;
     return setsockopt(sock, SOL_PACKET, PACKET_VERSION, &version, sizeof version) == 0;
 }
 
-bool set_ring(int sock, const tpacket_req& wanted) {
+bool set_ring(int sock, const tpacket_req3& wanted) {
     return setsockopt(sock, SOL_PACKET, PACKET_RX_RING, &wanted, sizeof wanted) == 0;
 }
 
 }  // namespace
 
 bool frame_ring_open(frame_ring* ring, int sock, size_t bytes) {
-    unsigned blocks = std::max(1u, static_cast<unsigned>(bytes / block_size));
-    tpacket_req wanted = {block_size, blocks, slot_size, blocks * (block_size / slot_size)};
+    unsigned blocks = std::max(fewest_blocks, static_cast<unsigned>(bytes / block_size));
+    tpacket_req3 wanted = {};
+    wanted.tp_block_size = block_size;
+    wanted.tp_block_nr = blocks;
+    wanted.tp_frame_size = frame_size;
+    wanted.tp_frame_nr = blocks * (block_size / frame_size);
+    wanted.tp_retire_blk_tov = frame_ring_delay_ms;
     if (!set_version(sock) || !set_ring(sock, wanted)) {
         return false;
     }
@@ -40,7 +86,7 @@ bool frame_ring_open(frame_ring* ring, int sock, size_t bytes) {
         (void)set_ring(sock, {});  // or frames would go where nobody sees them
         return false;
     }
-    *ring = {static_cast<uint8_t*>(memory), size, wanted.tp_frame_nr, 0};
+    *ring = {.memory = static_cast<uint8_t*>(memory), .size = size, .blocks = blocks};
     return true;
 }
 
@@ -51,30 +97,47 @@ void frame_ring_close(frame_ring* ring) {
     *ring = {};
 }
 
-fetched_frames frame_ring_fetch(const frame_ring& ring, captured_frame* into, int room) {
+fetched_frames frame_ring_fetch(frame_ring* ring, captured_frame* into, int room) {
     fetched_frames fetched;
-    unsigned number = ring.next;
-    int most = std::min(room, static_cast<int>(ring.slots));
-    while (fetched.count < most) {
-        const tpacket2_hdr* slot = slot_at(ring, number);
-        if ((__atomic_load_n(&slot->tp_status, __ATOMIC_ACQUIRE) & TP_STATUS_USER) == 0) {
+    while (fetched.count < room) {
+        const tpacket_block_desc* block = block_to_read(ring);
+        if (!block) {
             break;
         }
-        if (slot->tp_snaplen == 0) {
+        const uint8_t* start = reinterpret_cast<const uint8_t*>(block);
+        start += ring->taken == 0 ? block->hdr.bh1.offset_to_first_pkt : ring->offset;
+        const tpacket3_hdr* frame = static_cast<const tpacket3_hdr*>(static_cast<const void*>(start));
+        if (frame->tp_snaplen == 0) {
             fetched.ended = true;
             break;
         }
-        into[fetched.count++] = {reinterpret_cast<const uint8_t*>(slot) + slot->tp_mac,
-                                 std::min(slot->tp_snaplen, pcap_frame_limit)};
-        number = number + 1 < ring.slots ? number + 1 : 0;
+        into[fetched.count++] = {start + frame->tp_mac, std::min(frame->tp_snaplen, pcap_frame_limit),
+                                 frame->tp_sec, frame->tp_nsec / 1000};
+        ring->offset =
+            static_cast<unsigned>(start - reinterpret_cast<const uint8_t*>(block)) + frame->tp_next_offset;
+        ring->taken++;
     }
+    ring->fetched += static_cast<uint32_t>(fetched.count);
     return fetched;
 }
 
-void frame_ring_release(frame_ring* ring, int count) {
-    for (; count > 0; count--) {
-        __atomic_store_n(&slot_at(*ring, ring->next)->tp_status, uint32_t{TP_STATUS_KERNEL},
-                         __ATOMIC_RELEASE);
-        ring->next = ring->next + 1 < ring->slots ? ring->next + 1 : 0;
+void frame_ring_release(frame_ring* ring) {
+    for (; ring->first != ring->block; ring->first = after(*ring, ring->first)) {
+        give_back(block_at(*ring, ring->first));
     }
+    tpacket_block_desc* current = block_at(*ring, ring->block);
+    if (is_ours(current) && is_used_up(*ring, current)) {
+        give_back(current);
+        begin_block(ring, after(*ring, ring->block));
+        ring->first = ring->block;
+    }
+}
+
+uint32_t frame_ring_count_unfetched(const frame_ring& ring, int sock) {
+    tpacket_stats_v3 counts = {};
+    socklen_t size = sizeof counts;
+    if (getsockopt(sock, SOL_PACKET, PACKET_STATISTICS, &counts, &size) != 0) {
+        return UINT32_MAX;
+    }
+    return counts.tp_packets - counts.tp_drops - ring.fetched;
 }

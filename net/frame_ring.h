@@ -1,5 +1,6 @@
 // The memory that the kernel shares with a packet socket's reader: frames are there to be looked at, without
-// a call of the system for each.
+// a call of the system for each. The kernel fills block after block and hands a block over when it is full,
+// or frame_ring_delay_ms after it has begun it.
 #pragma once
 
 #include <stddef.h>
@@ -8,10 +9,13 @@
 // More of a frame is never recorded.
 constexpr unsigned pcap_frame_limit = 1536;
 
-// A frame that has been fetched, where it lies.
+// A frame that has been fetched, where it lies. Its date is that of its arrival in this program's memory, by
+// the clock of gettimeofday: seconds and microseconds.
 struct captured_frame {
     const uint8_t* bytes;
     unsigned length;  // at most pcap_frame_limit
+    uint32_t date_s;
+    uint32_t date_us;
 };
 
 // What one fetch gave.
@@ -20,11 +24,17 @@ struct fetched_frames {
     bool ended = false;  // the read after those frames failed or gave an empty frame
 };
 
+constexpr int frame_ring_delay_ms = 100;
+
 struct frame_ring {
     uint8_t* memory = nullptr;  // null: there is no ring
     size_t size = 0;
-    unsigned slots = 0;
-    unsigned next = 0;  // the slot that the kernel fills, or has filled, next
+    unsigned blocks = 0;
+    unsigned first = 0;    // the oldest block that has not been given back to the kernel
+    unsigned block = 0;    // the block that is fetched from next,
+    unsigned taken = 0;    // the frames of it that have been fetched,
+    unsigned offset = 0;   // and where in it the next frame begins, when there was one before
+    uint32_t fetched = 0;  // frames in all, modulo 2^32
 };
 
 // Gives a socket that is not bound yet a ring of about `bytes`. False when the system does not; the socket is
@@ -34,7 +44,11 @@ bool frame_ring_open(frame_ring* ring, int sock, size_t bytes);
 void frame_ring_close(frame_ring* ring);
 
 // Tells where the next frames lie, at most `room`; they stay there until they are released. Never waits.
-fetched_frames frame_ring_fetch(const frame_ring& ring, captured_frame* into, int room);
+fetched_frames frame_ring_fetch(frame_ring* ring, captured_frame* into, int room);
 
-// Gives the places of the next `count` frames back to the kernel.
-void frame_ring_release(frame_ring* ring, int count);
+// Gives back to the kernel what was fetched: none of those frames is looked at any more.
+void frame_ring_release(frame_ring* ring);
+
+// How many frames have come to `sock` that have not been fetched; more than there are when the system does
+// not tell. To be asked once in the life of a socket.
+uint32_t frame_ring_count_unfetched(const frame_ring& ring, int sock);

@@ -26,6 +26,7 @@ constexpr uint64_t reserved_bytes = 48;
 
 enum class progress {
     go_on,
+    over,      // nobody waits for more frames; those that have come are recorded
     complete,  // nothing more is captured; the stream gets its exact size
     finished,  // the stream stays as it is
     failed,    // a write has failed
@@ -36,9 +37,9 @@ constexpr int out_place = 0;
 constexpr int stop_place = 1;
 constexpr int first_socket_place = 2;
 
-// While frames come faster than one in `busy_gap_ns`, they are looked at every `busy_pause_ms` instead of one
-// by one, which costs several times as much. A frame's date is that of its reading: the pause is how late it
-// can be in such traffic.
+// While frames come faster than one in `busy_gap_ns`, they are read every `busy_pause_ms` instead of one by
+// one, which costs several times as much. A frame's date is that of its reading: the pause is how late it can
+// be in such traffic. Where there is a ring, the date is the kernel's, who knows better.
 constexpr int64_t busy_gap_ns = 250000;
 constexpr int busy_pause_ms = 2;
 
@@ -114,12 +115,15 @@ progress drain_output(capture& c) {
     return is_gone && c.options.max_total != 0 ? progress::failed : progress::go_on;
 }
 
+// Whether the kernel hands the frames over in memory that it shares.
+bool has_ring(const capture& c) {
+    return c.sockets.all[0].ring.memory != nullptr;  // which only one that is alone has
+}
+
 // How many frames each socket gives in turn: the same number for all, so that the order of the frames is the
 // one in which reading one frame of each socket after the other would find them.
-int share_of(const pcap_sockets& sockets) {
-    bool have_rings = std::all_of(sockets.all, sockets.all + sockets.count,
-                                  [](const pcap_socket& each) { return each.ring.memory != nullptr; });
-    return (have_rings ? record_queue::capacity : frame_batch::capacity) / sockets.count;
+int share_of(const capture& c) {
+    return has_ring(c) ? record_queue::capacity : frame_batch::capacity / c.sockets.count;
 }
 
 // Where the frames that were fetched from socket `i` are listed.
@@ -128,12 +132,12 @@ captured_frame* frames_of(const capture& c, int i) {
 }
 
 fetched_frames fetch(capture& c, int i) {
-    const pcap_socket& socket = c.sockets.all[i];
+    pcap_socket& socket = c.sockets.all[i];
     captured_frame* into = frames_of(c, i);
-    if (!socket.ring.memory) {
+    if (!has_ring(c)) {
         return fetch_frames(&c.memory->batch, socket.fd.get(), i * c.share, into, c.share);
     }
-    fetched_frames fetched = frame_ring_fetch(socket.ring, into, c.share);
+    fetched_frames fetched = frame_ring_fetch(&socket.ring, into, c.share);
     bool failed = (c.wait[first_socket_place + i].revents & POLLERR) != 0;
     fetched.ended = fetched.ended || (failed && fetched.count < c.share);
     return fetched;
@@ -154,10 +158,8 @@ int fetch_all(capture& c) {
 
 bool write_all(capture& c) {
     bool is_written = record_queue_write(&c.memory->records, &c.out);
-    for (int i = 0; i < c.sockets.count; i++) {
-        if (c.sockets.all[i].ring.memory) {
-            frame_ring_release(&c.sockets.all[i].ring, c.fetched[i].count);
-        }
+    if (has_ring(c)) {
+        frame_ring_release(&c.sockets.all[0].ring);
     }
     return is_written;
 }
@@ -201,8 +203,11 @@ bool is_more_queued(const capture& c) {
                        [&c](const fetched_frames& each) { return each.count == c.share; });
 }
 
-// Decides how the next frames are waited for, after `count` came.
+// Decides how the next frames are waited for, after `count` came. A ring has a pace of its own.
 void set_pace(capture& c, int count) {
+    if (has_ring(c)) {
+        return;
+    }
     c.pause_ms = 0;
     if (count > 0) {
         int64_t now = monotonic_ns();
@@ -230,7 +235,7 @@ progress handle_frames(capture& c) {
 progress capture_once(capture& c) {
     int timeout = time_left_ms(c);
     if (timeout == 0) {
-        return progress::complete;
+        return progress::over;
     }
     if (c.pause_ms > 0) {
         timeout = c.pause_ms;
@@ -249,7 +254,25 @@ progress capture_once(capture& c) {
         }
     }
     progress then = handle_frames(c);
-    return then == progress::go_on && is_ready(c, stop_place) ? progress::complete : then;
+    return then == progress::go_on && is_ready(c, stop_place) ? progress::over : then;
+}
+
+// Records the frames that have come and that the ring has yet to hand over.
+progress capture_rest(capture& c) {
+    constexpr int patience_ms = 2 * frame_ring_delay_ms;  // what has come is handed over by then
+    pcap_socket& socket = c.sockets.all[0];
+    uint32_t due = frame_ring_count_unfetched(socket.ring, socket.fd.get());
+    const int64_t end = monotonic_ns() + patience_ms * int64_t{1000000};
+    progress then = progress::go_on;
+    while (due > 0 && then == progress::go_on) {
+        int64_t left_ms = (end - monotonic_ns()) / 1000000;
+        if (left_ms <= 0 || poll(&c.wait[first_socket_place], 1, static_cast<int>(left_ms)) == 0) {
+            break;
+        }
+        then = handle_frames(c);
+        due -= std::min(due, static_cast<uint32_t>(c.fetched[0].count));
+    }
+    return then == progress::go_on ? progress::complete : then;
 }
 
 // Returns false when a write has failed.
@@ -262,6 +285,9 @@ bool run(capture& c) {
     progress then = progress::go_on;
     while (then == progress::go_on) {
         then = capture_once(c);
+    }
+    if (then == progress::over) {
+        then = has_ring(c) ? capture_rest(c) : progress::complete;
     }
     if (then == progress::complete) {
         return pcap_pad(&c.out, c.options.max_total);
@@ -286,7 +312,7 @@ int32_t pcap_dump_with(char* interfaces, int out_fd, const pcap_dump_options& op
     if (c.sockets.count == 0) {
         return 0;
     }
-    c.share = share_of(c.sockets);
+    c.share = share_of(c);
     bool is_whole = run(c);
     pcap_close_sockets(&c.sockets);
     return is_whole ? static_cast<int32_t>(std::min<uint64_t>(c.out.written, INT32_MAX)) : -1;

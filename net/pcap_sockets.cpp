@@ -43,10 +43,16 @@ size_t queue_share(int sharing) {
 // queues, which takes memory for what is queued.
 std::atomic<size_t> ring_bytes{0};
 
-bool open_ring(frame_ring* ring, int sock, size_t queue) {
+//
+// Several sockets have none: one's frames would be handed over later than those of another that came after
+// them, and the records are to be in the order of their dates.
+bool open_ring(frame_ring* ring, int sock, int sharing) {
+    const size_t queue = queue_share(sharing);
     const bool has_memory = memory_size() / memory_per_queue >= queue_bytes;
-    if (ring_bytes.fetch_add(queue) + queue > 2 * queue_bytes || !has_memory ||
-        !frame_ring_open(ring, sock, queue)) {
+    if (sharing > 1 || !has_memory) {
+        return false;
+    }
+    if (ring_bytes.fetch_add(queue) + queue > 2 * queue_bytes || !frame_ring_open(ring, sock, queue)) {
         ring_bytes -= queue;
         return false;
     }
@@ -76,14 +82,15 @@ bool bind_to(int sock, const char* name) {
     return bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
-unique_fd open_socket(const char* name, const sock_fprog* filter, size_t queue, frame_ring* ring) {
+// `sharing` is how many sockets the capture has.
+unique_fd open_socket(const char* name, const sock_fprog* filter, int sharing, frame_ring* ring) {
     unique_fd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, protocol_before_bind));
     if (!sock) {
         perror("socket: ");
         return sock;
     }
-    if (!open_ring(ring, sock.get(), queue)) {
-        raise_queue(sock.get(), queue);
+    if (!open_ring(ring, sock.get(), sharing)) {
+        raise_queue(sock.get(), queue_share(sharing));
     }
     // Attached before the first frame can arrive; what is wrong with it is said in its turn.
     int filter_error = 0;
@@ -153,7 +160,7 @@ pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fpr
     while (sockets.count < left.count) {
         const char* name = left.names[sockets.count];
         frame_ring ring;
-        unique_fd sock = open_socket(name, filter, queue_share(interfaces.count), &ring);
+        unique_fd sock = open_socket(name, filter, interfaces.count, &ring);
         if (!sock) {
             close_ring(&ring);
             left.names[sockets.count] = left.names[--left.count];

@@ -14,7 +14,7 @@ sys.path.insert(0, str(ROOT / "board"))
 
 import board as emulated  # noqa: E402
 import image  # noqa: E402
-from board_daemon import put_device_files, start_daemon, start_front, wait_for  # noqa: E402
+from board_daemon import pids_of, put_device_files, start_daemon, start_front, wait_for  # noqa: E402
 from prepare import find_tool  # noqa: E402
 from zarvo_e2e import COMPRESSED_HEAD, assert_compressed_whole, http_open  # noqa: E402
 
@@ -26,6 +26,9 @@ KIB = 1024
 PROGRAM_BOUND = 128 * KIB
 IDLE_BOUND = 2048 * KIB
 STREAMING_BOUND = 3072 * KIB
+MON_BOUND = 1536 * KIB
+CROWD = 1000  # processes, of 20 descriptors each
+MON_STATUS = "/tmp/dbg-report.txt"
 PLATFORM_LIBRARIES = {"libqorlink.so.1", "libvextor.so", "libmirnel.so", "libhollisk.so.7"}
 # ld.so.1 is the C library, too: it holds __tls_get_addr.
 MAY_BE_NEEDED = PLATFORM_LIBRARIES | {"libc.so.6", "libz.so.1", "libpthread.so.0", "libdl.so.2", "ld.so.1"}
@@ -161,3 +164,36 @@ def test_daemon_is_small_again_after_an_archive(served, table):
     size = resident_of(served.board, served.pid)
     table.append(("idle daemon after an archive, resident", size, IDLE_BOUND))
     assert 0 < size <= IDLE_BOUND
+
+
+@pytest.fixture
+def crowd(served):
+    """Processes that hold descriptors and sleep, beside those of the board."""
+    board = served.board
+    board.check("mkfifo /tmp/crowd-end")
+    # Whoever opens the pipe's other end holds it, and the crowd ends with it.
+    board.check("sleep 100000 > /tmp/crowd-end & echo $! > /tmp/crowd-holder")
+    board.check(f"bench_crowd {CROWD} 20 < /tmp/crowd-end > /tmp/crowd 2>&1 &")
+    try:
+        wait_for(lambda: board.get("/tmp/crowd") == b"ready\n", "the crowd", 300)
+        yield
+    finally:
+        board.check("kill $(cat /tmp/crowd-holder)")
+        wait_for(lambda: not pids_of(board, "bench_crowd"), "the crowd's end")
+        board.check("rm /tmp/crowd-end /tmp/crowd-holder /tmp/crowd")
+
+
+def test_monitor_of_a_thousand_processes_is_small(served, crowd, table):
+    board = served.board
+    pid = int(board.check("mon 50000 > /dev/null 2>&1 & echo $!"))
+    try:
+        for round_number in range(2, 5):  # the number in the file is that of the round that wrote it
+            head = b"Debug monitor status round=%x\n" % round_number
+            wait_for(lambda head=head: head in board.run(f"head -n 1 {MON_STATUS}").out, head.decode(), 120)
+        size = resident_of(board, pid)
+    finally:
+        board.check(f"kill -INT {pid}")
+        wait_for(lambda: pid not in pids_of(board, "mon"), "mon's end")
+        board.check(f"rm -f {MON_STATUS}")
+    table.append((f"mon with {CROWD} processes, resident", size, MON_BOUND))
+    assert 0 < size <= MON_BOUND

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <net/ethernet.h>
 #include <poll.h>
+#include <sys/time.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -35,23 +37,66 @@ struct ring_reader {
     ring_reader& operator=(const ring_reader&) = delete;
     ~ring_reader() { frame_ring_close(&ring); }
 
-    std::vector<std::string> take(int room = 64) {
-        fetched_frames fetched = frame_ring_fetch(ring, frames, room);
+    std::vector<std::string> fetch(int room = 64) {
+        fetched_frames fetched = frame_ring_fetch(&ring, frames, room);
         EXPECT_FALSE(fetched.ended);
         std::vector<std::string> all;
         for (int i = 0; i < fetched.count; i++) {
             all.emplace_back(reinterpret_cast<const char*>(frames[i].bytes), frames[i].length);
         }
-        frame_ring_release(&ring, fetched.count);
         return all;
     }
-    bool is_readable() const {
+    std::vector<std::string> take(int room = 64) {
+        std::vector<std::string> all = fetch(room);
+        frame_ring_release(&ring);
+        return all;
+    }
+    // Takes until there are `count`; the kernel may hand them over in several pieces.
+    std::vector<std::string> take_all(size_t count) {
+        std::vector<std::string> all;
+        while (all.size() < count && is_readable(10000)) {
+            std::vector<std::string> more = take();
+            all.insert(all.end(), more.begin(), more.end());
+        }
+        return all;
+    }
+    bool is_readable(int patience_ms = 0) const {
         pollfd wait = {sock.get(), POLLIN, 0};
-        return poll(&wait, 1, 0) == 1;
+        return poll(&wait, 1, patience_ms) == 1;
     }
 };
 
+uint64_t now_us() {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec);
+}
+
+uint64_t date_us(const captured_frame& frame) {
+    return uint64_t{frame.date_s} * 1000000 + frame.date_us;
+}
+
 using frame_list = std::vector<std::string>;
+
+frame_list too_many_for(const ring_reader& reader) {
+    frame_list frames(reader.ring.size / 1514 + 10);
+    for (size_t i = 0; i < frames.size(); i++) {
+        frames[i] = frame_of(1514, static_cast<char>(i));
+    }
+    return frames;
+}
+
+void send_all(const frame_list& frames) {
+    frame_sender wire("far0");
+    for (const std::string& frame : frames) {
+        wire.send(frame);
+    }
+}
+
+// Whether frames are the first ones of those that were sent, but not all.
+bool are_first_of(const frame_list& got, const frame_list& sent) {
+    return got.size() < sent.size() && std::equal(got.begin(), got.end(), sent.begin());
+}
 
 }  // namespace
 
@@ -60,13 +105,32 @@ NETWORK_TEST(frame_ring, frames_come_whole_and_in_order) {
     EXPECT_EQ(reader.take(), frame_list{});
     EXPECT_FALSE(reader.is_readable());
     frame_list sent = {frame_of(60, 'a'), frame_of(1514, 'b'), frame_of(14, 'c')};
-    frame_sender wire("far0");
-    for (const std::string& frame : sent) {
-        wire.send(frame);
-    }
-    EXPECT_TRUE(reader.is_readable());
-    EXPECT_EQ(reader.take(), sent);
+    send_all(sent);
+    EXPECT_EQ(reader.take_all(3), sent);
     EXPECT_FALSE(reader.is_readable());
+    EXPECT_EQ(reader.take(), frame_list{});
+}
+
+NETWORK_TEST(frame_ring, a_single_frame_is_handed_over_soon) {
+    ring_reader reader;
+    uint64_t before = now_us();
+    frame_sender("far0").send(frame_of(60, 'a'));
+    EXPECT_EQ(reader.take_all(1), frame_list{frame_of(60, 'a')});
+    EXPECT_LT(now_us() - before, 5000000u);
+}
+
+NETWORK_TEST(frame_ring, frames_have_the_date_of_their_arrival) {
+    ring_reader reader;
+    frame_sender wire("far0");
+    uint64_t last = now_us();
+    for (int i = 0; i < 5; i++) {
+        wire.send(frame_of(60, 'a'));
+        EXPECT_EQ(reader.take_all(1).size(), 1u);
+        EXPECT_GE(date_us(reader.frames[0]), last);
+        last = date_us(reader.frames[0]);
+        EXPECT_LT(reader.frames[0].date_us, 1000000u);
+    }
+    EXPECT_LE(last, now_us());
 }
 
 NETWORK_TEST(frame_ring, what_there_is_no_room_for_stays) {
@@ -75,40 +139,92 @@ NETWORK_TEST(frame_ring, what_there_is_no_room_for_stays) {
     for (char fill : {'a', 'b', 'c'}) {
         wire.send(frame_of(60, fill));
     }
+    ASSERT_TRUE(reader.is_readable(10000));
     EXPECT_EQ(reader.take(2), (frame_list{frame_of(60, 'a'), frame_of(60, 'b')}));
     EXPECT_TRUE(reader.is_readable());
     EXPECT_EQ(reader.take(2), frame_list{frame_of(60, 'c')});
+    EXPECT_FALSE(reader.is_readable());
 }
 
 NETWORK_TEST(frame_ring, goes_round_many_times) {
     ring_reader reader(1);  // the smallest there is
     frame_sender wire("far0");
-    for (int i = 0; i < 1000; i++) {
+    for (int i = 0; i < 20; i++) {
         frame_list sent;
-        for (int j = 0; j < i % 7; j++) {
-            sent.push_back(frame_of(60 + static_cast<size_t>(i), static_cast<char>(i + j)));
+        for (int j = 0; j < 120; j++) {  // most of a block, so that some are filled and others are not
+            sent.push_back(frame_of(1514 - static_cast<size_t>(i + j), static_cast<char>(i + j)));
             wire.send(sent.back());
         }
-        ASSERT_EQ(reader.take(), sent) << i;
+        ASSERT_EQ(reader.take_all(sent.size()), sent) << i;
     }
+    EXPECT_EQ(reader.ring.first, reader.ring.block);
 }
 
 NETWORK_TEST(frame_ring, frames_are_lost_when_it_is_full_and_come_again_afterwards) {
     ring_reader reader(1);
-    frame_sender wire("far0");
-    for (unsigned i = 0; i < reader.ring.slots + 10; i++) {
-        wire.send(frame_of(60, 'x'));
+    const frame_list sent = too_many_for(reader);
+    send_all(sent);
+    frame_list got = reader.take_all(1);
+    for (frame_list more = got; !more.empty();) {
+        more = reader.take();
+        got.insert(got.end(), more.begin(), more.end());
     }
-    EXPECT_EQ(reader.take().size(), reader.ring.slots);
-    wire.send(frame_of(60, 'y'));
-    EXPECT_EQ(reader.take(), frame_list{frame_of(60, 'y')});
+    EXPECT_GT(got.size(), reader.ring.size / 2048);
+    EXPECT_TRUE(are_first_of(got, sent));
+    send_all({frame_of(60, 'y')});
+    EXPECT_EQ(reader.take_all(1), frame_list{frame_of(60, 'y')});
 }
 
-NETWORK_TEST(frame_ring, fetching_alone_releases_nothing) {
+NETWORK_TEST(frame_ring, all_blocks_can_be_fetched_before_one_is_given_back) {
+    ring_reader reader(1);
+    const frame_list sent = too_many_for(reader);
+    send_all(sent);
+    ASSERT_TRUE(reader.is_readable(10000));
+    frame_list got;
+    for (frame_list more = reader.fetch(); !more.empty(); more = reader.fetch()) {
+        got.insert(got.end(), more.begin(), more.end());
+    }
+    EXPECT_GT(got.size(), reader.ring.size / 2048);
+    EXPECT_TRUE(are_first_of(got, sent));
+    EXPECT_TRUE(reader.is_readable());
+    frame_ring_release(&reader.ring);
+    send_all({frame_of(60, 'y')});
+    EXPECT_EQ(reader.take_all(1).back(), frame_of(60, 'y'));
+}
+
+NETWORK_TEST(frame_ring, fetched_frames_stay_until_they_are_released) {
     ring_reader reader;
-    frame_sender("far0").send(frame_of(60, 'a'));
-    EXPECT_EQ(frame_ring_fetch(reader.ring, reader.frames, 5).count, 1);
-    EXPECT_EQ(reader.take(), frame_list{frame_of(60, 'a')});
+    frame_sender wire("far0");
+    wire.send(frame_of(60, 'a'));
+    ASSERT_TRUE(reader.is_readable(10000));
+    EXPECT_EQ(reader.fetch(), frame_list{frame_of(60, 'a')});
+    captured_frame first = reader.frames[0];
+    EXPECT_EQ(reader.fetch(), frame_list{});
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(first.bytes), first.length), frame_of(60, 'a'));
+    EXPECT_TRUE(reader.is_readable());
+    frame_ring_release(&reader.ring);
+    EXPECT_FALSE(reader.is_readable());
+}
+
+NETWORK_TEST(frame_ring, counts_what_has_not_been_fetched) {
+    ring_reader reader;
+    frame_sender wire("far0");
+    for (int i = 0; i < 5; i++) {
+        wire.send(frame_of(60, 'a'));
+    }
+    ASSERT_TRUE(reader.is_readable(10000));
+    EXPECT_EQ(reader.take(2).size(), 2u);
+    EXPECT_EQ(frame_ring_count_unfetched(reader.ring, reader.sock.get()), 3u);
+    EXPECT_EQ(frame_ring_count_unfetched(reader.ring, -1), UINT32_MAX);
+}
+
+NETWORK_TEST(frame_ring, lost_frames_are_not_waited_for) {
+    ring_reader reader(1);
+    send_all(too_many_for(reader));
+    ASSERT_TRUE(reader.is_readable(10000));
+    while (!reader.take().empty()) {
+    }
+    EXPECT_EQ(frame_ring_count_unfetched(reader.ring, reader.sock.get()), 0u);
 }
 
 NETWORK_TEST(frame_ring, refused_ring_leaves_none) {

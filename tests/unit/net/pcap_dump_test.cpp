@@ -135,14 +135,14 @@ int64_t thread_cpu_us() {
 
 }  // namespace
 
-CAPTURE_TEST(pcap_dump, whole_frames_with_the_time_of_their_reading) {
+CAPTURE_TEST(pcap_dump, whole_frames_with_their_dates) {
     held_capture capture("near0", {.duration = 1}, 1);
     frame_sender wire("far0");
     std::vector<std::string> sent = {frame_of(60, 'a'), frame_of(1514, 'b'), frame_of(14, 'c')};
+    uint64_t before = now_us();
     for (const std::string& frame : sent) {
         wire.send(frame);
     }
-    uint64_t before = now_us();
     std::string bytes = capture.finish();
     pcap_content content = pcap_read(bytes);
     EXPECT_EQ(content.file_header, pcap_expected_file_header());
@@ -156,6 +156,29 @@ CAPTURE_TEST(pcap_dump, whole_frames_with_the_time_of_their_reading) {
         last = record.time_us();
     }
     EXPECT_LE(last, now_us());
+}
+
+NETWORK_TEST(pcap_dump, frames_in_shared_memory_have_the_date_of_their_arrival) {
+    held_capture capture("near0", {.duration = 1}, 1);
+    frame_sender wire("far0");
+    wire.send(frame_of(60, 'a'));
+    const uint64_t between = now_us() + 50000;
+    EXPECT_TRUE(eventually([between] { return now_us() > between; }));
+    wire.send(frame_of(60, 'b'));
+    pcap_content content = pcap_read(capture.finish());
+    ASSERT_EQ(content.records.size(), 2u);
+    EXPECT_LT(content.records[0].time_us(), between);
+    EXPECT_GT(content.records[1].time_us(), between);
+}
+
+NETWORK_TEST(pcap_dump, frames_that_are_read_have_the_date_of_their_reading) {
+    ASSERT_TRUE(forbid_rings());
+    held_capture capture("near0", {.duration = 1}, 1);
+    frame_sender("far0").send(frame_of(60, 'a'));
+    const uint64_t before = now_us();
+    pcap_content content = pcap_read(capture.finish());
+    ASSERT_EQ(content.records.size(), 1u);
+    EXPECT_GE(content.records[0].time_us(), before);
 }
 
 CAPTURE_TEST(pcap_dump, queued_frames_of_several_interfaces_come_in_turn) {
