@@ -10,6 +10,12 @@ constexpr uint32_t default_buckets = 16;
 constexpr int not_in_table = -2;
 constexpr size_t head_size = sizeof(void*);
 
+// Copies a key and returns its bucket. `length` is a constant where that is called most.
+inline ehash_node** take_key(ehash* table, unsigned char* copy, const void* key, uint32_t length) {
+    memcpy(copy, key, length);
+    return &table->buckets[ehash_bucket_of(table, copy, length)];
+}
+
 }  // namespace
 
 ehash* ehash_new(uint32_t hint) {
@@ -48,8 +54,9 @@ int ehash_insert_e(ehash* table, const void* key, uint32_t length, ehash_node* n
     if (!copy) {
         return -1;
     }
-    memcpy(copy, key, length);
-    ehash_node** head = &table->buckets[ehash_bucket_of(table, copy, length)];
+    constexpr uint32_t usual = sizeof(int32_t);
+    ehash_node** head =
+        length == usual ? take_key(table, copy, key, usual) : take_key(table, copy, key, length);
     *node = {*head, copy, length};
     *head = node;
     table->count++;

@@ -1,8 +1,10 @@
 // bench_ehash TABLE KEYS WORK REPEATS: one kind of work on one table, as often as asked for.
 //
-// TABLE: ehash, or map for std::unordered_map. KEYS: pids (1,000 four-byte numbers) or names (1,000 texts of
-// 12 to 20 characters). WORK: insert (into a fresh table, then freed), lookup (each key) or iterate. Both
-// tables find a record of the same size; both get the same hint of how much is coming.
+// TABLE: ehash, or map for std::unordered_map. KEYS: pids (1,000 four-byte numbers with gaps between them, as
+// processes that come and go leave them), steps (the same with gaps of one size, which spreads them over a
+// map's prime number of buckets without a collision) or names (1,000 texts of 12 to 20 characters). WORK:
+// insert (into a fresh table, then freed), lookup (each key) or iterate. Both tables find a record of the
+// same size; both get the same hint of how much is coming.
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -29,7 +31,7 @@ struct record {
     ehash_node node;
 };
 
-std::vector<int32_t> make_keys(int32_t /*like*/) {
+std::vector<int32_t> steps() {
     std::vector<int32_t> keys;
     for (size_t i = 0; i < count; i++) {
         keys.push_back(static_cast<int32_t>(300 + 7 * i));
@@ -37,9 +39,19 @@ std::vector<int32_t> make_keys(int32_t /*like*/) {
     return keys;
 }
 
-std::vector<std::string> make_keys(const std::string& /*like*/) {
+std::vector<int32_t> pids() {
+    std::vector<int32_t> keys;
+    uint32_t random = 1;
+    for (int32_t pid = 300; keys.size() < count; pid += static_cast<int32_t>(1 + (random >> 16) % 60)) {
+        keys.push_back(pid);
+        random = random * 1103515245 + 12345;
+    }
+    return keys;
+}
+
+std::vector<std::string> names() {
     std::vector<std::string> keys;
-    for (int32_t number : make_keys(0)) {
+    for (int32_t number : steps()) {
         keys.push_back("process-name" + std::to_string(number * 7919));
     }
     return keys;
@@ -112,8 +124,7 @@ struct with_map {
 };
 
 template <typename Table, typename Key>
-void work(std::string_view kind, int repeats) {
-    const std::vector<Key> keys = make_keys(Key());
+void work(const std::vector<Key>& keys, std::string_view kind, int repeats) {
     const Table filled(keys);
     for (; repeats > 0; repeats--) {
         if (kind == "insert") {
@@ -131,18 +142,19 @@ void work(std::string_view kind, int repeats) {
 
 int main(int argc, char** argv) {
     if (argc != 5) {
-        fputs("usage: bench_ehash ehash|map pids|names insert|lookup|iterate REPEATS\n", stderr);
+        fputs("usage: bench_ehash ehash|map pids|steps|names insert|lookup|iterate REPEATS\n", stderr);
         return 2;
     }
     const bool is_map = strcmp(argv[1], "map") == 0;
-    const bool is_names = strcmp(argv[2], "names") == 0;
+    const std::string_view keys = argv[2];
     const int repeats = atoi(argv[4]);
-    if (is_map) {
-        is_names ? work<with_map<std::string>, std::string>(argv[3], repeats)
-                 : work<with_map<int32_t>, int32_t>(argv[3], repeats);
+    auto run = [&]<typename Key>(const std::vector<Key>& all) {
+        is_map ? work<with_map<Key>>(all, argv[3], repeats) : work<with_ehash<Key>>(all, argv[3], repeats);
+    };
+    if (keys == "names") {
+        run(names());
     } else {
-        is_names ? work<with_ehash<std::string>, std::string>(argv[3], repeats)
-                 : work<with_ehash<int32_t>, int32_t>(argv[3], repeats);
+        run(keys == "steps" ? steps() : pids());
     }
     return 0;
 }
