@@ -317,11 +317,11 @@ bool wait_once(trace_run* run, int flags) {
 }
 
 // Waits for events and deals with them. All that are there are waited for first: the kernel hands out the
-// first process of its list that has one, and those at its end would never have their turn. Returns whether
-// the trace goes on.
+// first process of its list that has one, and those at its end, or the timer, would never have their turn.
+// Returns whether the trace goes on.
 bool trace_round(trace_run* run) {
     bool more = wait_once(run, 0);
-    while (more && !run->over && run->ready_count < run->live) {
+    while (more && !run->over && run->ready_count < run->live + (run->timer > 0)) {
         more = wait_once(run, WNOHANG);
     }
     for (int i = 0; i < run->ready_count; i++) {
