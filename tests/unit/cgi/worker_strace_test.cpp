@@ -13,6 +13,7 @@
 #include "cgi/worker.h"
 #include "tests/unit/cgi/browser.h"
 #include "tests/unit/cgi/threads.h"
+#include "tests/unit/support/effort.h"
 #include "tests/unit/trace/tracees.h"
 
 namespace {
@@ -106,7 +107,7 @@ TEST(strace_worker, ends_when_the_browser_sends_something_and_still_lists_the_de
 }
 
 TEST(strace_worker, browser_that_has_gone_before_the_trace_begins_harms_nobody) {
-    for (int i = 0; i < 100; i++) {
+    for (int i = 0; i < effort(100, 25); i++) {
         tracee sleeper(sleep_for_ever);
         browser client;
         client.go_away();
@@ -121,7 +122,7 @@ TEST(strace_worker, no_wake_up_is_lost) {
     std::mt19937 random(7);
     tracee sleeper(sleep_for_ever);
     ASSERT_TRUE(sleeper.asleep());
-    for (int i = 0; i < 1000; i++) {
+    for (int i = 0; i < effort(1000, 200); i++) {
         browser client;
         start(client, {sleeper.pid()});
         usleep(random() % 1500);

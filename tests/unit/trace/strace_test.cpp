@@ -22,6 +22,7 @@
 #include "common/sys_run.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/effort.h"
 #include "tests/unit/support/signals.h"
 #include "tests/unit/trace/tracees.h"
 #include "trace/arch.h"
@@ -531,7 +532,7 @@ TEST(do_strace, process_that_signals_never_leave_alone_is_not_left_stopped) {
 
 TEST(do_strace, process_that_exits_while_it_is_attached_is_no_trouble) {
     std::mt19937 random(7);
-    for (int i = 0; i < 200; i++) {
+    for (int i = 0; i < effort(200, 100); i++) {
         useconds_t delay = random() % 300;
         tracee ending([delay] {
             usleep(delay);
@@ -733,7 +734,8 @@ TEST(do_strace, many_processes_at_once) {
     for (int i = 0; i < 200; i++) {
         many.push_back(std::make_unique<tracee>([] {
             for (;;) {
-                usleep(1000);
+                // More calls than the tracer can follow, but not so many that nobody else runs for minutes.
+                usleep(effort(1000, 100000));
             }
             return 0;
         }));
