@@ -4,12 +4,12 @@
 #include <gtest/gtest.h>
 #include <net/ethernet.h>
 #include <poll.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
+#include "tests/unit/net/dates.h"
 #include "tests/unit/net/private_network.h"
 #include "tests/unit/support/memory_limit.h"
 
@@ -65,16 +65,6 @@ struct ring_reader {
         return poll(&wait, 1, patience_ms) == 1;
     }
 };
-
-uint64_t now_us() {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec);
-}
-
-uint64_t date_us(const captured_frame& frame) {
-    return uint64_t{frame.date_s} * 1000000 + frame.date_us;
-}
 
 using frame_list = std::vector<std::string>;
 

@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/eventfd.h>
-#include <sys/time.h>
 #include <time.h>
 
 #include <algorithm>
@@ -17,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/unit/net/dates.h"
 #include "tests/unit/net/pcap_reader.h"
 #include "tests/unit/net/private_network.h"
 #include "tests/unit/support/capture.h"
@@ -107,12 +107,6 @@ whole_capture capture_now(const char* interfaces, const pcap_dump_options& optio
 std::string zero_filled(std::string frame, size_t size) {
     frame.resize(size, '\0');
     return frame;
-}
-
-uint64_t now_us() {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec);
 }
 
 std::string numbered_frame(int number) {

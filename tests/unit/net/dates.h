@@ -1,0 +1,17 @@
+// Dates of frames in microseconds, by the clock that they have.
+#pragma once
+
+#include <stdint.h>
+#include <sys/time.h>
+
+#include "net/frame_ring.h"
+
+inline uint64_t now_us() {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec);
+}
+
+inline uint64_t date_us(const captured_frame& frame) {
+    return uint64_t{frame.date_s} * 1000000 + frame.date_us;
+}
