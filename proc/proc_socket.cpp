@@ -394,13 +394,14 @@ bool ask_for_known(const socket_cache* cache, unsigned long inode, socket_row* r
     return socket_diag_refresh_tcp(cache->diag.get(), row) == socket_answer::found;
 }
 
-// Has the kernel list a TCP table, and remembers it in place of what was known. False when it can't.
+// Has the kernel list a TCP table, and remembers it in place of what was known. False when it can't, or when
+// there is no memory for all of it.
 bool list_sockets(socket_cache* cache, table_kind table) {
     cache->count = 0;
     cache->complete = true;
     bool listed = socket_diag_list_tcp(cache->diag.get(), table, remember, cache);
     std::ranges::sort(cache->known(), {}, &known_socket::inode);
-    return listed;
+    return listed && cache->complete;
 }
 
 // Reads one table as it is now.
@@ -425,7 +426,7 @@ bool find_now(socket_cache* cache, table_kind table, unsigned long inode, socket
     if (!list_sockets(cache, table)) {
         return read_table(cache, table, inode, row);
     }
-    if (cache->complete && !find_known(cache, inode)) {
+    if (!find_known(cache, inode)) {
         return false;  // neither connected nor listening
     }
     // Sockets that share a port, or are bound to a device, are not told apart by their ends.
