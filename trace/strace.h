@@ -26,9 +26,11 @@ struct strace_names;
 
 // One trace, owned by the caller.
 struct strace_ctx {
-    // Gets every finished piece of text; called with length 0 after every wait, behind each process that did
-    // not stop when it was attached to, and while the trace waits for its turn, as a poll, whose result 0
-    // ends the trace. May be null. The final pieces, and the lists of descriptors, still come after that.
+    // Gets every finished piece of text; the lines of system calls at which several processes stopped
+    // together may come as one, before the next wait. Called with length 0 after every wait, behind each
+    // process that did not stop when it was attached to, and while the trace waits for its turn, as a poll,
+    // whose result 0 ends the trace. May be null. The final pieces, and the lists of descriptors, still come
+    // after that.
     int32_t (*write)(void* cookie, const char* text, int length);
     // Told of exits, in the tracing thread with the process stopped; may be null. `extra` is null.
     void (*on_exit)(strace_ctx* ctx, void* cookie, pid_t pid, int kind, int code, void* extra);

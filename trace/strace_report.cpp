@@ -1,4 +1,4 @@
-// The pieces of a trace's text that are not system calls.
+// The pieces of a trace's text that are not system calls, and the way of all text to the caller.
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
