@@ -1,5 +1,6 @@
 """The dumper: cores that a debugger can use, of processes that do not notice."""
 
+import ctypes
 import os
 import pathlib
 import re
@@ -17,6 +18,7 @@ from zarvo_e2e import BIN, PATIENCE, SANITIZE, process_stat, wait_for
 
 DCORE = str(BIN / "dcore")
 PAGE = os.sysconf("SC_PAGE_SIZE")
+PTRACE_SEIZE = 0x4206
 NO_LOCK = "had to go on before its memory was read"
 MEMORY_LIMIT_KB = 4096
 
@@ -125,6 +127,18 @@ def stall():
     yield stall_one
     for each in started:
         each.end()
+
+
+@pytest.fixture
+def hold(stall):
+    """Starts a dumper that stalls and still has the target in its hold. It would let go if this test, its
+    reader, were late."""
+
+    def start_one(pid):
+        dumper = stall(pid)
+        return dumper if is_held(pid) else None
+
+    return lambda pid: wait_for(lambda: start_one(pid), "held")
 
 
 # What strangers say about the file.
@@ -259,6 +273,7 @@ def test_reserved_memory_costs_nothing(start):
 
 def test_more_segments_than_the_header_counts(program, start, tmp_path):
     target = start("many")
+    wait_for(lambda: process_stat(target.pid)[0] == "S", "waiting")
     content, _ = run_dcore(target.pid)
     core, base = Core(content), int(target.said, 16)
     assert 65535 < len(core.loads) < 82000
@@ -383,10 +398,9 @@ def test_parent_that_waits_for_its_vfork_is_dumped_as_it_stands(start):
 # Nothing holds the process longer than the dumper lives, and nothing for long.
 
 
-def test_dumper_that_is_killed_lets_go(start, stall):
+def test_dumper_that_is_killed_lets_go(start, hold):
     target = start("full", 20)
-    dumper = stall(target.pid)
-    assert is_held(target.pid)
+    dumper = hold(target.pid)
     dumper.process.kill()
     dumper.process.wait()
     assert_free(target.pid)
@@ -404,10 +418,9 @@ def test_reader_that_goes_away_ends_the_dump(start, stall):
     assert_free(target.pid)
 
 
-def test_reader_that_stalls_does_not_hold_the_process_up(start, stall):
+def test_reader_that_stalls_does_not_hold_the_process_up(start, hold):
     target = start("full", 20)
-    dumper = stall(target.pid)
-    assert is_held(target.pid)
+    dumper = hold(target.pid)
     wait_for(lambda: status_field(target.pid, "TracerPid") == "0", "let go", seconds=10)
     assert dumper.process.poll() is None
     core, text = dumper.rest()
@@ -479,10 +492,10 @@ def test_thread_that_is_no_process(start):
     assert refusal(thread) == f"is a thread of process {target.pid}"
 
 
-def test_process_that_is_traced_already(start, stall):
-    target = start("full", 20)
-    dumper = stall(target.pid)
-    assert refusal(target.pid) == f"is traced already, by process {dumper.process.pid}"
+def test_process_that_is_traced_already(start):
+    target = start("threads", 0)
+    assert ctypes.CDLL(None).ptrace(PTRACE_SEIZE, target.pid, None, None) == 0
+    assert refusal(target.pid) == f"is traced already, by process {os.getpid()}"
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="needs root, to be somebody else")
