@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/unique_fd.h"
+#include "tests/unit/support/memory_limit.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
@@ -307,6 +308,26 @@ TEST_F(socket_cache_lookup_of_real_sockets, tcp_over_ipv6) {
         EXPECT_NE(fresh(fd.get()).find("TCP_ESTABLISHED"), std::string::npos);
         expect_same(fd.get());
     }
+}
+
+TEST_F(socket_cache_lookup_of_real_sockets, sockets_are_found_also_without_memory_for_their_list) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    unique_fd listener = listening(AF_INET);
+    connect_many(listener.get());
+    unique_fd in_no_table(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(cached(in_no_table.get()), "");  // a long table was read for it: now the kernel is asked
+    const int fd = sockets_[0].get();
+    const std::string link = link_of(fd);
+    const unsigned long inode = inode_of(fd);
+    char buf[256] = "";
+    int length;
+    {
+        scoped_memory_shortage shortage;
+        length = socket_cache_lookup(cache_.get(), link.c_str(), inode, buf, sizeof buf);
+    }
+    EXPECT_EQ(length, static_cast<int>(strlen(buf)));
+    EXPECT_EQ(buf, fresh(fd));
+    expect_same(fd);
 }
 
 TEST_F(socket_cache_lookup_of_real_sockets, socket_that_connects_or_changes_its_state_later) {

@@ -3,10 +3,12 @@
 
 #include <gtest/gtest.h>
 #include <stddef.h>
+#include <stdlib.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <new>
 
 // Lets the address space of this process grow by no more than `spare` bytes for the length of a block.
 class scoped_memory_limit {
@@ -25,6 +27,34 @@ public:
 
 private:
     rlimit old_ = {};
+};
+
+// Takes all the memory that this process can have, down to the smallest piece, for the length of a block.
+class scoped_memory_shortage {
+public:
+    scoped_memory_shortage() {
+        for (size_t size = 1 << 20; size >= sizeof(piece); size /= 2) {
+            while (void* memory = malloc(size)) {
+                taken_ = new (memory) piece{taken_};
+            }
+        }
+    }
+    scoped_memory_shortage(const scoped_memory_shortage&) = delete;
+    scoped_memory_shortage& operator=(const scoped_memory_shortage&) = delete;
+    ~scoped_memory_shortage() {
+        while (piece* last = taken_) {
+            taken_ = last->before;
+            free(last);
+        }
+    }
+
+private:
+    struct piece {
+        piece* before;
+    };
+
+    scoped_memory_limit limit_{0};
+    piece* taken_ = nullptr;
 };
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

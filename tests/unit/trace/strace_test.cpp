@@ -420,6 +420,26 @@ TEST(do_strace, time_limit_ends_it_and_lets_the_processes_go) {
     expect_free(sleeper.pid());
 }
 
+TEST(do_strace, time_limit_is_seen_also_when_all_processes_have_stopped_each_time) {
+    tracee one(call_for_ever);
+    tracee other(call_for_ever);
+    traced_text trace({one.pid(), other.pid()}, strace_calls);
+    trace.ctx.seconds = 1;
+    auto start = clock_type::now();
+    trace.goes_on = [&](const traced_text&) {
+        // The tracer's next look finds both, as often as it can be had.
+        auto both_stopped = [&] { return state_of(one.pid()) == 't' && state_of(other.pid()) == 't'; };
+        for (auto end = clock_type::now() + 200ms; !both_stopped() && clock_type::now() < end;) {
+            usleep(100);
+        }
+        return clock_type::now() - start < 8s;
+    };
+    trace.run();
+    EXPECT_LT(clock_type::now() - start, 5s);
+    expect_free(one.pid());
+    expect_free(other.pid());
+}
+
 // The children of the calling thread.
 std::string own_children() {
     std::ifstream file("/proc/thread-self/children");
