@@ -3,8 +3,8 @@
 import pytest
 
 from zarvo_e2e import (
-    BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, PATIENCE, PLAIN_HEAD, PS_HEAD, archive_number,
-    assert_compressed_whole, assert_whole, body_of, http_get, http_open, wait_for,
+    BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, PLAIN_HEAD, PS_HEAD, archive_number,
+    assert_compressed_whole, assert_whole, body_of, http_get, http_open, when_free,
 )  # fmt: skip
 
 NEEDS_SANDBOX = True
@@ -21,16 +21,6 @@ def stalled_archive(base_url, target):
         got += client.recv(len(head) - len(got))
     assert got == head
     return client
-
-
-def archive_after_a_while(base_url, target):
-    """The first answer that is no longer the busy page."""
-
-    def answer():
-        got = http_get(base_url, target)
-        return got if got != BUSY_PAGE else None
-
-    return wait_for(answer, "free for another archive", 4 * PATIENCE)
 
 
 def test_compressed_archive_is_whole(base_url):
@@ -66,7 +56,7 @@ def test_second_archive_gets_the_busy_page_while_one_runs(base_url, target):
         assert http_get(base_url, "/debug.tgz") == BUSY_PAGE
         assert http_get(base_url, "/debug.tar") == BUSY_PAGE
         assert body_of(http_get(base_url, "/x?cmd=ps"), PS_HEAD) != b""
-    assert_whole(body_of(archive_after_a_while(base_url, "/debug.tar"), PLAIN_HEAD))
+    assert_whole(body_of(when_free(lambda: http_get(base_url, "/debug.tar")), PLAIN_HEAD))
 
 
 def test_archive_that_waited_for_its_browser_is_whole(base_url):

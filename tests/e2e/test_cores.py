@@ -11,7 +11,7 @@ import pytest
 from zarvo_e2e import (
     BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, CORE_HEAD, OFF, ON, PATIENCE, PLAIN_HEAD,
     Daemon, assert_compressed_whole, assert_whole, body_of, children_of, process_stat, require_sandbox,
-    split_tar, wait_for,
+    split_tar, wait_for, when_free,
 )  # fmt: skip
 
 NEEDS_SANDBOX = True
@@ -293,7 +293,7 @@ def test_browser_that_leaves_within_a_core_ends_the_archive(dumping, victims, pa
     assert not [text for text in said.splitlines() if str(second) in text]
     assert children_of(dumping.pid) == []
     victims.also_dumps(first, GOOD)
-    stream, _ = archive_of(dumping)
+    stream = body_of(when_free(lambda: dumping.answer(b"/x/debug.tar")), PLAIN_HEAD)
     assert victims.core("second") in cores_in(assert_whole(stream))
 
 

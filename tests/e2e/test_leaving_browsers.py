@@ -9,6 +9,7 @@ import pytest
 from zarvo_e2e import (
     BUSY_PAGE, COMPRESSED_HEAD, OFF, ON, PATIENCE, PLAIN_HEAD, PS_HEAD, Browser,
     assert_compressed_whole, assert_whole, body_of, send_message, temporary_leftovers, wait_for,
+    when_free,
 )  # fmt: skip
 
 NEEDS_SANDBOX = True
@@ -46,10 +47,6 @@ def browser_when_free(daemon, path, head, **kind):
     return wait_for(begin, "free for another archive", 4 * PATIENCE)
 
 
-def answer_when_free(daemon, path, head):
-    return browser_when_free(daemon, path, head).read_all()
-
-
 def ended_archives(daemon):
     return daemon.switches().count(ON)
 
@@ -69,7 +66,7 @@ def test_browser_that_left_before_the_head_ends_the_archive(daemon, path, tcp):
     browser.far.close()
     wait_for(lambda: ended_archives(daemon) == 1, daemon.switches, 4 * PATIENCE)
     head, check = PATHS[path]
-    check(body_of(answer_when_free(daemon, path, head), head))
+    check(body_of(when_free(lambda: daemon.answer(path)), head))
 
 
 @pytest.mark.parametrize("tcp", [False, True], ids=["local", "tcp"])
@@ -81,13 +78,13 @@ def test_browsers_that_leave_within_and_right_after_the_head_end_the_archive(dae
         assert browser.read(count)[: len(head)] == head[:count]
         browser.close()
         wait_for(lambda: ended_archives(daemon) == number + 1, daemon.switches, 4 * PATIENCE)
-    check(body_of(answer_when_free(daemon, path, head), head))
+    check(body_of(when_free(lambda: daemon.answer(path)), head))
 
 
 @pytest.mark.parametrize("path", PATHS, ids=["plain", "compressed"])
 def test_browsers_that_leave_at_random_bytes_end_the_archive(daemon, path):
     head, check = PATHS[path]
-    size = len(answer_when_free(daemon, path, head))
+    size = len(when_free(lambda: daemon.answer(path)))
     rng = random.Random(SEED)
     for number in range(8):
         count = rng.randrange(len(head), size - 2 * ROOM)
@@ -95,7 +92,7 @@ def test_browsers_that_leave_at_random_bytes_end_the_archive(daemon, path):
         assert len(browser.read(count)) == count
         browser.close()
         wait_for(lambda: ended_archives(daemon) == number + 2, daemon.switches, 4 * PATIENCE)
-    check(body_of(answer_when_free(daemon, path, head), head))
+    check(body_of(when_free(lambda: daemon.answer(path)), head))
 
 
 def test_browser_that_only_stops_sending_is_served(daemon):

@@ -83,6 +83,17 @@ def wait_for(condition, what, seconds=PATIENCE):
     return value
 
 
+def when_free(ask):
+    """The first answer to `ask()` that is not the busy page. Only an archive that was downloaded to its end is
+    over when the daemon is free for another one; whoever left has to try."""
+
+    def answer():
+        got = ask()
+        return got if got != BUSY_PAGE else None
+
+    return wait_for(answer, "free for another archive", 4 * PATIENCE)
+
+
 # Browsers.
 
 
