@@ -8,9 +8,11 @@
 
 namespace {
 
-constexpr unsigned block_size = 1u << 18;  // a multiple of the page size of every machine
-constexpr unsigned fewest_blocks = 2;      // one to read while the other is filled
-constexpr unsigned frame_size = 2048;      // has to be given, and means nothing here
+// A multiple of the page size of every machine, and no larger than needed: in thin traffic a block is used up
+// by the frames of frame_ring_delay_ms, however few, and a ring is full with as many blocks as it has.
+constexpr unsigned block_size = 1u << 15;
+constexpr unsigned fewest_blocks = 2;  // one to read while the other is filled
+constexpr unsigned frame_size = 2048;  // has to be given, and means nothing here
 
 tpacket_block_desc* block_at(const frame_ring& ring, unsigned number) {
     void* block = ring.memory + size_t{number} * block_size;
@@ -86,6 +88,8 @@ bool frame_ring_open(frame_ring* ring, int sock, size_t bytes) {
         (void)set_ring(sock, {});  // or frames would go where nobody sees them
         return false;
     }
+    // A child that goes on without the ring would keep it, and the socket with it, as long as it lives.
+    (void)madvise(memory, size, MADV_DONTFORK);
     *ring = {.memory = static_cast<uint8_t*>(memory), .size = size, .blocks = blocks};
     return true;
 }
@@ -137,7 +141,7 @@ uint32_t frame_ring_count_unfetched(const frame_ring& ring, int sock) {
     tpacket_stats_v3 counts = {};
     socklen_t size = sizeof counts;
     if (getsockopt(sock, SOL_PACKET, PACKET_STATISTICS, &counts, &size) != 0) {
-        return UINT32_MAX;
+        return 0;
     }
     return counts.tp_packets - counts.tp_drops - ring.fetched;
 }

@@ -1,6 +1,6 @@
 // The memory that the kernel shares with a packet socket's reader: frames are there to be looked at, without
 // a call of the system for each. The kernel fills block after block and hands a block over when it is full,
-// or frame_ring_delay_ms after it has begun it.
+// or frame_ring_delay_ms after it has begun it. Children that a process forks do not have its rings.
 #pragma once
 
 #include <stddef.h>
@@ -49,6 +49,6 @@ fetched_frames frame_ring_fetch(frame_ring* ring, captured_frame* into, int room
 // Gives back to the kernel what was fetched: none of those frames is looked at any more.
 void frame_ring_release(frame_ring* ring);
 
-// How many frames have come to `sock` that have not been fetched; more than there are when the system does
-// not tell. To be asked once in the life of a socket.
+// How many frames have come to `sock` that have not been fetched; 0 when the system does not tell. To be
+// asked once in the life of a socket.
 uint32_t frame_ring_count_unfetched(const frame_ring& ring, int sock);

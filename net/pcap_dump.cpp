@@ -26,7 +26,7 @@ constexpr uint64_t reserved_bytes = 48;
 
 enum class progress {
     go_on,
-    over,      // nobody waits for more frames; those that have come are recorded
+    over,      // no more frames are waited for; those that a ring has yet to hand over are recorded
     complete,  // nothing more is captured; the stream gets its exact size
     finished,  // the stream stays as it is
     failed,    // a write has failed
@@ -42,6 +42,12 @@ constexpr int first_socket_place = 2;
 // be in such traffic. Where there is a ring, the date is the kernel's, who knows better.
 constexpr int64_t busy_gap_ns = 250000;
 constexpr int busy_pause_ms = 2;
+
+// A ring hands blocks over faster than one in `ring_gap_ns` when traffic fills them. They are then taken
+// every `ring_pause_ms`, which is a small part of what a ring has room for, and delays what is rarely looked
+// at before the capture has ended.
+constexpr int64_t ring_gap_ns = 20000000;
+constexpr int ring_pause_ms = 10;
 
 // What is too large for a stack.
 struct work_memory {
@@ -187,7 +193,7 @@ progress record_all(capture& c) {
             if (turn < fetched.count) {
                 then = record_frame(c, frames_of(c, i)[turn]);
             } else if (turn == fetched.count && fetched.ended) {
-                then = progress::complete;
+                then = has_ring(c) ? progress::over : progress::complete;
             }
             if (then != progress::go_on) {
                 return then;
@@ -203,16 +209,15 @@ bool is_more_queued(const capture& c) {
                        [&c](const fetched_frames& each) { return each.count == c.share; });
 }
 
-// Decides how the next frames are waited for, after `count` came. A ring has a pace of its own.
+// Decides how the next frames are waited for, after `count` came.
 void set_pace(capture& c, int count) {
-    if (has_ring(c)) {
-        return;
-    }
     c.pause_ms = 0;
     if (count > 0) {
         int64_t now = monotonic_ns();
-        bool is_busy = now - c.last_ns < count * busy_gap_ns;
-        c.pause_ms = is_busy && !is_more_queued(c) ? busy_pause_ms : 0;
+        bool is_busy = now - c.last_ns < (has_ring(c) ? ring_gap_ns : count * busy_gap_ns);
+        if (is_busy && !is_more_queued(c)) {
+            c.pause_ms = has_ring(c) ? ring_pause_ms : busy_pause_ms;
+        }
         c.last_ns = now;
     }
     for (int i = 0; i < c.sockets.count; i++) {
@@ -221,12 +226,15 @@ void set_pace(capture& c, int count) {
     }
 }
 
+// Records what was fetched, and gives it back.
+progress record_fetched(capture& c) {
+    progress then = record_all(c);
+    return write_all(c) ? then : progress::failed;
+}
+
 progress handle_frames(capture& c) {
     int count = fetch_all(c);
-    progress then = record_all(c);
-    if (!write_all(c) || then == progress::failed) {
-        return progress::failed;
-    }
+    progress then = record_fetched(c);
     set_pace(c, count);
     return then;
 }
@@ -257,22 +265,30 @@ progress capture_once(capture& c) {
     return then == progress::go_on && is_ready(c, stop_place) ? progress::over : then;
 }
 
-// Records the frames that have come and that the ring has yet to hand over.
-progress capture_rest(capture& c) {
+// Waits until the ring hands frames over; false when there are none. A socket whose interface has gone says
+// so until its error has been read, and hands over what it has nevertheless.
+bool wait_for_ring(const pcap_socket& socket) {
     constexpr int patience_ms = 2 * frame_ring_delay_ms;  // what has come is handed over by then
+    pollfd wait = {socket.fd.get(), POLLIN, 0};
+    do {
+        int error;
+        socklen_t size = sizeof error;
+        (void)getsockopt(wait.fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    } while (TEMP_FAILURE_RETRY(poll(&wait, 1, patience_ms)) > 0 && (wait.revents & POLLIN) == 0);
+    return (wait.revents & POLLIN) != 0;
+}
+
+// Records the frames that have come and that the ring has yet to hand over, and no more than those.
+progress capture_rest(capture& c) {
     pcap_socket& socket = c.sockets.all[0];
     uint32_t due = frame_ring_count_unfetched(socket.ring, socket.fd.get());
-    const int64_t end = monotonic_ns() + patience_ms * int64_t{1000000};
     progress then = progress::go_on;
-    while (due > 0 && then == progress::go_on) {
-        int64_t left_ms = (end - monotonic_ns()) / 1000000;
-        if (left_ms <= 0 || poll(&c.wait[first_socket_place], 1, static_cast<int>(left_ms)) == 0) {
-            break;
-        }
-        then = handle_frames(c);
+    while (due > 0 && then == progress::go_on && wait_for_ring(socket)) {
+        c.fetched[0] = frame_ring_fetch(&socket.ring, frames_of(c, 0), c.share);
+        then = record_fetched(c);
         due -= std::min(due, static_cast<uint32_t>(c.fetched[0].count));
     }
-    return then == progress::go_on ? progress::complete : then;
+    return then == progress::failed ? then : progress::complete;
 }
 
 // Returns false when a write has failed.

@@ -8,6 +8,7 @@
 #include <net/if.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -43,13 +44,20 @@ size_t queue_share(int sharing) {
 // queues, which takes memory for what is queued.
 std::atomic<size_t> ring_bytes{0};
 
-//
-// Several sockets have none: one's frames would be handed over later than those of another that came after
+// Where the data cache is looked up by virtual addresses, the kernel and a program can see different contents
+// of the same memory.
+#if defined(__mips__)
+constexpr bool memory_can_be_shared = false;
+#else
+constexpr bool memory_can_be_shared = true;
+#endif
+
+// Several sockets have no ring: one's frames would be handed over later than those of another that came after
 // them, and the records are to be in the order of their dates.
 bool open_ring(frame_ring* ring, int sock, int sharing) {
     const size_t queue = queue_share(sharing);
     const bool has_memory = memory_size() / memory_per_queue >= queue_bytes;
-    if (sharing > 1 || !has_memory) {
+    if (!memory_can_be_shared || sharing > 1 || !has_memory) {
         return false;
     }
     if (ring_bytes.fetch_add(queue) + queue > 2 * queue_bytes || !frame_ring_open(ring, sock, queue)) {
@@ -82,6 +90,28 @@ bool bind_to(int sock, const char* name) {
     return bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
+bool attach(int sock, const sock_fprog& filter) {
+    return setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) == 0;
+}
+
+// What a filter accepts of a frame is copied into a ring, 64 KiB where a card puts frames together. Attaches
+// `filter`, or one that takes every frame, in such a way that no more is copied than is recorded.
+bool attach_to_ring(int sock, const sock_fprog* filter) {
+    sock_filter everything = BPF_STMT(BPF_RET | BPF_K, pcap_frame_limit);
+    const sock_fprog all = {1, &everything};
+    const sock_fprog& wanted = filter ? *filter : all;
+    unique_malloc<sock_filter> lines(static_cast<sock_filter*>(malloc(wanted.len * sizeof(sock_filter))));
+    if (!lines) {
+        return attach(sock, wanted);
+    }
+    for (unsigned i = 0; i < wanted.len; i++) {
+        sock_filter& line = lines.get()[i];
+        line = wanted.filter[i];
+        line.k = line.code == (BPF_RET | BPF_K) ? std::min<uint32_t>(line.k, pcap_frame_limit) : line.k;
+    }
+    return attach(sock, {wanted.len, lines.get()});
+}
+
 // `sharing` is how many sockets the capture has.
 unique_fd open_socket(const char* name, const sock_fprog* filter, int sharing, frame_ring* ring) {
     unique_fd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, protocol_before_bind));
@@ -89,14 +119,15 @@ unique_fd open_socket(const char* name, const sock_fprog* filter, int sharing, f
         perror("socket: ");
         return sock;
     }
-    if (!open_ring(ring, sock.get(), sharing)) {
-        raise_queue(sock.get(), queue_share(sharing));
-    }
     // Attached before the first frame can arrive; what is wrong with it is said in its turn.
-    int filter_error = 0;
-    if (filter && setsockopt(sock.get(), SOL_SOCKET, SO_ATTACH_FILTER, filter, sizeof *filter) != 0) {
-        filter_error = errno;
+    bool is_attached = true;
+    if (open_ring(ring, sock.get(), sharing)) {
+        is_attached = attach_to_ring(sock.get(), filter) || !filter;
+    } else {
+        raise_queue(sock.get(), queue_share(sharing));
+        is_attached = !filter || attach(sock.get(), *filter);
     }
+    int filter_error = is_attached ? 0 : errno;
     if (!bind_to(sock.get(), name)) {
         perror("bind: ");
         return unique_fd();

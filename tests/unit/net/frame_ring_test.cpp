@@ -139,9 +139,9 @@ NETWORK_TEST(frame_ring, what_there_is_no_room_for_stays) {
 NETWORK_TEST(frame_ring, goes_round_many_times) {
     ring_reader reader(1);  // the smallest there is
     frame_sender wire("far0");
-    for (int i = 0; i < 20; i++) {
+    for (int i = 0; i < 40; i++) {
         frame_list sent;
-        for (int j = 0; j < 120; j++) {  // most of a block, so that some are filled and others are not
+        for (int j = 0; j < 15; j++) {  // most of a block, so that some are filled and others are not
             sent.push_back(frame_of(1514 - static_cast<size_t>(i + j), static_cast<char>(i + j)));
             wire.send(sent.back());
         }
@@ -205,7 +205,7 @@ NETWORK_TEST(frame_ring, counts_what_has_not_been_fetched) {
     ASSERT_TRUE(reader.is_readable(10000));
     EXPECT_EQ(reader.take(2).size(), 2u);
     EXPECT_EQ(frame_ring_count_unfetched(reader.ring, reader.sock.get()), 3u);
-    EXPECT_EQ(frame_ring_count_unfetched(reader.ring, -1), UINT32_MAX);
+    EXPECT_EQ(frame_ring_count_unfetched(reader.ring, -1), 0u);
 }
 
 NETWORK_TEST(frame_ring, lost_frames_are_not_waited_for) {
@@ -215,6 +215,25 @@ NETWORK_TEST(frame_ring, lost_frames_are_not_waited_for) {
     while (!reader.take().empty()) {
     }
     EXPECT_EQ(frame_ring_count_unfetched(reader.ring, reader.sock.get()), 0u);
+}
+
+NETWORK_TEST(frame_ring, thin_traffic_fills_none_within_half_a_minute) {
+    ring_reader reader(16 << 20);
+    EXPECT_GE(reader.ring.blocks * frame_ring_delay_ms, 30000u);
+    frame_sender wire("far0");
+    for (char fill : {'a', 'b', 'c'}) {
+        uint32_t fetched = reader.ring.fetched;
+        wire.send(frame_of(60, fill));
+        EXPECT_EQ(reader.take_all(1), frame_list{frame_of(60, fill)});
+        EXPECT_EQ(reader.ring.block, reader.ring.fetched) << "a frame took more than a block";
+        EXPECT_EQ(reader.ring.fetched, fetched + 1);
+    }
+}
+
+NETWORK_TEST(frame_ring, children_do_not_have_it) {
+    ring_reader reader;
+    EXPECT_EQ(mapped_rings(), 1);
+    EXPECT_TRUE(exited_with(run_in_child([] { return mapped_rings(); }), 0));
 }
 
 NETWORK_TEST(frame_ring, refused_ring_leaves_none) {

@@ -56,9 +56,17 @@ public:
         }
     }
 
-    // Lets it begin and returns what it wrote, when it has ended.
-    std::string finish() {
-        std::string all = read_all(pipe_.out.get());
+    // Lets it begin and returns what it wrote, when it has ended; `pause` is made behind each 64 KiB of it.
+    std::string finish(std::chrono::milliseconds pause = {}) {
+        std::string all;
+        for (std::string piece(1 << 16, '\0');;) {
+            ssize_t got = read(pipe_.out.get(), piece.data(), piece.size());
+            if (got <= 0) {
+                break;
+            }
+            all.append(piece, 0, static_cast<size_t>(got));
+            std::this_thread::sleep_for(pause);
+        }
         thread_.join();
         EXPECT_EQ(all.substr(0, held_), std::string(held_, filler));
         return all.substr(held_);
@@ -206,6 +214,26 @@ CAPTURE_TEST(pcap_dump, burst_larger_than_the_systems_own_queue_is_kept) {
     ASSERT_EQ(frames.size(), burst);
     for (size_t i = 0; i < burst; i++) {
         ASSERT_EQ(frames[i][1000], static_cast<char>(i));
+    }
+}
+
+NETWORK_TEST(pcap_dump, burst_of_long_frames_takes_no_more_shared_memory_than_is_recorded_of_them) {
+    for (const char* end : {"near0", "far0"}) {
+        ASSERT_TRUE(run_command(std::string("ip link set mtu 9000 dev ") + end));
+    }
+    sock_filter everything = BPF_STMT(BPF_RET | BPF_K, UINT32_MAX);
+    sock_fprog filter = {1, &everything};
+    for (const sock_fprog* attached : {static_cast<const sock_fprog*>(nullptr), &std::as_const(filter)}) {
+        constexpr uint64_t burst = 4000;  // 36 MB
+        const unsigned total = 24 + burst * (16 + 1536) + 1536 + 48;
+        held_capture capture("near0", {.max_total = total, .duration = 1000, .filter = attached}, 1);
+        frame_sender wire("far0");
+        for (size_t i = 0; i <= burst; i++) {
+            wire.send(frame_of(9000, static_cast<char>(i)));
+        }
+        std::vector<std::string> frames = pcap_read(capture.finish()).frame_bytes();
+        ASSERT_EQ(frames.size(), burst);
+        EXPECT_EQ(frames.back(), frame_of(1536, static_cast<char>(burst - 1)));
     }
 }
 
@@ -429,25 +457,25 @@ NETWORK_TEST(pcap_dump, browser_that_resets_ends_it_though_no_frame_comes) {
     }
 }
 
-// Rings of this process that are in its memory.
-size_t mapped_rings() {
-    std::ifstream maps("/proc/self/maps");
-    size_t count = 0;
-    for (std::string line; std::getline(maps, line);) {
-        count += line.find("socket:[") != std::string::npos;
-    }
-    return count;
-}
-
 NETWORK_TEST(pcap_dump, frames_come_also_when_there_is_no_room_to_share_memory) {
     SKIP_WITHOUT_MEMORY_LIMIT();
     scoped_memory_limit limit(12 << 20);  // a ring has 16 MiB
     held_capture capture("near0", {.max_total = 24 + 60 + 49, .duration = 20}, 1);
-    EXPECT_EQ(mapped_rings(), 0u);
+    EXPECT_EQ(mapped_rings(), 0);
     frame_sender wire("far0");
     wire.send(frame_of(60, 'a'));
     wire.send(frame_of(60, 'b'));  // ends it
     EXPECT_EQ(pcap_read(capture.finish()).frame_bytes(), std::vector<std::string>{frame_of(60, 'a')});
+}
+
+NETWORK_TEST(pcap_dump, frames_that_have_come_in_time_are_recorded_however_slow_the_browser_is) {
+    constexpr uint64_t burst = 2000;
+    held_capture capture("near0", {.max_total = 24 + 2 * burst * 1530, .duration = 1}, 1);
+    frame_sender wire("far0");
+    for (size_t i = 0; i < burst; i++) {
+        wire.send(frame_of(1514, static_cast<char>(i)));
+    }
+    EXPECT_EQ(pcap_read(capture.finish(std::chrono::milliseconds(40))).frames().size(), burst);
 }
 
 NETWORK_TEST(pcap_dump, without_limits_it_ends_when_the_browser_goes) {
@@ -486,6 +514,23 @@ CAPTURE_TEST(pcap_dump, interface_that_is_down_or_goes_down_ends_the_capture) {
     EXPECT_EQ(capture.result(), 500);
 }
 
+NETWORK_TEST(pcap_dump, what_came_before_the_interface_went_is_recorded) {
+    for (const char* end_of_it : {"ip link set near0 down", "ip link del near0"}) {
+        ASSERT_TRUE(run_command("ip link set near0 up"));
+        held_capture capture("near0", {.max_total = 5000, .duration = 1000}, 1);
+        frame_sender wire("far0");
+        std::vector<std::string> sent;
+        for (char fill : {'a', 'b', 'c'}) {
+            sent.push_back(frame_of(60, fill));
+            wire.send(sent.back());
+        }
+        ASSERT_TRUE(run_command(end_of_it));
+        std::string bytes = capture.finish();
+        EXPECT_EQ(bytes.size(), 5000u);
+        EXPECT_EQ(pcap_read(bytes).frame_bytes(), sent) << end_of_it;
+    }
+}
+
 CAPTURE_TEST(pcap_dump, interface_that_vanishes_ends_the_capture) {
     held_capture capture("near0,near1", {.max_total = 500, .duration = 1000, .promisc = 1}, 2);
     ASSERT_TRUE(run_command("ip link del near0"));
@@ -515,6 +560,18 @@ CAPTURE_TEST(pcap_dump, stop_ends_it_after_what_is_queued) {
     std::string bytes = capture.finish();
     EXPECT_EQ(pcap_read(bytes).frame_bytes(), std::vector<std::string>{frame_of(60, 'a')});
     EXPECT_EQ(capture.result(), static_cast<int32_t>(bytes.size()));
+}
+
+NETWORK_TEST(pcap_dump, stop_ends_it_after_all_that_has_come) {
+    unique_fd stop(eventfd(1, EFD_CLOEXEC));
+    held_capture capture("near0", {.stop_fd = stop.get()}, 1);
+    frame_sender wire("far0");
+    for (int i = 0; i < 1000; i++) {
+        wire.send(numbered_frame(i));
+    }
+    std::vector<std::string> frames = pcap_read(capture.finish()).frame_bytes();
+    ASSERT_EQ(frames.size(), 1000u);
+    EXPECT_EQ(frames.back(), numbered_frame(999));
 }
 
 CAPTURE_TEST(pcap_dump, unknown_names_capture_everything) {

@@ -178,6 +178,16 @@ inline int capturing_sockets() {
     return count;
 }
 
+// Rings of packet sockets that are in the memory of this process.
+inline int mapped_rings() {
+    std::ifstream maps("/proc/self/maps");
+    int count = 0;
+    for (std::string line; std::getline(maps, line);) {
+        count += line.find("socket:[") != std::string::npos;
+    }
+    return count;
+}
+
 inline short flags_of(const char* interface) {
     unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     ifreq request = {};
