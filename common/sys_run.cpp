@@ -7,7 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+
+#include "common/deadline.h"
 
 namespace {
 
@@ -15,6 +18,7 @@ constexpr int standard_fds = 3;
 constexpr int any_child_patience_ms = 2000;
 constexpr int any_child_pause_ms = 10;
 constexpr int traced_child_pause_ms = 10;
+constexpr int longest_end_pause_ms = 50;
 
 [[noreturn]] void run_child(const char* path, char* const argv[], char* const envp[],
                             const int (&given)[standard_fds], int traceme) {
@@ -82,6 +86,23 @@ pid_t sys_wait_end(pid_t pid, int* status, int flags) {
         }
         poll(nullptr, 0, traced_child_pause_ms);
     }
+}
+
+void sys_end_child(pid_t pid, int sig, int patience_ms) {
+    int status;
+    kill(pid, sig);
+    const deadline patience(patience_ms);
+    for (int pause_ms = 1;; pause_ms = std::min(2 * pause_ms, longest_end_pause_ms)) {
+        if (sys_wait_end(pid, &status, WNOHANG) != 0) {
+            return;
+        }
+        if (patience.left_ms() == 0) {
+            break;
+        }
+        poll(nullptr, 0, pause_ms);
+    }
+    kill(pid, SIGKILL);
+    (void)sys_wait_end(pid, &status, 0);
 }
 
 int sys_run(const char* path, char* const argv[], int fd_in, int fd_out, int fd_err, int traceme) {

@@ -21,6 +21,10 @@ pid_t sys_run_nowait(const char* path, char* const argv[], int fd_in, int fd_out
 // Unlike waitpid, it leaves the stops of the child alone when another thread of this program traces it.
 pid_t sys_wait_end(pid_t pid, int* status, int flags);
 
+// Ends a child of the calling thread with the signal `sig`, after `patience_ms` with SIGKILL, and waits for
+// it.
+void sys_end_child(pid_t pid, int sig, int patience_ms);
+
 // Starts `path` with an empty environment and waits for it. Returns its exit code; 0 also after death by a
 // signal. When the fork fails, waits up to 2 seconds for any child of the caller and
 // takes its exit code (0 when there is none).

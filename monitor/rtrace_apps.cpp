@@ -6,13 +6,10 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 
-#include "common/deadline.h"
 #include "common/sys_run.h"
 #include "common/unique_fd.h"
 #include "monitor/rtrace.h"
@@ -33,8 +30,6 @@ namespace {
 
 constexpr size_t interval_room = 10;
 constexpr unsigned read_limit = rtrace_data_capacity - 1;
-constexpr int first_pause_ms = 1;
-constexpr int longest_pause_ms = 50;
 
 using words = char * [rtrace_app::words_capacity];
 
@@ -92,35 +87,6 @@ bool pass_output_on(rtrace_context& trace, int from, uint32_t type) {
                                          static_cast<unsigned>(got), 0);
 }
 
-// Whether `pid` has ended, and been reaped, within the time.
-bool reaped_within(pid_t pid, int patience_ms) {
-    const deadline patience(patience_ms);
-    for (int pause_ms = first_pause_ms;; pause_ms = std::min(2 * pause_ms, longest_pause_ms)) {
-        pid_t ended = waitpid(pid, nullptr, WNOHANG);
-        if (ended == pid || (ended < 0 && errno != EINTR)) {
-            return true;
-        }
-        if (patience.left_ms() == 0) {
-            return false;
-        }
-        poll(nullptr, 0, pause_ms);
-    }
-}
-
-void end_program(pid_t pid) {
-    // No process: what kill does with such a number would hit others.
-    if (pid <= 0) {
-        return;
-    }
-    kill(pid, SIGTERM);
-    if (reaped_within(pid, rtrace_app_patience_ms)) {
-        return;
-    }
-    kill(pid, SIGKILL);
-    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
-}
-
 }  // namespace
 
 int rtrace_start_apps(rtrace_context* context, rtrace_apps** block_out) {
@@ -170,7 +136,10 @@ int rtrace_end_apps(rtrace_context* context, rtrace_apps* block) {
         close(block->pipes[i][1]);
     }
     for (int i = 0; i < block->count; i++) {
-        end_program(block->pids[i]);
+        // No process: what kill does with such a number would hit others.
+        if (block->pids[i] > 0) {
+            sys_end_child(block->pids[i], SIGTERM, rtrace_app_patience_ms);
+        }
     }
     free(block);
     return 0;

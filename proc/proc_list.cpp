@@ -157,6 +157,18 @@ pid_t proc_ppid_at(const char* root, pid_t pid) {
     return *at ? static_cast<pid_t>(strtoul(at, nullptr, 10)) : -1;
 }
 
+char proc_state(pid_t pid) {
+    char path[path_room];
+    char text[256];
+    if (!form_path(path, default_root, pid, "stat")) {
+        return '\0';
+    }
+    ssize_t length = read_file_once(path, text, sizeof text - 1);
+    text[length > 0 ? length : 0] = '\0';
+    const char* name_end = strrchr(text, ')');
+    return name_end && name_end[1] == ' ' ? name_end[2] : '\0';
+}
+
 int proc_is_kernel_thread(pid_t pid) {
     return proc_is_kernel_thread_at(default_root, pid);
 }

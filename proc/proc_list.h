@@ -38,6 +38,9 @@ int proc_get_pidname_at(const char* root, pid_t pid, char* buf, size_t len);
 pid_t proc_ppid(pid_t pid);
 pid_t proc_ppid_at(const char* root, pid_t pid);
 
+// The letter of the state of `pid` (proc(5), "stat"); 0 when there is no such process.
+char proc_state(pid_t pid);
+
 // 1 when the process has no executable link, which holds for kernel threads and for processes that are gone
 // or may not be looked at; else 0.
 int proc_is_kernel_thread(pid_t pid);

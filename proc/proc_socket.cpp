@@ -400,6 +400,9 @@ bool list_sockets(socket_cache* cache, table_kind table) {
     cache->count = 0;
     cache->complete = true;
     bool listed = socket_diag_list_tcp(cache->diag.get(), table, remember, cache);
+    if (!listed) {
+        cache->diag = socket_diag_open();  // what is left of the list would be taken for the next answers
+    }
     std::ranges::sort(cache->known(), {}, &known_socket::inode);
     return listed && cache->complete;
 }

@@ -23,6 +23,7 @@ namespace {
 constexpr int attach_waits = 5;
 constexpr useconds_t attach_pause_us = 10;
 constexpr useconds_t longest_pause_us = 1000;
+constexpr useconds_t longest_end_pause_us = 10000;
 constexpr int resume_attempts = 4;
 
 // A number where ptrace takes a pointer.
@@ -59,20 +60,28 @@ int resume(__ptrace_request request, const char* name, pid_t pid, int sig) {
 // trace_detach_sig, with or without a stop signal for a process that runs: one that is being attached to has
 // its own on its way, and a second one would stop it for good.
 void let_go(pid_t pid, int sig, bool send_stop) {
-    bool detached = detach_request(pid, sig);
-    if (!detached && send_stop && trace_is_ours(pid)) {
-        (void)trace_stop_thread(pid);
-    }
+    const bool detached = detach_request(pid, sig);
+    bool stop_due = !detached && send_stop;
     int status = 0;
-    for (;;) {
-        if (waitpid(pid, &status, trace_wait_flags) < 0) {
-            // A signal for the caller must not leave a process behind that is about to stop.
-            if (errno == EINTR && !detached) {
-                continue;
-            }
-            if (errno != EINVAL) {
+    for (useconds_t pause = attach_pause_us;; pause = std::min(2 * pause, longest_end_pause_us)) {
+        if (stop_due && trace_is_ours(pid)) {
+            stop_due = trace_stop_thread(pid) != 0;
+        }
+        pid_t got = waitpid(pid, &status, WNOHANG | trace_wait_flags);
+        if (got < 0 && errno != EINVAL) {
+            return;
+        }
+        if (got == 0) {
+            // The end of a first thread is not seen before that of the others, which may be this thread's to
+            // let go.
+            if (proc_state(pid) == 'Z') {
                 return;
             }
+            // A signal for the caller ends the wait for an end, but not for one that is about to stop.
+            if (usleep(pause) != 0 && detached) {
+                return;
+            }
+            continue;
         }
         if (!WIFSTOPPED(status)) {
             return;

@@ -28,6 +28,7 @@ constexpr int syscall_stop = SIGTRAP | 0x80;
 constexpr int exit_mask = 0x600;
 constexpr long turn_pause_ns = 20000000;  // between two looks whether the trace before has ended
 constexpr pid_t no_timer = -1;
+constexpr int timer_patience_ms = 100;  // whoever ignores SIGINT has its children ignore it, too
 
 pthread_mutex_t strace_lock = PTHREAD_MUTEX_INITIALIZER;
 
@@ -161,9 +162,7 @@ bool start_timer(trace_run* run) {
 
 void end_timer(trace_run* run) {
     if (run->timer > 0) {
-        kill(run->timer, SIGINT);
-        while (waitpid(run->timer, nullptr, 0) < 0 && errno == EINTR) {
-        }
+        sys_end_child(run->timer, SIGINT, timer_patience_ms);
     }
 }
 
@@ -209,6 +208,20 @@ void leave_to_parent(trace_run* run, int index) {
     run->over = --run->live <= 0;
 }
 
+void handle_event(trace_run* run, int index);
+
+// Resumes a process. Where exits are reported, one that has been killed since it stopped stands at its end by
+// now, and resuming it would step over that.
+void go_on(trace_run* run, int index, int sig) {
+    strace_process& process = process_at(run, index);
+    if ((run->ctx->flags & strace_exits) != 0 &&
+        waitpid(run->ctx->pids[index], &process.event, WNOHANG | trace_wait_flags) > 0) {
+        handle_event(run, index);
+    } else {
+        resume(run, index, sig);
+    }
+}
+
 // Reports the stop of a process and resumes it.
 void handle_stop(trace_run* run, int index, int status) {
     strace_process& process = process_at(run, index);
@@ -217,21 +230,21 @@ void handle_stop(trace_run* run, int index, int status) {
         run->live -= !start(run, index, status);
     } else if (sig == syscall_stop) {
         handle_syscall(run, index);
-        resume(run, index, 0);
+        go_on(run, index, 0);
     } else if (sig == SIGTRAP && (status & exit_mask) != 0) {
         strace_exit(run->ctx, run->ctx->pids[index], strace_exit_stop, 0, nullptr);
         if (process.own_child && status >> 16 == PTRACE_EVENT_EXIT) {
             leave_to_parent(run, index);
         } else {
-            resume(run, index, SIGTRAP);
+            go_on(run, index, SIGTRAP);
         }
     } else if (sig == SIGSTOP && process.attach_stop_due) {
         process.attach_stop_due = false;
-        resume(run, index, 0);
+        go_on(run, index, 0);
     } else {
         report_signal(run, index, sig);
         renew_stop(process, run->ctx->pids[index], sig);
-        resume(run, index, sig);
+        go_on(run, index, sig);
     }
 }
 
@@ -248,7 +261,8 @@ void keep_event(trace_run* run, int index) {
         sig = trace_first_signal(run->ctx->pids[index], process.event, &stop_due);
     }
     bool attaching = process.joining || process.attach_stop_due;
-    if (attaching && WSTOPSIG(process.event) != SIGSTOP) {
+    bool is_ending = process.event >> 16 == PTRACE_EVENT_EXIT;
+    if (attaching && !is_ending && WSTOPSIG(process.event) != SIGSTOP) {
         // The attach's stop signal is still to come. It serves as the one that lets the process be detached.
         process.attach_stop_due = true;
         renew_stop(process, run->ctx->pids[index], sig);

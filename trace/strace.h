@@ -27,10 +27,10 @@ struct strace_names;
 // One trace, owned by the caller.
 struct strace_ctx {
     // Gets every finished piece of text; the lines of system calls at which several processes stopped
-    // together may come as one, before the next wait. Called with length 0 after every wait, behind each
-    // process that did not stop when it was attached to, and while the trace waits for its turn, as a poll,
-    // whose result 0 ends the trace. May be null. The final pieces, and the lists of descriptors, still come
-    // after that.
+    // together may come as one, before the next wait, when the processes may have gone on already. Called
+    // with length 0 after every wait, behind each process that did not stop when it was attached to, and
+    // while the trace waits for its turn, as a poll, whose result 0 ends the trace. May be null. The final
+    // pieces, and the lists of descriptors, still come after that.
     int32_t (*write)(void* cookie, const char* text, int length);
     // Told of exits, in the tracing thread with the process stopped; may be null. `extra` is null.
     void (*on_exit)(strace_ctx* ctx, void* cookie, pid_t pid, int kind, int code, void* extra);
@@ -48,7 +48,8 @@ struct strace_ctx {
 // Traces until the processes are gone, the time is up or the callback asks to stop, and lets those go that
 // are left. Nothing is returned; a process that can't be traced is left out. Only one trace runs at a time in
 // this program: others wait. The time limit is a child of the calling thread that runs /bin/sleep; without it
-// there is no trace.
+// there is no trace. The end of a child of the calling thread is left to be waited for by its caller when it
+// is the last process of the trace; the trace may wait for the end of one before.
 void do_strace(strace_ctx* ctx);
 
 // Formats into the work buffer and writes the result out. Returns its length; what is below 1, or has no room

@@ -1,7 +1,5 @@
 // Letting the processes of a trace go.
 #include <signal.h>
-#include <stdio.h>
-#include <string.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,17 +24,6 @@ void* as_data(int sig) {
 // Detaches a process that is stopped; false when it turned out not to be.
 bool detach(pid_t pid, int sig) {
     return ptrace(PTRACE_DETACH, pid, nullptr, as_data(sig)) == 0;
-}
-
-// The state letter of a process; 0 when it has gone.
-char proc_state(pid_t pid) {
-    char path[32];
-    char text[256];
-    snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    ssize_t length = read_file_once(path, text, sizeof text - 1);
-    text[length > 0 ? length : 0] = '\0';
-    const char* name_end = strrchr(text, ')');
-    return name_end && name_end[1] == ' ' ? name_end[2] : '\0';
 }
 
 // Deals with what was waited for while a process was on its way to its stop. Returns whether it is free.
@@ -83,16 +70,19 @@ int settle_one(strace_ctx* ctx, pid_t pid, int status) {
 
 // Gives up who can't be waited for; returns how many. The first thread of a process that ended before the
 // others never stops, and its end is not seen before theirs. One that sleeps in the kernel may do so for
-// ever: when patience is at its end, the stop signal is taken back, and the end of this thread sets it free.
+// ever, and the stop of another may have been taken by somebody else's wait: when patience is at its end, the
+// stop signal is taken back, and who can't be let go as it stands is set free by the end of this thread.
 int give_up(strace_ctx* ctx, bool is_late) {
     int given_up = 0;
     for (int i = 0; i < ctx->names->count; i++) {
         strace_process& process = ctx->names->processes.get()[i];
         char state = process.awaited ? proc_state(ctx->pids[i]) : '\0';
-        if (state == 'D' && is_late) {
+        const bool is_unreachable = is_late && (state == 'D' || state == 't');
+        if (is_unreachable) {
             (void)kill(ctx->pids[i], SIGCONT);
+            (void)detach(ctx->pids[i], 0);
         }
-        if (state == 'Z' || (state == 'D' && is_late)) {
+        if (state == 'Z' || is_unreachable) {
             process.awaited = false;
             given_up++;
         }

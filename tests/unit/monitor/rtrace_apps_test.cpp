@@ -1,8 +1,10 @@
 #include "monitor/rtrace_apps.h"
 
 #include <signal.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <memory>
@@ -11,6 +13,7 @@
 
 #include "monitor/rtrace.h"
 #include "monitor/rtrace_wait.h"
+#include "proc/proc_list.h"
 #include "tests/unit/monitor/few_fds.h"
 #include "tests/unit/monitor/rtrace_records.h"
 #include "tests/unit/support/capture.h"
@@ -309,6 +312,23 @@ TEST_F(rtrace_programs, that_are_stopped_are_killed_after_their_time) {
     rtrace_apps* block = start(rtrace_pidstat, 1);
     ASSERT_EQ(kill(block->pids[0], SIGSTOP), 0);
     end(block);
+    EXPECT_TRUE(has_no_children());
+}
+
+TEST_F(rtrace_programs, whose_stops_are_for_a_tracer_are_ended_nevertheless) {
+    put_program("pidstat", "exec sleep 1000\n");
+    rtrace_apps* block = start(rtrace_pidstat, 1);
+    const pid_t pid = block->pids[0];
+    std::atomic<bool> over{false};
+    std::thread tracer([&] {
+        EXPECT_EQ(ptrace(PTRACE_ATTACH, pid, nullptr, nullptr), 0);
+        EXPECT_TRUE(eventually([&over] { return over.load(); }));
+    });
+    EXPECT_TRUE(eventually([pid] { return proc_state(pid) == 't'; }));
+    end(block);
+    EXPECT_FALSE(is_alive(pid));
+    over = true;
+    tracer.join();
     EXPECT_TRUE(has_no_children());
 }
 

@@ -13,8 +13,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -215,6 +217,72 @@ TEST(do_strace, process_that_exits_is_told_of_twice_with_its_code) {
         EXPECT_TRUE(exit.in_list);
     }
     child.child.end();
+}
+
+// Kills the processes as soon as the trace has looked `looks` times for events.
+void kill_all_after(int looks, traced_text* trace, std::vector<pid_t> pids) {
+    trace->goes_on = [looks, pids, killed = false](const traced_text& now) mutable {
+        for (pid_t pid : now.polls >= looks && !killed ? pids : std::vector<pid_t>()) {
+            EXPECT_EQ(kill(pid, SIGKILL), 0);
+            killed = true;
+        }
+        return true;
+    };
+}
+
+TEST(do_strace, processes_that_are_killed_in_full_run_are_told_of_like_others) {
+    static std::set<pid_t> told;
+    told.clear();
+    constexpr int rounds = effort(10, 3);
+    constexpr int together = 8;
+    for (int round = 0; round < rounds; round++) {
+        std::vector<std::unique_ptr<tracee>> busy;
+        std::vector<pid_t> pids;
+        for (int i = 0; i < together; i++) {
+            busy.push_back(std::make_unique<tracee>(call_for_ever));
+            pids.push_back(busy.back()->pid());
+        }
+        traced_text trace(pids);
+        trace.ctx.seconds = 20;
+        trace.ctx.on_exit = [](strace_ctx*, void*, pid_t pid, int kind, int, void*) {
+            if (kind == strace_exit_stop) {
+                told.insert(pid);
+            }
+        };
+        kill_all_after(300 + round, &trace, pids);
+        trace.run();
+        for (const auto& one : busy) {
+            one->end_if_left();
+        }
+    }
+    // One that is killed between the last look at it and the call that resumes it is missed.
+    EXPECT_GE(told.size(), size_t{rounds * together * 9 / 10});
+}
+
+std::vector<pid_t> threads_of(pid_t pid) {
+    std::vector<pid_t> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        found.push_back(atoi(entry.path().filename().c_str()));
+    }
+    return found;
+}
+
+TEST(do_strace, threads_of_a_process_that_is_killed_do_not_hold_it_up) {
+    for (int round = 0; round < effort(60, 5); round++) {
+        tracee busy([] {
+            for (int i = 0; i < 4; i++) {
+                std::thread(call_for_ever).detach();
+            }
+            return call_for_ever();
+        });
+        ASSERT_TRUE(eventually([&busy] { return threads_of(busy.pid()).size() == 5; }));
+        traced_text trace(threads_of(busy.pid()));
+        kill_all_after(100 + round, &trace, {busy.pid()});
+        auto start = clock_type::now();
+        capture_stdout([&trace] { trace.run(); });
+        EXPECT_LT(clock_type::now() - start, 10s);
+        busy.end_if_left();
+    }
 }
 
 // What a trace calls this program: the last part of the first 31 bytes of how it was called, which depends on
@@ -469,6 +537,18 @@ TEST(do_strace, time_limit_is_a_child_and_without_one_there_is_none) {
     }
 }
 
+TEST(do_strace, timer_is_ended_where_sigint_is_ignored) {
+    int status = run_in_child([] {
+        signal(SIGINT, SIG_IGN);
+        traced_child child([] { return 0; });
+        child.trace.ctx.seconds = 100;
+        auto start = clock_type::now();
+        child.run();
+        return clock_type::now() - start < 10s ? 0 : 1;
+    });
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+}
+
 TEST(do_strace, timer_is_ended_when_the_last_process_exits) {
     traced_child child([] { return 0; });
     child.trace.ctx.seconds = 100;
@@ -694,6 +774,26 @@ TEST(do_strace, first_thread_that_ends_during_the_trace_does_not_hold_it_up) {
     capture_stdout([&headless] { headless.run(); });
     EXPECT_LT(clock_type::now() - start, 10s);
     EXPECT_TRUE(eventually([&headless] { return state_of(headless.pid()) == 'Z'; }));
+}
+
+TEST(do_strace, process_whose_stop_another_thread_has_taken_is_let_go) {
+    tracee sleeper(sleep_for_ever);
+    traced_text trace({sleeper.pid()}, strace_calls);
+    trace.ctx.seconds = 1;
+    std::atomic<bool> over{false};
+    std::thread thief([&] {
+        EXPECT_TRUE(eventually([&sleeper] { return is_traced(sleeper.pid()) && sleeper.asleep(); }));
+        while (!over) {
+            (void)waitpid(sleeper.pid(), nullptr, WNOHANG);
+            usleep(100);
+        }
+    });
+    auto start = clock_type::now();
+    trace.run();
+    EXPECT_LT(clock_type::now() - start, 10s);
+    over = true;
+    thief.join();
+    expect_free(sleeper.pid());
 }
 
 TEST(do_strace, children_of_other_threads_are_theirs) {
