@@ -90,7 +90,7 @@ inline int count_open_fds() {
 
 // Asks `fact` until it holds or `limit` has passed; whether it held.
 template <typename Fact>
-bool eventually(Fact fact, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+bool eventually(Fact fact, std::chrono::milliseconds limit = std::chrono::seconds(30)) {
     auto end = std::chrono::steady_clock::now() + limit;
     while (!fact()) {
         if (std::chrono::steady_clock::now() > end) {
