@@ -8,11 +8,9 @@
 
 namespace {
 
-// A multiple of the page size of every machine, and no larger than needed: in thin traffic a block is used up
-// by the frames of frame_ring_delay_ms, however few, and a ring is full with as many blocks as it has.
-constexpr unsigned block_size = 1u << 15;
-constexpr unsigned fewest_blocks = 2;  // one to read while the other is filled
-constexpr unsigned frame_size = 2048;  // has to be given, and means nothing here
+constexpr unsigned block_size = 1u << 18;  // a multiple of the page size of every machine
+constexpr unsigned fewest_blocks = 2;      // one to read while the other is filled
+constexpr unsigned frame_size = 2048;      // has to be given, and means nothing here
 
 tpacket_block_desc* block_at(const frame_ring& ring, unsigned number) {
     void* block = ring.memory + size_t{number} * block_size;

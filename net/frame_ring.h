@@ -24,7 +24,9 @@ struct fetched_frames {
     bool ended = false;  // the read after those frames failed or gave an empty frame
 };
 
-constexpr int frame_ring_delay_ms = 100;
+// A block is used up by the frames of this time, however few: in thin traffic it tells how soon a ring is
+// full that nobody reads.
+constexpr int frame_ring_delay_ms = 500;
 
 struct frame_ring {
     uint8_t* memory = nullptr;  // null: there is no ring

@@ -257,6 +257,15 @@ def test_service_goes_on_after_its_trace(machine):
     assert machine.check(script, timeout=30).decode().split() == ["State:", "S", "(sleeping)", "TracerPid:", "0"]
 
 
+def test_threads_of_the_kernel_are_left_out(machine):
+    script = """
+        for thread in 2 3; do [ ! -e /proc/$thread/exe ] && [ -d /proc/$thread ] || exit 9; done
+        tstrace -p 2 -p 3
+    """
+    done = machine.run(script)
+    assert (done.status, done.out, done.err) == (0, b"", b"")
+
+
 def test_stopper_holds_a_program_at_its_exit(machine, put_calls):
     put_calls([])
     script = """

@@ -16,7 +16,7 @@ import pytest
 
 from zarvo_e2e import (
     BIN, CAPTURE_SIZE, OTHER_MACHINE, PATIENCE, assert_compressed_whole, assert_whole, body_of,
-    COMPRESSED_HEAD, PLAIN_HEAD, download_head, http_open, wait_for,
+    COMPRESSED_HEAD, PLAIN_HEAD, download_head, http_open, send_message, wait_for,
 )  # fmt: skip
 
 NEEDS_SANDBOX = True
@@ -351,6 +351,22 @@ def test_download_has_exactly_its_size_and_is_not_in_itself(base_url, interface,
     assert len(stream) == 300001
     assert_tcpdump_reads(stream, len(split_capture(stream)))
     assert_capinfos_reads(stream, len(split_capture(stream)), tmp_path)
+
+
+@pytest.mark.parametrize("family,address", [(socket.AF_INET, "127.0.0.1"), (socket.AF_INET6, "::1")], ids=["4", "6"])
+def test_download_over_either_protocol_is_not_in_itself(daemon, wires, family, address):
+    with socket.socket(family) as listener, socket.socket(family) as browser:
+        listener.bind((address, 0))
+        listener.listen(1)
+        browser.settimeout(PATIENCE)
+        browser.connect(listener.getsockname())
+        with listener.accept()[0] as far:
+            request = b"/x\0" + query(duration=1, totalsize=300001, interface="lo").encode()
+            send_message(daemon.cgi_socket, request, [far.fileno()]).close()
+        answer = b""
+        while piece := browser.recv(1 << 16):
+            answer += piece
+    assert len(capture_of(answer)) == 300001
 
 
 @pytest.mark.parametrize("size", [24, 40, 41, 100, 24 + 32767, 24 + 32768, 24 + 32770, 24 + 32783])

@@ -139,9 +139,9 @@ NETWORK_TEST(frame_ring, what_there_is_no_room_for_stays) {
 NETWORK_TEST(frame_ring, goes_round_many_times) {
     ring_reader reader(1);  // the smallest there is
     frame_sender wire("far0");
-    for (int i = 0; i < 40; i++) {
+    for (int i = 0; i < 20; i++) {
         frame_list sent;
-        for (int j = 0; j < 15; j++) {  // most of a block, so that some are filled and others are not
+        for (int j = 0; j < 120; j++) {  // most of a block, so that some are filled and others are not
             sent.push_back(frame_of(1514 - static_cast<size_t>(i + j), static_cast<char>(i + j)));
             wire.send(sent.back());
         }
