@@ -20,7 +20,8 @@ pid_t trace_attach_within(pid_t pid, int patience_ms, int* status);
 
 // Lets a process go that may be stopped or running, delivering `sig` (0: none) as it goes on. One that runs
 // is stopped first; signals that it meets on its way to that stop are lost, unless it is for SIGSTOP itself.
-// Then waits for the process once more, which for a child of the caller means until it ends.
+// Then waits for the process once more, which for a child of the caller means until it ends; not so for a
+// first thread that has ended before the others of its process.
 void trace_detach_sig(pid_t pid, int sig);
 void trace_detach(pid_t pid);  // with signal 0
 
