@@ -24,6 +24,7 @@ constexpr int attach_waits = 5;
 constexpr useconds_t attach_pause_us = 10;
 constexpr useconds_t longest_pause_us = 1000;
 constexpr useconds_t longest_end_pause_us = 10000;
+constexpr int end_looks = 50;  // half a second at the longest pause
 constexpr int resume_attempts = 4;
 
 // A number where ptrace takes a pointer.
@@ -57,31 +58,37 @@ int resume(__ptrace_request request, const char* name, pid_t pid, int sig) {
     return result;
 }
 
+// Waits for a stop or the end of a process that is being let go, as waitpid does, after a stop signal when
+// one is due. Returns 0 when neither is to be waited for: its first thread has ended before the others, which
+// may be this thread's to let go, or a signal for the caller has ended the wait for its end.
+pid_t await_event(pid_t pid, int* status, bool detached, bool* stop_due) {
+    int looks_at_its_end = 0;
+    for (useconds_t pause = attach_pause_us;; pause = std::min(2 * pause, longest_end_pause_us)) {
+        if (*stop_due && trace_is_ours(pid)) {
+            *stop_due = trace_stop_thread(pid) != 0;
+        }
+        pid_t got = waitpid(pid, status, WNOHANG | trace_wait_flags);
+        if (got != 0) {
+            return got;
+        }
+        // Threads that end together do so one after the other.
+        looks_at_its_end += proc_state(pid) == 'Z';
+        if ((usleep(pause) != 0 && detached) || looks_at_its_end == end_looks) {
+            return 0;
+        }
+    }
+}
+
 // trace_detach_sig, with or without a stop signal for a process that runs: one that is being attached to has
 // its own on its way, and a second one would stop it for good.
 void let_go(pid_t pid, int sig, bool send_stop) {
     const bool detached = detach_request(pid, sig);
     bool stop_due = !detached && send_stop;
     int status = 0;
-    for (useconds_t pause = attach_pause_us;; pause = std::min(2 * pause, longest_end_pause_us)) {
-        if (stop_due && trace_is_ours(pid)) {
-            stop_due = trace_stop_thread(pid) != 0;
-        }
-        pid_t got = waitpid(pid, &status, WNOHANG | trace_wait_flags);
-        if (got < 0 && errno != EINVAL) {
+    for (;;) {
+        pid_t got = await_event(pid, &status, detached, &stop_due);
+        if (got == 0 || (got < 0 && errno != EINVAL)) {
             return;
-        }
-        if (got == 0) {
-            // The end of a first thread is not seen before that of the others, which may be this thread's to
-            // let go.
-            if (proc_state(pid) == 'Z') {
-                return;
-            }
-            // A signal for the caller ends the wait for an end, but not for one that is about to stop.
-            if (usleep(pause) != 0 && detached) {
-                return;
-            }
-            continue;
         }
         if (!WIFSTOPPED(status)) {
             return;

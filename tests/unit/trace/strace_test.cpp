@@ -275,7 +275,7 @@ TEST(do_strace, threads_of_a_process_that_is_killed_do_not_hold_it_up) {
             }
             return call_for_ever();
         });
-        ASSERT_TRUE(eventually([&busy] { return threads_of(busy.pid()).size() == 5; }));
+        ASSERT_TRUE(eventually([&busy] { return threads_of(busy.pid()).size() >= 5; }));
         traced_text trace(threads_of(busy.pid()));
         kill_all_after(100 + round, &trace, {busy.pid()});
         auto start = clock_type::now();
