@@ -1,7 +1,6 @@
 #include "trace/ptrace_ops.h"
 
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -66,24 +65,6 @@ public:
 
 private:
     pid_t pid_ = -1;
-};
-
-// Keeps this thread, and what it starts, on one processor for the length of a block.
-class scoped_processor {
-public:
-    scoped_processor() {
-        EXPECT_EQ(sched_getaffinity(0, sizeof old_, &old_), 0);
-        cpu_set_t one;
-        CPU_ZERO(&one);
-        CPU_SET(sched_getcpu(), &one);
-        EXPECT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
-    }
-    scoped_processor(const scoped_processor&) = delete;
-    scoped_processor& operator=(const scoped_processor&) = delete;
-    ~scoped_processor() { EXPECT_EQ(sched_setaffinity(0, sizeof old_, &old_), 0); }
-
-private:
-    cpu_set_t old_;
 };
 
 int spin() {

@@ -21,7 +21,6 @@
 #include <thread>
 #include <vector>
 
-#include "common/sys_run.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/effort.h"
@@ -34,67 +33,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using clock_type = std::chrono::steady_clock;
-
-// A child that waits, then does `work`, then waits again.
-struct gated_child {
-    test_pipe gate;
-    tracee child;
-
-    template <typename Work>
-    explicit gated_child(Work work)
-        : child([this, work] {
-              char byte;
-              gate.in.reset();
-              (void)!read(gate.out.get(), &byte, 1);
-              return work();
-          }) {
-        EXPECT_TRUE(child.asleep());
-    }
-    void open_gate() { EXPECT_EQ(write(gate.in.get(), "x", 1), 1); }
-    pid_t pid() const { return child.pid(); }
-};
-
-// Lets the child go as soon as it is traced.
-template <typename Work>
-struct traced_child : gated_child {
-    traced_text trace;
-    bool opened = false;
-
-    explicit traced_child(Work work, uint32_t flags = strace_everything)
-        : gated_child(work), trace({gated_child::pid()}, flags) {
-        trace.ctx.seconds = 20;  // what keeps a test that fails from hanging
-        opener_ = std::thread([this] {
-            eventually([this] { return is_traced(gated_child::pid()); });
-            open_gate();
-        });
-    }
-    ~traced_child() { join(); }
-    const std::string& run() {
-        trace.run();
-        join();
-        return trace.text;
-    }
-    void join() {
-        if (opener_.joinable()) {
-            opener_.join();
-        }
-    }
-
-private:
-    std::thread opener_;
-};
-
-pid_t start_traced(const std::vector<std::string>& words) {
-    std::vector<char*> argv;
-    for (const std::string& word : words) {
-        argv.push_back(const_cast<char*>(word.c_str()));
-    }
-    argv.push_back(nullptr);
-    unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
-    pid_t pid = sys_run_nowait(argv[0], argv.data(), null.get(), null.get(), null.get(), 1);
-    EXPECT_TRUE(WIFSTOPPED(wait_status(pid)));
-    return pid;
-}
 
 }  // namespace
 
@@ -283,13 +221,6 @@ TEST(do_strace, threads_of_a_process_that_is_killed_do_not_hold_it_up) {
         EXPECT_LT(clock_type::now() - start, 10s);
         busy.end_if_left();
     }
-}
-
-// What a trace calls this program: the last part of the first 31 bytes of how it was called, which depends on
-// where it was built.
-std::string own_name() {
-    std::string begin = std::string(program_invocation_name).substr(0, 31);
-    return begin.substr(begin.rfind('/') + 1);
 }
 
 TEST(do_strace, descriptors_are_listed_at_the_exit_call_whole_and_before_its_line) {

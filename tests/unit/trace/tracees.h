@@ -1,17 +1,24 @@
 // Children of a test that are traced, and what became of them.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include "common/sys_run.h"
+#include "common/unique_fd.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/pipes.h"
 #include "trace/strace.h"
@@ -181,4 +188,104 @@ struct traced_text {
         self->text.append(piece, static_cast<size_t>(length));
         return self->goes_on(*self);
     }
+};
+
+// A child that waits, then does `work`, then waits again.
+struct gated_child {
+    test_pipe gate;
+    tracee child;
+
+    template <typename Work>
+    explicit gated_child(Work work)
+        : child([this, work] {
+              char byte;
+              gate.in.reset();
+              (void)!read(gate.out.get(), &byte, 1);
+              return work();
+          }) {
+        EXPECT_TRUE(child.asleep());
+    }
+    void open_gate() { EXPECT_EQ(write(gate.in.get(), "x", 1), 1); }
+    pid_t pid() const { return child.pid(); }
+};
+
+// Lets the child go as soon as it is traced.
+template <typename Work>
+struct traced_child : gated_child {
+    traced_text trace;
+    bool opened = false;
+
+    explicit traced_child(Work work, uint32_t flags = strace_everything)
+        : gated_child(work), trace({gated_child::pid()}, flags) {
+        trace.ctx.seconds = 20;  // what keeps a test that fails from hanging
+        opener_ = std::thread([this] {
+            eventually([this] { return is_traced(gated_child::pid()); });
+            open_gate();
+        });
+    }
+    ~traced_child() { join(); }
+    const std::string& run() {
+        trace.run();
+        join();
+        return trace.text;
+    }
+    void join() {
+        if (opener_.joinable()) {
+            opener_.join();
+        }
+    }
+
+private:
+    std::thread opener_;
+};
+
+// A command line as a main function gets it.
+struct words {
+    explicit words(std::vector<std::string> list) : list_(std::move(list)) {
+        for (std::string& word : list_) {
+            argv_.push_back(word.data());
+        }
+        argv_.push_back(nullptr);
+    }
+    int count() const { return static_cast<int>(list_.size()); }
+    char** vector() { return argv_.data(); }
+
+private:
+    std::vector<std::string> list_;
+    std::vector<char*> argv_;
+};
+
+// Starts a program that asks to be traced by this one, with nothing to read and nowhere to write; it stops
+// before its first instruction.
+inline pid_t start_traced(const std::vector<std::string>& list) {
+    words given(list);
+    unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    pid_t pid = sys_run_nowait(given.vector()[0], given.vector(), null.get(), null.get(), null.get(), 1);
+    EXPECT_TRUE(WIFSTOPPED(wait_status(pid)));
+    return pid;
+}
+
+// What a trace calls this program: the last part of the first 31 bytes of how it was called, which depends on
+// where it was built.
+inline std::string own_name() {
+    std::string begin = std::string(program_invocation_name).substr(0, 31);
+    return begin.substr(begin.rfind('/') + 1);
+}
+
+// Keeps this thread, and what it starts, on one processor for the length of a block.
+class scoped_processor {
+public:
+    scoped_processor() {
+        EXPECT_EQ(sched_getaffinity(0, sizeof old_, &old_), 0);
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(sched_getcpu(), &one);
+        EXPECT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+    }
+    scoped_processor(const scoped_processor&) = delete;
+    scoped_processor& operator=(const scoped_processor&) = delete;
+    ~scoped_processor() { EXPECT_EQ(sched_setaffinity(0, sizeof old_, &old_), 0); }
+
+private:
+    cpu_set_t old_;
 };

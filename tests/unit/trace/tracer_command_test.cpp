@@ -10,25 +10,11 @@
 
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/temp_dir.h"
+#include "tests/unit/trace/tracees.h"
 #include "trace/stopper.h"
 #include "trace/tstrace.h"
 
 namespace {
-
-struct words {
-    explicit words(std::vector<std::string> list) : list_(std::move(list)) {
-        for (std::string& word : list_) {
-            argv_.push_back(word.data());
-        }
-        argv_.push_back(nullptr);
-    }
-    int count() const { return static_cast<int>(list_.size()); }
-    char** vector() { return argv_.data(); }
-
-private:
-    std::vector<std::string> list_;
-    std::vector<char*> argv_;
-};
 
 tracer_options parsed(std::vector<std::string> list, bool expected = true) {
     static std::vector<std::unique_ptr<words>> kept;  // the options point into the words
