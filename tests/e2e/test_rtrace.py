@@ -16,7 +16,7 @@ from rtrace_records import (
 )  # fmt: skip
 from zarvo_e2e import (
     PATIENCE, PLAIN_HEAD, SANITIZE, assert_whole, body_of, children_of, download_head, http_open,
-    in_mount_namespace, process_stat, wait_for,
+    in_mount_namespace, process_stat, wait_for, without_trace_programs,
 )  # fmt: skip
 
 NEEDS_SANDBOX = True
@@ -37,6 +37,12 @@ def records_until(browser, enough):
 
 def last_sample_is_whole(records):
     return count(records, GROUP) >= 2
+
+
+@pytest.fixture
+def daemon(start):
+    """A daemon whose traces have no output of programs among their records."""
+    return start(before=without_trace_programs())
 
 
 @pytest.fixture
@@ -100,7 +106,7 @@ def test_all_has_every_process_between_marks(daemon, rest):
 def test_default_is_the_fast_sources(daemon, rest):
     with daemon.ask(b"/x", b"cmd=rtrace") as browser:
         records = records_until(browser, lambda records: count(records, DISKINFO) == 1)
-    # This machine has no smapstot, and no program prints anything.
+    # The kernel has no smapstot, and no program prints anything.
     assert [record.type for record in records] == [FILENR, FILENR, MEMINFO, MEMINFO, DISKINFO]
 
 

@@ -11,7 +11,7 @@ import subprocess
 import pytest
 
 from rtrace_records import DISKINFO, GROUP, count, read_until
-from zarvo_e2e import BIN, SANITIZE, download_head
+from zarvo_e2e import BIN, SANITIZE, download_head, without_trace_programs
 
 NEEDS_SANDBOX = True
 
@@ -23,6 +23,12 @@ def view(*words, stdin=b"", status=0):
     done = subprocess.run([BIN / "rtraceview", *words], input=stdin, capture_output=True, check=False)
     assert done.returncode == status, done.stderr
     return done
+
+
+@pytest.fixture
+def daemon(start):
+    """A daemon whose traces have no output of programs, which would come at moments of its own."""
+    return start(before=without_trace_programs())
 
 
 @pytest.fixture
