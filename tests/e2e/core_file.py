@@ -9,7 +9,8 @@ FLAGS = ["-std=c++20", "-g", "-O1", "-fno-optimize-sibling-calls", "-pthread"]
 
 KNOWN_GLOBAL, KNOWN_DOUBLE = 0x1234567, "2.5"
 CONTROL_LINE = re.compile(rb".{8}(\d+).{21}((?:\d+(?: \d+)*)?)\n", re.DOTALL)
-LOAD = 1
+LOAD, NOTE = 1, 4
+PRSTATUS, FPREGSET, X86_XSTATE, X86_XSAVE_LAYOUT = 1, 2, 0x202, 0x205
 PN_XNUM = 0xFFFF    # the number is in the first section header
 
 # Questions for gdb; everything it says about them is one text.
@@ -22,6 +23,16 @@ def gdb_words(program, core, debugger="gdb", commands=GDB_COMMANDS):
     for command in commands:
         words += ["-ex", command]
     return [*words, str(program), str(core)]
+
+
+def bare_core(xstate):
+    """An x86-64 core of one thread without memory, of which nothing but its extended registers is known."""
+    status = bytearray(336)
+    status[32:36] = struct.pack("<i", 1)    # its thread id
+    notes = b"".join(struct.pack("<III8s", len(owner) + 1, len(content), kind, owner) + content
+                     for owner, kind, content in ((b"CORE", PRSTATUS, status), (b"LINUX", X86_XSTATE, xstate)))  # fmt: skip
+    head = struct.pack("<16sHHIQQQIHHHHHH", b"\x7fELF\2\1\1", 4, 62, 1, 0, 64, 0, 0, 64, 56, 1, 0, 0, 0)
+    return head + struct.pack("<IIQQQQQQ", NOTE, 0, 64 + 56, 0, 0, len(notes), 0, 4) + notes
 
 
 def announced(control):
@@ -41,7 +52,7 @@ class Core:
         self.wide = content[4] == 2
         head = struct.unpack_from("<HHIQQQIHHHHHH" if self.wide else "<HHIIIIIHHHHHH", content, 16)
         self.machine, start, size, count = head[1], head[4], head[8], head[9]
-        self.loads = []
+        self.loads, self.notes = [], []
         if count == PN_XNUM:
             count = struct.unpack_from("<I", content, head[5] + (44 if self.wide else 28))[0]
         for i in range(count):
@@ -54,6 +65,19 @@ class Core:
             kind, offset, address, _, length, room, _, _ = struct.unpack_from("<IIIIIIII", self.content, at)
         if kind == LOAD:
             self.loads.append((address, room, offset, length))
+        elif kind == NOTE:
+            self._take_notes(offset, offset + length)
+
+    def _take_notes(self, at, end):
+        while at < end:
+            owner_length, length, kind = struct.unpack_from("<III", self.content, at)
+            begin = at + 12 + (owner_length + 3 & ~3)
+            self.notes.append((kind, self.content[begin : begin + length]))
+            at = begin + (length + 3 & ~3)
+
+    def notes_of(self, kind):
+        """The content of the notes of a kind, in the file's order: one for each thread where they are registers."""
+        return [content for found, content in self.notes if found == kind]
 
     def at(self, address, length):
         """Bytes of memory; None where the file has no content for them, or only for some."""

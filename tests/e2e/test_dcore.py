@@ -13,12 +13,15 @@ import time
 
 import pytest
 
-from core_file import CONTROL_LINE, FLAGS, KNOWN_DOUBLE, KNOWN_GLOBAL, SOURCE, Core, announced, gdb_words
+from core_file import (
+    FLAGS, KNOWN_DOUBLE, KNOWN_GLOBAL, SOURCE, X86_XSTATE, Core, announced, bare_core, gdb_words,
+)  # fmt: skip
 from zarvo_e2e import BIN, PATIENCE, SANITIZE, process_stat, wait_for
 
 DCORE = str(BIN / "dcore")
 PAGE = os.sysconf("SC_PAGE_SIZE")
-PTRACE_SEIZE = 0x4206
+PTRACE_SEIZE, PTRACE_INTERRUPT, PTRACE_DETACH, PTRACE_GETREGSET = 0x4206, 0x4207, 17, 0x4204
+WALL = 0x40000000
 NO_LOCK = "had to go on before its memory was read"
 MEMORY_LIMIT_KB = 4096
 
@@ -90,6 +93,37 @@ def ask_gdb(program, core, tmp_path, **how):
     return ran.stdout + ran.stderr
 
 
+def ptrace(request, pid, address=None, data=None):
+    call = ctypes.CDLL(None, use_errno=True).ptrace
+    call.argtypes = [ctypes.c_long, ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p]
+    assert call(request, pid, address, data) == 0, os.strerror(ctypes.get_errno())
+
+
+def kernel_xstate(pid):
+    """The extended registers of a child as the kernel gives them to any tracer."""
+    room = ctypes.create_string_buffer(1 << 16)
+    vector = (ctypes.c_size_t * 2)(ctypes.addressof(room), len(room))
+    ptrace(PTRACE_SEIZE, pid)
+    ptrace(PTRACE_INTERRUPT, pid)
+    os.waitpid(pid, WALL)
+    ptrace(PTRACE_GETREGSET, pid, X86_XSTATE, ctypes.addressof(vector))
+    ptrace(PTRACE_DETACH, pid)
+    return room.raw[: vector[1]]
+
+
+def complaints(said, xstate, tmp_path):
+    """The lines of `said` in which gdb complains. Where the processor puts a register elsewhere than gdb expects,
+    gdb finds the kernel's own set of them too small in any core: that is no complaint about this one."""
+    known = "in core file too small"
+    (tmp_path / "bare").write_bytes(bare_core(xstate))
+    ran = subprocess.run(["gdb", "-nx", "-batch", "-core", tmp_path / "bare"], stdin=subprocess.DEVNULL,
+                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=PATIENCE * 4)
+    lines = re.findall(".*(?:warning|corrupt|truncat|error).*", said, re.IGNORECASE)
+    if re.search(rf"Section `\.reg-xstate/\d+' {known}", ran.stdout):
+        lines = [line for line in lines if not re.search(rf"Section `\.reg-xstate/\d+' {known}", line)]
+    return lines
+
+
 class Stalled:
     """A dumper whose reader takes the beginning of the core only; it still has the target in its hold."""
 
@@ -159,7 +193,7 @@ def test_debugger_shows_every_stack_and_variable(program, start, tmp_path, threa
     assert re.search(rf"0x[0-9a-f]+ +0x[0-9a-f]+ +0x[0-9a-f]+ +0x0 +{re.escape(str(program))}\n", said)
     assert re.search(r" libc\.so\.6$|/libc\.so\.6\n", said) and "AT_ENTRY" in said
     assert "$3 = 0\n" in said
-    assert not re.search("warning|corrupt|truncat|error", said, re.IGNORECASE), said
+    assert complaints(said, kernel_xstate(target.pid), tmp_path) == [], said
 
 
 @pytest.mark.skipif(not shutil.which("gdb"), reason="needs gdb")
@@ -501,8 +535,10 @@ def test_process_that_is_traced_already(start):
 @pytest.mark.skipif(os.geteuid() != 0, reason="needs root, to be somebody else")
 def test_process_of_somebody_else(start, program):
     target = start("threads", 0)
-    ran = subprocess.run([DCORE, str(target.pid)], stdout=subprocess.PIPE, stderr=subprocess.PIPE, user=65534,
-                         group=65534, extra_groups=[])
+    with open(DCORE, "rb") as file:     # the folders above it may be closed to others
+        ran = subprocess.run([f"/proc/self/fd/{file.fileno()}", str(target.pid)], stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE, pass_fds=[file.fileno()], user=65534, group=65534,
+                             extra_groups=[])  # fmt: skip
     length, text = announced(ran.stderr)
     assert (ran.returncode, ran.stdout, length) == (1, b"", 0)
     assert text == f"dcore: {target.pid}: can't be stopped: Operation not permitted\n"
