@@ -12,6 +12,7 @@
 #include "common/safe_io.h"
 #include "common/unique_fd.h"
 #include "proc/proc_socket.h"
+#include "proc/socket_cache.h"
 
 namespace {
 
@@ -19,20 +20,20 @@ constexpr const char* default_root = "/proc";
 constexpr std::string_view socket_mark = "socket:[";
 constexpr std::string_view pipe_mark = "pipe:[";
 
-constexpr size_t path_room = 128;
+constexpr size_t path_size = 128;
 
-// Forms "root/pid/rest"; false when the buffer is too small.
-bool form_path(char (&path)[path_room], const char* root, pid_t pid, const char* rest) {
+// Forms "root/pid/rest"; false if the buffer is too small.
+bool form_path(char (&path)[path_size], const char* root, pid_t pid, const char* rest) {
     int length = snprintf(path, sizeof path, "%s/%ld/%s", root, static_cast<long>(pid), rest);
     return length > 0 && static_cast<size_t>(length) < sizeof path;
 }
 
 unique_dir open_fd_dir(const char* root, pid_t pid) {
-    char path[path_room];
+    char path[path_size];
     return unique_dir(form_path(path, root, pid, "fd") ? opendir(path) : nullptr);
 }
 
-// The next entry that is a descriptor; null at the end.
+// The next entry that names a descriptor; null at the end.
 const dirent* next_fd(DIR* dir) {
     const dirent* entry;
     do {
@@ -47,7 +48,7 @@ struct fd_counts {
     int pipes = 0;
 };
 
-// Counts what descriptor `name` is; false when its link can't be read.
+// Counts descriptor `name` by its kind; false if its link cannot be read.
 bool count_link(int dir_fd, const char* name, fd_counts* counts) {
     char link[128];
     ssize_t length = readlinkat(dir_fd, name, link, sizeof link - 1);
@@ -65,13 +66,13 @@ ssize_t read_fd_link(const char* root, pid_t pid, const char* name, char* buf, s
     if (fd_dir >= 0) {
         return readlinkat(fd_dir, name + 3, buf, len);
     }
-    char path[path_room];
+    char path[path_size];
     return form_path(path, root, pid, name) ? readlink(path, buf, len) : -1;
 }
 
 int socket_text(const char* root, pid_t pid, const char* name, unsigned long inode, char* buf, size_t len,
                 socket_cache* cache) {
-    char path[path_room];
+    char path[path_size];
     if (cache && form_path(path, root, pid, name)) {
         return socket_cache_lookup(cache, path, inode, buf, len);
     }
@@ -113,7 +114,7 @@ int proc_fdinfo_lookup(pid_t pid, int fd, char* buf, size_t len, const proc_fdin
 }
 
 unique_fd proc_fd_dir(pid_t pid) {
-    char path[path_room];
+    char path[path_size];
     return unique_fd(form_path(path, default_root, pid, "fd") ? open(path, O_PATH | O_DIRECTORY | O_CLOEXEC)
                                                               : -1);
 }
@@ -174,7 +175,7 @@ ssize_t proc_mem_pread(pid_t pid, void* buf, unsigned len, int64_t offset) {
     if (!memory) {
         return -1;
     }
-    // Not checked: what can't be sought to can't be read from either.
+    // Not checked: if the seek fails, the read fails too.
     (void)lseek(memory.get(), static_cast<off_t>(offset), SEEK_SET);
     return safe_read(memory.get(), buf, len);
 }

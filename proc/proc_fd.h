@@ -1,7 +1,7 @@
 // The descriptors of another process, and its memory.
 //
 // Everything is read from a proc file system at the time of the call; buffers are the caller's, nothing is
-// printed and nothing is kept. A process or a descriptor that has gone gives a short or an empty result.
+// printed or kept. A process or descriptor that is gone gives a short or empty result.
 // Layout of the files: proc(5). The calls with a `root` read a proc file system mounted there.
 #pragma once
 
@@ -13,38 +13,38 @@
 
 struct socket_cache;
 
-// Describes descriptor `fd` of `pid` in `buf` (`len` bytes, ended by a NUL): its link target, and for a TCP
-// or Unix socket in the reader's tables one endpoint text behind it (proc_socket.h). Returns the length that
-// the whole text has, so `len` or more when it was cut; below 1 when there is no such descriptor, as
-// readlink(2) returned it.
+// Describes descriptor `fd` of `pid` in `buf` (`len` bytes, ends in a NUL): its link target, followed by the
+// endpoint text (proc_socket.h) if it is a TCP or Unix socket that the tables list. Returns the length of the
+// whole text, so `len` or more if it was cut. If there is no such descriptor, returns what readlink(2)
+// returned, which is below 1.
 int proc_fdinfo_lookup(pid_t pid, int fd, char* buf, size_t len);
 int proc_fdinfo_lookup_at(const char* root, pid_t pid, int fd, char* buf, size_t len);
 
-// What makes the same faster for who describes many descriptors. Both are borrowed and may be missing.
+// Optional caches for callers that describe many descriptors. Both are borrowed.
 struct proc_fdinfo_aids {
     socket_cache* sockets = nullptr;  // finds sockets without reading whole tables
     int fd_dir = -1;                  // proc_fd_dir of the process
 };
 int proc_fdinfo_lookup(pid_t pid, int fd, char* buf, size_t len, const proc_fdinfo_aids& aids);
 
-// The descriptor directory of `pid`, open for lookups in it (O_PATH). Empty when there is none.
+// Opens the descriptor directory of `pid` for lookups (O_PATH). Empty on failure.
 unique_fd proc_fd_dir(pid_t pid);
 
-// Stores at most `capacity` descriptor numbers in directory order and returns how many; 0 when the process's
-// descriptors can't be listed.
+// Stores at most `capacity` descriptor numbers in directory order and returns how many; 0 if the
+// descriptors cannot be listed.
 int proc_fdlist(pid_t pid, int* fds, int capacity);
 int proc_fdlist_at(const char* root, pid_t pid, int* fds, int capacity);
 
-// Counts the descriptors of `pid`, and with the pointers (either may be null) the sockets and pipes among
-// them. A pipe counts only when its link is "pipe:[" and nothing else, which no kernel writes; deliberate.
-// When a descriptor vanishes in the middle, the scan starts again and goes on counting from where it was.
+// Counts the descriptors of `pid`, and the sockets and pipes among them (either pointer may be null). A pipe
+// is counted only if its link is exactly "pipe:[", which no kernel writes; this is deliberate. If a
+// descriptor vanishes during the scan, the scan starts again and keeps the counts so far.
 int proc_nr_fd2(pid_t pid, int* sockets, int* pipes);
 int proc_nr_fd2_at(const char* root, pid_t pid, int* sockets, int* pipes);
 
-// How often proc_nr_fd2 starts again; after that, descriptors whose link can't be read count as nothing more
-// than descriptors.
+// How often proc_nr_fd2 starts again. After that, a descriptor whose link cannot be read is counted only as a
+// descriptor.
 constexpr int proc_fd_restarts = 100;
 
-// Reads up to `len` bytes of the memory of `pid` from `offset`. Returns the bytes read; -1 when the memory
-// can't be opened or not even its first byte read. The caller must be allowed to trace the process.
+// Reads up to `len` bytes of the memory of `pid` from `offset`. Returns the bytes read; -1 if the memory
+// cannot be opened or its first byte cannot be read. The caller must be allowed to trace the process.
 ssize_t proc_mem_pread(pid_t pid, void* buf, unsigned len, int64_t offset);

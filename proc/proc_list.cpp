@@ -17,11 +17,11 @@ std::atomic<pid_t> proc_extra_ignore_pid{-1};
 
 namespace {
 
-constexpr size_t path_room = 128;
+constexpr size_t path_size = 128;
 constexpr const char* default_root = "/proc";
 
-// Forms "root/pid/file"; false when the buffer is too small.
-bool form_path(char (&path)[path_room], const char* root, pid_t pid, const char* file) {
+// Forms "root/pid/file"; false if the buffer is too small.
+bool form_path(char (&path)[path_size], const char* root, pid_t pid, const char* file) {
     int length = snprintf(path, sizeof path, "%s/%ld/%s", root, static_cast<long>(pid), file);
     return length > 0 && static_cast<size_t>(length) < sizeof path;
 }
@@ -31,8 +31,8 @@ bool file_exists(const char* path) {
     return stat(path, &status) == 0;
 }
 
-// Cuts what follows the last `mark` out of `buf` and moves it to the start; false when nothing follows.
-bool keep_behind_last(char* buf, char mark) {
+// Moves the text after the last `mark` to the start of `buf`; false if nothing follows the mark.
+bool keep_after_last(char* buf, char mark) {
     char* found = strrchr(buf, mark);
     if (!found || !found[1]) {
         return false;
@@ -46,7 +46,7 @@ bool name_from_command_line(const char* path, char* buf, size_t len) {
         return false;
     }
     buf[len - 1] = '\0';
-    return keep_behind_last(buf, '/');
+    return keep_after_last(buf, '/');
 }
 
 bool name_from_stat(const char* path, char* buf, size_t len) {
@@ -59,11 +59,11 @@ bool name_from_stat(const char* path, char* buf, size_t len) {
         return false;
     }
     *close_mark = '\0';
-    return keep_behind_last(buf, '(');
+    return keep_after_last(buf, '(');
 }
 
-// The process that a directory entry stands for: the number that its name begins with, which may be 0. False
-// for a name that does not begin with a digit.
+// The number at the start of a directory entry's name, which may be 0. False if the name does not begin with
+// a digit.
 bool entry_pid(const char* name, pid_t* pid) {
     *pid = static_cast<pid_t>(strtoul(name, nullptr, 10));
     return isdigit(static_cast<unsigned char>(name[0])) != 0;
@@ -120,7 +120,7 @@ int proc_get_pidname(pid_t pid, char* buf, size_t len) {
 }
 
 int proc_get_pidname_at(const char* root, pid_t pid, char* buf, size_t len) {
-    char path[path_room];
+    char path[path_size];
     if (len == 0) {
         return 0;
     }
@@ -135,7 +135,7 @@ pid_t proc_ppid(pid_t pid) {
 }
 
 pid_t proc_ppid_at(const char* root, pid_t pid) {
-    char path[path_room];
+    char path[path_size];
     char text[256];
     if (!form_path(path, root, pid, "stat")) {
         return -1;
@@ -158,7 +158,7 @@ pid_t proc_ppid_at(const char* root, pid_t pid) {
 }
 
 char proc_state(pid_t pid) {
-    char path[path_room];
+    char path[path_size];
     char text[256];
     if (!form_path(path, default_root, pid, "stat")) {
         return '\0';
@@ -174,7 +174,7 @@ int proc_is_kernel_thread(pid_t pid) {
 }
 
 int proc_is_kernel_thread_at(const char* root, pid_t pid) {
-    char path[path_room];
+    char path[path_size];
     char target[1];
     return !form_path(path, root, pid, "exe") || readlink(path, target, sizeof target) < 0 ? 1 : 0;
 }

@@ -15,11 +15,11 @@
 
 namespace {
 
-constexpr size_t list_room = 32768;                                 // of one piece of a list
-constexpr uint32_t listed_states = 0xffe & ~(1U << TCP_TIME_WAIT);  // those have no inode
-constexpr size_t answer_room = 2048;  // of one socket; without extensions an answer has about 100 bytes
+constexpr size_t list_size = 32768;                                 // buffer for one piece of a list
+constexpr uint32_t listed_states = 0xffe & ~(1U << TCP_TIME_WAIT);  // sockets in TIME_WAIT have no inode
+constexpr size_t answer_size = 2048;  // buffer for one answer, which has about 100 bytes without extensions
 
-// Sends one request behind its header. The kernel has answered, or begun to, before the call is through.
+// Sends one request. The kernel has queued its answer, or the first piece of it, when send returns.
 template <typename Request>
 bool ask(int diag_fd, const Request& request, uint16_t flags = 0) {
     struct {
@@ -33,18 +33,19 @@ bool ask(int diag_fd, const Request& request, uint16_t flags = 0) {
     return send(diag_fd, &message, sizeof message, MSG_DONTWAIT) == static_cast<ssize_t>(sizeof message);
 }
 
-ssize_t receive_some(int diag_fd, void* room, size_t size) {
+ssize_t receive_some(int diag_fd, void* buffer, size_t size) {
     ssize_t got;
     do {
-        got = recv(diag_fd, room, size, MSG_DONTWAIT);
+        got = recv(diag_fd, buffer, size, MSG_DONTWAIT);
     } while (got < 0 && errno == EINTR);
     return got;
 }
 
-// Receives the answer into `room` and returns its body of `size` bytes or more; null for an error.
-const nlmsghdr* receive(int diag_fd, void* room, size_t size) {
-    ssize_t got = receive_some(diag_fd, room, answer_room);
-    const nlmsghdr* head = static_cast<const nlmsghdr*>(room);
+// Receives one answer into `buffer` (answer_size bytes). Returns its header, which at least `size` bytes
+// follow; null for an error.
+const nlmsghdr* receive(int diag_fd, void* buffer, size_t size) {
+    ssize_t got = receive_some(diag_fd, buffer, answer_size);
+    const nlmsghdr* head = static_cast<const nlmsghdr*>(buffer);
     if (got < static_cast<ssize_t>(NLMSG_HDRLEN) || head->nlmsg_type != SOCK_DIAG_BY_FAMILY ||
         head->nlmsg_len > static_cast<size_t>(got) || head->nlmsg_len < NLMSG_LENGTH(size)) {
         return nullptr;
@@ -52,7 +53,7 @@ const nlmsghdr* receive(int diag_fd, void* room, size_t size) {
     return head;
 }
 
-// The path as /proc/net/unix would list it: bytes that are zero as '@', but for the one that ends a path.
+// Sets the path as /proc/net/unix lists it: NULs become '@', except the one that ends a path.
 void set_path(socket_row* row, const char* name, size_t length) {
     row->has_path = true;
     if (length > 0 && name[0] != '\0') {
@@ -81,7 +82,7 @@ socket_row row_of(const inet_diag_msg& answer, socket_row::table table) {
 
 enum class listing : uint8_t { goes_on, complete, broken };
 
-// Deals with one piece of a list.
+// Adds the sockets of one piece of a list.
 listing take_piece(const char* at, size_t left, socket_row::table table,
                    void (*add)(void*, const socket_row&), void* context) {
     while (left >= NLMSG_HDRLEN) {
@@ -129,8 +130,8 @@ socket_answer socket_diag_refresh_tcp(int diag_fd, socket_row* row) {
     memcpy(request.id.idiag_dst, row->remote, sizeof row->remote);
     request.id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
     request.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
-    alignas(nlmsghdr) char room[answer_room];
-    const nlmsghdr* head = ask(diag_fd, request) ? receive(diag_fd, room, sizeof(inet_diag_msg)) : nullptr;
+    alignas(nlmsghdr) char buffer[answer_size];
+    const nlmsghdr* head = ask(diag_fd, request) ? receive(diag_fd, buffer, sizeof(inet_diag_msg)) : nullptr;
     if (!head) {
         return socket_answer::unknown;
     }
@@ -151,8 +152,8 @@ socket_answer socket_diag_refresh_unix(int diag_fd, socket_row* row) {
     request.udiag_show = UDIAG_SHOW_NAME;
     request.udiag_cookie[0] = ~0U;
     request.udiag_cookie[1] = ~0U;
-    alignas(nlmsghdr) char room[answer_room];
-    const nlmsghdr* head = ask(diag_fd, request) ? receive(diag_fd, room, sizeof(unix_diag_msg)) : nullptr;
+    alignas(nlmsghdr) char buffer[answer_size];
+    const nlmsghdr* head = ask(diag_fd, request) ? receive(diag_fd, buffer, sizeof(unix_diag_msg)) : nullptr;
     if (!head) {
         return socket_answer::unknown;
     }
@@ -191,9 +192,9 @@ bool socket_diag_list_tcp(int diag_fd, socket_row::table table, void (*add)(void
     }
     listing state;
     do {
-        alignas(nlmsghdr) char room[list_room];
-        ssize_t got = receive_some(diag_fd, room, sizeof room);
-        state = got > 0 ? take_piece(room, static_cast<size_t>(got), table, add, context) : listing::broken;
+        alignas(nlmsghdr) char buffer[list_size];
+        ssize_t got = receive_some(diag_fd, buffer, sizeof buffer);
+        state = got > 0 ? take_piece(buffer, static_cast<size_t>(got), table, add, context) : listing::broken;
     } while (state == listing::goes_on);
     return state == listing::complete;
 }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "common/unique_fd.h"
-#include "proc/proc_socket.h"
+#include "proc/socket_cache.h"
 #include "trace/arch.h"
 #include "trace/strace.h"
 

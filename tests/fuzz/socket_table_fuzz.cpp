@@ -6,7 +6,8 @@
 
 #include <string_view>
 
-#include "proc/proc_socket.h"
+#include "proc/socket_table.h"
+#include "proc/socket_text.h"
 
 namespace {
 

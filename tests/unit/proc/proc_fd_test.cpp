@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "proc/proc_socket.h"
+#include "proc/socket_cache.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/temp_dir.h"
