@@ -7,6 +7,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "monitor/monitor.h"
 
 namespace {
@@ -37,6 +39,20 @@ sigset_t hold_interrupt() {
     return before;
 }
 
+// Sleeps until SIGINT, or for the interval. Where ppoll fails for good it waits for the signal itself, so
+// that rounds do not follow each other without a pause.
+void pause_for(const timespec& interval, const sigset_t& while_asleep) {
+    if (ppoll(nullptr, 0, &interval, &while_asleep) == 0 || errno == EINTR) {
+        return;
+    }
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    if (sigtimedwait(&interrupt, nullptr, &interval) == SIGINT) {
+        stop_wanted = 1;
+    }
+}
+
 timespec from_microseconds(unsigned long us) {
     constexpr unsigned long us_per_s = 1000000;
     timespec time = {};
@@ -57,7 +73,7 @@ int mon_watch(const char* root, const char* path, unsigned long interval_us) {
     }
     while (!stop_wanted) {
         monitor_run(m);
-        ppoll(nullptr, 0, &interval, &while_asleep);
+        pause_for(interval, while_asleep);
     }
     fputs("\nCleanup and exit.\n", stderr);
     monitor_destroy(m);

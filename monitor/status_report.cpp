@@ -78,16 +78,15 @@ bool link_unnamed(int file, char* name) {
     return false;
 }
 
-bool write_through(int file, const char* text, size_t length) {
-    return safe_write(file, text, static_cast<unsigned>(length)) == static_cast<ssize_t>(length) &&
-           fsync(file) == 0;
+bool write_whole(int file, const char* text, size_t length) {
+    return safe_write(file, text, static_cast<unsigned>(length)) == static_cast<ssize_t>(length);
 }
 
-// The whole text is on the disk before the file gets its name, so whoever is killed before that leaves
-// nothing behind.
+// The file gets its name when the kernel has the whole text, so a program that is killed before that leaves
+// no file.
 bool stage_unnamed(char* name, const char* text, size_t length) {
     unique_fd file = open_unnamed(name);
-    return file && write_through(file.get(), text, length) && link_unnamed(file.get(), name);
+    return file && write_whole(file.get(), text, length) && link_unnamed(file.get(), name);
 }
 
 void unlink_keeping_errno(const char* name) {
@@ -102,7 +101,7 @@ bool stage_named(char* name, const char* text, size_t length) {
     if (!file) {
         return false;
     }
-    if (!write_through(file.get(), text, length)) {
+    if (!write_whole(file.get(), text, length)) {
         unlink_keeping_errno(name);
         return false;
     }

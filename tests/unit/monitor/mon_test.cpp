@@ -4,18 +4,29 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <string>
 
+#include "proc/proc_list.h"
 #include "tests/unit/monitor/fixture_tree.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/refused_calls.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
 
 constexpr int pid = 7000000;
+
+bool refuse_poll() {
+#ifdef SYS_ppoll_time64
+    return refuse_calls({SYS_ppoll, SYS_ppoll_time64}, ENOMEM);
+#else
+    return refuse_calls({SYS_ppoll}, ENOMEM);
+#endif
+}
 
 // `mon` over a made-up tree, in a child whose standard error goes into memory.
 class mon_child : public testing::Test {
@@ -30,9 +41,12 @@ protected:
             wait_status(child_);
         }
     }
-    void start(unsigned long interval_us) {
+    void start(unsigned long interval_us, bool (*prepare)() = nullptr) {
         child_ = fork_child([&] {
             dup2(said_.get(), STDERR_FILENO);
+            if (prepare && !prepare()) {
+                return 1;
+            }
             return mon_watch(tree_.root(), status_path_.c_str(), interval_us);
         });
     }
@@ -103,6 +117,18 @@ TEST_F(mon_child, sleeps_between_rounds) {
     usleep(50000);
     EXPECT_TRUE(status().starts_with("Debug monitor status round=1\n"));
     EXPECT_TRUE(exited_with(end(SIGINT), 0));
+}
+
+TEST_F(mon_child, pauses_where_poll_fails_and_is_interrupted_there) {
+    if (!exited_with(run_in_child([] { return refuse_poll() ? 0 : 1; }), 0)) {
+        GTEST_SKIP() << "needs filters for system calls";
+    }
+    start(ULONG_MAX, refuse_poll);
+    EXPECT_TRUE(reaches_round("1"));
+    EXPECT_TRUE(eventually([this] { return proc_state(child_) == 'S'; }));
+    ASSERT_TRUE(status().starts_with("Debug monitor status round=1\n"));
+    EXPECT_TRUE(exited_with(end(SIGINT), 0));
+    EXPECT_TRUE(said().ends_with("\nCleanup and exit.\n"));
 }
 
 TEST_F(mon_child, other_signals_end_it_as_ever_and_leave_no_temporary_file) {

@@ -1,15 +1,11 @@
 #include "monitor/monitor.h"
 
 #include <gtest/gtest.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <malloc.h>
 #include <signal.h>
 #include <stddef.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,6 +20,7 @@
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/effort.h"
+#include "tests/unit/support/refused_calls.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
@@ -109,19 +106,6 @@ char state_of(pid_t process) {
     std::string text = content_of(file.get());
     size_t mark = text.rfind(") ");
     return mark == std::string::npos || mark + 2 >= text.size() ? '?' : text[mark + 2];
-}
-
-// Lets every call that changes a scheduling policy fail with EPERM in this process from now on.
-bool forbid_scheduling() {
-    sock_filter program[] = {
-        {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
-        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_sched_setscheduler},
-        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | EPERM},
-        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
-    };
-    const sock_fprog filter = {sizeof program / sizeof program[0], program};
-    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
 }  // namespace
@@ -847,7 +831,7 @@ TEST(monitor_thread, ends_with_the_reason_when_it_may_not_be_idle) {
     int status = 0;
     std::string said = capture_stderr([&] {
         status = run_in_child([] {
-            if (!forbid_scheduling()) {
+            if (!refuse_calls({SYS_sched_setscheduler}, EPERM)) {
                 return 77;
             }
             return monitor_thread_run(nullptr) == nullptr ? 0 : 1;

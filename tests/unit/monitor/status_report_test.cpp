@@ -15,11 +15,13 @@
 #include "tests/unit/monitor/fixture_tree.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/refused_calls.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
 
 constexpr int no_namespace = 77;
+constexpr int no_filters = 78;
 
 // Publishes `text`; 0 or the errno of the failure.
 int publish(const std::string& path, const std::string& text) {
@@ -195,6 +197,21 @@ TEST(status_report, without_a_proc_file_system_it_is_written_under_its_temporary
         }
         return names_in(dir.path()) == names{"status"} ? 0 : 4;
     });
+}
+
+TEST(status_report, waits_for_no_disk) {
+    temp_dir dir;
+    int status = run_in_child([&] {
+        if (!refuse_calls({SYS_fsync, SYS_fdatasync, SYS_sync, SYS_syncfs}, EIO)) {
+            return no_filters;
+        }
+        return publish(dir.path("status"), "at once") == 0 ? 0 : 1;
+    });
+    if (exited_with(status, no_filters)) {
+        GTEST_SKIP() << "needs filters for system calls";
+    }
+    EXPECT_TRUE(exited_with(status, 0));
+    EXPECT_EQ(content(dir.path("status")), "at once");
 }
 
 TEST(status_report, closes_all_that_it_opens) {
