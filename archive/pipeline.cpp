@@ -16,7 +16,9 @@ namespace {
 
 constexpr int no_pid = -1;
 
-[[noreturn]] void run_compressor(int pipe_fd, int out_fd) {
+[[noreturn]] void run_compressor(int pipe_fd, int pipe_write_fd, int out_fd) {
+    // By name, so that the end of the input does not depend on the closing of the others below.
+    close(pipe_write_fd);
     if (out_fd != STDOUT_FILENO) {
         dup2(out_fd, STDOUT_FILENO);
     }
@@ -51,7 +53,7 @@ void stream_compressed(int fd, void (*build)(void*, int, int), void* context) {
         return;
     }
     if (pid == 0) {
-        run_compressor(read_end.get(), fd);
+        run_compressor(read_end.get(), write_end.get(), fd);
     }
     read_end.reset();
     build(context, write_end.get(), pid);

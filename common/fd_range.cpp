@@ -1,11 +1,13 @@
 #include "common/fd_range.h"
 
-#include <dirent.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <climits>
+
+#include "common/unique_fd.h"
 
 namespace {
 
@@ -17,6 +19,38 @@ constexpr long close_range_number =
     -1;
 #endif
 
+// Where the kernel allows a process millions of descriptors, nobody wants to wait for as many closes. New
+// descriptors get the lowest free number, so one above this would be the 65537th.
+constexpr rlim_t highest_count = 65536;
+
+// Closes what /proc/self/fd lists. Returns false when the list could not be read to its end.
+bool close_listed(unsigned first) {
+    const unique_dir dir(opendir("/proc/self/fd"));
+    if (!dir) {
+        return false;
+    }
+    errno = 0;
+    while (const dirent* entry = readdir(dir.get())) {
+        unsigned long fd = strtoul(entry->d_name, nullptr, 10);
+        // The dot entries read as 0, which no caller asks for.
+        if (fd >= first && fd != 0 && fd != static_cast<unsigned long>(dirfd(dir.get()))) {
+            close(static_cast<int>(fd));
+        }
+        errno = 0;
+    }
+    return errno == 0;
+}
+
+// The hard limit: the soft one may have been lowered since a descriptor above it was opened.
+void close_up_to_limit(unsigned first) {
+    rlimit limit = {highest_count, highest_count};
+    (void)getrlimit(RLIMIT_NOFILE, &limit);
+    const unsigned end = static_cast<unsigned>(std::min(limit.rlim_max, highest_count));
+    for (unsigned fd = first; fd < end; fd++) {
+        close(static_cast<int>(fd));
+    }
+}
+
 }  // namespace
 
 void fd_range_close_from(unsigned first) {
@@ -27,16 +61,7 @@ void fd_range_close_from(unsigned first) {
 }
 
 void fd_range_close_listed(unsigned first) {
-    DIR* dir = opendir("/proc/self/fd");
-    if (!dir) {
-        return;
+    if (!close_listed(first)) {
+        close_up_to_limit(first);
     }
-    while (const dirent* entry = readdir(dir)) {
-        unsigned long fd = strtoul(entry->d_name, nullptr, 10);
-        // The dot entries read as 0, which is never asked for.
-        if (fd >= first && fd != 0 && fd != static_cast<unsigned long>(dirfd(dir))) {
-            close(static_cast<int>(fd));
-        }
-    }
-    closedir(dir);
 }

@@ -22,6 +22,7 @@
 #include "tests/unit/archive/archive_fixture.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/failing_calls.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/tar_reader.h"
 
@@ -153,6 +154,31 @@ TEST(stream_compressed, compressor_holds_the_standard_descriptors_only) {
         settled = eventually([pid] { return open_fds_of(pid) == std::set<std::string>{"0", "1", "2"}; });
     });
     EXPECT_TRUE(settled);
+}
+
+TEST(stream_compressed, ends_where_descriptors_can_neither_be_closed_as_a_range_nor_be_listed) {
+    constexpr int no_filters = 77;
+    unique_fd out = memory_file();
+    pid_t child = fork_child([&out] {
+        setpgid(0, 0);  // a compressor that hangs is to end with it
+        if (!take_close_range_away() || !fail_calls({{SYS_openat, ENFILE}})) {
+            return no_filters;
+        }
+        compress_onto(out.get(), [](int fd, int) { put(fd, "built"); });
+        return 0;
+    });
+    int status = 0;
+    bool has_ended = eventually([&] { return waitpid(child, &status, WNOHANG) == child; });
+    if (!has_ended) {
+        kill(-child, SIGKILL);
+        wait_status(child);
+    }
+    ASSERT_TRUE(has_ended);
+    if (exited_with(status, no_filters)) {
+        GTEST_SKIP() << "this kernel filters no system calls";
+    }
+    EXPECT_TRUE(exited_with(status, 0));
+    EXPECT_EQ(gunzip(content_of(out.get())), "built");
 }
 
 TEST(stream_compressed, other_downloads_end_while_it_runs) {
