@@ -1,4 +1,4 @@
-// A moment by which something has to be over.
+// A point in time by which something must be finished.
 #pragma once
 
 #include <stdint.h>
@@ -9,8 +9,7 @@ class deadline {
 public:
     explicit deadline(int ms) : end_ns_(monotonic_ns() + ms * ns_per_ms) {}
 
-    // Milliseconds until then, of which the last counts as a whole one; 0 when it has passed. What poll(2)
-    // takes.
+    // Milliseconds left, rounded up, as poll(2) takes them; 0 after the deadline.
     int left_ms() const {
         int64_t left = end_ns_ - monotonic_ns();
         return left > 0 ? static_cast<int>((left + ns_per_ms - 1) / ns_per_ms) : 0;

@@ -8,7 +8,7 @@
 
 namespace {
 
-// Relocations in the text make pages that are not those of the file.
+// With text relocations, pages in memory differ from those of the file and cannot be dropped.
 bool has_text_relocations(const dl_phdr_info* info) {
     for (int i = 0; i < info->dlpi_phnum; i++) {
         if (info->dlpi_phdr[i].p_type != PT_DYNAMIC) {

@@ -1,7 +1,6 @@
-// Memory that a long job leaves behind.
+// Returns memory to the system after a long job.
 #pragma once
 
-// Gives the system back what this process does not need while it is idle: free heap, and the pages of
-// programs and libraries, which come back from their files when they are run next. Breakpoints that a
-// debugger has set are lost with them.
+// Returns to the system what an idle process does not need: free heap, and the pages of the program and its
+// libraries, which are read from their files again on next use. Breakpoints set by a debugger are lost.
 void give_memory_back();

@@ -1,4 +1,4 @@
-// Owners that close what they own, so that an early return is safe.
+// Owners that release what they hold, so that an early return is safe.
 #pragma once
 
 #include <dirent.h>
@@ -53,6 +53,6 @@ using unique_file = std::unique_ptr<FILE, file_closer>;
 struct malloc_freer {
     void operator()(void* memory) const { free(memory); }
 };
-// Memory from malloc and its relatives; for allocations whose failure has a stated result.
+// Memory from malloc, for allocations whose failure must be handled.
 template <typename T>
 using unique_malloc = std::unique_ptr<T, malloc_freer>;

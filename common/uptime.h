@@ -1,4 +1,4 @@
-// Clocks that do not jump with the wall clock.
+// Clocks that do not follow steps of the wall clock.
 #pragma once
 
 #include <stdint.h>
@@ -6,5 +6,5 @@
 // Whole seconds since boot.
 uint32_t ptime();
 
-// Nanoseconds since some moment that stays the same while the machine runs.
+// Nanoseconds since a fixed moment (CLOCK_MONOTONIC).
 int64_t monotonic_ns();

@@ -9,7 +9,7 @@ int32_t set_service_watchdogs(int enable) {
     printf("Set service watchdogs state: %s\n", state);
     fflush(stdout);
     hollisk_error* error = nullptr;
-    // Only the error record tells whether it worked.
+    // Only the error record says whether the call succeeded.
     (void)hollisk_set_service_watchdogs(enable, &error);
     if (!error) {
         return 1;

@@ -1,20 +1,20 @@
-// The switch of the platform's service watchdogs, as libhollisk.so.7 offers it.
+// The platform library libhollisk.so.7: switches the service watchdogs.
 #pragma once
 
 #include <stdint.h>
 
 extern "C" {
 
-// What the library says about a failure. It belongs to the library's caller, who does not have to free it.
+// A failure as the library reports it. The caller need not free it.
 struct hollisk_error {
     uint32_t domain;
     uint32_t code;
     const char* message;
 };
 
-// Switches the watchdogs of all services on (`state` 1) or off (0). `*error`, null before the call, stays
-// null on success and points to a record on failure; the result says nothing.
+// Switches the watchdogs of all services on (`state` 1) or off (0). `*error` must be null before the call. It
+// stays null on success and points to a record on failure. The return value means nothing.
 //
-// The stand-in succeeds. With HOLLISK_FAIL_COUNT=N in the environment its first N calls fail.
+// The stand-in succeeds, except that its first N calls fail if HOLLISK_FAIL_COUNT=N is in the environment.
 int hollisk_set_service_watchdogs(int state, struct hollisk_error** error);
 }

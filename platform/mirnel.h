@@ -1,25 +1,25 @@
-// Reading of the device's configuration files, as the platform's libmirnel.so offers it.
+// The platform library libmirnel.so: reads the device's configuration files.
 //
-// A file has "[section]" lines, "key = value" lines and comments that begin with '#' or ';'. Blanks round
-// section, key and value do not count; a value may stand in single or double quotes.
+// A file has "[section]" lines, "key = value" lines and comments that begin with '#' or ';'. Blanks around
+// section, key and value are ignored; a value may be in single or double quotes.
 #pragma once
 
 extern "C" {
 
 struct mirnel_cfg;
 
-// Texts are borrowed until the next mirnel_getcfg or mirnel_closecfg on the same file.
+// The strings are valid until the next mirnel_getcfg or mirnel_closecfg on the same file.
 struct mirnel_entry {
     const char* section;  // "" before the first section line
     const char* key;
     const char* value;
 };
 
-// Returns the opened file (the caller closes it with mirnel_closecfg), or null with errno set.
+// Opens a file, which the caller closes with mirnel_closecfg. Null with errno set on failure.
 struct mirnel_cfg* mirnel_opencfg(const char* path);
 
-// The next "key = value" in file order: 1 with `*entry` filled, or 0 at the end. Lines that make no sense
-// are passed over.
+// Reads the next "key = value" in file order. Returns 1 with `*entry` filled, or 0 at the end. Malformed
+// lines are skipped.
 int mirnel_getcfg(struct mirnel_cfg* cfg, struct mirnel_entry* entry);
 
 // Closes the file; null is allowed.

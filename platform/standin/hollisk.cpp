@@ -1,4 +1,4 @@
-// Stand-in for the switch of the service watchdogs: there are none to switch, so it succeeds, unless the
+// Stand-in for the switch of the service watchdogs. There are no watchdogs, so it succeeds unless the
 // environment asks for failures.
 #include <stdlib.h>
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-// What every failure points to. Nobody writes it, so threads may share it.
+// The record of every failure. It is never written, so threads may share it.
 hollisk_error refusal = {1, 1, "service supervision refuses on request of HOLLISK_FAIL_COUNT"};
 
 std::atomic<uint32_t> calls_so_far{0};
@@ -31,6 +31,6 @@ int hollisk_set_service_watchdogs(int /*state*/, hollisk_error** error) {
     if (fails_on_request(calls_before) && error != nullptr) {
         *error = &refusal;
     }
-    // The same result for both, on purpose: a caller that judges by it is found out here.
+    // Deliberately the same for success and failure, so that tests catch a caller that relies on it.
     return 0;
 }

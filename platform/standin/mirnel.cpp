@@ -18,7 +18,7 @@ struct mirnel_cfg {
 
 namespace {
 
-// Cuts blanks off both ends in place. The end of a line counts as blank, whichever system wrote it.
+// Trims blanks at both ends in place. CR and LF count as blanks.
 char* trim(char* text) {
     constexpr const char* blanks = " \t\r\n\v\f";
     text += strspn(text, blanks);
@@ -40,7 +40,7 @@ char* unquote(char* text) {
     return text + 1;
 }
 
-// Takes the name out of "[name]", whatever follows. False when there is no memory for it.
+// Copies the name out of "[name]" and ignores the rest of the line. False if memory runs out.
 bool enter_section(mirnel_cfg* cfg, char* text) {
     char* end = strchr(text, ']');
     if (end == nullptr) {
@@ -70,7 +70,7 @@ bool take_pair(const mirnel_cfg* cfg, char* text, mirnel_entry* entry) {
     return true;
 }
 
-// A name that can be opened but not read as text fails here, where the caller can still see why.
+// A path that can be opened but not read (a directory) fails here, where the caller still gets the errno.
 bool is_readable_as_text(FILE* file) {
     struct stat info;
     bool known = fstat(fileno(file), &info) == 0;
@@ -100,7 +100,7 @@ mirnel_cfg* mirnel_opencfg(const char* path) {
 }
 
 int mirnel_getcfg(mirnel_cfg* cfg, mirnel_entry* entry) {
-    // A NUL ends its line: what follows it could not be told to a C caller.
+    // A NUL ends its line: a C caller could not see the text after it.
     while (getline(&cfg->line, &cfg->line_size, cfg->file) >= 0) {
         char* text = trim(cfg->line);
         if (*text == '#' || *text == ';') {
@@ -108,7 +108,7 @@ int mirnel_getcfg(mirnel_cfg* cfg, mirnel_entry* entry) {
         }
         if (*text == '[') {
             if (!enter_section(cfg, text)) {
-                return 0;  // going on would report keys under the wrong section
+                return 0;  // the following keys would be reported in the wrong section
             }
             continue;
         }

@@ -17,14 +17,14 @@
 
 namespace {
 
-constexpr int64_t recv_limit_ms = 2000;   // the daemon has one listener; nobody may hold it for longer
-constexpr int64_t send_limit_ms = 10000;  // a web front must not pile up behind a daemon that is stuck
+constexpr int64_t recv_limit_ms = 2000;   // the daemon has one listener, which no peer may hold for longer
+constexpr int64_t send_limit_ms = 10000;  // requests of a web front must not pile up before a stuck daemon
 constexpr int backlog = 128;
 
-// The kernel passes no more than this in one message (SCM_MAX_FD), so with room for that many none is lost.
+// The kernel's limit of descriptors in one message (SCM_MAX_FD), so none can be lost.
 constexpr size_t most_descriptors = 253;
 
-// Closes what it holds at the end of its life; -1 holds nothing; errno survives.
+// Closes its descriptor when destroyed; -1 owns nothing; keeps errno.
 class owned_fd {
 public:
     owned_fd() = default;
@@ -65,8 +65,8 @@ int64_t now_ms() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Waits until `fd` has one of `events` (or an error or end to report) or the clock reads `end_ms`. False with
-// errno set, ETIMEDOUT when the time is up.
+// Waits until `fd` has one of `events`, an error or a hangup, or until the clock reads `end_ms`. False with
+// errno set on failure; ETIMEDOUT after `end_ms`.
 bool wait_until(int fd, short events, int64_t end_ms) {
     for (;;) {
         int64_t left = end_ms - now_ms();
@@ -85,11 +85,11 @@ bool wait_until(int fd, short events, int64_t end_ms) {
     }
 }
 
-// False with errno set when `path` can't be the name of a socket.
+// False with errno set if `path` cannot be a socket's name.
 bool fill_address(sockaddr_un* address, const char* path) {
     size_t length = strlen(path);
     if (length == 0 || length >= sizeof(address->sun_path)) {
-        // An empty name would silently become one outside the file system.
+        // An empty name would become an abstract address, outside the file system.
         errno = length == 0 ? ENOENT : ENAMETOOLONG;
         return false;
     }
@@ -103,8 +103,8 @@ const sockaddr* generic(const sockaddr_un* address) {
     return reinterpret_cast<const sockaddr*>(address);
 }
 
-// The next connection, which never blocks; -1 with errno set when there is none in time. `sock` never blocks
-// either: whoever made it readable may have gone before the accept.
+// Accepts the next connection, as a non-blocking socket; -1 with errno set if none comes in time. `sock` is
+// made non-blocking too: the peer that made it readable may be gone before the accept.
 int accept_until(int sock, int64_t end_ms) {
     for (;;) {
         if (!wait_until(sock, POLLIN, end_ms)) {
@@ -117,12 +117,12 @@ int accept_until(int sock, int64_t end_ms) {
     }
 }
 
-// What one read brought.
+// The result of one read.
 struct arrival {
     ssize_t bytes = -1;      // 0 at the end of input, -1 with errno set
-    size_t descriptors = 0;  // how many came along
+    size_t descriptors = 0;  // number of descriptors received
     owned_fd first;          // the first of them; the others are closed at once
-    bool cut = false;        // some that came along could not be delivered
+    bool cut = false;        // the kernel dropped some of them
 };
 
 void take_descriptors(msghdr* message, arrival* into) {
@@ -160,8 +160,8 @@ void receive_until(int conn, char* buf, size_t len, int64_t end_ms, arrival* int
     } while (errno == EINTR || (errno == EAGAIN && wait_until(conn, POLLIN, end_ms)));
 }
 
-// Reads up to `len` bytes that come without descriptors. Returns how many came before the end of input, or -1
-// with errno set.
+// Reads up to `len` bytes that carry no descriptors. Returns how many came before end of file, or -1 with
+// errno set.
 int receive_rest(int conn, char* buf, int len, int64_t end_ms) {
     int have = 0;
     while (have < len) {
@@ -181,8 +181,8 @@ int receive_rest(int conn, char* buf, int len, int64_t end_ms) {
     return have;
 }
 
-// Connects, waiting for room in the daemon's queue. That wait can't be polled for, but the send time-out
-// covers it.
+// Connects, and waits while the daemon's queue is full. poll cannot wait for that, but the send timeout
+// applies to it.
 bool connect_until(int sock, const sockaddr_un* address, int64_t end_ms) {
     for (;;) {
         int64_t left = end_ms - now_ms();
@@ -205,8 +205,8 @@ bool connect_until(int sock, const sockaddr_un* address, int64_t end_ms) {
     }
 }
 
-// Sends what fits of `len` bytes, with `fd` on the first of them unless it is -1. Returns the number of bytes
-// sent, or -1 with errno set.
+// Sends as much of `len` bytes as fits, with `fd` on the first byte unless it is -1. Returns the number of
+// bytes sent, or -1 with errno set.
 ssize_t send_some(int sock, const char* buf, size_t len, int fd) {
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
     iovec bytes = {const_cast<char*>(buf), len};
@@ -238,7 +238,7 @@ bool send_until(int sock, const char* buf, size_t len, int fd, int64_t end_ms) {
     return true;
 }
 
-// Gives the bound file its mode before anyone can connect. Unlike bind, chmod does not heed the umask.
+// Sets the mode of the bound file before anyone can connect. Unlike bind, chmod ignores the umask.
 bool open_for_business(int sock, const char* path, int mode) {
     if (chmod(path, static_cast<mode_t>(mode)) == 0 && listen(sock, backlog) == 0) {
         return true;
@@ -274,8 +274,7 @@ int qorlink_recv(int sock, void* buf, int len, int* fd) {
     if (conn.get() < 0) {
         return -1;
     }
-    // The first byte is read alone: a longer read would also bring descriptors that were sent with later
-    // ones.
+    // Read the first byte alone: a longer read could also receive descriptors sent with later bytes.
     auto* bytes = static_cast<char*>(buf);
     arrival head;
     receive_until(conn.get(), bytes, 1, end_ms, &head);
@@ -301,7 +300,8 @@ int qorlink_send(const char* path, const void* buf, int len, int fd) {
     if (len < 1) {
         return fail(EINVAL);
     }
-    // Looked at before there is a socket, which would get a closed descriptor's number and be sent itself.
+    // Check `fd` before opening a socket: if `fd` is closed, the socket would get its number and be sent
+    // itself.
     if (fcntl(fd, F_GETFD) < 0) {
         return -1;
     }
@@ -312,6 +312,6 @@ int qorlink_send(const char* path, const void* buf, int len, int fd) {
         return -1;
     }
     (void)shutdown(sock.get(),
-                   SHUT_WR);  // all bytes are on their way; if this fails, the close says the same
+                   SHUT_WR);  // all bytes are sent; if this fails, the close has the same effect
     return 0;
 }

@@ -1,5 +1,5 @@
-// Stand-in for the parser of CGI queries. The copy of the query is split and decoded in place; decoding never
-// makes a text longer.
+// Stand-in for the parser of CGI queries. It splits and decodes a copy of the query in place, since decoding
+// never makes a text longer.
 #include <stdlib.h>
 #include <string.h>
 
@@ -15,7 +15,7 @@ struct pair {
 };
 
 struct parsed_query {
-    char* text = nullptr;   // what the pairs point into
+    char* text = nullptr;   // the buffer that the pairs point into
     pair* pairs = nullptr;  // in the order of the query
     size_t count = 0;
     bool saved = false;
@@ -31,8 +31,8 @@ int hex_digit(char c) {
     return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
 }
 
-// Decodes the text from `text` to its terminator in place and returns the new length. Behind a decoded NUL
-// more text may follow, which C callers don't see.
+// Decodes a string in place and returns its new length. Text after a decoded NUL is kept, but C callers do
+// not see it.
 size_t decode(char* text) {
     char* out = text;
     for (const char* in = text; *in != '\0'; in++) {
@@ -65,7 +65,7 @@ void add_pair(parsed_query* query, char* text) {
     }
     size_t name_length = decode(text);
     if (strlen(text) != name_length) {
-        return;  // a NUL in a name: no C string is equal to it
+        return;  // a name with a NUL in it equals no C string
     }
     query->pairs[query->count++] = {text, value != nullptr ? value : ""};
 }
@@ -83,12 +83,13 @@ void parse(parsed_query* query) {
 }  // namespace
 
 void CGI_set_query(const char* query) {
-    char* text = strdup(query != nullptr ? query : "");  // before the release: it may be one of our values
+    char* text =
+        strdup(query != nullptr ? query : "");  // before the release: `query` may be one of our values
     CGI_cleanup();
     pair* pairs =
         text != nullptr ? static_cast<pair*>(calloc(count_separators(text) + 1, sizeof(pair))) : nullptr;
     if (pairs == nullptr) {
-        free(text);  // out of memory reads as a query without values
+        free(text);  // without memory, the query has no values
         return;
     }
     current.text = text;
