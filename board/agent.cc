@@ -1,19 +1,19 @@
-// The board's side of board.py: takes requests from a virtio serial port, one after the other, and answers
-// each. The port carries nothing else, so that what passes through it is 8-bit clean and shows in no capture.
+// The board's side of board.py: takes requests from a virtio serial port, one at a time, and answers each.
+// The port carries nothing else, is 8-bit clean, and does not appear in packet captures.
 //
-//     board-agent DEVICE     serve until the other side goes away, then switch the board off
+//     board-agent DEVICE     serve until the other side closes the port, then switch the board off
 //     board-agent clock      print the board's clock as seconds since 1970 (64 bits, unlike busybox's date)
 //
-// Both directions carry frames: a 32-bit kind, a 32-bit length, then that many bytes. All numbers are little
-// endian, which is the board's own order.
+// Both directions carry frames: a 32-bit kind, a 32-bit length, then that many bytes. All numbers are
+// little-endian, like the board.
 //
 //     to the board    run    u32 limit in ms, command for sh -c
 //                     put    u32 mode, u32 length of the path, path, bytes of the file
 //                     clock  i64 seconds since 1970
-//     from the board  ready  nothing; sent once
+//     from the board  ready  empty; sent once
 //                     out    bytes from the command's standard output
 //                     err    bytes from the command's standard error
-//                     done   u32 what happened (finish), u32 exit status, signal number or errno
+//                     done   u32 result (finish), u32 exit status, signal number or errno
 
 #include <fcntl.h>
 #include <poll.h>
@@ -37,9 +37,9 @@ enum request : uint32_t { request_run = 1, request_put = 2, request_clock = 3 };
 enum answer : uint32_t { answer_ready = 1, answer_out = 2, answer_err = 3, answer_done = 4 };
 enum finish : uint32_t { finish_exited = 0, finish_signalled = 1, finish_out_of_time = 2, finish_failed = 3 };
 
-constexpr int port_wait_ms = 10000;          // a port appears within moments of its driver
-constexpr size_t pipe_room = 65536;          // what a pipe holds
-constexpr uint32_t command_limit = 1 << 20;  // longest command, path and so on that is taken
+constexpr int port_wait_ms = 10000;          // the port appears soon after its driver
+constexpr size_t pipe_room = 65536;          // capacity of a pipe
+constexpr uint32_t command_limit = 1 << 20;  // longest command or path accepted
 
 struct frame {
     uint32_t kind;
@@ -48,7 +48,7 @@ struct frame {
 
 int port = -1;
 
-// The other side has gone, or speaks something else: nobody is left to serve.
+// The other side is gone or sends garbage: ends the agent.
 [[noreturn]] void switch_off() {
     sync();
     (void)reboot(RB_POWER_OFF);
@@ -114,8 +114,8 @@ int64_t now_ms() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Passes on what is there now, as far as a full pipe goes: who writes without end must not keep the limit from
-// being looked at. False at the end of the pipe.
+// Forwards at most one full pipe of output: a command that writes without end must not keep the time limit
+// from being checked. False at the end of the pipe.
 bool pass_on(int pipe, uint32_t kind) {
     static char bytes[16384];
     for (size_t passed = 0; passed < pipe_room; passed += sizeof bytes) {
@@ -132,7 +132,7 @@ bool pass_on(int pipe, uint32_t kind) {
 }
 
 [[noreturn]] void become(const char* command, int out, int err) {
-    setsid();  // so that the time limit reaches everything that the command started
+    setsid();  // so that the time limit applies to everything that the command started
     const int in = open("/dev/null", O_RDONLY);
     dup2(in, 0);
     dup2(out, 1);
@@ -172,8 +172,7 @@ int start(const char* command, child& started) {
     return 0;
 }
 
-// Passes output on until the command has ended; what it left in the background does not count. True when the
-// limit came first.
+// Forwards output until the command has ended, background processes aside. True if the limit came first.
 bool follow(child& running, int64_t limit_ms) {
     const int64_t end = now_ms() + limit_ms;
     pollfd watched[3] = {{running.watch, POLLIN, 0}, {running.out, POLLIN, 0}, {running.err, POLLIN, 0}};
@@ -231,12 +230,12 @@ void serve_run(uint32_t length) {
 void make_parents(char* path) {
     for (char* slash = strchr(path + 1, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
         *slash = '\0';
-        (void)mkdir(path, 0755);  // it may be there already; open tells what matters
+        (void)mkdir(path, 0755);  // may exist already; open reports real failures
         *slash = '/';
     }
 }
 
-// 0, or an errno. All bytes are taken from the port in every case, so that the next frame is found.
+// 0, or an errno. Reads all bytes from the port in every case, to stay in step with the frames.
 int put_bytes(int file, uint32_t length) {
     static char bytes[65536];
     int error = file < 0 ? errno : 0;
@@ -263,7 +262,7 @@ void serve_put(uint32_t length) {
     make_parents(path);
     const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     int error = put_bytes(file, length - 8 - path_length);
-    // Files of /proc and /sys are written like any other but keep their own mode.
+    // Files in /proc and /sys are written like any other, but keep their mode.
     if (file >= 0 && strncmp(path, "/proc/", 6) != 0 && strncmp(path, "/sys/", 5) != 0) {
         (void)fchmod(file, mode);
     }

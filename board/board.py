@@ -6,8 +6,8 @@
         assert (done.status, done.out) == (0, b"hello")
         urllib.request.urlopen(f"http://127.0.0.1:{board.http_port}/")
 
-One Board is one machine, from start() to stop(). It leaves nothing behind: it lives in memory and in pipes,
-and the emulator dies with the thread that started it.
+One Board is one machine, from start() to stop(). It leaves nothing behind: its disk is in memory, and the
+emulator dies with the thread that started it.
 """
 
 import contextlib
@@ -24,16 +24,16 @@ import image
 from console import Console
 from line import (ANSWER_ERR, ANSWER_OUT, FINISH_EXITED, FINISH_FAILED, FINISH_OUT_OF_TIME, FINISH_SIGNALLED,
                   REQUEST_CLOCK, REQUEST_PUT, REQUEST_RUN, Line, LineLost)
-from places import BUILD, KERNEL, SYSROOT, CannotBeHad
+from places import BUILD, KERNEL, SYSROOT, Unavailable
 from prepare import kernel_release
 
 EMULATOR = "qemu-system-mipsel"
-# A card that does not send in the middle of receiving, as pcnet does: the emulator's network, entered a second
-# time that way, lets go of connections that it is looking at, and crashes under a few hundred of them.
+# pcnet sends from within its receive handler. That re-enters the emulator's network code, which then frees
+# connections in use and crashes with a few hundred of them. e1000 does not.
 CARD = "e1000"
-BOOT_LIMIT = 120  # seconds; five are usual when the machine has nothing else to do
+BOOT_LIMIT = 120  # seconds; about five on an idle machine
 COMMAND_LIMIT = 120
-GRACE = 15  # what the board gets beyond a command's limit to say that the limit was reached
+GRACE = 15  # seconds after a command's limit for the board to report that the limit was reached
 
 
 class BoardError(Exception):
@@ -41,7 +41,7 @@ class BoardError(Exception):
 
 
 class OutOfTime(Exception):
-    """A command reached its limit and was killed with its session. out, err: what it wrote till then."""
+    """A command reached its limit and was killed with its session. out, err: its output so far."""
 
     def __init__(self, command, limit, out, err):
         super().__init__(f"killed after {limit:g} s: {command}")
@@ -51,7 +51,7 @@ class OutOfTime(Exception):
 
 @dataclasses.dataclass(frozen=True)
 class Done:
-    """A finished command. status: its exit status, or 128 and the number that its signal has on the board."""
+    """A finished command. status: its exit status, or 128 plus the board's number of the signal that ended it."""
 
     status: int
     out: bytes
@@ -59,11 +59,11 @@ class Done:
 
 
 def missing(build=None, program="zarvo"):
-    """Why no board can be booted here, or with a build, none that has the program; None when it can."""
+    """Why the board cannot be booted here, or why `build` lacks `program`. None if all is there."""
     if not shutil.which(EMULATOR):
         return f"{EMULATOR} is missing (Debian package qemu-system-mips)"
     if not (BUILD / "unpacked.json").exists() or not SYSROOT.is_dir() or not KERNEL.is_dir():
-        return f"the board's kernel and libraries are not in build/board (board/fetch gets them)"
+        return "the board's kernel and libraries are not in build/board (run board/fetch)"
     if build and not (build / "bin" / program).exists():
         return f"there is no {program} in {build.parent.name}/{build.name}/bin (cmake --build --preset mipsel)"
     return None
@@ -76,14 +76,14 @@ def free_port():
 
 
 class Board:
-    """See the module's text.
+    """One emulated machine; see the module's description.
 
-    build         folder whose bin and lib are /usr/bin and /usr/lib of the board; None: no build
-    http          port of 127.0.0.1 that leads to the board's port 80; True: a free one; False: none
-    second_net    a second emulated network card: eth1, 10.0.3.15
-    libcurl       libcurl.so.4 and all that it needs are on the board, too
-    interactive   the console is this process' terminal, with a shell; see wait()
-    log           file for what the console prints; None: kept after a failure only, in build/board/logs
+    build         folder whose bin and lib become the board's /usr/bin and /usr/lib; None: no build
+    http          port of 127.0.0.1 that is forwarded to the board's port 80; True: a free one; False: none
+    second_net    add a second network card: eth1, 10.0.3.15
+    libcurl       add libcurl.so.4 and its dependencies
+    interactive   the console is this process's terminal, with a shell; see wait()
+    log           file for the console's output; None: written to build/board/logs, only after a failure
     """
 
     def __init__(self, build=None, *, http=False, second_net=False, libcurl=False, interactive=False,
@@ -107,13 +107,13 @@ class Board:
     def __exit__(self, *_):
         self.stop()
 
-    # Its life.
+    # Start and stop.
 
     def start(self):
-        """Boots; returns when commands can be run."""
+        """Boots. Returns when the board accepts commands."""
         reason = missing()
         if reason:
-            raise CannotBeHad(reason)
+            raise Unavailable(reason)
         began = time.monotonic()
         try:
             self._switch_on()
@@ -138,11 +138,11 @@ class Board:
         self.emulator = self.line = self.console = None
 
     def wait(self):
-        """Waits until the interactive shell has been left."""
+        """Waits until the user leaves the interactive shell."""
         self.emulator.wait()
 
     def pid(self):
-        """The emulator's process."""
+        """The emulator's process id."""
         return self.emulator.pid
 
     def _switch_on(self):
@@ -170,13 +170,13 @@ class Board:
     def _command_line(self, files, line, console):
         forward = f",hostfwd=tcp:127.0.0.1:{self.http_port}-:80" if self.http_port else ""
         words = [
-            "setpriv", "--pdeathsig", "KILL", "--",  # the emulator ends with us, whatever ends us
+            "setpriv", "--pdeathsig", "KILL", "--",  # the emulator ends with us, however we end
             EMULATOR, "-machine", "malta", "-cpu", "24Kc", "-m", "256",
             "-nodefaults", "-display", "none", "-no-reboot",
             "-kernel", str(KERNEL / f"boot/vmlinuz-{kernel_release()}"),
             "-initrd", f"/proc/self/fd/{files}",
-            # The emulator loses a timer's interrupt, and time stands still, when the timer is over while it is being
-            # set. A tick at a fixed rate leaves it milliseconds; a sleep of microseconds would not.
+            # The emulator loses a timer's interrupt if the timer expires while it is being set, and the board's clock
+            # then stops. With a fixed tick, timers are milliseconds away when they are set.
             "-append", "console=ttyS0 panic=-1 highres=off nohz=off" + (" quiet board.shell" if self.interactive else ""),
             "-nic", f"user,model={CARD},restrict=on,ipv6=off{forward}",
             "-device", "virtio-serial-pci",
@@ -192,7 +192,7 @@ class Board:
 
     @contextlib.contextmanager
     def _failing(self, doing):
-        """Makes a lost line a BoardError with all that is known about its cause."""
+        """Turns a LineLost into a BoardError that says all that is known about the cause."""
         try:
             yield
         except LineLost as lost:
@@ -202,9 +202,9 @@ class Board:
             raise BoardError(text) from lost
 
     def _last_words(self):
-        """What the emulator complained about, when it has ended."""
+        """The emulator's error messages, if it has ended."""
         try:
-            self.emulator.wait(1)  # it closes the line a moment before it is gone
+            self.emulator.wait(1)  # it closes the line a moment before it exits
         except subprocess.TimeoutExpired:
             return ""
         self.console.finish()
@@ -220,13 +220,13 @@ class Board:
         if what != FINISH_EXITED:
             raise OSError(detail, f"{os.strerror(detail)} ({doing} on the board)")
 
-    # What tests use.
+    # Commands and files.
 
     def run(self, command, timeout=COMMAND_LIMIT, *, out=None, err=None):
         """Runs `command` with sh as root in /. Raises OutOfTime after `timeout` seconds.
 
-        Output comes back in Done, and at once to the functions `out` and `err` when they are given. The
-        command is over when its shell is; what it left in the background goes on, but must write elsewhere.
+        Done holds the output. The functions `out` and `err`, if given, get it as it comes. The command ends when
+        its shell ends; background processes go on, but must write elsewhere.
         """
         kept = {ANSWER_OUT: bytearray(), ANSWER_ERR: bytearray()}
         live = {ANSWER_OUT: out, ANSWER_ERR: err}
@@ -246,16 +246,16 @@ class Board:
         return Done(detail + (128 if what == FINISH_SIGNALLED else 0), *both)
 
     def check(self, command, timeout=COMMAND_LIMIT):
-        """Standard output of a command that has to succeed."""
+        """Runs a command that must succeed. Returns its standard output."""
         done = self.run(command, timeout)
         if done.status != 0:
             raise subprocess.CalledProcessError(done.status, command, done.out, done.err)
         return done.out
 
     def put(self, local, remote, mode=None):
-        """Puts a file of this machine (a path) or bytes at the path `remote`; folders on the way are made.
+        """Writes a local file (a path) or bytes to the path `remote`, and makes missing folders.
 
-        mode: of the new file; without it the local file's, 0644 for bytes.
+        mode: of the new file; by default the local file's, and 0644 for bytes.
         """
         if isinstance(local, (bytes, bytearray)):
             content, usual_mode = bytes(local), 0o644
@@ -266,15 +266,15 @@ class Board:
         self._ask_and_check(REQUEST_PUT, head + path + content, f"writing {remote}")
 
     def get(self, remote):
-        """The bytes of a file of the board."""
+        """The content of a file on the board."""
         return self.check(f"cat -- '{remote}'")
 
     def load_module(self, name, parameters=""):
-        """Loads a module of the board's kernel after those that it needs."""
+        """Loads a kernel module after the modules it needs."""
         home = f"lib/modules/{kernel_release()}"
         *needed, own = image.modules_needed([name])
         if parameters and self._is_loaded(own):
-            raise ValueError(f"module {name} is loaded already, so that it can't take {parameters}")
+            raise ValueError(f"module {name} is already loaded and cannot take {parameters}")
         for file in [*needed, own]:
             if self._is_loaded(file):
                 continue
@@ -287,11 +287,11 @@ class Board:
         return any(entry.split()[0] == image.module_name(file) for entry in lines)
 
     def add_ram_flash(self, total_kib=4096, erase_kib=128):
-        """A flash device in memory, without bad blocks. Returns its /dev/mtdN."""
+        """Adds a flash device in memory, without bad blocks. Returns its /dev/mtdN."""
         return self._new_flash("mtdram", f"total_size={total_kib} erase_size={erase_kib}")
 
     def add_nand(self, bad_blocks=()):
-        """A NAND flash: 16 MiB in blocks of 16 KiB, of which those listed are bad. Returns its /dev/mtdN."""
+        """Adds a NAND flash of 16 MiB in blocks of 16 KiB; the blocks listed are bad. Returns its /dev/mtdN."""
         bad = f" badblocks={','.join(str(block) for block in bad_blocks)}" if bad_blocks else ""
         return self._new_flash("nandsim", f"first_id_byte=0x20 second_id_byte=0x33{bad}")
 
@@ -300,11 +300,11 @@ class Board:
         self.load_module(module, parameters)
         fresh = [name for name in self.flash_devices() if name not in before]
         if len(fresh) != 1:
-            raise BoardError(f"{module} should have made one flash device, not {len(fresh)}")
+            raise BoardError(f"{module} made {len(fresh)} flash devices instead of one")
         return f"/dev/{fresh[0]}"
 
     def flash_devices(self):
-        """mtd0, mtd1 and so on, as /proc/mtd lists them."""
+        """The names in /proc/mtd: mtd0, mtd1 and so on."""
         lines = self.check("cat /proc/mtd").decode().splitlines()[1:]
         return [entry.split(":")[0] for entry in lines]
 
@@ -312,9 +312,9 @@ class Board:
         self.put(pattern.encode() + b"\n", "/proc/sys/kernel/core_pattern")
 
     def set_clock(self, seconds):
-        """Seconds since 1970. Beyond 2038 busybox's date, ls and `test -e` fail; clock() tells the time."""
+        """Sets the clock to seconds since 1970. After 2038 busybox's date, ls and `test -e` fail; use clock()."""
         self._ask_and_check(REQUEST_CLOCK, struct.pack("<q", seconds), "setting the clock")
 
     def clock(self):
-        # By its path: beyond 2038 the shell can't look up what has been used since.
+        # By its path: after 2038 the shell's lookup in PATH fails for files used since.
         return int(self.check("/sbin/board-agent clock"))

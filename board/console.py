@@ -1,4 +1,4 @@
-"""What the board's first serial line prints."""
+"""Collects the output of the board's first serial line."""
 
 import tempfile
 import threading
@@ -6,12 +6,12 @@ import time
 
 from places import BUILD
 
-KEPT = 4 << 20  # bytes; the last ones
-TAIL = 2000  # bytes that go into a failure's text
+KEPT = 4 << 20  # last bytes kept in memory
+TAIL = 2000  # bytes quoted in an error's text
 
 
 class Console:
-    """Collects all that comes from the socket `line`, in memory and in the file `log` when there is one."""
+    """Collects what the socket `line` receives, in memory and in the file `log`, if given."""
 
     def __init__(self, line, log):
         self.line = line
@@ -34,7 +34,7 @@ class Console:
             return b""
 
     def finish(self):
-        """Waits for the last words of an emulator that has ended."""
+        """Waits for the last output of an emulator that has ended."""
         self.thread.join(5)
 
     def close(self):
@@ -44,11 +44,11 @@ class Console:
             self.file.close()
 
     def tail(self):
-        """The last of what was printed so far."""
+        """The last output so far."""
         return bytes(self.text[-TAIL:]).decode(errors="replace").replace("\r", "")
 
     def keep(self):
-        """The path of a file with what was printed so far."""
+        """The path of a file with the output so far."""
         if self.file:
             return self.file.name
         logs = BUILD / "logs"

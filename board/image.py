@@ -1,7 +1,7 @@
-"""The board's file system: cpio archives, concatenated, which the kernel unpacks into memory at boot.
+"""Makes the board's file system: concatenated cpio archives, which the kernel unpacks into memory at boot.
 
-The base (busybox, C library, the modules that boot needs, the agent) is made once; the programs of the build,
-which change from boot to boot, go into a second archive.
+The base (busybox, C library, kernel modules, the agent) is made once and kept. The programs of the build change
+from boot to boot and go into a second archive.
 """
 
 import hashlib
@@ -12,7 +12,7 @@ import subprocess
 import tempfile
 from pathlib import Path
 
-from places import BUILD, KERNEL, SOURCES, SYSROOT, CannotBeHad, locked
+from places import BUILD, KERNEL, SOURCES, SYSROOT, Unavailable, locked
 from prepare import find_tool, kernel_release
 
 CROSS_PREFIX = os.environ.get("ZARVO_CROSS_PREFIX", "mipsel-linux-gnu-")
@@ -23,17 +23,17 @@ AGENT_FLAGS = """-std=c++20 -Os -s -Wall -Wextra -Werror -fno-exceptions -fno-rt
 FOLDERS = """bin dev dev/part etc lib lib/mipsel-linux-gnu lib/modules mnt proc root run sbin sys tmp
              usr usr/bin usr/lib usr/lib/mipsel-linux-gnu usr/sbin usr/share var var/log var/tmp""".split()
 
-# modprobe on the board knows these, and what they need; Board.load_module brings any other.
+# Modules on the board from the start, with their dependencies. Board.load_module adds any other.
 MODULES = ["virtio_pci", "virtio_console", "e1000", "mtdram", "nandsim", "mtdoops", "loop", "veth", "dummy"]
 
-# Of the sysroot's shared libraries: what programs of the build and their tests need. The rest serves libcurl.
+# The shared libraries that programs of the build and their tests need. The sysroot's others are for libcurl.
 BASE_LIBRARIES = re.compile(r"(ld|libc|libm|libdl|librt|libpthread|libutil|libresolv|libanl|libnss_\w+"
                             r"|libgcc_s|libstdc\+\+|libatomic|libz)\.so\.[\d.]+")
 SHARED_LIBRARY = re.compile(r"[\w.+-]+\.so\.[\d.]+|lib[\w-]+-[\d.]+\.so")
 
 
 class Cpio:
-    """Writes an archive of the format that the kernel calls newc."""
+    """Writes a cpio archive in the newc format."""
 
     def __init__(self, file):
         self.file = file
@@ -56,14 +56,14 @@ class Cpio:
         self.entry(name, stat.S_IFREG | mode, content)
 
     def copy(self, name, path):
-        """A file or link of this machine; its owner becomes root."""
+        """Adds a local file or link, owned by root."""
         if path.is_symlink():
             self.link(name, os.readlink(path))
         else:
             self.bytes(name, path.read_bytes(), stat.S_IMODE(path.stat().st_mode))
 
     def tree(self, name, path):
-        """All files, links and folders under `path`; `name` itself has to be there already."""
+        """Adds all files, links and folders below `path`. The folder `name` must already be in the archive."""
         for entry in sorted(path.iterdir()):
             below = f"{name}/{entry.name}".lstrip("/")
             if entry.is_dir() and not entry.is_symlink():
@@ -77,12 +77,12 @@ class Cpio:
 
 
 def module_name(path):
-    """As the kernel calls it."""
+    """The kernel's name for a module."""
     return Path(path).name.removesuffix(".ko").replace("-", "_")
 
 
 def modules_needed(names, kernel=KERNEL):
-    """Paths below lib/modules/RELEASE, in the order in which they are to be loaded."""
+    """Paths below lib/modules/RELEASE, in load order."""
     table = {}
     for line in (kernel / "lib/modules" / kernel_release(kernel) / "modules.dep").read_text().splitlines():
         path, _, needs = line.partition(":")
@@ -92,19 +92,19 @@ def modules_needed(names, kernel=KERNEL):
         if module_name(name) not in table:
             raise ValueError(f"the board's kernel has no module {name}")
         path, needs = table[module_name(name)]
-        order += [*reversed(needs), path]  # modules.dep names the last to be loaded first
+        order += [*reversed(needs), path]  # modules.dep lists dependencies in reverse load order
     return list(dict.fromkeys(order))
 
 
 def built_agent():
-    """Compiles the agent, once for each content."""
+    """Compiles the agent if its source has changed. Returns the program's path."""
     source = SOURCES / "agent.cc"
     made = BUILD / f"board-agent-{hashlib.sha256(source.read_bytes()).hexdigest()[:16]}"
     if made.exists():
         return made
     compiler = find_tool(CROSS_PREFIX + "g++")
     if not compiler:
-        raise CannotBeHad(f"{CROSS_PREFIX}g++ is missing (Debian package g++-mipsel-linux-gnu)")
+        raise Unavailable(f"{CROSS_PREFIX}g++ is missing (Debian package g++-mipsel-linux-gnu)")
     with tempfile.TemporaryDirectory(dir=BUILD, prefix="agent.") as folder:
         fresh = Path(folder, "board-agent")
         subprocess.run([compiler, f"--sysroot={SYSROOT}", *AGENT_FLAGS, "-o", fresh, source], check=True,
@@ -155,7 +155,7 @@ def write_base(archive, agent):
 
 
 def made_once(name, key, write):
-    """build/board/NAME-KEY.cpio, written by `write(archive)` when it isn't there; older ones go."""
+    """The content of build/board/NAME-KEY.cpio. If it is missing, `write(archive)` makes it and older ones are removed."""
     path = BUILD / f"{name}-{key}.cpio"
     with locked(BUILD / "image.lock"):
         if not path.exists():
@@ -171,7 +171,7 @@ def made_once(name, key, write):
 
 
 def base_image(with_libcurl=False):
-    """The bytes of everything but the build."""
+    """The content of the image without the build."""
     agent = built_agent()
     state = hashlib.sha256((BUILD / "unpacked.json").read_bytes() + os.fsencode(agent.name))
     for path in [Path(__file__), *sorted((SOURCES / "rootfs").rglob("*"))]:
@@ -185,7 +185,7 @@ def base_image(with_libcurl=False):
 
 
 def write_build(file, build):
-    """bin and lib of a build folder, as /usr/bin and /usr/lib."""
+    """Writes bin and lib of a build folder as /usr/bin and /usr/lib."""
     archive = Cpio(file)
     for name in ("bin", "lib"):
         if (build / name).is_dir():

@@ -1,4 +1,4 @@
-"""The line to the agent on the board: one request after the other, each answered.
+"""The connection to the agent on the board. It answers one request at a time.
 
 The frames are described in agent.cc.
 """
@@ -13,30 +13,30 @@ FINISH_EXITED, FINISH_SIGNALLED, FINISH_OUT_OF_TIME, FINISH_FAILED = 0, 1, 2, 3
 
 
 class LineLost(Exception):
-    """The board is silent, or gone. The line is of no use any more."""
+    """The board is silent or gone; the connection is no longer usable."""
 
 
 class Line:
-    """Over a connected socket, which it owns."""
+    """Owns the connected socket."""
 
     def __init__(self, socket):
         self.socket = socket
         self.turn = threading.Lock()
-        self.lost = None  # why it is of no use any more
+        self.lost = None  # why the connection is no longer usable
 
     def close(self):
         self.socket.close()
 
     def await_ready(self, limit):
-        """Waits until the board has booted and can be asked."""
+        """Waits until the board has booted and takes requests."""
         kind, _ = self._answer(time.monotonic() + limit)
         if kind != ANSWER_READY:
             raise LineLost("the board's agent spoke out of turn")
 
     def ask(self, kind, content, limit, taken=None):
-        """One request. Returns (what happened, detail); hands output to taken(kind, bytes) as it comes.
+        """Makes one request. Returns (result, detail); passes output to taken(kind, bytes) as it comes.
 
-        Once the line is lost, every further request fails at once and not after its own limit.
+        After the connection is lost, every further request fails at once instead of after its own limit.
         """
         with self.turn:
             if self.lost:
@@ -70,7 +70,7 @@ class Line:
         got = bytearray()
         while len(got) < length:
             left = until - time.monotonic()
-            if left <= 0:  # also when bytes never cease to come
+            if left <= 0:  # also if bytes keep coming
                 raise LineLost("the board does not answer in time")
             self.socket.settimeout(left)
             try:

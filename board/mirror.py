@@ -1,8 +1,7 @@
-"""The mipsel packages of Debian 12, got through an apt of our own.
+"""Downloads the mipsel packages of Debian 12 with a private apt configuration.
 
-The apt state (sources, lists, status) lies in the cache folder, so that the machine's own package
-configuration stays as it is. The mirror, proxies, credentials and trusted keys are the machine's; apt checks
-the signatures.
+The apt state (sources, lists, status) is in the cache folder, so the machine's own package configuration does not
+change. The mirror, proxies, credentials and trusted keys are the machine's; apt checks the signatures.
 """
 
 import dataclasses
@@ -13,20 +12,20 @@ import re
 import subprocess
 from pathlib import Path
 
-from places import CannotBeHad, cache
+from places import Unavailable, cache
 
 SUITE = "bookworm"
 ARCHITECTURE = "mipsel"
 
-# Unpacked into the sysroot.
+# Packages for the sysroot.
 DEVELOPMENT = ["libc6", "libc6-dev", "linux-libc-dev", "libgcc-s1", "libstdc++6", "libatomic1", "zlib1g",
                "zlib1g-dev", "libcurl4-openssl-dev", "busybox-static"]
-# With all that it needs, for the one applet that loads it while it runs.
+# Loaded at run time by one applet; downloaded with its dependencies.
 WITH_DEPENDENCIES = ["libcurl4"]
-# Its dependency is the current image.
+# A metapackage that depends on the current kernel image.
 KERNEL = "linux-image-4kc-malta"
 
-BIG = 5000000  # bytes
+BIG = 5000000  # bytes; larger packages are downloaded one by one
 
 APT_CONFIGURATION = """\
 #clear APT::Update::Post-Invoke;
@@ -57,14 +56,14 @@ def one_line_sources(text):
 
 
 def deb822_sources(text):
-    """The same of a .sources file, one for each combination of its stanzas."""
+    """The same for a .sources file, one for each combination in its stanzas."""
     for stanza in re.split(r"\n[ \t]*\n", re.sub(r"(?m)^#.*\n?", "", text)):
         joined = re.sub(r"\n[ \t]+", " ", stanza)
         fields = {name.lower(): value.strip() for name, value in re.findall(r"(?m)^([\w-]+):(.*)$", joined)}
         disabled = fields.get("enabled", "yes").lower() in ("no", "false")
         if disabled or "deb" not in fields.get("types", "").split():
             continue
-        # A key that stands in the stanza itself can't be said in one line: the trusted keys decide then.
+        # The one-line format cannot express a key inside the stanza; the machine's trusted keys are used instead.
         signed_by = fields.get("signed-by", "")
         options = {"signed-by": signed_by} if signed_by.startswith("/") else {}
         for uri in fields.get("uris", "").split():
@@ -87,7 +86,7 @@ def machine_codename(os_release=Path("/etc/os-release")):
 
 
 def our_sources(entries, codename):
-    """The lines of our own sources.list: Debian's entries of the machine, for Debian 12."""
+    """The lines of our sources.list: the machine's Debian entries, changed to Debian 12."""
     lines = []
     for options, uri, suite, components in entries:
         found = re.fullmatch(rf"(?:{SUITE}|stable|{re.escape(codename)})(-updates|-security)?", suite)
@@ -101,15 +100,15 @@ def our_sources(entries, codename):
 
 
 class Apt:
-    """apt with its state in `folder`."""
+    """Runs apt with its state in `folder`."""
 
     def __init__(self, folder, say):
         self.folder = folder
         self.say = say
         lines = our_sources(machine_sources(), machine_codename())
         if not lines:
-            raise CannotBeHad("this machine's package sources (/etc/apt) name no Debian mirror, from which "
-                              "the mipsel packages of the emulated board could be had")
+            raise Unavailable("this machine's package sources (/etc/apt) name no Debian mirror to download the "
+                              "board's mipsel packages from")
         for part in ("state/lists/partial", "cache/archives/partial"):
             (folder / part).mkdir(parents=True, exist_ok=True)
         (folder / "status").write_text("")
@@ -126,36 +125,36 @@ class Apt:
         self.say("reading the mirror's package lists for mipsel")
         status, text = self.call("apt-get", "-q", "-o", "APT::Update::Error-Mode=any", "update")
         if status != 0:
-            raise CannotBeHad("the mipsel packages of the emulated board (kernel, C library, zlib, libcurl, "
-                              f"busybox) are not in {cache()}, and the mirror can't be read:\n"
-                              + last_lines(text))
+            raise Unavailable("the board's mipsel packages (kernel, C library, zlib, libcurl, busybox) are not in "
+                              f"{cache()}, and the mirror could not be read:\n" + last_lines(text))
 
     def packages(self):
-        """All packages that the board needs, the current kernel image first."""
+        """All packages that the board needs, beginning with the current kernel image."""
         status, text = self.call("apt-cache", "depends", KERNEL)
         image = re.search(r"Depends: (linux-image-\S+)", text)
         if status != 0 or not image:
-            raise CannotBeHad(f"the mirror has no {KERNEL}:\n{last_lines(text)}")
+            raise Unavailable(f"the mirror has no {KERNEL}:\n{last_lines(text)}")
         status, text = self.call("apt-get", "-q", "-y", "--print-uris", "--no-install-recommends", "install",
                                  *WITH_DEPENDENCIES)
         needed = re.findall(r"(?m)^'\S+' ([^_\s]+)_\S+\.deb ", text)
         if status != 0 or not needed:
-            raise CannotBeHad(f"what {' '.join(WITH_DEPENDENCIES)} needs can't be found:\n{last_lines(text)}")
+            raise Unavailable(f"the dependencies of {' '.join(WITH_DEPENDENCIES)} could not be resolved:\n"
+                              + last_lines(text))
         return self.files([image[1], *dict.fromkeys(DEVELOPMENT + needed)])
 
     def files(self, names):
-        """A Package for each name."""
+        """The Package of each name."""
         status, text = self.call("apt-get", "-q", "--print-uris", "download", *names)
         found = {}
         for file, size, sha256 in re.findall(r"(?m)^'\S+' (\S+\.deb) (\d+) SHA256:([0-9a-f]{64})", text):
             found[file.split("_")[0]] = Package(file.split("_")[0], file, int(size), sha256)
         missing = [name for name in names if name not in found]
         if status != 0 or missing:
-            raise CannotBeHad(f"the mirror has no mipsel {' '.join(missing)}:\n{last_lines(text)}")
+            raise Unavailable(f"the mirror has no mipsel {' '.join(missing)}:\n{last_lines(text)}")
         return [found[name] for name in names]
 
     def download(self, packages, into):
-        """Downloads the big ones one by one, to show how far it is, and the rest at one go."""
+        """Downloads big packages one by one, to show progress, and the rest together."""
         rest = [package for package in packages if package.size < BIG]
         for group in [[package] for package in packages if package.size >= BIG] + ([rest] if rest else []):
             what = group[0].name if len(group) == 1 else f"{len(group)} packages"
@@ -164,8 +163,8 @@ class Apt:
             status, text = self.call("apt-get", "-q", "download", *names, cwd=into)
             broken = [package.name for package in group if not package.is_whole(into)]
             if status != 0 or broken:
-                raise CannotBeHad(f"mipsel packages of the emulated board can't be had from the mirror "
-                                  f"({' '.join(broken)}):\n{last_lines(text)}")
+                raise Unavailable(f"packages of the board could not be downloaded ({' '.join(broken)}):\n"
+                                  + last_lines(text))
 
 
 def last_lines(text, count=8):
@@ -179,7 +178,7 @@ def digest(path):
 
 @dataclasses.dataclass(frozen=True)
 class Package:
-    """One file of the mirror; the digest is the one of the signed package list."""
+    """One file of the mirror. The digest comes from the signed package list."""
 
     name: str
     file: str
@@ -192,7 +191,7 @@ class Package:
 
 
 class Store:
-    """The downloaded packages in the cache folder, and a list of what belongs to it."""
+    """The downloaded packages in the cache folder, and their list."""
 
     WANTED = [DEVELOPMENT, WITH_DEPENDENCIES, KERNEL]
 
@@ -201,7 +200,7 @@ class Store:
         self.list = folder / "packages.json"
 
     def read(self):
-        """The packages, when all are there and as they came from the mirror; else None. Needs no network."""
+        """The packages, if all are there with the right digests; else None. Needs no network."""
         try:
             noted = json.loads(self.list.read_text())
             packages = [Package(**entry) for entry in noted["packages"]]
@@ -218,7 +217,7 @@ class Store:
         fresh.rename(self.list)
 
     def fill(self, apt):
-        """Downloads what is missing, and drops what the mirror no longer has."""
+        """Downloads missing packages and deletes those that the mirror no longer has."""
         self.folder.mkdir(parents=True, exist_ok=True)
         apt.update()
         packages = apt.packages()

@@ -1,4 +1,4 @@
-"""Where the board's parts lie, and the error that says that one of them can't be had."""
+"""Paths of the board's parts, and the error for a part that is missing."""
 
 import contextlib
 import fcntl
@@ -11,23 +11,23 @@ BUILD = ROOT / "build" / "board"
 SYSROOT = BUILD / "sysroot"
 KERNEL = BUILD / "kernel"
 
-# Exit status of a command whose need can't be met on this machine now (EX_TEMPFAIL of sysexits.h).
-CANNOT_BE_HAD = 75
+# Exit status of a command that needs something this machine cannot provide now (EX_TEMPFAIL of sysexits.h).
+UNAVAILABLE = 75
 
 
-class CannotBeHad(Exception):
-    """Something that the board needs is missing and can't be got here; the text says what and why."""
+class Unavailable(Exception):
+    """Something the board needs is missing and cannot be downloaded; the text says what and why."""
 
 
 def cache():
-    """The folder that all clones of this user share."""
+    """The cache folder, which all clones of this user share."""
     base = os.environ.get("XDG_CACHE_HOME") or Path.home() / ".cache"
     return Path(base) / "zarvo"
 
 
 @contextlib.contextmanager
 def locked(path, waiting=None):
-    """Holds the lock file `path`; calls `waiting` first when somebody else has it."""
+    """Holds a lock on the file `path`. Calls `waiting` before it waits for another holder."""
     path.parent.mkdir(parents=True, exist_ok=True)
     with open(path, "w", encoding="ascii") as lock:
         try:

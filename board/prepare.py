@@ -1,4 +1,4 @@
-"""From packages to build/board/sysroot and build/board/kernel."""
+"""Unpacks the packages into build/board/sysroot and build/board/kernel."""
 
 import contextlib
 import json
@@ -8,17 +8,17 @@ import subprocess
 from pathlib import Path
 
 import mirror
-from places import BUILD, KERNEL, SYSROOT, CannotBeHad, cache, locked
+from places import BUILD, KERNEL, SYSROOT, Unavailable, cache, locked
 
 STAMP = BUILD / "unpacked.json"
-FORMAT = 1  # of what is unpacked; counts up when the code below changes its result
+FORMAT = 1  # of the unpacked files; increase it when the code below changes its result
 
 
 def prepare(say, refresh=False):
-    """Makes sysroot and kernel when they are not there yet. Raises CannotBeHad."""
+    """Makes sysroot and kernel if they are missing. Raises Unavailable."""
     for tool, package in (("apt-get", "apt"), ("dpkg-deb", "dpkg"), ("depmod", "kmod")):
         if not find_tool(tool):
-            raise CannotBeHad(f"{tool} is missing (Debian package {package})")
+            raise Unavailable(f"{tool} is missing (Debian package {package})")
     home = cache()
     with locked(home / "lock", lambda: say("waiting for another board/fetch")):
         store = mirror.Store(home / "packages")
@@ -66,7 +66,7 @@ def unpack(folder, packages, say):
 
 @contextlib.contextmanager
 def fresh_folder(final):
-    """An empty folder that takes the place of `final` when all went well."""
+    """An empty folder that replaces `final` unless an exception is raised."""
     new = final.with_name(final.name + ".new")
     shutil.rmtree(new, ignore_errors=True)
     new.mkdir(parents=True)
@@ -83,11 +83,11 @@ def extract(package, into):
     done = subprocess.run(["dpkg-deb", "-x", package, into], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, text=True, check=False)
     if done.returncode != 0:
-        raise CannotBeHad(f"{package} can't be unpacked: {done.stdout.strip()}")
+        raise Unavailable(f"{package} could not be unpacked: {done.stdout.strip()}")
 
 
 def index_modules(kernel):
-    """Writes modules.dep, which the package leaves to its installation."""
+    """Writes modules.dep, which the package would make at installation."""
     release = kernel_release(kernel)
     subprocess.run([find_tool("depmod"), "-b", kernel, release], check=True, stdin=subprocess.DEVNULL)
 
@@ -97,7 +97,7 @@ def kernel_release(kernel=KERNEL):
 
 
 def make_links_relative(root):
-    """A link to /lib/libz.so.1 means the sysroot's file, not the machine's."""
+    """Makes a link to /lib/libz.so.1 point to the sysroot's file, not the machine's."""
     for folder, folders, files in os.walk(root):
         for name in folders + files:
             link = Path(folder, name)
