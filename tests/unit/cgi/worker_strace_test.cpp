@@ -81,6 +81,25 @@ TEST(strace_worker, streams_until_the_processes_have_ended) {
     EXPECT_TRUE(exited_with(child.end(), 6));
 }
 
+TEST(strace_worker, reports_calls_signals_exits_and_descriptors) {
+    gated_child child([] {
+        signal(SIGUSR1, SIG_IGN);
+        raise(SIGUSR1);
+        return 6;
+    });
+    browser client;
+    start(client, {child.pid()});
+    ASSERT_TRUE(eventually([&child] { return is_traced(child.pid()); }));
+    child.open_gate();
+    std::string answer = client.answer();
+    EXPECT_EQ(count_in(answer, "exit_group(6)\n"), 1u) << answer;
+    EXPECT_EQ(count_in(answer, " SIGUSR1 ---\n"), 1u) << answer;
+    // Once at the call and once at the end of the process.
+    EXPECT_EQ(count_in(answer, " open fds:\n"), 2u) << answer;
+    wait_for_workers();
+    EXPECT_TRUE(exited_with(child.child.end(), 6));
+}
+
 TEST(strace_worker, ends_when_the_browser_goes_although_nothing_happens) {
     tracee sleeper(sleep_for_ever);
     browser client;

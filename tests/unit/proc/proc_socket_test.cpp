@@ -142,6 +142,18 @@ TEST_F(proc_skinfo_lookup_at_tree, long_lines_count_as_several) {
     EXPECT_EQ(lookup(20).size(), strlen("[/]") + 108);
 }
 
+TEST_F(proc_skinfo_lookup_at_tree, piece_of_a_long_line_has_255_bytes) {
+    std::string line = " 2 3 4 5 6 20 /path";
+    line.insert(0, std::string(255 - line.size(), '1'));
+    add("unix", line + "\n");
+    EXPECT_EQ(lookup(20), "[/path]");
+    add("unix", line + "name\n");
+    EXPECT_EQ(lookup(20), "[/path]");
+    line.pop_back();
+    add("unix", line + "\n");
+    EXPECT_EQ(lookup(20), "[/pat]");
+}
+
 TEST_F(proc_skinfo_lookup_at_tree, last_line_may_lack_its_newline) {
     std::string line = unix_line("22", " /last");
     line.pop_back();

@@ -39,6 +39,30 @@ private:
     struct sigaction old_;
 };
 
+// The signal that the last of this process's children to be killed has died of; 0 when there was none.
+inline std::atomic<int> last_death{0};
+
+// Keeps `last_death` for the length of a block; one of two children that end at the same time may be missed.
+// Calls that wait go on.
+class scoped_death_watch {
+public:
+    scoped_death_watch() {
+        last_death = 0;
+        struct sigaction action = {};
+        action.sa_sigaction = [](int, siginfo_t* info, void*) {
+            last_death = info->si_code == CLD_KILLED ? info->si_status : last_death.load();
+        };
+        action.sa_flags = SA_SIGINFO | SA_RESTART | SA_NOCLDSTOP;
+        EXPECT_EQ(sigaction(SIGCHLD, &action, &old_), 0);
+    }
+    scoped_death_watch(const scoped_death_watch&) = delete;
+    scoped_death_watch& operator=(const scoped_death_watch&) = delete;
+    ~scoped_death_watch() { EXPECT_EQ(sigaction(SIGCHLD, &old_, nullptr), 0); }
+
+private:
+    struct sigaction old_;
+};
+
 inline pid_t thread_id() {
     return static_cast<pid_t>(syscall(SYS_gettid));
 }

@@ -35,44 +35,6 @@ std::string repeated(int times, const std::string& line) {
     return all;
 }
 
-// A grandchild of the test that nobody but the tracer waits for; killed at the end.
-class stranger {
-public:
-    explicit stranger(int (*work)()) {
-        test_pipe pipe;
-        int report = pipe.in.get();
-        pid_t parent = fork_child([report, work] {
-            pid_t pid = fork();
-            if (pid == 0) {
-                _exit(work());
-            }
-            (void)!write(report, &pid, sizeof pid);
-            return 0;
-        });
-        ssize_t got;
-        do {
-            got = read(pipe.out.get(), &pid_, sizeof pid_);
-        } while (got < 0 && errno == EINTR);
-        wait_status(parent);
-        if (got != static_cast<ssize_t>(sizeof pid_) || pid_ < 2) {
-            abort();  // a signal for a number that is no process could reach all there are
-        }
-    }
-    stranger(const stranger&) = delete;
-    stranger& operator=(const stranger&) = delete;
-    ~stranger() { kill(pid_, SIGKILL); }
-    pid_t pid() const { return pid_; }
-
-private:
-    pid_t pid_ = -1;
-};
-
-int spin() {
-    for (volatile int i = 0;;) {
-        i = i + 1;
-    }
-}
-
 }  // namespace
 
 TEST(trace_attach, stops_a_process_and_gives_its_pid) {

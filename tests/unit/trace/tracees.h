@@ -106,6 +106,44 @@ inline int call_for_ever() {
     }
 }
 
+inline int spin() {
+    for (volatile int i = 0;;) {
+        i = i + 1;
+    }
+}
+
+// A grandchild of the test that nobody but the tracer waits for; killed at the end.
+class stranger {
+public:
+    explicit stranger(int (*work)()) {
+        test_pipe pipe;
+        int report = pipe.in.get();
+        pid_t parent = fork_child([report, work] {
+            pid_t pid = fork();
+            if (pid == 0) {
+                _exit(work());
+            }
+            (void)!write(report, &pid, sizeof pid);
+            return 0;
+        });
+        ssize_t got;
+        do {
+            got = read(pipe.out.get(), &pid_, sizeof pid_);
+        } while (got < 0 && errno == EINTR);
+        wait_status(parent);
+        if (got != static_cast<ssize_t>(sizeof pid_) || pid_ < 2) {
+            abort();  // a signal for a number that is no process could reach all there are
+        }
+    }
+    stranger(const stranger&) = delete;
+    stranger& operator=(const stranger&) = delete;
+    ~stranger() { kill(pid_, SIGKILL); }
+    pid_t pid() const { return pid_; }
+
+private:
+    pid_t pid_ = -1;
+};
+
 #if defined(__SANITIZE_THREAD__)
 #define SKIP_WITHOUT_VFORK() GTEST_SKIP() << "the sanitizer makes a vfork a fork"
 #else
@@ -147,6 +185,14 @@ private:
     tracee parent_;
 };
 
+inline size_t count_in(const std::string& text, const std::string& what) {
+    size_t found = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+        found++;
+    }
+    return found;
+}
+
 // One trace with its text in memory.
 struct traced_text {
     strace_ctx ctx = {};
@@ -174,13 +220,7 @@ struct traced_text {
         return text;
     }
     bool has(const std::string& what) const { return text.find(what) != std::string::npos; }
-    size_t count(const std::string& what) const {
-        size_t found = 0;
-        for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
-            found++;
-        }
-        return found;
-    }
+    size_t count(const std::string& what) const { return count_in(text, what); }
 
     static int32_t write(void* cookie, const char* piece, int length) {
         auto* self = static_cast<traced_text*>(cookie);
@@ -256,11 +296,12 @@ private:
 };
 
 // Starts a program that asks to be traced by this one, with nothing to read and nowhere to write; it stops
-// before its first instruction.
-inline pid_t start_traced(const std::vector<std::string>& list) {
+// before its first instruction. The program is the command line's first word where it is not named.
+inline pid_t start_traced(const std::vector<std::string>& list, const char* program = nullptr) {
     words given(list);
     unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
-    pid_t pid = sys_run_nowait(given.vector()[0], given.vector(), null.get(), null.get(), null.get(), 1);
+    pid_t pid = sys_run_nowait(program ? program : given.vector()[0], given.vector(), null.get(), null.get(),
+                               null.get(), 1);
     EXPECT_TRUE(WIFSTOPPED(wait_status(pid)));
     return pid;
 }

@@ -1,0 +1,135 @@
+// Lines of system calls at the limits of their buffers, and those of a process whose registers are gone.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "tests/unit/support/capture.h"
+#include "tests/unit/support/temp_dir.h"
+#include "tests/unit/trace/fake_memory.h"
+#include "tests/unit/trace/tracees.h"
+#include "trace/arch.h"
+
+namespace {
+
+constexpr int o32_getpid = 4020;
+
+int describe_nothing(const syscall_view& /*view*/, int /*fd*/, char* /*buf*/, size_t /*len*/) {
+    return -1;
+}
+
+// The line of one call as `print` builds it in a buffer of `size` bytes.
+template <typename Print>
+std::string printed(Print print, size_t size) {
+    fake_memory nothing;
+    tracee_memory memory = nothing.view();
+    syscall_view view = {42, "prog", &memory, describe_nothing, nullptr, nullptr};
+    syscall_record call = {1, 2, o32_getpid, {1, 2, 3, 4, 5, 6}, 5, 0};
+    std::string room(size + 1, '#');
+    int length = print(view, &call, room.data(), static_cast<int>(size));
+    EXPECT_EQ(room.back(), '#') << "wrote behind the buffer";
+    std::string line = room.c_str();
+    EXPECT_EQ(length, static_cast<int>(line.size()));
+    return line;
+}
+
+// Without the C library around it, in which a sanitizer may make calls of its own.
+long raw_write(int fd, const std::string& bytes) {
+    return syscall(SYS_write, fd, bytes.data(), bytes.size());
+}
+
+// Traces the calls of a busy process until it is killed right before the tracer looks at its stop number
+// `stop`; the first one is an entry.
+struct killed_at_a_stop {
+    tracee busy{call_for_ever};
+    traced_text trace{{busy.pid()}, strace_calls};
+    std::string said;  // on standard error
+
+    explicit killed_at_a_stop(int stop) {
+        pid_t pid = busy.pid();
+        trace.goes_on = [pid, stop](const traced_text& now) {
+            if (now.polls == stop && state_of(pid) == 't') {
+                kill(pid, SIGKILL);
+                EXPECT_TRUE(eventually([pid] { return state_of(pid) == 'Z'; })) << state_of(pid);
+            }
+            return true;
+        };
+        said = capture_stderr([this] { capture_stdout([this] { trace.run(); }); });
+        busy.was_reaped();
+    }
+};
+
+}  // namespace
+
+TEST(arch_print_syscall, entry_line_has_a_newline_where_more_than_two_bytes_are_left) {
+    const std::string line = "[42 prog] [1 2] getpid(1, 2, 3, 4, 5, 6)";
+    for (size_t left : {1, 2}) {
+        EXPECT_EQ(printed(arch_print_syscall, line.size() + left), line);
+    }
+    for (size_t left : {3, 4, 100}) {
+        EXPECT_EQ(printed(arch_print_syscall, line.size() + left), line + "\n");
+    }
+}
+
+TEST(arch_print_syscall_ret, exit_line_has_its_own_newline_alone) {
+    const std::string line = "[42 prog] [1 2] getpid(1, 2, 3, 4, 5, 6) = 5\n";
+    for (size_t left : {1, 3, 100}) {
+        EXPECT_EQ(printed(arch_print_syscall_ret, line.size() + left), line);
+    }
+}
+
+TEST(do_strace, line_that_is_too_long_is_reported_at_the_exit_of_its_call_and_not_at_the_entry) {
+    unique_fd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    int fd = null.get();
+    traced_child child(
+        [fd] {
+            raw_write(fd, std::string(64, 'q'));
+            return static_cast<int>(syscall(SYS_exit_group, 0));
+        },
+        strace_calls);
+    child.trace.ctx.buf = static_cast<char*>(malloc(100));
+    child.trace.ctx.bufsize = 100;
+    const std::string message = "strace_dec_syscall: Unexpected length: ";
+    std::string said = capture_stderr([&child] { child.run(); });
+    EXPECT_TRUE(said.starts_with(message)) << said;
+    EXPECT_EQ(said.find(message, 1), std::string::npos) << said;
+    EXPECT_TRUE(child.trace.has("exit_group(0)\n")) << child.trace.text;
+    child.child.end_if_left();
+}
+
+TEST(do_strace, description_of_a_descriptor_in_a_line_is_cut_at_127_bytes) {
+    temp_dir folder;
+    unique_fd file(open(folder.write_file(std::string(200, 'f'), "").c_str(), O_WRONLY | O_CLOEXEC));
+    int fd = file.get();
+    traced_child child(
+        [fd] {
+            raw_write(fd, "q");
+            return 0;
+        },
+        strace_calls);
+    child.run();
+    std::string shown = folder.path(std::string(200, 'f')).substr(0, 127);
+    EXPECT_TRUE(child.trace.has("write(" + std::to_string(fd) + " " + shown + ", \"q\", 1) = 1\n"))
+        << child.trace.text;
+    child.child.end_if_left();
+}
+
+TEST(do_strace, entry_without_registers_is_an_unexpected_length_and_no_line) {
+    // The second call: the registers of the first must not be taken for its own.
+    killed_at_a_stop third(3);
+    EXPECT_EQ(third.said, "strace_dec_syscall: Unexpected length: -1\n");
+    EXPECT_EQ(third.trace.count("\n"), 2u) << third.trace.text;
+    EXPECT_FALSE(third.trace.has(" = -1\n")) << third.trace.text;
+    EXPECT_EQ(third.trace.pids[0], -1);
+}
+
+TEST(do_strace, exit_without_registers_has_the_result_minus_one) {
+    killed_at_a_stop second(2);
+    EXPECT_EQ(second.said, "");
+    EXPECT_EQ(second.trace.count("\n"), 2u) << second.trace.text;
+    EXPECT_TRUE(second.trace.text.ends_with(") = -1\n")) << second.trace.text;
+    EXPECT_EQ(second.trace.pids[0], -1);
+}
