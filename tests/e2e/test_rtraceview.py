@@ -3,15 +3,17 @@
 import csv
 import io
 import json
+import os
 import pathlib
 import re
+import select
 import shutil
 import subprocess
 
 import pytest
 
-from rtrace_records import DISKINFO, GROUP, count, read_until
-from zarvo_e2e import BIN, SANITIZE, download_head, without_trace_programs
+from rtrace_records import DISKINFO, EVENT, GROUP, HEADER, MEMINFO, count, read_until
+from zarvo_e2e import BIN, PATIENCE, SANITIZE, download_head, without_trace_programs
 
 NEEDS_SANDBOX = True
 
@@ -100,6 +102,94 @@ def test_wrong_use_is_said(tmp_path):
     assert view("--help").stdout.startswith(b"usage: rtraceview ")
 
 
+# Input and output.
+
+TIME_MS = 1700000000123
+
+
+def made_record(kind, data, more, time_ms=TIME_MS):
+    return HEADER.pack(kind, len(data), time_ms, more, b"\0\0\0") + data
+
+
+def made_file(kind, text, time_ms=TIME_MS):
+    return made_record(kind, text, 1, time_ms) + made_record(kind, b"", 0, time_ms)
+
+
+@pytest.fixture
+def small(tmp_path):
+    """A trace of one number."""
+    path = tmp_path / "small"
+    path.write_bytes(made_file(MEMINFO, b"MemFree: 6 kB\n"))
+    return path
+
+
+@pytest.mark.parametrize("how", ["name", "symbolic link", "hard link", "standard input"])
+def test_page_over_its_own_trace_is_refused(small, tmp_path, how):
+    before = small.read_bytes()
+    other = tmp_path / "other"
+    if how == "symbolic link":
+        other.symlink_to("small")
+    elif how == "hard link":
+        other.hardlink_to(small)
+    else:
+        other = small
+    with open(small, "rb") as file:
+        words = ["--html", other, "-" if how == "standard input" else small]
+        done = subprocess.run([BIN / "rtraceview", *words], stdin=file, capture_output=True)
+    assert (done.returncode, done.stdout) == (2, b"")
+    assert done.stderr == b"rtraceview: the output would overwrite the trace that it is made of\n"
+    assert small.read_bytes() == before
+
+
+def test_output_appended_to_its_own_trace_is_refused(small):
+    before = small.read_bytes()
+    with open(small, "ab") as out:
+        done = subprocess.run([BIN / "rtraceview", "--json", small], stdout=out, stderr=subprocess.PIPE)
+    assert done.returncode == 2 and b"would overwrite the trace" in done.stderr
+    assert small.read_bytes() == before
+
+
+def test_page_takes_the_place_of_an_earlier_one_in_one_step(small, tmp_path):
+    page, link = tmp_path / "page.html", tmp_path / "link.html"
+    page.write_text("earlier")
+    page.chmod(0o640)
+    link.symlink_to("page.html")
+    with open(page) as reader:
+        view("--html", link, small)
+        assert reader.read() == "earlier"
+    assert page.read_text().startswith("<!DOCTYPE html>") and link.is_symlink()
+    assert page.stat().st_mode & 0o777 == 0o640
+    assert sorted(os.listdir(tmp_path)) == ["link.html", "page.html", "small"]
+
+
+@pytest.mark.parametrize("name", ["missing", "."])
+def test_page_stays_when_there_is_no_trace_to_read(tmp_path, name):
+    page = tmp_path / "page.html"
+    page.write_text("earlier")
+    view("--html", page, tmp_path / name, status=2)
+    assert page.read_text() == "earlier"
+    assert os.listdir(tmp_path) == ["page.html"]
+
+
+def test_page_goes_to_what_is_no_file(small):
+    assert view("--html", "-", small).stdout.startswith(b"<!DOCTYPE html>")
+    assert view("--html", "/dev/null", small).stdout == b""
+    assert pathlib.Path("/dev/null").is_char_device()
+
+
+def test_live_pipe_is_shown_as_it_comes():
+    words = [BIN / "rtraceview", "-"]
+    with subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0) as viewer:
+        for number in range(3):
+            viewer.stdin.write(made_file(MEMINFO, b"MemFree: %d kB\n" % number))
+            text = b""
+            while b"MemFree: %d kB\n" % number not in text:
+                assert select.select([viewer.stdout], [], [], PATIENCE)[0], text
+                text += viewer.stdout.read(1 << 16)
+        viewer.stdin.close()
+        assert viewer.wait(PATIENCE) == 0
+
+
 def test_memory_does_not_grow_with_the_trace(trace):
     if SANITIZE:
         pytest.skip("a sanitizer takes memory of its own")
@@ -137,17 +227,25 @@ document.title += " " + document.querySelector(".dygraph-axis-label-x").textCont
 """
 
 
-def test_page_plots_a_point_for_each_sample(page, trace, tmp_path):
+def title_in_browser(page, tmp_path, probe):
+    """What `probe`, a script at the end of a page, leaves as its title."""
     chromium = shutil.which("chromium")
     if not chromium:
         pytest.skip("needs chromium")
     probed = tmp_path / "probed.html"
-    probed.write_text(page.read_text().replace("</body>", PROBE + "</body>"))
+    probed.write_text(page.read_text().replace("</body>", probe + "</body>"))
     words = [chromium, "--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
              f"--user-data-dir={tmp_path}/profile", "--virtual-time-budget=5000", "--dump-dom", f"file://{probed}"]
     done = subprocess.run(words, capture_output=True, check=True, timeout=120)
-    found = re.search(r"<title>(\[\[.*\]\]) (\d+) ([^<]*)</title>", done.stdout.decode())
+    found = re.search(r"<title>(\[.*?)</title>", done.stdout.decode())
     assert found, done.stdout[-2000:]
+    return found[1]
+
+
+def test_page_plots_a_point_for_each_sample(page, trace, tmp_path):
+    title = title_in_browser(page, tmp_path, PROBE)
+    found = re.fullmatch(r"(\[\[.*\]\]) (\d+) (.*)", title)
+    assert found, title
     plots = json.loads(found[1])
     data = json.loads(re.search(r'id="trace">\n(.*?)\n</script>', page.read_text(), re.S)[1])
     assert len(plots) == len(data["plots"]) >= 5
@@ -156,3 +254,19 @@ def test_page_plots_a_point_for_each_sample(page, trace, tmp_path):
         assert lines == visible == len(plot["labels"])
     assert found[2] == "1"  # one line switched off by its box in the legend
     assert re.fullmatch(r"\d\d[:.][\d:.]+", found[3]), found[3]  # a time of day, or a part of a minute
+
+
+def test_page_survives_times_that_are_no_dates(tmp_path):
+    stream = b""
+    for number, time_ms in enumerate([TIME_MS, (1 << 63) - 1, -(1 << 63), -1, 253402300799999, 1 << 53, TIME_MS + 1000]):
+        stream += made_file(MEMINFO, b"MemFree: %d kB\n" % number, time_ms) + made_record(EVENT, b"event %d\n" % number, 0, time_ms)
+    (tmp_path / "odd").write_bytes(stream)
+    done = view("--html", tmp_path / "page.html", tmp_path / "odd")
+    assert b"a time that is no date; times in all: 12\n" in done.stderr
+    probe = """<script>
+    document.title = JSON.stringify([rtraceviewGraphs.map((graph) => graph.numRows()),
+        [...document.querySelectorAll("#events td:last-child")].map((cell) => cell.textContent)]);
+    </script>"""
+    rows, events = json.loads(title_in_browser(tmp_path / "page.html", tmp_path, probe))
+    assert rows == [3]
+    assert events == [f"event {number}" for number in range(7)]

@@ -4,7 +4,8 @@
 //    "filenr":{"allocated":1,...},"meminfo":{"MemFree":1,...},"diskinfo":{"/":{"Used":1,...}},
 //    "iostat":{"cpu":{"%user":1,...},"sda":{...}},"pidstat":{"init 1":{...}},"event":{"text":"..."}}
 //
-// Sizes are KiB.
+// Sizes are KiB. A process's smaps are the sums over its mappings; page sizes are the largest of any mapping.
+// Masks and names are texts.
 #pragma once
 
 #include <string>

@@ -3,10 +3,61 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <iterator>
+#include <utility>
+
+namespace {
+
+// Keys whose values are not added up.
+constexpr struct {
+    std::string_view key;
+    key_rule rule;
+} rules[] = {
+    {"KernelPageSize", key_rule::largest},
+    {"MMUPageSize", key_rule::largest},
+    {"ProtectionKey", key_rule::largest},
+    {"Name", key_rule::text},
+    {"Umask", key_rule::text},
+    {"SigPnd", key_rule::text},
+    {"ShdPnd", key_rule::text},
+    {"SigBlk", key_rule::text},
+    {"SigIgn", key_rule::text},
+    {"SigCgt", key_rule::text},
+    {"CapInh", key_rule::text},
+    {"CapPrm", key_rule::text},
+    {"CapEff", key_rule::text},
+    {"CapBnd", key_rule::text},
+    {"CapAmb", key_rule::text},
+    {"Cpus_allowed", key_rule::text},
+    {"Cpus_allowed_list", key_rule::text},
+    {"Mems_allowed", key_rule::text},
+    {"Mems_allowed_list", key_rule::text},
+};
+
+key_rule rule_of(std::string_view key) {
+    const auto* row =
+        std::find_if(std::begin(rules), std::end(rules), [key](const auto& each) { return each.key == key; });
+    return row == std::end(rules) ? key_rule::sum : row->rule;
+}
+
+// Takes the number at the beginning of `*text`, which a blank or the end has to follow.
+bool take_number(std::string_view* text, uint64_t* number) {
+    text->remove_prefix(std::min(text->find_first_not_of(" \t"), text->size()));
+    const char* end = text->data() + text->size();
+    auto [rest, error] = std::from_chars(text->data(), end, *number);
+    if (error != std::errc() || (rest < end && *rest != ' ' && *rest != '\t')) {
+        return false;
+    }
+    text->remove_prefix(static_cast<size_t>(rest - text->data()));
+    return true;
+}
+
+}  // namespace
 
 void key_sums::begin() {
     for (entry& known : entries_) {
         known.sum = 0;
+        known.text.clear();
         known.is_present = false;
     }
     expected_ = 0;
@@ -48,7 +99,10 @@ key_sums::entry* key_sums::find(std::string_view key) {
         if (entries_.size() == keys_limit) {
             return nullptr;
         }
-        entries_.push_back({std::string(key)});
+        entry fresh;
+        fresh.key = key;
+        fresh.rule = rule_of(key);
+        entries_.push_back(std::move(fresh));
         found = entries_.end() - 1;
     }
     expected_ = static_cast<size_t>(found - entries_.begin());
@@ -69,21 +123,27 @@ void key_sums::add_line(std::string_view line) {
             return;
         }
     }
-    const char* from = line.data() + key_size + 1;
-    const char* end = line.data() + line.size();
-    while (from < end && (*from == ' ' || *from == '\t')) {
-        from++;
-    }
-    uint64_t value = 0;
-    auto [rest, error] = std::from_chars(from, end, value);
-    if (error != std::errc() || (rest < end && *rest != ' ' && *rest != '\t')) {
+    add_value(is_expected ? known : nullptr, line.substr(0, key_size), line.substr(key_size + 1));
+}
+
+// `known` is the key's entry, null when it has still to be found.
+void key_sums::add_value(entry* known, std::string_view key, std::string_view value) {
+    bool is_text = (known ? known->rule : rule_of(key)) == key_rule::text;
+    uint64_t number = 0;
+    if (!is_text && !take_number(&value, &number)) {
         return;
     }
-    known = is_expected ? known : find(line.substr(0, key_size));
-    if (known) {
-        known->sum += value;
-        known->is_present = true;
-        known->is_kb = end - rest >= 3 && memcmp(rest, " kB", 3) == 0;
-        expected_++;
+    known = known ? known : find(key);
+    if (!known) {
+        return;
     }
+    if (is_text) {
+        value.remove_prefix(value.starts_with('\t') ? 1 : 0);
+        known->text = value.substr(0, line_limit);
+    } else {
+        known->sum = known->rule == key_rule::sum ? known->sum + number : std::max(known->sum, number);
+        known->is_kb = value.starts_with(" kB");
+    }
+    known->is_present = true;
+    expected_++;
 }

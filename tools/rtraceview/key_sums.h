@@ -1,10 +1,17 @@
-// Text of lines like "MemFree:   1234 kB", as sums for each key.
+// Text of lines like "MemFree:   1234 kB", as one value for each key.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
+
+// What becomes of the values that a key has in one text.
+enum class key_rule {
+    sum,
+    largest,  // of sizes that do not add up, such as those of pages
+    text      // of what is no amount: names, and masks, whose digits are hexadecimal or octal
+};
 
 // The text comes in pieces that may end anywhere. Keys are what begins a line with a capital letter and ends
 // with a colon; lines of other kinds and without a number are passed over. Keys stay known from one text to
@@ -13,7 +20,9 @@ class key_sums {
 public:
     struct entry {
         std::string key;
-        uint64_t sum = 0;
+        key_rule rule = key_rule::sum;
+        uint64_t sum = 0;  // or the largest
+        std::string text;
         bool is_present = false;  // in this text
         bool is_kb = false;
     };
@@ -29,6 +38,7 @@ public:
 
 private:
     void add_line(std::string_view line);
+    void add_value(entry* known, std::string_view key, std::string_view value);
     entry* find(std::string_view key);
 
     std::vector<entry> entries_;

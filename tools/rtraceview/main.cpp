@@ -1,11 +1,15 @@
 // rtraceview: shows a resource trace.
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <stdexcept>
 #include <system_error>
 
+#include "common/replace_file.h"
 #include "common/unique_fd.h"
 #include "tools/rtraceview/options.h"
 #include "tools/rtraceview/view.h"
@@ -44,46 +48,104 @@ void write_all(int fd, const std::string& name, std::string_view text) {
     }
 }
 
-// The file, or the standard descriptor where none is named.
-int open_or(int standard_fd, const std::string& name, int flags, unique_fd* file) {
-    if (name.empty() || name == "-") {
-        return standard_fd;
-    }
-    *file = unique_fd(open(name.c_str(), flags | O_CLOEXEC, 0666));
-    if (!*file) {
+struct stat status_of(int fd, const std::string& name) {
+    struct stat status = {};
+    if (fstat(fd, &status) < 0) {
         fail(name);
     }
-    return file->get();
+    return status;
+}
+
+// Whether both are one file, under whatever names.
+bool is_same_file(const struct stat& one, const struct stat& other) {
+    return S_ISREG(one.st_mode) && one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+void refuse_same_file(const struct stat& input, const struct stat& output) {
+    if (is_same_file(input, output)) {
+        throw std::runtime_error("the output would overwrite the trace that it is made of");
+    }
+}
+
+view_result show(const view_options& options, int from, const text_output::byte_sink& sink) {
+    text_output out(sink);
+    return view_trace(source_of(from, options.input), options.format, "Resource trace " + options.input, out);
+}
+
+// The permissions of a file that is there, or those of a new one.
+mode_t mode_for(const struct stat* there) {
+    if (there) {
+        return there->st_mode & 0777;
+    }
+    mode_t mask = umask(0);
+    umask(mask);
+    return 0666 & ~mask;
+}
+
+// A page takes the place of an earlier one when all of it is there; a link stays one.
+view_result write_page(const view_options& options, int from) {
+    struct stat there = {};
+    bool is_there = stat(options.page.c_str(), &there) == 0;
+    if (is_there && !S_ISREG(there.st_mode)) {
+        unique_fd to(open(options.page.c_str(), O_WRONLY | O_CLOEXEC));
+        if (!to) {
+            fail(options.page);
+        }
+        return show(options, from, [&](std::string_view text) { write_all(to.get(), options.page, text); });
+    }
+    if (is_there) {
+        refuse_same_file(status_of(from, options.input), there);
+    }
+    std::string page;
+    view_result result = show(options, from, [&page](std::string_view text) { page.append(text); });
+    unique_malloc<char> real(is_there ? realpath(options.page.c_str(), nullptr) : nullptr);
+    if (replace_file(real ? real.get() : options.page.c_str(), page, mode_for(is_there ? &there : nullptr)) <
+        0) {
+        fail(options.page);
+    }
+    return result;
+}
+
+view_result write_output(const view_options& options, int from) {
+    const std::string name = "standard output";
+    refuse_same_file(status_of(from, options.input), status_of(STDOUT_FILENO, name));
+    return show(options, from, [&name](std::string_view text) { write_all(STDOUT_FILENO, name, text); });
 }
 
 int run(const view_options& options) {
     unique_fd input;
-    unique_fd page;
-    int from = open_or(STDIN_FILENO, options.input, O_RDONLY, &input);
-    int to = open_or(STDOUT_FILENO, options.page, O_WRONLY | O_CREAT | O_TRUNC, &page);
-    const std::string to_name = page ? options.page : "standard output";
-    text_output out([to, &to_name](std::string_view text) { write_all(to, to_name, text); });
-    view_result result =
-        view_trace(source_of(from, options.input), options.format, "Resource trace " + options.input, out);
+    if (options.input != "-") {
+        input = unique_fd(open(options.input.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!input) {
+            fail(options.input);
+        }
+    }
+    int from = input ? input.get() : STDIN_FILENO;
+    bool has_page = !options.page.empty() && options.page != "-";
+    view_result result = has_page ? write_page(options, from) : write_output(options, from);
     for (const std::string& remark : result.remarks) {
         (void)fprintf(stderr, "rtraceview: %s: %s\n", options.input.c_str(), remark.c_str());
     }
     return result.state == stream_state::damaged ? status_damaged : 0;
 }
 
+int parse_and_run(int argc, char** argv) {
+    view_options options;
+    std::string wrong = parse_view_options(argc, argv, &options);
+    if (wrong.empty() && !options.wants_help) {
+        return run(options);
+    }
+    FILE* to = wrong.empty() ? stdout : stderr;
+    (void)fprintf(to, "%s%s%s%.*s", wrong.empty() ? "" : "rtraceview: ", wrong.c_str(),
+                  wrong.empty() ? "" : "\n", static_cast<int>(view_usage.size()), view_usage.data());
+    return wrong.empty() ? 0 : status_failed;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    view_options options;
-    std::string wrong = parse_view_options(argc, argv, &options);
-    if (!wrong.empty() || options.wants_help) {
-        FILE* to = wrong.empty() ? stdout : stderr;
-        (void)fprintf(to, "%s%s%s%.*s", wrong.empty() ? "" : "rtraceview: ", wrong.c_str(),
-                      wrong.empty() ? "" : "\n", static_cast<int>(view_usage.size()), view_usage.data());
-        return wrong.empty() ? 0 : status_failed;
-    }
     try {
-        return run(options);
+        return parse_and_run(argc, argv);
     } catch (const std::exception& error) {
         (void)fprintf(stderr, "rtraceview: %s\n", error.what());
         return status_failed;

@@ -40,6 +40,11 @@ bool is_plain(char character) {
 
 }  // namespace
 
+bool is_date(int64_t time_ms) {
+    constexpr int64_t limit_ms = 253402300800000;  // the year 10000
+    return time_ms >= 0 && time_ms < limit_ms;
+}
+
 text_output::text_output(byte_sink sink) : sink_(std::move(sink)) {
     buffer_.reserve(2 * piece_size);
 }
@@ -110,8 +115,7 @@ void text_output::put_csv(std::string_view text) {
 }
 
 void text_output::put_time(int64_t time_ms) {
-    constexpr int64_t limit_ms = 253402300800000;  // the year 10000
-    if (time_ms < 0 || time_ms >= limit_ms) {
+    if (!is_date(time_ms)) {
         put(std::to_string(time_ms)), put(" ms");
         return;
     }

@@ -6,6 +6,9 @@
 #include <string>
 #include <string_view>
 
+// Whether a time is between 1970 and the year 10000.
+bool is_date(int64_t time_ms);
+
 class text_output {
 public:
     // Takes all of the text; throws when it can't.

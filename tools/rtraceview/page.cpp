@@ -79,6 +79,9 @@ void page_builder::begin(int64_t time_ms, uint64_t /*offset*/) {
 void page_builder::end() {}
 
 void page_builder::value(const sample_place& place, double number, int64_t /*time_ms*/) {
+    if (!is_date(times_.back())) {
+        return;  // nowhere on the axis of time
+    }
     const std::vector<plot_row>& rows = plot_rows();
     for (size_t plot = 0; plot < rows.size(); plot++) {
         if (!belongs(rows[plot], place)) {
@@ -185,7 +188,9 @@ void page_builder::write_plot(size_t plot, text_output& out) const {
 void page_builder::write_events(text_output& out) const {
     for (size_t i = 0; i < events_.size(); i++) {
         out.put(i == 0 ? "\n[" : ",\n[");
-        out.put(std::to_string(events_[i].time_ms));
+        // A time that is no date is a text.
+        int64_t time_ms = events_[i].time_ms;
+        is_date(time_ms) ? out.put(std::to_string(time_ms)) : out.put_json(std::to_string(time_ms) + " ms");
         out.put(',');
         out.put_json(events_[i].text);
         out.put(']');

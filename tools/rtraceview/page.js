@@ -33,8 +33,9 @@
         return Number(number.toFixed(2)) + "\u202f" + units[step];
     }
 
+    // A time that is no date comes as a text.
     function moment(time) {
-        return new Date(time).toISOString().replace("T", " ").replace("Z", "");
+        return typeof time === "string" ? time : new Date(time).toISOString().replace("T", " ").replace("Z", "");
     }
 
     function showEverywhere(range) {

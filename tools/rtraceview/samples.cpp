@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "monitor/rtrace_record.h"
+#include "tools/rtraceview/output.h"
 
 namespace {
 
@@ -43,16 +44,6 @@ bool is_of_a_process(uint32_t type) {
 
 std::string_view unit_of(const key_sums::entry& entry) {
     return entry.is_kb ? "KiB" : "";
-}
-
-// What follows "Name:" in the first line of a status file.
-std::string_view name_in(std::string_view status) {
-    constexpr std::string_view mark = "Name:\t";
-    if (!status.starts_with(mark)) {
-        return {};
-    }
-    status.remove_prefix(mark.size());
-    return status.substr(0, status.find('\n'));
 }
 
 // The next text up to `mark`; false when there is none.
@@ -95,6 +86,9 @@ void sample_builder::note_time(const record& next) {
         first_back_offset_ = next.offset;
     }
     last_time_ms_ = next.time_ms;
+    if (!is_date(next.time_ms) && far_times_++ == 0) {
+        first_far_offset_ = next.offset;
+    }
 }
 
 void sample_builder::add(const record& next) {
@@ -111,6 +105,7 @@ void sample_builder::add(const record& next) {
         visitor_.begin(next.time_ms, next.offset);
         samples_++;
         seen_apps_ = 0;
+        seen_processes_.clear();
     }
     last_rank_ = rank_of(next);
     if (last_rank_ == app_rank) {
@@ -163,10 +158,8 @@ void sample_builder::close_file() {
     sums_of_[file_.type].finish();
     switch (file_.type) {
         case rtrace_type_smaps:
-            visit_sums(std::to_string(file_.pid), false);
-            break;
         case rtrace_type_status:
-            visit_sums(std::to_string(file_.pid), true);
+            close_process();
             break;
         case rtrace_type_filenr:
             visit_filenr();
@@ -176,19 +169,29 @@ void sample_builder::close_file() {
             visitor_.text({record_type_name(file_.type), "", "text", ""}, file_.head, file_.time_ms);
             break;
         default:
-            visit_sums("", false);
+            visit_sums("");
     }
     file_.type = 0;
 }
 
-void sample_builder::visit_sums(std::string_view subject, bool with_name) {
-    const char* source = record_type_name(file_.type);
-    std::string_view name = with_name ? name_in(file_.head) : std::string_view();
-    if (!name.empty()) {
-        visitor_.text({source, subject, "Name", ""}, name, file_.time_ms);
+// A process id may be given to another process while the processes are gone through.
+void sample_builder::close_process() {
+    uint64_t mark = uint64_t{file_.type} << 32 | static_cast<uint32_t>(file_.pid);
+    if (seen_processes_.size() < processes_limit && seen_processes_.insert(mark).second) {
+        visit_sums(std::to_string(file_.pid));
+    } else {
+        repeated_++;
     }
+}
+
+void sample_builder::visit_sums(std::string_view subject) {
+    const char* source = record_type_name(file_.type);
     for (const key_sums::entry& entry : sums_of_[file_.type].entries()) {
-        if (entry.is_present) {
+        if (entry.rule == key_rule::text) {
+            if (!entry.text.empty() && file_.type == rtrace_type_status) {
+                visitor_.text({source, subject, entry.key, ""}, entry.text, file_.time_ms);
+            }
+        } else if (entry.is_present) {
             visitor_.value({source, subject, entry.key, unit_of(entry)}, static_cast<double>(entry.sum),
                            file_.time_ms);
         }

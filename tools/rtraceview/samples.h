@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 
 #include "tools/rtraceview/app_output.h"
@@ -42,6 +43,13 @@ public:
     // How often the clock went back, and the first record where it did.
     uint64_t times_back() const { return times_back_; }
     uint64_t first_back_offset() const { return first_back_offset_; }
+    // Records whose time is no date (text_output::put_time), and the first of them.
+    uint64_t far_times() const { return far_times_; }
+    uint64_t first_far_offset() const { return first_far_offset_; }
+    // Files of processes that the sample had already, or that were more than it may have; left out.
+    uint64_t repeated_processes() const { return repeated_; }
+
+    static constexpr size_t processes_limit = 131072;  // files of processes in one sample
 
 private:
     struct open_file {
@@ -56,7 +64,8 @@ private:
     void add_piece(const record& next);
     void close_file();
     void give_up_file();
-    void visit_sums(std::string_view subject, bool with_name);
+    void close_process();
+    void visit_sums(std::string_view subject);
     void visit_filenr();
     void visit_disks(const record& next);
     void visit_app(const record& next);
@@ -76,4 +85,8 @@ private:
     uint64_t unfinished_ = 0;
     uint64_t times_back_ = 0;
     uint64_t first_back_offset_ = 0;
+    uint64_t far_times_ = 0;
+    uint64_t first_far_offset_ = 0;
+    std::unordered_set<uint64_t> seen_processes_;  // types and process ids of this sample
+    uint64_t repeated_ = 0;
 };

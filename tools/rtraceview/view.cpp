@@ -25,6 +25,15 @@ void view_samples(record_reader& reader, sample_visitor& visitor, view_result* r
         result->remarks.push_back("files without their end, left out: " +
                                   std::to_string(builder.unfinished_files()));
     }
+    if (builder.repeated_processes() > 0) {
+        result->remarks.push_back("processes that a sample had already, left out: " +
+                                  std::to_string(builder.repeated_processes()));
+    }
+    if (builder.far_times() > 0) {
+        result->remarks.push_back(
+            "offset " + std::to_string(builder.first_far_offset()) +
+            ": a time that is no date; times in all: " + std::to_string(builder.far_times()));
+    }
     if (builder.times_back() > 0) {
         result->remarks.push_back(
             "offset " + std::to_string(builder.first_back_offset()) +
@@ -47,7 +56,11 @@ void remark_on_stream(const record_reader& reader, view_result* result) {
 
 view_result view_trace(const record_reader::byte_source& source, view_format format, std::string_view title,
                        text_output& out) {
-    record_reader reader(source);
+    // What has been read is shown before the source is waited for.
+    record_reader reader([&source, &out](char* to, size_t size) {
+        out.flush();
+        return source(to, size);
+    });
     view_result result;
     page_builder page;
     if (format == view_format::text) {

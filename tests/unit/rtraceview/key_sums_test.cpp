@@ -48,9 +48,43 @@ TEST(rtraceview_key_sums, takes_a_last_line_without_newline) {
 }
 
 TEST(rtraceview_key_sums, passes_over_what_is_no_number) {
-    EXPECT_EQ(summed("Name:\tinit\nState:\tS (sleeping)\nUid:\t0\t0\nA\nB:\n:\nC:1x\nlower: "
+    EXPECT_EQ(summed("State:\tS (sleeping)\nUid:\t0\t0\nA\nB:\n:\nC:1x\nlower: "
                      "1\nD:99999999999999999999\n"),
               (std::map<std::string, uint64_t>{{"Uid", 0}}));
+}
+
+TEST(rtraceview_key_sums, keeps_the_largest_of_sizes_that_do_not_add_up) {
+    EXPECT_EQ(
+        summed("Size: 8 kB\nKernelPageSize: 4 kB\nMMUPageSize: 4 kB\nSize: 2048 kB\nKernelPageSize: 2048 "
+               "kB\nMMUPageSize: 4 kB\nSize: 4 kB\nKernelPageSize: 4 kB\n"),
+        (std::map<std::string, uint64_t>{{"KernelPageSize", 2048}, {"MMUPageSize", 4}, {"Size", 2060}}));
+}
+
+TEST(rtraceview_key_sums, keeps_names_and_masks_as_they_stand) {
+    for (size_t piece : {size_t{1}, size_t{7}, SIZE_MAX}) {
+        std::string_view text =
+            "Name:\t 42\nUmask:\t0022\nSigIgn:\t0000000000001000\nCapEff:\t000001ffffffffff\n"
+            "Cpus_allowed:\t3\nCpus_allowed_list:\t0-1\nThreads:\t2\n";
+        key_sums sums;
+        sums.begin();
+        for (; !text.empty(); text.remove_prefix(std::min(piece, text.size()))) {
+            sums.add(text.substr(0, piece));
+        }
+        std::map<std::string, std::string> texts;
+        for (const key_sums::entry& entry : sums.entries()) {
+            if (entry.rule == key_rule::text) {
+                texts[entry.key] = entry.text;
+            }
+        }
+        EXPECT_EQ(texts, (std::map<std::string, std::string>{{"Name", " 42"},
+                                                             {"Umask", "0022"},
+                                                             {"SigIgn", "0000000000001000"},
+                                                             {"CapEff", "000001ffffffffff"},
+                                                             {"Cpus_allowed", "3"},
+                                                             {"Cpus_allowed_list", "0-1"}}));
+        sums.begin();
+        EXPECT_EQ(sums.entries()[0].text, "");
+    }
 }
 
 TEST(rtraceview_key_sums, knows_which_numbers_are_sizes) {

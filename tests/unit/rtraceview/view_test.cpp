@@ -102,6 +102,25 @@ TEST(rtraceview_json, stays_json_whatever_the_text_is) {
                   "\\ufffd\\ufffd\\ufffd\\u000a\"}}\n");
 }
 
+TEST(rtraceview_json, has_masks_as_the_kernel_writes_them) {
+    EXPECT_EQ(
+        json_of(file_of_process(3, 7, "Name:\t12\nSigIgn:\t0000000000001000\nSigCgt:\t7fffffffffffffff\n")),
+        begun(some_time_ms, 0) +
+            ",\"status\":{\"7\":{\"Name\":\"12\",\"SigIgn\":\"0000000000001000\","
+            "\"SigCgt\":\"7fffffffffffffff\"}}}\n");
+}
+
+TEST(rtraceview_json, has_a_process_that_comes_twice_in_a_sample_once) {
+    std::string group = header(4, 0, 1) + file_of_process(2, 7, "Rss: 1 kB\n") +
+                        file_of_process(2, 7, "Rss: 2 kB\n") + file_of_process(2, 8, "Rss: 3 kB\n") +
+                        file_of_process(2, 7, "Rss: 4 kB\n") + file_of_process(3, 7, "VmRSS: 5 kB\n") +
+                        header(4, 0, 0);
+    viewed got = view(group + group, view_format::json);
+    std::string one = ",\"smaps\":{\"7\":{\"Rss\":1},\"8\":{\"Rss\":3}},\"status\":{\"7\":{\"VmRSS\":5}}}\n";
+    EXPECT_EQ(got.text, begun(some_time_ms, 0) + one + begun(some_time_ms, group.size()) + one);
+    EXPECT_EQ(got.remarks, (std::vector<std::string>{"processes that a sample had already, left out: 4"}));
+}
+
 TEST(rtraceview_json, of_nothing_is_nothing) {
     EXPECT_EQ(json_of(""), "");
 }
@@ -110,6 +129,31 @@ TEST(rtraceview_json, remarks_that_time_goes_back) {
     viewed got = view(file_of(8, "A: 1\n", 2000) + file_of(8, "A: 1\n", 1000) + file_of(8, "A: 1\n", 500),
                       view_format::json);
     EXPECT_EQ(got.remarks, (std::vector<std::string>{"offset 45: the time goes back; times in all: 2"}));
+}
+
+TEST(rtraceview_view, remarks_times_that_are_no_dates) {
+    viewed got = view(file_of(8, "A: 1\n", 2000) + file_of(8, "A: 1\n", INT64_MAX), view_format::csv);
+    EXPECT_EQ(got.remarks, (std::vector<std::string>{"offset 45: a time that is no date; times in all: 2"}));
+}
+
+// What a reader of a live trace waits for is what came last, whole records and no more.
+TEST(rtraceview_view, shows_what_was_read_before_it_waits_for_more) {
+    std::string one = file_of(8, "MemFree: 6 kB\n");
+    for (view_format format : {view_format::text, view_format::json, view_format::csv}) {
+        std::string text;
+        std::vector<size_t> shown;  // before each read
+        auto source = [&, reads = 0](char* to, size_t) mutable {
+            shown.push_back(text.size());
+            memcpy(to, one.data(), one.size());
+            return reads++ < 3 ? one.size() : 0;
+        };
+        text_output out([&text](std::string_view piece) { text.append(piece); });
+        view_trace(source, format, "live", out);
+        ASSERT_EQ(shown.size(), 4u);
+        EXPECT_LT(shown[0], shown[1]);
+        EXPECT_LT(shown[1], shown[2]);
+        EXPECT_LT(shown[2], shown[3]);
+    }
 }
 
 TEST(rtraceview_view, remarks_damage_and_unknown_records) {
@@ -215,6 +259,18 @@ TEST(rtraceview_html, puts_times_that_go_back_in_order) {
         view(file_of(8, "MemFree: 1 kB\n", 2000) + file_of(8, "MemFree: 2 kB\n", 1000), view_format::html)
             .text);
     EXPECT_NE(plots.find("[\n[1000,2],\n[2000,1]]"), std::string::npos) << plots;
+}
+
+TEST(rtraceview_html, plots_no_sample_whose_time_is_no_date) {
+    std::string stream = file_of(8, "MemFree: 1 kB\n", 1000);
+    for (int64_t time_ms : {INT64_MAX, INT64_MIN, int64_t{-1}}) {
+        stream += file_of(8, "MemFree: 2 kB\n", time_ms) + record_with(12, "up\n", 0, time_ms);
+    }
+    std::string plots = plots_in(view(stream, view_format::html).text);
+    EXPECT_NE(plots.find("\"rows\":[\n[1000,1]]}"), std::string::npos) << plots;
+    EXPECT_NE(plots.find("\"events\":[\n[\"9223372036854775807 ms\",\"up\"],\n[\"-9223372036854775808 ms\""),
+              std::string::npos)
+        << plots;
 }
 
 TEST(rtraceview_html, is_one_page_that_fetches_nothing) {
