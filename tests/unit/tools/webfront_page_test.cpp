@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "tools/webfront/page.h"
 
@@ -14,6 +16,29 @@ std::string_view bytes_of(std::string_view path) {
 
 bool holds(std::string_view text, std::string_view part) {
     return text.find(part) != std::string_view::npos;
+}
+
+// The names of the modules that are named between `before` and a double quote.
+std::vector<std::string> modules_named(std::string_view text, std::string_view before) {
+    std::vector<std::string> names;
+    for (size_t at = text.find(before); at != std::string_view::npos; at = text.find(before, at)) {
+        at += before.size();
+        names.emplace_back(text.substr(at, text.find('"', at) - at));
+    }
+    return names;
+}
+
+// The page's script, the modules it imports, the modules these import, and so on.
+std::vector<std::string> all_modules() {
+    std::vector<std::string> all = modules_named(bytes_of("/"), "<script type=\"module\" src=\"/webfront/");
+    for (size_t i = 0; i < all.size(); i++) {
+        for (const std::string& name : modules_named(bytes_of("/webfront/" + all[i]), " from \"./")) {
+            if (std::ranges::find(all, name) == all.end()) {
+                all.push_back(name);
+            }
+        }
+    }
+    return all;
 }
 
 }  // namespace
@@ -39,7 +64,27 @@ TEST(webfront_page, is_whole) {
     EXPECT_TRUE(bytes_of("/").starts_with("<!DOCTYPE html>\n"));
     EXPECT_TRUE(bytes_of("/").ends_with("</html>\n"));
     EXPECT_TRUE(bytes_of("/webfront/page.css").ends_with("}\n"));
-    EXPECT_FALSE(bytes_of("/webfront/page.js").empty());
+}
+
+TEST(webfront_page, serves_every_module_that_its_script_imports) {
+    ASSERT_GT(all_modules().size(), 1U);
+    for (const std::string& name : all_modules()) {
+        const webfront_page_file* file = webfront_find_page_file("/webfront/" + name);
+        ASSERT_NE(file, nullptr) << name;
+        EXPECT_EQ(file->content_type, "text/javascript; charset=utf-8") << name;
+        EXPECT_TRUE(file->bytes.ends_with("\n")) << name;
+    }
+}
+
+// Otherwise a browser learns of a module only after it has read the one that imports it, with a round trip
+// each.
+TEST(webfront_page, preloads_every_module_that_its_script_imports) {
+    std::vector<std::string> imported = all_modules();
+    std::vector<std::string> preloaded =
+        modules_named(bytes_of("/"), "<link rel=\"modulepreload\" href=\"/webfront/");
+    imported.erase(imported.begin());
+    std::ranges::sort(imported);
+    EXPECT_EQ(preloaded, imported);
 }
 
 TEST(webfront_page, needs_nothing_that_its_policy_forbids) {
@@ -49,8 +94,11 @@ TEST(webfront_page, needs_nothing_that_its_policy_forbids) {
         EXPECT_FALSE(holds(page, forbidden)) << forbidden;
         EXPECT_FALSE(holds(bytes_of("/webfront/page.css"), forbidden)) << forbidden;
     }
-    for (std::string_view forbidden : {"eval(", "innerHTML", "outerHTML", "insertAdjacentHTML", "http:"}) {
-        EXPECT_FALSE(holds(bytes_of("/webfront/page.js"), forbidden)) << forbidden;
+    for (const std::string& name : all_modules()) {
+        for (std::string_view forbidden :
+             {"eval(", "innerHTML", "outerHTML", "insertAdjacentHTML", "http:"}) {
+            EXPECT_FALSE(holds(bytes_of("/webfront/" + name), forbidden)) << name << ": " << forbidden;
+        }
     }
     EXPECT_TRUE(holds(webfront_page_fields, "default-src 'none'"));
     EXPECT_FALSE(holds(webfront_page_fields, "unsafe"));

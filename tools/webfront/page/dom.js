@@ -1,0 +1,23 @@
+// Short names for finding and making elements.
+
+export const find = (selector, root = document) => root.querySelector(selector);
+export const findAll = (selector, root = document) => [...root.querySelectorAll(selector)];
+
+export function make(name, properties = {}, ...children) {
+    const element = Object.assign(document.createElement(name), properties);
+    element.append(...children);
+    return element;
+}
+
+export function button(text, action, label = text) {
+    const made = make("button", {type: "button", onclick: action}, text);
+    made.setAttribute("aria-label", label);
+    return made;
+}
+
+// Changes only what is another than before: the list is drawn every few seconds.
+export function put(element, text) {
+    if (element.textContent !== text) {
+        element.textContent = text;
+    }
+}

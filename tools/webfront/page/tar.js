@@ -1,0 +1,55 @@
+// An archive as it streams.
+
+const TAR_BLOCK = 512;
+
+// Tells the members of a tar stream from pieces of any size.
+export class TarFollower {
+    #header = new Uint8Array(TAR_BLOCK);
+    #filled = 0;
+    #skip = 0;
+    #ended = false;
+    failed = false;
+    members = 0;
+
+    constructor(onMember) {
+        this.onMember = onMember;
+    }
+
+    feed(bytes) {
+        while (bytes.length > 0 && !this.failed && !this.#ended) {
+            const skipped = Math.min(this.#skip, bytes.length);
+            this.#skip -= skipped;
+            bytes = bytes.subarray(skipped);
+            const taken = bytes.subarray(0, TAR_BLOCK - this.#filled);
+            this.#header.set(taken, this.#filled);
+            this.#filled += taken.length;
+            bytes = bytes.subarray(taken.length);
+            if (this.#filled === TAR_BLOCK) {
+                this.#filled = 0;
+                this.#readHeader();
+            }
+        }
+    }
+
+    // Whether the stream may end here: behind a member or behind the empty blocks that end an archive.
+    get whole() {
+        return !this.failed && this.members > 0 && this.#filled === 0 && this.#skip === 0;
+    }
+
+    #readHeader() {
+        if (this.#header.every((byte) => byte === 0)) {
+            this.#ended = true;
+            return;
+        }
+        const text = new TextDecoder();
+        const name = text.decode(this.#header.subarray(0, 100)).split("\0", 1)[0];
+        const length = parseInt(text.decode(this.#header.subarray(124, 136)), 8);
+        if (text.decode(this.#header.subarray(257, 262)) !== "ustar" || !(length >= 0)) {
+            this.failed = true;
+            return;
+        }
+        this.members++;
+        this.#skip = Math.ceil(length / TAR_BLOCK) * TAR_BLOCK;
+        this.onMember(name);
+    }
+}
