@@ -120,7 +120,7 @@ def test_reserved_memory_costs_nothing(machine):
 def test_kinds_of_memory(machine, program):
     content, said, _ = dump(machine, "kinds")
     core = Core(content)
-    secret, closed, shared, cut, written = (int(word, 16) for word in said.split())
+    secret, closed, shared, cut, written, _ = (int(word, 16) for word in said.split())
     assert core.covers(secret) and core.at(secret, 1) is None
     assert core.at(closed, 2 * PAGE) == b"c" * 2 * PAGE
     assert core.at(shared, PAGE) == b"S" * PAGE

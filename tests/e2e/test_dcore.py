@@ -3,7 +3,9 @@
 import ctypes
 import os
 import pathlib
+import random
 import re
+import resource
 import shutil
 import signal
 import struct
@@ -14,7 +16,7 @@ import time
 import pytest
 
 from core_file import (
-    FLAGS, KNOWN_DOUBLE, KNOWN_GLOBAL, SOURCE, X86_XSTATE, Core, announced, bare_core, gdb_words,
+    FLAGS, FPREGSET, KNOWN_DOUBLE, KNOWN_GLOBAL, SOURCE, X86_XSAVE_LAYOUT, X86_XSTATE, Core, announced, bare_core, gdb_words,
 )  # fmt: skip
 from zarvo_e2e import BIN, PATIENCE, SANITIZE, process_stat, wait_for
 
@@ -24,6 +26,9 @@ PTRACE_SEIZE, PTRACE_INTERRUPT, PTRACE_DETACH, PTRACE_GETREGSET = 0x4206, 0x4207
 WALL = 0x40000000
 NO_LOCK = "had to go on before its memory was read"
 MEMORY_LIMIT_KB = 4096
+DUMP_LIMIT = 20 if SANITIZE else 2  # seconds, for a small process
+YMM_HIGH, MASKS, ZMM_HIGH, ZMM_16_TO_31 = 2, 5, 6, 7    # parts of the extended registers
+FAST = os.environ.get("ZARVO_FAST") == "1" and os.environ.get("ZARVO_SLOW") != "1"
 
 pytestmark = pytest.mark.skipif(not shutil.which("g++"), reason="needs g++")
 
@@ -213,7 +218,9 @@ def test_listing_the_file_raises_no_complaint(start, tmp_path, tool):
     path.write_bytes(run_dcore(start("threads", 2).pid)[0])
     ran = subprocess.run([tool, "-a", path], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     assert (ran.returncode, ran.stderr) == (0, "")
-    assert not re.search("warning|error|invalid|corrupt|<unknown>", ran.stdout, re.IGNORECASE), ran.stdout
+    # The kernel's note of where a processor has its registers is younger than many a tool.
+    said = re.sub(rf"^ +LINUX +\d+ +<unknown>: {X86_XSAVE_LAYOUT}$", "", ran.stdout, flags=re.MULTILINE)
+    assert not re.search("warning|error|invalid|corrupt|<unknown>", said, re.IGNORECASE), ran.stdout
     for note, count in {"PRSTATUS": 3, "PRPSINFO": 1, "SIGINFO": 1, "AUXV": 1, "NT_FILE|FILE$": 1, "FPREGSET": 3,
                         "X86_XSTATE": 3}.items():  # fmt: skip
         assert len(re.findall(rf"^ +(?:CORE|LINUX) .*(?:{note})", ran.stdout, re.MULTILINE)) == count, note
@@ -229,6 +236,72 @@ def test_process_is_described(start, tmp_path):
     for wanted in ("fname: dumped", f"psargs: {target.args[0]} threads 0", f"pid: {target.pid}, ppid: {os.getpid()}",
                    f"uid: {os.getuid()}, gid: {os.getgid()}", "sname: S", "fpvalid: 1"):  # fmt: skip
         assert wanted in notes, notes
+
+
+def test_program_and_libraries_are_found_by_their_build_ids(program, start, tmp_path):
+    if not shutil.which("eu-unstrip"):
+        pytest.skip("needs eu-unstrip")
+    (tmp_path / "core").write_bytes(run_dcore(start("threads", 0).pid)[0])
+    found = subprocess.run(["eu-unstrip", "-n", f"--core={tmp_path}/core"], stdout=subprocess.PIPE,
+                           stderr=subprocess.PIPE, text=True)  # fmt: skip
+    assert (found.returncode, found.stderr) == (0, "")
+    for name in (str(program), next(re.finditer(r"\S+/libc\.so\.6", found.stdout))[0]):
+        notes = subprocess.run(["eu-readelf", "-n", name], stdout=subprocess.PIPE, text=True).stdout
+        build = re.search(r"Build ID: ([0-9a-f]+)", notes)[1]
+        assert re.search(rf"^\S+ {build}@\S+ .*{re.escape(name)}", found.stdout, re.MULTILINE), found.stdout
+
+
+# Registers. The program says how it filled them.
+
+
+def vector(row, begin, end):
+    return bytes(row * 7 + i + 1 & 0xFF for i in range(begin, end))
+
+
+def test_registers_of_floating_point_numbers_and_vectors(start):
+    target = start("registers")
+    wait_for(lambda: process_stat(target.pid)[0] == "S", "waiting")
+    [floats] = Core(run_dcore(target.pid)[0]).notes_of(FPREGSET)
+    for i in range(8):
+        mantissa, exponent = struct.unpack_from("<QH", floats, 32 + i * 16)
+        assert mantissa * 2.0 ** (exponent - 16383 - 63) == i + 0.5
+    for row in range(16):
+        assert floats[160 + row * 16 :][:16] == vector(row, 0, 16)
+
+
+def test_registers_that_only_some_processors_have(start):
+    target = start("registers")
+    wait_for(lambda: process_stat(target.pid)[0] == "S", "waiting")
+    core = Core(run_dcore(target.pid)[0])
+    if target.said == "sse":
+        pytest.skip("the processor has no such registers")
+    [state], [layout] = core.notes_of(X86_XSTATE), core.notes_of(X86_XSAVE_LAYOUT)
+    parts = {part: state[at:][:size] for part, size, at, _ in struct.iter_unpack("<4I", layout)}
+    for row in range(16):
+        assert parts[YMM_HIGH][row * 16 :][:16] == vector(row, 16, 32)
+    if target.said == "avx512":
+        assert parts[MASKS][8:16] == struct.pack("<Q", 0x1234)
+        assert parts[ZMM_16_TO_31][:64] == vector(16, 0, 64)
+        for row in range(16):
+            assert parts[ZMM_HIGH][row * 32 :][:32] == vector(row, 32, 64)
+
+
+def test_description_of_the_registers_is_the_kernel_s(start, tmp_path):
+    """Where crashes leave a file and the kernel is one that describes them."""
+    if pathlib.Path("/proc/sys/kernel/core_pattern").read_text().strip() != "core":
+        pytest.skip("crashes leave no file beside the program")
+    words = [start("threads", 0).args[0], "threads", "1"]
+    limit = resource.getrlimit(resource.RLIMIT_CORE)[1]
+    with subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, cwd=tmp_path,
+                          preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_CORE, (limit, limit))) as target:
+        target.stdout.readline()
+        ours = Core(run_dcore(target.pid)[0])
+        target.send_signal(signal.SIGSEGV)
+    found = list(tmp_path.glob("core*"))
+    if not found or not (theirs := Core(found[0].read_bytes())).notes_of(X86_XSAVE_LAYOUT):
+        pytest.skip("the kernel left no such core")
+    assert ours.notes_of(X86_XSAVE_LAYOUT) == theirs.notes_of(X86_XSAVE_LAYOUT)
+    assert [kind for kind, _ in ours.notes] == [kind for kind, _ in theirs.notes]
 
 
 # The control line and where the core goes.
@@ -335,7 +408,7 @@ def test_dumper_itself_stays_small(start, stall, words):
 
 def test_kinds_of_memory(start):
     target = start("kinds")
-    secret, closed, shared, cut, written = (int(word, 16) for word in target.said.split())
+    secret, closed, shared, cut, written, _ = (int(word, 16) for word in target.said.split())
     core = Core(run_dcore(target.pid)[0])
     assert core.covers(secret) and core.at(secret, 1) is None
     assert core.at(closed, 2 * PAGE) == b"c" * 2 * PAGE
@@ -345,17 +418,41 @@ def test_kinds_of_memory(start):
     assert core.at(written, 2 * PAGE) == b"w" + program[1 : 2 * PAGE]
 
 
-@pytest.mark.parametrize("bits,there", [(0x33, "cSxwe"), (0, ""), (0x1, "cxw"), (0x2, "S"), (0x10, "e"), (0x4, "xwe")])
+@pytest.mark.parametrize("bits,there", [(0x33, "cSxwe"), (0, ""), (0x1, "cxw"), (0x2, "S"), (0x10, "e"),
+                                        (0x4, "xwe"), (0x8, "f")])  # fmt: skip
 def test_filter_of_the_process_is_heeded(start, bits, there):
     target = start("kinds")
-    secret, closed, shared, cut, written = (int(word, 16) for word in target.said.split())
+    secret, closed, shared, cut, written, of_file = (int(word, 16) for word in target.said.split())
     pathlib.Path(f"/proc/{target.pid}/coredump_filter").write_text(f"{bits:#x}")
     own = re.search(rf"^([0-9a-f]+)-.* 0+ .*{re.escape(str(target.args[0]))}$",
                     pathlib.Path(f"/proc/{target.pid}/maps").read_text(), re.MULTILINE)  # fmt: skip
     core = Core(run_dcore(target.pid)[0])
-    places = {"c": closed, "S": shared, "x": cut, "w": written, "e": int(own[1], 16)}
+    places = {"c": closed, "S": shared, "x": cut, "w": written, "e": int(own[1], 16), "f": of_file}
     assert "".join(name for name, address in places.items() if core.at(address, 1) is not None) == there
     assert core.covers(secret) and core.at(secret, 1) is None
+    if "f" in there:
+        assert core.at(of_file, 2 * PAGE) == b"f" * 2 * PAGE
+
+
+@pytest.mark.parametrize("bits,there", [(0, ""), (0x1, ""), (0x20, "p"), (0x40, "s"), (0x60, "ps")])
+def test_filter_tells_huge_pages_from_others(start, bits, there):
+    target = start("huge")
+    places = dict(zip("ps", target.said.split()))
+    if "(nil)" in places.values():
+        pytest.skip("the machine has no huge pages reserved")
+    pathlib.Path(f"/proc/{target.pid}/coredump_filter").write_text(f"{bits:#x}")
+    core = Core(run_dcore(target.pid)[0])
+    for name, address in places.items():
+        for at in (int(address, 16), int(address, 16) + (2 << 20) - PAGE):
+            assert core.at(at, PAGE) == (name.encode() * PAGE if name in there else None)
+
+
+def test_page_that_the_kernel_makes_huge_is_as_any_other(start):
+    target = start("huge")
+    address = int(target.said.split()[2], 16)
+    core = Core(run_dcore(target.pid)[0])
+    for at in (address, address + (2 << 20) - PAGE):
+        assert core.at(at, PAGE) == b"t" * PAGE
 
 
 def test_devices_are_left_out(start):
@@ -374,10 +471,14 @@ def test_devices_are_left_out(start):
 # The process goes on as if nothing had been.
 
 
-@pytest.mark.parametrize("kind", ["epoll", "poll", "read", "sleep", "signal", "receive", "semaphore"])
+@pytest.mark.parametrize("kind", ["epoll", "poll", "read", "sleep", "signal", "receive", "semaphore",
+                                  "send_many", "send_file", "splice", "uring"])  # fmt: skip
 def test_call_that_waits_goes_on_waiting(start, kind):
     target = start(kind)
-    wait_for(lambda: process_stat(target.pid)[0] == "S", "asleep")
+    wait_for(lambda: process_stat(target.pid)[0] in "SZ", "asleep")
+    if process_stat(target.pid)[0] == "Z":
+        assert target.communicate()[0].startswith(b"-2 ")
+        pytest.skip("the kernel has no such call")
     for _ in range(3):
         run_dcore(target.pid)
     assert_free(target.pid)
@@ -410,6 +511,106 @@ def test_stopped_process_stays_stopped(start):
     assert target.returncode == 0
 
 
+def queue_signals(pid, count):
+    for _ in range(count):
+        os.kill(pid, signal.SIGRTMIN)
+
+
+def test_signals_that_arrive_during_a_dump_are_all_handled_after_it(start, hold):
+    target = start("signals", 20)
+    rounds = 0
+
+    def held_all_the_time():
+        nonlocal rounds
+        rounds += 1
+        dumper = hold(target.pid)
+        target.send_signal(signal.SIGUSR1)
+        queue_signals(target.pid, 7)
+        held = is_held(target.pid)
+        dumper.end()
+        # A usual signal counts once, however often it is sent before it is handled.
+        wait_for(lambda: status_field(target.pid, "ShdPnd").strip("0") == "", "handled")
+        return held
+
+    wait_for(held_all_the_time, "held all the time")
+    assert_free(target.pid)
+    out, _ = target.communicate(timeout=PATIENCE)
+    assert out == f"{rounds} {rounds * 7}\n".encode()
+
+
+@pytest.mark.parametrize("number,states", [(signal.SIGSTOP, "T"), (signal.SIGCONT, "SR")])
+def test_stop_or_its_end_that_arrives_during_a_dump_takes_effect_after_it(start, hold, number, states):
+    target = start("signals", 20)
+
+    def held_all_the_time():
+        if number == signal.SIGCONT:
+            target.send_signal(signal.SIGSTOP)
+            assert_free(target.pid, "T")
+        dumper = hold(target.pid)
+        target.send_signal(number)
+        held = is_held(target.pid)
+        dumper.end()
+        assert_free(target.pid, states)
+        target.send_signal(signal.SIGCONT)
+        assert_free(target.pid)
+        return held
+
+    wait_for(held_all_the_time, "held all the time")
+    target.communicate(timeout=PATIENCE)
+    assert target.returncode == 0
+
+
+def dump_again_and_again(target, times):
+    """How many of the dumps gave a core; each comes to its end in time."""
+    whole = 0
+    for _ in range(times):
+        ran = subprocess.run([DCORE, str(target.pid)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE, timeout=DUMP_LIMIT)
+        whole += ran.returncode == 0 and len(ran.stdout) == announced(ran.stderr)[0]
+        assert target.poll() is None
+    return whole
+
+
+@pytest.mark.parametrize("threads", [0, 1, 4, 30])
+def test_program_that_starts_programs_all_the_time_is_dumped_and_goes_on(start, threads):
+    target = start("execs", threads)
+    assert dump_again_and_again(target, 100) >= 98
+    assert_free(target.pid)
+
+
+@pytest.mark.skipif(FAST, reason="ZARVO_FAST=1: takes a minute")
+def test_three_thousand_dumps_of_a_program_that_starts_programs_all_the_time(start):
+    target, other = start("execs", 4), start("execs", 30)
+    times = 1500 // (10 if SANITIZE else 1)
+    whole = [0, 0]
+
+    def dump(index, each):
+        whole[index] = dump_again_and_again(each, times)
+
+    threads = [threading.Thread(target=dump, args=pair) for pair in enumerate((target, other))]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    print(f"{whole} of {times} each")
+    assert sum(whole) >= 2 * times * 98 // 100
+
+
+def test_program_that_does_not_come_to_its_start_is_given_up(start):
+    """Its new image waits until the thread that we trace has been reaped, and no tracer gets in until then."""
+    target = start("exec_when_told", 1)
+    [thread] = [int(tid) for tid in os.listdir(f"/proc/{target.pid}/task") if int(tid) != target.pid]
+    ptrace(PTRACE_SEIZE, thread)
+    target.stdin.write(b"x")
+    target.stdin.flush()
+    wait_for(lambda: process_stat(thread)[0] == "Z", "ended")
+    assert refusal(target.pid) == "is starting another program and does not come to an end of it"
+    assert os.waitpid(thread, WALL)[0] == thread
+    wait_for(lambda: target.stdout.readline() == b"ready\n", "started")
+    out, _ = target.communicate(b"x", timeout=PATIENCE)
+    assert out == b"1 0\n"
+
+
 def test_threads_that_come_and_go_do_not_matter(start):
     target = start("churns")
     for _ in range(30):
@@ -439,6 +640,60 @@ def test_dumper_that_is_killed_lets_go(start, hold):
     dumper.process.wait()
     assert_free(target.pid)
     assert run_dcore(target.pid)[1] == ""
+
+
+def kill_dumper(pid, rng, longest, number):
+    dumper = subprocess.Popen([DCORE, "-c", "/dev/null", str(pid)], stdin=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL)
+    time.sleep(rng.uniform(0, longest))     # what is tested is any moment
+    dumper.send_signal(number)
+    dumper.wait()
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGKILL])
+def test_dumper_that_is_killed_at_any_moment_does_no_harm(start, number):
+    rng = random.Random(number)
+    began = time.monotonic()
+    busy, many, execs, stopped = start("signals", 2), start("threads", 20), start("execs", 4), start("threads", 2)
+    stopped.send_signal(signal.SIGSTOP)
+    run_dcore(many.pid)
+    longest = (time.monotonic() - began) * 2
+    targets = [busy, many, execs, stopped]
+    for i in range(100):
+        queue_signals(busy.pid, 3)
+        kill_dumper(targets[i % 4].pid, rng, longest, number)
+    for target in targets:
+        assert target.poll() is None
+        assert_free(target.pid, "T" if target is stopped else "SRD")
+    stopped.send_signal(signal.SIGCONT)
+    assert busy.communicate(timeout=PATIENCE)[0] == b"0 300\n"
+    for target in (many, stopped):
+        target.communicate(timeout=PATIENCE)
+        assert target.returncode == 0
+
+
+def test_call_goes_on_waiting_when_the_dumper_is_ended_at_any_moment(start):
+    rng = random.Random(2)
+    target = start("epoll")
+    wait_for(lambda: process_stat(target.pid)[0] == "S", "asleep")
+    for _ in range(100):
+        kill_dumper(target.pid, rng, 0.01, signal.SIGTERM)
+    out, _ = target.communicate(b"x", timeout=PATIENCE)
+    assert out == b"1 0\n"
+
+
+def test_process_goes_on_while_the_dumper_waits_for_a_reader(start, tmp_path):
+    target = start("signals", 1)
+    os.mkfifo(tmp_path / "core")
+    dumper = subprocess.Popen([DCORE, "-c", tmp_path / "core", str(target.pid)], stderr=subprocess.PIPE)
+    wait_for(lambda: process_stat(dumper.pid)[0] == "S", "waiting")
+    target.send_signal(signal.SIGUSR1)
+    wait_for(lambda: status_field(target.pid, "ShdPnd").strip("0") == "", "handled")
+    assert_free(target.pid)
+    content = (tmp_path / "core").read_bytes()
+    _, control = dumper.communicate(timeout=PATIENCE)
+    assert len(content) == announced(control)[0]
+    assert target.communicate(timeout=PATIENCE)[0] == b"1 0\n"
 
 
 def test_reader_that_goes_away_ends_the_dump(start, stall):
@@ -526,10 +781,33 @@ def test_thread_that_is_no_process(start):
     assert refusal(thread) == f"is a thread of process {target.pid}"
 
 
-def test_process_that_is_traced_already(start):
+def test_process_that_is_traced_for_long(start):
     target = start("threads", 0)
-    assert ctypes.CDLL(None).ptrace(PTRACE_SEIZE, target.pid, None, None) == 0
+    ptrace(PTRACE_SEIZE, target.pid)
+    began = time.monotonic()
     assert refusal(target.pid) == f"is traced already, by process {os.getpid()}"
+    assert time.monotonic() - began >= 6
+
+
+def test_process_is_dumped_when_its_tracer_has_gone_and_runs_until_then(start):
+    """One thread is traced; the dumper has the others already, and they handle their signals."""
+    target = start("exec_when_told", 1)
+    [thread] = [int(tid) for tid in os.listdir(f"/proc/{target.pid}/task") if int(tid) != target.pid]
+    ptrace(PTRACE_SEIZE, thread)
+    dumper = subprocess.Popen([DCORE, "-c", "/dev/null", str(target.pid)], stderr=subprocess.PIPE)
+    wait_for(lambda: status_field(target.pid, "TracerPid") == str(dumper.pid), "waiting")
+    target.send_signal(signal.SIGWINCH)
+    target.send_signal(signal.SIGSTOP)
+    wait_for(lambda: process_stat(target.pid)[0] in "tT", "stopped")
+    target.send_signal(signal.SIGCONT)
+    wait_for(lambda: status_field(target.pid, "State")[0] == "S", "going on")
+    assert dumper.poll() is None
+    ptrace(PTRACE_INTERRUPT, thread)
+    os.waitpid(thread, WALL)
+    ptrace(PTRACE_DETACH, thread)
+    _, control = dumper.communicate(timeout=PATIENCE)
+    assert dumper.returncode == 0 and announced(control)[0] > 0
+    assert_free(target.pid)
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="needs root, to be somebody else")

@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <span>
+#include <string>
 
 // A process has the word size of the dumper: the structures of core files follow `long`.
 using core_word = unsigned long;
@@ -37,6 +38,11 @@ struct arch_regset {
 };
 constexpr size_t arch_regset_count_max = 4;
 extern const std::span<const arch_regset> arch_regsets;
+
+// Where the parts of the set `type` are, as the kernel tells it in a note of the owner "LINUX" after those of
+// all threads. `content`: the set of one thread. Empty when the set has no such note.
+std::string arch_regset_layout(unsigned type, std::span<const unsigned char> content);
+constexpr unsigned arch_layout_note = 0x205;  // NT_X86_XSAVE_LAYOUT, which older headers lack
 
 // Puts the stack pointer and the program counter into registers of which nothing else is known.
 void arch_set_position(arch_registers& registers, core_word stack, core_word program_counter);

@@ -18,6 +18,10 @@ constexpr arch_regset regsets[] = {{NT_FPREGSET, "CORE"}};
 
 const std::span<const arch_regset> arch_regsets = regsets;
 
+std::string arch_regset_layout(unsigned, std::span<const unsigned char>) {
+    return {};
+}
+
 void arch_set_position(arch_registers& registers, core_word stack, core_word program_counter) {
     registers.value[r29] = stack;
     registers.value[epc] = program_counter;

@@ -1,6 +1,8 @@
 #if defined(__x86_64__)
 
+#include <cpuid.h>
 #include <errno.h>
+#include <string.h>
 #include <sys/ptrace.h>
 #include <sys/user.h>
 
@@ -14,11 +16,39 @@ static_assert(sizeof(user_regs_struct) == sizeof(arch_registers));
 
 constexpr long restart_without_handler = 514;  // the kernel's ERESTARTNOHAND
 
+// The kernel puts the processor's register XCR0, a bit for each part, into a gap of the set that is the
+// programs' own.
+constexpr size_t parts_offset = 464;
+constexpr unsigned parts_leaf = 13;      // of the instruction CPUID
+constexpr unsigned first_own_place = 2;  // parts 0 and 1 have the same place on every processor
+constexpr unsigned parts_end = 63;
+
+// The kernel's struct x86_xfeat_component.
+struct layout_part {
+    uint32_t part, size, offset, flags;
+};
+
 constexpr arch_regset regsets[] = {{NT_FPREGSET, "CORE"}, {NT_X86_XSTATE, "LINUX"}};
 
 }  // namespace
 
 const std::span<const arch_regset> arch_regsets = regsets;
+
+std::string arch_regset_layout(unsigned type, std::span<const unsigned char> content) {
+    uint64_t parts = 0;
+    if (type == NT_X86_XSTATE && content.size() >= parts_offset + sizeof parts) {
+        memcpy(&parts, content.data() + parts_offset, sizeof parts);
+    }
+    std::string layout;
+    for (unsigned part = first_own_place; part < parts_end; part++) {
+        unsigned size = 0, offset = 0, flags = 0, unused = 0;
+        if (parts >> part & 1 && __get_cpuid_count(parts_leaf, part, &size, &offset, &flags, &unused)) {
+            layout_part row = {part, size, offset, flags};
+            layout.append(reinterpret_cast<const char*>(&row), sizeof row);
+        }
+    }
+    return layout;
+}
 
 void arch_set_position(arch_registers& registers, core_word stack, core_word program_counter) {
     registers.value[rsp] = stack;

@@ -179,7 +179,9 @@ void measure_regsets(core_notes& notes) {
     auto room = std::make_unique<unsigned char[]>(regset_limit);
     auto whole = std::ranges::find(notes.hold->threads, true, &held_thread::has_registers);
     for (size_t i = 0; whole != notes.hold->threads.end() && i < arch_regsets.size(); i++) {
-        notes.regset_size[i] = threads_regset(*whole, arch_regsets[i].type, room.get(), regset_limit);
+        size_t size = threads_regset(*whole, arch_regsets[i].type, room.get(), regset_limit);
+        notes.regset_size[i] = size;
+        notes.regset_layout += arch_regset_layout(arch_regsets[i].type, {room.get(), size});
     }
 }
 
@@ -204,6 +206,7 @@ uint64_t notes_length(const core_notes& notes) {
     for (const held_thread& thread : notes.hold->threads) {
         length += note_length(sizeof(note_status)) + (thread.has_registers ? regsets : 0);
     }
+    length += notes.regset_layout.empty() ? 0 : note_length(notes.regset_layout.size());
     return length;
 }
 
@@ -219,5 +222,8 @@ void notes_put(const core_notes& notes, core_stream& stream) {
             first = false;
         }
         put_regsets(notes, thread, stream);
+    }
+    if (const std::string& layout = notes.regset_layout; !layout.empty()) {
+        put_note(stream, arch_layout_note, "LINUX", layout.data(), layout.size());
     }
 }

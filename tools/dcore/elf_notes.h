@@ -19,6 +19,7 @@ struct core_notes {
     std::string command_line;  // as the kernel has it, with NULs between the words
     std::string auxv;
     size_t regset_size[arch_regset_count_max] = {};  // of arch_regsets; 0 when the processor has no such set
+    std::string regset_layout;                       // of the one that has a note about it
 };
 
 // Reads what the notes need beyond what is given. All threads stand still.

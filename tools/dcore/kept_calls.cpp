@@ -36,6 +36,9 @@ constexpr long kept_calls[] = {
 #ifdef SYS_io_pgetevents_time64
     SYS_io_pgetevents_time64,
 #endif
+#ifdef SYS_io_uring_enter
+    SYS_io_uring_enter,
+#endif
 #ifdef SYS_ipc
     SYS_ipc,  // the semaphores, where they have no calls of their own
 #endif
@@ -50,6 +53,13 @@ constexpr long kept_calls[] = {
 #ifdef SYS_recvmmsg_time64
     SYS_recvmmsg_time64,
 #endif
+#ifdef SYS_sendfile64
+    SYS_sendfile64,
+#endif
+#ifdef SYS_preadv2
+    SYS_preadv2,
+    SYS_pwritev2,
+#endif
     SYS_accept,
     SYS_accept4,
     SYS_connect,
@@ -58,8 +68,11 @@ constexpr long kept_calls[] = {
     SYS_recvfrom,
     SYS_recvmsg,
     SYS_recvmmsg,
+    SYS_sendfile,
+    SYS_sendmmsg,
     SYS_sendmsg,
     SYS_sendto,
+    SYS_splice,
     SYS_write,
     SYS_writev,
 };

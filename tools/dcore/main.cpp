@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -76,14 +77,19 @@ std::string open_output(dump_task& task) {
     return {};
 }
 
-std::string stop(dump_task& task) {
-    switch (int error = threads_stop(task.hold)) {
-        case 0:
-            return {};
-        case EMEDIUMTYPE:
-            return "is a program for another kind of processor";
-        default:
-            return process_why_not(error, task.facts);
+// A named pipe opens when its reader does. A process that is only seized runs on, but its next signal stops
+// it.
+bool waits_for_reader(const dump_task& task) {
+    struct stat found = {};
+    return task.options.file && stat(task.options.file, &found) == 0 && S_ISFIFO(found.st_mode);
+}
+
+// By now it may be another program; its state is still the one before we stopped it.
+void look_again(dump_task& task) {
+    process_facts now;
+    if (process_look(task.options.pid, now).empty()) {
+        now.stat.state = task.facts.stat.state;
+        task.facts = std::move(now);
     }
 }
 
@@ -93,11 +99,21 @@ std::string begin(dump_task& task) {
     if (!reason.empty()) {
         return reason;
     }
-    if (int error = threads_seize(task.options.pid, task.hold)) {
-        return process_why_not(error, task.facts);
+    bool opens_first = waits_for_reader(task);
+    if (opens_first && !(reason = open_output(task)).empty()) {
+        return reason;
     }
-    reason = open_output(task);
-    return reason.empty() ? stop(task) : reason;
+    if (int error = threads_seize(task.options.pid, task.hold)) {
+        return process_why_not(error, task.hold.tracer);
+    }
+    if (!opens_first && !(reason = open_output(task)).empty()) {
+        return reason;
+    }
+    if (int error = threads_stop(task.hold)) {
+        return process_why_not(error, task.hold.tracer);
+    }
+    look_again(task);
+    return {};
 }
 
 void remark_on(const dump_task& task, const core_stream& stream) {
@@ -114,6 +130,9 @@ void remark_on(const dump_task& task, const core_stream& stream) {
 int write_core(dump_task& task) {
     pid_t tid = task.hold.threads.front().tid;
     target_memory memory = memory_open(tid);
+    if (!threads_all_stopped(task.hold)) {
+        memory_use_file(memory);  // one that runs may start another program
+    }
     uint64_t filter = process_parse_filter(proc_text(tid, "coredump_filter", 64));
     core_layout layout = collect_layout(tid, memory, filter);
     if (layout.segments.empty()) {

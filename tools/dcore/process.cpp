@@ -82,6 +82,33 @@ bool reads_here(pid_t pid, const char* number, const struct stat& pipe) {
            target.st_dev == pipe.st_dev && target.st_ino == pipe.st_ino;
 }
 
+// A first thread whose place is taken by another that starts a program looks like this for a moment.
+constexpr char is_zombie[] = "is a zombie";
+constexpr useconds_t second_look_us = 10'000;
+
+std::string look_once(pid_t pid, process_facts& facts) {
+    process_facts found;
+    if (!process_parse_stat(proc_text(pid, "stat"), found.stat) ||
+        !process_parse_status(proc_text(pid, "status"), found.status)) {
+        return "there is no such process";
+    }
+    if (found.status.process != pid) {
+        return "is a thread of process " + std::to_string(found.status.process);
+    }
+    if (pid == getpid()) {
+        return "is this dumper itself";
+    }
+    if (found.stat.flags & kernel_thread_flag) {
+        return "is a thread of the kernel";
+    }
+    // A first thread that has ended leaves a process that goes on.
+    if (strchr("ZXx", found.stat.state) && found.stat.threads < 2) {
+        return is_zombie;
+    }
+    facts = std::move(found);
+    return {};
+}
+
 }  // namespace
 
 bool process_parse_stat(std::string_view text, process_stat& stat) {
@@ -120,36 +147,27 @@ uint64_t process_parse_filter(std::string_view text) {
 }
 
 std::string process_look(pid_t pid, process_facts& facts) {
-    process_facts found;
-    if (!process_parse_stat(proc_text(pid, "stat"), found.stat) ||
-        !process_parse_status(proc_text(pid, "status"), found.status)) {
-        return "there is no such process";
+    std::string reason = look_once(pid, facts);
+    if (reason == is_zombie) {
+        usleep(second_look_us);
+        reason = look_once(pid, facts);
     }
-    if (found.status.process != pid) {
-        return "is a thread of process " + std::to_string(found.status.process);
-    }
-    if (pid == getpid()) {
-        return "is this dumper itself";
-    }
-    if (found.stat.flags & kernel_thread_flag) {
-        return "is a thread of the kernel";
-    }
-    // A first thread that has ended leaves a process that goes on.
-    if (strchr("ZXx", found.stat.state) && found.stat.threads < 2) {
-        return "is a zombie";
-    }
-    facts = std::move(found);
-    return {};
+    return reason;
 }
 
-std::string process_why_not(int error, const process_facts& facts) {
-    if (error == ESRCH) {
-        return "there is no such process";
+std::string process_why_not(int error, pid_t tracer) {
+    switch (error) {
+        case ESRCH:
+            return "there is no such process";
+        case EBUSY:
+            return "is traced already, by process " + std::to_string(tracer);
+        case ETIMEDOUT:
+            return "is starting another program and does not come to an end of it";
+        case EMEDIUMTYPE:
+            return "is a program for another kind of processor";
+        default:
+            return std::string("can't be stopped: ") + strerror(error);
     }
-    if (facts.status.tracer != 0) {
-        return "is traced already, by process " + std::to_string(facts.status.tracer);
-    }
-    return std::string("can't be stopped: ") + strerror(error);
 }
 
 bool process_reads(pid_t pid, int fd) {

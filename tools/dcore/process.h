@@ -40,8 +40,8 @@ struct process_facts {
 // Looks at `pid`. Returns an empty text, or why it can't be dumped.
 std::string process_look(pid_t pid, process_facts& facts);
 
-// Why the kernel does not let us trace the process: `error` is what it said.
-std::string process_why_not(int error, const process_facts& facts);
+// Why the process can't be held: what threads_seize() or threads_stop() returned, and the other tracer.
+std::string process_why_not(int error, pid_t tracer);
 
 // True when `pid` has the reading end of the pipe that `fd` writes into: as long as it is stopped, a full
 // pipe stays full.

@@ -2,12 +2,14 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+
+#include "tools/dcore/ticks.h"
 
 namespace {
 
@@ -18,18 +20,6 @@ static_assert(stream_buffer_size % buffer_alignment == 0);
 
 void note_tick(int) {
     // That it interrupts a write is all.
-}
-
-void start_ticks() {
-    struct sigaction action = {};
-    action.sa_handler = note_tick;
-    sigaction(SIGALRM, &action, nullptr);
-    sigset_t tick;
-    sigemptyset(&tick);
-    sigaddset(&tick, SIGALRM);
-    sigprocmask(SIG_UNBLOCK, &tick, nullptr);
-    itimerval interval = {{0, tick_us}, {0, tick_us}};
-    setitimer(ITIMER_REAL, &interval, nullptr);
 }
 
 void mind_limits(core_stream& stream) {
@@ -71,7 +61,8 @@ core_stream stream_new(int fd, thread_hold& hold) {
     if (!stream.buffer) {
         abort();  // which lets the process go, too
     }
-    start_ticks();
+    ticks_handle(SIGALRM, note_tick, 0, SIG_UNBLOCK);
+    ticks_set(tick_us);
     return stream;
 }
 

@@ -11,8 +11,8 @@
 
 #include <algorithm>
 
-#include "common/unique_fd.h"
 #include "tools/dcore/proc_text.h"
+#include "tools/dcore/seize.h"
 
 namespace {
 
@@ -20,74 +20,42 @@ using state = held_thread::state;
 
 // What the kernel has for its signals: 64 of them on most processors, 128 on MIPS.
 constexpr size_t signal_set_size = (NSIG - 1 + 7) / 8;
+constexpr int enough_quiet_looks =
+    2;  // the kernel's list of threads ends early when one ends that is being listed
 constexpr int pending_peeked = 4;  // as many as one peek reads; more rarely wait
-constexpr long look_again_ns = 10'000'000;
 
-// True for a thread that is gone or only waits for its end to be noticed.
-bool has_ended(pid_t tid) {
-    std::string stat = proc_text(tid, "stat", 512);
-    size_t name_end = stat.rfind(") ");
-    return name_end == stat.npos || name_end + 2 == stat.size() || strchr("ZXx", stat[name_end + 2]);
-}
-
-// Seizes what of the process's threads is not held yet and counts it. Returns 0 or an errno.
-int seize_new(thread_hold& hold, unsigned& fresh) {
-    char path[64];
-    snprintf(path, sizeof path, "/proc/%d/task", hold.pid);
-    unique_dir folder(opendir(path));
-    if (!folder) {
-        return errno == ENOENT ? ESRCH : errno;
-    }
-    fresh = 0;
-    while (dirent* entry = readdir(folder.get())) {
-        pid_t tid = static_cast<pid_t>(strtol(entry->d_name, nullptr, 10));
-        if (tid <= 0 || hold.known.contains(tid)) {
-            continue;
-        }
-        if (ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) == 0) {
-            hold.known.insert(tid);
-            hold.threads.emplace_back().tid = tid;
-            fresh++;
-        } else if (int refused = errno; refused != ESRCH && !has_ended(tid)) {
-            return refused;
-        }
-    }
-    return 0;
-}
-
-// Takes a thread's stop. Returns false when there will be none.
-bool take_stop(held_thread& thread, int status) {
-    if (!WIFSTOPPED(status)) {
-        return false;
+// Returns false when there will be no stop.
+bool look_for_stop(held_thread& thread) {
+    int status = 0;
+    switch (look_at_thread(thread.tid, status)) {
+        case thread_news::none:
+            return true;
+        case thread_news::gone:
+            return false;
+        case thread_news::stopped:
+            break;
     }
     thread.now = state::stopped;
-    thread.signal = (status >> 16) == 0 ? WSTOPSIG(status) : 0;
+    thread.signal = status >> 8 == 0 ? status : 0;
     return true;
 }
 
 // Waits until the thread stops. Returns false when it has ended instead; after `deadline_ms` it may still
 // run.
-bool await_stop(held_thread& thread, int64_t deadline_ms) {
-    sigset_t child;
-    sigemptyset(&child);
-    sigaddset(&child, SIGCHLD);
-    for (;;) {
-        int status = 0;
-        pid_t found = waitpid(thread.tid, &status, __WALL | WNOHANG);
-        if (found == thread.tid) {
-            return take_stop(thread, status);
-        }
-        if (found < 0 && errno != EINTR) {
-            return false;
-        }
-        if (monotonic_ms() >= deadline_ms) {
+bool await_stop(const thread_hold& hold, held_thread& thread, int64_t deadline_ms) {
+    while (look_for_stop(thread)) {
+        if (thread.now == state::stopped || monotonic_ms() >= deadline_ms) {
             return true;
         }
-        timespec patience = {0, look_again_ns};
-        if (sigtimedwait(&child, nullptr, &patience) < 0 && errno == EAGAIN && has_ended(thread.tid)) {
-            return false;
+        if (!await_news()) {
+            if (has_ended(thread.tid)) {
+                return false;
+            }
+            reap_ended(
+                hold);  // if this one starts another program, it stops when the others have been reaped
         }
     }
+    return false;
 }
 
 // Stops those that run, and leaves only the living.
@@ -98,9 +66,12 @@ void stop_running(thread_hold& hold, int64_t deadline_ms) {
                          nullptr);  // one that has ended is noticed below
         }
     }
-    std::erase_if(hold.threads, [deadline_ms](held_thread& thread) {
-        return thread.now == state::seized && !await_stop(thread, deadline_ms);
-    });
+    for (held_thread& thread : hold.threads) {
+        if (thread.now == state::seized && !await_stop(hold, thread, deadline_ms)) {
+            thread.now = state::let_go;
+        }
+    }
+    std::erase_if(hold.threads, [](const held_thread& thread) { return thread.now == state::let_go; });
 }
 
 // The signals in the queue of a thread, or in that of its process; `first` becomes the first of them.
@@ -181,24 +152,22 @@ int read_all(thread_hold& hold) {
     return 0;
 }
 
-// Stops and ends announce themselves by SIGCHLD, which is waited for.
-void expect_stops() {
-    struct sigaction usual = {};
-    usual.sa_handler = SIG_DFL;
-    sigaction(SIGCHLD, &usual, nullptr);
-    sigset_t child;
-    sigemptyset(&child);
-    sigaddset(&child, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &child, nullptr);
-}
-
-// One that never stopped may have done so by now.
-void look_for_stop(held_thread& thread) {
-    int status = 0;
-    pid_t found = waitpid(thread.tid, &status, __WALL | WNOHANG);
-    if ((found == thread.tid && !take_stop(thread, status)) || (found < 0 && errno == ECHILD)) {
-        thread.now = state::let_go;
+// Holds back what would end us: a call that a stop has interrupted is not yet kept.
+struct end_is_held_back {
+    end_is_held_back() {
+        sigset_t ends;
+        sigemptyset(&ends);
+        for (int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+            sigaddset(&ends, number);
+        }
+        sigprocmask(SIG_BLOCK, &ends, &before);
     }
+    ~end_is_held_back() { sigprocmask(SIG_SETMASK, &before, nullptr); }
+    sigset_t before;
+};
+
+bool all_are(const thread_hold& hold, state wanted) {
+    return std::ranges::all_of(hold.threads, [=](const held_thread& thread) { return thread.now == wanted; });
 }
 
 }  // namespace
@@ -208,33 +177,30 @@ thread_hold::~thread_hold() {
 }
 
 int threads_seize(pid_t pid, thread_hold& hold) {
-    expect_stops();
     hold.pid = pid;
     unsigned fresh = 0;
-    do {
-        if (int error = seize_new(hold, fresh)) {
-            return error;
-        }
-    } while (fresh > 0);
-    return hold.threads.empty() ? ESRCH : 0;
+    return seize_new(hold, monotonic_ms() + seize_patience_ms, fresh);
 }
 
 int threads_stop(thread_hold& hold) {
+    end_is_held_back until_all_is_kept;
     hold.stopped_at_ms = monotonic_ms();
-    unsigned fresh = 0;
-    do {
-        stop_running(hold, hold.stopped_at_ms + thread_stop_limit_ms);
-        if (int error = seize_new(hold, fresh)) {
+    int64_t deadline_ms = hold.stopped_at_ms + thread_stop_limit_ms;
+    for (int quiet_looks = 0; quiet_looks < enough_quiet_looks;) {
+        stop_running(hold, deadline_ms);
+        unsigned fresh = 0;
+        if (int error = seize_new(hold, deadline_ms, fresh)) {
             return error;
         }
-    } while (fresh > 0);
-    return hold.threads.empty() ? ESRCH : read_all(hold);
+        quiet_looks = fresh == 0 ? quiet_looks + 1 : 0;
+    }
+    return read_all(hold);
 }
 
 void threads_let_go(thread_hold& hold) {
     for (held_thread& thread : hold.threads) {
-        if (thread.now == state::seized) {
-            look_for_stop(thread);
+        if (thread.now == state::seized && !look_for_stop(thread)) {
+            thread.now = state::let_go;
         }
         if (thread.now == state::stopped) {
             // One that has been killed is no longer in its stop; its end is still to come or to be noticed.
@@ -252,19 +218,21 @@ void threads_bury(thread_hold& hold) {
     if (sigtimedwait(&child, nullptr, &now) != SIGCHLD) {
         return;
     }
-    // The first thread's end counts when the others have been noticed.
-    for (auto thread = hold.threads.rbegin(); thread != hold.threads.rend(); ++thread) {
-        int status = 0;
-        if (thread->now != state::let_go && waitpid(thread->tid, &status, __WALL | WNOHANG) == thread->tid &&
-            !take_stop(*thread, status)) {
-            thread->now = state::let_go;
+    reap_ended(hold);
+    int unused = 0;
+    for (held_thread& thread : hold.threads) {
+        if (thread.now != state::let_go && look_at_thread(thread.tid, unused) == thread_news::gone) {
+            thread.now = state::let_go;
         }
     }
 }
 
+bool threads_all_stopped(const thread_hold& hold) {
+    return all_are(hold, state::stopped);
+}
+
 bool threads_all_let_go(const thread_hold& hold) {
-    return std::ranges::all_of(hold.threads,
-                               [](const held_thread& thread) { return thread.now == state::let_go; });
+    return all_are(hold, state::let_go);
 }
 
 size_t threads_regset(const held_thread& thread, unsigned type, void* out, size_t size) {

@@ -31,30 +31,41 @@ struct held_thread {
 struct thread_hold {
     pid_t pid = 0;
     std::deque<held_thread> threads;  // the first thread of the process first
-    std::set<pid_t> known;            // all that were ever seized
+    std::set<pid_t> known;            // their ids
+    pid_t tracer = 0;                 // who kept us out, after EBUSY
     int64_t stopped_at_ms = 0;        // monotonic; when the first of them was told to stop
     siginfo_t pending = {};           // the first signal that waits for the process, all zeros for none
 
     ~thread_hold();  // lets go
 };
 
-// Seizes every thread of `pid`, all of which run on. Returns 0, or the errno of the first that can't be
-// seized; those before it stay seized, and run, until the caller ends. Blocks SIGCHLD in the calling thread.
+// Seizes every thread of `pid`, all of which run on. Waits for another tracer to go, and for a program that
+// is being started, for `seize_patience_ms` each. Returns 0, or the errno of the first thread that could not
+// be seized; those before it stay seized, and run, until the caller ends:
+//   ESRCH      there is no thread left
+//   EBUSY      another process traces one of them: hold.tracer
+//   ETIMEDOUT  one of them is starting another program, which keeps tracers out
+//   another    the kernel's own reason
+// Uses SIGCHLD and SIGALRM, and reaps children of the calling thread.
+constexpr int64_t seize_patience_ms = 6000;
 int threads_seize(pid_t pid, thread_hold& hold);
 
 // Stops them all, with those that have begun meanwhile, and reads their registers. A thread that does not
 // stop within `thread_stop_limit_ms`, as it waits for a device or for its child, counts as standing still
-// where it is. Returns 0; ESRCH when there is no thread left; EMEDIUMTYPE when the registers are those of
-// another kind of processor, as those of a 32-bit program on a 64-bit machine are.
+// where it is. Signals that end this program take effect afterwards. Returns 0; what threads_seize() returns;
+// EMEDIUMTYPE when the registers are those of another kind of processor, as those of a 32-bit program on a
+// 64-bit machine are.
 int threads_stop(thread_hold& hold);
 constexpr int64_t thread_stop_limit_ms = 1000;
+
+bool threads_all_stopped(const thread_hold& hold);
 
 // Lets every thread go on that is stopped. Call again while threads_all_let_go() is false: a thread that was
 // slow to stop may have done so in between.
 void threads_let_go(thread_hold& hold);
 bool threads_all_let_go(const thread_hold& hold);
 
-// Notices threads that were killed in our hold: until then the parent of their process waits for its end in
+// Reaps threads that were killed in our hold: until then the parent of their process waits for its end in
 // vain. To be called again and again while the process is held.
 void threads_bury(thread_hold& hold);
 

@@ -14,13 +14,19 @@
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <thread>
+
+#if __has_include(<linux/io_uring.h>)
+#include <linux/io_uring.h>
+#endif
 
 // What the debugger is asked for.
 extern "C" {
@@ -115,7 +121,8 @@ void full(long megabytes) {
 }
 
 // Two pages of each kind: left out by request; out of the process's own reach; shared, written by a child;
-// of a file that is no longer as long; of a file, the first of them written to.
+// of a file that is no longer as long; of a file, the first of them written to; shared, of a file with a
+// name.
 void kinds() {
     char name[] = "/tmp/dumpedXXXXXX";
     int file = mkstemp(name);
@@ -127,6 +134,13 @@ void kinds() {
     unsigned char* shared = map(2 * page, MAP_SHARED | MAP_ANONYMOUS);
     unsigned char* cut = map(2 * page, MAP_PRIVATE, file);
     unsigned char* written = map(2 * page, MAP_PRIVATE, open("/proc/self/exe", O_RDONLY));
+    char name_of_shared[] = "/tmp/dumpedXXXXXX";
+    int with_name = mkstemp(name_of_shared);
+    if (ftruncate(with_name, static_cast<off_t>(2 * page)) != 0) {
+        exit(1);
+    }
+    unsigned char* of_file = map(2 * page, MAP_SHARED, with_name);
+    memset(of_file, 'f', 2 * page);
     memset(secret, 's', 2 * page);
     memset(closed, 'c', 2 * page);
     memset(cut, 'x', page);
@@ -143,8 +157,33 @@ void kinds() {
         exit(1);
     }
     char line[128];
-    snprintf(line, sizeof line, "%p %p %p %p %p", static_cast<void*>(secret), static_cast<void*>(closed),
-             static_cast<void*>(shared), static_cast<void*>(cut), static_cast<void*>(written));
+    snprintf(line, sizeof line, "%p %p %p %p %p %p", static_cast<void*>(secret), static_cast<void*>(closed),
+             static_cast<void*>(shared), static_cast<void*>(cut), static_cast<void*>(written),
+             static_cast<void*>(of_file));
+    tell_and_wait(line);
+    unlink(name_of_shared);
+}
+
+// Huge pages, private and shared, each with its own content: reserved ones, or (nil) where there are none,
+// and one that the kernel may make of small ones.
+unsigned char* huge_page(int flags, int content) {
+    constexpr size_t length = 2 << 20;
+    void* memory = mmap(nullptr, 2 * length, PROT_READ | PROT_WRITE, flags | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        return nullptr;
+    }
+    auto aligned = (reinterpret_cast<uintptr_t>(memory) + length - 1) / length * length;
+    auto* start = static_cast<unsigned char*>(memory) + (aligned - reinterpret_cast<uintptr_t>(memory));
+    madvise(start, length, MADV_HUGEPAGE);
+    memset(start, content, page);
+    memset(start + length - page, content, page);
+    return start;
+}
+void huge() {
+    char line[128];
+    snprintf(line, sizeof line, "%p %p %p", static_cast<void*>(huge_page(MAP_PRIVATE | MAP_HUGETLB, 'p')),
+             static_cast<void*>(huge_page(MAP_SHARED | MAP_HUGETLB, 's')),
+             static_cast<void*>(huge_page(MAP_PRIVATE, 't')));
     tell_and_wait(line);
 }
 
@@ -201,6 +240,38 @@ void vforks() {
     puts("went on");
 }
 
+// Each image starts NUMBER threads, and one thread, any of them, runs the program again, until the input
+// ends.
+void* run_again(void* number) {
+    execl("/proc/self/exe", "dumped", "execs", static_cast<char*>(number), "again",
+          static_cast<char*>(nullptr));
+    _exit(1);
+}
+void execs(char* number, bool is_first) {
+    pollfd input = {STDIN_FILENO, 0, 0};
+    if (poll(&input, 1, 0) > 0) {
+        _exit(0);
+    }
+    if (is_first) {
+        puts("ready");
+        fflush(stdout);
+    }
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    long count = strtol(number, nullptr, 10);
+    long chosen = now.tv_nsec / 64 % (count + 1);
+    for (long i = 0; i < count; i++) {
+        pthread_t thread;
+        // While another thread runs the program again none can be started; then this one ends as well.
+        pthread_create(&thread, nullptr, i == chosen ? run_again : outlives, number);
+    }
+    if (chosen == count) {
+        run_again(number);
+    }
+    main_waits();
+    pause();
+}
+
 // One signal waits, as it is blocked.
 void has_pending() {
     sigset_t blocked;
@@ -213,6 +284,93 @@ void has_pending() {
     printf("%s\n",
            sigwaitinfo(&blocked, &info) == SIGUSR2 && info.si_pid == getpid() ? "still there" : "lost");
 }
+
+// Counts the signals that it handles, and has NUMBER MB.
+volatile sig_atomic_t usual_signals, queued_signals;
+void count_usual(int) {
+    usual_signals = usual_signals + 1;
+}
+void count_queued(int) {
+    queued_signals = queued_signals + 1;
+}
+void counts_signals(long megabytes) {
+    struct sigaction action = {};
+    action.sa_flags = SA_RESTART;
+    action.sa_handler = count_usual;
+    sigaction(SIGUSR1, &action, nullptr);
+    action.sa_handler = count_queued;
+    sigaction(SIGRTMIN, &action, nullptr);
+    memset(map(static_cast<size_t>(megabytes) << 20), 'm', static_cast<size_t>(megabytes) << 20);
+    tell_and_wait("ready");
+    printf("%d %d\n", static_cast<int>(usual_signals), static_cast<int>(queued_signals));
+}
+
+// Runs another program, itself, when there is a byte of input; threads wait beside it.
+void execs_when_told(long count) {
+    for (long i = 0; i < count; i++) {
+        std::thread(parked_outer).detach();
+    }
+    puts("ready");
+    fflush(stdout);
+    char byte;
+    if (read(STDIN_FILENO, &byte, 1) == 1) {
+        execl("/proc/self/exe", "dumped", "read", static_cast<char*>(nullptr));
+    }
+}
+
+// Known values in the registers of floating-point numbers and vectors during a call that waits. Byte I of
+// vector register N is N * 7 + I + 1; floating-point register N is N + 0.5.
+#if defined(__x86_64__)
+void has_registers() {
+    alignas(64) static unsigned char rows[17][64];
+    static double floats[8];
+    for (unsigned row = 0; row < 17; row++) {
+        for (unsigned i = 0; i < 64; i++) {
+            rows[row][i] = static_cast<unsigned char>(row * 7 + i + 1);
+        }
+    }
+    for (int i = 0; i < 8; i++) {
+        floats[i] = i + 0.5;
+    }
+    int level = __builtin_cpu_supports("avx512f") ? 2 : __builtin_cpu_supports("avx") ? 1 : 0;
+    puts(level == 2 ? "avx512" : level == 1 ? "avx" : "sse");
+    fflush(stdout);
+    static char byte;
+    long result = SYS_read;
+    asm volatile(
+        "finit\n"
+        ".irp n, 7,6,5,4,3,2,1,0\n fldl 8*\\n(%[floats])\n .endr\n"
+        "cmp $1, %[level]\n jb 10f\n je 11f\n"
+        ".irp n, 0,1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16\n vmovups 64*\\n(%[rows]), %%zmm\\n\n .endr\n"
+        "mov $0x1234, %%ecx\n kmovw %%ecx, %%k1\n jmp 12f\n"
+        "11: .irp n, 0,1,2,3,4,5,6,7,8,9,10,11,12,13,14,15\n vmovups 64*\\n(%[rows]), %%ymm\\n\n .endr\n"
+        "jmp 12f\n"
+        "10: .irp n, 0,1,2,3,4,5,6,7,8,9,10,11,12,13,14,15\n movups 64*\\n(%[rows]), %%xmm\\n\n .endr\n"
+        "12: syscall\n finit\n"
+        : "+a"(result)
+        : "D"(0L), "S"(&byte), "d"(1L), [rows] "r"(rows), [floats] "r"(floats), [level] "r"(level)
+        : "rcx", "r11", "memory", "cc", "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7",
+          "xmm8", "xmm9", "xmm10", "xmm11", "xmm12", "xmm13", "xmm14", "xmm15");
+}
+#else
+void has_registers() {
+    static double floats[16];
+    for (int i = 0; i < 16; i++) {
+        floats[i] = 2 * i + 0.5;
+    }
+    puts("fpu");
+    fflush(stdout);
+    static char byte;
+    asm volatile(
+        ".irp n, 0,2,4,6,8,10,12,14,16,18,20,22,24,26,28,30\n ldc1 $f\\n, 4*\\n(%[floats])\n .endr\n"
+        "li $4, 0\n move $5, %[byte]\n li $6, 1\n li $2, %[number]\n syscall\n"
+        :
+        : [floats] "r"(floats), [byte] "r"(&byte), [number] "i"(SYS_read)
+        : "$2", "$3", "$4", "$5", "$6", "$7", "$8", "$9", "$10", "$11", "$12", "$13", "$14", "$15", "$24",
+          "$25", "memory", "$f0", "$f2", "$f4", "$f6", "$f8", "$f10", "$f12", "$f14", "$f16", "$f18", "$f20",
+          "$f22", "$f24", "$f26", "$f28", "$f30");
+}
+#endif
 
 // Calls that wait, and what they say in the end. What wakes them is a byte of input or, where there is no
 // way, time: more than a machine that is short of it takes for the dumps.
@@ -277,24 +435,89 @@ int waits_semaphore() {
     return result;
 }
 
+// A socket with a timeout that takes no more until there is a byte of input.
+int full_socket() {
+    int pair[2];
+    socketpair(AF_UNIX, SOCK_STREAM, 0, pair);
+    timeval time = {60, 0};
+    setsockopt(pair[0], SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+    char block[4096] = {};
+    while (send(pair[0], block, sizeof block, MSG_DONTWAIT) > 0) {
+    }
+    on_input([other = pair[1]] {
+        char taken[4096];
+        while (read(other, taken, sizeof taken) > 0) {
+        }
+    });
+    return pair[0];
+}
+int waits_send_many() {
+    char byte = 'x';
+    iovec piece = {&byte, 1};
+    mmsghdr message = {};
+    message.msg_hdr.msg_iov = &piece;
+    message.msg_hdr.msg_iovlen = 1;
+    return sendmmsg(full_socket(), &message, 1, 0);
+}
+int waits_send_file() {
+    return static_cast<int>(sendfile(full_socket(), open("/proc/self/exe", O_RDONLY), nullptr, 1));
+}
+int waits_splice() {
+    int ends[2];
+    if (pipe(ends) != 0 || write(ends[1], "x", 1) != 1) {
+        return -1;
+    }
+    return static_cast<int>(splice(ends[0], nullptr, full_socket(), nullptr, 1, 0));
+}
+
+#ifdef IORING_SETUP_CQSIZE
+// A ring into which nothing is put until there is a byte of input; -2 where the kernel gives none.
+int waits_uring() {
+    io_uring_params params = {};
+    int ring = static_cast<int>(syscall(SYS_io_uring_setup, 1, &params));
+    if (ring < 0) {
+        return -2;
+    }
+    on_input([=] {
+        auto at = [ring](size_t length, off_t what) {
+            return static_cast<unsigned char*>(
+                mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, ring, what));
+        };
+        unsigned char* queue = at(params.sq_off.array + sizeof(unsigned), IORING_OFF_SQ_RING);
+        at(sizeof(io_uring_sqe), IORING_OFF_SQES);  // all zeros: does nothing
+        unsigned one = 1;
+        memcpy(queue + params.sq_off.tail, &one, sizeof one);
+        syscall(SYS_io_uring_enter, ring, 1, 0, 0, nullptr, 0);
+    });
+    return syscall(SYS_io_uring_enter, ring, 0, 1, IORING_ENTER_GETEVENTS, nullptr, 0) == 0 ? 1 : -1;
+}
+#else
+int waits_uring() {
+    return -2;
+}
+#endif
+
 constexpr struct {
     const char* name;
     int (*wait)();
 } waits[] = {
-    {"epoll", waits_epoll},         {"poll", waits_poll},     {"read", waits_read},
-    {"sleep", waits_sleep},         {"signal", waits_signal}, {"receive", waits_receive},
-    {"semaphore", waits_semaphore},
+    {"epoll", waits_epoll},         {"poll", waits_poll},           {"read", waits_read},
+    {"sleep", waits_sleep},         {"signal", waits_signal},       {"receive", waits_receive},
+    {"semaphore", waits_semaphore}, {"send_many", waits_send_many}, {"send_file", waits_send_file},
+    {"splice", waits_splice},       {"uring", waits_uring},
 };
 
 constexpr struct {
     const char* name;
     void (*run)(long number);
 } kinds_of_process[] = {
-    {"threads", with_threads},          {"sparse", sparse},
-    {"many", [](long) { many(); }},     {"full", full},
-    {"kinds", [](long) { kinds(); }},   {"counts", counts},
-    {"churns", [](long) { churns(); }}, {"first_ends", [](long) { first_ends(); }},
-    {"vforks", [](long) { vforks(); }}, {"pending", [](long) { has_pending(); }},
+    {"threads", with_threads},           {"sparse", sparse},
+    {"many", [](long) { many(); }},      {"full", full},
+    {"kinds", [](long) { kinds(); }},    {"counts", counts},
+    {"churns", [](long) { churns(); }},  {"first_ends", [](long) { first_ends(); }},
+    {"vforks", [](long) { vforks(); }},  {"pending", [](long) { has_pending(); }},
+    {"huge", [](long) { huge(); }},      {"signals", counts_signals},
+    {"exec_when_told", execs_when_told}, {"registers", [](long) { has_registers(); }},
 };
 
 }  // namespace
@@ -302,6 +525,10 @@ constexpr struct {
 int main(int argc, char** argv) {
     const char* wanted = argc > 1 ? argv[1] : "";
     long number = argc > 2 ? strtol(argv[2], nullptr, 10) : 0;
+    if (strcmp(wanted, "execs") == 0 && argc > 2) {
+        execs(argv[2], argc == 3);
+        return 0;
+    }
     for (const auto& each : kinds_of_process) {
         if (strcmp(wanted, each.name) == 0) {
             each.run(number);
