@@ -18,6 +18,7 @@
 
 #include "archive/pipeline.h"
 #include "cgi/listener.h"
+#include "common/ending.h"
 #include "common/unique_fd.h"
 #include "dump/dumper.h"
 #include "monitor/monitor.h"
@@ -41,6 +42,9 @@ constexpr int segfault_backlog = 2;
 
 // Browsers and traces may hold far more connections than the usual soft limit allows.
 constexpr rlim_t wanted_descriptors = 4096;
+
+// What an ending daemon still has to do gets this long, whatever hangs.
+constexpr int ending_limit_ms = 10000;
 
 struct daemon_options {
     bool direct = false;
@@ -118,6 +122,16 @@ void configure_dumper(const char* program) {
     dump_init();
 }
 
+// Before the signals that end the daemon do so, its archive switches the watchdogs on. The alarm of an
+// archive is the guard against a hang, whatever the starter ignored.
+void catch_ending_signals() {
+    constexpr int signals[] = {SIGALRM, SIGTERM, SIGHUP, SIGINT, SIGQUIT};
+    signal(SIGALRM, SIG_DFL);
+    if (!ending_catch(signals, ending_limit_ms)) {
+        perror("ending_catch");  // the signals end the daemon as they are
+    }
+}
+
 // Standard output is the archive's alone: what anything else prints meanwhile goes to standard error.
 void write_direct(bool compress) {
     fflush(stdout);
@@ -172,6 +186,7 @@ int run_daemon(const daemon_options& options) {
         return 1;
     }
     signal(SIGPIPE, SIG_IGN);
+    catch_ending_signals();
     raise_descriptor_limit();
     unique_fd cgi_socket = open_cgi_socket(options.cgi_path);
     if (!cgi_socket) {
@@ -197,6 +212,7 @@ int run_dbg_cgi(int argc, char** argv) {
     configure_dumper(options.dumper);
     (void)mallopt(M_ARENA_MAX, 1);  // a heap for each thread would stay behind when the thread has gone
     if (options.direct) {
+        catch_ending_signals();
         write_direct(options.compress);
         return 0;
     }

@@ -9,7 +9,9 @@
 // One attempt to switch the watchdogs on (`enable` not 0) or off. Returns 1, or -1 on failure.
 int32_t set_service_watchdogs(int enable);
 
-// One attempt to switch the watchdogs off. Returns 1, or -1 on failure.
+// One attempt to switch the watchdogs off. Returns 1, or -1 on failure. From here to the end of
+// enable_watchdogs, a signal that ends the process in order (common/ending.h) switches them on first; such an
+// end does not wait longer than its limit for a platform that fails or hangs.
 int32_t disable_watchdogs();
 
 // Switches the watchdogs on, trying until it succeeds, without a pause or a limit: a device must not be left

@@ -11,7 +11,7 @@ import subprocess
 import pytest
 
 from zarvo_e2e import (
-    BAD_REQUEST, CGI_SOCKET, CORE_HEAD, DAEMON, PATIENCE, PLAIN_HEAD, PS_HEAD, SEGFAULT_SOCKET, Control,
+    BAD_REQUEST, BIN, CGI_SOCKET, CORE_HEAD, DAEMON, PATIENCE, PLAIN_HEAD, PS_HEAD, SEGFAULT_SOCKET, Control,
     Log, assert_whole, body_of, descriptors_of, listener_of, log_error, log_info, process_stat,
     program_of, running_copies, send_message, wait_for,
 )  # fmt: skip
@@ -135,6 +135,18 @@ def test_switching_the_watchdogs_on_is_repeated_until_it_works(start):
     states = re.findall(r"Set service watchdogs state: (\w+)\n", daemon.switches())
     failures = re.findall(r"Error setting service watchdogs state '(\w+)': .+\n", daemon.said())
     assert (states, failures) == (["no", "yes", "yes", "yes"], ["no", "yes", "yes"])
+
+
+def test_starter_that_ignores_its_children_costs_neither_trace_nor_core(start):
+    ignore = lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN)  # noqa: E731
+    daemon = start("-p", BIN / "dcore", preexec_fn=ignore)
+    with subprocess.Popen(["sleep", "1000"]) as sleeper:
+        members = assert_whole(body_of(daemon.answer(b"/x/debug.tar"), PLAIN_HEAD))
+        core = body_of(daemon.answer(b"/x", b"cmd=coredump&pid=%d" % sleeper.pid), CORE_HEAD)
+        sleeper.kill()
+    assert f"sleep.{sleeper.pid}/core" in [member.name for member in members]
+    assert core.startswith(b"\x7fELF")
+    assert "dump error" not in daemon.said()
 
 
 def test_program_that_runs_is_the_built_one(daemon):

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "common/ending.h"
 #include "platform/hollisk.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/pipes.h"
@@ -214,4 +215,114 @@ TEST(enable_watchdogs, has_no_limit_to_its_attempts) {
     ASSERT_EQ(kill(child, SIGKILL), 0);
     EXPECT_TRUE(killed_by(wait_status(child), SIGKILL)) << "ended by itself";
     EXPECT_TRUE(seen.compare(0, wanted.size(), wanted) == 0) << seen.substr(0, 500);
+}
+
+// How a process ends that is sent `sig` while its watchdogs are off, and what it says until then.
+struct ended_run {
+    int status = -1;
+    std::string said;
+};
+
+ended_run end_while_off(int sig, const std::function<void()>& before_the_signal, int limit_ms = 600000) {
+    constexpr int caught[] = {SIGALRM, SIGTERM};
+    test_pipe said;
+    ended_run run;
+    run.status = run_in_child([&] {
+        dup2(said.in.get(), STDOUT_FILENO);
+        dup2(said.in.get(), STDERR_FILENO);
+        if (!ending_catch(caught, limit_ms)) {
+            return 1;
+        }
+        disable_watchdogs();
+        before_the_signal();
+        kill(getpid(), sig);
+        for (;;) {
+            pause();
+        }
+        return 0;
+    });
+    run.said = said.finish();
+    return run;
+}
+
+TEST(watchdogs_at_the_end, are_switched_on_when_they_were_off) {
+    for (int sig : {SIGTERM, SIGALRM}) {
+        ended_run run = end_while_off(sig, [] {});
+        EXPECT_TRUE(killed_by(run.status, sig)) << run.status;
+        EXPECT_EQ(run.said, state_line("no") + state_line("yes"));
+    }
+}
+
+TEST(watchdogs_at_the_end, are_left_alone_when_they_are_on_again) {
+    ended_run run = end_while_off(SIGTERM, [] { enable_watchdogs(); });
+    EXPECT_TRUE(killed_by(run.status, SIGTERM)) << run.status;
+    EXPECT_EQ(run.said, state_line("no") + state_line("yes"));
+}
+
+TEST(watchdogs_at_the_end, are_tried_until_it_works) {
+    ended_run run = end_while_off(SIGTERM, [] { setenv("HOLLISK_FAIL_COUNT", "3", 1); });
+    EXPECT_TRUE(killed_by(run.status, SIGTERM)) << run.status;
+    // The stand-in counts the attempt that switched them off as well.
+    const std::string failed = state_line("yes") + error_line("yes", refusal);
+    EXPECT_EQ(run.said, state_line("no") + failed + failed + state_line("yes"));
+}
+
+TEST(watchdogs_at_the_end, hold_nobody_up_for_ever_where_the_platform_fails) {
+    ended_run run = end_while_off(
+        SIGTERM, [] { setenv("HOLLISK_FAIL_COUNT", "1000000000", 1); }, 300);
+    EXPECT_TRUE(killed_by(run.status, SIGTERM)) << run.status;
+}
+
+TEST(watchdogs_at_the_end, hold_nobody_up_for_ever_where_the_platform_hangs) {
+    auto hang = [] {
+        platform_answer = [](int, hollisk_error**) -> int {
+            for (;;) {
+                pause();
+            }
+        };
+    };
+    for (int sig : {SIGTERM, SIGALRM}) {
+        ended_run run = end_while_off(sig, hang, 300);
+        EXPECT_TRUE(killed_by(run.status, sig)) << run.status;
+    }
+}
+
+// The switch comes first: a report to an output that nobody takes would never be over.
+TEST(watchdogs_at_the_end, do_not_wait_for_the_output) {
+    test_pipe asked;
+    static int asked_fd;
+    asked_fd = asked.in.get();
+    ended_run run = end_while_off(
+        SIGTERM,
+        [] {
+            platform_answer = [](int state, hollisk_error**) {
+                dprintf(asked_fd, "%d\n", state);
+                return 0;
+            };
+            flockfile(stdout);
+        },
+        300);
+    EXPECT_TRUE(killed_by(run.status, SIGTERM)) << run.status;
+    EXPECT_EQ(asked.finish(), "1\n");
+}
+
+// An attempt to switch them off is under way when the signal comes.
+TEST(watchdogs_at_the_end, come_after_an_attempt_to_switch_them_off) {
+    test_pipe asked;
+    static int asked_fd;
+    asked_fd = asked.in.get();
+    ended_run run = end_while_off(SIGTERM, [] {
+        enable_watchdogs();
+        platform_answer = [](int state, hollisk_error**) {
+            if (state == 0) {
+                kill(getpid(), SIGTERM);
+                poll(nullptr, 0, 100);
+            }
+            dprintf(asked_fd, "%d\n", state);
+            return 0;
+        };
+        disable_watchdogs();
+    });
+    EXPECT_TRUE(killed_by(run.status, SIGTERM)) << run.status;
+    EXPECT_EQ(asked.finish(), "0\n1\n");
 }
