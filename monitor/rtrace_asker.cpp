@@ -1,0 +1,200 @@
+#include "monitor/rtrace_asker.h"
+
+#include <limits.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "common/unique_fd.h"
+#include "monitor/rtrace_wait.h"
+
+// A thread that asks. Between two questions it is the trace's. One whose file system hangs is abandoned: it
+// is in the list of those, and frees itself when the answer comes.
+struct rtrace_asker {
+    sem_t next_question;
+    bool ends;  // instead of asking
+    int (*statfs_call)(const char*, struct statfs*);
+    char source[PATH_MAX];
+    char folder[PATH_MAX];
+
+    // Both sides' from here on, with askers_lock.
+    rtrace_asker* next_abandoned;
+    bool is_abandoned;
+    bool has_answered;
+    int done_fd;  // readable when it has answered
+    int result;
+    struct statfs usage;
+};
+
+namespace {
+
+constexpr size_t asker_stack = size_t{256} * 1024;
+
+pthread_mutex_t askers_lock = PTHREAD_MUTEX_INITIALIZER;
+rtrace_asker* abandoned = nullptr;
+int abandoned_count = 0;
+
+struct lock_held {
+    lock_held() { pthread_mutex_lock(&askers_lock); }
+    lock_held(const lock_held&) = delete;
+    lock_held& operator=(const lock_held&) = delete;
+    ~lock_held() { pthread_mutex_unlock(&askers_lock); }
+};
+
+void free_asker(rtrace_asker* asker) {
+    close(asker->done_fd);
+    sem_destroy(&asker->next_question);
+    free(asker);
+}
+
+void abandon(rtrace_asker* asker) {
+    asker->is_abandoned = true;
+    asker->next_abandoned = std::exchange(abandoned, asker);
+    abandoned_count++;
+}
+
+void take_off_the_list(rtrace_asker* asker) {
+    rtrace_asker** link = &abandoned;
+    while (*link != asker) {
+        link = &(*link)->next_abandoned;
+    }
+    *link = asker->next_abandoned;
+    abandoned_count--;
+}
+
+// Whether nobody may be asked about this mount now.
+bool is_hanging(const char* source, const char* folder) {
+    const lock_held held;
+    bool found = abandoned_count >= rtrace_hanging_limit;
+    for (const rtrace_asker* each = abandoned; each && !found; each = each->next_abandoned) {
+        found = strcmp(each->folder, folder) == 0 && strcmp(each->source, source) == 0;
+    }
+    return found;
+}
+
+// False when nobody waits for the answer any more.
+bool give_answer(rtrace_asker* asker, int result, const struct statfs& usage) {
+    const lock_held held;
+    if (asker->is_abandoned) {
+        take_off_the_list(asker);
+        return false;
+    }
+    asker->result = result;
+    asker->usage = usage;
+    asker->has_answered = true;
+    eventfd_write(asker->done_fd, 1);
+    return true;
+}
+
+void* answer_questions(void* argument) {
+    auto* asker = static_cast<rtrace_asker*>(argument);
+    // A signal to the process is for a thread that may not hang.
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    for (;;) {
+        while (sem_wait(&asker->next_question) != 0) {
+        }
+        struct statfs usage = {};
+        if (asker->ends || !give_answer(asker, asker->statfs_call(asker->folder, &usage), usage)) {
+            free_asker(asker);
+            return nullptr;
+        }
+    }
+}
+
+bool start_thread(rtrace_asker* asker) {
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0) {
+        return false;
+    }
+    // A machine that wants more keeps its default.
+    (void)pthread_attr_setstacksize(&attributes, asker_stack);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_t thread;
+    bool started = pthread_create(&thread, &attributes, answer_questions, asker) == 0;
+    pthread_attr_destroy(&attributes);
+    return started;
+}
+
+rtrace_asker* start_asker() {
+    unique_fd done(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    unique_malloc<rtrace_asker> memory(static_cast<rtrace_asker*>(calloc(1, sizeof(rtrace_asker))));
+    if (!done || !memory) {
+        return nullptr;
+    }
+    rtrace_asker* asker = memory.release();
+    asker->done_fd = done.release();
+    sem_init(&asker->next_question, 0, 0);
+    if (!start_thread(asker)) {
+        free_asker(asker);
+        return nullptr;
+    }
+    return asker;
+}
+
+int call_statfs(const char* path, struct statfs* result) {
+    return statfs(path, result);
+}
+
+bool copy_name(char (&to)[PATH_MAX], const char* name) {
+    size_t size = strlen(name) + 1;
+    if (size > sizeof to) {
+        return false;
+    }
+    memcpy(to, name, size);
+    return true;
+}
+
+// False when a name is too long.
+bool put_question(rtrace_asker* asker, const rtrace_mounts& mounts, const char* source, const char* folder) {
+    if (!copy_name(asker->source, source) || !copy_name(asker->folder, folder)) {
+        return false;
+    }
+    asker->statfs_call = mounts.statfs_call ? mounts.statfs_call : call_statfs;
+    asker->has_answered = false;
+    sem_post(&asker->next_question);
+    return true;
+}
+
+}  // namespace
+
+rtrace_answer rtrace_ask_mount(rtrace_mounts& mounts, const char* source, const char* folder, int client_fd,
+                               struct statfs* usage) {
+    if (is_hanging(source, folder)) {
+        return rtrace_answer::none;
+    }
+    mounts.asker = mounts.asker ? mounts.asker : start_asker();
+    rtrace_asker* asker = mounts.asker;
+    if (!asker || !put_question(asker, mounts, source, folder)) {
+        return rtrace_answer::none;
+    }
+    pollfd waiting[] = {rtrace_client(client_fd), {asker->done_fd, POLLIN, 0}};
+    int ready = rtrace_poll(waiting, 2, rtrace_now_us() + rtrace_mount_patience_ms * 1000LL);
+    const lock_held held;
+    if (!asker->has_answered) {
+        abandon(std::exchange(mounts.asker, nullptr));
+        return ready < 0 ? rtrace_answer::client_gone : rtrace_answer::none;
+    }
+    eventfd_t count;
+    eventfd_read(asker->done_fd, &count);
+    *usage = asker->usage;
+    if (ready < 0) {
+        return rtrace_answer::client_gone;
+    }
+    return asker->result == 0 ? rtrace_answer::usage : rtrace_answer::none;
+}
+
+void rtrace_forget_mounts(rtrace_mounts& mounts) {
+    if (rtrace_asker* asker = std::exchange(mounts.asker, nullptr)) {
+        asker->ends = true;
+        sem_post(&asker->next_question);
+    }
+}
