@@ -21,7 +21,7 @@ constexpr int traced_child_pause_ms = 10;
 constexpr int longest_end_pause_ms = 50;
 
 [[noreturn]] void run_child(const char* path, char* const argv[], char* const envp[],
-                            const int (&given)[standard_fds], int traceme) {
+                            const int (&given)[standard_fds], bool is_traced, pid_t parent) {
     for (int fd = 0; fd < standard_fds; fd++) {
         if (given[fd] != fd) {
             close(fd);
@@ -30,8 +30,12 @@ constexpr int longest_end_pause_ms = 50;
     for (int fd = 0; fd < standard_fds; fd++) {
         dup2(given[fd], fd);
     }
-    if (traceme) {
+    if (is_traced) {
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        if (getppid() != parent) {
+            _exit(
+                1);  // the parent died before: another process is the tracer now, and would leave it stopped
+        }
     }
     execve(path, argv, envp);
     perror("execve");
@@ -54,9 +58,10 @@ void wait_for_any(int* status) {
 pid_t sys_run_envp_nowait(const char* path, char* const argv[], char* const envp[], int fd_in, int fd_out,
                           int fd_err, int traceme) {
     fflush(stdout);
+    const pid_t parent = getpid();
     pid_t pid = fork();
     if (pid == 0) {
-        run_child(path, argv, envp, {fd_in, fd_out, fd_err}, traceme);
+        run_child(path, argv, envp, {fd_in, fd_out, fd_err}, traceme != 0, parent);
     }
     if (pid < 0) {
         perror("fork");

@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -375,6 +377,38 @@ TEST(sys_run_nowait, traced_program_stops_at_its_execve) {
     ASSERT_EQ(ptrace(PTRACE_CONT, pid, nullptr, nullptr), 0);
     EXPECT_TRUE(exited_with(wait_status(pid), 5));
     EXPECT_EQ(out.finish(), "ran\n");
+}
+
+TEST(sys_run_nowait, traced_child_whose_parent_died_before_is_not_left_stopped) {
+    // Whoever gets the orphan would be its tracer: here that is this process.
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    int stopped = 0;
+    for (int i = 0; i < 50; i++) {
+        test_pipe report;
+        run_in_child([&report] {
+            cpu_set_t one;
+            CPU_ZERO(&one);
+            CPU_SET(static_cast<size_t>(sched_getcpu()), &one);
+            sched_setaffinity(0, sizeof one, &one);  // the parent ends before the child has begun
+            char program[] = "/bin/true";
+            char* argv[] = {program, nullptr};
+            pid_t pid = sys_run_nowait(program, argv, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 1);
+            (void)!write(report.in.get(), &pid, sizeof pid);
+            _exit(0);
+            return 0;
+        });
+        pid_t orphan = -1;
+        ASSERT_EQ(read(report.out.get(), &orphan, sizeof orphan), static_cast<ssize_t>(sizeof orphan));
+        int status = 0;
+        ASSERT_EQ(waitpid(orphan, &status, WUNTRACED), orphan);
+        if (WIFSTOPPED(status)) {
+            stopped++;
+            kill(orphan, SIGKILL);
+            waitpid(orphan, &status, 0);
+        }
+    }
+    EXPECT_EQ(stopped, 0);
+    EXPECT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 0), 0);
 }
 
 TEST(sys_run_nowait, program_without_a_tracer_does_not_stop) {
