@@ -14,6 +14,7 @@
 #include <cerrno>
 
 #include "common/deadline.h"
+#include "common/ending.h"
 #include "proc/proc_list.h"
 
 const int trace_wait_flags = __WALL | __WNOTHREAD;
@@ -26,25 +27,30 @@ constexpr useconds_t longest_pause_us = 1000;
 constexpr useconds_t longest_end_pause_us = 10000;
 constexpr int end_looks = 50;  // half a second at the longest pause
 constexpr int resume_attempts = 4;
+constexpr size_t mask_digits = 16;
 
 // A number where ptrace takes a pointer.
 void* as_data(long value) {
     return reinterpret_cast<void*>(static_cast<intptr_t>(value));  // NOLINT(performance-no-int-to-ptr)
 }
 
-// The thread that traces `pid`; 0 when there is none.
-pid_t tracer_of(pid_t pid) {
-    char path[32];
-    char text[1024];
-    snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
-    ssize_t length = read_file_once(path, text, sizeof text - 1);
-    text[length > 0 ? length : 0] = '\0';
-    const char* line = strstr(text, "\nTracerPid:");
-    return line ? static_cast<pid_t>(strtol(line + strlen("\nTracerPid:"), nullptr, 10)) : 0;
+// The text behind "KEY:" in a status file, at its first character that is no blank; "" when there is none.
+const char* field_of(const char* text, const char* key) {
+    const char* line = strstr(text, key);
+    return line ? line + strlen(key) + strspn(line + strlen(key), " \t") : "";
 }
 
-bool detach_request(pid_t pid, int sig) {
-    return ptrace(PTRACE_DETACH, pid, nullptr, as_data(sig)) == 0;
+// Whether one of a status file's masks of pending signals has SIGSTOP. A mask is 64 or, on MIPS, 128 bits
+// wide.
+bool has_stop(const char* text, const char* key) {
+    const char* mask = field_of(text, key);
+    const size_t digits = strspn(mask, "0123456789abcdef");
+    mask += digits > mask_digits ? digits - mask_digits : 0;
+    return (strtoull(mask, nullptr, 16) >> (SIGSTOP - 1) & 1) != 0;
+}
+
+pid_t number_of(const char* text, const char* key) {
+    return static_cast<pid_t>(strtol(field_of(text, key), nullptr, 10));
 }
 
 int resume(__ptrace_request request, const char* name, pid_t pid, int sig) {
@@ -82,7 +88,7 @@ pid_t await_event(pid_t pid, int* status, bool detached, bool* stop_due) {
 // trace_detach_sig, with or without a stop signal for a process that runs: one that is being attached to has
 // its own on its way, and a second one would stop it for good.
 void let_go(pid_t pid, int sig, bool send_stop) {
-    const bool detached = detach_request(pid, sig);
+    const bool detached = trace_detach_stopped(pid, sig);
     bool stop_due = !detached && send_stop;
     int status = 0;
     for (;;) {
@@ -94,7 +100,7 @@ void let_go(pid_t pid, int sig, bool send_stop) {
             return;
         }
         if (WSTOPSIG(status) == SIGSTOP) {
-            (void)detach_request(pid, sig);
+            (void)trace_detach_stopped(pid, sig);
             return;
         }
         if (WSTOPSIG(status) == SIGCONT) {
@@ -109,6 +115,7 @@ void let_go(pid_t pid, int sig, bool send_stop) {
 }  // namespace
 
 pid_t trace_attach(pid_t pid) {
+    const ending_held held;
     if (ptrace(PTRACE_ATTACH, pid, nullptr, nullptr) < 0) {
         return -1;
     }
@@ -127,6 +134,7 @@ pid_t trace_attach(pid_t pid) {
 }
 
 pid_t trace_attach_within(pid_t pid, int patience_ms, int* status) {
+    const ending_held held;
     if (ptrace(PTRACE_ATTACH, pid, nullptr, nullptr) < 0) {
         return -1;
     }
@@ -142,6 +150,7 @@ pid_t trace_attach_within(pid_t pid, int patience_ms, int* status) {
             return -1;
         }
         if (got == 0 && patience.left_ms() == 0) {
+            trace_take_back_stop(pid);
             return 0;
         }
         usleep(pause);
@@ -152,7 +161,19 @@ bool trace_is_ours(pid_t pid) {
     siginfo_t info = {};
     return waitid(P_PID, static_cast<id_t>(pid), &info,
                   WEXITED | WSTOPPED | WNOHANG | WNOWAIT | trace_wait_flags) == 0 &&
-           tracer_of(pid) == gettid();
+           trace_look(pid).tracer == gettid();
+}
+
+trace_view trace_look(pid_t pid) {
+    char path[32];
+    char text[2048];
+    snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
+    ssize_t length = read_file_once(path, text, sizeof text - 1);
+    text[length > 0 ? length : 0] = '\0';
+    return {.state = field_of(text, "\nState:")[0],
+            .process = number_of(text, "\nTgid:"),
+            .tracer = number_of(text, "\nTracerPid:"),
+            .stop_pending = has_stop(text, "\nSigPnd:") || has_stop(text, "\nShdPnd:")};
 }
 
 int trace_stop_thread(pid_t pid) {
@@ -163,15 +184,35 @@ int trace_stop_thread(pid_t pid) {
 
 int trace_first_signal(pid_t pid, int status, bool* stop_due) {
     const int sig = WSTOPSIG(status);
-    siginfo_t info;
-    const bool delivered = ptrace(PTRACE_GETSIGINFO, pid, nullptr, &info) == 0;
+    siginfo_t info = {};
+    // Only a stop of the whole process has no information: the kernel says so with EINVAL.
+    const bool delivered = ptrace(PTRACE_GETSIGINFO, pid, nullptr, &info) == 0 || errno != EINVAL;
     *stop_due = !delivered || sig != SIGSTOP;
     // An exec that was under way when the attach came ends with a trap that is for the tracer alone.
     const bool exec_trap = delivered && sig == SIGTRAP && info.si_code == SI_USER;
     return delivered && sig != SIGSTOP && !exec_trap ? sig : 0;
 }
 
+void trace_take_back_stop(pid_t pid) {
+    // Not when there is nothing to take back: it could go on from a stop that somebody else wants.
+    if (trace_look(pid).stop_pending) {
+        (void)syscall(SYS_tkill, pid, SIGCONT);
+    }
+}
+
+bool trace_is_own_sigcont(pid_t pid, int status) {
+    siginfo_t info = {};
+    return status >> 16 == 0 && WSTOPSIG(status) == SIGCONT &&
+           ptrace(PTRACE_GETSIGINFO, pid, nullptr, &info) == 0 && info.si_code == SI_TKILL &&
+           (info.si_pid == getpid() || info.si_pid == 0);  // 0: in a namespace that does not show us
+}
+
+bool trace_detach_stopped(pid_t pid, int sig) {
+    return ptrace(PTRACE_DETACH, pid, nullptr, as_data(sig)) == 0;
+}
+
 void trace_detach_sig(pid_t pid, int sig) {
+    const ending_held held;
     let_go(pid, sig, true);
 }
 

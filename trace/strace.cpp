@@ -11,8 +11,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <utility>
 
+#include "common/deadline.h"
+#include "common/ending.h"
 #include "common/signal_map.h"
 #include "common/sys_run.h"
 #include "proc/proc_list.h"
@@ -28,6 +32,8 @@ constexpr int syscall_stop = SIGTRAP | 0x80;
 constexpr int exit_mask = 0x600;
 constexpr long turn_pause_ns = 20000000;  // between two looks whether the trace before has ended
 constexpr pid_t no_timer = -1;
+constexpr useconds_t shortest_pause_us = 10;
+constexpr useconds_t longest_pause_us = 1000;
 constexpr int timer_patience_ms = 100;  // whoever ignores SIGINT has its children ignore it, too
 
 pthread_mutex_t strace_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -92,11 +98,6 @@ void report_signal(trace_run* run, int index, int sig) {
     }
 }
 
-// Whether a stop is a signal's, or its process's, rather than one that was asked for with an option.
-bool is_signal_status(int status) {
-    return WSTOPSIG(status) != syscall_stop && status >> 16 == 0;
-}
-
 // A SIGCONT discards the stop signal of the attach that is still to come.
 void renew_stop(const strace_process& process, pid_t pid, int sig) {
     if (process.attach_stop_due && sig == SIGCONT) {
@@ -104,34 +105,79 @@ void renew_stop(const strace_process& process, pid_t pid, int sig) {
     }
 }
 
-// Starts tracing the process whose first stop was waited for. An attach sends a stop signal, but a signal
-// that was there before may stop the process first, and so may a stop that it was in: both are kept.
-bool start(trace_run* run, int index, int status) {
-    strace_ctx* ctx = run->ctx;
-    pid_t pid = ctx->pids[index];
-    strace_process& process = process_at(run, index);
-    // Without the exec event a traced process that execs would be sent a real SIGTRAP, and die of it.
+// Without the exec event a traced process that execs would be sent a real SIGTRAP, and die of it.
+bool set_options(const strace_ctx* ctx, pid_t pid) {
     long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEEXEC;
     if (ctx->flags & strace_exits) {
         options |= PTRACE_O_TRACEEXIT;
     }
-    (void)trace_setoptions(pid, options);
-    int sig = 0;
-    if (!ctx->attached) {
-        sig = trace_first_signal(pid, status, &process.attach_stop_due);
+    return trace_setoptions(pid, options) == 0;
+}
+
+// The signal that a process gets as it goes on from its first stop. An attach sends a stop signal, but a
+// signal that was there before may stop the process first, and so may a stop that it was in: both are kept.
+int first_signal(const strace_ctx* ctx, strace_process* process, pid_t pid, int status) {
+    if (ctx->attached) {
+        return 0;
+    }
+    bool taken_back = process->sigcont_due;
+    int sig = trace_first_signal(pid, status, &process->attach_stop_due);
+    process->attach_stop_due = process->attach_stop_due && !taken_back;
+    return sig == SIGCONT ? strace_signal_of_stop(process, pid, status) : sig;
+}
+
+// Starts tracing the process whose first stop was waited for.
+bool start(trace_run* run, int index, int status) {
+    strace_ctx* ctx = run->ctx;
+    pid_t pid = ctx->pids[index];
+    strace_process& process = process_at(run, index);
+    int sig = first_signal(ctx, &process, pid, status);
+    process.joining = false;
+    if (!set_options(ctx, pid)) {
+        process.stopped = true;
+        process.undelivered = sig;
+        (void)strace_release(ctx, index);
+        ctx->pids[index] = -1;
+        return false;
     }
     read_name(pid, process.name);
+    process.process = trace_look(pid).process;
     process.own_child = !ctx->attached && proc_ppid(pid) == getpid();
     if (sig != 0) {
         report_signal(run, index, sig);
     }
     renew_stop(process, pid, sig);
-    process.joining = false;
     return resume(run, index, sig);
 }
 
-// Takes hold of one process; what can't be had is dropped.
+void handle_event(trace_run* run, int index);
+
+// Waits for the stop signal of an attach that did not come first: the process may be resumed and stop several
+// times before. One that does not come is taken back, as that of a process that does not stop at all.
+void await_attach_stop(trace_run* run, int index) {
+    const deadline patience(strace_attach_patience_ms);
+    strace_process& process = process_at(run, index);
+    const pid_t* pid = &run->ctx->pids[index];
+    for (useconds_t pause = shortest_pause_us; *pid != -1 && process.attach_stop_due;) {
+        pid_t got = waitpid(*pid, &process.event, WNOHANG | trace_wait_flags);
+        if (got > 0) {
+            handle_event(run, index);
+        } else if (process.sigcont_due || got < 0) {
+            process.attach_stop_due = false;
+        } else if (patience.left_ms() == 0) {
+            // The signal may arrive before it is taken back; one more wait tells.
+            trace_take_back_stop(*pid);
+            process.sigcont_due = true;
+        } else {
+            usleep(pause);
+            pause = std::min(2 * pause, longest_pause_us);
+        }
+    }
+}
+
+// Attaches to one process; drops it if that fails. No stop signal is on its way to it afterwards.
 void join(trace_run* run, int index) {
+    const ending_held held;
     strace_ctx* ctx = run->ctx;
     int status = 0;
     pid_t got = 1;
@@ -142,9 +188,11 @@ void join(trace_run* run, int index) {
         ctx->pids[index] = -1;
     } else if (got == 0) {
         process_at(run, index).joining = true;
+        process_at(run, index).sigcont_due = true;
         run->live++;
     } else if (start(run, index, status)) {
         run->live++;
+        await_attach_stop(run, index);
     }
 }
 
@@ -208,8 +256,6 @@ void leave_to_parent(trace_run* run, int index) {
     run->over = --run->live <= 0;
 }
 
-void handle_event(trace_run* run, int index);
-
 // Resumes a process. Where exits are reported, one that has been killed since it stopped stands at its end by
 // now, and resuming it would step over that.
 void go_on(trace_run* run, int index, int sig) {
@@ -220,6 +266,14 @@ void go_on(trace_run* run, int index, int sig) {
     } else {
         resume(run, index, sig);
     }
+}
+
+void handle_signal(trace_run* run, int index, int sig) {
+    if (sig != 0) {
+        report_signal(run, index, sig);
+    }
+    renew_stop(process_at(run, index), run->ctx->pids[index], sig);
+    go_on(run, index, sig);
 }
 
 // Reports the stop of a process and resumes it.
@@ -242,9 +296,7 @@ void handle_stop(trace_run* run, int index, int status) {
         process.attach_stop_due = false;
         go_on(run, index, 0);
     } else {
-        report_signal(run, index, sig);
-        renew_stop(process, run->ctx->pids[index], sig);
-        go_on(run, index, sig);
+        handle_signal(run, index, strace_signal_of_stop(&process, run->ctx->pids[index], status));
     }
 }
 
@@ -255,22 +307,10 @@ void keep_event(trace_run* run, int index) {
         run->ctx->pids[index] = -1;
         return;
     }
-    int sig = is_signal_status(process.event) ? WSTOPSIG(process.event) : 0;
-    if (process.joining) {
-        bool stop_due;
-        sig = trace_first_signal(run->ctx->pids[index], process.event, &stop_due);
-    }
-    bool attaching = process.joining || process.attach_stop_due;
-    bool is_ending = process.event >> 16 == PTRACE_EVENT_EXIT;
-    if (attaching && !is_ending && WSTOPSIG(process.event) != SIGSTOP) {
-        // The attach's stop signal is still to come. It serves as the one that lets the process be detached.
-        process.attach_stop_due = true;
-        renew_stop(process, run->ctx->pids[index], sig);
-        (void)trace_cont(run->ctx->pids[index], sig);
-        return;
-    }
+    pid_t pid = run->ctx->pids[index];
     process.stopped = true;
-    process.undelivered = attaching ? 0 : sig;
+    process.undelivered = process.joining ? first_signal(run->ctx, &process, pid, process.event)
+                                          : strace_signal_of_stop(&process, pid, process.event);
 }
 
 // Deals with the event of a process.
@@ -295,10 +335,12 @@ void note_event(trace_run* run, pid_t pid, int status) {
         run->over = true;
         return;
     }
-    int index = strace_index(ctx, pid);
+    const int holder = strace_index(ctx, pid);
+    int index = strace_index_of_event(ctx, pid, status);
     if (index < 0) {
         return;
     }
+    run->live -= holder >= 0 && holder != index;
     strace_process& process = process_at(run, index);
     process.event = status;
     if (ctx->nr_pids < 0) {
@@ -341,6 +383,9 @@ bool trace_round(trace_run* run) {
     for (int i = 0; i < run->ready_count; i++) {
         int index = run->ctx->names->ready.get()[i];
         process_at(run, index).ready = false;
+        if (run->ctx->pids[index] == -1) {
+            continue;  // an exec has taken its number
+        }
         if (run->over) {
             keep_event(run, index);
         } else {
@@ -381,6 +426,7 @@ void join_all(trace_run* run) {
             continue;
         }
         join(run, i);
+        // Whatever became of this one, others are still to join.
         run->over = process_at(run, i).joining && !poll_caller(ctx);
     }
 }
@@ -418,6 +464,36 @@ int strace_index(const strace_ctx* ctx, pid_t pid) {
         }
     }
     return -1;
+}
+
+int strace_index_of_event(strace_ctx* ctx, pid_t pid, int status) {
+    const int holder = strace_index(ctx, pid);
+    unsigned long former = 0;
+    if (!WIFSTOPPED(status) || status >> 16 != PTRACE_EVENT_EXEC ||
+        ptrace(PTRACE_GETEVENTMSG, pid, nullptr, &former) != 0) {
+        return holder;
+    }
+    const int index = strace_index(ctx, static_cast<pid_t>(former));
+    if (index < 0 || index == holder) {
+        return holder;
+    }
+    if (holder >= 0) {
+        ctx->pids[holder] = -1;
+    }
+    ctx->pids[index] = pid;
+    unique_fd closed(std::exchange(strace_find(ctx, pid)->fd_dir, -1));  // of the number that is gone
+    return index;
+}
+
+int strace_signal_of_stop(strace_process* process, pid_t pid, int status) {
+    if (WSTOPSIG(status) == syscall_stop || status >> 16 != 0) {
+        return 0;
+    }
+    if (process->sigcont_due && trace_is_own_sigcont(pid, status)) {
+        process->sigcont_due = false;
+        return 0;
+    }
+    return WSTOPSIG(status);
 }
 
 void do_strace(strace_ctx* ctx) {

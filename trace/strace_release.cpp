@@ -1,13 +1,15 @@
 // Letting the processes of a trace go.
 #include <signal.h>
+#include <stdint.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
+#include <utility>
 
 #include "common/deadline.h"
-#include "proc/proc_list.h"
+#include "common/ending.h"
 #include "trace/ptrace_ops.h"
 #include "trace/strace_process.h"
 
@@ -15,130 +17,204 @@ namespace {
 
 constexpr useconds_t shortest_pause_us = 10;
 constexpr useconds_t longest_pause_us = 5000;
-constexpr int patience_ms = 3000;
+constexpr int patience_ms = 3000;      // for all processes together
+constexpr int stop_patience_ms = 200;  // for the stop of one
+constexpr int least_patience_ms = 20;  // the same when the others have used all the patience up
+constexpr int looks_at_a_sleeper = 3;
+constexpr int looks_at_an_end = 12;  // with the pauses between them, some 20 ms
+
+// One process on its way to its stop.
+struct release {
+    strace_ctx* ctx;
+    int index;
+    bool stop_sent = false;  // a stop signal is, or may be, on its way
+    int looks = 0;           // how often it was seen in a state in which no signal stops it
+
+    pid_t pid() const { return ctx->pids[index]; }
+    strace_process& process() const { return ctx->names->processes.get()[index]; }
+};
 
 void* as_data(int sig) {
     return reinterpret_cast<void*>(static_cast<intptr_t>(sig));  // NOLINT(performance-no-int-to-ptr)
 }
 
-// Detaches a process that is stopped; false when it turned out not to be.
-bool detach(pid_t pid, int sig) {
-    return ptrace(PTRACE_DETACH, pid, nullptr, as_data(sig)) == 0;
+enum class outcome { coming, free, later };
+
+bool is_stop_pending(const release& r) {
+    return r.stop_sent && trace_look(r.pid()).stop_pending;
 }
 
-// Deals with what was waited for while a process was on its way to its stop. Returns whether it is free.
-bool settle(pid_t pid, int status, bool joining) {
-    if (!WIFSTOPPED(status)) {
-        return true;
+// Lets a stopped process go on with `sig`. Returns whether it is free: not while a stop signal is still to
+// come, which would remain. A SIGCONT may have discarded that one.
+bool go_on(const release* r, int sig) {
+    if (!is_stop_pending(*r)) {
+        return trace_detach_stopped(r->pid(), sig);
     }
-    int sig = WSTOPSIG(status);
-    if (sig == SIGSTOP) {
-        return detach(pid, 0);
-    }
-    if (status >> 16 == PTRACE_EVENT_EXIT) {
-        return detach(pid, 0);  // its end is its parent's to see
-    }
-    if (sig == SIGCONT) {
-        (void)trace_stop_thread(pid);  // it has discarded the stop signal that is waited for
-    }
-    // The stop that was asked for is still to come and would remain when the process were let go here.
-    bool stop_due;
-    if (joining) {
-        sig = trace_first_signal(pid, status, &stop_due);
-    } else if (sig == (SIGTRAP | 0x80) || status >> 16 != 0) {
-        sig = 0;
-    }
-    return ptrace(PTRACE_CONT, pid, nullptr, as_data(sig)) < 0 && errno != ESRCH;
+    (void)ptrace(PTRACE_CONT, r->pid(), nullptr, as_data(sig));
+    return false;
 }
 
-// Deals with one wait status; returns how many processes it set free, 0 or 1.
-int settle_one(strace_ctx* ctx, pid_t pid, int status) {
-    int index = strace_index(ctx, pid);
-    if (index < 0) {
-        return 0;
+// Deals with a stop. Returns whether the process is free.
+bool settle(const release* r, int status) {
+    int sig = strace_signal_of_stop(&r->process(), r->pid(), status);
+    if (sig == SIGSTOP && r->stop_sent) {
+        return trace_detach_stopped(r->pid(), 0);
     }
+    // At its end no signal reaches it, and that end is its parent's to see.
+    return status >> 16 == PTRACE_EVENT_EXIT ? trace_detach_stopped(r->pid(), 0) : go_on(r, sig);
+}
+
+// Keeps an event in mind that came while another process was waited for.
+void keep_event(strace_ctx* ctx, int index, int status) {
     strace_process& process = ctx->names->processes.get()[index];
-    if (!process.awaited || !settle(pid, status, process.joining)) {
-        return 0;
-    }
-    process.awaited = false;
-    if (!WIFSTOPPED(status)) {
+    if (WIFSTOPPED(status)) {
+        process.stopped = true;
+        process.undelivered = strace_signal_of_stop(&process, ctx->pids[index], status);
+    } else {
         ctx->pids[index] = -1;
     }
-    return 1;
 }
 
-// Gives up who can't be waited for; returns how many. The first thread of a process that ended before the
-// others never stops, and its end is not seen before theirs. One that sleeps in the kernel may do so for
-// ever, and the stop of another may have been taken by somebody else's wait: when patience is at its end, the
-// stop signal is taken back, and who can't be let go as it stands is set free by the end of this thread.
-int give_up(strace_ctx* ctx, bool is_late) {
-    int given_up = 0;
+// Waits for a thread that is no longer there under its number. One that calls exec takes its process's.
+pid_t wait_for_exec(release* r, int* status) {
+    const pid_t number = r->process().process;
+    if (number < 1 || number == r->pid()) {
+        return -1;
+    }
+    pid_t got = waitpid(number, status, WNOHANG | trace_wait_flags);
+    int index = got > 0 ? strace_index_of_event(r->ctx, got, *status) : strace_index(r->ctx, number);
+    if (got == 0 && (index < 0 || r->ctx->names->processes.get()[index].released)) {
+        r->ctx->pids[r->index] = number;  // the stop of its exec is still to come
+        return 0;
+    }
+    if (got > 0 && index >= 0 && index != r->index) {
+        keep_event(r->ctx, index, *status);
+    }
+    return got > 0 && index == r->index ? got : -1;
+}
+
+// Waits once, without blocking.
+outcome wait_once(release* r) {
+    for (;;) {
+        int status = 0;
+        pid_t pid = waitpid(r->pid(), &status, WNOHANG | trace_wait_flags);
+        if (pid < 0) {
+            pid = wait_for_exec(r, &status);
+        }
+        if (pid == 0) {
+            return outcome::coming;
+        }
+        if (pid < 0 || !WIFSTOPPED(status)) {
+            r->ctx->pids[r->index] = -1;
+            return outcome::free;
+        }
+        if (settle(r, status)) {
+            return outcome::free;
+        }
+    }
+}
+
+// Sends the stop signal to a process that is seen running.
+outcome stop_if_running(release* r) {
+    const trace_view view = trace_look(r->pid());
+    if (view.tracer != gettid()) {
+        // A thread that nobody traces has taken its number, or it has ended.
+        r->ctx->pids[r->index] = -1;
+        return outcome::free;
+    }
+    switch (view.state) {
+        case 't':  // somebody else's wait has taken its stop
+            return ++r->looks > looks_at_a_sleeper && trace_detach_stopped(r->pid(), 0) ? outcome::free
+                                                                                        : outcome::coming;
+        case 'Z':  // a first thread that ended before the others: its end comes after theirs
+            return ++r->looks > looks_at_an_end ? outcome::free : outcome::coming;
+        case 'D':
+            return ++r->looks > looks_at_a_sleeper ? outcome::later : outcome::coming;
+        default:
+            r->stop_sent = trace_stop_thread(r->pid()) == 0;
+            return outcome::coming;
+    }
+}
+
+// Takes the stop signal back from a process that did not stop in time.
+outcome take_back(release* r) {
+    if (!r->stop_sent) {
+        return outcome::later;
+    }
+    trace_take_back_stop(r->pid());
+    r->process().sigcont_due = true;
+    if (wait_once(r) == outcome::free) {  // the signal had arrived
+        return outcome::free;
+    }
+    return !is_stop_pending(*r) && trace_detach_stopped(r->pid(), 0) ? outcome::free : outcome::later;
+}
+
+outcome bring_to_a_stop(release* r, int patience) {
+    const deadline end(patience);
+    for (useconds_t pause = shortest_pause_us;; pause = std::min(2 * pause, longest_pause_us)) {
+        outcome now = wait_once(r);
+        if (now == outcome::coming && !r->stop_sent) {
+            now = stop_if_running(r);
+        }
+        if (now != outcome::coming) {
+            return now;
+        }
+        if (end.left_ms() == 0) {
+            return take_back(r);
+        }
+        usleep(pause);
+    }
+}
+
+bool release_within(strace_ctx* ctx, int index, int patience) {
+    const ending_held held;
+    release r = {.ctx = ctx, .index = index};
+    strace_process& process = r.process();
+    r.stop_sent = std::exchange(process.attach_stop_due, false);
+    if (std::exchange(process.stopped, false) && go_on(&r, process.undelivered)) {
+        return true;
+    }
+    return bring_to_a_stop(&r, patience) == outcome::free;
+}
+
+// The end of a child is the caller's to see; a signal for the caller ends the wait.
+void wait_for_children(strace_ctx* ctx) {
+    for (int i = 0; i < ctx->names->count; i++) {
+        int status;
+        if (ctx->pids[i] != -1 && waitpid(ctx->pids[i], &status, trace_wait_flags) > 0) {
+            ctx->pids[i] = -1;
+        }
+    }
+}
+
+// Lets go whatever can be. Returns how many could not.
+int release_each(strace_ctx* ctx, bool stopped_only, const deadline& end) {
+    int left = 0;
     for (int i = 0; i < ctx->names->count; i++) {
         strace_process& process = ctx->names->processes.get()[i];
-        char state = process.awaited ? proc_state(ctx->pids[i]) : '\0';
-        const bool is_unreachable = is_late && (state == 'D' || state == 't');
-        if (is_unreachable) {
-            (void)kill(ctx->pids[i], SIGCONT);
-            (void)detach(ctx->pids[i], 0);
+        if (ctx->pids[i] == -1 || process.released || (stopped_only && !process.stopped)) {
+            continue;
         }
-        if (state == 'Z' || is_unreachable) {
-            process.awaited = false;
-            given_up++;
-        }
+        int patience = std::clamp(end.left_ms(), least_patience_ms, stop_patience_ms);
+        process.released = release_within(ctx, i, patience) || ctx->pids[i] == -1;
+        left += !process.released;
     }
-    return given_up;
-}
-
-// Waits until the `pending` processes that were asked to stop have been let go.
-void collect(strace_ctx* ctx, int pending) {
-    useconds_t pause = shortest_pause_us;
-    const deadline patience(patience_ms);
-    while (pending > 0) {
-        int status;
-        pid_t pid = waitpid(-1, &status, WNOHANG | trace_wait_flags);
-        if (pid > 0) {
-            pending -= settle_one(ctx, pid, status);
-            pause = shortest_pause_us;
-        } else if (pid < 0 && errno != EINTR) {
-            return;
-        } else if (pause < longest_pause_us) {
-            usleep(pause);
-            pause *= 2;
-        } else {
-            pending -= give_up(ctx, patience.left_ms() == 0);
-            usleep(pause);
-        }
-    }
+    return left;
 }
 
 }  // namespace
 
+bool strace_release(strace_ctx* ctx, int index) {
+    return release_within(ctx, index, stop_patience_ms);
+}
+
 void strace_release_all(strace_ctx* ctx) {
-    int pending = 0;
-    for (int i = 0; i < ctx->names->count; i++) {
-        strace_process& process = ctx->names->processes.get()[i];
-        pid_t pid = ctx->pids[i];
-        if (pid == -1 || (process.stopped && detach(pid, process.undelivered))) {
-            continue;
-        }
-        // A second stop signal behind the attach's own would be left over. A process that has ended leaves
-        // its end to be waited for, if it is still ours at all.
-        if (!trace_is_ours(pid)) {
-            ctx->pids[i] = -1;
-            continue;
-        }
-        process.awaited = process.joining || process.attach_stop_due || trace_stop_thread(pid) == 0;
-        pending += process.awaited;
+    const deadline end(patience_ms);
+    (void)release_each(ctx, true, end);
+    while (release_each(ctx, false, end) > 0 && end.left_ms() > 0) {
+        usleep(longest_pause_us);
     }
-    collect(ctx, pending);
     if (ctx->attached) {
-        // The end of a child is the caller's to see; a signal for the caller ends the wait.
-        for (int i = 0; i < ctx->names->count; i++) {
-            int status;
-            if (ctx->pids[i] != -1 && waitpid(ctx->pids[i], &status, trace_wait_flags) > 0) {
-                ctx->pids[i] = -1;
-            }
-        }
+        wait_for_children(ctx);
     }
 }

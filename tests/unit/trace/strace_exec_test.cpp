@@ -1,0 +1,111 @@
+// Programs with several threads of which one calls exec: it takes the number of its process.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/support/children.h"
+#include "tests/unit/support/pipes.h"
+#include "tests/unit/support/signals.h"
+#include "tests/unit/trace/tracees.h"
+
+namespace {
+
+// A process of three threads of which the last one calls exec when it is told to.
+class process_that_execs {
+public:
+    process_that_execs()
+        : child_([this] {
+              std::thread(sleep_for_ever).detach();
+              std::thread([this] {
+                  pid_t self = thread_id();
+                  char byte;
+                  (void)!write(report_.in.get(), &self, sizeof self);
+                  (void)!read(gate_.out.get(), &byte, 1);
+                  execl("/bin/sh", "sh", "-c", "exit 5", nullptr);
+              }).detach();
+              return sleep_for_ever();
+          }) {
+        EXPECT_EQ(read(report_.out.get(), &thread_, sizeof thread_), static_cast<ssize_t>(sizeof thread_));
+    }
+    pid_t pid() const { return child_.pid(); }
+    pid_t thread() const { return thread_; }
+    void end_if_left() { child_.end_if_left(); }
+    void open_gate() { EXPECT_EQ(write(gate_.in.get(), "x", 1), 1); }
+    // Its threads, the one that calls exec last.
+    std::vector<pid_t> threads() const {
+        std::vector<pid_t> found;
+        for (const auto& entry :
+             std::filesystem::directory_iterator("/proc/" + std::to_string(pid()) + "/task")) {
+            found.push_back(atoi(entry.path().filename().c_str()));
+        }
+        std::ranges::sort(found, {}, [this](pid_t tid) { return tid == thread_ ? 1 : 0; });
+        return found;
+    }
+
+private:
+    test_pipe report_;
+    test_pipe gate_;
+    tracee child_;
+    pid_t thread_ = -1;
+};
+
+// Traces these threads; the exec comes when all are traced.
+void run_with_exec(process_that_execs* process, traced_text* trace) {
+    trace->ctx.seconds = 20;  // what keeps a test that fails from hanging
+    std::thread opener([=, pids = trace->pids] {
+        eventually([&pids] { return std::ranges::all_of(pids, is_traced); });
+        process->open_gate();
+    });
+    trace->run();
+    opener.join();
+}
+
+}  // namespace
+
+TEST(strace_exec, thread_that_is_traced_alone_goes_on_under_the_number_of_its_process) {
+    process_that_execs process;
+    traced_text trace({process.thread()}, strace_calls | strace_signals);
+    run_with_exec(&process, &trace);
+    EXPECT_TRUE(trace.has("exit_group(5)\n")) << trace.text;
+    EXPECT_TRUE(trace.has("[" + std::to_string(process.pid()) + " ")) << trace.text;
+    EXPECT_FALSE(trace.has("SIGNAL")) << trace.text;
+    EXPECT_EQ(trace.pids, std::vector<pid_t>{-1});
+    process.end_if_left();
+}
+
+TEST(strace_exec, thread_that_execs_goes_on_when_all_threads_are_traced) {
+    for (uint32_t flags : {strace_calls, strace_everything}) {
+        for (int round = 0; round < 5; round++) {
+            process_that_execs process;
+            traced_text trace(process.threads(), flags);
+            std::ranges::rotate(trace.pids, trace.pids.begin() + round % 3);
+            run_with_exec(&process, &trace);
+            EXPECT_TRUE(trace.has("exit_group(5)\n")) << trace.text;
+            EXPECT_EQ(trace.pids, (std::vector<pid_t>{-1, -1, -1}));
+            process.end_if_left();
+        }
+    }
+}
+
+TEST(strace_exec, thread_that_execs_while_it_is_let_go_is_not_left_stopped) {
+    for (int round = 0; round < 40; round++) {
+        process_that_execs process;
+        traced_text trace(process.threads(), strace_calls);
+        trace.ctx.seconds = 20;
+        trace.goes_on = [&process, round](const traced_text& now) {
+            if (now.polls == 1) {
+                process.open_gate();
+            }
+            return now.polls < 1 + round % 20;
+        };
+        kill(process.pid(), SIGWINCH);  // an event
+        trace.run();
+        process.end_if_left();
+    }
+}
