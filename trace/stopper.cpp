@@ -31,5 +31,5 @@ void stopper_on_exit(strace_ctx* /*ctx*/, void* /*cookie*/, pid_t pid, int kind,
 }  // namespace
 
 int run_stopper(int argc, char** argv) {
-    return tracer_run(argc, argv, {usage, strace_calls | strace_exits, write_cb, stopper_on_exit});
+    return tracer_run(argc, argv, {usage, strace_calls | strace_exits, write_cb, stopper_on_exit, false});
 }

@@ -1,6 +1,8 @@
 #include "trace/tracer_command.h"
 
 #include <limits.h>
+#include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,36 +12,49 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string_view>
 
 #include "common/sys_run.h"
 #include "common/unique_fd.h"
+#include "trace/ptrace_ops.h"
 
 namespace {
 
 constexpr const char* default_path = "/bin:/sbin:/usr/bin:/usr/sbin:/usr/local/bin";
 
-volatile sig_atomic_t stop_flag = 0;
+// How often a command that does not end is waited for when a signal other than SIGINT ends the tracer: 3 s.
+constexpr int end_ticks = 3000 / tracer_repeat_ms;
+
+std::atomic<bool> stop_flag{false};
+volatile sig_atomic_t ending_signal = 0;
 timer_t repeat_timer;
 bool repeat_timer_made = false;
 
-void set_repeat(long every_ms) {
+void start_repeat() {
     itimerspec when = {};
-    when.it_interval.tv_nsec = every_ms * 1000000;
+    when.it_interval.tv_nsec = tracer_repeat_ms * 1000000L;
     when.it_value = when.it_interval;
     if (repeat_timer_made) {
         timer_settime(repeat_timer, 0, &when, nullptr);
     }
 }
 
-void on_interrupt(int /*sig*/) {
-    if (!stop_flag) {
-        int saved = errno;
-        stop_flag = 1;
-        set_repeat(tracer_repeat_ms);
-        errno = saved;
+void on_end(int sig) {
+    int saved = errno;
+    if (sig != SIGINT) {
+        ending_signal = sig;
     }
+    tracer_stop();
+    errno = saved;
+}
+
+void catch_signal(int sig) {
+    struct sigaction action = {};
+    action.sa_handler = on_end;
+    sigemptyset(&action.sa_mask);
+    sigaction(sig, &action, nullptr);
 }
 
 void set_up_signals() {
@@ -48,10 +63,47 @@ void set_up_signals() {
     event.sigev_notify = SIGEV_SIGNAL;
     event.sigev_signo = SIGINT;
     repeat_timer_made = timer_create(CLOCK_MONOTONIC, &event, &repeat_timer) == 0;
-    struct sigaction action = {};
-    action.sa_handler = on_interrupt;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, nullptr);
+    catch_signal(SIGINT);
+    for (int sig : {SIGTERM, SIGHUP, SIGQUIT}) {
+        struct sigaction before = {};
+        if (sigaction(sig, nullptr, &before) == 0 && before.sa_handler != SIG_IGN) {
+            catch_signal(sig);
+        }
+    }
+}
+
+// The death that a signal asked for, now that nobody is held.
+void die_if_asked() {
+    if (ending_signal != 0) {
+        signal(ending_signal, SIG_DFL);
+        raise(ending_signal);
+    }
+}
+
+// Waits until nobody reads standard output any more.
+void* watch_reader(void* /*unused*/) {
+    pollfd out = {STDOUT_FILENO, 0, 0};
+    while (poll(&out, 1, -1) < 0) {
+    }
+    tracer_stop();
+    return nullptr;
+}
+
+// Without the thread the next write tells.
+void start_reader_watch() {
+    struct stat status;
+    if (fstat(STDOUT_FILENO, &status) != 0 || !(S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode))) {
+        return;
+    }
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);  // the signals are for the thread that traces
+    pthread_t watch;
+    if (pthread_create(&watch, nullptr, watch_reader, nullptr) == 0) {
+        pthread_detach(watch);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 bool is_regular_file(const char* path) {
@@ -94,10 +146,14 @@ void trace_pids(const tracer_applet& applet, pid_t* pids, int count, bool attach
     ctx.nr_pids = count;
     ctx.seconds = -1;
     ctx.attached = attached;
+    if (applet.ends_with_reader) {
+        start_reader_watch();
+    }
     do_strace(&ctx);
 }
 
-// Ends the child if it is still there; returns when it has been waited for.
+// Ends the child if it is still there; returns when it has been waited for. One that SIGINT does not end gets
+// the signal that ends the tracer as well, and is left alone.
 void end_child(pid_t child) {
     int status;
     pid_t got = waitpid(child, &status, WNOHANG);
@@ -105,7 +161,15 @@ void end_child(pid_t child) {
         return;
     }
     kill(child, SIGINT);
+    (void)trace_detach_stopped(child,
+                               0);  // where there was no memory for a trace it stands in its first stop
+    int ticks = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        ticks += ending_signal != 0;
+        if (ticks > end_ticks) {
+            kill(child, ending_signal);
+            return;
+        }
     }
 }
 
@@ -127,16 +191,33 @@ int trace_command(const tracer_applet& applet, char** command) {
     if (got == child && WIFSTOPPED(status)) {
         pid_t pids[] = {child};
         trace_pids(applet, pids, 1, true);
-        set_repeat(0);
         end_child(child);
     }
+    return 0;
+}
+
+int trace_what_is_asked(const char* name, const tracer_applet& applet, tracer_options* options) {
+    if (options->command) {
+        return trace_command(applet, options->command);
+    }
+    if (options->pids_left_out > 0) {
+        fprintf(stderr, "%s: only the first %d pids are traced, not the other %d\n", name, tracer_max_pids,
+                options->pids_left_out);
+    }
+    trace_pids(applet, options->pids, options->pid_count, false);
     return 0;
 }
 
 }  // namespace
 
 bool tracer_stopped() {
-    return stop_flag != 0;
+    return stop_flag;
+}
+
+void tracer_stop() {
+    if (!stop_flag.exchange(true)) {
+        start_repeat();
+    }
 }
 
 bool tracer_parse(int argc, char** argv, tracer_options* options) {
@@ -186,13 +267,7 @@ int tracer_run(int argc, char** argv, const tracer_applet& applet) {
         return 0;
     }
     set_up_signals();
-    if (options.command) {
-        return trace_command(applet, options.command);
-    }
-    if (options.pids_left_out > 0) {
-        fprintf(stderr, "%s: only the first %d pids are traced, not the other %d\n", argv[0], tracer_max_pids,
-                options.pids_left_out);
-    }
-    trace_pids(applet, options.pids, options.pid_count, false);
-    return 0;
+    int status = trace_what_is_asked(argv[0], applet, &options);
+    die_if_asked();
+    return status;
 }

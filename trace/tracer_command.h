@@ -1,4 +1,5 @@
-// What the two tracer applets have in common: their command line, the program that they start, and Ctrl-C.
+// What the two tracer applets have in common: their command line, the program that they start, and the
+// signals that end them.
 #pragma once
 
 #include <stdint.h>
@@ -30,12 +31,15 @@ struct tracer_applet {
     uint32_t flags;
     int32_t (*write)(void* cookie, const char* text, int length);
     void (*on_exit)(strace_ctx* ctx, void* cookie, pid_t pid, int kind, int code, void* extra);
+    bool ends_with_reader;  // when nobody can read its standard output any more
 };
 
-// The applet's main function: returns the exit status.
+// The applet's main function: returns the exit status. SIGTERM, SIGHUP and SIGQUIT, unless they are ignored,
+// end the trace as SIGINT does; when everybody has been let go the process dies of them.
 int tracer_run(int argc, char** argv, const tracer_applet& applet);
 
 // Whether the user has asked to end; from then on SIGINT comes again every tracer_repeat_ms, so that whatever
 // the applet waits in notices, also when the first one came just before.
 bool tracer_stopped();
+void tracer_stop();  // asks in the user's place
 constexpr int tracer_repeat_ms = 50;

@@ -1,5 +1,7 @@
 """tstrace and stopper: what they print, and that the processes go on as if nothing had been."""
 
+import array
+import fcntl
 import os
 import pathlib
 import random
@@ -7,6 +9,7 @@ import re
 import signal
 import subprocess
 import sys
+import termios
 import time
 
 import pytest
@@ -18,6 +21,7 @@ pytestmark = pytest.mark.usefixtures("here")
 
 TSTRACE, STOPPER = str(BIN / "tstrace"), str(BIN / "stopper")
 SEED = 7
+ENDING = [signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT]
 THREADS = ("11", "12") if SANITIZE else ("11",)  # of a program that starts ten; a sanitizer may have its own
 LINE = re.compile(r"\[(\d+) ([^]]*)\] \[([0-9a-f]+) ([0-9a-f]+)\] (\w+)\((.*)\)( = (?:-?\d+|0x[0-9a-f]+))?")
 TSTRACE_USAGE = (
@@ -271,6 +275,113 @@ def test_command_ends_with_ctrl_c_alone():
     assert tracer.returncode == 0
 
 
+@pytest.mark.parametrize("applet", [TSTRACE, STOPPER], ids=["tstrace", "stopper"])
+@pytest.mark.parametrize("sig", ENDING, ids=lambda sig: sig.name)
+def test_command_ends_with_its_tracer(tmp_path, applet, sig):
+    note = tmp_path / "pid"
+    tracer = subprocess.Popen([applet, "/bin/sh", "-c", f"echo $$ > {note}; exec sleep 1000"], stdout=subprocess.DEVNULL)
+    wait_for(lambda: note.exists() and note.read_text().endswith("\n"), "the command's pid")
+    command = int(note.read_text())
+    wait_for(lambda: pathlib.Path(f"/proc/{command}/comm").read_text() == "sleep\n", "asleep")
+    tracer.send_signal(sig)
+    assert tracer.wait(PATIENCE) == -sig
+    assert process_stat(command) is None
+
+
+def test_command_that_ctrl_c_does_not_end_is_sent_the_signal_that_ends_its_tracer(tmp_path):
+    note = tmp_path / "pid"
+    script = f"trap '' INT; echo $$ > {note}; while :; do sleep 0.1; done"
+    tracer = subprocess.Popen([TSTRACE, "/bin/sh", "-c", script], stdout=subprocess.DEVNULL)
+    wait_for(lambda: note.exists() and note.read_text().endswith("\n"), "the command's pid")
+    command = int(note.read_text())
+    tracer.terminate()
+    assert tracer.wait(PATIENCE) == -signal.SIGTERM
+    wait_for(lambda: process_stat(command) is None, "the command's end")
+
+
+@pytest.mark.parametrize("sig", ENDING, ids=lambda sig: sig.name)
+def test_signal_that_is_ignored_does_not_end_a_trace(tmp_path, service, sig):
+    child = service("sleep", "1000")
+    before = signal.signal(sig, signal.SIG_IGN)
+    try:
+        tracer = Tracer(tmp_path, child.pid)
+    finally:
+        signal.signal(sig, before)
+    tracer.process.send_signal(sig)
+    child.send_signal(signal.SIGWINCH)
+    wait_for(lambda: "SIGWINCH" in tracer.text(), "the trace goes on")
+    tracer.interrupt()
+    assert_free(child.pid)
+
+
+# Readers.
+
+
+class StalledReader:
+    """The end of a pipe that a tracer has filled, and from which nothing is taken."""
+
+    def __init__(self, child):
+        self.read_end, write_end = os.pipe()
+        fcntl.fcntl(write_end, fcntl.F_SETPIPE_SZ, 4096)
+        self.tracer = subprocess.Popen([TSTRACE, "-p", str(child.pid)], stdout=write_end)
+        os.close(write_end)
+        wait_for(lambda: self.is_full(child.pid), "a full pipe")
+
+    def waiting(self):
+        count = array.array("i", [0])
+        fcntl.ioctl(self.read_end, termios.FIONREAD, count)
+        return count[0]
+
+    def is_full(self, pid):
+        """Nothing has been added for a while, and the process that makes the lines is held."""
+        before = self.waiting()
+        time.sleep(20 * POLL)
+        return before > 0 and self.waiting() == before and process_stat(pid)[0] == "t"
+
+    def close(self):
+        os.close(self.read_end)
+
+
+@pytest.mark.parametrize("sig", [signal.SIGINT, *ENDING], ids=lambda sig: sig.name)
+def test_tracer_whose_reader_takes_nothing_can_be_ended(service, sig):
+    child = service("sh", "-c", "while :; do read x < /dev/null; done")
+    reader = StalledReader(child)
+    assert process_stat(child.pid)[0] == "t"
+    reader.tracer.send_signal(sig)
+    assert reader.tracer.wait(PATIENCE) == (0 if sig == signal.SIGINT else -sig)
+    assert_free(child.pid)
+    reader.close()
+
+
+def test_tracer_whose_reader_has_gone_ends(service):
+    busy, sleeping = service("sh", "-c", "while :; do read x < /dev/null; done"), service("sleep", "1000")
+    for child in (busy, sleeping):
+        tracer = subprocess.Popen([TSTRACE, "-p", str(child.pid)], stdout=subprocess.PIPE)
+        wait_for(lambda pid=child.pid: is_traced(pid), "traced")
+        if child is busy:
+            tracer.stdout.readline()
+        tracer.stdout.close()
+        assert tracer.wait(PATIENCE) == 0
+        assert_free(child.pid)
+
+
+def test_command_ends_when_the_reader_of_its_trace_has_gone():
+    ran = subprocess.run(["sh", "-c", f"{TSTRACE} sh -c 'while :; do read x < /dev/null; done' | head -1"],
+                         stdout=subprocess.PIPE, timeout=PATIENCE)
+    assert ran.stdout.count(b"\n") == 1
+
+
+def test_slow_reader_gets_everything(tmp_path):
+    tracer = subprocess.Popen([TSTRACE, program("writes")], stdout=subprocess.PIPE)
+    fcntl.fcntl(tracer.stdout.fileno(), fcntl.F_SETPIPE_SZ, 4096)
+    pieces = []
+    while piece := os.read(tracer.stdout.fileno(), 700):
+        pieces.append(piece)
+        time.sleep(0.001)
+    assert tracer.wait(PATIENCE) == 0
+    assert calls_of(b"".join(pieces).decode())[-1] == ("exit_group", "0", None)
+
+
 def test_stopped_process_is_stopped_afterwards(tmp_path, service):
     child = service("sleep", "1000")
     child.send_signal(signal.SIGSTOP)
@@ -295,6 +406,28 @@ def test_threads_go_on(tmp_path, service):
     assert tracer.process.wait(PATIENCE) == 0
     assert calls_of(tracer.text())[-1] == ("exit_group", "7", None)
 
+
+def test_other_thread_that_execs_goes_on_when_it_alone_is_traced(tmp_path, service):
+    for _ in range(5):
+        child = service(sys.executable, "-c", THREAD_THAT_EXECS)
+        thread = int(child.stdout.readline())
+        tracer = Tracer(tmp_path, thread)
+        child.communicate(b"x", timeout=PATIENCE)
+        assert child.returncode == 5
+        assert tracer.process.wait(PATIENCE) == 0
+        assert calls_of(tracer.text())[-1] == ("exit_group", "5", None)
+
+
+THREAD_THAT_EXECS = """
+import os, sys, threading
+def work():
+    print(threading.get_native_id(), flush=True)
+    sys.stdin.read(1)
+    os.execv("/bin/sh", ["sh", "-c", "exit 5"])
+thread = threading.Thread(target=work)
+thread.start()
+thread.join()
+"""
 
 THREAD_EXECS = """
 import os, sys, threading, time
