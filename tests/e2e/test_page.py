@@ -1,4 +1,4 @@
-"""The web front's page in a real browser. The browser runs outside the sandbox, everything behind the page inside."""
+"""The web front's page in a real browser. The browser runs outside the sandbox, the front and the daemon inside."""
 
 import base64
 import fcntl
@@ -26,7 +26,7 @@ SANDBOX = ROOT / "tools" / "sandbox"
 MODULES = ROOT / "build" / "page-tests"
 PATIENCE = 120 if SANITIZE else 30
 
-# A process for the list and for traces, and one with a name of the worst kind; then the command takes over.
+# Starts one process for the list and for traces, and one with a hard name; then becomes the command.
 PROCESSES = r"""
 import ctypes, os, sys, time
 named = os.pipe()
@@ -51,7 +51,7 @@ pytestmark = [
 
 
 def modules():
-    """The folder of the browser's driver, which is installed there when it is not yet."""
+    """The folder of the browser's driver. Installs it there first if it is missing."""
     MODULES.mkdir(parents=True, exist_ok=True)
     with open(MODULES / "lock", "w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)  # other builds' tests share it
@@ -64,7 +64,7 @@ def modules():
             how = dict(cwd=MODULES, stdin=subprocess.DEVNULL, capture_output=True, text=True)
             ran = subprocess.run(words, timeout=300, **how)
             if ran.returncode != 0:
-                pytest.skip(f"playwright-core can't be had here: {ran.stderr[-300:]}")
+                pytest.skip(f"playwright-core could not be installed: {ran.stderr[-300:]}")
             shutil.copy(wanted, done)
     return MODULES
 
@@ -77,8 +77,8 @@ class Browser:
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
     def play(self, front, scenario, complaints=0, **words):
-        """Returns what the scenario found. The browser must not have complained, but of so many answers that it takes
-        for errors, nor asked anybody but the front for anything."""
+        """Returns what the scenario found. The browser must have sent requests to the front only, and must not have
+        logged an error, except for as many failed requests as `complaints` says."""
         words |= {"scenario": scenario, "url": front.url, "patience": PATIENCE}
         self.process.stdin.write(json.dumps(words).encode() + b"\n")
         self.process.stdin.flush()
@@ -111,7 +111,7 @@ def browser():
 
 
 class Front:
-    """A web front in the sandbox, with the processes of this file beside it."""
+    """A web front in the sandbox, beside the processes above."""
 
     def __init__(self, *words):
         command = [SANDBOX, "/usr/bin/python3", "-c", PROCESSES, *map(str, words)]
@@ -143,7 +143,7 @@ def front(socket_path):
 
 @pytest.fixture
 def real():
-    """A front with a real daemon behind it."""
+    """A front with a real daemon."""
     running = Front(ROOT / "tools" / "serve", BIN, "0")
     yield running
     running.stop()
@@ -169,7 +169,7 @@ def play(socket_path):
 
 
 def tar(*members):
-    """A tar stream as the daemon makes them."""
+    """A tar stream like the daemon's."""
     stream = b""
     for name, size in members:
         stream += header_of(f"debug-20260101-000000-c0/{name}", size, 0) + bytes(size + -size % 512)
@@ -182,7 +182,7 @@ FILE_NAMES = {b"/debug.tgz\0": "debug.tgz", b"/debug.tar\0": "debug.tar", b"/deb
 
 
 def whole_answers(message):
-    """An answer for each kind of request, of the right name and form."""
+    """A valid answer to any request, with the file name that the daemon gives it."""
     name = FILE_NAMES.get(message) or re.search(rb"(?:cmd=)?(\w+)", message.partition(b"\0")[2])[1].decode()
     body = {"debug.tgz": gzip.compress(tar(*MEMBERS)), "debug.tar": tar(*MEMBERS)}.get(name, b"some text\n" * 20)
     return download_head("application/octet-stream", name) + body
@@ -212,12 +212,18 @@ def test_each_form_sends_its_request_and_saves_the_answer_under_the_daemons_name
     assert fake.messages == [message for _, message, _ in REQUESTS]
     assert [one["name"] for one in said] == [name for _, _, name in REQUESTS]
     for one in said:
-        assert one["state"].startswith(("Done. ", "It has ended.")), one
-    assert f"It is whole: {len(MEMBERS)} members." in said[0]["state"]
-    assert "some text" in said[1]["text"] and "Lines: 20 have come, 20 are shown." in said[1]["text"]
+        assert one["classes"] == "job over good", one
+    assert [one["state"] for one in said] == [
+        f"Done. Passed to the browser as debug.tgz. The archive is complete: {len(MEMBERS)} members.",
+        "Done.",
+        "The trace has ended.",
+        "The trace has ended.",
+        *(f"Done. Passed to the browser as {name}." for _, _, name in REQUESTS[4:]),
+    ]
+    assert "some text" in said[1]["text"] and "Lines: 20 received, 20 shown." in said[1]["text"]
 
 
-def test_everything_can_be_had_without_script(browser, front, play):
+def test_every_request_works_without_scripts(browser, front, play):
     fake = play(whole_answers)
     fields = {"strace": dict(pid="12,syslogd"), "coredump": dict(pid="7"), "pcapdump": dict(interface="eth0")}
     kinds = ["archive", "listen", "pop", "waitcore", "ps", "strace", "coredump", "pcapdump", "rtrace"]
@@ -252,15 +258,16 @@ def test_answers_that_refuse_become_sentences(browser, front, play):
     requests = [dict(kind="coredump", fields=dict(pid="nobody")), dict(kind="strace", fields=dict(pid="99999")),
                 dict(kind="rtrace"), dict(kind="archive"), dict(kind="pop"), dict(kind="listen"),
                 dict(kind="coredump", fields=dict(pid="7"))]  # fmt: skip
-    said = [one["state"] for one in browser.play(front, "forms", complaints=6, requests=requests)]
-    assert said == [
-        "No process has the pid or the name “nobody” (400).",
-        "None of “99999” is a process that runs (400).",
-        "The daemon could not do it: it lacks memory or a thread, or has no use for these parameters (500).",
-        "The machine is making an archive already, and makes one at a time; try again when that is through (503).",
+    said = browser.play(front, "forms", complaints=6, requests=requests)
+    assert {one["classes"] for one in said} == {"job over bad"}
+    assert [one["state"] for one in said] == [
+        "No process has the pid or name “nobody” (400).",
+        "No running process matches “99999” (400).",
+        "The daemon could not do it: it is out of memory or threads, or does not accept these parameters (500).",
+        "The machine is already making an archive, and makes one at a time; try again when it is done (503).",
         "No dump is stored on the machine.",
-        "The wait has ended without a dump: another browser has taken the place, or the daemon has ended.",
-        "The daemon sent nothing: there was nothing to send, or it could not make it.",
+        "The wait ended without a dump: another browser replaced this one, or the daemon exited.",
+        "The daemon sent nothing: there was nothing to send, or making it failed.",
     ]
 
 
@@ -269,28 +276,29 @@ def test_without_a_daemon_the_page_says_what_the_front_says(browser, front, sock
     assert said[0]["state"] == f"The daemon at {socket_path} did not take the request: No such file or directory. (502)"
 
 
-def test_an_archive_that_is_cut_off_is_not_called_whole(browser, front, play):
+def test_an_archive_that_is_cut_off_is_reported_as_bad(browser, front, play):
     stream = gzip.compress(tar(*MEMBERS))[:-20]
     play(lambda _message: download_head("application/x-tar", "debug.tgz") + stream)
     (said,) = browser.play(front, "forms", requests=[dict(kind="archive")])
     assert said["name"] == "debug.tgz"
-    assert said["state"].endswith("But it is not whole: it ends in the middle.")
+    assert said["state"] == "Done. Passed to the browser as debug.tgz. But the archive is cut off or damaged."
+    assert said["classes"] == "job over bad"
 
 
 def test_a_large_download_goes_straight_into_the_chosen_file(browser, front, play):
     content = os.urandom(1 << 20) * 24
     play(lambda _message: [download_head("application/octet-stream", "core"), content])
     found = browser.play(front, "into_a_file")
-    assert found["state"] == "Done. It is in core."
+    assert found["state"] == "Done. Saved as core."
     assert found["sum"] == hashlib.sha256(content).hexdigest()
     assert found["downloads"] == 0
     assert found["numbers"].startswith("25.2 MB · ")
 
 
-def test_nothing_is_asked_of_the_daemon_when_no_file_is_chosen(browser, front, play):
+def test_no_request_is_sent_when_no_file_is_chosen(browser, front, play):
     fake = play(whole_answers)
     found = browser.play(front, "no_file_chosen")
-    assert found == {"news": "No file was chosen, so nothing was asked of the daemon.", "jobs": 0}
+    assert found == {"news": "No file was chosen, so no request was sent.", "jobs": 0}
     assert fake.messages == []
 
 
@@ -311,11 +319,11 @@ def test_cancelling_ends_the_connection(browser, front, play):
 
     fake = play(whole_answers)
     fake.answer = stream
-    assert browser.play(front, "cancel") == "Cancelled; what had come is dropped."
+    assert browser.play(front, "cancel") == "Cancelled. What had arrived was dropped."
     wait_for(lambda: ended == [b"/debugar.cgi\0cmd=coredump&pid=7"], "the connection ended")
 
 
-def test_the_waiting_room_says_what_it_waits_for_and_takes_the_dump_that_comes(browser, front, play):
+def test_waiting_for_a_crash_is_explained_and_saves_the_dump_that_arrives(browser, front, play):
     waiting = []
 
     def answer(message, fd):
@@ -328,13 +336,13 @@ def test_the_waiting_room_says_what_it_waits_for_and_takes_the_dump_that_comes(b
 
     fake = play(whole_answers)
     fake.answer = answer
-    found = browser.play(front, "waiting_room")
-    assert found["asked"] == "Waiting for a process to crash. The browser that waits next takes the place."
+    found = browser.play(front, "wait_for_a_crash")
+    assert found["asked"] == "Waiting for a process to crash. Another browser that starts to wait replaces this one."
     assert found["saved"] == {"name": "core", "bytes": base64.b64encode(b"\x7fELF\0").decode()}
     assert fake.messages == [b"/debug.tgz\0listen", b"/crash-now\0"]
 
 
-def test_the_list_shows_filters_sorts_and_asks(browser, front, play):
+def test_the_list_shows_filters_sorts_and_starts_requests(browser, front, play):
     fake = play(whole_answers)
     found = browser.play(front, "list")
     assert {"caller", "webfront", EVIL_NAME.replace("\n", " ")} <= {name.replace("\n", " ") for name in found["names"]}
@@ -398,17 +406,17 @@ def test_the_lists_are_json_whatever_the_names_hold(front):
     assert json.loads(front.get("/webfront/interfaces")[1])["interfaces"].count("lo") == 1
 
 
-def test_an_archive_comes_through_the_page_and_a_second_one_has_to_wait(browser, real, tmp_path):
+def test_an_archive_is_downloaded_and_a_second_one_is_refused_meanwhile(browser, real, tmp_path):
     saved = tmp_path / "debug.tar"
     found = browser.play(real, "archive", complaints=1, save=str(saved))
     assert "makes one at a time" in found["refused"] and "(503)" in found["refused"]
     assert found["name"] == "debug.tar"
-    assert found["state"].startswith("Done. It was handed to the browser as debug.tar. It is whole: ")
+    assert found["state"].startswith("Done. Passed to the browser as debug.tar. The archive is complete: ")
     assert {"System calls, 5 seconds", "Network traffic, 5 seconds"} <= set(found["phases"])
     members = assert_whole(saved.read_bytes())
     listed = subprocess.run(["tar", "-tf", saved], capture_output=True, text=True, check=True).stdout.splitlines()
     assert listed == [member.path for member in members]
-    assert f"It is whole: {len(members)} members." in found["state"]
+    assert f"The archive is complete: {len(members)} members." in found["state"]
 
 
 def test_a_trace_is_watched_paused_stopped_and_saved(browser, real):

@@ -2,10 +2,10 @@
 //
 //   node browse.mjs MODULES BROWSER
 //
-// MODULES is the folder that node_modules lies in. Each line of the input is JSON and begins a scenario: its name as
-// "scenario", the front's "url", "patience" in seconds and what the scenario wants. Each is answered by a line of JSON:
-// what the scenario "found", or "failed" with the reason; the "complaints" of the browser; and the requests that went
-// to "strangers", not to the front.
+// MODULES is the folder that contains node_modules. Each line of the input is JSON and starts a scenario: its name as
+// "scenario", the front's "url", "patience" in seconds, and the scenario's own parameters. The answer to each is a line
+// of JSON: what the scenario "found", or "failed" with the reason; the "complaints" that the browser logged; and the
+// requests to "strangers", hosts other than the front.
 import {readFileSync} from "node:fs";
 import {createRequire} from "node:module";
 import {createInterface} from "node:readline";
@@ -19,7 +19,7 @@ const FLAGS = [
 const NO_PICKER = () => {
     delete window.showSaveFilePicker;
 };
-// A picker that gives a file of the page's own without asking, since nobody can click in a dialog here.
+// A picker that returns a file of the page's own storage without asking, since nobody can click in a dialog here.
 const OWN_PICKER = () => {
     window.showSaveFilePicker = async ({suggestedName}) => {
         const folder = await navigator.storage.getDirectory();
@@ -70,7 +70,7 @@ async function fill(page, kind, fields) {
     }
 }
 
-// Fills the form in, sends it off and waits for its end; what the page then says.
+// Fills in the form, submits it and waits for the end of its request. Returns what the page then says.
 async function ask(page, kind, fields = {}, button = null) {
     const before = await page.locator(".job").count();
     await fill(page, kind, fields);
@@ -86,7 +86,7 @@ async function readDownload(download) {
 }
 
 const scenarios = {
-    // Sends each given request; each gives what the page says and the name that the file is saved under.
+    // Sends each given request. Returns for each what the page says and the name of the saved file.
     async forms(browser) {
         const page = await newPage(browser);
         const said = [];
@@ -97,7 +97,8 @@ const scenarios = {
         for (const {kind, fields, button} of given.requests) {
             name = "";
             const state = await ask(page, kind, fields, button);
-            said.push({kind, state, text: await newestJob(page, kind).innerText(), name});
+            const classes = await newestJob(page, kind).getAttribute("class");
+            said.push({kind, state, classes, text: await newestJob(page, kind).innerText(), name});
         }
         return said;
     },
@@ -123,7 +124,7 @@ const scenarios = {
         return {names, targets, hidden, note: await page.locator("noscript").innerText()};
     },
 
-    // Straight into a file: what lies there in the end.
+    // A download straight into a file: what the file contains at the end.
     async into_a_file(browser) {
         const page = await newPage(browser, {init: OWN_PICKER});
         let downloads = 0;
@@ -156,7 +157,7 @@ const scenarios = {
         return stateOf(page, "coredump");
     },
 
-    async waiting_room(browser) {
+    async wait_for_a_crash(browser) {
         const page = await newPage(browser);
         await form(page, "listen").getByRole("button").click();
         await newestJob(page, "listen").waitFor();
@@ -167,7 +168,7 @@ const scenarios = {
         return {asked, saved: await readDownload(download)};
     },
 
-    // The list of processes: what it shows, sorts, filters and asks for.
+    // The list of processes: what it shows, sorts and filters, and the requests that it starts.
     async list(browser) {
         const page = await newPage(browser);
         const column = (name) => page.locator(`#table tbody tr:visible ${name}`).allInnerTexts();
@@ -192,7 +193,7 @@ const scenarios = {
         return found;
     },
 
-    // Only the keyboard: each control can be reached, and an archive be asked for.
+    // Only the keyboard: it reaches each control and sends a request.
     async keyboard(browser) {
         const page = await newPage(browser);
         const reachable = await page.evaluate(() => [...document.querySelectorAll("a, button, input:not([type=hidden])")]
@@ -225,7 +226,7 @@ const scenarios = {
         return {reachable, reached: seen.size, nameless};
     },
 
-    // How it looks at 360 pixels and in the dark, with all kinds of content in it.
+    // Widths and contrasts in each given look, with all kinds of content in the page.
     async looks(browser) {
         const found = {};
         for (const [name, how] of Object.entries(given.looks)) {
@@ -240,7 +241,7 @@ const scenarios = {
         return found;
     },
 
-    // With a real daemon behind the front: an archive, and what a second one is told meanwhile.
+    // With a real daemon: an archive, and what is said to a second request during it.
     async archive(browser) {
         const page = await newPage(browser);
         await page.getByRole("button", {name: "Download debug.tar"}).click();
@@ -262,7 +263,7 @@ const scenarios = {
                 name: download.suggestedFilename()};
     },
 
-    // A trace that is started from the list, paused, filtered, stopped and saved.
+    // A trace started from the list, paused, filtered, stopped and saved.
     async trace(browser) {
         const page = await newPage(browser);
         await page.locator("#filter").fill("caller");
@@ -279,7 +280,7 @@ const scenarios = {
         const paused = await job.locator("pre").innerText();
         await until(async () => Number(/: (\d+)\.$/.exec(await job.locator("p.quiet").innerText())?.[1] ?? 0) > 5);
         const still = await job.locator("pre").innerText();
-        await job.getByRole("button", {name: "Go on"}).click();
+        await job.getByRole("button", {name: "Resume"}).click();
         await until(async () => await job.locator("pre").innerText() !== paused);
         await job.getByRole("searchbox").fill("READ(");
         const filtered = (await job.locator("pre").innerText()).split("\n");

@@ -1,16 +1,16 @@
-// The progress of an archive.
+// Shows how far an archive has got, and says at the end whether it is complete.
 import {make} from "./dom.js";
-import {TarFollower} from "./tar.js";
+import {TarReader} from "./tar.js";
 
-// The order in which the daemon puts an archive together; a member belongs to the first phase, from the present
-// one on, whose names it has.
+// The order in which the daemon makes an archive. A member belongs to the first phase, from the current one on, whose
+// pattern matches its name.
 const PHASES = [
     ["Status and configuration", /^(dbg-monitor\.txt|media\.conf)$/],
-    ["First look at /proc", /^proc/],
+    ["First snapshot of /proc", /^proc/],
     ["System calls, 5 seconds", /^strace\.log$/],
     ["Network traffic, 5 seconds", /^netdump\.cap$/],
     ["Server report, log, kernel memory", /^(serverreport\.txt|oopslog|kcore)$/],
-    ["Second look at /proc", /^proc/],
+    ["Second snapshot of /proc", /^proc/],
     ["Core dumps", /\/(core|fdmap)$/],
 ];
 
@@ -18,14 +18,14 @@ export class ArchiveView {
     #phase = 0;
     #items = PHASES.map(([title]) => make("li", {}, title));
     #member = make("p", {className: "member"});
-    #tar = new TarFollower((name) => this.#begin(name));
+    #tar = new TarReader((name) => this.#begin(name));
 
     constructor(job) {
         job.card.append(make("ol", {className: "phases"}, ...this.#items), this.#member);
         this.#mark();
         if (job.path.endsWith(".tgz")) {
             job.card.append(make("p", {className: "hint"},
-                "Compressed bytes come in large pieces: this is what has arrived; the machine is further on."));
+                "Compressed data arrives in large pieces. The list shows what has arrived; the machine is ahead of it."));
             this.#unpack();
         }
     }
@@ -38,17 +38,17 @@ export class ArchiveView {
         }
     }
 
-    // What is to be said of the archive at its end.
+    // The verdict on the archive; see kinds.js.
     async end() {
         await this.writer?.close().catch(() => {});
         await this.unpacked;
         this.#member.textContent = "";
-        if (!this.#tar.whole) {
-            return "But it is not whole: it ends in the middle.";
+        if (!this.#tar.complete) {
+            return {bad: true, text: "But the archive is cut off or damaged."};
         }
         this.#items.forEach((item) => item.removeAttribute("aria-current"));
         this.#items.forEach((item) => item.classList.add("done"));
-        return `It is whole: ${this.#tar.members} members.`;
+        return {bad: false, text: `The archive is complete: ${this.#tar.members} members.`};
     }
 
     #unpack() {

@@ -9,14 +9,15 @@ export function make(name, properties = {}, ...children) {
     return element;
 }
 
+// `label` is what a screen reader says.
 export function button(text, action, label = text) {
     const made = make("button", {type: "button", onclick: action}, text);
     made.setAttribute("aria-label", label);
     return made;
 }
 
-// Changes only what is another than before: the list is drawn every few seconds.
-export function put(element, text) {
+// Does not touch an element that already has this text: a list is redrawn every few seconds.
+export function setText(element, text) {
     if (element.textContent !== text) {
         element.textContent = text;
     }

@@ -1,29 +1,29 @@
-// Forms.
+// Makes the forms start their requests in the page.
 import {find, findAll, make} from "./dom.js";
 import {Job, running} from "./job.js";
 import {KINDS} from "./kinds.js";
 import {address, parameters} from "./request.js";
 import {openSink} from "./sinks.js";
 
-// A browser opens six connections to one machine; one of them stays free for the lists.
+// A browser opens at most six connections to a host. One stays free for the lists.
 const RUNNING_LIMIT = 5;
 
-function tell(sentence) {
+function announce(sentence) {
     find("#news").textContent = sentence;
     find("#news").hidden = sentence === "";
 }
 
 async function start(form, {without = "", focus = false} = {}) {
     if (running.size >= RUNNING_LIMIT) {
-        tell(`${RUNNING_LIMIT} requests are under way, which is as many as a browser lets run. Stop one first.`);
+        announce(`${RUNNING_LIMIT} requests are running, the most that a browser allows. Stop one first.`);
         return;
     }
     const sink = await openSink(KINDS[form.dataset.kind], form.dataset.save);
     if (!sink) {
-        tell("No file was chosen, so nothing was asked of the daemon.");
+        announce("No file was chosen, so no request was sent.");
         return;
     }
-    tell("");
+    announce("");
     const job = new Job(form, parameters(form, without));
     const ended = job.run(sink);
     if (focus) {
@@ -52,15 +52,20 @@ export function prepareForm(form) {
     }
 }
 
-// Asks for a process's core or trace from the list.
-export function ask(kind, pid) {
+// Returns the form.
+export function fillPid(kind, pid) {
     const form = find(`form[data-kind=${kind}]`);
     form.elements.pid.value = pid;
-    form.dispatchEvent(new Event("input"));
-    form.requestSubmit();
+    form.dispatchEvent(new Event("input"));  // updates its link
+    return form;
 }
 
-// The sources of a resource trace: ticking one writes its word.
+// Requests the core or the trace of one process, through its form.
+export function requestFor(kind, pid) {
+    fillPid(kind, pid).requestSubmit();
+}
+
+// Makes a box for each source of a resource trace. The boxes and the field follow each other.
 export function prepareSources() {
     const input = find("form[data-kind=rtrace]").elements.trace;
     const words = [...new Set(findAll("#sources-hint code").map((code) => code.textContent))];

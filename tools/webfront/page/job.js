@@ -1,14 +1,13 @@
-// One request with its card in the page.
+// One request, and its card in the page.
 import {button, find, findAll, make} from "./dom.js";
 import {KINDS} from "./kinds.js";
-import {size, span} from "./numbers.js";
+import {duration, size} from "./numbers.js";
 import {address, refusal} from "./request.js";
-import {TextView} from "./text_view.js";
 
 const TICK_MS = 250;
-const RATE_OVER_MS = 3000;
+const RATE_WINDOW_MS = 3000;  // the rate shown is the average over this time
 
-export const running = new Set();
+export const running = new Set();  // jobs
 
 export class Job {
     received = 0;
@@ -58,7 +57,7 @@ export class Job {
             await this.#transfer(sink);
         } catch (error) {
             await Promise.resolve(sink.drop()).catch(() => {});
-            this.#finish(this.#stopped ? "Cancelled." : this.#describe(error), this.#stopped ? "" : "bad");
+            this.#finish(this.#stopped ? "Cancelled." : this.#explain(error), this.#stopped ? "" : "bad");
         } finally {
             running.delete(this);
         }
@@ -73,19 +72,19 @@ export class Job {
         }
         const given = /filename="([^"]+)"/.exec(response.headers.get("Content-Disposition") ?? "");
         this.fileName = given?.[1] ?? this.fileName;
-        this.state.textContent = this.kind.empty ?? "Receiving …";
+        this.state.textContent = this.kind.silent ?? "Receiving …";
         const view = this.kind.view && new this.kind.view(this);
-        const broken = await this.#receive(response, sink, view);
-        const remark = await view?.end();
+        const error = await this.#receive(response, sink, view);
+        const verdict = await view?.end();
         if (this.#stopped && !this.kind.endless) {
             await sink.drop();
-            this.#finish("Cancelled; what had come is dropped.");
+            this.#finish("Cancelled. What had arrived was dropped.");
             return;
         }
-        await this.#conclude(sink, broken, remark);
+        await this.#conclude(sink, error, verdict);
     }
 
-    // Returns the error that ended it early, if any.
+    // Returns null at the end of the answer, or the error that ended it early.
     async #receive(response, sink, view) {
         const reader = response.body.getReader();
         try {
@@ -107,26 +106,30 @@ export class Job {
         }
     }
 
-    async #conclude(sink, broken, remark = "") {
+    async #conclude(sink, error, verdict) {
         const kept = this.received > 0 ? await sink.keep(this) : await sink.drop();
-        let said = this.kind.view === TextView ? "It has ended." : "Done.";
-        if (this.#stopped) {
-            said = "Stopped.";
-        } else if (broken) {
-            said = `It broke off: ${broken.message}.`;
-        } else if (this.received === 0) {
-            said = "The daemon sent nothing: there was nothing to send, or it could not make it.";
-        }
-        const bad = (broken && !this.#stopped) || this.received === 0 || remark.startsWith("But");
-        const parts = [said, kept, this.received > 0 && !broken ? remark : ""];
+        const bad = (error && !this.#stopped) || this.received === 0 || verdict?.bad;
+        const parts = [this.#ending(error), kept, this.received > 0 && !error ? verdict?.text : ""];
         this.#finish(parts.filter(Boolean).join(" "), bad ? "bad" : "good");
     }
 
-    #describe(error) {
-        if (error.name !== "TypeError") {
-            return `It could not be kept: ${error.message}.`;
+    #ending(error) {
+        if (this.#stopped) {
+            return "Stopped.";
         }
-        return this.kind.nothing ?? "There was no answer: the web front or the daemon has ended, or can't be reached.";
+        if (error) {
+            return `The download broke off: ${error.message}.`;
+        }
+        return this.received > 0 ? this.kind.ended
+            : "The daemon sent nothing: there was nothing to send, or making it failed.";
+    }
+
+    // fetch reports every failure of the connection as a TypeError; others come from the sink.
+    #explain(error) {
+        if (error.name !== "TypeError") {
+            return `It could not be saved: ${error.message}.`;
+        }
+        return this.kind.unanswered ?? "No answer: the web front or the daemon has exited, or cannot be reached.";
     }
 
     #finish(sentence, mood = "") {
@@ -148,16 +151,16 @@ export class Job {
         find("button", section).focus();
     }
 
-    // `over`: the last time, with the rate of the whole.
+    // Updates the figures; `over`: for the last time, with the average rate of the whole download.
     tick(over = false) {
         const now = performance.now();
         this.#marks.push([now, this.received]);
-        while (this.#marks.length > 2 && now - this.#marks[0][0] > RATE_OVER_MS) {
+        while (this.#marks.length > 2 && now - this.#marks[0][0] > RATE_WINDOW_MS) {
             this.#marks.shift();
         }
         const [then, before] = over ? [this.#began, 0] : this.#marks[0];
         const rate = now > then ? (this.received - before) / (now - then) * 1000 : 0;
-        const parts = [span(now - this.#began)];
+        const parts = [duration(now - this.#began)];
         if (this.received > 0) {
             parts.unshift(size(this.received));
             parts.push(`${size(rate)}/s`);
@@ -176,7 +179,7 @@ export function watchJobs() {
     setInterval(() => running.forEach((job) => job.tick()), TICK_MS);
     addEventListener("beforeunload", (event) => {
         if (running.size > 0) {
-            event.preventDefault();  // leaving ends what runs, so the browser asks
+            event.preventDefault();  // leaving the page ends running downloads, so the browser asks
         }
     });
 }

@@ -1,68 +1,92 @@
-// The kinds of request.
+// The kinds of request, by the data-kind of their forms. Each states
 //
-//   title     what it is called, from its parameters
-//   view      shows what comes
-//   endless   goes on until it is stopped, and is then kept
-//   asking    what is said until an answer comes
-//   refused   why a request of this kind is answered 400
-//   nothing   why the connection may end without an answer
-//   expected  its size in bytes, when that is known
+//   title        returns the request's name, made from its parameters and its path
+//   view         a class that shows what arrives; null: only the size is shown
+//   ended        what is said at a regular end
+//   staysInPage  the view keeps the text and can save it; other kinds go into a file
+//   live         the view follows the last lines and can be paused
+//   endless      runs until it is stopped, and keeps what has arrived by then
+//   asking       what is said until an answer arrives
+//   silent       what is said after the head of the answer, until the first byte
+//   refused      returns what a 400 means, from the parameters
+//   unanswered   what it means that the connection ends without an answer
+//   expected     returns the number of bytes that will arrive, from the parameters
+//
+// Only the first three are needed. A view has feed(bytes), and end(), which may return a verdict on what has arrived:
+// {bad, text}.
 import {ArchiveView} from "./archive_view.js";
 import {nameOf} from "./listings.js";
 import {TextView} from "./text_view.js";
 
-// The processes that a request names; with their names as well, where the list knows them.
-function whose(query) {
+// The processes that a request names; pids with the names of the processes, if the list has them.
+function processesOf(query) {
     const words = (query.get("pid") ?? "").split(",").map((word) => word.trim()).filter(Boolean);
     return words.map((word) => (nameOf(word) ? `${word} (${nameOf(word)})` : word)).join(", ") || "all processes";
 }
 
-const CORE_WAIT = "Waiting for a process to crash. The browser that waits next takes the place.";
+const WAITING = "Waiting for a process to crash. Another browser that starts to wait replaces this one.";
 
 export const KINDS = {
     archive: {
         title: (query, path) => path.slice(1),
         view: ArchiveView,
+        ended: "Done.",
     },
     ps: {
         title: () => "Output of ps",
         view: TextView,
+        ended: "Done.",
+        staysInPage: true,
     },
     strace: {
-        title: (query) => `Trace of ${whose(query)}`,
+        title: (query) => `Trace of ${processesOf(query)}`,
         view: TextView,
+        ended: "The trace has ended.",
+        staysInPage: true,
         live: true,
         endless: true,
-        empty: "Nothing has come yet: the processes make no system call, or another browser's trace is under way.",
-        refused: (query) => `None of “${query.get("pid") ?? "all"}” is a process that runs`,
+        silent: "Nothing has arrived yet: the processes make no system calls, or another browser's trace is running.",
+        refused: (query) => `No running process matches “${query.get("pid") ?? "all"}”`,
     },
     coredump: {
-        title: (query) => `Core dump of ${whose(query)}`,
-        asking: "Asking the daemon, which dumps one process after the other …",
-        refused: (query) => `No process has the pid or the name “${query.get("pid")}”`,
+        title: (query) => `Core dump of ${processesOf(query)}`,
+        view: null,
+        ended: "Done.",
+        asking: "Asking the daemon, which dumps one process at a time …",
+        refused: (query) => `No process has the pid or name “${query.get("pid")}”`,
     },
     pcapdump: {
         title: (query) => `Capture on ${query.get("interface") ?? "any"}`,
+        view: null,
+        ended: "Done.",
         expected: (query) => Number(query.get("totalsize") ?? 5120000),
     },
     rtrace: {
         title: (query) => `Samples of ${query.get("trace") ?? "fast"}`,
+        view: null,
+        ended: "Done.",
         endless: true,
     },
     listen: {
         title: () => "Next crash",
-        asking: CORE_WAIT,
-        nothing: "The wait has ended without a dump: another browser has taken the place, or the daemon has ended.",
+        view: null,
+        ended: "Done.",
+        asking: WAITING,
+        unanswered: "The wait ended without a dump: another browser replaced this one, or the daemon exited.",
     },
     pop: {
         title: () => "Stored dump",
-        asking: "Waiting for the daemon to look into its folder of dumps …",
-        nothing: "No dump is stored on the machine.",
+        view: null,
+        ended: "Done.",
+        asking: "Waiting for the daemon to look for a stored dump …",
+        unanswered: "No dump is stored on the machine.",
     },
     waitcore: {
         title: () => "Next core",
-        asking: CORE_WAIT,
-        nothing: "The wait has ended without a dump: none is stored, another browser has taken the place, or the " +
-            "daemon has ended.",
+        view: null,
+        ended: "Done.",
+        asking: WAITING,
+        unanswered: "The wait ended without a dump: none is stored, another browser replaced this one, or the daemon " +
+            "exited.",
     },
 };

@@ -1,15 +1,16 @@
-// What the front itself lists: processes and interfaces.
-import {clock} from "./numbers.js";
+// The lists of processes and interfaces, which the web front makes itself.
+import {timeOfDay} from "./numbers.js";
 
-const LIST_PATIENCE_MS = 15000;
+const LIST_TIMEOUT_MS = 15000;
 
-// The processes as last listed, and when.
+// The last list of processes that arrived, and the time of day then.
 export const latest = {processes: [], time: ""};
 
+// `pid` is text.
 export const nameOf = (pid) => latest.processes.find((one) => String(one.pid) === pid)?.name;
 
 async function getJson(path) {
-    const response = await fetch(path, {signal: AbortSignal.timeout(LIST_PATIENCE_MS), cache: "no-store"});
+    const response = await fetch(path, {signal: AbortSignal.timeout(LIST_TIMEOUT_MS), cache: "no-store"});
     if (!response.ok) {
         throw new Error((await response.text()).trim());
     }
@@ -18,7 +19,7 @@ async function getJson(path) {
 
 export async function listProcesses() {
     latest.processes = (await getJson("/webfront/processes")).processes;
-    latest.time = clock();
+    latest.time = timeOfDay();
 }
 
 export async function listInterfaces() {

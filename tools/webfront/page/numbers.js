@@ -1,4 +1,4 @@
-// Numbers for people.
+// Numbers as text for people.
 
 export function size(bytes) {
     const units = ["bytes", "kB", "MB", "GB", "TB"];
@@ -9,11 +9,12 @@ export function size(bytes) {
     return `${unit === 0 || bytes >= 100 ? Math.round(bytes) : bytes.toFixed(1)} ${units[unit]}`;
 }
 
-export function span(ms) {
+// MM:SS, from an hour on H:MM:SS.
+export function duration(ms) {
     const seconds = Math.floor(ms / 1000);
     const two = (number) => String(number).padStart(2, "0");
     const hours = Math.floor(seconds / 3600);
     return `${hours ? `${hours}:` : ""}${two(Math.floor(seconds / 60) % 60)}:${two(seconds % 60)}`;
 }
 
-export const clock = () => new Date().toLocaleTimeString();
+export const timeOfDay = () => new Date().toLocaleTimeString();

@@ -1,11 +1,11 @@
-// What the page can do with script: downloads that show how they get on and can be stopped, the list of processes,
-// a system-call trace to watch. Everything else the page does without.
+// What the page needs scripts for: downloads that show their progress and can be stopped, the list of processes, and
+// traces that can be watched. Its forms and links work without.
 import {find, findAll, make} from "./dom.js";
 import {prepareForm, prepareSources} from "./forms.js";
 import {watchJobs} from "./job.js";
 import {listInterfaces} from "./listings.js";
 import {prepareList} from "./process_list.js";
-import {canPick} from "./sinks.js";
+import {canPickFile} from "./sinks.js";
 
 async function fillInterfaces() {
     const interfaces = await listInterfaces();
@@ -13,22 +13,22 @@ async function fillInterfaces() {
 }
 
 function explainSaving() {
-    find("[data-picker]").hidden = !canPick();
-    find("#saving-how").textContent = canPick()
-        ? "With the tick below they ask for a file first and write into it as the bytes come, so that nothing " +
-          "piles up here; the file is complete when the download is. Without it, the browser collects the bytes, " +
-          "in memory and in its own files, and saves them at the end."
-        : "The browser collects the bytes, in memory and in its own files, and saves them at the end; this one " +
-          "lets no page write into a file. For something very large, links are better.";
+    find("[data-picker]").hidden = !canPickFile();
+    find("#saving-how").textContent = canPickFile()
+        ? "If the box below is ticked, they first ask for a file and write into it as the data arrives, so nothing " +
+          "accumulates in the browser; the file is complete when the download is. If not, the browser collects the " +
+          "data, in memory and in its own files, and saves it at the end."
+        : "The browser collects the data, in memory and in its own files, and saves it at the end, because this " +
+          "browser does not let a page write into a file. For very large downloads, use the links.";
 }
 
 findAll("[data-scripted]").forEach((element) => {
     element.hidden = false;
 });
-find("#machine").textContent = `What the debug daemon behind ${location.host} can tell.`;
+find("#machine").textContent = `Diagnostics from the debug daemon at ${location.host}.`;
 explainSaving();
 watchJobs();
 findAll("form").forEach(prepareForm);
 prepareSources();
 prepareList();
-fillInterfaces().catch(() => {});  // the field takes any name anyway
+fillInterfaces().catch(() => {});  // the field accepts any name, listed or not

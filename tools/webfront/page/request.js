@@ -1,10 +1,11 @@
-// What a form asks of the daemon.
+// What a form asks for, and what a refusal means.
 
-// The parameters that a form has been given; empty ones are left out, but for the names that stand alone.
+// The parameters in a form's fields, but `without`. Empty fields are left out; hidden ones are part of the request,
+// even without a value.
 export function parameters(form, without) {
     const query = new Map();
     for (const [name, value] of new FormData(form)) {
-        if (name !== without && (value.trim() !== "" || name === "listen" || name === "pop")) {
+        if (name !== without && (value.trim() !== "" || form.elements[name].type === "hidden")) {
             query.set(name, value.trim());
         }
     }
@@ -12,21 +13,21 @@ export function parameters(form, without) {
 }
 
 export function address(path, query) {
-    const word = (text) => encodeURIComponent(text).replaceAll("%2C", ",");
-    const pairs = [...query].map(([name, value]) => (value === "" ? name : `${name}=${word(value)}`));
+    const encode = (text) => encodeURIComponent(text).replaceAll("%2C", ",");
+    const pairs = [...query].map(([name, value]) => (value === "" ? name : `${name}=${encode(value)}`));
     return pairs.length > 0 ? `${path}?${pairs.join("&")}` : path;
 }
 
-// What an answer that is none of the wanted says.
+// What an answer other than 200 means, as a sentence.
 export async function refusal(job, response) {
     const text = await response.text().catch(() => "");
     if (response.headers.get("Content-Type") === "text/plain; charset=utf-8") {
         return `${text.trim()} (${response.status})`;  // the web front's own sentence
     }
-    const said = {
-        400: job.kind.refused?.(job.query) ?? "The daemon can't make sense of this request",
-        500: "The daemon could not do it: it lacks memory or a thread, or has no use for these parameters",
-        503: "The machine is making an archive already, and makes one at a time; try again when that is through",
+    const meanings = {
+        400: job.kind.refused?.(job.query) ?? "The daemon does not understand this request",
+        500: "The daemon could not do it: it is out of memory or threads, or does not accept these parameters",
+        503: "The machine is already making an archive, and makes one at a time; try again when it is done",
     };
-    return `${said[response.status] ?? "The daemon answered something unexpected"} (${response.status}).`;
+    return `${meanings[response.status] ?? "The daemon sent an unexpected answer"} (${response.status}).`;
 }

@@ -1,26 +1,35 @@
-// Where the bytes of a download go.
+// Where the bytes of a download go. A sink has
+//
+//   write(bytes)  may return a promise
+//   keep(job)     at the end: returns the sentence that says where the bytes are
+//   drop()        instead of keep: deletes what it has
 import {find, make} from "./dom.js";
-import {TextView} from "./text_view.js";
 
-const BLOB_PIECE = 4 << 20;        // bytes that are collected before the browser may put them elsewhere
+// From this size on, collected bytes become a Blob, which the browser may move from memory to disk.
+const BLOB_PIECE = 4 << 20;
 
+// A file that the user has picked.
 class FileSink {
     static async open(handle) {
         return Object.assign(new FileSink(), {handle, stream: await handle.createWritable()});
     }
+
     write(bytes) {
         return this.stream.write(bytes);
     }
+
     async keep(job) {
         await this.stream.close();
-        const other = this.handle.name === job.fileName ? "" : ` The daemon calls it ${job.fileName}.`;
-        return `It is in ${this.handle.name}.${other}`;
+        const other = this.handle.name === job.fileName ? "" : ` The daemon's name for it is ${job.fileName}.`;
+        return `Saved as ${this.handle.name}.${other}`;
     }
+
     drop() {
         return this.stream.abort();
     }
 }
 
+// Collects the bytes, and has the browser save them at the end.
 class BlobSink {
     #parts = [];
     #loose = 0;
@@ -33,44 +42,43 @@ class BlobSink {
             this.#loose = 0;
         }
     }
+
     keep(job) {
-        const link = offer(new Blob(this.#parts, {type: "application/octet-stream"}), job.fileName);
+        const link = saveBlob(new Blob(this.#parts, {type: "application/octet-stream"}), job.fileName);
         link.textContent = `Save ${job.fileName} again`;
         job.actions.append(link);
         this.#parts = [];
-        return `It was handed to the browser as ${job.fileName}.`;
+        return `Passed to the browser as ${job.fileName}.`;
     }
+
     drop() {
         this.#parts = [];
     }
 }
 
-// The text stays in its view.
+// For text that stays in its view.
 const viewSink = {write() {}, keep: () => "", drop() {}};
 
-// Has the browser save a blob; returns the link that did.
-export function offer(blob, fileName) {
+// Has the browser save a blob. Returns the link that did; its address holds the blob until it is revoked.
+export function saveBlob(blob, fileName) {
     const link = make("a", {href: URL.createObjectURL(blob), download: fileName});
     link.click();
     return link;
 }
 
-export const canPick = () => typeof window.showSaveFilePicker === "function";
+export const canPickFile = () => typeof window.showSaveFilePicker === "function";
 
-// The sink for a download; null when its user has chosen no file after all.
+// Returns null when the user closes the file dialog without choosing a file.
 export async function openSink(kind, fileName) {
-    if (kind.view === TextView) {
+    if (kind.staysInPage) {
         return viewSink;
     }
-    if (!canPick() || !find("#straight").checked) {
+    if (!canPickFile() || !find("#straight").checked) {
         return new BlobSink();
     }
     try {
         return await FileSink.open(await window.showSaveFilePicker({suggestedName: fileName}));
     } catch (error) {
-        if (error.name === "AbortError") {
-            return null;
-        }
-        return new BlobSink();
+        return error.name === "AbortError" ? null : new BlobSink();
     }
 }

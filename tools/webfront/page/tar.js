@@ -1,9 +1,8 @@
-// An archive as it streams.
+// Finds the members of a tar stream while it arrives, in pieces of any size.
 
 const TAR_BLOCK = 512;
 
-// Tells the members of a tar stream from pieces of any size.
-export class TarFollower {
+export class TarReader {
     #header = new Uint8Array(TAR_BLOCK);
     #filled = 0;
     #skip = 0;
@@ -11,6 +10,7 @@ export class TarFollower {
     failed = false;
     members = 0;
 
+    // Calls `onMember` with the name of each member.
     constructor(onMember) {
         this.onMember = onMember;
     }
@@ -31,8 +31,8 @@ export class TarFollower {
         }
     }
 
-    // Whether the stream may end here: behind a member or behind the empty blocks that end an archive.
-    get whole() {
+    // Whether the stream may end here: after a member, or after the empty blocks that end an archive.
+    get complete() {
         return !this.failed && this.members > 0 && this.#filled === 0 && this.#skip === 0;
     }
 

@@ -1,10 +1,10 @@
-// Text in the page: the output of ps whole, the last lines of a trace.
+// Shows text in the page: all lines, or only the last ones of a live trace.
 import {button, make} from "./dom.js";
 import {size} from "./numbers.js";
-import {offer} from "./sinks.js";
+import {saveBlob} from "./sinks.js";
 
-const TRACE_KEPT = 32 << 20;       // characters of a trace that are kept for saving
-const TRACE_SHOWN = 1000;          // lines
+const KEPT_LIMIT = 32 << 20;  // characters kept for saving; the oldest are dropped
+const SHOWN_LIMIT = 1000;     // lines of a live trace
 
 export class TextView {
     #decoder = new TextDecoder();
@@ -24,8 +24,8 @@ export class TextView {
         this.#screen.setAttribute("role", "region");
         this.#screen.setAttribute("aria-label", `Text of ${job.title}`);
         this.filter = make("input", {type: "search", autocomplete: "off", spellcheck: false,
-                                     placeholder: "only lines with …", oninput: () => this.draw(true)});
-        this.filter.setAttribute("aria-label", "Only lines with these words");
+                                     placeholder: "show only lines with …", oninput: () => this.draw(true)});
+        this.filter.setAttribute("aria-label", "Show only lines that contain this text");
         this.pauseButton = button("Pause", () => this.pause());
         this.pauseButton.setAttribute("aria-pressed", "false");
         const bar = make("div", {className: "row"}, this.filter);
@@ -41,7 +41,7 @@ export class TextView {
         const text = this.#decoder.decode(bytes, {stream: true});
         this.#kept.push(text);
         this.#keptLength += text.length;
-        while (this.#keptLength > TRACE_KEPT && this.#kept.length > 1) {
+        while (this.#keptLength > KEPT_LIMIT && this.#kept.length > 1) {
             const oldest = this.#kept.shift().length;
             this.#keptLength -= oldest;
             this.#dropped += oldest;
@@ -49,8 +49,8 @@ export class TextView {
         const lines = text.split("\n");
         this.#lines.push(this.#lines.pop() + lines[0], ...lines.slice(1));
         this.#lineCount += lines.length - 1;
-        if (this.#lines.length > 20 * TRACE_SHOWN) {
-            this.#lines.splice(0, this.#lines.length - 10 * TRACE_SHOWN);
+        if (this.#lines.length > 20 * SHOWN_LIMIT) {
+            this.#lines.splice(0, this.#lines.length - 10 * SHOWN_LIMIT);
         }
         this.#stale = true;
     }
@@ -59,41 +59,40 @@ export class TextView {
         this.pauseButton.hidden = true;
         this.#pausedAt = -1;
         this.draw(true);
-        return "";
     }
 
     pause() {
         const paused = this.#pausedAt < 0;
         this.#pausedAt = paused ? this.#lineCount : -1;
-        this.pauseButton.textContent = paused ? "Go on" : "Pause";
+        this.pauseButton.textContent = paused ? "Resume" : "Pause";
         this.pauseButton.setAttribute("aria-label", this.pauseButton.textContent);
         this.pauseButton.setAttribute("aria-pressed", String(paused));
         this.draw(!paused);
     }
 
     save() {
-        offer(new Blob(this.#kept, {type: "text/plain"}), this.job.fileName);
+        saveBlob(new Blob(this.#kept, {type: "text/plain"}), this.job.fileName);
     }
 
     draw(always = false) {
         if (this.#pausedAt >= 0) {
             const since = this.#lineCount - this.#pausedAt;
-            this.#note.textContent = `Paused. Lines that have come since, and are kept: ${since}.`;
+            this.#note.textContent = `Paused. Lines received since then, and kept: ${since}.`;
         } else if (this.#stale || always) {
             const atEnd = this.#screen.scrollTop + this.#screen.clientHeight >= this.#screen.scrollHeight - 30;
-            const words = this.filter.value.toLowerCase();
-            const fitting = words ? this.#lines.filter((line) => line.toLowerCase().includes(words)) : this.#lines;
-            const shown = fitting.slice(this.job.kind.live ? -TRACE_SHOWN : 0);
+            const wanted = this.filter.value.toLowerCase();
+            const matching = wanted ? this.#lines.filter((line) => line.toLowerCase().includes(wanted)) : this.#lines;
+            const shown = matching.slice(this.job.kind.live ? -SHOWN_LIMIT : 0);
             this.#screen.textContent = shown.join("\n");
             this.#screen.scrollTop = this.job.kind.live && atEnd ? this.#screen.scrollHeight : this.#screen.scrollTop;
-            this.#note.textContent = this.#tell(shown.filter(Boolean).length);
+            this.#note.textContent = this.#summary(shown.filter(Boolean).length);
             this.#stale = false;
         }
     }
 
-    #tell(shown) {
+    #summary(shown) {
         const dropped = this.#dropped
             ? ` The first ${size(this.#dropped)} are no longer kept.` : "";
-        return `Lines: ${this.#lineCount} have come, ${shown} are shown.${dropped}`;
+        return `Lines: ${this.#lineCount} received, ${shown} shown.${dropped}`;
     }
 }
