@@ -3,6 +3,7 @@
 import pathlib
 import re
 import shutil
+import struct
 import subprocess
 import sys
 
@@ -12,7 +13,9 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "board"))
 
 import board as emulated  # noqa: E402
-from core_file import FLAGS, KNOWN_DOUBLE, KNOWN_GLOBAL, SOURCE, Core, announced, gdb_words  # noqa: E402
+from core_file import (  # noqa: E402
+    FLAGS, FPREGSET, KNOWN_DOUBLE, KNOWN_GLOBAL, SOURCE, Core, announced, gdb_words,
+)  # fmt: skip
 
 BUILD = ROOT / "build" / "mipsel"
 COMPILER, DEBUGGER = "mipsel-linux-gnu-g++", "gdb-multiarch"
@@ -128,10 +131,31 @@ def test_kinds_of_memory(machine, program):
     assert core.at(written, 2 * PAGE) == b"w" + program.read_bytes()[1 : 2 * PAGE]
 
 
-@pytest.mark.parametrize("kind", ["epoll", "poll", "read", "sleep", "signal", "receive", "semaphore"])
+@pytest.mark.parametrize("kind", ["epoll", "poll", "read", "sleep", "signal", "receive", "semaphore",
+                                  "send_many", "send_file", "splice"])  # fmt: skip
 def test_call_that_waits_goes_on_waiting(machine, kind):
     again = "dcore $target > /tmp/core2 2> /tmp/control2\necho x >&9\n"
     assert dump(machine, kind, after=again + END)[2] == "1 0"
+
+
+def test_registers_of_floating_point_numbers(machine):
+    content, said, _ = dump(machine, "registers")
+    assert said == "fpu"
+    [floats] = Core(content).notes_of(FPREGSET)
+    for i in range(0, 32, 2):
+        assert struct.unpack_from("<d", floats, i * 8) == (i + 0.5,)
+
+
+def test_program_that_starts_programs_all_the_time_is_dumped_and_goes_on(machine):
+    script = START.replace('grep -q "^State:.S" /proc/$target/status', "true") % "execs 4" + """
+        for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do
+            dcore -c /tmp/core $target 2> /tmp/control && echo whole || cat /tmp/control
+        done
+        grep -E "^TracerPid" /proc/$target/status
+        exec 9>&-
+    """
+    lines = machine.check(script, timeout=120).decode().splitlines()
+    assert lines[-1].split() == ["TracerPid:", "0"] and lines[:-1].count("whole") >= 19, lines
 
 
 def test_signal_that_waits_is_shown_and_stays(machine, tmp_path):

@@ -3,6 +3,7 @@
 // usage: dumped KIND [NUMBER]; says what there is to know in one line, then goes on until its input ends.
 #include <errno.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -435,14 +436,40 @@ int waits_semaphore() {
     return result;
 }
 
-// A socket with a timeout that takes no more until there is a byte of input.
+// Two ends of a connection with small buffers.
+void connect_pair(int (&pair)[2]) {
+    int listener = socket(AF_INET, SOCK_STREAM, 0), small = 4096;
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* where = reinterpret_cast<sockaddr*>(&address);
+    pair[0] = socket(AF_INET, SOCK_STREAM, 0);
+    setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    bind(listener, where, length);
+    listen(listener, 1);
+    getsockname(listener, where, &length);
+    connect(pair[0], where, length);
+    pair[1] = accept(listener, nullptr, nullptr);
+}
+
+// A socket with a timeout that takes no more until there is a byte of input. It is full when it has been for
+// a while: at first the kernel makes space in one of its two buffers through the other.
 int full_socket() {
     int pair[2];
-    socketpair(AF_UNIX, SOCK_STREAM, 0, pair);
+    connect_pair(pair);
     timeval time = {60, 0};
     setsockopt(pair[0], SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
     char block[4096] = {};
-    while (send(pair[0], block, sizeof block, MSG_DONTWAIT) > 0) {
+    for (int full = 0; full < 10; full++) {
+        while (send(pair[0], block, sizeof block, MSG_DONTWAIT) > 0 ||
+               send(pair[0], block, 1, MSG_DONTWAIT) > 0) {
+            full = 0;
+        }
+        for (clock_t end = clock() + CLOCKS_PER_SEC / 50; clock() < end;) {
+            sched_yield();  // asleep would mean that the call waits
+        }
     }
     on_input([other = pair[1]] {
         char taken[4096];
