@@ -95,6 +95,8 @@ def main():
     if not test_file.exists():
         sys.exit(f"run.py: no such test file: {test_file}")
     signal.signal(signal.SIGTERM, lambda number, frame: sys.exit(128 + number))
+    # A shell starts background jobs with the interrupt ignored, and every program below would inherit that.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
     folder = tempfile.mkdtemp(prefix="zarvo-e2e-")
     try:
         # Of what is written in the sandbox, only what lies in /tmp is sure to be seen outside.
