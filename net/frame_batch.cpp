@@ -1,20 +1,12 @@
 #include "net/frame_batch.h"
 
 #include <errno.h>
-#include <sys/time.h>
 
 namespace {
 
 // Whether a failed read only says that nothing is queued.
 bool is_empty(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
-}
-
-// A frame that has just been read.
-captured_frame dated_now(const uint8_t* bytes, unsigned length) {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    return {bytes, length, static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_usec)};
 }
 
 }  // namespace
@@ -36,7 +28,7 @@ fetched_frames fetch_frames_singly(frame_batch* batch, int sock, int first, capt
             fetched.ended = got == 0 || !is_empty(errno);
             break;
         }
-        into[fetched.count++] = dated_now(place, static_cast<unsigned>(got));
+        into[fetched.count++] = {place, static_cast<unsigned>(got), {}};
     }
     return fetched;
 }
@@ -56,7 +48,7 @@ fetched_frames fetch_frames(frame_batch* batch, int sock, int first, captured_fr
         unsigned length = messages[fetched.count].msg_len;
         fetched.ended = length == 0;
         if (length > 0) {
-            into[fetched.count] = dated_now(batch->frames[first + fetched.count], length);
+            into[fetched.count] = {batch->frames[first + fetched.count], length, {}};
             fetched.count++;
         }
     }

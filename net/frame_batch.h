@@ -18,7 +18,7 @@ struct frame_batch {
 void frame_batch_prepare(frame_batch* batch);
 
 // Reads what is queued at `sock`, at most `room` frames, into the places from `first` on, and tells in `into`
-// where they lie, dated after the read. Never waits; an empty queue is no end.
+// where they lie, without a timestamp. Never waits; an empty queue is no end.
 fetched_frames fetch_frames(frame_batch* batch, int sock, int first, captured_frame* into, int room);
 
 // What fetch_frames does where the kernel has no recvmmsg(2).

@@ -5,15 +5,28 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <bit>
 
 namespace {
 
-constexpr unsigned block_size = 1u << 18;  // a multiple of the page size of every machine
-constexpr unsigned fewest_blocks = 2;      // one to read while the other is filled
-constexpr unsigned frame_size = 2048;      // has to be given, and means nothing here
+constexpr size_t smallest_block = 1u << 16;  // a multiple of the page size of every machine
+constexpr size_t largest_block = 1u << 18;
+constexpr unsigned usual_blocks = 64;  // thin traffic fills them in half a minute
+constexpr unsigned fewest_blocks = 2;  // one to read while the other is filled
+constexpr unsigned frame_size = 2048;  // has to be given, and means nothing here
+
+// The largest frame with the kernel's header before it, and how many of them a block has at least.
+constexpr size_t largest_slot = pcap_frame_limit + 104;
+constexpr size_t slots_per_block = (smallest_block - sizeof(tpacket_block_desc)) / largest_slot;
+
+// Large blocks take fewer wake-ups; small ones, less memory.
+unsigned block_size_of(size_t ring_bytes) {
+    size_t wanted = std::clamp(ring_bytes / usual_blocks, smallest_block, largest_block);
+    return static_cast<unsigned>(std::bit_floor(wanted));
+}
 
 tpacket_block_desc* block_at(const frame_ring& ring, unsigned number) {
-    void* block = ring.memory + size_t{number} * block_size;
+    void* block = ring.memory + size_t{number} * ring.block_size;
     return static_cast<tpacket_block_desc*>(block);
 }
 
@@ -69,8 +82,16 @@ bool set_ring(int sock, const tpacket_req3& wanted) {
 
 }  // namespace
 
+uint64_t frame_ring_size(unsigned frames, int seconds) {
+    const uint64_t filled = frames / slots_per_block + 1;
+    const int64_t used_up_by_time = int64_t{seconds} * 1000 / frame_ring_delay_ms + fewest_blocks;
+    const int64_t spare = std::clamp<int64_t>(used_up_by_time, fewest_blocks, usual_blocks);
+    return (filled + static_cast<uint64_t>(spare)) * smallest_block;
+}
+
 bool frame_ring_open(frame_ring* ring, int sock, size_t bytes) {
-    unsigned blocks = std::max(fewest_blocks, static_cast<unsigned>(bytes / block_size));
+    const unsigned block_size = block_size_of(bytes);
+    const unsigned blocks = std::max(fewest_blocks, static_cast<unsigned>(bytes / block_size));
     tpacket_req3 wanted = {};
     wanted.tp_block_size = block_size;
     wanted.tp_block_nr = blocks;
@@ -88,7 +109,8 @@ bool frame_ring_open(frame_ring* ring, int sock, size_t bytes) {
     }
     // A child that goes on without the ring would keep it, and the socket with it, as long as it lives.
     (void)madvise(memory, size, MADV_DONTFORK);
-    *ring = {.memory = static_cast<uint8_t*>(memory), .size = size, .blocks = blocks};
+    *ring = {
+        .memory = static_cast<uint8_t*>(memory), .size = size, .block_size = block_size, .blocks = blocks};
     return true;
 }
 
@@ -113,8 +135,9 @@ fetched_frames frame_ring_fetch(frame_ring* ring, captured_frame* into, int room
             fetched.ended = true;
             break;
         }
-        into[fetched.count++] = {start + frame->tp_mac, std::min(frame->tp_snaplen, pcap_frame_limit),
-                                 frame->tp_sec, frame->tp_nsec / 1000};
+        into[fetched.count++] = {start + frame->tp_mac,
+                                 std::min(frame->tp_snaplen, pcap_frame_limit),
+                                 {frame->tp_sec, frame->tp_nsec / 1000}};
         ring->offset =
             static_cast<unsigned>(start - reinterpret_cast<const uint8_t*>(block)) + frame->tp_next_offset;
         ring->taken++;

@@ -9,13 +9,19 @@
 // More of a frame is never recorded.
 constexpr unsigned pcap_frame_limit = 1536;
 
-// A frame that has been fetched, where it lies. Its date is that of its arrival in this program's memory, by
-// the clock of gettimeofday: seconds and microseconds.
+// A moment by the clock of gettimeofday: seconds, and microseconds below a million.
+struct frame_time {
+    uint32_t s = 0;
+    uint32_t us = 0;
+    bool operator==(const frame_time&) const = default;
+    bool operator<(const frame_time& other) const { return s != other.s ? s < other.s : us < other.us; }
+};
+
+// A frame that has been fetched, where it lies.
 struct captured_frame {
     const uint8_t* bytes;
     unsigned length;  // at most pcap_frame_limit
-    uint32_t date_s;
-    uint32_t date_us;
+    frame_time time;  // when the kernel received it; of a frame that was read, 0
 };
 
 // What one fetch gave.
@@ -31,6 +37,7 @@ constexpr int frame_ring_delay_ms = 500;
 struct frame_ring {
     uint8_t* memory = nullptr;  // null: there is no ring
     size_t size = 0;
+    unsigned block_size = 0;
     unsigned blocks = 0;
     unsigned first = 0;    // the oldest block that has not been given back to the kernel
     unsigned block = 0;    // the block that is fetched from next,
@@ -38,6 +45,10 @@ struct frame_ring {
     unsigned offset = 0;   // and where in it the next frame begins, when there was one before
     uint32_t fetched = 0;  // frames in all, modulo 2^32
 };
+
+// The size in bytes of a ring that holds `frames` frames of any length, although nobody reads them for
+// `seconds` seconds or half a minute, whichever is less.
+uint64_t frame_ring_size(unsigned frames, int seconds);
 
 // Gives a socket that is not bound yet a ring of about `bytes`. False when the system does not; the socket is
 // then read as any other.

@@ -7,13 +7,16 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 
 #include <algorithm>
 
 #include "common/unique_fd.h"
 #include "common/uptime.h"
 #include "net/frame_batch.h"
+#include "net/frame_order.h"
 #include "net/frame_ring.h"
+#include "net/pcap_format.h"
 #include "net/pcap_sockets.h"
 #include "net/pcap_writer.h"
 #include "net/record_queue.h"
@@ -26,11 +29,13 @@ constexpr uint64_t reserved_bytes = 48;
 
 enum class progress {
     go_on,
-    over,      // no more frames are waited for; those that a ring has yet to hand over are recorded
+    over,      // no frame that comes from now on is recorded; those that a ring holds still are
     complete,  // nothing more is captured; the stream gets its exact size
     finished,  // the stream stays as it is
     failed,    // a write has failed
 };
+
+constexpr frame_time endless = {UINT32_MAX, UINT32_MAX};
 
 // Places in the poll set.
 constexpr int out_place = 0;
@@ -38,8 +43,8 @@ constexpr int stop_place = 1;
 constexpr int first_socket_place = 2;
 
 // While frames come faster than one in `busy_gap_ns`, they are read every `busy_pause_ms` instead of one by
-// one, which costs several times as much. A frame's date is that of its reading: the pause is how late it can
-// be in such traffic. Where there is a ring, the date is the kernel's, who knows better.
+// one, which costs several times as much. A frame's timestamp is that of its reading: the pause is how late
+// it can be in such traffic. Where there is a ring, the timestamp is the kernel's.
 constexpr int64_t busy_gap_ns = 250000;
 constexpr int busy_pause_ms = 2;
 
@@ -58,7 +63,10 @@ struct work_memory {
 
 struct capture {
     pcap_dump_options options;
-    uint32_t start;  // uptime in seconds
+    uint32_t start;        // uptime in seconds
+    int64_t time_over_ns;  // by monotonic_ns: the time limit is over by then
+    frame_time last;       // the largest timestamp so far
+    frame_time latest;     // frames that were received later are not recorded
     pcap_writer out;
     pcap_sockets sockets;
     work_memory* memory;
@@ -143,10 +151,7 @@ fetched_frames fetch(capture& c, int i) {
     if (!has_ring(c)) {
         return fetch_frames(&c.memory->batch, socket.fd.get(), i * c.share, into, c.share);
     }
-    fetched_frames fetched = frame_ring_fetch(&socket.ring, into, c.share);
-    bool failed = (c.wait[first_socket_place + i].revents & POLLERR) != 0;
-    fetched.ended = fetched.ended || (failed && fetched.count < c.share);
-    return fetched;
+    return frame_ring_fetch(&socket.ring, into, c.share);
 }
 
 // Returns how many there are.
@@ -176,8 +181,18 @@ bool has_room(const capture& c, unsigned frame_length) {
     return c.options.max_total == 0 || used + length + reserved_bytes < c.options.max_total;
 }
 
+// By now, or by the frame before where the clock has been set back.
+frame_time time_of_reading(const capture& c) {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return std::max(c.last, {static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_usec)});
+}
+
 progress record_frame(capture& c, captured_frame frame) {
-    if (!has_room(c, frame.length)) {
+    if (!has_ring(c)) {
+        frame.time = c.last = time_of_reading(c);
+    }
+    if (c.latest < frame.time || !has_room(c, frame.length)) {
         return progress::complete;
     }
     return record_queue_add(&c.memory->records, &c.out, frame, c.options.snaplen) ? progress::go_on
@@ -228,6 +243,9 @@ void set_pace(capture& c, int count) {
 
 // Records what was fetched, and gives it back.
 progress record_fetched(capture& c) {
+    if (has_ring(c)) {
+        sort_frames(frames_of(c, 0), c.fetched[0].count, &c.last);
+    }
     progress then = record_all(c);
     return write_all(c) ? then : progress::failed;
 }
@@ -239,10 +257,28 @@ progress handle_frames(capture& c) {
     return then;
 }
 
+// When the time limit was over, by the clock of the frames: the output may have taken nothing for long since.
+frame_time end_of_time(const capture& c) {
+    const int64_t late_us = (monotonic_ns() - c.time_over_ns) / 1000;
+    if (late_us <= 0) {
+        return endless;
+    }
+    timeval now;
+    gettimeofday(&now, nullptr);
+    const int64_t end_us = std::max<int64_t>(int64_t{now.tv_sec} * 1000000 + now.tv_usec - late_us, 0);
+    return {static_cast<uint32_t>(end_us / 1000000), static_cast<uint32_t>(end_us % 1000000)};
+}
+
+// Whether the capture is to stop, or the interface of its ring has gone.
+bool is_ended(const capture& c) {
+    return is_ready(c, stop_place) || (c.wait[first_socket_place].revents & POLLERR) != 0;
+}
+
 // Waits for something to do and does it.
 progress capture_once(capture& c) {
     int timeout = time_left_ms(c);
     if (timeout == 0) {
+        c.latest = end_of_time(c);
         return progress::over;
     }
     if (c.pause_ms > 0) {
@@ -260,6 +296,9 @@ progress capture_once(capture& c) {
         if (then != progress::go_on) {
             return then;
         }
+    }
+    if (has_ring(c) && is_ended(c)) {
+        return progress::over;
     }
     progress then = handle_frames(c);
     return then == progress::go_on && is_ready(c, stop_place) ? progress::over : then;
@@ -284,9 +323,10 @@ progress capture_rest(capture& c) {
     uint32_t due = frame_ring_count_unfetched(socket.ring, socket.fd.get());
     progress then = progress::go_on;
     while (due > 0 && then == progress::go_on && wait_for_ring(socket)) {
-        c.fetched[0] = frame_ring_fetch(&socket.ring, frames_of(c, 0), c.share);
+        int most = static_cast<int>(std::min(due, static_cast<uint32_t>(c.share)));
+        c.fetched[0] = frame_ring_fetch(&socket.ring, frames_of(c, 0), most);
         then = record_fetched(c);
-        due -= std::min(due, static_cast<uint32_t>(c.fetched[0].count));
+        due -= static_cast<uint32_t>(c.fetched[0].count);
     }
     return then == progress::failed ? then : progress::complete;
 }
@@ -297,6 +337,7 @@ bool run(capture& c) {
         return false;
     }
     c.start = ptime();
+    c.time_over_ns = monotonic_ns() + int64_t{c.options.duration} * 1000000000;
     watch(c);
     progress then = progress::go_on;
     while (then == progress::go_on) {
@@ -311,6 +352,16 @@ bool run(capture& c) {
     return then != progress::failed;
 }
 
+// A larger ring would hold frames that can't be recorded.
+uint64_t useful_ring_size(const pcap_dump_options& options) {
+    if (options.max_total == 0) {
+        return UINT64_MAX;
+    }
+    const uint64_t smallest_record = sizeof(pcap_record_header) + uint64_t{std::max(options.snaplen, 1u)};
+    return frame_ring_size(static_cast<unsigned>(options.max_total / smallest_record),
+                           options.duration != 0 ? options.duration : INT_MAX);
+}
+
 }  // namespace
 
 int32_t pcap_dump_with(char* interfaces, int out_fd, const pcap_dump_options& options) {
@@ -321,10 +372,11 @@ int32_t pcap_dump_with(char* interfaces, int out_fd, const pcap_dump_options& op
     }
     frame_batch_prepare(&memory->batch);
     c.options = options;
+    c.latest = endless;
     c.out.fd = out_fd;
     c.memory = memory.get();
-    c.sockets =
-        pcap_open_sockets(pcap_list_interfaces(interfaces, if_nametoindex), options.filter, options.promisc);
+    c.sockets = pcap_open_sockets(pcap_list_interfaces(interfaces, if_nametoindex), options.filter,
+                                  options.promisc, useful_ring_size(options));
     if (c.sockets.count == 0) {
         return 0;
     }

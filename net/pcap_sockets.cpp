@@ -40,8 +40,8 @@ size_t queue_share(int sharing) {
 }
 
 // A ring is resident from the start, all of it, and can't be taken back. So only machines with much memory
-// have one, and those of all captures that run at the same time have room for two together; else the kernel
-// queues, which takes memory for what is queued.
+// have one, and those of all captures that run at the same time take no more than two of the largest; else
+// the kernel queues, which takes memory for what is queued.
 std::atomic<size_t> ring_bytes{0};
 
 // Where the data cache is looked up by virtual addresses, the kernel and a program can see different contents
@@ -52,12 +52,19 @@ constexpr bool memory_can_be_shared = false;
 constexpr bool memory_can_be_shared = true;
 #endif
 
+// What all sockets of a capture have in common.
+struct socket_plan {
+    const sock_fprog* filter;
+    int sharing;         // how many sockets the capture has
+    uint64_t ring_size;  // more would be of no use
+};
+
 // Several sockets have no ring: one's frames would be handed over later than those of another that came after
-// them, and the records are to be in the order of their dates.
-bool open_ring(frame_ring* ring, int sock, int sharing) {
-    const size_t queue = queue_share(sharing);
+// them, and the records are to be in the order of their timestamps.
+bool open_ring(frame_ring* ring, int sock, const socket_plan& plan) {
+    const size_t queue = static_cast<size_t>(std::min<uint64_t>(queue_bytes, plan.ring_size));
     const bool has_memory = memory_size() / memory_per_queue >= queue_bytes;
-    if (!memory_can_be_shared || sharing > 1 || !has_memory) {
+    if (!memory_can_be_shared || plan.sharing > 1 || !has_memory) {
         return false;
     }
     if (ring_bytes.fetch_add(queue) + queue > 2 * queue_bytes || !frame_ring_open(ring, sock, queue)) {
@@ -90,6 +97,19 @@ bool bind_to(int sock, const char* name) {
     return bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
+// The name that the interface of a bound socket has by now: it may have been renamed, and another one may
+// have taken its old name.
+bool ask_name(int sock, ifreq* answer) {
+    sockaddr_ll address = {};
+    socklen_t size = sizeof address;
+    if (getsockname(sock, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        return false;
+    }
+    *answer = {};
+    answer->ifr_ifindex = address.sll_ifindex;
+    return ioctl(sock, SIOCGIFNAME, answer) == 0;
+}
+
 bool attach(int sock, const sock_fprog& filter) {
     return setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) == 0;
 }
@@ -112,8 +132,7 @@ bool attach_to_ring(int sock, const sock_fprog* filter) {
     return attach(sock, {wanted.len, lines.get()});
 }
 
-// `sharing` is how many sockets the capture has.
-unique_fd open_socket(const char* name, const sock_fprog* filter, int sharing, frame_ring* ring) {
+unique_fd open_socket(const char* name, const socket_plan& plan, frame_ring* ring) {
     unique_fd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, protocol_before_bind));
     if (!sock) {
         perror("socket: ");
@@ -121,11 +140,11 @@ unique_fd open_socket(const char* name, const sock_fprog* filter, int sharing, f
     }
     // Attached before the first frame can arrive; what is wrong with it is said in its turn.
     bool is_attached = true;
-    if (open_ring(ring, sock.get(), sharing)) {
-        is_attached = attach_to_ring(sock.get(), filter) || !filter;
+    if (open_ring(ring, sock.get(), plan)) {
+        is_attached = attach_to_ring(sock.get(), plan.filter) || !plan.filter;
     } else {
-        raise_queue(sock.get(), queue_share(sharing));
-        is_attached = !filter || attach(sock.get(), *filter);
+        raise_queue(sock.get(), queue_share(plan.sharing));
+        is_attached = !plan.filter || attach(sock.get(), *plan.filter);
     }
     int filter_error = is_attached ? 0 : errno;
     if (!bind_to(sock.get(), name)) {
@@ -185,13 +204,15 @@ void pcap_set_promisc(int sock, const char* name, int on) {
     (void)ioctl(sock, SIOCSIFFLAGS, &request);
 }
 
-pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fprog* filter, int promisc) {
+pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fprog* filter, int promisc,
+                               uint64_t ring_size) {
+    const socket_plan plan = {filter, interfaces.count, ring_size};
     pcap_interfaces left = interfaces;
     pcap_sockets sockets;
     while (sockets.count < left.count) {
         const char* name = left.names[sockets.count];
         frame_ring ring;
-        unique_fd sock = open_socket(name, filter, interfaces.count, &ring);
+        unique_fd sock = open_socket(name, plan, &ring);
         if (!sock) {
             close_ring(&ring);
             left.names[sockets.count] = left.names[--left.count];
@@ -206,7 +227,8 @@ pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fpr
 void pcap_close_sockets(pcap_sockets* sockets) {
     for (int i = 0; i < sockets->count; i++) {
         pcap_socket& each = sockets->all[i];
-        pcap_set_promisc(each.fd.get(), each.name, 0);
+        ifreq now;
+        pcap_set_promisc(each.fd.get(), ask_name(each.fd.get(), &now) ? now.ifr_name : each.name, 0);
         close_ring(&each.ring);
         each.fd.reset();  // the filter goes with it
     }

@@ -31,10 +31,13 @@ struct pcap_sockets {
 
 // Opens a packet socket for each name that the system knows, or for all interfaces at once where it does not.
 // `filter` is null or attached to each; `promisc` switches promiscuous mode on, 0 off. An interface that
-// can't be opened is reported on standard error, and the last one of the list takes its place.
-pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fprog* filter, int promisc);
+// can't be opened is reported on standard error, and the last one of the list takes its place. More than
+// `ring_size` bytes of shared memory would be of no use.
+pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fprog* filter, int promisc,
+                               uint64_t ring_size = UINT64_MAX);
 
-// Switches promiscuous mode off, whatever it was before the capture, and closes the sockets.
+// Switches promiscuous mode off, whatever it was before the capture and whatever the interfaces are called by
+// now, and closes the sockets.
 void pcap_close_sockets(pcap_sockets* sockets);
 
 // Switches promiscuous mode of the interface `name`; nothing when its state can't be read. Reports nothing.

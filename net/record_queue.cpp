@@ -44,7 +44,7 @@ bool record_queue_add(record_queue* queue, pcap_writer* out, captured_frame fram
     unsigned recorded = std::min(length, frame.length);
     unsigned missing = length - recorded;
     unsigned short_of = std::min(missing, pcap_frame_limit);
-    const pcap_record_header header = {frame.date_s, frame.date_us, length, frame.length};
+    const pcap_record_header header = {frame.time.s, frame.time.us, length, frame.length};
     add_copy(queue, &header, sizeof header);
     if (recorded <= record_queue::copied_limit) {
         add_copy(queue, frame.bytes, recorded);

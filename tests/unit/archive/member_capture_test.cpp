@@ -133,6 +133,18 @@ NETWORK_TEST(stream_pcap_dump, connection_behind_a_pipe_is_not_captured_when_it_
     EXPECT_EQ(protocols_of(download(unnamed)), (std::set<int>{IPPROTO_TCP, IPPROTO_UDP}));
 }
 
+NETWORK_TEST(stream_pcap_dump, capture_of_an_archive_shares_little_memory) {
+    test_pipe output;
+    std::thread capture([&output] {
+        EXPECT_EQ(stream_pcap_dump(nullptr, output.in.get(), "any", 1, 512000), 0);
+        output.in.reset();
+    });
+    EXPECT_TRUE(eventually([] { return capturing_sockets() == 1; }));
+    EXPECT_LE(mapped_ring_bytes(), 2u << 20);
+    EXPECT_EQ(read_all(output.out.get()).size(), 512000u);
+    capture.join();
+}
+
 TEST(stream_pcap_dump, member_has_exactly_the_promised_size) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     for (unsigned size : {512000u, 5001u}) {

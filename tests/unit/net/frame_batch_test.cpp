@@ -13,7 +13,6 @@
 #include <memory>
 #include <string>
 
-#include "tests/unit/net/dates.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/pipes.h"
 
@@ -83,22 +82,6 @@ TEST(fetch_frames, takes_what_is_queued_in_order) {
         EXPECT_FALSE(got.ended);
         EXPECT_EQ(queue.taken(0), "first");
         EXPECT_EQ(queue.taken(1), "second one");
-    }
-}
-
-TEST(fetch_frames, dates_frames_by_their_reading) {
-    for (fetcher fetch : fetchers) {
-        frame_queue queue;
-        queue.put("first");
-        queue.put("second");
-        uint64_t last = now_us();
-        ASSERT_EQ(queue.take(fetch, 4).count, 2);
-        for (int i = 0; i < 2; i++) {
-            EXPECT_GE(date_us(queue.frames[i]), last);
-            EXPECT_LT(queue.frames[i].date_us, 1000000u);
-            last = date_us(queue.frames[i]);
-        }
-        EXPECT_LE(last, now_us());
     }
 }
 

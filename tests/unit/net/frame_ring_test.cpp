@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/unit/net/dates.h"
 #include "tests/unit/net/private_network.h"
+#include "tests/unit/net/times.h"
 #include "tests/unit/support/memory_limit.h"
 
 namespace {
@@ -109,16 +109,16 @@ NETWORK_TEST(frame_ring, a_single_frame_is_handed_over_soon) {
     EXPECT_LT(now_us() - before, 5000000u);
 }
 
-NETWORK_TEST(frame_ring, frames_have_the_date_of_their_arrival) {
+NETWORK_TEST(frame_ring, frames_have_the_timestamp_of_their_arrival) {
     ring_reader reader;
     frame_sender wire("far0");
     uint64_t last = now_us();
     for (int i = 0; i < 5; i++) {
         wire.send(frame_of(60, 'a'));
         EXPECT_EQ(reader.take_all(1).size(), 1u);
-        EXPECT_GE(date_us(reader.frames[0]), last);
-        last = date_us(reader.frames[0]);
-        EXPECT_LT(reader.frames[0].date_us, 1000000u);
+        EXPECT_GE(time_us(reader.frames[0]), last);
+        last = time_us(reader.frames[0]);
+        EXPECT_LT(reader.frames[0].time.us, 1000000u);
     }
     EXPECT_LE(last, now_us());
 }
@@ -141,7 +141,7 @@ NETWORK_TEST(frame_ring, goes_round_many_times) {
     frame_sender wire("far0");
     for (int i = 0; i < 20; i++) {
         frame_list sent;
-        for (int j = 0; j < 120; j++) {  // most of a block, so that some are filled and others are not
+        for (int j = 0; j < 30; j++) {  // most of a block, so that some are filled and others are not
             sent.push_back(frame_of(1514 - static_cast<size_t>(i + j), static_cast<char>(i + j)));
             wire.send(sent.back());
         }
@@ -228,6 +228,41 @@ NETWORK_TEST(frame_ring, thin_traffic_fills_none_within_half_a_minute) {
         EXPECT_EQ(reader.ring.block, reader.ring.fetched) << "a frame took more than a block";
         EXPECT_EQ(reader.ring.fetched, fetched + 1);
     }
+}
+
+NETWORK_TEST(frame_ring, holds_what_its_size_was_made_for) {
+    constexpr unsigned burst = 200;
+    constexpr int seconds = 2;
+    ring_reader reader(frame_ring_size(burst, seconds));
+    EXPECT_LT(reader.ring.size, size_t{burst} * 4096);
+    frame_list sent;
+    frame_list got;
+    // Nothing is released meanwhile, and each of these uses up a block.
+    for (int i = 0; i < seconds * 1000 / frame_ring_delay_ms; i++) {
+        sent.push_back(frame_of(60, static_cast<char>(i)));
+        send_all({sent.back()});
+        EXPECT_TRUE(eventually([&] {
+            frame_list more = reader.fetch();
+            got.insert(got.end(), more.begin(), more.end());
+            return got.size() == sent.size();
+        }));
+    }
+    const frame_list together(burst, frame_of(1514, 'b'));
+    send_all(together);
+    sent.insert(sent.end(), together.begin(), together.end());
+    EXPECT_TRUE(eventually([&] {
+        frame_list more = reader.fetch();
+        got.insert(got.end(), more.begin(), more.end());
+        return got.size() == sent.size();
+    }));
+    EXPECT_EQ(got, sent);
+}
+
+TEST(frame_ring_size, is_small_for_few_frames_and_bounded_for_long_times) {
+    EXPECT_LE(frame_ring_size(512000 / 1552, 5), 3u << 19);  // the capture of an archive
+    EXPECT_LE(frame_ring_size(1, INT32_MAX), 5u << 20);
+    EXPECT_EQ(frame_ring_size(1, -1), frame_ring_size(1, 0));
+    EXPECT_GE(frame_ring_size(UINT32_MAX, 0), uint64_t{UINT32_MAX} * pcap_frame_limit);
 }
 
 NETWORK_TEST(frame_ring, children_do_not_have_it) {

@@ -6,9 +6,11 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <map>
@@ -16,13 +18,27 @@
 #include <thread>
 #include <vector>
 
-#include "tests/unit/net/dates.h"
 #include "tests/unit/net/pcap_reader.h"
 #include "tests/unit/net/private_network.h"
+#include "tests/unit/net/times.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/memory_limit.h"
 #include "tests/unit/support/pipes.h"
+
+namespace {
+
+std::atomic<int64_t> set_forward_s = 0;
+
+}  // namespace
+
+// The wall clock of this program, which a test can set.
+extern "C" int gettimeofday(timeval* now, void* /*zone*/) noexcept {
+    timespec real;
+    clock_gettime(CLOCK_REALTIME, &real);
+    *now = {static_cast<time_t>(real.tv_sec + set_forward_s), static_cast<suseconds_t>(real.tv_nsec / 1000)};
+    return 0;
+}
 
 namespace {
 
@@ -70,6 +86,18 @@ public:
         thread_.join();
         EXPECT_EQ(all.substr(0, held_), std::string(held_, filler));
         return all.substr(held_);
+    }
+    // Lets it begin, and returns when it writes records. There are to be more of them than the pipe holds.
+    void begin() {
+        for (std::string piece(held_, '\0'); held_ > 0;) {
+            ssize_t got = read(pipe_.out.get(), piece.data(), held_);
+            ASSERT_GT(got, 0);
+            held_ -= static_cast<size_t>(got);
+        }
+        EXPECT_TRUE(eventually([this] {
+            int queued = 0;
+            return ioctl(pipe_.out.get(), FIONREAD, &queued) == 0 && queued > 24;
+        }));
     }
     // Lets it begin and goes away when the file header has come.
     void leave() {
@@ -129,6 +157,30 @@ int number_of(const std::string& frame) {
     return number;
 }
 
+void expect_in_order(const std::vector<pcap_record>& records) {
+    auto late = std::adjacent_find(records.begin(), records.end(),
+                                   [](const auto& a, const auto& b) { return b.time_us() < a.time_us(); });
+    EXPECT_EQ(late - records.begin(), records.end() - records.begin());
+}
+
+// More than is fetched in one go, and more than a pipe holds.
+constexpr int long_burst = 600;
+
+void send_numbered(int first, int count) {
+    frame_sender wire("far0");
+    for (int i = first; i < first + count; i++) {
+        wire.send(zero_filled(numbered_frame(i), 1000));
+    }
+}
+
+// Numbers from 0 up to `count`.
+void expect_numbers(const std::vector<std::string>& frames, int count) {
+    ASSERT_EQ(frames.size(), static_cast<size_t>(count));
+    for (int i = 0; i < count; i++) {
+        ASSERT_EQ(number_of(frames[static_cast<size_t>(i)]), i);
+    }
+}
+
 int64_t thread_cpu_us() {
     timespec used;
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
@@ -137,7 +189,7 @@ int64_t thread_cpu_us() {
 
 }  // namespace
 
-CAPTURE_TEST(pcap_dump, whole_frames_with_their_dates) {
+CAPTURE_TEST(pcap_dump, whole_frames_with_their_timestamps) {
     held_capture capture("near0", {.duration = 1}, 1);
     frame_sender wire("far0");
     std::vector<std::string> sent = {frame_of(60, 'a'), frame_of(1514, 'b'), frame_of(14, 'c')};
@@ -160,7 +212,7 @@ CAPTURE_TEST(pcap_dump, whole_frames_with_their_dates) {
     EXPECT_LE(last, now_us());
 }
 
-NETWORK_TEST(pcap_dump, frames_in_shared_memory_have_the_date_of_their_arrival) {
+NETWORK_TEST(pcap_dump, frames_in_shared_memory_have_the_timestamp_of_their_arrival) {
     held_capture capture("near0", {.duration = 1}, 1);
     frame_sender wire("far0");
     wire.send(frame_of(60, 'a'));
@@ -173,7 +225,7 @@ NETWORK_TEST(pcap_dump, frames_in_shared_memory_have_the_date_of_their_arrival) 
     EXPECT_GT(content.records[1].time_us(), between);
 }
 
-NETWORK_TEST(pcap_dump, frames_that_are_read_have_the_date_of_their_reading) {
+NETWORK_TEST(pcap_dump, frames_that_are_read_have_the_timestamp_of_their_reading) {
     ASSERT_TRUE(forbid_rings());
     held_capture capture("near0", {.duration = 1}, 1);
     frame_sender("far0").send(frame_of(60, 'a'));
@@ -199,6 +251,85 @@ CAPTURE_TEST(pcap_dump, queued_frames_of_several_interfaces_come_in_turn) {
         }
     }
     EXPECT_EQ(pcap_read(capture.finish()).frame_bytes(), wanted);
+}
+
+CAPTURE_TEST(pcap_dump, timestamps_never_decrease_whatever_the_interfaces) {
+    for (const char* interfaces : {"near0,near1", "near1,near0", "near0"}) {
+        bool both = strchr(interfaces, ',') != nullptr;
+        held_capture capture(interfaces, {.max_total = 24 + 1999 * 76 + 60 + 48, .duration = 1000},
+                             both ? 2 : 1);
+        auto send_half = [](const char* end) {
+            frame_sender wire(end);
+            for (int i = 0; i < 1000; i++) {
+                wire.send(numbered_frame(i));
+            }
+        };
+        std::thread first(send_half, "far0");
+        std::thread second(send_half, both ? "far1" : "far0");
+        pcap_content content = pcap_read(capture.finish());
+        first.join();
+        second.join();
+        EXPECT_EQ(content.frames().size(), 1999u);
+        expect_in_order(content.frames());
+    }
+}
+
+NETWORK_TEST(pcap_dump, frames_that_overtook_each_other_are_recorded_in_the_order_of_their_timestamps) {
+    held_capture capture("near0", {.duration = 1}, 1);
+    frame_sender wire("far0");
+    const uint64_t begin = now_us();
+    for (int step : {1, 4, 2, 3}) {
+        wire.send_at(numbered_frame(step), begin + static_cast<uint64_t>(step) * 10);
+    }
+    std::vector<pcap_record> records = pcap_read(capture.finish()).records;
+    ASSERT_EQ(records.size(), 4u);
+    if (records[0].time_us() != begin + 10) {
+        GTEST_SKIP() << "needs a kernel that passes the time of sending on";
+    }
+    for (size_t i = 0; i < records.size(); i++) {
+        EXPECT_EQ(records[i].time_us(), begin + 10 * (i + 1));
+        EXPECT_EQ(number_of(records[i].data), static_cast<int>(i) + 1);
+    }
+}
+
+NETWORK_TEST(pcap_dump, order_of_arrival_is_kept_when_the_clock_is_set_back) {
+    held_capture capture("near0", {.duration = 1}, 1);
+    frame_sender wire("far0");
+    const uint64_t begin = now_us();
+    constexpr uint64_t hour = 3600000000;
+    wire.send_at(numbered_frame(0), begin);
+    wire.send_at(numbered_frame(1), begin - hour);
+    wire.send_at(numbered_frame(2), begin - hour + 10);
+    wire.send_at(numbered_frame(3), begin + 10);
+    pcap_content content = pcap_read(capture.finish());
+    expect_numbers(content.frame_bytes(), 4);
+    expect_in_order(content.records);
+}
+
+NETWORK_TEST(pcap_dump, timestamps_never_decrease_though_the_clock_is_set_back) {
+    ASSERT_TRUE(forbid_rings());
+    test_socketpair browser;
+    std::thread capture([&browser] {
+        char names[] = "near0";
+        EXPECT_EQ(pcap_dump(names, browser.a.get(), 0, 0, 0, 1, nullptr), 24 + 3 * 76);
+    });
+    std::string stream(24, '\0');
+    EXPECT_EQ(recv(browser.b.get(), stream.data(), stream.size(), MSG_WAITALL), 24);
+    frame_sender wire("far0");
+    for (int64_t clock_s : {7200, 3600, 10000}) {
+        set_forward_s = clock_s;
+        wire.send(frame_of(60, 'a'));
+        std::string record(76, '\0');
+        EXPECT_EQ(recv(browser.b.get(), record.data(), record.size(), MSG_WAITALL), 76);
+        stream += record;
+    }
+    set_forward_s = 0;
+    browser.b.reset();
+    capture.join();
+    std::vector<pcap_record> records = pcap_read(stream).records;
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_EQ(records[1].time_us(), records[0].time_us());
+    EXPECT_GT(records[2].time_us(), records[1].time_us());
 }
 
 CAPTURE_TEST(pcap_dump, burst_larger_than_the_systems_own_queue_is_kept) {
@@ -460,11 +591,10 @@ NETWORK_TEST(pcap_dump, browser_that_resets_ends_it_though_no_frame_comes) {
 NETWORK_TEST(pcap_dump, frames_come_also_when_there_is_no_room_to_share_memory) {
     SKIP_WITHOUT_MEMORY_LIMIT();
     scoped_memory_limit limit(12 << 20);  // a ring has 16 MiB
-    held_capture capture("near0", {.max_total = 24 + 60 + 49, .duration = 20}, 1);
+    unique_fd stop(eventfd(1, EFD_CLOEXEC));
+    held_capture capture("near0", {.stop_fd = stop.get()}, 1);
     EXPECT_EQ(mapped_rings(), 0);
-    frame_sender wire("far0");
-    wire.send(frame_of(60, 'a'));
-    wire.send(frame_of(60, 'b'));  // ends it
+    frame_sender("far0").send(frame_of(60, 'a'));
     EXPECT_EQ(pcap_read(capture.finish()).frame_bytes(), std::vector<std::string>{frame_of(60, 'a')});
 }
 
@@ -529,6 +659,61 @@ NETWORK_TEST(pcap_dump, what_came_before_the_interface_went_is_recorded) {
         EXPECT_EQ(bytes.size(), 5000u);
         EXPECT_EQ(pcap_read(bytes).frame_bytes(), sent) << end_of_it;
     }
+}
+
+NETWORK_TEST(pcap_dump, frames_after_the_end_are_not_recorded) {
+    unique_fd stop(eventfd(1, EFD_CLOEXEC));
+    for (bool is_stopped : {true, false}) {
+        held_capture capture("near0", {.stop_fd = is_stopped ? stop.get() : -1}, 1);
+        send_numbered(0, long_burst);
+        if (!is_stopped) {
+            ASSERT_TRUE(run_command("ip link set near0 down"));
+            ASSERT_TRUE(run_command("ip link set near0 up"));
+        }
+        capture.begin();
+        send_numbered(long_burst, 50);
+        expect_numbers(pcap_read(capture.finish()).frame_bytes(), long_burst);
+    }
+}
+
+NETWORK_TEST(pcap_dump, frames_after_the_time_limit_are_not_recorded_however_slow_the_browser_is) {
+    held_capture capture("near0", {.duration = 1}, 1);
+    send_numbered(0, long_burst);
+    capture.begin();
+    const auto over = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    EXPECT_TRUE(eventually([over] { return std::chrono::steady_clock::now() > over; }));
+    send_numbered(long_burst, 50);
+    expect_numbers(pcap_read(capture.finish()).frame_bytes(), long_burst);
+}
+
+CAPTURE_TEST(pcap_dump, interface_that_goes_down_and_up_at_once_ends_the_capture) {
+    held_capture capture("near0", {.max_total = 500, .duration = 1000, .promisc = 1}, 1);
+    ASSERT_TRUE(run_command("ip link set near0 down"));
+    ASSERT_TRUE(run_command("ip link set near0 up"));
+    EXPECT_EQ(capture.finish().size(), 500u);
+    EXPECT_FALSE(is_promiscuous("near0"));
+}
+
+CAPTURE_TEST(pcap_dump, interface_that_was_renamed_is_captured_to_the_end_and_not_promiscuous_afterwards) {
+    held_capture capture("near0", {.max_total = 500, .duration = 1000, .promisc = 1}, 1);
+    ASSERT_TRUE(run_command("ip link set near0 down"));
+    ASSERT_TRUE(run_command("ip link set near0 name moved0"));
+    EXPECT_EQ(capture.finish().size(), 500u);
+    EXPECT_FALSE(is_promiscuous("moved0"));
+}
+
+NETWORK_TEST(pcap_dump, small_capture_shares_little_memory_and_loses_nothing) {
+    constexpr unsigned total = 512000;
+    constexpr uint64_t record = 16 + 1536;
+    constexpr uint64_t fitting = (total - 24 - 1536 - 48 - 1) / record + 1;
+    held_capture capture("near0", {.max_total = total, .snaplen = 1536, .duration = 1000}, 1);
+    EXPECT_EQ(mapped_rings(), 1);
+    EXPECT_LE(mapped_ring_bytes(), 5u << 20);
+    frame_sender wire("far0");
+    for (uint64_t i = 0; i <= fitting; i++) {
+        wire.send(frame_of(1514, static_cast<char>(i)));
+    }
+    EXPECT_EQ(pcap_read(capture.finish()).frames().size(), fitting);
 }
 
 CAPTURE_TEST(pcap_dump, interface_that_vanishes_ends_the_capture) {

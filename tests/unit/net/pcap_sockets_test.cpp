@@ -115,6 +115,20 @@ NETWORK_TEST(pcap_open_sockets, promiscuous_mode_of_before_is_switched_off) {
     EXPECT_EQ(flags_of("near0") & (IFF_UP | IFF_NOARP), IFF_UP | IFF_NOARP);
 }
 
+NETWORK_TEST(pcap_close_sockets, promiscuous_mode_is_switched_off_where_the_interface_was_renamed) {
+    ASSERT_TRUE(run_command("ip link set near1 promisc on"));
+    pcap_sockets sockets = pcap_open_sockets(list_of({"near0"}), nullptr, 1);
+    for (const char* renaming : {"near0 name moved0", "near1 name near0"}) {
+        std::string name(renaming, 5);
+        ASSERT_TRUE(run_command("ip link set " + name + " down"));
+        ASSERT_TRUE(run_command(std::string("ip link set ") + renaming));
+    }
+    ASSERT_TRUE(is_promiscuous("moved0"));
+    pcap_close_sockets(&sockets);
+    EXPECT_FALSE(is_promiscuous("moved0"));
+    EXPECT_TRUE(is_promiscuous("near0")) << "an interface that was not captured";
+}
+
 NETWORK_TEST(pcap_open_sockets, unknown_name_takes_every_interface) {
     ASSERT_TRUE(forbid_rings());
     pcap_sockets sockets = pcap_open_sockets(list_of({"any"}), nullptr, 1);
@@ -144,6 +158,14 @@ NETWORK_TEST(pcap_open_sockets, frames_of_one_interface_are_shared_with_the_kern
     EXPECT_LE(sockets.all[0].ring.size, 16u << 20);
     pcap_close_sockets(&sockets);
     EXPECT_EQ(sockets.all[0].ring.memory, nullptr);
+}
+
+NETWORK_TEST(pcap_open_sockets, no_more_memory_is_shared_than_is_of_use) {
+    constexpr size_t useful = 1 << 20;
+    pcap_sockets sockets = pcap_open_sockets(list_of({"near0"}), nullptr, 0, useful);
+    ASSERT_NE(sockets.all[0].ring.memory, nullptr);
+    EXPECT_LE(sockets.all[0].ring.size, useful);
+    pcap_close_sockets(&sockets);
 }
 
 NETWORK_TEST(pcap_open_sockets, frames_of_several_interfaces_are_read_as_they_come) {

@@ -5,16 +5,19 @@
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/if_packet.h>
+#include <linux/net_tstamp.h>
 #include <linux/seccomp.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <stddef.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,6 +26,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "common/unique_fd.h"
 #include "tests/unit/support/children.h"
@@ -129,6 +133,26 @@ public:
     void send(const std::string& frame) {
         EXPECT_EQ(::send(sock_.get(), frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
     }
+    // Sends a frame that the other end of the wire takes for one received at `time_us`, by the clock of
+    // gettimeofday. Where the kernel does not pass the time on, it is received now.
+    void send_at(const std::string& frame, uint64_t time_us) {
+        sock_txtime clock = {CLOCK_REALTIME, 0};
+        EXPECT_EQ(setsockopt(sock_.get(), SOL_SOCKET, SO_TXTIME, &clock, sizeof clock), 0);
+        uint64_t time_ns = time_us * 1000;
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof time_ns)] = {};
+        iovec piece = {const_cast<char*>(frame.data()), frame.size()};
+        msghdr message = {};
+        message.msg_iov = &piece;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_TXTIME;
+        header->cmsg_len = CMSG_LEN(sizeof time_ns);
+        memcpy(CMSG_DATA(header), &time_ns, sizeof time_ns);
+        EXPECT_EQ(sendmsg(sock_.get(), &message, 0), static_cast<ssize_t>(frame.size()));
+    }
 
 private:
     unique_fd sock_;
@@ -178,14 +202,26 @@ inline int capturing_sockets() {
     return count;
 }
 
-// Rings of packet sockets that are in the memory of this process.
-inline int mapped_rings() {
+// Rings of packet sockets that are in the memory of this process, and their bytes.
+inline std::pair<int, size_t> count_rings() {
     std::ifstream maps("/proc/self/maps");
-    int count = 0;
+    std::pair<int, size_t> found;
     for (std::string line; std::getline(maps, line);) {
-        count += line.find("socket:[") != std::string::npos;
+        if (line.find("socket:[") != std::string::npos) {
+            found.first++;
+            found.second +=
+                std::stoull(line.substr(line.find('-') + 1), nullptr, 16) - std::stoull(line, nullptr, 16);
+        }
     }
-    return count;
+    return found;
+}
+
+inline int mapped_rings() {
+    return count_rings().first;
+}
+
+inline size_t mapped_ring_bytes() {
+    return count_rings().second;
 }
 
 inline short flags_of(const char* interface) {

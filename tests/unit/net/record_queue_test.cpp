@@ -12,8 +12,9 @@
 namespace {
 
 captured_frame frame_in(const std::string& bytes) {
-    return {reinterpret_cast<const uint8_t*>(bytes.data()), static_cast<unsigned>(bytes.size()), 4000000000,
-            999999};
+    return {reinterpret_cast<const uint8_t*>(bytes.data()),
+            static_cast<unsigned>(bytes.size()),
+            {4000000000, 999999}};
 }
 
 // The records of frames, behind a file header.
@@ -35,7 +36,7 @@ pcap_content recorded(const std::vector<std::string>& frames, unsigned snaplen) 
 
 }  // namespace
 
-TEST(record_queue, whole_frames_have_their_own_length_and_date) {
+TEST(record_queue, whole_frames_have_their_own_length_and_timestamp) {
     std::vector<std::string> frames = {"a frame", std::string(1536, 'x'), "b"};
     pcap_content content = recorded(frames, 0);
     EXPECT_EQ(content.frame_bytes(), frames);

@@ -1,4 +1,4 @@
-// Dates of frames in microseconds, by the clock that they have.
+// Timestamps of frames in microseconds, by the clock that they have.
 #pragma once
 
 #include <stdint.h>
@@ -12,6 +12,6 @@ inline uint64_t now_us() {
     return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec);
 }
 
-inline uint64_t date_us(const captured_frame& frame) {
-    return uint64_t{frame.date_s} * 1000000 + frame.date_us;
+inline uint64_t time_us(const captured_frame& frame) {
+    return uint64_t{frame.time.s} * 1000000 + frame.time.us;
 }
