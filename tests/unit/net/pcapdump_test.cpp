@@ -1,9 +1,12 @@
 #include "net/pcapdump.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <string>
@@ -13,6 +16,7 @@
 #include "tests/unit/net/private_network.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/pipes.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
@@ -26,13 +30,37 @@ int run_applet(std::vector<std::string> words) {
     return run_pcapdump(static_cast<int>(words.size()), argv.data());
 }
 
+// Starts the applet in a process of its own. A test may have been started with these signals ignored.
+pid_t start_applet(const std::vector<std::string>& words) {
+    return fork_child([&words] {
+        for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+            signal(sig, SIG_DFL);
+        }
+        return run_applet(words);
+    });
+}
+
+// Sends the signal again and again until the process has ended; its status.
+int signal_until_it_ends(pid_t pid, int sig) {
+    int status = -1;
+    bool has_ended = eventually([&] {
+        kill(pid, sig);
+        return waitpid(pid, &status, WNOHANG) == pid;
+    });
+    if (!has_ended) {
+        kill(pid, SIGKILL);
+        return wait_status(pid);
+    }
+    return status;
+}
+
 // The applet in a process of its own, capturing on near0 into a file.
 class running_applet {
 public:
     explicit running_applet(std::vector<std::string> port = {}) : file_(dir_.path("dump.cap")) {
         std::vector<std::string> words = {"pcapdump", "near0", file_};
         words.insert(words.end(), port.begin(), port.end());
-        pid_ = fork_child([&words] { return run_applet(words); });
+        pid_ = start_applet(words);
         EXPECT_TRUE(eventually([this] { return capturing_sockets() == 1 && size() >= 24; }));
     }
     off_t size() const {
@@ -45,9 +73,13 @@ public:
         EXPECT_TRUE(eventually([&] { return size() >= wanted; })) << size();
         kill(pid_, sig);
         EXPECT_TRUE(exited_with(wait_status(pid_), 0));
+        return content();
+    }
+    pcap_content content() const {
         unique_fd file(open(file_.c_str(), O_RDONLY | O_CLOEXEC));
         return pcap_read(content_of(file.get()));
     }
+    pid_t pid() const { return pid_; }
     const std::string& file() const { return file_; }
 
 private:
@@ -105,7 +137,7 @@ TEST(run_pcapdump, file_that_cannot_be_opened_is_reported) {
 }
 
 NETWORK_TEST(run_pcapdump, signals_end_it_at_a_whole_record) {
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         running_applet applet;
         EXPECT_TRUE(is_promiscuous("near0"));
         frame_sender wire("far0");
@@ -117,6 +149,63 @@ NETWORK_TEST(run_pcapdump, signals_end_it_at_a_whole_record) {
         EXPECT_EQ(content.rest, "");
         EXPECT_FALSE(is_promiscuous("near0"));
     }
+}
+
+NETWORK_TEST(run_pcapdump, further_signals_neither_kill_it_nor_cost_a_frame) {
+    SKIP_WITHOUT_PROMPT_SIGNALS();
+    running_applet applet;
+    std::vector<std::string> sent;
+    frame_sender wire("far0");
+    for (int i = 0; i < 300; i++) {
+        sent.push_back(frame_of(1000, static_cast<char>(i)));
+        wire.send(sent.back());
+    }
+    EXPECT_TRUE(exited_with(signal_until_it_ends(applet.pid(), SIGINT), 0));
+    EXPECT_EQ(applet.content().frame_bytes(), sent);
+    EXPECT_EQ(applet.content().rest, "");
+    EXPECT_FALSE(is_promiscuous("near0"));
+}
+
+NETWORK_TEST(run_pcapdump, further_signals_end_one_whose_reader_takes_nothing) {
+    SKIP_WITHOUT_PROMPT_SIGNALS();
+    temp_dir dir;
+    std::string fifo = dir.path("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    unique_fd reader(open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    pid_t pid = start_applet({"pcapdump", "near0", fifo});
+    EXPECT_TRUE(eventually([] { return capturing_sockets() == 1; }));
+    unique_fd writer(open(fifo.c_str(), O_WRONLY | O_CLOEXEC));
+    frame_sender wire("far0");
+    EXPECT_TRUE(eventually([&] {
+        wire.send(frame_of(1000, 'f'));
+        pollfd full = {writer.get(), POLLOUT, 0};
+        return poll(&full, 1, 0) == 0;
+    }));
+    EXPECT_TRUE(is_promiscuous("near0"));
+    EXPECT_TRUE(exited_with(signal_until_it_ends(pid, SIGINT), 0));
+    EXPECT_FALSE(is_promiscuous("near0"));
+}
+
+NETWORK_TEST(run_pcapdump, capture_that_could_only_be_killed_is_not_begun) {
+    temp_dir dir;
+    std::string file = dir.path("dump.cap");
+    unique_fd older(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(write(older.get(), "older", 5), 5);
+    int status = run_in_child([&file] {
+        int result = 0;
+        std::string said = capture_stderr([&] {
+            int next = dup(STDERR_FILENO);
+            rlimit none_left = {static_cast<rlim_t>(next) + 1, 4096};  // one, which is not enough
+            close(next);
+            setrlimit(RLIMIT_NOFILE, &none_left);
+            result = run_applet({"pcapdump", "near0", file});
+            rlimit enough = {4096, 4096};
+            setrlimit(RLIMIT_NOFILE, &enough);
+        });
+        return result == 1 && said == std::string("pipe: ") + strerror(EMFILE) + "\n" ? 0 : 2;
+    });
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+    EXPECT_EQ(content_of(older.get()), "older");
 }
 
 NETWORK_TEST(run_pcapdump, file_is_private_and_older_content_is_gone) {
