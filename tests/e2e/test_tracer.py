@@ -14,7 +14,7 @@ import time
 
 import pytest
 
-from zarvo_e2e import BIN, PATIENCE, POLL, SANITIZE, process_stat, wait_for
+from zarvo_e2e import BIN, PATIENCE, POLL, SANITIZE, end_by, process_stat, wait_for
 
 NEEDS_SANDBOX = True
 pytestmark = pytest.mark.usefixtures("here")
@@ -283,8 +283,7 @@ def test_command_ends_with_its_tracer(tmp_path, applet, sig):
     wait_for(lambda: note.exists() and note.read_text().endswith("\n"), "the command's pid")
     command = int(note.read_text())
     wait_for(lambda: pathlib.Path(f"/proc/{command}/comm").read_text() == "sleep\n", "asleep")
-    tracer.send_signal(sig)
-    assert tracer.wait(PATIENCE) == -sig
+    assert end_by(tracer, sig) == -sig
     assert process_stat(command) is None
 
 
@@ -294,8 +293,7 @@ def test_command_that_ctrl_c_does_not_end_is_sent_the_signal_that_ends_its_trace
     tracer = subprocess.Popen([TSTRACE, "/bin/sh", "-c", script], stdout=subprocess.DEVNULL)
     wait_for(lambda: note.exists() and note.read_text().endswith("\n"), "the command's pid")
     command = int(note.read_text())
-    tracer.terminate()
-    assert tracer.wait(PATIENCE) == -signal.SIGTERM
+    assert end_by(tracer, signal.SIGTERM) == -signal.SIGTERM
     wait_for(lambda: process_stat(command) is None, "the command's end")
 
 
@@ -347,8 +345,7 @@ def test_tracer_whose_reader_takes_nothing_can_be_ended(service, sig):
     child = service("sh", "-c", "while :; do read x < /dev/null; done")
     reader = StalledReader(child)
     assert process_stat(child.pid)[0] == "t"
-    reader.tracer.send_signal(sig)
-    assert reader.tracer.wait(PATIENCE) == (0 if sig == signal.SIGINT else -sig)
+    assert end_by(reader.tracer, sig) == (0 if sig == signal.SIGINT else -sig)
     assert_free(child.pid)
     reader.close()
 

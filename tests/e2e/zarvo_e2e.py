@@ -210,6 +210,20 @@ def process_stat(pid):
     return text[text.rindex(")") + 2 :].split()
 
 
+def end_by(process, sig):
+    """Sends a signal that ends a process sooner or later; returns its status, as Popen gives it."""
+
+    def has_ended():
+        process.send_signal(sig)
+        return process.poll() is not None
+
+    process.send_signal(sig)
+    if SANITIZE == "thread":
+        # It puts a signal off until the next call that waits, which may be one that nothing else ends.
+        wait_for(has_ended, f"the end by {sig.name}")
+    return process.wait(PATIENCE)
+
+
 def processes():
     return [int(name) for name in os.listdir("/proc") if name.isdigit()]
 
