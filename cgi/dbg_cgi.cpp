@@ -127,9 +127,7 @@ void configure_dumper(const char* program) {
 void catch_ending_signals() {
     constexpr int signals[] = {SIGALRM, SIGTERM, SIGHUP, SIGINT, SIGQUIT};
     signal(SIGALRM, SIG_DFL);
-    if (!ending_catch(signals, ending_limit_ms)) {
-        perror("ending_catch");  // the signals end the daemon as they are
-    }
+    (void)ending_catch(signals, ending_limit_ms);  // without a thread for it they end the daemon as they are
 }
 
 // Standard output is the archive's alone: what anything else prints meanwhile goes to standard error.
@@ -162,11 +160,11 @@ unique_fd open_segfault_socket(const char* path) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, path, strnlen(path, sizeof address.sun_path));
-    if (bind(server.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
+    if (bind(server.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) < 0 ||
+        listen(server.get(), segfault_backlog) < 0) {
         syslog(LOG_ERR, "Could not open %s: %m", path);
         return unique_fd();
     }
-    listen(server.get(), segfault_backlog);
     return server;
 }
 

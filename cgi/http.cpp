@@ -36,7 +36,7 @@ bool write_formatted(int fd, const char* format, const char* first, const char* 
 void make_quotable(char* name) {
     for (; *name; name++) {
         unsigned char c = static_cast<unsigned char>(*name);
-        if (c < ' ' || c == 0x7f || c == '"') {
+        if (c < ' ' || c == 0x7f || c == '"' || c == '\\') {
             *name = '_';
         }
     }

@@ -17,8 +17,8 @@ static_assert(http_bad_request.size() == 121);
 // Writes one of the fixed answers; a client that has gone is not reported.
 void http_write_fixed(int fd, std::string_view answer);
 
-// Writes the head of a download: its media type and the name under which the browser saves it. Quotes and
-// control characters in the name become '_'. Returns 0 when it was written whole, else 1.
+// Writes the head of a download: its media type and the name under which the browser saves it. Quotes,
+// backslashes and control characters in the name become '_'. Returns 0 when it was written whole, else 1.
 int stream_http_header(int fd, const char* content_type, const char* filename);
 
 // Writes a whole status page: `status` as in "503 Service Unavailable", `message` as the page's body. A

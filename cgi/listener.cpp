@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <stdio.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "cgi/request.h"
 #include "cgi/stored_dump.h"
@@ -24,7 +25,10 @@ constexpr unsigned stalled_browser_ms = 120000;
 
 // The pause after a failure that leaves the connection in the queue, such as no descriptor being free:
 // without it the loop would spin until a worker has ended.
-constexpr int exhausted_pause_ms = 10;
+constexpr useconds_t exhausted_pause_us = 10000;
+
+// The pause after a failure of the wait itself, which may last.
+constexpr useconds_t broken_pause_us = 100000;
 
 // One byte more than is received, for the zero that ends the query.
 char request_text[receive_limit + 1];
@@ -42,7 +46,7 @@ void prepare_connection(int fd) {
 // Pauses when the last call failed for want of something that only time brings back.
 void pause_if_exhausted() {
     if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-        poll(nullptr, 0, exhausted_pause_ms);
+        usleep(exhausted_pause_us);
     }
 }
 
@@ -79,8 +83,15 @@ void serve_push(int segfault_socket) {
 void listener_round(const listener_options& options) {
     pollfd sockets[] = {{options.cgi_socket, POLLIN, 0}, {options.segfault_socket, POLLIN, 0}};
     if (poll(sockets, 2, -1) < 0) {
+        const bool interrupted = errno == EINTR;
         perror("select");
+        if (!interrupted) {
+            usleep(broken_pause_us);
+        }
         return;
+    }
+    if (((sockets[0].revents | sockets[1].revents) & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
+        usleep(broken_pause_us);
     }
     if (sockets[0].revents != 0 && !serve_request(options)) {
         return;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -40,22 +41,43 @@ const dirent* next_dump(DIR* dir) {
     return entry;
 }
 
-// Sends the dump `name` and deletes it; false when it is still there.
-bool deliver(int dir_fd, const char* name) {
-    int file = openat(dir_fd, name, O_RDONLY | O_CLOEXEC);
-    if (file < 0) {
+// A FIFO is no dump: its reader would wait for whoever may write into it.
+bool is_fifo(int fd) {
+    struct stat info;
+    return fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
+}
+
+enum class delivery { done, failed, no_dump };
+
+// Sends the dump `name` and deletes it. When that fails it is still there.
+delivery deliver(int dir_fd, const char* name) {
+    unique_fd file(openat(dir_fd, name, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file) {
         perror("check_dumps");
-        return false;
+        return delivery::failed;
     }
-    if (handle_request_push(file, name) != 0) {
+    if (is_fifo(file.get())) {
+        return delivery::no_dump;
+    }
+    if (handle_request_push(file.release(), name) != 0) {
         syslog(LOG_ERR, "Failed to send dump: %s", name);
-        return false;
+        return delivery::failed;
     }
     if (unlinkat(dir_fd, name, 0) < 0) {
         perror("check_dumps");
-        return false;
+        return delivery::failed;
     }
-    return true;
+    return delivery::done;
+}
+
+// Delivers the first dump, if there is one; false when that failed.
+bool deliver_from(DIR* dir) {
+    delivery result = delivery::no_dump;
+    const dirent* entry;
+    while (result == delivery::no_dump && (entry = next_dump(dir))) {
+        result = deliver(dirfd(dir), entry->d_name);
+    }
+    return result != delivery::failed;
 }
 
 void deliver_first(const char* const* dirs) {
@@ -72,11 +94,10 @@ void deliver_first(const char* const* dirs) {
         return;
     }
     (void)opened.release();  // the stream closes it now
-    const dirent* entry = next_dump(dir.get());
-    if (entry && !deliver(dirfd(dir.get()), entry->d_name)) {
+    if (!deliver_from(dir.get())) {
         return;
     }
-    if (!entry || !next_dump(dir.get())) {
+    if (!next_dump(dir.get())) {
         syslog(LOG_INFO, "Dump dir empty");
     }
 }

@@ -1,6 +1,11 @@
 #include "cgi/waiting_browser.h"
 
+#include <errno.h>
+#include <poll.h>
+#include <unistd.h>
+
 #include "cgi/http.h"
+#include "common/deadline.h"
 #include "common/safe_io.h"
 #include "common/unique_fd.h"
 
@@ -11,11 +16,28 @@ constexpr unsigned push_block = 2048;
 unique_fd listener;
 bool pop = false;
 
+// Reads what has come. Returns 0 at the end of the input, and -1 when reading fails or nothing comes for too
+// long: a core handler that hangs would hold all requests.
+ssize_t read_patiently(int fd, char* block, size_t size) {
+    const deadline patience(silent_dump_ms);
+    for (;;) {
+        pollfd input = {fd, POLLIN, 0};
+        const int ready = poll(&input, 1, patience.left_ms());
+        if (ready == 0) {
+            return -1;
+        }
+        const ssize_t got = ready > 0 ? read(fd, block, size) : -1;
+        if (got >= 0 || (errno != EINTR && errno != EAGAIN) || patience.left_ms() == 0) {
+            return got;
+        }
+    }
+}
+
 // Copies to the end of the input; false as soon as either side fails.
 bool forward(int in_fd, int out_fd) {
     char block[push_block];
     for (;;) {
-        ssize_t got = safe_read(in_fd, block, sizeof block);
+        ssize_t got = read_patiently(in_fd, block, sizeof block);
         if (got <= 0) {
             return got == 0;
         }

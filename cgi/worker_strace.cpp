@@ -1,11 +1,18 @@
 #include "cgi/worker_strace.h"
 
 #include <errno.h>
+#include <limits.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include "cgi/http.h"
 #include "cgi/worker.h"
@@ -19,6 +26,12 @@ namespace {
 constexpr int wake_up_signal = SIGUSR1;
 constexpr int wake_up_again_ms = 20;
 
+// How often it is looked whether a slow client has taken something, and how much it gets at once: a local
+// socket counts only whole pieces as taken.
+constexpr int look_again_ms = 50;
+constexpr size_t largest_piece = 4096;
+constexpr int large_segment = 16384;
+
 void on_wake_up(int /*sig*/) {}
 
 // Without SA_RESTART: what the signal is for is to interrupt the tracer's wait.
@@ -29,30 +42,54 @@ void install_wake_up() {
     sigaction(wake_up_signal, &action, nullptr);
 }
 
-// Waits until the client takes something; false when it has not done so since `since_ns` for as long as it
-// may. The watcher's signals interrupt the wait.
-bool wait_for_client(const strace_request* req, int64_t since_ns) {
-    const int64_t waited_ms = (monotonic_ns() - since_ns) / 1000000;
-    const int64_t left_ms = (req->running ? strace_stall_ms : strace_last_words_ms) - waited_ms;
+// How text is sent. Segments of the loopback interface are so large that a slow client's buffer has to empty
+// for many seconds before the next one is let in. There each piece becomes a segment of its own.
+int send_flags(int fd) {
+    int segment = 0;
+    socklen_t size = sizeof segment;
+    const bool is_large =
+        getsockopt(fd, IPPROTO_TCP, TCP_MAXSEG, &segment, &size) == 0 && segment > large_segment;
+    return MSG_DONTWAIT | MSG_NOSIGNAL | (is_large ? MSG_EOR : 0);
+}
+
+// When the client last took something, as far as that can be seen.
+struct client_progress {
+    int64_t since_ns = monotonic_ns();
+    int queued = INT_MAX;  // bytes that it had still to take
+};
+
+// Waits for a moment or until much can be written; false when the client has taken nothing for as long as it
+// may. The watcher's signals interrupt the wait. That much can be written is not waited for: it takes a good
+// part of the send buffer, which is minutes for a slow client.
+bool wait_for_client(const strace_request* req, client_progress* progress) {
     pollfd client = {req->client_fd, POLLOUT, 0};
-    return left_ms > 0 && poll(&client, 1, static_cast<int>(left_ms)) != 0;
+    (void)poll(&client, 1, look_again_ms);
+    int queued = 0;
+    (void)ioctl(req->client_fd, SIOCOUTQ, &queued);
+    const int64_t now_ns = monotonic_ns();
+    if (queued < progress->queued) {
+        progress->since_ns = now_ns;
+    }
+    progress->queued = queued;
+    return (now_ns - progress->since_ns) / 1000000 < (req->running ? strace_stall_ms : strace_last_words_ms);
 }
 
 // Writes to the client without waiting longer than the client may stall. Failures are not reported: that the
 // client has gone is the watcher's to see.
 void write_patiently(strace_request* req, const char* text, size_t length) {
-    int64_t since_ns = monotonic_ns();
+    client_progress progress;
+    const int flags = send_flags(req->client_fd);
     while (length > 0 && !req->stalled) {
-        ssize_t put = send(req->client_fd, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+        ssize_t put = send(req->client_fd, text, std::min(length, largest_piece), flags);
         if (put >= 0) {
-            since_ns = monotonic_ns();
+            progress = client_progress();
             text += put;
             length -= static_cast<size_t>(put);
         } else if (errno == ENOTSOCK) {
             (void)safe_write(req->client_fd, text, static_cast<unsigned>(length));
             return;
         } else if (errno == EAGAIN) {
-            req->stalled = !wait_for_client(req, since_ns);
+            req->stalled = !wait_for_client(req, &progress);
         } else if (errno != EINTR) {
             return;
         }

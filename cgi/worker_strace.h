@@ -19,7 +19,8 @@ struct strace_request {
     pthread_t thread;          // the worker
 };
 
-// How long a browser may take nothing while text is waiting for it. The traced processes wait with the text.
+// How long a browser may take nothing while text is waiting for it; one that takes anything is served to the
+// end, which can be seen down to 5 kB a second. The traced processes wait with the text.
 constexpr int strace_stall_ms = 10000;
 // The same for one that has asked for the end.
 constexpr int strace_last_words_ms = 500;

@@ -24,10 +24,10 @@ bool is_plain(char letter) {
            (letter >= '0' && letter <= '9') || marks.find(letter) != std::string_view::npos;
 }
 
-void append_escaped(std::string& url, std::string_view text, char also_plain) {
+void append_escaped(std::string& url, std::string_view text) {
     constexpr char digits[] = "0123456789ABCDEF";
     for (char letter : text) {
-        if (is_plain(letter) || letter == also_plain) {
+        if (is_plain(letter)) {
             url += letter;
             continue;
         }
@@ -118,9 +118,9 @@ bool core_upload_names_for(const core_upload_target& target, std::string_view na
         return false;
     }
     names.url = target.url;
-    append_escaped(names.url, target.path, '/');
+    names.url += target.path;
     names.url += '/';
-    append_escaped(names.url, name, '\0');
+    append_escaped(names.url, name);
     names.command = "RNFR " + file;
     return true;
 }

@@ -346,12 +346,13 @@ def test_missing_path_is_the_login_folder(ftp):
     assert server.commands("RNFR") == ["RNFR /core.7"]
 
 
-def test_path_may_hold_blanks_and_percent_signs(ftp):
+def test_path_is_part_of_the_url_as_it_stands(ftp):
     server = ftp()
-    (server.home / "my 50%20 dumps").mkdir()
-    configure(server.url, path="/my 50%20 dumps")
-    assert handle("core.7") == (0, b"")
-    assert server.files() == {"my 50%20 dumps/core.7": CORE}
+    (server.home / "my 50% dumps").mkdir()
+    configure(server.url, path="/my%2050%25%20dumps")
+    assert handle("core 7") == (0, b"")
+    assert server.files() == {"my 50% dumps/core 7": CORE}
+    assert server.commands("RNFR") == ["RNFR /my%2050%25%20dumps/core 7"]
 
 
 def test_handler_that_only_begins_with_ftp_uploads_too(ftp):

@@ -71,8 +71,9 @@ TEST(http, a_fixed_answer_is_written_whole) {
     }
 }
 
-TEST(http, quotes_and_control_characters_of_a_name_become_underscores) {
+TEST(http, quotes_backslashes_and_control_characters_of_a_name_become_underscores) {
     EXPECT_EQ(header_named("a\"b"), download_head("text/plain", "a_b"));
+    EXPECT_EQ(header_named("core\\"), download_head("text/plain", "core_"));
     EXPECT_EQ(header_named("a\r\nSet-Cookie: x\r\n\r\n"),
               download_head("text/plain", "a__Set-Cookie: x____"));
     EXPECT_EQ(header_named("\x01\t\x1b\x1f\x7f"), download_head("text/plain", "_____"));
@@ -81,7 +82,7 @@ TEST(http, quotes_and_control_characters_of_a_name_become_underscores) {
 TEST(http, every_single_byte_of_a_name_is_kept_or_replaced_in_place) {
     for (int byte = 1; byte < 256; byte++) {
         char c = static_cast<char>(byte);
-        bool replaced = byte < 0x20 || byte == 0x7f || c == '"';
+        bool replaced = byte < 0x20 || byte == 0x7f || c == '"' || c == '\\';
         std::string wanted = {'<', replaced ? '_' : c, '>'};
         EXPECT_EQ(header_named({'<', c, '>'}), download_head("text/plain", wanted)) << byte;
     }

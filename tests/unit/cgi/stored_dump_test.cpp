@@ -1,6 +1,7 @@
 #include "cgi/stored_dump.h"
 
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <filesystem>
@@ -51,6 +52,29 @@ TEST_F(stored_dump, goes_to_the_browser_under_its_own_name_and_is_deleted) {
     EXPECT_TRUE(pop(dumps.path()) == dump_head("core.recorder.812") + bytes);
     EXPECT_EQ(left(), names{});
     EXPECT_EQ(log, checked() + "test: Dump dir empty\n");
+}
+
+TEST_F(stored_dump, is_no_fifo) {
+    ASSERT_EQ(mkfifo(dumps.path("fifo").c_str(), 0600), 0);
+    EXPECT_EQ(pop(dumps.path()), "");
+    EXPECT_EQ(left(), names{"fifo"});
+    EXPECT_EQ(log, checked() + "test: Dump dir empty\n");
+    for (const char* name : {"a", "b", "core"}) {
+        dumps.write_file(name, "dump");
+    }
+    for (int i = 0; i < 3; i++) {
+        EXPECT_TRUE(pop(dumps.path()).ends_with("\r\n\r\ndump"));
+    }
+    EXPECT_EQ(left(), names{"fifo"});
+}
+
+// Somebody may hold it open for writing, so that reading would wait.
+TEST_F(stored_dump, is_no_fifo_with_a_writer_either) {
+    ASSERT_EQ(mkfifo(dumps.path("fifo").c_str(), 0600), 0);
+    unique_fd writer(open(dumps.path("fifo").c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(write(writer.get(), "bytes", 5), 5);
+    EXPECT_EQ(pop(dumps.path()), "");
+    EXPECT_EQ(left(), names{"fifo"});
 }
 
 TEST_F(stored_dump, goes_out_one_for_each_pop) {

@@ -1,5 +1,6 @@
 #include "cgi/waiting_browser.h"
 
+#include "common/uptime.h"
 #include "tests/unit/cgi/browser.h"
 #include "tests/unit/support/temp_dir.h"
 
@@ -159,6 +160,43 @@ TEST_F(waiting_browser, that_goes_in_the_middle_makes_the_push_fail) {
     EXPECT_FALSE(is_open(in_fd));
     EXPECT_FALSE(is_open(out_fd));
     EXPECT_EQ(handle_request_push(dump_of("x"), "core"), 1) << "nobody waits any more";
+}
+
+// What a browser gets from a core handler that sends `sent` and then says nothing.
+std::string pushed_by_a_silent_handler(const std::string& sent) {
+    browser client;
+    test_socketpair handler;
+    EXPECT_EQ(write(handler.a.get(), sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
+    set_listener(client.hand_over());
+    const int64_t began_ns = monotonic_ns();
+    EXPECT_EQ(handle_request_push(handler.b.release(), "core"), 1);
+    EXPECT_GE(monotonic_ns() - began_ns, silent_dump_ms * int64_t{1000000});
+    return client.answer();
+}
+
+TEST_F(waiting_browser, is_not_held_by_a_core_handler_that_says_nothing) {
+    EXPECT_EQ(pushed_by_a_silent_handler(""), dump_head("core"));
+}
+
+TEST_F(waiting_browser, keeps_what_came_before_a_core_handler_fell_silent) {
+    EXPECT_EQ(pushed_by_a_silent_handler("some bytes"), dump_head("core") + "some bytes");
+}
+
+TEST_F(waiting_browser, gets_all_of_a_core_that_comes_slowly) {
+    browser client;
+    test_socketpair handler;
+    set_listener(client.hand_over());
+    const int pieces = silent_dump_ms / 1000 + 2;
+    std::thread writer([&] {
+        for (int i = 0; i < pieces; i++) {
+            EXPECT_EQ(write(handler.a.get(), "x", 1), 1);
+            poll(nullptr, 0, 1000);
+        }
+        handler.a.reset();
+    });
+    EXPECT_EQ(handle_request_push(handler.b.release(), "core"), 0);
+    writer.join();
+    EXPECT_EQ(client.answer(), dump_head("core") + std::string(static_cast<size_t>(pieces), 'x'));
 }
 
 TEST_F(waiting_browser, gets_a_header_alone_when_the_dump_can_not_be_read) {

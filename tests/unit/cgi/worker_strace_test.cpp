@@ -1,5 +1,6 @@
 #include "cgi/worker_strace.h"
 
+#include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
@@ -32,8 +33,28 @@ strace_request* new_request(int client_fd, const std::vector<pid_t>& pids) {
     return request;
 }
 
+void start(int client_fd, const std::vector<pid_t>& pids) {
+    ASSERT_TRUE(worker_start(run_strace_request, new_request(client_fd, pids)));
+}
+
 void start(browser& client, const std::vector<pid_t>& pids) {
-    ASSERT_TRUE(worker_start(run_strace_request, new_request(client.hand_over(), pids)));
+    start(client.hand_over(), pids);
+}
+
+// A connection on the loopback interface: the browser's end and the daemon's.
+std::pair<unique_fd, unique_fd> tcp_pair() {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* any = reinterpret_cast<sockaddr*>(&address);
+    unique_fd listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    unique_fd own(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(bind(listening.get(), any, size), 0);
+    EXPECT_EQ(listen(listening.get(), 1), 0);
+    EXPECT_EQ(getsockname(listening.get(), any, &size), 0);
+    EXPECT_EQ(connect(own.get(), any, size), 0);
+    return {std::move(own), unique_fd(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC))};
 }
 
 void expect_ended_within_a_second(clock_type::time_point since) {
@@ -162,6 +183,41 @@ TEST(strace_worker, browser_that_stops_reading_does_not_hold_the_processes_for_e
     ASSERT_TRUE(eventually([&busy] { return is_traced(busy.pid()); }));
     EXPECT_TRUE(eventually([&busy] { return !is_traced(busy.pid()); },
                            std::chrono::milliseconds(strace_stall_ms + 5000)));
+    wait_for_workers();
+    expect_free(busy.pid());
+}
+
+// Reads 5 kB a second for twice the time that a stalled browser has; whether the process is still traced.
+bool is_traced_by_a_slow_browser(int fd, pid_t pid) {
+    constexpr int rate = 5000;
+    constexpr int steps_a_second = 10;
+    const auto end = clock_type::now() + std::chrono::milliseconds(2 * strace_stall_ms + 2000);
+    std::string text(rate / steps_a_second, '\0');
+    while (clock_type::now() < end) {
+        if (recv(fd, text.data(), text.size(), 0) <= 0) {
+            return false;
+        }
+        usleep(1000000 / steps_a_second);
+    }
+    return is_traced(pid);
+}
+
+TEST(strace_worker, slow_browser_at_a_local_socket_is_served) {
+    tracee busy(call_for_ever);
+    browser client;
+    start(client, {busy.pid()});
+    EXPECT_TRUE(is_traced_by_a_slow_browser(client.own_end(), busy.pid()));
+    client.go_away();
+    wait_for_workers();
+    expect_free(busy.pid());
+}
+
+TEST(strace_worker, slow_browser_at_a_tcp_connection_is_served) {
+    tracee busy(call_for_ever);
+    auto [own, daemons] = tcp_pair();
+    start(daemons.release(), {busy.pid()});
+    EXPECT_TRUE(is_traced_by_a_slow_browser(own.get(), busy.pid()));
+    own.reset();
     wait_for_workers();
     expect_free(busy.pid());
 }

@@ -76,8 +76,11 @@ TEST(core_upload_names_for, slashes_of_the_name_cannot_change_the_url_s_folders)
     EXPECT_EQ(names_for(server, "a/b").command, "RNFR /dumps/a/b");
 }
 
-TEST(core_upload_names_for, slashes_of_the_path_stay) {
-    EXPECT_EQ(names_for({"ftp://host", "/my dumps/50%/", 0}, "x").url, "ftp://host/my%20dumps/50%25//x");
+TEST(core_upload_names_for, path_goes_into_both_as_it_stands) {
+    core_upload_names names = names_for({"ftp://host", "/my%20dumps/50%25/", 0}, "x y");
+    EXPECT_EQ(names.url, "ftp://host/my%20dumps/50%25//x%20y");
+    EXPECT_EQ(names.command, "RNFR /my%20dumps/50%25//x y");
+    EXPECT_EQ(names_for({"ftp://host/", "%2Fvar/cores", 0}, "x").url, "ftp://host/%2Fvar/cores/x");
 }
 
 TEST(core_upload_names_for, long_names_are_not_cut) {
