@@ -18,7 +18,7 @@ bool holds(std::string_view text, std::string_view part) {
     return text.find(part) != std::string_view::npos;
 }
 
-// The names of the modules that are named between `before` and a double quote.
+// The module names in `text`: each stands between `before` and a double quote.
 std::vector<std::string> modules_named(std::string_view text, std::string_view before) {
     std::vector<std::string> names;
     for (size_t at = text.find(before); at != std::string_view::npos; at = text.find(before, at)) {
@@ -76,8 +76,7 @@ TEST(webfront_page, serves_every_module_that_its_script_imports) {
     }
 }
 
-// Otherwise a browser learns of a module only after it has read the one that imports it, with a round trip
-// each.
+// Without preloading, a browser finds a module only after it has read the one that imports it.
 TEST(webfront_page, preloads_every_module_that_its_script_imports) {
     std::vector<std::string> imported = all_modules();
     std::vector<std::string> preloaded =
