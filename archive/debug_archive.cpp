@@ -1,5 +1,6 @@
 #include "archive/debug_archive.h"
 
+#include <errno.h>
 #include <stdio.h>
 
 #include <atomic>
@@ -32,16 +33,21 @@ struct archive_run {
     int pid_count;
 };
 
+// The results of these three say that memory or a descriptor was missing, which is no reason to go without
+// the members after them.
 int store_monitor_status(archive_run& run) {
-    return stream_file_unknownsize(run.tar, run.fd, "dbg-monitor.txt", "/var/run/dbg-cgi/dbg-monitor.txt", 0);
+    (void)stream_file_unknownsize(run.tar, run.fd, "dbg-monitor.txt", "/var/run/dbg-cgi/dbg-monitor.txt", 0);
+    return 0;
 }
 
 int store_media_configuration(archive_run& run) {
-    return stream_file_unknownsize(run.tar, run.fd, "media.conf", "/etc/ws/onvif/media/media.conf", 0);
+    (void)stream_file_unknownsize(run.tar, run.fd, "media.conf", "/etc/ws/onvif/media/media.conf", 0);
+    return 0;
 }
 
 int store_proc(archive_run& run) {
-    return stream_proc(run.tar, run.fd);
+    (void)stream_proc(run.tar, run.fd);
+    return 0;
 }
 
 int store_trace(archive_run& run) {
@@ -67,7 +73,7 @@ int store_kcore(archive_run& run) {
 // Never fails: a client that goes away in the middle of a dump ends this member, and the archive is closed as
 // after the last one.
 int store_cores(archive_run& run) {
-    for (int i = 0; i < run.pid_count; i++) {
+    for (int i = 0; i < run.pid_count && run.tar->error == 0; i++) {
         if (run.pids[i] == -1) {
             continue;
         }
@@ -95,6 +101,9 @@ constexpr archive_member archive_members[] = {
 
 bool store_members(archive_run& run) {
     for (const archive_member& member : archive_members) {
+        if (run.tar->error != 0) {
+            return false;
+        }
         if (member.new_phase) {
             phase_begin();
         }
@@ -111,9 +120,20 @@ tar_handle* open_archive(int fd) {
     return tar_new(fd, top);
 }
 
+// Ends the archive, with its last padding when it is `complete`. Returns 0 or the errno of why it is not
+// whole.
+int end_archive(tar_handle* tar, bool complete) {
+    if (complete) {
+        return tar_close(tar);
+    }
+    const int error = tar->error;
+    tar_abandon(tar);
+    return error != 0 ? error : EPIPE;
+}
+
 }  // namespace
 
-void stream_debug_archive(int fd, int skip_pid, int browser_fd) {
+int stream_debug_archive(int fd, int skip_pid, int browser_fd) {
     phase_begin();
     (void)disable_watchdogs();  // reported by itself; an archive with the watchdogs on beats none
     archive_run run;
@@ -121,11 +141,8 @@ void stream_debug_archive(int fd, int skip_pid, int browser_fd) {
     run.browser_fd = browser_fd;
     run.pid_count = proc_list(run.pids, process_limit, skip_pid);
     run.tar = open_archive(fd);
-    if (run.tar && store_members(run)) {
-        tar_close(run.tar);
-    } else if (run.tar) {
-        tar_abandon(run.tar);
-    }
+    const int error = run.tar ? end_archive(run.tar, store_members(run)) : ENOMEM;
     enable_watchdogs();
     phase_end();
+    return error;
 }

@@ -1,5 +1,6 @@
 #include "archive/gzip.h"
 
+#include <errno.h>
 #include <stdint.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -41,11 +42,14 @@ bool deflate_some(compressor* gz, int flush, int* result) {
     return produced == 0 || write_all(gz->output, produced);
 }
 
-bool compress_input(compressor* gz) {
+// What became of the input.
+enum class input_end { whole, broken, output_failed };
+
+input_end compress_input(compressor* gz) {
     for (;;) {
         ssize_t got = safe_read(STDIN_FILENO, gz->input, buffer_size);
         if (got <= 0) {
-            return true;
+            return got == 0 ? input_end::whole : input_end::broken;
         }
         unsigned count = static_cast<unsigned>(got);
         gz->length += count;
@@ -55,25 +59,41 @@ bool compress_input(compressor* gz) {
         while (gz->stream.avail_in > 0) {
             int result;
             if (!deflate_some(gz, Z_NO_FLUSH, &result)) {
-                return false;
+                return input_end::output_failed;
             }
         }
     }
 }
 
-bool finish(compressor* gz) {
+// What has been compressed goes out; the trailer does only when all of the input was there.
+bool finish(compressor* gz, bool with_trailer) {
     int result;
     do {
         if (!deflate_some(gz, Z_FINISH, &result)) {
             return false;
         }
     } while (result != Z_STREAM_END);
-    return write_little_endian(gz->crc) && write_little_endian(gz->length);
+    return !with_trailer || (write_little_endian(gz->crc) && write_little_endian(gz->length));
+}
+
+int compress(compressor* gz, bool (*is_whole)(void* context), void* context) {
+    if (!write_all(gzip_header, sizeof gzip_header)) {
+        return errno;
+    }
+    const input_end end = compress_input(gz);
+    if (end == input_end::output_failed) {
+        return errno;
+    }
+    const bool whole = !is_whole || (end == input_end::whole && is_whole(context));
+    if (!finish(gz, whole)) {
+        return errno;
+    }
+    return whole ? 0 : EIO;
 }
 
 }  // namespace
 
-void stream_gzip() {
+int stream_gzip(bool (*is_whole)(void* context), void* context) {
     static_assert(Z_BEST_SPEED == 1);
     compressor gz;
     gz.stream = {};
@@ -84,11 +104,13 @@ void stream_gzip() {
     if (deflateInit2(&gz.stream, Z_BEST_SPEED, Z_DEFLATED, raw_window_bits, memory_level,
                      Z_DEFAULT_STRATEGY) != Z_OK) {
         close(STDIN_FILENO);
-        return;
+        return ENOMEM;
     }
-    if (!write_all(gzip_header, sizeof gzip_header) || !compress_input(&gz) || !finish(&gz)) {
+    const int error = compress(&gz, is_whole, context);
+    if (error != 0) {
         // The builder at the other end of the pipe learns by EPIPE that nobody wants the rest.
         close(STDIN_FILENO);
     }
     deflateEnd(&gz.stream);
+    return error;
 }

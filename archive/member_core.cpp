@@ -3,42 +3,33 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "archive/member_copy.h"
 #include "archive/member_fdmap.h"
+#include "archive/member_name.h"
+#include "archive/output.h"
 #include "archive/phase.h"
 #include "dump/dumper.h"
 #include "proc/proc_list.h"
 
 namespace {
 
-// The folder of a process's members, with room for a member's name behind it.
-struct member_name {
-    static constexpr size_t folder_room = 90;
-    char text[100];
-    size_t folder_length;
-
-    const char* of(const char* file) {
-        snprintf(text + folder_length, sizeof text - folder_length, "%s", file);
-        return text;
-    }
+// The file name of a program as its command line begins.
+struct program_name {
+    char command[81];
+    const char* text;
 };
 
-// "NAME.PID/", NAME being the file name of the program as its command line begins; empty for a process
-// without one, "unknown" for one whose command line can't be read.
-member_name name_of(pid_t pid) {
+// Empty for a process without a command line, "unknown" for one whose command line cannot be read.
+void read_program_name(pid_t pid, program_name* name) {
     char path[30];
     snprintf(path, sizeof path, "/proc/%d/cmdline", static_cast<int>(pid));
-    char command[81];
-    ssize_t length = read_file_once(path, command, sizeof command - 1);
-    member_name name;
-    const char* program = "unknown";
+    ssize_t length = read_file_once(path, name->command, sizeof name->command - 1);
+    name->text = "unknown";
     if (length >= 0) {
-        command[length] = '\0';
-        const char* slash = strrchr(command, '/');
-        program = slash ? slash + 1 : command;
+        name->command[length] = '\0';
+        const char* slash = strrchr(name->command, '/');
+        name->text = slash ? slash + 1 : name->command;
     }
-    snprintf(name.text, member_name::folder_room, "%s.%d/", program, static_cast<int>(pid));
-    name.folder_length = strlen(name.text);
-    return name;
 }
 
 void drop_covered(control_line line, pid_t* pids, int index, int count) {
@@ -47,10 +38,14 @@ void drop_covered(control_line line, pid_t* pids, int index, int count) {
     }
 }
 
-// Copies the announced core; 0 or dump_client_gone.
-int copy_core(dump_run* run, tar_handle* t, int fd, const char* name, int core_length) {
+bool write_to_archive(void* cookie, const void* data, size_t length) {
+    return output_write(static_cast<tar_handle*>(cookie), data, length);
+}
+
+// Copies the announced core, and zero bytes for what is missing; 0 or dump_client_gone.
+int copy_core(dump_run* run, tar_handle* t, const char* name, int core_length) {
     tar_addfile(t, name, core_length);
-    int64_t copied = dump_copy_core(run, fd, phase_progress);
+    const int64_t copied = dump_copy_core(run, {write_to_archive, t, core_length});
     int result = 0;
     if (copied == core_length) {
         dump_discard(run);
@@ -61,11 +56,12 @@ int copy_core(dump_run* run, tar_handle* t, int fd, const char* name, int core_l
         } else {
             fprintf(stderr, "WARNING: err=%d clen=%d pid=%d\n", static_cast<int>(copied), core_length,
                     static_cast<int>(run->pid));
+            (void)output_pad(t, core_length - member_size(copied));  // a broken output shows in the handle
         }
         dump_show(run);
     }
-    // Counts what was promised whatever was copied; deliberate.
     tar_fakewrite(t, static_cast<size_t>(core_length));
+    phase_progress();  // what is waited for from now on is the dumper's end, which has a time of its own
     return result;
 }
 
@@ -81,7 +77,15 @@ bool end_dump(dump_run* run) {
 void give_up(dump_run* run) {
     fprintf(stderr, "%s: failed dumping pid=%d\n", "dump_one", static_cast<int>(run->pid));
     dump_discard(run);
+    phase_progress();
     (void)end_dump(run);
+}
+
+// Reads what the dumper announces. The dumper's patience holds for each of its steps, so each is a progress.
+control_line read_line(dump_run* run, control_text* text) {
+    const bool is_read = dump_read_control(run, text);
+    phase_progress();
+    return is_read ? control_line_parse(text->line()) : control_line();
 }
 
 }  // namespace
@@ -92,20 +96,21 @@ int dump_one(tar_handle* t, int fd, pid_t* pids, int index, int count) {
     if (!dump_start(pid, &run)) {
         return 0;
     }
-    member_name name = name_of(pid);
+    program_name program;
+    read_program_name(pid, &program);
     control_text text;
-    control_line line;
-    if (dump_read_control(&run, &text)) {
-        line = control_line_parse(text.line());
-        drop_covered(line, pids, index, count);
-    }
+    const control_line line = read_line(&run, &text);
+    drop_covered(line, pids, index, count);
     if (line.core_length == 0) {
         give_up(&run);
         return 0;
     }
-    int result = copy_core(&run, t, fd, name.of("core"), line.core_length);
+    const member_name core = member_name_of_process(t, program.text, pid, "core");
+    int result = copy_core(&run, t, core.text, line.core_length);
     if (end_dump(&run)) {
-        proc_append_fdmap(t, name.of("fdmap"), pid, fd);
+        phase_progress();
+        const member_name map = member_name_of_process(t, program.text, pid, "fdmap");
+        proc_append_fdmap(t, map.text, pid, fd);
     }
     return result;
 }

@@ -6,5 +6,5 @@
 #include "archive/tar.h"
 
 // Stores what "/bin/ls -l" says of the descriptors of `pid`, its error messages included, as member `name`,
-// with the data written straight to `fd`. No member when there is no temporary file.
+// `fd` is the archive's descriptor. No member when there is no temporary file.
 void proc_append_fdmap(tar_handle* t, const char* name, pid_t pid, int fd);

@@ -10,7 +10,8 @@
 #include <iterator>
 #include <string_view>
 
-#include "archive/phase.h"
+#include "archive/member_copy.h"
+#include "archive/member_name.h"
 #include "common/unique_fd.h"
 #include "common/uptime.h"
 
@@ -72,8 +73,9 @@ struct read_buffer {
     unsigned size;
 
     explicit read_buffer(unsigned limit)
-        : memory(static_cast<char*>(malloc(limit ? limit : member_read_bound))),
-          size(limit ? limit : member_read_bound) {}
+        : size(static_cast<unsigned>(member_size(limit ? limit : member_read_bound))) {
+        memory.reset(static_cast<char*>(malloc(size)));
+    }
 };
 
 // Stores the file `at` in the directory `dir_fd`, whose whole path is `path`.
@@ -88,9 +90,8 @@ void store_file(tar_handle* t, const char* name, int dir_fd, const char* at, con
     }
     ssize_t got = read_bounded(file.get(), buffer.memory.get(), buffer.size);
     if (got > 0) {
-        tar_addfile(t, name, static_cast<int>(got));
+        tar_addfile(t, name, member_size(got));
         tar_write(t, buffer.memory.get(), static_cast<size_t>(got));
-        phase_progress();
     } else if (got < 0 && errno != EISDIR) {
         perror(path);
     }
@@ -126,16 +127,15 @@ int stream_dir_unknownsize(tar_handle* t, int /*fd*/, const char* name_prefix, c
     if (!buffer.memory) {
         return 0;
     }
-    char name[512];
     char path[512];
     while (const dirent* entry = readdir(dir.get())) {
         // A directory could only be opened to find that it can't be read.
         if (entry->d_type == DT_DIR || is_listed(entry->d_name, skip_names)) {
             continue;
         }
-        snprintf(name, sizeof name, "%s%s", name_prefix, entry->d_name);
+        const member_name name = member_name_in_folder(t, name_prefix, entry->d_name, entry->d_ino);
         snprintf(path, sizeof path, "%s%s", dir_path, entry->d_name);
-        store_file(t, name, dirfd(dir.get()), entry->d_name, path, buffer);
+        store_file(t, name.text, dirfd(dir.get()), entry->d_name, path, buffer);
     }
     return 0;
 }

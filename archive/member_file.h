@@ -16,8 +16,9 @@ constexpr int member_read_patience_ms = 2000;
 // dropped. `fd` is the archive's descriptor. Returns 0, or 1 when memory ran out.
 int stream_file_unknownsize(tar_handle* t, int fd, const char* name, const char* path, unsigned limit);
 
-// Stores each file of the directory `dir_path` (ends in '/') as `name_prefix` followed by its name, in
-// directory order, subdirectories not entered. Names in `skip_names` (ends with null; may be null itself) are
-// passed over. Returns 0, or 1 when the directory can't be opened.
+// Stores each file of the directory `dir_path` (ends in '/') as `name_prefix` followed by its name, which is
+// shortened where it does not fit (archive/member_name.h), in directory order, subdirectories not entered.
+// Names in `skip_names` (ends with null; may be null itself) are passed over. Returns 0, or 1 when the
+// directory can't be opened.
 int stream_dir_unknownsize(tar_handle* t, int fd, const char* name_prefix, const char* dir_path,
                            const char* const* skip_names);

@@ -9,8 +9,8 @@
 
 #include "archive/member_copy.h"
 #include "archive/member_file.h"
+#include "archive/output.h"
 #include "archive/time_stamp.h"
-#include "common/padding.h"
 #include "common/unique_fd.h"
 
 namespace {
@@ -64,7 +64,7 @@ int stream_kcore(tar_handle* t, int fd) {
     return stream_kcore_from(t, fd, "/proc/kcore");
 }
 
-int stream_kcore_from(tar_handle* t, int fd, const char* path) {
+int stream_kcore_from(tar_handle* t, int /*fd*/, const char* path) {
     unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
     struct stat status;
     if (!file || fstat(file.get(), &status) < 0 || status.st_size == 0 || status.st_size > kcore_limit) {
@@ -77,12 +77,12 @@ int stream_kcore_from(tar_handle* t, int fd, const char* path) {
     int size = static_cast<int>(status.st_size);
     tar_addfile(t, "kcore", size);
     lseek(file.get(), 0, SEEK_SET);
-    int64_t copied = member_copy(file.get(), fd, size);
+    int64_t copied = member_copy(t, file.get(), size);
     if (copied < 0) {
         return 1;
     }
     if (copied < size) {
-        (void)stream_pad(fd, static_cast<int>(size - copied));
+        (void)output_pad(t, static_cast<int>(size - copied));
     }
     // Counts what was copied, not what was promised; deliberate.
     tar_fakewrite(t, static_cast<size_t>(copied));

@@ -1,10 +1,8 @@
 #include "archive/member_program.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "archive/member_copy.h"
-#include "common/padding.h"
 #include "common/sys_run.h"
 #include "common/temp_file.h"
 
@@ -26,25 +24,13 @@ void run_onto(const char* const* argv, int fd) {
 
 }  // namespace
 
-int stream_program(tar_handle* t, int fd, const program_member& member) {
+int stream_program(tar_handle* t, int /*fd*/, const program_member& member) {
     unique_fd file = temp_file_unlinked(member.temp_template);
     if (!file) {
         return 0;
     }
     run_onto(member.argv, file.get());
-    struct stat status;
-    if (fstat(file.get(), &status) < 0) {
-        return 0;
-    }
-    int size = static_cast<int>(status.st_size);
-    tar_addfile(t, member.name, size);
-    lseek(file.get(), 0, SEEK_SET);
-    int64_t copied = member_copy(file.get(), fd, size);
-    if (copied < 0 || stream_pad(fd, static_cast<int>(size - copied)) != 0) {
-        return 1;
-    }
-    tar_fakewrite(t, static_cast<size_t>(size));
-    return 0;
+    return member_store(t, member.name, file.get());
 }
 
 int stream_oopslog(tar_handle* t, int fd) {

@@ -1,18 +1,13 @@
 #include "archive/member_trace.h"
 
 #include <errno.h>
-#include <limits.h>
-#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 
-#include "common/padding.h"
-#include "common/safe_io.h"
+#include "archive/output.h"
 #include "common/unique_fd.h"
 #include "common/uptime.h"
 #include "trace/strace.h"
@@ -22,7 +17,7 @@ namespace {
 // Takes the text of the trace. While the trace is running nothing blocks: who reads the archive may be one of
 // the processes that the trace holds. What can't be written at once stays in the memory of the whole member.
 struct trace_sink {
-    int fd;
+    tar_handle* tar;
     char* text;       // room for the promised size
     int length = 0;   // bytes that have come
     int written = 0;  // and how many of them have been written
@@ -31,25 +26,10 @@ struct trace_sink {
     int error = 0;  // errno of the failed write
 };
 
-// Writes what has come, up to `length` bytes at once, and at most what does not block.
-ssize_t write_some(int fd, const char* text, size_t length) {
-    pollfd out = {fd, POLLOUT, 0};
-    if (poll(&out, 1, 0) < 1) {
-        errno = EAGAIN;
-        return -1;
-    }
-    ssize_t put = send(fd, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (put < 0 && errno == ENOTSOCK) {
-        // A pipe that can be written to takes this much without blocking, and a file anything.
-        put = write(fd, text, std::min<size_t>(length, PIPE_BUF));
-    }
-    return put;
-}
-
 void flush_some(trace_sink* sink) {
     while (!sink->failed && sink->written < sink->length) {
-        ssize_t put = write_some(sink->fd, sink->text + sink->written,
-                                 static_cast<size_t>(sink->length - sink->written));
+        ssize_t put = output_write_some(sink->tar, sink->text + sink->written,
+                                        static_cast<size_t>(sink->length - sink->written));
         if (put >= 0) {
             sink->written += static_cast<int>(put);
         } else if (errno == EAGAIN) {
@@ -75,8 +55,8 @@ int32_t write_budgeted(void* cookie, const char* text, int length) {
 
 // Writes what is left, now that nobody is held.
 void flush_rest(trace_sink* sink) {
-    unsigned left = static_cast<unsigned>(sink->length - sink->written);
-    if (!sink->failed && safe_write(sink->fd, sink->text + sink->written, left) < 0) {
+    const size_t left = static_cast<size_t>(sink->length - sink->written);
+    if (!sink->failed && !output_write(sink->tar, sink->text + sink->written, left)) {
         sink->failed = true;
         sink->error = errno;
     }
@@ -89,10 +69,10 @@ int stream_strace_log(tar_handle* t, const int* pids, int count) {
     unique_malloc<pid_t> traced(static_cast<pid_t*>(calloc(static_cast<size_t>(count) + 1, sizeof(pid_t))));
     unique_malloc<char> text(static_cast<char*>(malloc(strace_budget)));
     if (!traced || !text) {
-        return 1;
+        return 0;
     }
     std::copy_n(pids, count, traced.get());
-    trace_sink sink = {.fd = t->fd, .text = text.get(), .began = ptime()};
+    trace_sink sink = {.tar = t, .text = text.get(), .began = ptime()};
     tar_addfile(t, "strace.log", strace_budget);
     strace_ctx ctx = {};
     ctx.write = write_budgeted;
@@ -107,7 +87,7 @@ int stream_strace_log(tar_handle* t, const int* pids, int count) {
         fprintf(stderr, "%s: write failed: %s\n", "stream_strace_log", strerror(sink.error));
         return 1;
     }
-    pad_ascii(t->fd, strace_budget - sink.length);
+    (void)output_pad_text(t, strace_budget - sink.length);  // a broken output shows in the handle
     tar_fakewrite(t, strace_budget);
     return 0;
 }

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "common/safe_io.h"
+#include "archive/output.h"
 
 namespace {
 
@@ -73,7 +73,11 @@ tar_handle* tar_new(int fd, const char* prefix) {
     t->fd = fd;
     if (prefix && prefix[0]) {
         t->prefix = strdup(prefix);
-        t->prefix_len = t->prefix ? static_cast<uint32_t>(strlen(prefix)) : 0;
+        if (!t->prefix) {
+            free(t);
+            return nullptr;
+        }
+        t->prefix_len = static_cast<uint32_t>(strlen(prefix));
     }
     return t;
 }
@@ -94,12 +98,12 @@ void tar_addfile(tar_handle* t, const char* name, int size) {
     memcpy(header.gname, "admin", 5);
     set_checksum(&header);
     pad_to_block(t);
-    (void)safe_write(t->fd, &header, sizeof header);  // a broken output shows in the members' own copies
+    (void)output_write(t, &header, sizeof header);
     t->member_bytes = 0;
 }
 
 void tar_write(tar_handle* t, const void* buf, size_t len) {
-    (void)safe_write(t->fd, buf, static_cast<unsigned>(len));
+    (void)output_write(t, buf, len);
     tar_fakewrite(t, len);
 }
 
@@ -107,9 +111,11 @@ void tar_fakewrite(tar_handle* t, size_t len) {
     t->member_bytes += static_cast<uint32_t>(len);
 }
 
-void tar_close(tar_handle* t) {
+int tar_close(tar_handle* t) {
     pad_to_block(t);
+    const int error = t->error;
     tar_abandon(t);
+    return error;
 }
 
 void tar_abandon(tar_handle* t) {

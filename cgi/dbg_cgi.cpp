@@ -130,14 +130,29 @@ void catch_ending_signals() {
     (void)ending_catch(signals, ending_limit_ms);  // without a thread for it they end the daemon as they are
 }
 
-// Standard output is the archive's alone: what anything else prints meanwhile goes to standard error.
-void write_direct(bool compress) {
+// Standard output is the archive's alone: what anything else prints meanwhile goes to standard error. Returns
+// 0 or the errno of why the archive is not whole.
+int write_direct(bool compress) {
     fflush(stdout);
     unique_fd output(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (!output) {
+        return errno;
+    }
     dup2(STDERR_FILENO, STDOUT_FILENO);
-    (compress ? stream_tgz : stream_tar)(output.get());
+    const int error = (compress ? stream_tgz : stream_tar)(output.get());
     fflush(stdout);
     dup2(output.get(), STDOUT_FILENO);
+    // Some file systems tell only now that they are full.
+    return close(output.release()) != 0 && error == 0 ? errno : error;
+}
+
+// The exit status. Without an output of its own there is nothing to write an archive to.
+int run_direct(bool has_output, bool compress) {
+    const int error = has_output ? write_direct(compress) : EBADF;
+    if (error != 0) {
+        fprintf(stderr, "debugar.cgi: the archive is not complete: %s\n", strerror(error));
+    }
+    return error == 0 ? 0 : 1;
 }
 
 unique_fd open_cgi_socket(const char* path) {
@@ -200,6 +215,7 @@ int run_daemon(const daemon_options& options) {
 }  // namespace
 
 int run_dbg_cgi(int argc, char** argv) {
+    const bool has_output = fcntl(STDOUT_FILENO, F_GETFD) >= 0;
     fill_standard_descriptors();
     openlog("dbg-cgi", LOG_PID, LOG_DAEMON);
     daemon_options options;
@@ -211,8 +227,7 @@ int run_dbg_cgi(int argc, char** argv) {
     (void)mallopt(M_ARENA_MAX, 1);  // a heap for each thread would stay behind when the thread has gone
     if (options.direct) {
         catch_ending_signals();
-        write_direct(options.compress);
-        return 0;
+        return run_direct(has_output, options.compress);
     }
     return run_daemon(options);
 }

@@ -21,11 +21,11 @@ bool write_repeated(int fd, const char* pattern, int size, int count) {
 
 }  // namespace
 
-void pad_ascii(int fd, int count) {
+int pad_ascii(int fd, int count) {
     char line[80];
     memset(line, ' ', sizeof line - 1);
     line[sizeof line - 1] = '\n';
-    (void)write_repeated(fd, line, sizeof line, count);  // a broken output shows in the caller's next write
+    return write_repeated(fd, line, sizeof line, count) ? 0 : 1;
 }
 
 int stream_pad(int fd, int count) {

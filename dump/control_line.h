@@ -38,8 +38,8 @@ struct control_text {
 };
 
 // Reads from the pipe `fd` (borrowed) until a newline has come, for `patience_ms` in all. The end of the
-// input is none: reading goes on every 10 ms, but for a second at most, since nobody is there to write any
-// more. Returns 0 or
+// input is none: reading goes on every 10 ms, but for 50 ms at most, since nobody is there to write any more.
+// Returns 0 or
 //   ETIMEDOUT   no newline came in time
 //   EMSGSIZE    the line is longer than control_line_limit; without a newline in all the room it is reported
 //   another     the errno of a read that failed, which is reported

@@ -5,13 +5,16 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/wait.h>
+#include <syslog.h>
 
 #include <algorithm>
 
 #include "common/deadline.h"
 #include "common/fd_range.h"
 #include "common/safe_io.h"
+#include "common/shared_object.h"
 #include "common/sys_run.h"
 #include "common/temp_file.h"
 
@@ -102,6 +105,15 @@ void keep_messages(dump_run* run, const char* bytes, size_t length) {
     run->message_bytes += length;
 }
 
+// Hands over what the sink still wants after `before` bytes.
+bool give(const core_sink& sink, int64_t before, const char* block, size_t length) {
+    const int64_t wanted = std::clamp<int64_t>(sink.limit - before, 0, static_cast<int64_t>(length));
+    return wanted == 0 || sink.write(sink.cookie, block, static_cast<size_t>(wanted));
+}
+
+// Reads all to its end. Messages go to `message_fd`, or, where that is `keep_them`, to those kept.
+constexpr int keep_them = -1;
+
 void drain(dump_run* run, int message_fd) {
     char block[copy_block];
     deadline limit(run->is_killed ? killed_patience_ms : dumper.patience_ms);
@@ -117,12 +129,15 @@ void drain(dump_run* run, int message_fd) {
         }
         if (output.has_control) {
             size_t length = take(&run->control, block);
-            (void)safe_write(message_fd, block, static_cast<unsigned>(length));
+            if (message_fd == keep_them) {
+                keep_messages(run, block, length);
+            } else {
+                (void)safe_write(message_fd, block, static_cast<unsigned>(length));
+            }
         }
     }
     run->data.reset();
     run->control.reset();
-    run->messages.reset();
 }
 
 // Returns what waitpid(2) did, which is 0 when the time is over.
@@ -137,16 +152,55 @@ pid_t reap(pid_t child, int* status) {
     }
 }
 
-void stream_core(int fd, pid_t pid) {
+// How a single core was made.
+struct core_outcome {
+    int64_t copied = 0;     // bytes, or -1 when the browser went away
+    bool is_good = false;   // the dumper ended by itself, with 0
+    char reason[256] = "";  // what the dumper said, or why there was none; not more than one line
+};
+
+bool write_to_browser(void* cookie, const void* data, size_t length) {
+    return safe_write(*static_cast<const int*>(cookie), data, static_cast<unsigned>(length)) >= 0;
+}
+
+// The beginning of what the dumper said, as one line.
+void take_reason(const dump_run& run, core_outcome* outcome) {
+    char(&text)[sizeof outcome->reason] = outcome->reason;
+    ssize_t length = run.messages ? pread(run.messages.get(), text, sizeof text - 1, 0) : 0;
+    length = std::max<ssize_t>(length, 0);
+    while (length > 0 && text[length - 1] == '\n') {
+        length--;
+    }
+    text[length] = '\0';
+    std::replace_if(
+        text, text + length, [](unsigned char c) { return c < ' '; }, ' ');
+    if (length == 0) {
+        snprintf(text, sizeof text, "%s",
+                 run.child < 0 ? "the dumper was not started" : "the dumper said nothing");
+    }
+}
+
+void stream_core(int fd, pid_t pid, core_outcome* outcome) {
     dump_run run;
     if (!dump_start(pid, &run)) {
+        snprintf(outcome->reason, sizeof outcome->reason, "%s", strerror(errno));
         return;
     }
-    run.message_bytes = kept_messages_limit;  // nobody will want to see any
-    (void)dump_copy_core(&run, fd, nullptr);  // a browser that has gone is not reported
-    dump_discard(&run);
-    if (!dump_end(&run)) {
+    outcome->copied = dump_copy_core(&run, {write_to_browser, &fd});
+    drain(&run, keep_them);
+    take_reason(run, outcome);
+    outcome->is_good = dump_end(&run);
+    if (!outcome->is_good) {
         fprintf(stderr, "dump error for pid %d\n", static_cast<int>(pid));
+    }
+}
+
+// A browser that has gone is no failure.
+void log_outcome(pid_t pid, const core_outcome& outcome) {
+    if (outcome.copied == 0) {
+        syslog(LOG_ERR, "No core of pid %d: %s", static_cast<int>(pid), outcome.reason);
+    } else if (outcome.copied > 0 && !outcome.is_good) {
+        syslog(LOG_ERR, "Core of pid %d is not complete: %s", static_cast<int>(pid), outcome.reason);
     }
 }
 
@@ -158,10 +212,12 @@ bool is_own_thread(pid_t pid) {
 
 // The dumper may stop this process until all of the core has been taken off its hands, which has to be
 // another process's work then.
-void stream_own_core(int fd, pid_t pid) {
+void stream_own_core(int fd, pid_t pid, core_outcome* outcome) {
+    shared_object<core_outcome> told;
     fflush(stdout);
-    pid_t child = fork();
+    pid_t child = told ? fork() : -1;
     if (child < 0) {
+        snprintf(outcome->reason, sizeof outcome->reason, "%s", strerror(errno));
         perror("fork");
         return;
     }
@@ -171,11 +227,12 @@ void stream_own_core(int fd, pid_t pid) {
         fcntl(kept_fd, F_SETFD, FD_CLOEXEC);
         fd_range_close_from(kept_fd + 1);
         dump_init();
-        stream_core(kept_fd, pid);
+        stream_core(kept_fd, pid, told.get());
         _exit(0);
     }
     int status;
     (void)sys_wait_end(child, &status, 0);
+    *outcome = *told.get();
 }
 
 }  // namespace
@@ -227,7 +284,7 @@ bool dump_read_control(dump_run* run, control_text* text) {
     return true;
 }
 
-int64_t dump_copy_core(dump_run* run, int fd, void (*progress)()) {
+int64_t dump_copy_core(dump_run* run, const core_sink& sink) {
     char block[copy_block];
     int64_t copied = 0;
     deadline limit(dumper.patience_ms);
@@ -243,11 +300,8 @@ int64_t dump_copy_core(dump_run* run, int fd, void (*progress)()) {
         }
         if (output.has_data) {
             size_t length = take(&run->data, block);
-            if (safe_write(fd, block, static_cast<unsigned>(length)) >= 0) {
+            if (give(sink, copied, block, length)) {
                 copied += static_cast<int64_t>(length);
-                if (progress) {
-                    progress();
-                }
             } else if (errno == EPIPE) {
                 return -1;
             }
@@ -259,6 +313,7 @@ int64_t dump_copy_core(dump_run* run, int fd, void (*progress)()) {
 
 void dump_discard(dump_run* run) {
     drain(run, dumper.null_fd);
+    run->messages.reset();
 }
 
 void dump_show(dump_run* run) {
@@ -267,6 +322,7 @@ void dump_show(dump_run* run) {
         (void)safe_copyfd(run->messages.get(), STDERR_FILENO);
     }
     drain(run, STDERR_FILENO);
+    run->messages.reset();
 }
 
 bool dump_end(dump_run* run) {
@@ -285,9 +341,7 @@ bool dump_end(dump_run* run) {
 }
 
 void coredump(int fd, int pid) {
-    if (is_own_thread(pid)) {
-        stream_own_core(fd, pid);
-    } else {
-        stream_core(fd, pid);
-    }
+    core_outcome outcome;
+    (is_own_thread(pid) ? stream_own_core : stream_core)(fd, pid, &outcome);
+    log_outcome(pid, outcome);
 }

@@ -33,6 +33,14 @@ struct dump_run {
     size_t message_bytes = 0;
 };
 
+// Where a core goes.
+struct core_sink {
+    // Returns false, with errno, when the bytes could not be written.
+    bool (*write)(void* cookie, const void* data, size_t length);
+    void* cookie;
+    int64_t limit = INT64_MAX;  // what comes after this many bytes is counted and dropped
+};
+
 // Starts the dumper for `pid`. Returns false, after perror("pipes"), when there are no pipes for it; without
 // a dumper process (reported by sys_run) the run has no output and fails in dump_end. A run that was started
 // has to be ended with dump_discard or dump_show and then dump_end.
@@ -41,10 +49,10 @@ bool dump_start(pid_t pid, dump_run* run);
 // Reads the control line, which is in `text` afterwards. Returns false when there is no proper one.
 bool dump_read_control(dump_run* run, control_text* text);
 
-// Copies the core onto `fd` (borrowed) to its end, with the rules of safe_copyfd: returns the number of bytes
-// copied, or -1 when the reader went away. What the dumper says meanwhile is kept, a mebibyte of it. Calls
-// `progress`, unless it is null, after each block.
-int64_t dump_copy_core(dump_run* run, int fd, void (*progress)());
+// Copies the core to its end, with the rules of safe_copyfd: returns the number of bytes that came, but for
+// blocks that could not be written; -1 when the reader went away. What the dumper says meanwhile is kept, a
+// mebibyte of it.
+int64_t dump_copy_core(dump_run* run, const core_sink& sink);
 
 // Reads to the end of whatever the dumper still writes, which nobody wants.
 void dump_discard(dump_run* run);
@@ -56,5 +64,6 @@ void dump_show(dump_run* run);
 bool dump_end(dump_run* run);
 
 // Streams the raw core of `pid` onto `fd` (borrowed) and returns when the dumper has ended. A failure is
-// reported as "dump error for pid PID". The caller itself may be dumped.
+// reported as "dump error for pid PID", and why there is no core, or only a part of one, is in the system's
+// log. The caller itself may be dumped.
 void coredump(int fd, int pid);

@@ -374,6 +374,7 @@ int32_t pcap_dump_with(char* interfaces, int out_fd, const pcap_dump_options& op
     c.options = options;
     c.latest = endless;
     c.out.fd = out_fd;
+    c.out.progress = options.progress;
     c.memory = memory.get();
     c.sockets = pcap_open_sockets(pcap_list_interfaces(interfaces, if_nametoindex), options.filter,
                                   options.promisc, useful_ring_size(options));

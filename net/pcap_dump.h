@@ -3,6 +3,8 @@
 
 #include <stdint.h>
 
+#include "net/pcap_writer.h"
+
 struct sock_fprog;
 
 struct pcap_dump_options {
@@ -12,6 +14,7 @@ struct pcap_dump_options {
     int promisc = 0;                     // not 0: the interfaces are in promiscuous mode meanwhile
     const sock_fprog* filter = nullptr;  // attached to every socket
     int stop_fd = -1;                    // the capture ends when this can be read (nobody does); -1: none
+    pcap_progress progress = {};         // told of what has been written
 };
 
 // Captures on `interfaces` (up to six names separated by commas, cut up in place; "any" when none is valid)

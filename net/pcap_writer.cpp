@@ -29,6 +29,12 @@ int lay_out_zeros(iovec (&pieces)[zero_pieces], uint64_t* count) {
     return used;
 }
 
+// A blocking write returns only when all has been taken. With progress to tell, a few pieces are enough.
+int pieces_at_once(const pcap_writer& out, int count) {
+    constexpr int few = 8;
+    return out.progress.call ? std::min(count, few) : count;
+}
+
 void wait_until_writable(int fd) {
     pollfd wait = {fd, POLLOUT, 0};
     (void)poll(&wait, 1, -1);  // whatever comes of it, the next write tells
@@ -51,9 +57,12 @@ int advance(iovec* pieces, int count, size_t done) {
 
 bool pcap_write(pcap_writer* out, iovec* pieces, int count) {
     while (count > 0) {
-        ssize_t done = writev(out->fd, pieces, count);
+        ssize_t done = writev(out->fd, pieces, pieces_at_once(*out, count));
         if (done >= 0) {
             out->written += static_cast<uint64_t>(done);
+            if (out->progress.call) {
+                out->progress.call(out->progress.cookie);
+            }
             int used = advance(pieces, count, static_cast<size_t>(done));
             pieces += used;
             count -= used;

@@ -4,10 +4,17 @@
 #include <stdint.h>
 #include <sys/uio.h>
 
+// Called after each write, for a caller that waits for slow output with a timeout; none where `call` is null.
+struct pcap_progress {
+    void (*call)(void* cookie) = nullptr;
+    void* cookie = nullptr;
+};
+
 // A stream on a borrowed descriptor.
 struct pcap_writer {
     int fd = -1;
     uint64_t written = 0;  // bytes so far
+    pcap_progress progress = {};
 };
 
 // The calls return true, or false when a write has failed; the stream then ends somewhere within what was to

@@ -78,7 +78,7 @@ void sample(stream_run* run, int compressor_pid) {
     run->during.pss = std::max(run->during.pss, builder.pss + compressor.pss);
 }
 
-void write_all(void* context, int pipe_fd, int compressor_pid) {
+int write_all(void* context, int pipe_fd, int compressor_pid) {
     stream_run* run = static_cast<stream_run*>(context);
     for (int i = 1; i <= run->mib; i++) {
         if (safe_write(pipe_fd, block, mebibyte) < 0) {
@@ -91,6 +91,7 @@ void write_all(void* context, int pipe_fd, int compressor_pid) {
     }
     run->peak_rss =
         proc_number(getpid(), "status", "\nVmHWM:") + proc_number(compressor_pid, "status", "\nVmHWM:");
+    return 0;
 }
 
 }  // namespace
@@ -106,7 +107,7 @@ int main(int argc, char** argv) {
     fill_block();
     (void)memory_of(getpid());  // whatever reading itself brings into memory is there from now on
     memory_kb before = memory_of(getpid());
-    stream_compressed(sink.get(), write_all, &run);
+    (void)stream_compressed(sink.get(), write_all, &run);
     printf("before %ld %ld\nduring %ld %ld\npeak %ld\n", before.rss, before.pss, run.during.rss,
            run.during.pss, run.peak_rss);
     return 0;

@@ -10,8 +10,8 @@ import pytest
 
 from zarvo_e2e import (
     BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, CORE_HEAD, OFF, ON, PATIENCE, PLAIN_HEAD,
-    Daemon, assert_compressed_whole, assert_whole, body_of, children_of, process_stat, require_sandbox,
-    split_tar, wait_for, when_free,
+    Daemon, Log, assert_compressed_whole, assert_whole, body_of, children_of, log_error, process_stat,
+    require_sandbox, split_tar, wait_for, when_free,
 )  # fmt: skip
 
 NEEDS_SANDBOX = True
@@ -246,33 +246,64 @@ def test_without_a_dumper_the_archive_is_whole_and_has_no_cores(start, victims):
     assert f"dump error for pid {pid}" in said
 
 
-def test_short_core_is_counted_as_promised(dumping, victims):
-    pid = victims.add("short", say(line(1000)) + fill(600) + say("sorry"))
+def core_and_rest(stream, victims, name):
+    """The core of one victim in a whole archive, and the names of the members after it."""
+    members = assert_whole(stream)
+    at = [member.name for member in members].index(victims.core(name))
+    return members[at].data, [member.name for member in members[at + 1 :]]
+
+
+def test_short_core_is_filled_with_zeros(dumping, victims):
+    pid = victims.add("short", say(line(1000)) + fill(600, "| tr '\\0' c") + say("sorry"))
     stream, said = archive_of(dumping)
     assert said.endswith(f"WARNING: err=600 clen=1000 pid={pid}\nsorry")
-    at = stream.index(f"/{victims.core('short')}".encode()) // 512 * 512
-    # The padding is that of 1000 bytes; the map's header stands behind it.
-    behind = at + 512 + 600 + 24
-    assert stream[at + 512 : behind] == bytes(624)
-    (member,) = split_tar(stream[behind:])
-    assert member.name == victims.fdmap("short")
+    core, after = core_and_rest(stream, victims, "short")
+    assert core == b"c" * 600 + bytes(400)
+    assert after == [victims.fdmap("short")]
 
 
-def test_long_core_is_counted_as_promised(dumping, victims):
-    pid = victims.add("long", say(line(4)) + write("corecore"))
+def test_long_core_is_cut(dumping, victims):
+    pid = victims.add("long", say(line(4)) + write("corerest"))
     stream, said = archive_of(dumping)
     assert said.endswith(f"WARNING: err=8 clen=4 pid={pid}\n")
-    at = stream.index(f"/{victims.core('long')}".encode()) // 512 * 512 + 512
-    assert stream[at : at + 8 + 508] == b"corecore" + bytes(508)
-    (member,) = split_tar(stream[at + 8 + 508 :])
-    assert member.name == victims.fdmap("long")
+    assert core_and_rest(stream, victims, "long") == (b"core", [victims.fdmap("long")])
 
 
-def test_dumper_that_dies_within_its_core_gives_a_part_and_no_map(dumping, victims):
-    pid = victims.add("dying", say(line(1000)) + write("part") + say("help\n") + "kill -9 $$")
+@pytest.mark.parametrize("tool", ["tar", "bsdtar"])
+def test_dumper_that_dies_within_its_core_costs_no_other_member(dumping, victims, tool, tmp_path):
+    pid = victims.add("dying", say(line(143360)) + fill(50001, "| tr '\\0' c") + say("help\n") + "kill -9 $$")
+    victims.add("later", GOOD)
     stream, said = archive_of(dumping)
-    assert said.endswith(f"WARNING: err=4 clen=1000 pid={pid}\nhelp\ndump error for pid {pid}")
-    assert stream.endswith(b"part" + bytes(24))
+    assert f"WARNING: err=50001 clen=143360 pid={pid}\nhelp\ndump error for pid {pid}" in said
+    core, after = core_and_rest(stream, victims, "dying")
+    assert core == b"c" * 50001 + bytes(143360 - 50001)
+    assert after == [victims.core("later"), victims.fdmap("later")]
+    (tmp_path / "archive.tar").write_bytes(stream)
+    listed = subprocess.run([tool, "-tf", tmp_path / "archive.tar"], capture_output=True, text=True, check=True)
+    assert listed.stdout.endswith(victims.fdmap("later") + "\n")
+
+
+@pytest.mark.parametrize("tool", ["tar", "bsdtar"])
+def test_programs_with_long_names_cost_no_other_member(dumping, victims, tool, tmp_path):
+    # Lengths for which a name of more than 100 bytes would be cut within the pid, before the last part, and
+    # within it.
+    names = ["n" * length for length in (60, 64, 65, 66, 67, 68, 70, 79)]
+    for name in names:
+        victims.add(name, GOOD)
+    stream, _ = archive_of(dumping)
+    members = assert_whole(stream)
+    stored = [member.name for member in members if member.name.endswith(("/core", "/fdmap"))]
+    expected = []
+    for name in names:
+        folders = {one.rsplit("/", 1)[0] for one in stored if f".{victims.pid(name)}/" in one}
+        assert len(folders) == 1, name
+        assert name.startswith(next(iter(folders)).split(".")[0])
+        expected += [f"{next(iter(folders))}/core", f"{next(iter(folders))}/fdmap"]
+    assert stored == expected
+    (tmp_path / "archive.tar").write_bytes(stream)
+    listed = subprocess.run([tool, "-tf", tmp_path / "archive.tar"], capture_output=True, text=True, check=True)
+    seen = [path.split("/", 1)[1] for path in listed.stdout.splitlines()]
+    assert [name for name in seen if name.endswith(("/core", "/fdmap"))] == expected
 
 
 @pytest.mark.parametrize("path", [b"/x/debug.tar", b"/x/debug.tgz"])
@@ -317,6 +348,48 @@ def test_single_core_of_a_dumper_that_fails_is_empty(dumping, victims, script):
     pid = victims.add("single", script)
     assert dumping.answer(b"/x", core_request(pid)) == CORE_HEAD
     assert dumping.said() == f"dump error for pid {pid}\n"
+
+
+@pytest.mark.parametrize(
+    "script, reason",
+    [
+        (say(line(0) + "dcore: process PID is traced by 17\n"), line(0)[:-1] + " dcore: process PID is traced by 17"),
+        (say(line(4) + "later") + "exec >&-; " + say(" still\n") + "exit 1", line(4)[:-1] + " later still"),
+        ("exit 3", "the dumper said nothing"),
+        ("kill -9 $$", "the dumper said nothing"),
+    ],
+    ids=["none", "late", "status", "signal"],
+)
+def test_reason_for_an_empty_core_is_in_the_log(dumping, victims, script, reason):
+    pid = victims.add("single", "")
+    victims.also_dumps(pid, script.replace("PID", str(pid)))
+    log = Log()
+    assert dumping.answer(b"/x", core_request(pid)) == CORE_HEAD
+    assert log.wait(1) == [log_error(dumping.pid, f"No core of pid {pid}: " + reason.replace("PID", str(pid)))]
+
+
+def test_reason_for_a_core_that_is_cut_short_is_in_the_log(dumping, victims):
+    pid = victims.add("single", write("part") + say("ran out of memory\n") + "exit 1")
+    log = Log()
+    assert dumping.answer(b"/x", core_request(pid)) == CORE_HEAD + b"part"
+    assert log.wait(1) == [log_error(dumping.pid, f"Core of pid {pid} is not complete: ran out of memory")]
+
+
+def test_reason_for_an_empty_core_of_the_daemon_itself_is_in_the_log(dumping, victims):
+    victims.also_dumps(dumping.pid, say("no memory\n"))
+    log = Log()
+    assert dumping.answer(b"/x", core_request(dumping.pid)) == CORE_HEAD
+    assert log.wait(1) == [log_error(dumping.pid, f"No core of pid {dumping.pid}: no memory")]
+
+
+def test_good_cores_and_leaving_browsers_are_not_logged(dumping, victims):
+    pid = victims.add("single", fill(20 * MEBI))
+    log = Log()
+    browser = dumping.ask(b"/x", core_request(pid), room=4096)
+    assert browser.read(len(CORE_HEAD) + 5000) == CORE_HEAD + bytes(5000)
+    browser.close()
+    assert dumping.answer(b"/x", core_request(pid)) == CORE_HEAD + bytes(20 * MEBI)
+    assert log.lines() == []
 
 
 def test_single_core_of_nobody_starts_no_dumper(dumping, victims):

@@ -1,6 +1,8 @@
 """debugar.cgi -d: one archive onto standard output; and what its command line answers."""
 
 import os
+import resource
+import signal
 import subprocess
 
 import pytest
@@ -70,32 +72,71 @@ def test_pids_behind_the_options_are_not_read():
     assert_whole(done.stdout)
 
 
+def incomplete(why):
+    return f"debugar.cgi: the archive is not complete: {why}\n"
+
+
 def test_readers_early_end_ends_the_archive_with_the_watchdogs_on():
     for words in (["-d"], ["-d", "-t"]):
         process = subprocess.Popen([DAEMON, *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         assert process.stdout.read(100) != b""
         process.stdout.close()
-        assert process.wait(4 * PATIENCE) == 0
+        assert process.wait(4 * PATIENCE) == 1
         with process.stderr:
-            assert state_lines(process.stderr.read()) == [OFF, ON]
+            said = process.stderr.read()
+        assert state_lines(said) == [OFF, ON]
+        assert said.decode().endswith(incomplete("Broken pipe"))
     wait_for(lambda: temporary_leftovers() == [], temporary_leftovers)
 
 
 @pytest.mark.parametrize("words", [["-d"], ["-d", "-t"]])
-def test_full_disk_does_not_hold_it_up(words):
+def test_full_disk_does_not_hold_it_up_and_is_an_error(words):
     with open("/dev/full", "wb") as full:
         done = run(*words, stdout=full, stderr=subprocess.PIPE)
-    assert done.returncode == 0
+    assert done.returncode == 1
     assert state_lines(done.stderr) == [OFF, ON]
+    assert done.stderr.decode().endswith(incomplete("No space left on device"))
 
 
-def test_closed_standard_output_gives_no_descriptor_another_meaning(tmp_path):
+@pytest.mark.parametrize("words", [["-d"], ["-d", "-t"]])
+def test_disk_that_is_full_later_leaves_what_is_seen_to_be_broken(words, tmp_path):
+    path = tmp_path / "archive"
+    size = 20000
+
+    def limit_files():
+        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))
+
+    with open(path, "wb") as file:
+        done = run(*words, stdout=file, stderr=subprocess.PIPE, preexec_fn=limit_files)
+    assert done.returncode == 1
+    assert done.stderr.decode().endswith(incomplete("File too large"))
+    assert path.stat().st_size == size
+    if "-t" not in words:
+        assert subprocess.run(["gzip", "-t", path], capture_output=True).returncode == 1
+
+
+@pytest.mark.parametrize("words", [["-d"], ["-d", "-t"]])
+def test_closed_standard_output_is_an_error(words, tmp_path):
     errors = tmp_path / "errors"
     with open(errors, "wb") as err:
-        done = run("-d", "-t", stderr=err, preexec_fn=lambda: os.close(1))
-    assert done.returncode == 0
-    assert state_lines(errors.read_bytes()) == [OFF, ON]
-    assert b"ustar" not in errors.read_bytes()
+        done = run(*words, stderr=err, preexec_fn=lambda: os.close(1))
+    assert done.returncode == 1
+    assert errors.read_text() == incomplete("Bad file descriptor")
+
+
+@pytest.mark.parametrize("descriptors", [4, 5])
+def test_missing_descriptors_are_an_error(descriptors, tmp_path):
+    path = tmp_path / "archive"
+
+    def limit_descriptors():
+        resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors))
+
+    with open(path, "wb") as file:
+        done = run("-d", stdout=file, stderr=subprocess.PIPE, preexec_fn=limit_descriptors)
+    assert done.returncode == 1
+    assert done.stderr.decode().endswith(incomplete("Too many open files"))
+    assert path.read_bytes() == b""
 
 
 def test_refused_switch_off_is_reported_and_switch_on_is_repeated():

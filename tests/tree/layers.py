@@ -13,7 +13,12 @@ FLOORS = [["platform"], ["common"], ["oops"], ["proc"], ["net"], ["monitor", "tr
 FLOOR_OF = {folder: number for number, folders in enumerate(FLOORS) for folder in folders}
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"')
 # What has to stand on its own even among the floors below it.
-STANDALONE = {"archive/tar.cpp": {"archive/tar.h", "common/"}, "archive/tar.h": set()}
+STANDALONE = {
+    "archive/tar.cpp": {"archive/tar.h", "archive/output.h", "common/"},
+    "archive/tar.h": set(),
+    "archive/output.cpp": {"archive/output.h", "archive/tar.h", "archive/phase.h", "common/"},
+    "archive/output.h": set(),
+}
 
 
 def complaint(path, included):

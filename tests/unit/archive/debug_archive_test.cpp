@@ -1,8 +1,10 @@
 #include "archive/debug_archive.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +20,7 @@
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/effort.h"
+#include "tests/unit/support/memory_limit.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/tar_reader.h"
 
@@ -63,12 +66,20 @@ outcome run_on_device(const std::function<int(int fd)>& work) {
 }
 
 // In what state a process is that has made an archive; none is an exit code of anything else here.
-enum aftermath : int { all_is_well = 0, time_limit_is_left = 20, descriptors_are_left, children_are_left };
+enum aftermath : int {
+    all_is_well = 0,
+    time_limit_is_left = 20,
+    descriptors_are_left,
+    children_are_left,
+    archive_is_not_whole
+};
 
 aftermath aftermath_of_an_archive(int fd) {
     std::set<int> before = open_fds();
     alarm(1000);
-    stream_debug_archive(fd, no_pid);
+    if (stream_debug_archive(fd, no_pid) != 0) {
+        return archive_is_not_whole;
+    }
     if (alarm(0) != 0) {
         return time_limit_is_left;
     }
@@ -118,6 +129,15 @@ std::vector<std::string> expected_kinds() {
         order.push_back("kcore");
     }
     order.insert(order.end(), {"proc.", "proc/"});
+    return order;
+}
+
+// Programs are run without more memory, and the capture needs its size alone.
+std::vector<std::string> members_without_a_buffer() {
+    std::vector<std::string> order = {"netdump.cap", "serverreport.txt", "oopslog"};
+    if (has_small_kcore()) {
+        order.push_back("kcore");
+    }
     return order;
 }
 
@@ -313,13 +333,15 @@ TEST(stream_debug_archive, nothing_is_left_open_or_unreaped) {
     EXPECT_EQ(one_archive().exit_code, all_is_well);
 }
 
-TEST(stream_debug_archive, client_that_has_gone_ends_it_at_the_capture) {
+TEST(stream_debug_archive, client_that_has_gone_ends_it) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = run_on_device([](int) {
         test_pipe client;
         client.out.reset();
         std::set<int> before = open_fds();
-        stream_debug_archive(client.in.get(), no_pid);
+        if (stream_debug_archive(client.in.get(), no_pid) != EPIPE) {
+            return 2;
+        }
         bool later_members = access("/tmp/report-ran", F_OK) == 0 || access("/tmp/oopslog-ran", F_OK) == 0;
         return !later_members && alarm(0) == 0 && open_fds() == before ? 0 : 1;
     });
@@ -346,6 +368,57 @@ TEST(stream_debug_archive, client_that_goes_after_the_capture_ends_it_at_the_nex
         bool report_ran = access("/tmp/report-ran", F_OK) == 0;
         bool oopslog_ran = access("/tmp/oopslog-ran", F_OK) == 0;
         return capture_came && report_ran && !oopslog_ran && alarm(0) == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(seen.exit_code, 0);
+    EXPECT_EQ(seen.out, line_off + line_on);
+}
+
+TEST(stream_debug_archive, members_without_memory_for_them_are_left_out) {
+    SKIP_WITHOUT_PRIVATE_WORLD();
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    outcome seen = run_on_device([](int fd) {
+        constexpr size_t less_than_a_member = 65536;
+        scoped_memory_shortage shortage(less_than_a_member);
+        return stream_debug_archive(fd, no_pid);
+    });
+    EXPECT_EQ(seen.exit_code, 0) << seen.err;
+    EXPECT_EQ(seen.listing().trouble, "");
+    EXPECT_EQ(kinds(seen.listing()), members_without_a_buffer());
+    EXPECT_EQ(seen.out, line_off + line_on);
+}
+
+TEST(stream_debug_archive, members_without_a_descriptor_for_them_are_left_out) {
+    SKIP_WITHOUT_PRIVATE_WORLD();
+    outcome seen = run_on_device([](int fd) {
+        const int highest = dup(fd);
+        close(highest);
+        const rlimit all_in_use = {static_cast<rlim_t>(highest), static_cast<rlim_t>(highest)};
+        setrlimit(RLIMIT_NOFILE, &all_in_use);
+        return stream_debug_archive(fd, no_pid);
+    });
+    EXPECT_EQ(seen.exit_code, 0) << seen.err;
+    EXPECT_EQ(seen.listing().trouble, "");
+    EXPECT_EQ(kinds(seen.listing()), (std::vector<std::string>{"strace.log", "netdump.cap"}));
+}
+
+TEST(stream_debug_archive, archive_that_cannot_be_begun_is_an_error) {
+    SKIP_WITHOUT_PRIVATE_WORLD();
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    outcome seen = run_on_device([](int fd) {
+        scoped_memory_shortage shortage;
+        return stream_debug_archive(fd, no_pid) == ENOMEM ? 0 : 1;
+    });
+    EXPECT_EQ(seen.exit_code, 0);
+    EXPECT_EQ(seen.archive, "");
+    EXPECT_EQ(seen.out, line_off + line_on);
+}
+
+TEST(stream_debug_archive, full_disk_is_an_error_and_ends_it) {
+    SKIP_WITHOUT_PRIVATE_WORLD();
+    outcome seen = run_on_device([](int) {
+        unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+        const bool is_error = stream_debug_archive(full.get(), no_pid) == ENOSPC;
+        return is_error && access("/tmp/report-ran", F_OK) != 0 ? 0 : 1;
     });
     EXPECT_EQ(seen.exit_code, 0);
     EXPECT_EQ(seen.out, line_off + line_on);

@@ -216,6 +216,32 @@ TEST(stream_gzip, closed_input_counts_as_the_end_of_input) {
     EXPECT_EQ(content_of(out.get()), empty_stream);
 }
 
+TEST(stream_gzip, input_that_is_not_whole_stays_without_a_trailer) {
+    std::string bytes = noise(100000);
+    unique_fd in = memory_file_with(bytes);
+    unique_fd out = memory_file();
+    int status = run_in_child([&] {
+        dup2(out.get(), STDOUT_FILENO);
+        dup2(in.get(), STDIN_FILENO);
+        return stream_gzip([](void* /*unused*/) { return false; }) == EIO ? 0 : 1;
+    });
+    EXPECT_TRUE(exited_with(status, 0));
+    EXPECT_TRUE(content_of(out.get()) == gzip_header + raw_deflate(bytes));
+    EXPECT_EQ(gunzip(content_of(out.get())), std::nullopt);
+}
+
+TEST(stream_gzip, read_error_leaves_no_trailer_where_it_matters) {
+    unique_fd directory(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    unique_fd out = memory_file();
+    int status = run_in_child([&] {
+        dup2(out.get(), STDOUT_FILENO);
+        dup2(directory.get(), STDIN_FILENO);
+        return stream_gzip([](void* /*unused*/) { return true; }) == EIO ? 0 : 1;
+    });
+    EXPECT_TRUE(exited_with(status, 0));
+    EXPECT_EQ(content_of(out.get()), gzip_header + "\x03\0"s);
+}
+
 TEST(stream_gzip, reader_that_has_gone_ends_an_endless_input) {
     unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     test_pipe broken;

@@ -1,10 +1,14 @@
 #include "archive/member_core.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -14,6 +18,7 @@
 #include "tests/unit/archive/archive_fixture.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/failing_calls.h"
 #include "tests/unit/support/fake_dumper.h"
 #include "tests/unit/support/pipes.h"
 
@@ -306,34 +311,59 @@ TEST_F(dump_one_of, a_dumper_that_hangs_after_its_line_is_killed) {
               tar_expected_header("top/" + dir() + "core", 10, tar_octal_field(archive.bytes(), 136, 12)));
 }
 
-TEST_F(dump_one_of, a_short_core_is_counted_as_promised_and_its_messages_are_shown) {
-    fake_dumper dumper(say(core_announcement("1000") + "first\n") + "head -c 600 /dev/zero\n" +
+TEST_F(dump_one_of, a_short_core_is_filled_with_zeros_and_its_messages_are_shown) {
+    fake_dumper dumper(say(core_announcement("1000") + "first\n") + "head -c 600 /dev/zero | tr '\\0' c\n" +
                        say("last\n"));
     EXPECT_EQ(dump(), 0);
     EXPECT_EQ(said, warning("600", "1000") + "first\nlast\n");
-    // The next header comes after as much padding as a core of the promised length would have had.
-    std::string bytes = archive.bytes();
-    ASSERT_GT(bytes.size(), 512u + 600 + 24);
-    tar_listing rest = tar_read(bytes.substr(512 + 600 + 24));
-    ASSERT_FALSE(rest.entries.empty());
-    EXPECT_EQ(rest.entries[0].name, "top/" + dir() + "fdmap");
+    tar_listing listing = archive.finish();
+    EXPECT_EQ(listing.trouble, "");
+    ASSERT_EQ(listing.names(), (strings{"top/" + dir() + "core", "top/" + dir() + "fdmap"}));
+    EXPECT_EQ(listing.entries[0].data, std::string(600, 'c') + std::string(400, '\0'));
 }
 
-TEST_F(dump_one_of, a_core_that_is_too_long_is_counted_as_promised) {
-    fake_dumper dumper(announce(4) + "printf corecore");
+TEST_F(dump_one_of, a_core_that_is_too_long_is_cut) {
+    fake_dumper dumper(announce(4) + "printf corerest");
     EXPECT_EQ(dump(), 0);
     EXPECT_EQ(said, warning("8", "4"));
-    EXPECT_EQ(archive.bytes().substr(512, 8), "corecore");
-    tar_listing rest = tar_read(archive.bytes().substr(512 + 8 + 508));
-    ASSERT_FALSE(rest.entries.empty());
-    EXPECT_EQ(rest.entries[0].name, "top/" + dir() + "fdmap");
+    tar_listing listing = archive.finish();
+    EXPECT_EQ(listing.trouble, "");
+    ASSERT_EQ(listing.names(), (strings{"top/" + dir() + "core", "top/" + dir() + "fdmap"}));
+    EXPECT_EQ(listing.entries[0].data, "core");
 }
 
-TEST_F(dump_one_of, a_dumper_that_dies_in_its_core_is_reported_and_gets_no_map) {
-    fake_dumper dumper(announce(10) + "printf part\n" + say("dying\n") + "kill -9 $$");
+TEST_F(dump_one_of, a_dumper_that_dies_in_its_core_leaves_the_next_member_readable) {
+    fake_dumper dumper(announce(143360) + "head -c 50001 /dev/zero | tr '\\0' c\n" + say("dying\n") +
+                       "kill -9 $$");
     EXPECT_EQ(dump(), 0);
-    EXPECT_EQ(said, warning("4", "10") + "dying\n" + error());
-    EXPECT_EQ(archive.bytes().size(), 512u + 4);
+    EXPECT_EQ(said, warning("50001", "143360") + "dying\n" + error());
+    tar_addfile(archive.handle(), "next", 0);
+    tar_listing listing = archive.finish();
+    EXPECT_EQ(listing.trouble, "");
+    ASSERT_EQ(listing.names(), (strings{"top/" + dir() + "core", "top/next"}));
+    EXPECT_EQ(listing.entries[0].data, std::string(50001, 'c') + std::string(143360 - 50001, '\0'));
+}
+
+TEST_F(dump_one_of, a_wait_that_fails_within_the_core_leaves_the_next_member_readable) {
+    constexpr int no_filters = 77;
+    fake_dumper dumper(announce(100000) + "head -c 100000 /dev/zero");
+    int status = run_in_child([this] {
+        if (!fail_calls({{SYS_poll, ENOMEM}})) {
+            return no_filters;
+        }
+        const int result = dump();
+        tar_addfile(archive.handle(), "next", 0);
+        return result == 0 && said.find("WARNING: err=") != std::string::npos ? 0 : 1;
+    });
+    if (exited_with(status, no_filters)) {
+        GTEST_SKIP() << "this kernel filters no system calls";
+    }
+    EXPECT_TRUE(exited_with(status, 0));
+    tar_listing listing = tar_read(archive.bytes());
+    EXPECT_EQ(listing.trouble, "");
+    ASSERT_GE(listing.entries.size(), 2u);
+    EXPECT_EQ(listing.entries[0].data.size(), 100000u);
+    EXPECT_EQ(listing.entries.back().name, "top/next");
 }
 
 TEST_F(dump_one_of, a_dumper_that_fails_after_its_core_gets_no_map) {
@@ -373,6 +403,25 @@ TEST_F(dump_one_of, a_client_that_goes_within_the_core_is_said_once_and_ends_the
     EXPECT_EQ(said, "ABORT!\nreason\n");
 }
 
+TEST_F(dump_one_of, names_of_long_programs_are_shortened_and_their_files_stay_together) {
+    fake_dumper dumper(announce(1) + "printf c");
+    const std::string top = "debug-20261121-183403-c0/";
+    for (size_t length : {10, 53, 54, 55, 60, 64, 70, 79}) {
+        const std::string program(length, 'n');
+        sleeper process("/" + program);
+        test_archive stored(top.c_str());
+        pid_t pid = process.pid();
+        EXPECT_EQ(dump_one(stored.handle(), stored.fd(), &pid, 0, 1), 0);
+        tar_listing listing = stored.finish();
+        EXPECT_EQ(listing.trouble, "");
+        const std::string end = "." + process.number() + "/";
+        const size_t kept = std::min(length, 99 - top.size() - end.size() - std::string("fdmap").size());
+        const std::string folder = top + program.substr(0, kept) + end;
+        EXPECT_EQ(listing.names(), (strings{folder + "core", folder + "fdmap"}));
+        EXPECT_LE((folder + "fdmap").size(), 99u);
+    }
+}
+
 TEST_F(dump_one_of, a_core_that_goes_out_renews_the_time_limit) {
     fake_dumper dumper(announce(4) + "printf core");
     alarm(20);
@@ -380,6 +429,46 @@ TEST_F(dump_one_of, a_core_that_goes_out_renews_the_time_limit) {
     unsigned left = alarm(0);
     EXPECT_GT(left, 290u);
     EXPECT_LE(left, 300u);
+}
+
+namespace {
+
+// What is left of the time limit, which goes on.
+long limit_left() {
+    itimerval now = {};
+    getitimer(ITIMER_REAL, &now);
+    return now.it_value.tv_sec;
+}
+
+}  // namespace
+
+// A dumper may take its whole patience for each of its steps, so that two of them take longer than the limit.
+TEST_F(dump_one_of, each_step_of_the_dumper_renews_the_time_limit) {
+    fake_dumper dumper("gate() { read line < \"${0%/*}/gate\"; }\n" + announce(4) +
+                       "gate; printf core; exec >&-; gate; exec 2>&-; gate");
+    const std::string gate = dumper.path("gate");
+    ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
+    auto open_gate = [&gate] {
+        unique_fd fifo(open(gate.c_str(), O_WRONLY | O_CLOEXEC));
+        EXPECT_EQ(write(fifo.get(), "\n", 1), 1);
+    };
+    auto is_renewed = [] { return limit_left() > 290; };
+    alarm(20);
+    std::thread watcher([&] {
+        EXPECT_TRUE(eventually(is_renewed)) << "by the control line";
+        alarm(20);
+        open_gate();
+        EXPECT_TRUE(eventually(is_renewed)) << "by the core";
+        alarm(20);
+        open_gate();
+        EXPECT_TRUE(eventually(is_renewed)) << "by the end of all output";
+        alarm(20);
+        open_gate();
+    });
+    EXPECT_EQ(dump(), 0);
+    watcher.join();
+    EXPECT_GT(alarm(0), 290u) << "by the end of the dumper";
+    EXPECT_EQ(said, "");
 }
 
 TEST_F(dump_one_of, a_process_that_is_left_running_and_untouched) {

@@ -18,6 +18,7 @@
 #include "tests/unit/archive/archive_fixture.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/memory_limit.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/tar_reader.h"
 
@@ -162,6 +163,18 @@ TEST(stream_strace_log, next_member_follows_directly) {
     tar_listing listing = archive.finish();
     EXPECT_EQ(listing.trouble, "");
     EXPECT_EQ(listing.names(), (std::vector<std::string>{"strace.log", "next"}));
+}
+
+TEST(stream_strace_log, is_left_out_without_memory_for_it) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    test_archive archive;
+    int status = run_in_child([&] {
+        constexpr size_t less_than_a_log = 65536;
+        scoped_memory_shortage shortage(less_than_a_log);
+        return stream_strace_log(archive.handle(), nullptr, 0);
+    });
+    EXPECT_TRUE(exited_with(status, 0));
+    EXPECT_EQ(archive.bytes(), "");
 }
 
 TEST(stream_strace_log, broken_output_without_a_trace_is_left_to_the_next_member) {

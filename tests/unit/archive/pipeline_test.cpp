@@ -23,6 +23,7 @@
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/failing_calls.h"
+#include "tests/unit/support/memory_limit.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/tar_reader.h"
 
@@ -30,12 +31,13 @@ namespace {
 
 using builder = std::function<void(int pipe_fd, int compressor_pid)>;
 
-void call_builder(void* context, int pipe_fd, int compressor_pid) {
+int call_builder(void* context, int pipe_fd, int compressor_pid) {
     (*static_cast<builder*>(context))(pipe_fd, compressor_pid);
+    return 0;
 }
 
-void compress_onto(int fd, builder build) {
-    stream_compressed(fd, call_builder, &build);
+int compress_onto(int fd, builder build) {
+    return stream_compressed(fd, call_builder, &build);
 }
 
 bool put(int fd, const std::string& bytes) {
@@ -226,6 +228,72 @@ TEST(stream_compressed, client_that_goes_midway_ends_the_building_with_a_broken_
     EXPECT_TRUE(is_gone(compressor));
 }
 
+TEST(stream_compressed, whole_stream_gives_0) {
+    unique_fd out = memory_file();
+    EXPECT_EQ(compress_onto(out.get(), [](int fd, int) { put(fd, "built"); }), 0);
+}
+
+TEST(stream_compressed, builder_that_fails_leaves_a_stream_without_its_trailer) {
+    unique_fd out = memory_file();
+    auto build = [](void* /*unused*/, int fd, int /*pid*/) {
+        put(fd, noise(50000));
+        return ENOMEM;
+    };
+    EXPECT_EQ(stream_compressed(out.get(), build, nullptr), ENOMEM);
+    EXPECT_GT(content_of(out.get()).size(), 50000u) << "what was built arrives";
+    EXPECT_EQ(gunzip(content_of(out.get())), std::nullopt);
+}
+
+TEST(stream_compressed, builder_that_is_killed_leaves_a_stream_without_its_trailer) {
+    test_pipe client;
+    pid_t builder_pid = fork_child([&client] {
+        client.out.reset();
+        compress_onto(client.in.get(), [](int fd, int) {
+            put(fd, noise(50000));
+            kill(getpid(), SIGKILL);
+        });
+        return 0;
+    });
+    EXPECT_TRUE(killed_by(wait_status(builder_pid), SIGKILL));
+    std::string stream = client.finish();
+    EXPECT_GT(stream.size(), 50000u);
+    EXPECT_EQ(gunzip(stream), std::nullopt);
+}
+
+TEST(stream_compressed, failing_output_is_the_error_that_is_returned) {
+    ignore_broken_pipes();
+    auto error_of = [](int fd) {
+        auto build = [](void* /*unused*/, int pipe_fd, int /*pid*/) {
+            return error_of_endless_writing(pipe_fd);
+        };
+        return stream_compressed(fd, build, nullptr);
+    };
+    unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(error_of(full.get()), ENOSPC);
+    test_pipe broken;
+    broken.out.reset();
+    EXPECT_EQ(error_of(broken.in.get()), EPIPE);
+    EXPECT_EQ(compress_onto(full.get(), [](int, int) {}), ENOSPC) << "the builder has noticed nothing";
+}
+
+TEST(stream_compressed, compressor_that_is_killed_is_an_error) {
+    unique_fd out = memory_file();
+    EXPECT_EQ(compress_onto(out.get(), [](int, int pid) { kill(pid, SIGKILL); }), ECANCELED);
+}
+
+TEST(stream_compressed, missing_memory_is_reported_and_nothing_written) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    unique_fd out = memory_file();
+    int error = 0;
+    std::string said = capture_stderr([&] {
+        scoped_memory_limit limit(0);
+        error = compress_onto(out.get(), [](int, int) {});
+    });
+    EXPECT_EQ(error, ENOMEM);
+    EXPECT_EQ(said, std::string("mmap: ") + strerror(ENOMEM) + "\n");
+    EXPECT_EQ(content_of(out.get()), "");
+}
+
 TEST(stream_compressed, standard_output_can_be_the_destination) {
     std::string bytes = noise(70000);
     std::string seen =
@@ -292,8 +360,8 @@ TEST(stream_compressed, missing_pipe_is_reported_and_nothing_written) {
         rlimit none = {0, 0};
         setrlimit(RLIMIT_NOFILE, &none);
         bool built = false;
-        compress_onto(out.get(), [&built](int, int) { built = true; });
-        return built ? 1 : 0;
+        int error = compress_onto(out.get(), [&built](int, int) { built = true; });
+        return built || error != EMFILE ? 1 : 0;
     });
     EXPECT_TRUE(exited_with(status, 0));
     EXPECT_EQ(content_of(err.get()), std::string("pipes: ") + strerror(EMFILE) + "\n");
@@ -313,8 +381,8 @@ TEST(stream_compressed, missing_child_is_reported_and_nothing_written) {
         }
         std::set<int> before = open_fds();
         bool built = false;
-        compress_onto(out.get(), [&built](int, int) { built = true; });
-        return built || open_fds() != before ? 1 : 0;
+        int error = compress_onto(out.get(), [&built](int, int) { built = true; });
+        return built || error != EAGAIN || open_fds() != before ? 1 : 0;
     });
     EXPECT_TRUE(exited_with(status, 0));
     EXPECT_EQ(content_of(err.get()), std::string("fork: ") + strerror(EAGAIN) + "\n");
@@ -329,8 +397,8 @@ TEST(stream_tgz, is_a_tar_stream_inside_one_gzip_member) {
         ignore_broken_pipes();
         redirect_outputs(said.get(), said.get());
         std::set<int> before = open_fds();
-        stream_tgz(out.get());
-        return has_no_children() && open_fds() == before ? 0 : 1;
+        int error = stream_tgz(out.get());
+        return error == 0 && has_no_children() && open_fds() == before ? 0 : 1;
     });
     EXPECT_EQ(status, 0);
     std::optional<std::string> stream = gunzip(content_of(out.get()));
@@ -370,8 +438,8 @@ TEST(stream_tgz, client_that_has_gone_ends_it) {
         redirect_outputs(said.get(), said.get());
         test_pipe client;
         client.out.reset();
-        stream_tgz(client.in.get());
-        return has_no_children() ? 0 : 1;
+        int error = stream_tgz(client.in.get());
+        return error == EPIPE && has_no_children() ? 0 : 1;
     });
     EXPECT_EQ(status, 0);
 }
@@ -382,8 +450,8 @@ TEST(stream_tar, is_a_plain_tar_stream) {
     unique_fd said = memory_file();
     int status = run_in_private_world([&] {
         redirect_outputs(said.get(), said.get());
-        stream_tar(out.get());
-        return has_no_children() ? 0 : 1;
+        int error = stream_tar(out.get());
+        return error == 0 && has_no_children() ? 0 : 1;
     });
     EXPECT_EQ(status, 0);
     tar_listing listing = tar_read(content_of(out.get()));

@@ -136,6 +136,30 @@ TEST(tar_new, null_or_empty_prefix_means_none) {
     }
 }
 
+TEST(tar_close, tells_of_the_first_write_that_failed) {
+    ignore_broken_pipes();
+    unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    tar_handle* t = tar_new(full.get(), nullptr);
+    tar_addfile(t, "a", 5);
+    EXPECT_EQ(t->error, ENOSPC);
+    test_pipe broken;
+    broken.out.reset();
+    t->fd = broken.in.get();
+    tar_write(t, "12345", 5);
+    EXPECT_EQ(tar_close(t), ENOSPC);
+}
+
+TEST(tar_close, tells_of_a_last_padding_that_failed) {
+    unique_fd file = memory_file();
+    unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    tar_handle* t = tar_new(file.get(), nullptr);
+    tar_addfile(t, "a", 5);
+    tar_write(t, "12345", 5);
+    EXPECT_EQ(t->error, 0);
+    t->fd = full.get();
+    EXPECT_EQ(tar_close(t), ENOSPC);
+}
+
 TEST(tar_close, right_after_tar_new_writes_nothing) {
     test_archive archive("top/");
     EXPECT_EQ(archive.finish().entries.size(), 0u);

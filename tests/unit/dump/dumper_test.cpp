@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/safe_io.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/fake_dumper.h"
@@ -268,50 +269,73 @@ TEST_F(coredump_of, without_free_descriptors_reports_the_pipes) {
 
 namespace {
 
-int blocks_seen = 0;
+// Where a test has the core go.
+struct test_sink {
+    unique_fd file = memory_file();
+    int blocks = 0;
 
-void count_block() {
-    blocks_seen++;
-}
+    core_sink up_to(int64_t limit) { return {write, this, limit}; }
+    core_sink all() { return {write, this}; }
+
+private:
+    static bool write(void* cookie, const void* data, size_t length) {
+        test_sink* sink = static_cast<test_sink*>(cookie);
+        sink->blocks++;
+        return safe_write(sink->file.get(), data, static_cast<unsigned>(length)) >= 0;
+    }
+};
 
 }  // namespace
 
 using dump_copy = coredump_of;
 
-TEST_F(dump_copy, tells_of_each_block_that_went_out) {
+TEST_F(dump_copy, hands_the_core_over_in_blocks) {
     fake_dumper dumper("head -c 100000 /dev/zero");
-    unique_fd file = memory_file();
+    test_sink sink;
     dump_run run;
     ASSERT_TRUE(dump_start(some_pid, &run));
-    blocks_seen = 0;
-    EXPECT_EQ(dump_copy_core(&run, file.get(), count_block), 100000);
-    EXPECT_GE(blocks_seen, 100000 / 16384);
+    EXPECT_EQ(dump_copy_core(&run, sink.all()), 100000);
+    EXPECT_GE(sink.blocks, 100000 / 16384);
+    EXPECT_EQ(content_of(sink.file.get()).size(), 100000u);
     dump_discard(&run);
     EXPECT_TRUE(dump_end(&run));
+}
+
+TEST_F(dump_copy, counts_what_comes_after_the_limit_and_drops_it) {
+    for (size_t limit : {0, 1, 16384, 40000, 99999, 100000}) {
+        fake_dumper dumper("head -c 100000 /dev/zero");
+        test_sink sink;
+        dump_run run;
+        ASSERT_TRUE(dump_start(some_pid, &run));
+        EXPECT_EQ(dump_copy_core(&run, sink.up_to(static_cast<int64_t>(limit))), 100000);
+        EXPECT_EQ(content_of(sink.file.get()).size(), limit);
+        dump_discard(&run);
+        EXPECT_TRUE(dump_end(&run));
+    }
 }
 
 TEST_F(dump_copy, keeps_what_was_said_meanwhile_in_its_order) {
     fake_dumper dumper(say("one\ntwo\n") + "head -c 100000 /dev/zero\n" + say("three\n") + "exec >&-\n" +
                        say("four\n"));
-    unique_fd file = memory_file();
+    test_sink sink;
     dump_run run;
     ASSERT_TRUE(dump_start(some_pid, &run));
     control_text text;
     ASSERT_TRUE(dump_read_control(&run, &text));
     EXPECT_EQ(text.line(), "one\n");
-    EXPECT_EQ(dump_copy_core(&run, file.get(), nullptr), 100000);
+    EXPECT_EQ(dump_copy_core(&run, sink.all()), 100000);
     EXPECT_EQ(capture_stderr([&] { dump_show(&run); }), "two\nthree\nfour\n");
     EXPECT_TRUE(dump_end(&run));
 }
 
 TEST_F(dump_copy, shows_all_of_a_mebibyte_of_messages) {
     fake_dumper dumper(say("line\n") + "head -c 1000000 /dev/zero >&2\nprintf core\n");
-    unique_fd file = memory_file();
+    test_sink sink;
     dump_run run;
     ASSERT_TRUE(dump_start(some_pid, &run));
     control_text text;
     ASSERT_TRUE(dump_read_control(&run, &text));
-    EXPECT_EQ(dump_copy_core(&run, file.get(), nullptr), 4);
+    EXPECT_EQ(dump_copy_core(&run, sink.all()), 4);
     EXPECT_EQ(capture_stderr([&] { dump_show(&run); }).size(), 1000000u);
     EXPECT_TRUE(dump_end(&run));
 }

@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <new>
 
@@ -29,11 +30,12 @@ private:
     rlimit old_ = {};
 };
 
-// Takes all the memory that this process can have, down to the smallest piece, for the length of a block.
+// Takes all the memory that this process can have, down to pieces of `smallest` bytes, for the length of a
+// block.
 class scoped_memory_shortage {
 public:
-    scoped_memory_shortage() {
-        for (size_t size = 1 << 20; size >= sizeof(piece); size /= 2) {
+    explicit scoped_memory_shortage(size_t smallest = sizeof(void*)) {
+        for (size_t size = 1 << 20; size >= std::max(smallest, sizeof(piece)); size /= 2) {
             while (void* memory = malloc(size)) {
                 taken_ = new (memory) piece{taken_};
             }
