@@ -2,8 +2,10 @@
 
 #include <getopt.h>
 #include <limits.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 
 #include <filesystem>
@@ -30,6 +32,11 @@ constexpr std::string_view help_text =
     "-c\tcgi control socket name [/var/run/dbg-cgi/ctrl-cgi-socket]\n"
     "-s\tsegfault control socket name [/var/run/dbg-cgi/ctrl-segf-socket]\n"
     "-h\thelp\n";
+
+constexpr uid_t nobody = 65534;
+
+// listen(2) fails for a socket with this backlog; for children only.
+int refused_backlog = -1;
 
 using words = std::vector<std::string>;
 
@@ -143,6 +150,38 @@ TEST(dbg_cgi, fails_when_its_monitor_can_not_start) {
         EXPECT_TRUE(exited_with(status, 1));
     });
     EXPECT_EQ(errors, "pthread_create: Resource temporarily unavailable\n");
+}
+
+TEST(dbg_cgi, fails_when_nobody_could_connect_to_its_segfault_socket) {
+    temp_dir folder;
+    std::string errors = capture_stderr([&folder] {
+        int status = run_in_child([&folder] {
+            refused_backlog = 2;  // no other socket has it
+            return forbid_new_threads()
+                       ? run_applet({"-n", "-c", folder.path("cgi"), "-s", folder.path("segfault")})
+                       : 2;
+        });
+        EXPECT_TRUE(exited_with(status, 1)) << status;
+    });
+    EXPECT_EQ(errors, "") << "it does not go on to its monitor";
+}
+
+TEST(dbg_cgi, fails_when_it_can_not_be_detached) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, to become somebody who may not fork";
+    }
+    temp_dir folder;
+    std::string errors = capture_stderr([&folder] {
+        int status = run_in_child([&folder] {
+            rlimit none = {0, 0};
+            if (setrlimit(RLIMIT_NPROC, &none) != 0 || setresuid(nobody, nobody, nobody) != 0) {
+                return 2;
+            }
+            return run_applet({"-c", folder.path("cgi"), "-s", folder.path("segfault")});
+        });
+        EXPECT_TRUE(exited_with(status, 1)) << status;
+    });
+    EXPECT_EQ(errors, "daemon\n: Resource temporarily unavailable\n");
 }
 
 // A started daemon watches every process, so what follows runs on a machine of its own. Whatever is left
@@ -336,3 +375,11 @@ TEST(dbg_cgi, keeps_its_sockets_off_the_standard_descriptors) {
 }
 
 }  // namespace
+
+extern "C" int listen(int fd, int backlog) noexcept {
+    if (backlog == refused_backlog) {
+        errno = ENOBUFS;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_listen, fd, backlog));
+}

@@ -6,12 +6,15 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <fstream>
 #include <vector>
 
 #include "cgi/waiting_browser.h"
 #include "cgi/worker_archive.h"
+#include "common/uptime.h"
 #include "platform/qorlink.h"
 #include "tests/unit/cgi/browser.h"
+#include "tests/unit/support/signals.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
@@ -25,6 +28,16 @@ sockaddr_un address_of(const std::string& path) {
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     return address;
+}
+
+// The first thread waits in a system call.
+bool is_asleep(pid_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    std::string number;
+    std::string name;
+    std::string state;
+    file >> number >> name >> state;
+    return state == "S";
 }
 
 // Both control sockets, real, in a folder of their own. An archive is always being made already.
@@ -369,6 +382,54 @@ TEST_F(listener, serves_what_waited_for_a_free_descriptor) {
     EXPECT_TRUE(client.is_waiting());
     round();
     EXPECT_EQ(client.answer(), dump_head("core") + "core bytes");
+}
+
+// What a listener in a process of its own writes to standard error while `meanwhile` runs.
+template <typename Work>
+std::string said_by_a_listener(const listener_options& options, int descriptor_limit, Work meanwhile) {
+    test_pipe said;
+    pid_t pid = fork_child([&] {
+        dup2(said.in.get(), STDERR_FILENO);
+        const rlimit limit = {static_cast<rlim_t>(descriptor_limit), static_cast<rlim_t>(descriptor_limit)};
+        if (descriptor_limit > 0) {
+            setrlimit(RLIMIT_NOFILE, &limit);
+        }
+        run_listener(options);
+        return 0;
+    });
+    meanwhile(pid);
+    EXPECT_EQ(kill(pid, SIGKILL), 0);
+    EXPECT_TRUE(killed_by(wait_status(pid), SIGKILL)) << "it came to an end";
+    return said.finish();
+}
+
+TEST_F(listener, goes_on_after_a_wait_that_was_interrupted) {
+    scoped_signal handled(SIGUSR2, count_signal);
+    std::string said = said_by_a_listener({cgi.get(), segfault.get(), dumps.c_str()}, 0, [&](pid_t pid) {
+        ASSERT_TRUE(eventually([pid] { return is_asleep(pid); }));
+        EXPECT_EQ(kill(pid, SIGUSR2), 0);
+        browser client;
+        post(client, nonsense);
+        EXPECT_EQ(client.answer(), bad_request_answer);
+    });
+    EXPECT_EQ(said, "select: Interrupted system call\n");
+}
+
+TEST_F(listener, pauses_when_it_can_not_wait) {
+    // Fewer descriptors than sockets to wait for: poll(2) fails for good.
+    std::string said = said_by_a_listener({cgi.get(), segfault.get(), dumps.c_str()}, 1,
+                                          [](pid_t) { poll(nullptr, 0, 1000); });
+    const std::string line = "select: Invalid argument\n";
+    EXPECT_TRUE(said.starts_with(line)) << said;
+    EXPECT_LT(said.size(), 100 * line.size());
+}
+
+TEST_F(listener, pauses_when_a_socket_is_no_socket_any_more) {
+    const int64_t began_ns = monotonic_ns();
+    const int closed = cgi.get();
+    cgi.reset();
+    listener_round({closed, segfault.get(), dumps.c_str()});
+    EXPECT_GE(monotonic_ns() - began_ns, 50000000);
 }
 
 }  // namespace
