@@ -25,7 +25,8 @@ export class ArchiveView {
         this.#mark();
         if (job.path.endsWith(".tgz")) {
             job.card.append(make("p", {className: "hint"},
-                "Compressed data arrives in large pieces. The list shows what has arrived; the machine is ahead of it."));
+                "Compressed data arrives in large pieces. The list shows what has arrived; the machine is " +
+                "ahead of it."));
             this.#unpack();
         }
     }
