@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdarg.h>
+#include <stdint.h>
+#include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -96,17 +98,29 @@ attach_log logged(Attach attach, int failures, int error = ECHILD) {
     return log;
 }
 
-// The name under which a program with this command line is traced.
-std::string name_of(const std::vector<std::string>& command_line) {
-    pid_t pid = start_traced(command_line, "/bin/sh");
-    traced_text trace({pid}, strace_fds);
-    trace.ctx.attached = 1;
+// Makes the memory of its command line unreadable, tells of it and goes on for ever.
+[[gnu::noinline]] int hide_words_and_call(int report_fd) {
+    const auto size = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    auto* page = program_invocation_name - reinterpret_cast<uintptr_t>(program_invocation_name) % size;
+    const bool hidden = mprotect(page, size, PROT_NONE) == 0;
+    (void)!write(report_fd, hidden ? "1" : "0", 1);
+    return call_for_ever();
+}
+
+// The name under which the one process of `trace` is traced, up to its first stop.
+std::string name_in(traced_text& trace) {
+    const std::string head = "\n[" + std::to_string(trace.pids[0]) + " ";
     trace.goes_on = [](const traced_text&) { return false; };
     trace.run();
-    size_t begin = trace.text.find("[" + std::to_string(pid) + " ") + std::to_string(pid).size() + 2;
-    size_t end = trace.text.find("] ", begin);
-    EXPECT_NE(end, std::string::npos) << trace.text;
-    return trace.text.substr(begin, end - begin);
+    EXPECT_TRUE(trace.text.starts_with(head)) << trace.text;
+    return trace.text.substr(head.size(), trace.text.find("] ") - head.size());
+}
+
+// The same of a program with this command line.
+std::string name_of(const std::vector<std::string>& command_line) {
+    traced_text trace({start_traced(command_line, "/bin/sh")}, strace_fds);
+    trace.ctx.attached = 1;
+    return name_in(trace);
 }
 
 }  // namespace
@@ -203,4 +217,21 @@ TEST(do_strace, name_of_a_process_is_the_last_part_of_its_first_argument) {
     EXPECT_EQ(name_of({"a/b", "c/d"}), "b");
     EXPECT_EQ(name_of({"two words"}), "two words");
     EXPECT_EQ(name_of({""}), "");
+}
+
+TEST(do_strace, process_whose_command_line_cannot_be_read_has_no_name) {
+    test_pipe report;
+    tracee nameless([&report] {
+        [[maybe_unused]] volatile char
+            apart[1 << 16];  // from the page of the words, on which nothing may stand that is used
+        apart[0] = '\0';
+        return hide_words_and_call(report.in.get());
+    });
+    report.in.reset();
+    char hidden = '0';
+    ASSERT_EQ(read(report.out.get(), &hidden, 1), 1);
+    ASSERT_EQ(hidden, '1');
+    traced_text trace({nameless.pid()}, strace_fds);
+    EXPECT_EQ(name_in(trace), "");
+    expect_free(nameless.pid());
 }
