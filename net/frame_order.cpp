@@ -25,17 +25,19 @@ void sort_in(captured_frame* frames, int count) {
 }  // namespace
 
 void sort_frames(captured_frame* frames, int count, frame_time* last) {
-    frame_time lowest = *last;
+    frame_time largest = *last;
+    frame_time lowest = largest;
     for (int i = 0; i < count; i++) {
         frame_time& time = frames[i].time;
-        if (!(time < *last)) {
-            *last = time;
+        if (!(time < largest)) {
+            largest = time;
             continue;
         }
-        if (in_us(*last) - in_us(time) > disorder_us) {
-            lowest = *last;
+        if (in_us(largest) - in_us(time) > disorder_us) {
+            lowest = largest;
         }
         time = std::max(time, lowest);
         sort_in(frames, i + 1);
     }
+    *last = largest;
 }

@@ -14,7 +14,8 @@ struct frame_time {
     uint32_t s = 0;
     uint32_t us = 0;
     bool operator==(const frame_time&) const = default;
-    bool operator<(const frame_time& other) const { return s != other.s ? s < other.s : us < other.us; }
+    bool operator<(const frame_time& other) const { return in_order() < other.in_order(); }
+    uint64_t in_order() const { return uint64_t{s} << 32 | us; }
 };
 
 // A frame that has been fetched, where it lies.
