@@ -1,5 +1,7 @@
 #include "tools/webfront/answer.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <iterator>
@@ -42,6 +44,17 @@ std::string webfront_answer(int status, std::string_view content_type, std::stri
         answer.append(body);
     }
     return answer;
+}
+
+void webfront_refuse(int client_fd) {
+    constexpr std::string_view sentence = "There is not enough memory for this request; try again later.\n";
+    static_assert(sentence.size() == 62);
+    constexpr std::string_view head =
+        "HTTP/1.0 503 Service Unavailable\r\nConnection: close\r\nContent-Type: text/plain; charset=utf-8\r\n"
+        "Content-Length: 62\r\nX-Content-Type-Options: nosniff\r\n\r\n";
+    for (std::string_view part : {head, sentence}) {
+        (void)send(client_fd, part.data(), part.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
 }
 
 std::string webfront_error(int status, std::string_view sentence, bool with_body) {

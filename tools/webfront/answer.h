@@ -10,5 +10,8 @@
 std::string webfront_answer(int status, std::string_view content_type, std::string_view body,
                             bool with_body = true, std::string_view fields = {});
 
+// Answers a client for which there is no memory, and takes none: as much of a fixed 503 as goes out at once.
+void webfront_refuse(int client_fd);
+
 // An error answer: one plain-text sentence, to which a newline is added.
 std::string webfront_error(int status, std::string_view sentence, bool with_body = true);

@@ -36,9 +36,7 @@ int report_listen_failure(uint16_t port) {
     return 1;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     webfront_options options;
     std::string wrong = webfront_parse(argc, argv, options);
     if (!wrong.empty()) {
@@ -60,8 +58,14 @@ int main(int argc, char** argv) {
     }
     printf("http://127.0.0.1:%u/\n", port);
     fflush(stdout);
+    webfront_serve(std::move(listener), port, options.socket_path);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        webfront_serve(std::move(listener), port, options.socket_path);
+        return run(argc, argv);
     } catch (const std::exception& error) {
         fprintf(stderr, "webfront: Out of resources: %s.\n", error.what());
         return 1;

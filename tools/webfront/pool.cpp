@@ -5,6 +5,8 @@
 #include <system_error>
 #include <utility>
 
+#include "tools/webfront/answer.h"
+
 webfront_pool::webfront_pool(int threads, size_t queue_limit, work do_job)
     : queue_limit_(queue_limit), do_job_(std::move(do_job)), event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (!event_) {
@@ -22,7 +24,10 @@ bool webfront_pool::submit(unique_fd& client, std::string request) {
     if (queue_.size() >= queue_limit_) {
         return false;
     }
-    queue_.push_back({std::move(client), std::move(request), std::chrono::steady_clock::now()});
+    webfront_job& job = queue_.emplace_back();  // first, since it may throw
+    job.client = std::move(client);
+    job.request = std::move(request);
+    job.since = std::chrono::steady_clock::now();
     queued_.notify_one();
     return true;
 }
@@ -39,6 +44,30 @@ size_t webfront_pool::held() const {
     return queue_.size() + under_way_ + answered_.size();
 }
 
+// False when the client was refused.
+bool webfront_pool::do_next(webfront_job& next, std::string& answer) const {
+    try {
+        answer = do_job_(next);
+        return true;
+    } catch (const std::exception&) {
+        webfront_refuse(next.client.get());
+        return false;
+    }
+}
+
+// With the lock held. False when there is no memory for it; the connection stays with `next`.
+bool webfront_pool::keep_answer(webfront_job& next, std::string& answer) {
+    try {
+        webfront_answered& kept = answered_.emplace_back();
+        kept.client = std::move(next.client);
+        kept.answer = std::move(answer);
+        (void)eventfd_write(event_.get(), 1);  // can only fail when it has been signalled anyway
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 void webfront_pool::run(const std::stop_token& stop) {
     std::unique_lock hold(lock_);
     while (queued_.wait(hold, stop, [this] { return !queue_.empty(); }) && !stop.stop_requested()) {
@@ -46,15 +75,14 @@ void webfront_pool::run(const std::stop_token& stop) {
         queue_.pop_front();
         under_way_++;
         hold.unlock();
-        std::string answer = do_job_(next);
-        if (answer.empty()) {
+        std::string answer;
+        if (!do_next(next, answer) || answer.empty()) {
             next.client.reset();
         }
         hold.lock();
         under_way_--;
-        if (!answer.empty()) {
-            answered_.push_back({std::move(next.client), std::move(answer)});
-            (void)eventfd_write(event_.get(), 1);  // can only fail when it has been signalled anyway
+        if (next.client && !keep_answer(next, answer)) {
+            webfront_refuse(next.client.get());
         }
     }
 }

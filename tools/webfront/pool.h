@@ -30,8 +30,9 @@ struct webfront_answered {
 
 class webfront_pool {
 public:
-    // Does one job, on any of the threads. Returns the answer for the client, which the loop then sends; an
-    // empty one when nothing is left to say here: the connection is closed.
+    // Does one job, on any of the threads. One that throws is refused (webfront_refuse) and closed. Returns
+    // the answer for the client, which the loop then sends; an empty one when nothing is left to say here:
+    // the connection is closed.
     using work = std::function<std::string(const webfront_job&)>;
 
     // Does up to `threads` jobs at a time; one more than `queue_limit` that wait for their turn is not taken.
@@ -42,7 +43,8 @@ public:
     webfront_pool(const webfront_pool&) = delete;
     webfront_pool& operator=(const webfront_pool&) = delete;
 
-    // Queues one job. Returns false, and leaves `client` alone, when too many queue.
+    // Queues one job. Returns false, and leaves `client` alone, when too many queue. Throws std::bad_alloc,
+    // which leaves it alone too.
     bool submit(unique_fd& client, std::string request);
 
     // Readable when take_answered has something to give; borrowed.
@@ -54,6 +56,8 @@ public:
 
 private:
     void run(const std::stop_token& stop);
+    bool do_next(webfront_job& next, std::string& answer) const;
+    bool keep_answer(webfront_job& next, std::string& answer);
 
     const size_t queue_limit_;
     const work do_job_;

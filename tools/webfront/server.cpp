@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <optional>
+#include <thread>
 #include <vector>
 
 #include "tools/webfront/answer.h"
@@ -21,6 +23,8 @@ using steady = std::chrono::steady_clock;
 
 // How long no connection is accepted after the machine ran out of descriptors or memory.
 constexpr std::chrono::milliseconds accept_pause{100};
+// Where poll fails for good everybody is looked at after this pause, which serves them more slowly.
+constexpr std::chrono::milliseconds poll_pause{100};
 // Connections accepted, and pieces dropped, in one round: none keeps the loop from the others.
 constexpr int accepts_per_round = 64;
 constexpr int drops_per_round = 16;
@@ -31,8 +35,8 @@ enum class phase { reading, answering, draining, done };
 struct connection {
     unique_fd fd;
     steady::time_point deadline;
-    webfront_head_reader reader;  // while reading
-    std::string answer;           // what is still to be sent
+    std::optional<webfront_head_reader> reader;  // while reading
+    std::string answer;                          // what is still to be sent
     phase now = phase::reading;
 };
 
@@ -83,12 +87,25 @@ void start_answer(connection& client, std::string answer) {
 
 // A client that never said a word gets none: browsers open connections ahead of need.
 void expire(connection& client) {
-    if (client.now == phase::reading && client.reader.started()) {
+    if (client.now == phase::reading && client.reader->started()) {
         start_answer(client,
                      webfront_error(408, "The request's head was not complete within " +
                                              std::to_string(webfront_head_time.count()) + " seconds."));
     }
     client.now = phase::done;
+}
+
+// Takes one step for a client. One for which there is no memory is refused, and no other.
+template <typename Step>
+void take_step(connection& client, Step step) {
+    try {
+        step();
+    } catch (const std::exception&) {
+        webfront_refuse(client.fd.get());
+        client.deadline = steady::now() + webfront_answer_time;
+        (void)shutdown(client.fd.get(), SHUT_WR);  // fails when the client has gone; reading tells
+        client.now = phase::draining;
+    }
 }
 
 class server {
@@ -98,55 +115,69 @@ public:
           port_(port),
           handover_(webfront_handover_threads, webfront_connection_limit,
                     [socket_path](const webfront_job& job) { return webfront_hand_over(socket_path, job); }),
-          listings_(webfront_listing_threads, webfront_listing_queue, webfront_list) {}
+          listings_(webfront_listing_threads, webfront_listing_queue, webfront_list) {
+        // As many as there may be, so that a round takes no memory of its own.
+        clients_.reserve(webfront_connection_limit);
+        waiting_.reserve(webfront_connection_limit + other_entries);
+    }
 
     void round() {
-        std::vector<pollfd> waiting = wait();
+        wait();
         steady::time_point now = steady::now();
         for (size_t i = 0; i < clients_.size(); i++) {
-            if (waiting[i].revents != 0) {
-                step(clients_[i]);
-            }
-            if (clients_[i].now != phase::done && now >= clients_[i].deadline) {
-                expire(clients_[i]);
-            }
+            connection& client = clients_[i];
+            take_step(client, [&] {
+                if (waiting_[i].revents != 0) {
+                    step(client);
+                }
+                if (client.now != phase::done && now >= client.deadline) {
+                    expire(client);
+                }
+            });
         }
         std::erase_if(clients_, [](const connection& client) { return client.now == phase::done; });
         take_answered(handover_);
         take_answered(listings_);
-        if (waiting.back().revents != 0) {
+        if (waiting_.back().revents != 0) {
             accept_some();
         }
     }
 
 private:
-    // One entry for each client, then the pools' events and the listener.
-    std::vector<pollfd> wait() const {
+    static constexpr size_t other_entries = 3;
+
+    // Fills waiting_: one entry for each client, then the pools' events and the listener.
+    void wait() {
         steady::time_point now = steady::now();
         bool paused = now < paused_until_;
         steady::time_point until = paused ? paused_until_ : steady::time_point::max();
-        std::vector<pollfd> waiting;
-        waiting.reserve(clients_.size() + 3);
+        waiting_.clear();
         for (const connection& client : clients_) {
             short events = client.now == phase::answering ? POLLOUT : POLLIN;
-            waiting.push_back({client.fd.get(), events, 0});
+            waiting_.push_back({client.fd.get(), events, 0});
             until = std::min(until, client.deadline);
         }
-        waiting.push_back({handover_.answered_event(), POLLIN, 0});
-        waiting.push_back({listings_.answered_event(), POLLIN, 0});
-        waiting.push_back({paused ? -1 : listener_.get(), POLLIN, 0});
+        waiting_.push_back({handover_.answered_event(), POLLIN, 0});
+        waiting_.push_back({listings_.answered_event(), POLLIN, 0});
+        waiting_.push_back({paused ? -1 : listener_.get(), POLLIN, 0});
         int timeout = -1;
         if (until != steady::time_point::max()) {
             auto left = std::chrono::ceil<std::chrono::milliseconds>(until - now).count();
             timeout = static_cast<int>(std::max<decltype(left)>(left, 0));
         }
-        if (poll(waiting.data(), waiting.size(), timeout) < 0) {
-            // Interrupted or short of memory: a round in which nothing is ready.
-            for (pollfd& entry : waiting) {
-                entry.revents = 0;
-            }
+        if (poll(waiting_.data(), waiting_.size(), timeout) < 0) {
+            look_at_everybody();
         }
-        return waiting;
+    }
+
+    // Nobody is waited for in a step, so that everybody may be taken to be ready.
+    void look_at_everybody() {
+        if (errno != EINTR) {
+            std::this_thread::sleep_for(poll_pause);
+        }
+        for (pollfd& entry : waiting_) {
+            entry.revents = entry.fd >= 0 ? entry.events : 0;
+        }
     }
 
     void step(connection& client) {
@@ -174,12 +205,12 @@ private:
             }
             return;
         }
-        webfront_head_state state = client.reader.feed({piece, static_cast<size_t>(got)});
+        webfront_head_state state = client.reader->feed({piece, static_cast<size_t>(got)});
         if (state == webfront_head_state::incomplete) {
             return;
         }
         webfront_verdict verdict = state == webfront_head_state::complete
-                                       ? webfront_judge(client.reader.head(), port_)
+                                       ? webfront_judge(client.reader->head(), port_)
                                        : webfront_judge_broken(state);
         if (verdict.road == webfront_road::answer) {
             start_answer(client, std::move(verdict.bytes));
@@ -198,7 +229,7 @@ private:
         for (webfront_answered& answered : pool.take_answered()) {
             connection& client = clients_.emplace_back();
             client.fd = std::move(answered.client);
-            start_answer(client, std::move(answered.answer));
+            take_step(client, [&] { start_answer(client, std::move(answered.answer)); });
         }
     }
 
@@ -214,9 +245,9 @@ private:
             connection client;
             client.fd = std::move(fd);
             client.deadline = steady::now() + webfront_head_time;
-            if (clients_.size() + handover_.held() + listings_.held() >= webfront_connection_limit) {
-                turn_away(client);
-            } else {
+            bool is_full = clients_.size() + handover_.held() + listings_.held() >= webfront_connection_limit;
+            take_step(client, [&] { is_full ? turn_away(client) : (void)client.reader.emplace(); });
+            if (!is_full) {
                 clients_.push_back(std::move(client));
             }
         }
@@ -234,6 +265,7 @@ private:
     webfront_pool handover_;
     webfront_pool listings_;
     std::vector<connection> clients_;
+    std::vector<pollfd> waiting_;
     steady::time_point paused_until_{};
 };
 

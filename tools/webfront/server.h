@@ -23,5 +23,5 @@ constexpr std::chrono::seconds webfront_answer_time{2};
 unique_fd webfront_listen(uint16_t* port, bool every_address = false);
 
 // Serves `listener` (from webfront_listen) for ever, with the daemon at `socket_path`. `port` is the one that
-// browsers name.
+// browsers name. Throws std::exception when there are not the threads, descriptors or memory to begin with.
 [[noreturn]] void webfront_serve(unique_fd listener, uint16_t port, const std::string& socket_path);
