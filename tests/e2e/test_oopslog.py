@@ -105,10 +105,11 @@ def test_large_flash(flash):
     assert_prints(device, image)
 
 
-# A character device, played by a file whose requests are answered for it.
+# A character or block device, played by a file whose requests are answered for it: this needs no loop device.
 
 PRETEND = r"""
 #include <errno.h>
+#include <linux/fs.h>
 #include <mtd/mtd-user.h>
 #include <stdarg.h>
 #include <stdlib.h>
@@ -131,11 +132,46 @@ static int listed(const char *variable, long long offset) {
     return 0;
 }
 
+// With BLOCK in the environment regular files are block devices.
+template <typename Status>
+static int as_device(int result, Status *status) {
+    if (result == 0 && getenv("BLOCK") && S_ISREG(status->st_mode)) {
+        status->st_mode = (status->st_mode & ~S_IFMT) | S_IFBLK;
+        status->st_size = 0;
+    }
+    return result;
+}
+
+extern "C" int fstat64(int fd, struct stat64 *status) noexcept {
+    return as_device(static_cast<int>(syscall(SYS_fstat, fd, status)), status);
+}
+
+extern "C" int fstat(int fd, struct stat *status) noexcept {
+    return as_device(static_cast<int>(syscall(SYS_fstat, fd, status)), status);
+}
+
+static int block_request(int fd, unsigned long request, void *value) {
+    struct stat info;
+    if (request == MEMGETBADBLOCK) {  // nobody should ask
+        return listed("BAD", *static_cast<long long *>(value));
+    }
+    if (request != BLKGETSIZE || getenv("NO_SIZE")) {
+        errno = request == BLKGETSIZE ? EIO : ENOTTY;
+        return -1;
+    }
+    syscall(SYS_fstat, fd, &info);
+    *static_cast<unsigned long *>(value) = static_cast<unsigned long>(info.st_size) / 512;
+    return 0;
+}
+
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     va_list values;
     va_start(values, request);
     void *value = va_arg(values, void *);
     va_end(values);
+    if (getenv("BLOCK")) {
+        return block_request(fd, request, value);
+    }
     if (request == MEMGETINFO) {
         struct stat info;
         fstat(fd, &info);
@@ -189,6 +225,44 @@ def test_pages_that_cannot_be_had_are_passed_over(pretending, tmp_path, variable
         words = [OOPSLOG, *options, tmp_path / "flash"]
         done = subprocess.run(words, capture_output=True, env=environment, timeout=PATIENCE)
         assert (done.returncode, done.stdout, done.stderr) == (0, *oopslog_of(image, backwards, without))
+
+
+def run_as_block(pretending, image, path, *options, **variables):
+    path.write_bytes(image)
+    environment = dict(os.environ, LD_PRELOAD=str(pretending), BLOCK="1", **variables)
+    done = subprocess.run([OOPSLOG, *options, path], capture_output=True, env=environment, timeout=PATIENCE)
+    return done.returncode, done.stdout, done.stderr
+
+
+@pytest.mark.parametrize("newest", [0, 3, 7])
+def test_block_device_is_printed_both_ways(pretending, tmp_path, newest):
+    image = ring(8, newest)
+    for options, backwards in (([], False), (["-r"], True)):
+        found = run_as_block(pretending, image, tmp_path / "device", *options)
+        assert found == (0, *oopslog_of(image, backwards))
+
+
+def test_block_device_is_measured_in_sectors_and_its_last_part_of_a_page_left_out(pretending, tmp_path):
+    image = ring(3, 1) + record(200, b"cut off")[: PAGE - 512]
+    assert run_as_block(pretending, image, tmp_path / "device") == (0, *oopslog_of(ring(3, 1)))
+    assert run_as_block(pretending, image[: PAGE - 512], tmp_path / "small") == (0, *NO_LOGS)
+
+
+def test_block_device_is_not_asked_for_bad_blocks(pretending, tmp_path):
+    image = ring(8, 5)
+    found = run_as_block(pretending, image, tmp_path / "device", BAD="0,1,2,3,4,5,6,7")
+    assert found == (0, *oopslog_of(image))
+
+
+def test_block_device_passes_over_pages_that_cannot_be_read(pretending, tmp_path):
+    image = ring(8, 5)
+    found = run_as_block(pretending, image, tmp_path / "device", UNREADABLE="4,5")
+    assert found == (0, *oopslog_of(image, False, [4, 5]))
+
+
+def test_block_device_without_a_size_is_an_error(pretending, tmp_path):
+    found = run_as_block(pretending, ring(2, 0), tmp_path / "device", NO_SIZE="1")
+    assert found == (1, b"", b"BLKGETSIZE: Input/output error\n")
 
 
 def test_flash_that_knows_no_bad_blocks_is_read_whole(pretending, tmp_path):
