@@ -1,5 +1,6 @@
 """The dumper: cores that a debugger can use, of processes that do not notice."""
 
+import contextlib
 import ctypes
 import os
 import pathlib
@@ -80,6 +81,11 @@ def status_field(pid, key):
     return re.search(rf"^{key}:\s*(.*)$", text, re.MULTILINE)[1]
 
 
+def pending(pid):
+    """The signals that wait for the process, as a set of bits."""
+    return int(status_field(pid, "ShdPnd"), 16)
+
+
 def is_held(pid):
     return status_field(pid, "TracerPid") != "0" and status_field(pid, "State").startswith("t")
 
@@ -102,6 +108,30 @@ def ptrace(request, pid, address=None, data=None):
     call = ctypes.CDLL(None, use_errno=True).ptrace
     call.argtypes = [ctypes.c_long, ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p]
     assert call(request, pid, address, data) == 0, os.strerror(ctypes.get_errno())
+
+
+@contextlib.contextmanager
+def dumping(pid, file):
+    """A dumper that writes to `file`, and is killed at the end."""
+    dumper = subprocess.Popen([DCORE, "-c", file, str(pid)], stdin=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    try:
+        yield dumper
+    finally:
+        dumper.kill()
+        dumper.communicate()
+
+
+@contextlib.contextmanager
+def traced(tid):
+    """A thread of a child, which runs; one that has ended is reaped."""
+    ptrace(PTRACE_SEIZE, tid)
+    try:
+        yield
+    finally:
+        with contextlib.suppress(AssertionError):   # when it has ended
+            ptrace(PTRACE_INTERRUPT, tid)
+        if os.WIFSTOPPED(os.waitpid(tid, WALL)[1]):
+            ptrace(PTRACE_DETACH, tid)
 
 
 def kernel_xstate(pid):
@@ -529,7 +559,7 @@ def test_signals_that_arrive_during_a_dump_are_all_handled_after_it(start, hold)
         held = is_held(target.pid)
         dumper.end()
         # A usual signal counts once, however often it is sent before it is handled.
-        wait_for(lambda: status_field(target.pid, "ShdPnd").strip("0") == "", "handled")
+        wait_for(lambda: not pending(target.pid), "handled")
         return held
 
     wait_for(held_all_the_time, "held all the time")
@@ -600,12 +630,11 @@ def test_program_that_does_not_come_to_its_start_is_given_up(start):
     """Its new image waits until the thread that we trace has been reaped, and no tracer gets in until then."""
     target = start("exec_when_told", 1)
     [thread] = [int(tid) for tid in os.listdir(f"/proc/{target.pid}/task") if int(tid) != target.pid]
-    ptrace(PTRACE_SEIZE, thread)
-    target.stdin.write(b"x")
-    target.stdin.flush()
-    wait_for(lambda: process_stat(thread)[0] == "Z", "ended")
-    assert refusal(target.pid) == "is starting another program and does not come to an end of it"
-    assert os.waitpid(thread, WALL)[0] == thread
+    with traced(thread):
+        target.stdin.write(b"x")
+        target.stdin.flush()
+        wait_for(lambda: process_stat(thread)[0] == "Z", "ended")
+        assert refusal(target.pid) == "is starting another program and does not come to an end of it"
     wait_for(lambda: target.stdout.readline() == b"ready\n", "started")
     out, _ = target.communicate(b"x", timeout=PATIENCE)
     assert out == b"1 0\n"
@@ -685,14 +714,13 @@ def test_call_goes_on_waiting_when_the_dumper_is_ended_at_any_moment(start):
 def test_process_goes_on_while_the_dumper_waits_for_a_reader(start, tmp_path):
     target = start("signals", 1)
     os.mkfifo(tmp_path / "core")
-    dumper = subprocess.Popen([DCORE, "-c", tmp_path / "core", str(target.pid)], stderr=subprocess.PIPE)
-    wait_for(lambda: process_stat(dumper.pid)[0] == "S", "waiting")
-    target.send_signal(signal.SIGUSR1)
-    wait_for(lambda: status_field(target.pid, "ShdPnd").strip("0") == "", "handled")
-    assert_free(target.pid)
-    content = (tmp_path / "core").read_bytes()
-    _, control = dumper.communicate(timeout=PATIENCE)
-    assert len(content) == announced(control)[0]
+    with dumping(target.pid, tmp_path / "core") as dumper:
+        wait_for(lambda: process_stat(dumper.pid)[0] == "S", "waiting")
+        target.send_signal(signal.SIGUSR1)
+        wait_for(lambda: process_stat(target.pid)[0] == "S" and not pending(target.pid), "handled")
+        assert_free(target.pid)
+        content = (tmp_path / "core").read_bytes()
+        assert len(content) == announced(dumper.stderr.read())[0]
     assert target.communicate(timeout=PATIENCE)[0] == b"1 0\n"
 
 
@@ -783,30 +811,34 @@ def test_thread_that_is_no_process(start):
 
 def test_process_that_is_traced_for_long(start):
     target = start("threads", 0)
-    ptrace(PTRACE_SEIZE, target.pid)
-    began = time.monotonic()
-    assert refusal(target.pid) == f"is traced already, by process {os.getpid()}"
-    assert time.monotonic() - began >= 6
+    with traced(target.pid):
+        began = time.monotonic()
+        assert refusal(target.pid) == f"is traced already, by process {os.getpid()}"
+        assert time.monotonic() - began >= 6
+
+
+def stays_stopped(pid):
+    """For longer than the dumper takes to look again."""
+    return all(process_stat(pid)[0] in "tT" and time.sleep(0.01) is None for _ in range(20))
 
 
 def test_process_is_dumped_when_its_tracer_has_gone_and_runs_until_then(start):
     """One thread is traced; the dumper has the others already, and they handle their signals."""
     target = start("exec_when_told", 1)
     [thread] = [int(tid) for tid in os.listdir(f"/proc/{target.pid}/task") if int(tid) != target.pid]
-    ptrace(PTRACE_SEIZE, thread)
-    dumper = subprocess.Popen([DCORE, "-c", "/dev/null", str(target.pid)], stderr=subprocess.PIPE)
-    wait_for(lambda: status_field(target.pid, "TracerPid") == str(dumper.pid), "waiting")
-    target.send_signal(signal.SIGWINCH)
-    target.send_signal(signal.SIGSTOP)
-    wait_for(lambda: process_stat(target.pid)[0] in "tT", "stopped")
-    target.send_signal(signal.SIGCONT)
-    wait_for(lambda: status_field(target.pid, "State")[0] == "S", "going on")
-    assert dumper.poll() is None
-    ptrace(PTRACE_INTERRUPT, thread)
-    os.waitpid(thread, WALL)
-    ptrace(PTRACE_DETACH, thread)
-    _, control = dumper.communicate(timeout=PATIENCE)
-    assert dumper.returncode == 0 and announced(control)[0] > 0
+    with contextlib.ExitStack() as tracer:
+        tracer.enter_context(traced(thread))
+        with dumping(target.pid, "/dev/null") as dumper:
+            wait_for(lambda: status_field(target.pid, "TracerPid") == str(dumper.pid), "waiting")
+            target.send_signal(signal.SIGWINCH)
+            target.send_signal(signal.SIGSTOP)
+            wait_for(lambda: stays_stopped(target.pid), "stopped")
+            target.send_signal(signal.SIGCONT)
+            wait_for(lambda: process_stat(target.pid)[0] == "S", "going on")
+            assert dumper.poll() is None
+            tracer.close()
+            assert announced(dumper.stderr.read())[0] > 0
+            assert dumper.wait(PATIENCE) == 0
     assert_free(target.pid)
 
 
