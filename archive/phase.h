@@ -1,7 +1,7 @@
 // The time limit of an archive's phases: the guard against a member that hangs.
 //
-// It is the process' one alarm(2). Nobody handles its signal, so a phase that makes no progress for
-// phase_seconds ends the process.
+// It is the process's one alarm(2), whose signal ends the process: a phase that makes no progress for
+// phase_seconds does so.
 #pragma once
 
 constexpr unsigned phase_seconds = 300;

@@ -23,6 +23,11 @@ constexpr int receive_limit = 4095;
 // end the daemon. One that is slow but goes on reading is served to the end.
 constexpr unsigned stalled_browser_ms = 120000;
 
+// A writer that waits for space goes on when the browser has taken about this much more. By itself the kernel
+// lets it wait until a third of the send buffer is free, which grows to megabytes: a browser that reads 1
+// kB/s would seem to stand still for longer than an archive's phase may take.
+constexpr int unsent_limit = 65536;
+
 // The pause after a failure that leaves the connection in the queue, such as no descriptor being free:
 // without it the loop would spin until a worker has ended.
 constexpr useconds_t exhausted_pause_us = 10000;
@@ -39,8 +44,9 @@ void prepare_connection(int fd) {
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
     int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    // Fails harmlessly where the connection is not TCP.
+    // These fail harmlessly where the connection is not TCP.
     setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &stalled_browser_ms, sizeof stalled_browser_ms);
+    setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsent_limit, sizeof unsent_limit);
 }
 
 // Pauses when the last call failed for want of something that only time brings back.

@@ -155,6 +155,8 @@ TEST_F(listener, lets_no_tcp_browser_stall_it_for_ever) {
     round();
     EXPECT_EQ(option_of(server.get(), SOL_SOCKET, SO_KEEPALIVE), 1);
     EXPECT_EQ(option_of(server.get(), IPPROTO_TCP, TCP_USER_TIMEOUT), 120000);
+    EXPECT_EQ(option_of(server.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT), 65536)
+        << "a writer sees a slow reader's progress";
 }
 
 TEST_F(listener, serves_a_tcp_browser) {
