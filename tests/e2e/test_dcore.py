@@ -679,6 +679,25 @@ def kill_dumper(pid, rng, longest, number):
     dumper.wait()
 
 
+@contextlib.contextmanager
+def stream_of_signals(pid):
+    """Sends signals all the time; their number is in the list that it gives."""
+    sent, ended = [0], threading.Event()
+
+    def send():
+        while not ended.wait(0.0002):
+            queue_signals(pid, 1)
+            sent[0] += 1
+
+    thread = threading.Thread(target=send)
+    thread.start()
+    try:
+        yield sent
+    finally:
+        ended.set()
+        thread.join()
+
+
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGKILL])
 def test_dumper_that_is_killed_at_any_moment_does_no_harm(start, number):
     rng = random.Random(number)
@@ -688,14 +707,14 @@ def test_dumper_that_is_killed_at_any_moment_does_no_harm(start, number):
     run_dcore(many.pid)
     longest = (time.monotonic() - began) * 2
     targets = [busy, many, execs, stopped]
-    for i in range(100):
-        queue_signals(busy.pid, 3)
-        kill_dumper(targets[i % 4].pid, rng, longest, number)
+    with stream_of_signals(busy.pid) as sent:
+        for i in range(100):
+            kill_dumper(targets[i % 4].pid, rng, longest, number)
     for target in targets:
         assert target.poll() is None
         assert_free(target.pid, "T" if target is stopped else "SRD")
     stopped.send_signal(signal.SIGCONT)
-    assert busy.communicate(timeout=PATIENCE)[0] == b"0 300\n"
+    assert sent[0] > 100 and busy.communicate(timeout=PATIENCE)[0] == f"0 {sent[0]}\n".encode()
     for target in (many, stopped):
         target.communicate(timeout=PATIENCE)
         assert target.returncode == 0
