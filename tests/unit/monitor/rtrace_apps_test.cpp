@@ -24,6 +24,8 @@ namespace {
 using namespace std::chrono_literals;
 using clock_type = std::chrono::steady_clock;
 
+constexpr auto patience = 20s;  // of a busy machine
+
 constexpr unsigned all_apps = rtrace_iostat | rtrace_pellora | rtrace_event | rtrace_pidstat;
 
 std::string content(const std::string& path) {
@@ -277,7 +279,7 @@ TEST_F(rtrace_programs, are_not_read_with_a_negative_interval) {
         rtrace_apps* block = start(rtrace_pidstat, interval);
         auto begun = clock_type::now();
         EXPECT_FALSE(rtrace_read_apps(*trace_, *block));
-        EXPECT_LT(clock_type::now() - begun, 1s);
+        EXPECT_LT(clock_type::now() - begun, patience);
         end(block);
     }
 }
@@ -288,7 +290,7 @@ TEST_F(rtrace_programs, are_not_waited_for_when_the_client_has_gone) {
     client_.a.reset();
     auto begun = clock_type::now();
     EXPECT_FALSE(rtrace_read_apps(*trace_, *block));
-    EXPECT_LT(clock_type::now() - begun, 1s);
+    EXPECT_LT(clock_type::now() - begun, patience);
     end(block);
 }
 
@@ -302,7 +304,7 @@ TEST_F(rtrace_programs, that_ignore_sigterm_are_killed_after_their_time) {
     end(block);
     auto took = clock_type::now() - begun;
     EXPECT_GE(took, std::chrono::milliseconds(rtrace_app_patience_ms));
-    EXPECT_LT(took, std::chrono::milliseconds(rtrace_app_patience_ms + 2000));
+    EXPECT_LT(took, std::chrono::milliseconds(rtrace_app_patience_ms) + patience);
     EXPECT_FALSE(is_alive(pid));
     EXPECT_TRUE(has_no_children());
 }
