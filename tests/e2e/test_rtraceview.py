@@ -13,6 +13,7 @@ import subprocess
 import pytest
 
 from rtrace_records import DISKINFO, EVENT, GROUP, HEADER, MEMINFO, count, read_until
+from test_webfront_faults import faults, library  # noqa: F401
 from zarvo_e2e import BIN, PATIENCE, SANITIZE, download_head, without_trace_programs
 
 NEEDS_SANDBOX = True
@@ -188,6 +189,17 @@ def test_live_pipe_is_shown_as_it_comes():
                 text += viewer.stdout.read(1 << 16)
         viewer.stdin.close()
         assert viewer.wait(PATIENCE) == 0
+
+
+def test_failed_allocation_is_said(small, faults):
+    said = set()
+    for number in range(1, 40):
+        faults["countdown"] = number
+        words = ["--html", "page" * 10, small.parent / ("missing" * 10)]
+        done = subprocess.run([BIN / "rtraceview", *words], capture_output=True, timeout=PATIENCE)
+        assert done.returncode == 2 and done.stdout == b"", f"allocation {number}: {done}"
+        said.add(done.stderr)
+    assert b"rtraceview: std::bad_alloc\n" in said
 
 
 def test_memory_does_not_grow_with_the_trace(trace):
