@@ -37,7 +37,8 @@ struct strace_ctx {
     void* cookie;         // for both; a descriptor number in the place of a pointer will do
     strace_names* names;  // set by do_strace for its duration
     uint32_t flags;       // what is reported
-    pid_t* pids;          // entries become -1 when their process is gone or was not traced; -1 is skipped
+    pid_t* pids;          // entries become -1 when their process is gone or was not traced; -1 is skipped.
+                          // A thread that calls exec takes the number of its process, and so does its entry
     int32_t nr_pids;
     int32_t seconds;   // time limit; none when below 1
     int32_t attached;  // not 0: the processes are children of the caller that stopped for it as their tracer
@@ -45,6 +46,10 @@ struct strace_ctx {
     int32_t bufsize;
 };
 
+// While a stop signal is on its way to a process, which is so for a moment when it is attached to and when it
+// is let go, the end of this program by a signal is held (ending_held): the signal would stop the process for
+// good.
+//
 // Traces until the processes are gone, the time is up or the callback asks to stop, and lets those go that
 // are left. Nothing is returned; a process that can't be traced is left out. Only one trace runs at a time in
 // this program: others wait. The time limit is a child of the calling thread that runs /bin/sleep; without it

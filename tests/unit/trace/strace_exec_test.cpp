@@ -87,7 +87,7 @@ TEST(strace_exec, thread_that_execs_goes_on_when_all_threads_are_traced) {
             std::ranges::rotate(trace.pids, trace.pids.begin() + round % 3);
             run_with_exec(&process, &trace);
             EXPECT_TRUE(trace.has("exit_group(5)\n")) << trace.text;
-            EXPECT_EQ(trace.pids, (std::vector<pid_t>{-1, -1, -1}));
+            EXPECT_EQ(trace.pids, std::vector<pid_t>(trace.pids.size(), -1));
             process.end_if_left();
         }
     }
