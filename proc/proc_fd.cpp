@@ -153,6 +153,7 @@ int proc_nr_fd2_at(const char* root, pid_t pid, int* sockets, int* pipes) {
         counts.all++;
         if (links_wanted && !count_link(dirfd(dir.get()), entry->d_name, &counts) &&
             restarts++ < proc_fd_restarts) {
+            dir.reset();  // first, since there may be no second descriptor
             dir = open_fd_dir(root, pid);
         }
     }

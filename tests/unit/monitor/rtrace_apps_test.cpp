@@ -14,10 +14,10 @@
 #include "monitor/rtrace.h"
 #include "monitor/rtrace_wait.h"
 #include "proc/proc_list.h"
-#include "tests/unit/monitor/few_fds.h"
 #include "tests/unit/monitor/rtrace_records.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/few_fds.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <thread>
 
 #include "monitor/rtrace_apps.h"
-#include "tests/unit/monitor/few_fds.h"
 #include "tests/unit/monitor/rtrace_records.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/few_fds.h"
 
 namespace {
 

@@ -16,6 +16,7 @@
 
 #include "proc/socket_cache.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/few_fds.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/temp_dir.h"
 
@@ -207,6 +208,14 @@ TEST_F(proc_nr_fd2_tree, unreadable_link_starts_again_and_counts_on_but_not_for_
     int sockets = -5;
     EXPECT_EQ(count(&sockets, nullptr), proc_fd_restarts + 1);
     EXPECT_EQ(sockets, 0);
+}
+
+TEST_F(proc_nr_fd2_tree, one_free_descriptor_is_enough_to_start_again) {
+    dir_.write_file("5/fd/0", "");
+    const few_fds_left only(1);
+    EXPECT_EQ(count(nullptr, nullptr), 1);
+    int sockets = -5;
+    EXPECT_EQ(count(&sockets, nullptr), proc_fd_restarts + 1);
 }
 
 TEST_F(proc_nr_fd2_tree, unknown_process_has_none) {
