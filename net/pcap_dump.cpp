@@ -266,7 +266,8 @@ frame_time end_of_time(const capture& c) {
     timeval now;
     gettimeofday(&now, nullptr);
     const int64_t end_us = std::max<int64_t>(int64_t{now.tv_sec} * 1000000 + now.tv_usec - late_us, 0);
-    return {static_cast<uint32_t>(end_us / 1000000), static_cast<uint32_t>(end_us % 1000000)};
+    const int64_t end_s = end_us / 1000000;  // the remainder of 64 bits would be 1 KiB of code on MIPS
+    return {static_cast<uint32_t>(end_s), static_cast<uint32_t>(end_us - end_s * 1000000)};
 }
 
 // Whether the capture is to stop, or the interface of its ring has gone.
@@ -357,8 +358,8 @@ uint64_t useful_ring_size(const pcap_dump_options& options) {
     if (options.max_total == 0) {
         return UINT64_MAX;
     }
-    const uint64_t smallest_record = sizeof(pcap_record_header) + uint64_t{std::max(options.snaplen, 1u)};
-    return frame_ring_size(static_cast<unsigned>(options.max_total / smallest_record),
+    const uint32_t smallest_record = sizeof(pcap_record_header) + std::clamp(options.snaplen, 1u, 65535u);
+    return frame_ring_size(options.max_total / smallest_record,
                            options.duration != 0 ? options.duration : INT_MAX);
 }
 

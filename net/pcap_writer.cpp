@@ -9,9 +9,8 @@
 
 namespace {
 
-constexpr uint32_t zero_piece = 1536;
 constexpr int zero_pieces = 22;  // enough for the largest padding record
-char zeros[zero_piece];          // never written to
+char zeros[pcap_zeros_size];     // never written; not const, so that it takes no space in the executable
 
 iovec piece_of(const void* bytes, size_t size) {
     return {const_cast<void*>(bytes), size};
@@ -22,7 +21,7 @@ iovec piece_of(const void* bytes, size_t size) {
 int lay_out_zeros(iovec (&pieces)[zero_pieces], uint64_t* count) {
     int used = 0;
     while (*count > 0 && used < zero_pieces) {
-        size_t size = static_cast<size_t>(std::min<uint64_t>(*count, zero_piece));
+        size_t size = static_cast<size_t>(std::min<uint64_t>(*count, pcap_zeros_size));
         pieces[used++] = piece_of(zeros, size);
         *count -= size;
     }
@@ -79,6 +78,10 @@ bool pcap_write_file_header(pcap_writer* out) {
     static constexpr pcap_file_header header;
     iovec piece = piece_of(&header, sizeof header);
     return pcap_write(out, &piece, 1);
+}
+
+const void* pcap_zeros() {
+    return zeros;
 }
 
 bool pcap_write_zeros(pcap_writer* out, uint64_t count) {

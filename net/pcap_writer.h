@@ -26,6 +26,10 @@ bool pcap_write_file_header(pcap_writer* out);
 // Writes `count` pieces, in one call of the system where it takes all of them; the pieces are used up.
 bool pcap_write(pcap_writer* out, iovec* pieces, int count);
 
+// Zero bytes that records may point to.
+constexpr uint32_t pcap_zeros_size = 1536;
+const void* pcap_zeros();
+
 bool pcap_write_zeros(pcap_writer* out, uint64_t count);
 
 // Fills the stream up to `total` bytes; nothing when it is as long already.

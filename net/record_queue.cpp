@@ -39,7 +39,7 @@ bool record_queue_write(record_queue* queue, pcap_writer* out) {
 }
 
 bool record_queue_add(record_queue* queue, pcap_writer* out, captured_frame frame, unsigned snaplen) {
-    static constexpr uint8_t zeros[pcap_frame_limit] = {};
+    static_assert(pcap_frame_limit <= pcap_zeros_size);
     unsigned length = snaplen != 0 ? snaplen : frame.length;
     unsigned recorded = std::min(length, frame.length);
     unsigned missing = length - recorded;
@@ -51,7 +51,7 @@ bool record_queue_add(record_queue* queue, pcap_writer* out, captured_frame fram
     } else {
         add_piece(queue, frame.bytes, recorded);
     }
-    add_piece(queue, zeros, short_of);
+    add_piece(queue, pcap_zeros(), short_of);
     return missing == short_of ||
            (record_queue_write(queue, out) && pcap_write_zeros(out, missing - short_of));
 }
