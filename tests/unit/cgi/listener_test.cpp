@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <fstream>
 #include <vector>
 
 #include "cgi/waiting_browser.h"
@@ -28,16 +27,6 @@ sockaddr_un address_of(const std::string& path) {
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     return address;
-}
-
-// The first thread waits in a system call.
-bool is_asleep(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string number;
-    std::string name;
-    std::string state;
-    file >> number >> name >> state;
-    return state == "S";
 }
 
 // Both control sockets, real, in a folder of their own. An archive is always being made already.
@@ -399,7 +388,7 @@ std::string said_by_a_listener(const listener_options& options, int descriptor_l
         run_listener(options);
         return 0;
     });
-    meanwhile(pid);
+    meanwhile(pid, said.out.get());
     EXPECT_EQ(kill(pid, SIGKILL), 0);
     EXPECT_TRUE(killed_by(wait_status(pid), SIGKILL)) << "it came to an end";
     return said.finish();
@@ -407,20 +396,24 @@ std::string said_by_a_listener(const listener_options& options, int descriptor_l
 
 TEST_F(listener, goes_on_after_a_wait_that_was_interrupted) {
     scoped_signal handled(SIGUSR2, count_signal);
-    std::string said = said_by_a_listener({cgi.get(), segfault.get(), dumps.c_str()}, 0, [&](pid_t pid) {
-        ASSERT_TRUE(eventually([pid] { return is_asleep(pid); }));
-        EXPECT_EQ(kill(pid, SIGUSR2), 0);
-        browser client;
-        post(client, nonsense);
-        EXPECT_EQ(client.answer(), bad_request_answer);
-    });
-    EXPECT_EQ(said, "select: Interrupted system call\n");
+    std::string said =
+        said_by_a_listener({cgi.get(), segfault.get(), dumps.c_str()}, 0, [&](pid_t pid, int fd) {
+            // Again, since the first may come before the wait.
+            ASSERT_TRUE(eventually([&] {
+                pollfd line = {fd, POLLIN, 0};
+                return syscall(SYS_tgkill, pid, pid, SIGUSR2) == 0 && poll(&line, 1, 10) == 1;
+            }));
+            browser client;
+            post(client, nonsense);
+            EXPECT_EQ(client.answer(), bad_request_answer);
+        });
+    EXPECT_TRUE(said.starts_with("select: Interrupted system call\n")) << said;
 }
 
 TEST_F(listener, pauses_when_it_can_not_wait) {
     // Fewer descriptors than sockets to wait for: poll(2) fails for good.
     std::string said = said_by_a_listener({cgi.get(), segfault.get(), dumps.c_str()}, 1,
-                                          [](pid_t) { poll(nullptr, 0, 1000); });
+                                          [](pid_t, int) { poll(nullptr, 0, 1000); });
     const std::string line = "select: Invalid argument\n";
     EXPECT_TRUE(said.starts_with(line)) << said;
     EXPECT_LT(said.size(), 100 * line.size());
