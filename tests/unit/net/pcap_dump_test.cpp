@@ -28,7 +28,7 @@
 
 namespace {
 
-std::atomic<int64_t> set_forward_s = 0;
+std::atomic<int> set_forward_s = 0;
 
 }  // namespace
 
