@@ -46,6 +46,7 @@ bool write_to_archive(void* cookie, const void* data, size_t length) {
 int copy_core(dump_run* run, tar_handle* t, const char* name, int core_length) {
     tar_addfile(t, name, core_length);
     const int64_t copied = dump_copy_core(run, {write_to_archive, t, core_length});
+    phase_progress();  // the end of the core may come long after its last byte
     int result = 0;
     if (copied == core_length) {
         dump_discard(run);

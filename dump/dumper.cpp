@@ -299,13 +299,17 @@ int64_t dump_copy_core(dump_run* run, const core_sink& sink) {
             keep_messages(run, block, take(&run->control, block));
         }
         if (output.has_data) {
+            // What nobody wants is no progress: one that writes it for ever hangs as well.
+            const bool is_wanted = copied < sink.limit;
             size_t length = take(&run->data, block);
             if (give(sink, copied, block, length)) {
                 copied += static_cast<int64_t>(length);
             } else if (errno == EPIPE) {
                 return -1;
             }
-            limit = deadline(dumper.patience_ms);  // the time that the reader took is not the dumper's
+            if (is_wanted) {
+                limit = deadline(dumper.patience_ms);  // the time that the reader took is not the dumper's
+            }
         }
     }
     return copied;

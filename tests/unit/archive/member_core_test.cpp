@@ -445,7 +445,7 @@ long limit_left() {
 // A dumper may take its whole patience for each of its steps, so that two of them take longer than the limit.
 TEST_F(dump_one_of, each_step_of_the_dumper_renews_the_time_limit) {
     fake_dumper dumper("gate() { read line < \"${0%/*}/gate\"; }\n" + announce(4) +
-                       "gate; printf core; exec >&-; gate; exec 2>&-; gate");
+                       "gate; printf core; gate; exec >&-; gate; exec 2>&-; gate");
     const std::string gate = dumper.path("gate");
     ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
     auto open_gate = [&gate] {
@@ -459,6 +459,9 @@ TEST_F(dump_one_of, each_step_of_the_dumper_renews_the_time_limit) {
         alarm(20);
         open_gate();
         EXPECT_TRUE(eventually(is_renewed)) << "by the core";
+        alarm(20);
+        open_gate();
+        EXPECT_TRUE(eventually(is_renewed)) << "by the end of the core";
         alarm(20);
         open_gate();
         EXPECT_TRUE(eventually(is_renewed)) << "by the end of all output";

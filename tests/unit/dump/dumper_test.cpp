@@ -314,6 +314,17 @@ TEST_F(dump_copy, counts_what_comes_after_the_limit_and_drops_it) {
     }
 }
 
+TEST_F(dump_copy, kills_a_dumper_that_goes_on_for_ever_after_the_limit) {
+    fake_dumper dumper("while :; do printf rest; sleep 0.01; done", 300);
+    test_sink sink;
+    dump_run run;
+    ASSERT_TRUE(dump_start(some_pid, &run));
+    EXPECT_EQ(capture_stderr([&] { EXPECT_GE(dump_copy_core(&run, sink.up_to(4)), 4); }), killed_line());
+    EXPECT_EQ(content_of(sink.file.get()), "rest");
+    dump_discard(&run);
+    EXPECT_FALSE(dump_end(&run));
+}
+
 TEST_F(dump_copy, keeps_what_was_said_meanwhile_in_its_order) {
     fake_dumper dumper(say("one\ntwo\n") + "head -c 100000 /dev/zero\n" + say("three\n") + "exec >&-\n" +
                        say("four\n"));
