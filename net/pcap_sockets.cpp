@@ -225,6 +225,7 @@ pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fpr
 }
 
 void pcap_close_sockets(pcap_sockets* sockets) {
+    const int why_it_ended = errno;
     for (int i = 0; i < sockets->count; i++) {
         pcap_socket& each = sockets->all[i];
         ifreq now;
@@ -233,4 +234,5 @@ void pcap_close_sockets(pcap_sockets* sockets) {
         each.fd.reset();  // the filter goes with it
     }
     sockets->count = 0;
+    errno = why_it_ended;
 }

@@ -37,7 +37,7 @@ pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fpr
                                uint64_t ring_size = UINT64_MAX);
 
 // Switches promiscuous mode off, whatever it was before the capture and whatever the interfaces are called by
-// now, and closes the sockets.
+// now, and closes the sockets. Leaves errno alone: it may say why the capture ended.
 void pcap_close_sockets(pcap_sockets* sockets);
 
 // Switches promiscuous mode of the interface `name`; nothing when its state can't be read. Reports nothing.

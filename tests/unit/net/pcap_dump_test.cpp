@@ -1,5 +1,6 @@
 #include "net/pcap_dump.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
@@ -629,8 +630,11 @@ NETWORK_TEST(pcap_dump, without_limits_it_ends_when_the_browser_goes) {
 
 NETWORK_TEST(pcap_dump, full_disk_fails) {
     unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
-    char names[] = "near0";
-    EXPECT_EQ(pcap_dump(names, full.get(), 0, 0, 1000, 1, nullptr), -1);
+    for (std::string name : {"near0", "any"}) {
+        errno = 0;
+        EXPECT_EQ(pcap_dump(name.data(), full.get(), 0, 0, 1000, 1, nullptr), -1);
+        EXPECT_EQ(errno, ENOSPC) << name;
+    }
     EXPECT_FALSE(is_promiscuous("near0"));
 }
 
