@@ -293,7 +293,7 @@ def test_the_first_page_links_to_what_the_daemon_offers(front):
     assert "\r\nContent-Type: text/html; charset=utf-8" in head
     assert "\r\nX-Content-Type-Options: nosniff" in head
     assert "\r\nConnection: close" in head
-    assert f"\r\nContent-Length: {len(body)}" in head
+    assert f"\r\nContent-Length: {len(body.encode())}" in head
     for target in ("/debug.tgz", "/debug.tar", "/debugar.cgi?cmd=ps", "/debug.tgz?listen", "/debug.tgz?pop"):
         assert f'<a href="{target}">' in body
 
