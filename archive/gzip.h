@@ -1,11 +1,11 @@
 // The compressor of the archive pipeline.
 #pragma once
 
-// Compresses standard input onto standard output until the input ends, as one gzip member (RFC 1952) around a
-// raw deflate stream of the fastest level. A read error counts as the end of input. When a write fails,
-// standard input is closed and the rest is given up; nothing is reported.
+// Compresses standard input to standard output, as one gzip member (RFC 1952) with a raw deflate stream of
+// the fastest level. A read error counts as end of file. After a failed write it closes standard input and
+// returns; nothing is reported.
 //
-// `is_whole`, unless it is null, is asked at the end of the input: where it says no, or the input ended with
-// a read error, the member stays without its trailer, so that nobody takes it for a whole one. Returns 0 when
-// the member was written to its end, else the errno of why not.
+// `is_whole`, unless null, is called at end of file. If it returns false, or if a read failed, the trailer is
+// not written, so that the stream is recognisably incomplete. Returns 0 if the whole member was written, else
+// the errno of the failure.
 int stream_gzip(bool (*is_whole)(void* context) = nullptr, void* context = nullptr);

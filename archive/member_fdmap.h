@@ -5,6 +5,6 @@
 
 #include "archive/tar.h"
 
-// Stores what "/bin/ls -l" says of the descriptors of `pid`, its error messages included, as member `name`,
-// `fd` is the archive's descriptor. No member when there is no temporary file.
+// Stores the output of "/bin/ls -l" for the descriptors of `pid`, including its error messages, as member
+// `name`. `fd` is the archive's descriptor. If no temporary file can be made, there is no member.
 void proc_append_fdmap(tar_handle* t, const char* name, pid_t pid, int fd);

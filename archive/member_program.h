@@ -1,11 +1,11 @@
-// Archive members and downloads that are the output of a program.
+// Archive members and downloads made of a program's output.
 #pragma once
 
 #include "archive/tar.h"
 
-// Runs the oops log reader, and the server report script, into an unlinked temporary file in /tmp and stores
-// that as "oopslog" and "serverreport.txt". No member when there is no temporary file. Return 0, or 1 when
-// the output broke.
+// Run the oops log reader or the server report script with output to an unlinked temporary file in /tmp, and
+// store it as "oopslog" or "serverreport.txt". If no temporary file can be made, there is no member. Return
+// 0, or 1 if a write failed.
 int stream_oopslog(tar_handle* t, int fd);
 int stream_server_report(tar_handle* t, int fd);
 
@@ -17,5 +17,5 @@ struct program_member {
 };
 int stream_program(tar_handle* t, int fd, const program_member& member);
 
-// Writes the system's process list onto `fd`.
+// Writes the system's process list to `fd`.
 void stream_ps(int fd);

@@ -1,7 +1,7 @@
-// The one way of an archive's bytes to its reader.
+// Writes an archive's bytes. All of them go through here.
 //
-// Bytes go out in blocks, and each block that went out is progress of the archive's phase (archive/phase.h):
-// a slow reader that still reads is no hang. The error of the first write that fails stays in the handle.
+// Bytes are written in blocks. Each block counts as progress of the archive's phase (archive/phase.h), so a
+// slow reader does not look like a hang. The handle keeps the error of the first failed write.
 #pragma once
 
 #include <stddef.h>
@@ -9,19 +9,19 @@
 
 struct tar_handle;
 
-// Writes all of it. Returns false, with errno, when a write fails.
+// Writes all bytes. Returns false with errno set if a write fails.
 bool output_write(tar_handle* t, const void* data, size_t length);
 
-// Writes what can be written without blocking. Returns the number of bytes, or -1: EAGAIN when that is none
-// at the moment, EINTR, or the error of a broken output.
+// Writes as much as possible without blocking. Returns the number of bytes, or -1 with errno set: EAGAIN if
+// nothing can be written now, EINTR, or the error of the failed write.
 ssize_t output_write_some(tar_handle* t, const char* data, size_t length);
 
-// Writes `count` zero bytes, or characters of filler lines (common/padding.h). Return false when a write
+// Write `count` zero bytes, or `count` characters of filler lines (common/padding.h). Return false if a write
 // fails.
 bool output_pad(tar_handle* t, int count);
 bool output_pad_text(tar_handle* t, int count);
 
-// For bytes that another routine writes onto the handle's descriptor: some went out; a write failed, errno
-// says why.
+// For routines that write to the handle's descriptor themselves: report that bytes were written, or that a
+// write failed with errno.
 void output_progress();
 void output_failed(tar_handle* t);

@@ -1,16 +1,15 @@
-// The time limit of an archive's phases: the guard against a member that hangs.
+// The time limit of an archive's phases, which guards against a member that hangs.
 //
-// It is the process's one alarm(2), whose signal ends the process: a phase that makes no progress for
-// phase_seconds does so.
+// It uses the process's alarm(2): SIGALRM ends a process whose phase makes no progress for phase_seconds.
 #pragma once
 
 constexpr unsigned phase_seconds = 300;
 
-// Starts the limit anew.
+// Starts a new phase, with its full time.
 void phase_begin();
 
-// Output has gone out: a slow reader that still reads is no hang. Does nothing outside of an archive.
+// Restarts the limit after progress. Does nothing outside an archive.
 void phase_progress();
 
-// No limit any more.
+// Ends the last phase and the limit.
 void phase_end();

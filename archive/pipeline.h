@@ -1,15 +1,15 @@
-// The whole debug archive on a descriptor, compressed or plain. The caller's descriptors 0 to 2 must be open.
+// Writes whole debug archives, compressed or plain. The caller's descriptors 0 to 2 must be open.
 #pragma once
 
-// Writes the debug archive as tar inside gzip onto `fd` (borrowed); returns when it is complete and the
-// compressor, a child process, has been waited for. "pipes" or "fork" and the system's error go to standard
-// error when they fail, and nothing to `fd`. Returns 0 when the whole archive was written, else the errno of
-// why not; the gzip member has no trailer then.
+// Writes the debug archive to `fd` (borrowed), as tar inside gzip. Returns after the compressor, a child
+// process, has been reaped. If pipe or fork fails, writes "pipes" or "fork" and the system's error to
+// standard error and nothing to `fd`. Returns 0 if the whole archive was written, else the errno of the
+// failure; the gzip stream then has no trailer.
 int stream_tgz(int fd);
 
-// Writes the debug archive as plain tar onto `fd` (borrowed). Returns 0 or an errno, too.
+// Writes the debug archive to `fd` (borrowed), as plain tar. Returns 0 or an errno.
 int stream_tar(int fd);
 
-// Runs `build` with a pipe whose other end a child compresses onto `fd`; stream_tgz with another builder.
-// `build` gets `context`, the pipe (borrowed) and the compressor's pid, and returns 0 or an errno.
+// stream_tgz with another builder. `build` gets `context`, the write end of the compressor's pipe (borrowed)
+// and the compressor's pid, and returns 0 or an errno.
 int stream_compressed(int fd, int (*build)(void* context, int pipe_fd, int compressor_pid), void* context);

@@ -1,9 +1,9 @@
-// The local time as the names of an archive carry it.
+// The local time as it appears in an archive's names.
 #pragma once
 
 struct time_stamp {
     char text[64];  // "YYYYMMDD-HHMMSS"
 };
 
-// The present, in the time zone that the system has now: a daemon outlives a change of it.
+// The current time, in the system's current time zone, which may change while the daemon runs.
 time_stamp time_stamp_now();
