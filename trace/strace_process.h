@@ -1,4 +1,4 @@
-// What the engine knows of the processes of its trace.
+// The engine's state for each process of a trace.
 #pragma once
 
 #include "common/unique_fd.h"
@@ -7,67 +7,68 @@
 #include "trace/strace.h"
 
 struct strace_process {
-    char name[32];         // short name, ended by a NUL
+    char name[32];         // short name, ends in a NUL
     bool in_syscall;       // between the entry and the exit of a system call
-    bool own_child;        // of this program, whose end somebody else in it waits for
-    bool joining;          // attached to, the first stop still to come
-    bool attach_stop_due;  // the stop signal of the attach is still to come
-    bool sigcont_due;      // that signal was taken back, and the SIGCONT in its place is still to come
-    bool ready;            // has an event that is not dealt with
-    int event;             // the wait status of the last one
-    bool stopped;          // waited for and not resumed
+    bool own_child;        // a child of this program that another part of it reaps
+    bool joining;          // attached to, but not yet in its first stop
+    bool attach_stop_due;  // the attach's stop signal is still pending
+    bool sigcont_due;      // that signal was replaced by a SIGCONT, which is still pending
+    bool ready;            // has an event that was not handled yet
+    int event;             // the wait status of its last event
+    bool stopped;          // in a stop, not resumed
     pid_t process;         // the process that this thread belongs to
-    int fd_dir;            // its descriptor directory, while it is held open; else -1
-    bool released;         // let go, or given up
-    int undelivered;       // the signal with which it stopped, while it is so
-    arch_regs entry;       // registers of the last entry
-    arch_regs ret;         // and of the last exit
+    int fd_dir;            // its descriptor directory, if held open; else -1
+    bool released;         // detached or given up
+    int undelivered;       // the signal it stopped with, to be delivered when it is resumed
+    arch_regs entry;       // registers at the last entry
+    arch_regs ret;         // registers at the last exit
 };
 
 struct strace_names {
     int count = 0;
-    unique_malloc<strace_process> processes;  // one for each of the context's pids, and a blank one behind
+    unique_malloc<strace_process> processes;  // one for each of the context's pids, then a blank one
     unique_malloc<int> ready;                 // positions of the processes with an event
     unique_socket_cache sockets;
-    unique_malloc<char> pending;  // text that is to be written, strace_buffer_size bytes; null: none is kept
+    unique_malloc<char> pending;  // text not yet written, strace_buffer_size bytes; null: nothing is buffered
     int pending_length = 0;
 };
 
-// With more processes than this, their descriptor directories are not held open.
+// Descriptor directories are held open only for traces of at most this many processes.
 constexpr int strace_held_dirs = 16;
 
-// Passes text to the caller behind what is pending. Returns what the callback returned, 0 without one.
+// Writes the pending text, then `text`, through the callback. Returns the callback's result; 0 without a
+// callback.
 int32_t strace_write(strace_ctx* ctx, const char* text, int length);
 
-// Keeps text for the next strace_write_pending, or writes it: lines of processes that stopped at the same
-// time cost one write.
+// Buffers text for the next strace_write_pending, or writes it at once if there is no buffer. Lines of
+// processes that stopped together are then one write.
 void strace_write_later(strace_ctx* ctx, const char* text, int length);
 void strace_write_pending(strace_ctx* ctx);
 
 // Describes a descriptor of `pid` as proc_fdinfo_lookup does.
 int strace_describe_fd(const strace_ctx* ctx, pid_t pid, int fd, char* buf, size_t len);
 
-// The table entry of `pid`; the blank one, whose name is empty, when it is not in the list.
+// The table entry of `pid`; the blank one, whose name is empty, if `pid` is not in the list.
 strace_process* strace_find(const strace_ctx* ctx, pid_t pid);
 
-// The position of `pid` in the context's list; -1 when it is not there.
+// The position of `pid` in the context's list, or -1.
 int strace_index(const strace_ctx* ctx, pid_t pid);
 
-// The position of the process whose wait status is `status`, as strace_index. When it is the stop of an exec,
-// the thread that called it has taken the number of its process: its entry takes the number as well, and the
-// entry that had it is gone, as the thread is.
+// The position of the process that waitpid returned with `status`, or -1. If the status is an exec's stop,
+// the thread that called exec now has its process's id: its entry gets that id, and the entry that had the id
+// before becomes -1.
 int strace_index_of_event(strace_ctx* ctx, pid_t pid, int status);
 
-// The signal that a process which stopped with `status` is to get as it goes on; 0 for none.
+// The signal to deliver when a process that stopped with `status` is resumed; 0: none.
 int strace_signal_of_stop(strace_process* process, pid_t pid, int status);
 
-// Lets one process go. Stops it first if it is running; the stop signal of an attach may be on its way to it.
-// Returns false when it does not stop, since no signal reaches it: no stop signal is on its way then. The
-// entry becomes -1 when the process has ended.
+// Detaches one process. Stops it first if it is running; an attach's stop signal may be pending. Returns
+// false if it does not stop (uninterruptible sleep); no stop signal is pending then. The entry becomes -1 if
+// the process has ended.
 bool strace_release(strace_ctx* ctx, int index);
 
-// Lets all processes of the list go that are still traced: those that are stopped at once, the others one at
-// a time, so that the end of this program at any moment leaves no more than one stopped. A process that
-// sleeps where no signal reaches it, such as the parent of a vfork, is waited for when the others are free,
-// for 3 seconds at most: then only the end of the calling thread sets it free.
+// Detaches all processes that are still traced: first the stopped ones, then the others one at a time, so
+// that this program leaves at most one stopped whenever it ends. A process in an uninterruptible sleep, such
+// as the parent of a vfork, comes last, with at most 3 seconds for all of them; one that never stops is
+// detached by the end of the calling thread.
 void strace_release_all(strace_ctx* ctx);
