@@ -212,10 +212,15 @@ TEST_F(proc_nr_fd2_tree, unreadable_link_starts_again_and_counts_on_but_not_for_
 
 TEST_F(proc_nr_fd2_tree, one_free_descriptor_is_enough_to_start_again) {
     dir_.write_file("5/fd/0", "");
-    const few_fds_left only(1);
-    EXPECT_EQ(count(nullptr, nullptr), 1);
+    const std::string root = dir_.path();
     int sockets = -5;
-    EXPECT_EQ(count(&sockets, nullptr), proc_fd_restarts + 1);
+    int counted = -5;
+    {
+        const few_fds_left only(
+            1);  // no call of the fixture here: a sanitizer's check of it needs descriptors
+        counted = proc_nr_fd2_at(root.c_str(), 5, &sockets, nullptr);
+    }
+    EXPECT_EQ(counted, proc_fd_restarts + 1);
 }
 
 TEST_F(proc_nr_fd2_tree, unknown_process_has_none) {
