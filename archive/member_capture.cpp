@@ -42,7 +42,7 @@ int32_t capture(int fd, const char* interface, int seconds, unsigned max_bytes, 
                            .progress = progress});
 }
 
-// A capture that could not be made, for want of memory or of an interface, is zeros.
+// A capture that fails, because memory or an interface is missing, is stored as zeros.
 int store_capture(tar_handle* t, const char* interface, int seconds, unsigned max_bytes, int filter_fd) {
     tar_addfile(t, "netdump.cap", member_size(max_bytes));
     bool has_begun = false;

@@ -24,7 +24,7 @@ constexpr int name_attempts = 16;
 
 using unique_text = unique_malloc<char>;
 
-// `path` with the mark and the blanks behind it; null when there is no memory for it.
+// `path` followed by the mark and the blanks; null if memory runs out.
 unique_text sibling_template(std::string_view path) {
     size_t length = path.size() + mark.size() + blanks.size();
     unique_text name(static_cast<char*>(malloc(length + 1)));

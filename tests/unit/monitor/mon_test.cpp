@@ -13,7 +13,7 @@
 #include "tests/unit/monitor/fixture_tree.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
-#include "tests/unit/support/refused_calls.h"
+#include "tests/unit/support/failing_calls.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
@@ -22,9 +22,9 @@ constexpr int pid = 7000000;
 
 bool refuse_poll() {
 #ifdef SYS_ppoll_time64
-    return refuse_calls({SYS_ppoll, SYS_ppoll_time64}, ENOMEM);
+    return fail_calls({{SYS_ppoll, ENOMEM}, {SYS_ppoll_time64, ENOMEM}});
 #else
-    return refuse_calls({SYS_ppoll}, ENOMEM);
+    return fail_calls({{SYS_ppoll, ENOMEM}});
 #endif
 }
 

@@ -20,7 +20,7 @@
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/effort.h"
-#include "tests/unit/support/refused_calls.h"
+#include "tests/unit/support/failing_calls.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
@@ -831,7 +831,7 @@ TEST(monitor_thread, ends_with_the_reason_when_it_may_not_be_idle) {
     int status = 0;
     std::string said = capture_stderr([&] {
         status = run_in_child([] {
-            if (!refuse_calls({SYS_sched_setscheduler}, EPERM)) {
+            if (!fail_calls({{SYS_sched_setscheduler, EPERM}})) {
                 return 77;
             }
             return monitor_thread_run(nullptr) == nullptr ? 0 : 1;

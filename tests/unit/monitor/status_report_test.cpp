@@ -15,7 +15,7 @@
 #include "tests/unit/monitor/fixture_tree.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
-#include "tests/unit/support/refused_calls.h"
+#include "tests/unit/support/failing_calls.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
@@ -202,7 +202,7 @@ TEST(status_report, without_a_proc_file_system_it_is_written_under_its_temporary
 TEST(status_report, waits_for_no_disk) {
     temp_dir dir;
     int status = run_in_child([&] {
-        if (!refuse_calls({SYS_fsync, SYS_fdatasync, SYS_sync, SYS_syncfs}, EIO)) {
+        if (!fail_calls({{SYS_fsync, EIO}, {SYS_fdatasync, EIO}, {SYS_sync, EIO}, {SYS_syncfs, EIO}})) {
             return no_filters;
         }
         return publish(dir.path("status"), "at once") == 0 ? 0 : 1;

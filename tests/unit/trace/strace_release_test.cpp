@@ -11,7 +11,7 @@
 
 #include "common/ending.h"
 #include "tests/unit/support/children.h"
-#include "tests/unit/support/failing_call.h"
+#include "tests/unit/support/failing_calls.h"
 #include "tests/unit/support/memory_limit.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/trace/tracees.h"
@@ -45,7 +45,7 @@ bool has_pending_stop(pid_t pid) {
 int failed_trace(pid_t pid, int request, int error) {
     return run_in_child([=] {
         alarm(60);
-        if (!make_call_fail(SYS_ptrace, static_cast<uint32_t>(request), static_cast<uint32_t>(error))) {
+        if (!fail_calls({{SYS_ptrace, error, static_cast<uint32_t>(request)}})) {
             return 77;
         }
         traced_text trace({pid});
