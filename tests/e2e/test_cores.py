@@ -55,6 +55,8 @@ class Victims:
     def add(self, name, script):
         """A process called `name`, for which the dumper runs `script`; returns its pid."""
         sleeper = subprocess.Popen([f"/zarvo-test/{name}", "1000"], executable="/bin/sleep")
+        # Popen returns when the descriptors for exec are closed, a moment before the new command line is there.
+        wait_for(lambda: name.encode() in pathlib.Path(f"/proc/{sleeper.pid}/cmdline").read_bytes(), "named")
         self.sleepers[name] = sleeper
         self.also_dumps(sleeper.pid, script)
         return sleeper.pid
