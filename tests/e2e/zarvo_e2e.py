@@ -64,6 +64,12 @@ PS_HEAD = download_head("text/plain", "psdump.txt")
 CORE_HEAD = download_head("application/octet-stream", "core")
 
 
+def without_leak_check():
+    """The environment of a program whose sanitizer is not to look for leaks at its exit: that takes descriptors, may
+    hang without them, and complains when the program is killed meanwhile."""
+    return dict(os.environ, ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0")
+
+
 def body_of(answer, head):
     """The body of an answer that must begin with exactly `head`."""
     assert answer[: len(head)] == head, answer[: len(head) + 200]
