@@ -23,10 +23,17 @@ CLONE_NEWNET = 0x40000000
 MARK = b"a datagram that no other test sends"
 
 
+def has_command_line(process):
+    """Popen returns when the descriptors for exec are closed, a moment before the new command line is there."""
+    with open(f"/proc/{process.pid}/cmdline", "rb") as file:
+        return file.read() != b""
+
+
 @contextlib.contextmanager
 def running(count, program):
     processes = [subprocess.Popen([program, "1000"]) for _ in range(count)]
     try:
+        wait_for(lambda: all(map(has_command_line, processes)), "named")
         yield [process.pid for process in processes]
     finally:
         for process in processes:
