@@ -444,12 +444,16 @@ long limit_left() {
 
 // A dumper may take its whole patience for each of its steps, so that two of them take longer than the limit.
 TEST_F(dump_one_of, each_step_of_the_dumper_renews_the_time_limit) {
-    fake_dumper dumper("gate() { read line < \"${0%/*}/gate\"; }\n" + announce(4) +
-                       "gate; printf core; gate; exec >&-; gate; exec 2>&-; gate");
-    const std::string gate = dumper.path("gate");
-    ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
-    auto open_gate = [&gate] {
-        unique_fd fifo(open(gate.c_str(), O_WRONLY | O_CLOEXEC));
+    // A gate for each step: the word for a second one could be lost in the pipe of a first that is still
+    // open.
+    fake_dumper dumper("gate() { read line < \"${0%/*}/gate$1\"; }\n" + announce(4) +
+                       "gate 1; printf core; gate 2; exec >&-; gate 3; exec 2>&-; gate 4");
+    auto gate = [&dumper](int number) { return dumper.path("gate" + std::to_string(number)); };
+    for (int number : {1, 2, 3, 4}) {
+        ASSERT_EQ(mkfifo(gate(number).c_str(), 0600), 0);
+    }
+    auto open_gate = [&gate](int number) {
+        unique_fd fifo(open(gate(number).c_str(), O_WRONLY | O_CLOEXEC));
         EXPECT_EQ(write(fifo.get(), "\n", 1), 1);
     };
     auto is_renewed = [] { return limit_left() > 290; };
@@ -457,16 +461,16 @@ TEST_F(dump_one_of, each_step_of_the_dumper_renews_the_time_limit) {
     std::thread watcher([&] {
         EXPECT_TRUE(eventually(is_renewed)) << "by the control line";
         alarm(20);
-        open_gate();
+        open_gate(1);
         EXPECT_TRUE(eventually(is_renewed)) << "by the core";
         alarm(20);
-        open_gate();
+        open_gate(2);
         EXPECT_TRUE(eventually(is_renewed)) << "by the end of the core";
         alarm(20);
-        open_gate();
+        open_gate(3);
         EXPECT_TRUE(eventually(is_renewed)) << "by the end of all output";
         alarm(20);
-        open_gate();
+        open_gate(4);
     });
     EXPECT_EQ(dump(), 0);
     watcher.join();
