@@ -241,7 +241,7 @@ const scenarios = {
         return found;
     },
 
-    // With a real daemon: an archive, and what is said to a second request during it.
+    // With a real daemon: an archive, and the answer to a second request during it.
     async archive(browser) {
         const page = await newPage(browser);
         await page.getByRole("button", {name: "Download debug.tar"}).click();

@@ -8,6 +8,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -20,6 +21,13 @@
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/tar_reader.h"
+
+// Seconds left of the phase's time limit.
+inline long limit_left() {
+    itimerval now = {};
+    getitimer(ITIMER_REAL, &now);
+    return now.it_value.tv_sec;
+}
 
 // As the program does at its start: a write to a reader that has gone fails instead of killing.
 inline void ignore_broken_pipes() {

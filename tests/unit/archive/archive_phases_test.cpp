@@ -122,13 +122,6 @@ bool read_more(int fd, size_t wanted) {
     return safe_read(fd, block.data(), static_cast<unsigned>(wanted)) == static_cast<ssize_t>(wanted);
 }
 
-// What is left of the limit, in seconds.
-long limit_left() {
-    itimerval now = {};
-    getitimer(ITIMER_REAL, &now);
-    return now.it_value.tv_sec;
-}
-
 }  // namespace
 
 // However slow the reader is: what it takes within the limit, this much at least, renews it.

@@ -431,17 +431,6 @@ TEST_F(dump_one_of, a_core_that_goes_out_renews_the_time_limit) {
     EXPECT_LE(left, 300u);
 }
 
-namespace {
-
-// What is left of the time limit, which goes on.
-long limit_left() {
-    itimerval now = {};
-    getitimer(ITIMER_REAL, &now);
-    return now.it_value.tv_sec;
-}
-
-}  // namespace
-
 // A dumper may take its whole patience for each of its steps, so that two of them take longer than the limit.
 TEST_F(dump_one_of, each_step_of_the_dumper_renews_the_time_limit) {
     // A gate for each step: the word for a second one could be lost in the pipe of a first that is still

@@ -33,7 +33,7 @@ protected:
     std::string describe(int fd, size_t room = 256) {
         std::string buf(room + 1, '#');
         length_ = proc_fdinfo_lookup_at(root(), 5, fd, buf.data(), room);
-        EXPECT_EQ(buf[room], '#') << "wrote behind the buffer";
+        EXPECT_EQ(buf[room], '#') << "wrote past the buffer";
         return buf.c_str();
     }
     int count(int* sockets, int* pipes) const { return proc_nr_fd2_at(root(), 5, sockets, pipes); }

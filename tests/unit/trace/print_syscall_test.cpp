@@ -53,7 +53,7 @@ protected:
         tracee_memory memory = memory_.view();
         syscall_view view = {42, "prog", &memory, describe, note_exit, this};
         length_ = print_syscall(view, &call, entry, room.data(), size);
-        EXPECT_EQ(room.back(), '#') << "wrote behind the buffer";
+        EXPECT_EQ(room.back(), '#') << "wrote past the buffer";
         EXPECT_EQ(call.write_back, 0);
         return room.c_str();
     }

@@ -30,7 +30,7 @@ std::string printed(Print print, size_t size) {
     syscall_record call = {1, 2, o32_getpid, {1, 2, 3, 4, 5, 6}, 5, 0};
     std::string room(size + 1, '#');
     int length = print(view, &call, room.data(), static_cast<int>(size));
-    EXPECT_EQ(room.back(), '#') << "wrote behind the buffer";
+    EXPECT_EQ(room.back(), '#') << "wrote past the buffer";
     std::string line = room.c_str();
     EXPECT_EQ(length, static_cast<int>(line.size()));
     return line;

@@ -13,7 +13,7 @@ std::string put_into(size_t size, Put put) {
     std::string room(size + 1, '#');
     text_line line = {room.data(), size};
     put(&line);
-    EXPECT_EQ(room[size], '#') << "wrote behind the buffer";
+    EXPECT_EQ(room[size], '#') << "wrote past the buffer";
     return room.substr(0, size);
 }
 

@@ -2,12 +2,12 @@
 //
 //   title        returns the request's name, made from its parameters and its path
 //   view         a class that shows what arrives; null: only the size is shown
-//   ended        what is said at a regular end
+//   ended        text at a regular end
 //   staysInPage  the view keeps the text and can save it; other kinds go into a file
 //   live         the view follows the last lines and can be paused
 //   endless      runs until it is stopped, and keeps what has arrived by then
-//   asking       what is said until an answer arrives
-//   silent       what is said after the head of the answer, until the first byte
+//   asking       text until an answer arrives
+//   silent       text after the head of the answer, until the first byte
 //   refused      returns what a 400 means, from the parameters
 //   unanswered   what it means that the connection ends without an answer
 //   expected     returns the number of bytes that will arrive, from the parameters
