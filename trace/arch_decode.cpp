@@ -1,7 +1,7 @@
-// What the decoders of all processors have in common.
+#include "trace/arch_decode.h"
+
 #include <algorithm>
 
-#include "trace/arch.h"
 #include "trace/strace.h"
 #include "trace/strace_process.h"
 #include "trace/syscall_names.h"
@@ -16,7 +16,7 @@ int describe_fd(const syscall_view& view, int fd, char* buf, size_t len) {
     return strace_describe_fd(static_cast<const strace_ctx*>(view.cookie), view.pid, fd, buf, len);
 }
 
-void entering_exit(const syscall_view& view, int code) {
+void report_exit(const syscall_view& view, int code) {
     strace_exit(static_cast<strace_ctx*>(view.cookie), view.pid, strace_exit_call, code, nullptr);
 }
 
@@ -50,8 +50,8 @@ int arch_dec_syscall(strace_ctx* ctx, pid_t pid, strace_process* process, char* 
         return -1;
     }
     tracee_memory memory = tracee_memory_of(pid);
-    arch_read_stack_args(memory, regs);
-    syscall_view view = {pid, process->name, &memory, describe_fd, entering_exit, ctx};
+    arch_read_stack_args(regs, memory);
+    syscall_view view = {pid, process->name, &memory, describe_fd, report_exit, ctx};
     syscall_record call = record_of(*regs, regs->number);
     int length = arch_print_syscall(view, &call, buf, size);
     if (call.write_back) {
@@ -68,13 +68,12 @@ int arch_dec_syscall_ret(strace_ctx* ctx, pid_t pid, strace_process* process, ch
     if (!has_name(regs->number)) {
         return -1;
     }
-    // Registers that can't be read leave the result -1; the line is printed all the same.
     if (!arch_read_regs(pid, ret)) {
         ret->result = -1;
     }
     tracee_memory memory = tracee_memory_of(pid);
     arch_regs shown = *regs;
-    arch_read_stack_args(memory, &shown);
+    arch_read_stack_args(&shown, memory);
     syscall_view view = {pid, process->name, &memory, describe_fd, nullptr, ctx};
     syscall_record call = record_of(shown, ret->result);
     int length = arch_print_syscall_ret(view, &call, buf, size);

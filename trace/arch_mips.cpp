@@ -48,7 +48,7 @@ bool arch_read_regs(pid_t pid, arch_regs* regs) {
     return true;
 }
 
-void arch_read_stack_args(const tracee_memory& memory, arch_regs* regs) {
+void arch_read_stack_args(arch_regs* regs, const tracee_memory& memory) {
     int64_t pair[2];
     tracee_word_pair(memory, static_cast<uint64_t>(regs->sp + stack_args), pair);
     regs->arg[register_args] = pair[0];

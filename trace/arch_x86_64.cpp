@@ -106,7 +106,7 @@ bool arch_read_regs(pid_t pid, arch_regs* regs) {
     return read_syscall_info(pid, regs) || read_general_regs(pid, regs);
 }
 
-void arch_read_stack_args(const tracee_memory& /*memory*/, arch_regs* /*regs*/) {}
+void arch_read_stack_args(arch_regs* /*regs*/, const tracee_memory& /*memory*/) {}
 
 void arch_writeback_sc(pid_t pid, syscall_record* call) {
     fputs("arch_writeback_sc", stdout);

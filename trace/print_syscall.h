@@ -5,17 +5,8 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include "trace/syscall_record.h"
 #include "trace/tracee_memory.h"
-
-// One stop at a system call. Values are sign-extended from the processor's words.
-struct syscall_record {
-    int64_t pc;
-    int64_t ra;      // where the caller of the calling function goes on
-    int64_t number;  // O32's, from 4000 on
-    int64_t arg[6];
-    int64_t result;  // at the entry: the number
-    int write_back;  // not 0: the record is to be written back into the process
-};
 
 // Where the printer finds what the registers only point to.
 struct syscall_view {

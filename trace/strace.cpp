@@ -13,20 +13,18 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <utility>
 
 #include "common/deadline.h"
 #include "common/ending.h"
 #include "common/signal_map.h"
 #include "common/sys_run.h"
 #include "proc/proc_list.h"
-#include "trace/arch.h"
+#include "trace/arch_decode.h"
 #include "trace/ptrace_ops.h"
 #include "trace/strace_process.h"
 
 namespace {
 
-constexpr int syscall_stop = SIGTRAP | 0x80;
 // Taken of the whole wait status, in which SIGTRAP itself sets one of these bits: every SIGTRAP stop that is
 // not a system call counts as an exit. Deliberate.
 constexpr int exit_mask = 0x600;
@@ -282,7 +280,7 @@ void handle_stop(trace_run* run, int index, int status) {
     int sig = WSTOPSIG(status);
     if (process.joining) {
         run->live -= !start(run, index, status);
-    } else if (sig == syscall_stop) {
+    } else if (sig == strace_syscall_stop) {
         handle_syscall(run, index);
         go_on(run, index, 0);
     } else if (sig == SIGTRAP && (status & exit_mask) != 0) {
@@ -451,50 +449,6 @@ void trace(strace_ctx* ctx) {
 }
 
 }  // namespace
-
-strace_process* strace_find(const strace_ctx* ctx, pid_t pid) {
-    int index = strace_index(ctx, pid);
-    return ctx->names->processes.get() + (index < 0 ? ctx->names->count : index);
-}
-
-int strace_index(const strace_ctx* ctx, pid_t pid) {
-    for (int i = 0; i < ctx->names->count; i++) {
-        if (ctx->pids[i] == pid) {
-            return i;
-        }
-    }
-    return -1;
-}
-
-int strace_index_of_event(strace_ctx* ctx, pid_t pid, int status) {
-    const int holder = strace_index(ctx, pid);
-    unsigned long former = 0;
-    if (!WIFSTOPPED(status) || status >> 16 != PTRACE_EVENT_EXEC ||
-        ptrace(PTRACE_GETEVENTMSG, pid, nullptr, &former) != 0) {
-        return holder;
-    }
-    const int index = strace_index(ctx, static_cast<pid_t>(former));
-    if (index < 0 || index == holder) {
-        return holder;
-    }
-    if (holder >= 0) {
-        ctx->pids[holder] = -1;
-    }
-    ctx->pids[index] = pid;
-    unique_fd closed(std::exchange(strace_find(ctx, pid)->fd_dir, -1));  // of the number that is gone
-    return index;
-}
-
-int strace_signal_of_stop(strace_process* process, pid_t pid, int status) {
-    if (WSTOPSIG(status) == syscall_stop || status >> 16 != 0) {
-        return 0;
-    }
-    if (process->sigcont_due && trace_is_own_sigcont(pid, status)) {
-        process->sigcont_due = false;
-        return 0;
-    }
-    return WSTOPSIG(status);
-}
 
 void do_strace(strace_ctx* ctx) {
     int count = ctx->nr_pids > 0 ? ctx->nr_pids : 0;

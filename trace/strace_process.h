@@ -1,6 +1,8 @@
 // The engine's state for each process of a trace.
 #pragma once
 
+#include <signal.h>
+
 #include "common/unique_fd.h"
 #include "proc/socket_cache.h"
 #include "trace/arch.h"
@@ -47,6 +49,9 @@ void strace_write_pending(strace_ctx* ctx);
 
 // Describes a descriptor of `pid` as proc_fdinfo_lookup does.
 int strace_describe_fd(const strace_ctx* ctx, pid_t pid, int fd, char* buf, size_t len);
+
+// The signal of a stop at a system call (PTRACE_O_TRACESYSGOOD).
+constexpr int strace_syscall_stop = SIGTRAP | 0x80;
 
 // The table entry of `pid`; the blank one, whose name is empty, if `pid` is not in the list.
 strace_process* strace_find(const strace_ctx* ctx, pid_t pid);

@@ -65,7 +65,7 @@ TEST(arch_writeback_sc, puts_number_and_arguments_of_the_record_into_the_process
     EXPECT_EQ(call.write_back, 0);
     arch_regs now = {};
     ASSERT_TRUE(arch_read_regs(child.pid(), &now));
-    arch_read_stack_args(tracee_memory_of(child.pid()), &now);
+    arch_read_stack_args(&now, tracee_memory_of(child.pid()));
     EXPECT_EQ(now.number, o32_getpid);
     for (int i = 0; i < 6; i++) {
         EXPECT_EQ(now.arg[i], 101 + i);
@@ -83,4 +83,14 @@ TEST(arch_writeback_sc, call_is_made_with_the_arguments_of_the_record) {
     written_back(child.pid(), &call);
     ASSERT_EQ(trace_cont(child.pid(), 0), 0);
     EXPECT_TRUE(exited_with(child.end(), 101));
+}
+
+TEST(arch_target_signal, names_this_machine_s_signals_as_the_target_numbers_them) {
+    EXPECT_EQ(arch_target_signal(SIGHUP), 1u);
+    EXPECT_EQ(arch_target_signal(SIGKILL), 9u);
+    EXPECT_EQ(arch_target_signal(SIGBUS), 10u);
+    EXPECT_EQ(arch_target_signal(SIGUSR1), 16u);
+    EXPECT_EQ(arch_target_signal(SIGCHLD), 18u);
+    EXPECT_EQ(arch_target_signal(SIGSTOP), 23u);
+    EXPECT_EQ(arch_target_signal(SIGXFSZ), 31u);
 }

@@ -26,7 +26,6 @@
 #include "tests/unit/support/effort.h"
 #include "tests/unit/support/signals.h"
 #include "tests/unit/trace/tracees.h"
-#include "trace/arch.h"
 #include "trace/ptrace_ops.h"
 
 namespace {
@@ -875,16 +874,6 @@ TEST(strace_printf, writes_what_fits) {
     EXPECT_EQ(trace.text, "pid 4711, fifteen bytes");
     trace.ctx.write = nullptr;
     EXPECT_EQ(strace_printf(&trace.ctx, "x"), 1);
-}
-
-TEST(arch_target_signal, names_this_machine_s_signals_as_the_target_numbers_them) {
-    EXPECT_EQ(arch_target_signal(SIGHUP), 1u);
-    EXPECT_EQ(arch_target_signal(SIGKILL), 9u);
-    EXPECT_EQ(arch_target_signal(SIGBUS), 10u);
-    EXPECT_EQ(arch_target_signal(SIGUSR1), 16u);
-    EXPECT_EQ(arch_target_signal(SIGCHLD), 18u);
-    EXPECT_EQ(arch_target_signal(SIGSTOP), 23u);
-    EXPECT_EQ(arch_target_signal(SIGXFSZ), 31u);
 }
 
 TEST(do_strace, end_of_a_child_is_left_to_who_started_it) {
