@@ -3,6 +3,7 @@
 #include <sys/ptrace.h>
 
 #include "trace/arch.h"
+#include "trace/ptrace_data.h"
 
 namespace {
 
@@ -18,10 +19,6 @@ constexpr size_t reg_count = 38;
 constexpr size_t register_args = 4;
 constexpr int64_t stack_args = 16;  // where arguments 5 and 6 are, from the stack pointer on
 constexpr int64_t word_bytes = 4;
-
-void* as_data(int64_t value) {
-    return reinterpret_cast<void*>(static_cast<uintptr_t>(value));  // NOLINT(performance-no-int-to-ptr)
-}
 
 // The kernel fills all 64 bits by extending the sign, but what the upper half holds does not matter here.
 int64_t word(uint64_t value) {
@@ -58,13 +55,14 @@ void arch_read_stack_args(arch_regs* regs, const tracee_memory& memory) {
 void arch_writeback_sc(pid_t pid, syscall_record* call) {
     fputs("arch_writeback_sc", stdout);
     for (size_t i = 0; i < register_args; i++) {
-        ptrace(PTRACE_POKEUSER, pid, as_data(static_cast<int64_t>(reg_a0 + i)), as_data(call->arg[i]));
+        ptrace(PTRACE_POKEUSER, pid, ptrace_data(static_cast<int64_t>(reg_a0 + i)),
+               ptrace_data(call->arg[i]));
     }
-    ptrace(PTRACE_POKEUSER, pid, as_data(static_cast<int64_t>(reg_v0)), as_data(call->number));
-    int64_t sp = ptrace(PTRACE_PEEKUSER, pid, as_data(static_cast<int64_t>(reg_sp)), nullptr);
+    ptrace(PTRACE_POKEUSER, pid, ptrace_data(static_cast<int64_t>(reg_v0)), ptrace_data(call->number));
+    int64_t sp = ptrace(PTRACE_PEEKUSER, pid, ptrace_data(static_cast<int64_t>(reg_sp)), nullptr);
     for (int64_t i = 0; i < 2; i++) {
-        ptrace(PTRACE_POKEDATA, pid, as_data(sp + stack_args + i * word_bytes),
-               as_data(call->arg[register_args + static_cast<size_t>(i)]));
+        ptrace(PTRACE_POKEDATA, pid, ptrace_data(sp + stack_args + i * word_bytes),
+               ptrace_data(call->arg[register_args + static_cast<size_t>(i)]));
     }
     call->write_back = 0;
 }

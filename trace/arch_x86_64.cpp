@@ -11,6 +11,7 @@
 #include <iterator>
 
 #include "trace/arch.h"
+#include "trace/ptrace_data.h"
 #include "trace/syscall_names.h"
 
 namespace {
@@ -42,13 +43,8 @@ int twin_of(unsigned long number) {
     return number < std::size(o32_twins) ? o32_twins[number] : -1;
 }
 
-// A tracee's number or address in the place of a pointer.
-void* as_data(int64_t value) {
-    return reinterpret_cast<void*>(static_cast<uintptr_t>(value));  // NOLINT(performance-no-int-to-ptr)
-}
-
 void write_register(pid_t pid, size_t offset, int64_t value) {
-    ptrace(PTRACE_POKEUSER, pid, as_data(static_cast<int64_t>(offset)), as_data(value));
+    ptrace(PTRACE_POKEUSER, pid, ptrace_data(static_cast<int64_t>(offset)), ptrace_data(value));
 }
 
 // The number that O32 has for a call, or -1.
@@ -60,7 +56,7 @@ int64_t o32_number(int twin) {
 // number and the arguments out, which are not asked for there.
 bool read_syscall_info(pid_t pid, arch_regs* regs) {
     __ptrace_syscall_info info = {};
-    void* size = as_data(sizeof info);
+    void* size = ptrace_data(sizeof info);
     if (ptrace(PTRACE_GET_SYSCALL_INFO, pid, size, &info) <= 0 || info.op == PTRACE_SYSCALL_INFO_NONE) {
         return false;
     }

@@ -16,6 +16,7 @@
 #include "common/deadline.h"
 #include "common/ending.h"
 #include "proc/proc_list.h"
+#include "trace/ptrace_data.h"
 
 const int trace_wait_flags = __WALL | __WNOTHREAD;
 
@@ -28,11 +29,6 @@ constexpr useconds_t longest_end_pause_us = 10000;
 constexpr int end_looks = 50;  // half a second at the longest pause
 constexpr int resume_attempts = 4;
 constexpr size_t mask_digits = 16;
-
-// A number where ptrace takes a pointer.
-void* as_data(long value) {
-    return reinterpret_cast<void*>(static_cast<intptr_t>(value));  // NOLINT(performance-no-int-to-ptr)
-}
 
 // The text behind "KEY:" in a status file, at its first character that is no blank; "" when there is none.
 const char* field_of(const char* text, const char* key) {
@@ -56,7 +52,7 @@ pid_t number_of(const char* text, const char* key) {
 int resume(__ptrace_request request, const char* name, pid_t pid, int sig) {
     int result = -1;
     for (int attempt = 0; attempt < resume_attempts && result < 0; attempt++) {
-        result = static_cast<int>(ptrace(request, pid, nullptr, as_data(sig)));
+        result = static_cast<int>(ptrace(request, pid, nullptr, ptrace_data(sig)));
         if (result < 0) {
             printf("%s failed %s\n", name, strerror(errno));
         }
@@ -208,7 +204,7 @@ bool trace_is_own_sigcont(pid_t pid, int status) {
 }
 
 bool trace_detach_stopped(pid_t pid, int sig) {
-    return ptrace(PTRACE_DETACH, pid, nullptr, as_data(sig)) == 0;
+    return ptrace(PTRACE_DETACH, pid, nullptr, ptrace_data(sig)) == 0;
 }
 
 void trace_detach_sig(pid_t pid, int sig) {
@@ -221,7 +217,7 @@ void trace_detach(pid_t pid) {
 }
 
 int trace_setoptions(pid_t pid, long options) {
-    if (ptrace(PTRACE_SETOPTIONS, pid, nullptr, as_data(options)) < 0) {
+    if (ptrace(PTRACE_SETOPTIONS, pid, nullptr, ptrace_data(options)) < 0) {
         printf("PTRACE_CONT failed %s\n", strerror(errno));
         return -1;
     }

@@ -10,6 +10,7 @@
 
 #include "common/deadline.h"
 #include "common/ending.h"
+#include "trace/ptrace_data.h"
 #include "trace/ptrace_ops.h"
 #include "trace/strace_process.h"
 
@@ -34,10 +35,6 @@ struct release {
     strace_process& process() const { return ctx->names->processes.get()[index]; }
 };
 
-void* as_data(int sig) {
-    return reinterpret_cast<void*>(static_cast<intptr_t>(sig));  // NOLINT(performance-no-int-to-ptr)
-}
-
 enum class outcome { coming, free, later };
 
 bool is_stop_pending(const release& r) {
@@ -50,7 +47,7 @@ bool go_on(const release* r, int sig) {
     if (!is_stop_pending(*r)) {
         return trace_detach_stopped(r->pid(), sig);
     }
-    (void)ptrace(PTRACE_CONT, r->pid(), nullptr, as_data(sig));
+    (void)ptrace(PTRACE_CONT, r->pid(), nullptr, ptrace_data(sig));
     return false;
 }
 

@@ -23,7 +23,7 @@ void note_tick(int) {
 }
 
 void mind_limits(core_stream& stream) {
-    threads_bury(*stream.hold);
+    threads_reap_killed(*stream.hold);
     int64_t now = monotonic_ms();
     if (stream.let_go_early || now - stream.progress_ms > stream_stall_limit_ms ||
         now - stream.hold->stopped_at_ms > stream_hold_limit_ms) {

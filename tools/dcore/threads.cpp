@@ -210,7 +210,7 @@ void threads_let_go(thread_hold& hold) {
     }
 }
 
-void threads_bury(thread_hold& hold) {
+void threads_reap_killed(thread_hold& hold) {
     sigset_t child;
     sigemptyset(&child);
     sigaddset(&child, SIGCHLD);

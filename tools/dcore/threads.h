@@ -67,7 +67,7 @@ bool threads_all_let_go(const thread_hold& hold);
 
 // Reaps threads that were killed in our hold: until then the parent of their process waits for its end in
 // vain. To be called again and again while the process is held.
-void threads_bury(thread_hold& hold);
+void threads_reap_killed(thread_hold& hold);
 
 // Reads a further set of registers of a stopped thread into `out`. Returns how many bytes it has, at most
 // `size`; 0 when the processor has no such set or the thread is no longer stopped.

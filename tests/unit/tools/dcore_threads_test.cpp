@@ -146,7 +146,7 @@ TEST(dcore_threads, that_were_killed_leave_their_end_to_the_parent) {
         bool held = threads_seize(target.pid, hold) == 0 && threads_stop(hold) == 0;
         (void)!write(ends[1], held ? "y" : "n", 1);
         while (!threads_all_let_go(hold)) {
-            threads_bury(hold);
+            threads_reap_killed(hold);
             usleep(1000);
         }
         sleep_for_ever();
