@@ -14,8 +14,6 @@ constexpr program_member oopslog_member = {"/tmp/.oopslogXXXXXX", oopslog_argv, 
 constexpr const char* report_argv[] = {"/usr/sbin/gen_serverreport.sh", nullptr};
 constexpr program_member report_member = {"/tmp/.sreportXXXXXX", report_argv, "serverreport.txt"};
 
-constexpr const char* ps_argv[] = {"/bin/ps", nullptr};
-
 // Runs a program of the tables above with both its outputs on `fd` and waits for it.
 void run_onto(const char* const* argv, int fd) {
     // execve does not write to the vector, its type is only older than const.
@@ -39,8 +37,4 @@ int stream_oopslog(tar_handle* t, int fd) {
 
 int stream_server_report(tar_handle* t, int fd) {
     return stream_program(t, fd, report_member);
-}
-
-void stream_ps(int fd) {
-    run_onto(ps_argv, fd);
 }

@@ -1,4 +1,4 @@
-// Archive members and downloads made of a program's output.
+// Archive members made of a program's output.
 #pragma once
 
 #include "archive/tar.h"
@@ -16,6 +16,3 @@ struct program_member {
     const char* name;
 };
 int stream_program(tar_handle* t, int fd, const program_member& member);
-
-// Writes the system's process list to `fd`.
-void stream_ps(int fd);

@@ -1,9 +1,9 @@
 #include "cgi/worker_pcap.h"
 
-#include "archive/member_capture.h"
 #include "cgi/http.h"
 #include "cgi/worker.h"
 #include "common/unique_fd.h"
+#include "net/pcap_stream.h"
 
 void* run_pcap_request(void* record) {
     unique_malloc<pcap_request> req(static_cast<pcap_request*>(record));

@@ -2,10 +2,10 @@
 
 #include <stdint.h>
 
-#include "archive/member_program.h"
 #include "cgi/http.h"
 #include "cgi/worker.h"
 #include "common/unique_fd.h"
+#include "proc/ps_stream.h"
 
 void* run_ps_request(void* connection) {
     worker_assert(connection != nullptr, "data", 406, "run_ps_request");

@@ -87,15 +87,6 @@ bool remount_tmp(unsigned long flags, const char* options) {
     return mount("tmpfs", "/tmp", "tmpfs", flags, options) == 0;
 }
 
-// In a private world: a script in the place of /bin/ps, which may be a link to the program that is the shell
-// as well; so the script runs in a copy of the shell.
-bool replace_ps(const std::string& body) {
-    std::error_code error;
-    return std::filesystem::copy_file("/bin/sh", "/tmp/sh", error) &&
-           install_file("/tmp/ps", "#!/tmp/sh\n" + body) && chmod("/tmp/ps", 0755) == 0 &&
-           mount("/tmp/ps", "/bin/ps", nullptr, MS_BIND, nullptr) == 0;
-}
-
 }  // namespace
 
 TEST(stream_program, both_outputs_are_the_member) {
@@ -278,33 +269,4 @@ TEST(stream_server_report, machine_without_the_script_gives_the_message_of_its_s
     EXPECT_EQ(log.result, 0);
     EXPECT_EQ(log.listing.names(), std::vector<std::string>{"oopslog"});
     EXPECT_EQ(log.data(), std::string("execve: ") + strerror(ENOENT) + "\n");
-}
-
-TEST(stream_ps, is_the_output_of_ps_without_arguments) {
-    SKIP_WITHOUT_PRIVATE_WORLD();
-    unique_fd out = memory_file();
-    EXPECT_EQ(run_in_private_world([&] {
-                  if (!replace_ps("echo \"$#:$*\"; echo err >&2")) {
-                      return 3;
-                  }
-                  stream_ps(out.get());
-                  return has_no_children() ? 0 : 4;
-              }),
-              0);
-    EXPECT_EQ(content_of(out.get()), "0:\nerr\n");
-}
-
-TEST(stream_ps, real_ps_heads_its_list) {
-    SKIP_WITHOUT_PRIVATE_WORLD();
-    if (access("/bin/ps", X_OK) != 0) {
-        GTEST_SKIP() << "no ps here";
-    }
-    unique_fd out = memory_file();
-    EXPECT_EQ(run_in_private_world([&] {
-                  stream_ps(out.get());
-                  return 0;
-              }),
-              0);
-    std::string text = content_of(out.get());
-    EXPECT_NE(text.substr(0, text.find('\n')).find("PID"), std::string::npos) << text;
 }
