@@ -12,8 +12,8 @@
 
 #include "archive/member_copy.h"
 #include "archive/member_name.h"
+#include "common/monotonic.h"
 #include "common/unique_fd.h"
-#include "common/uptime.h"
 
 namespace {
 
@@ -51,7 +51,7 @@ ssize_t read_bounded(int fd, char* buf, size_t size) {
             done += static_cast<size_t>(got);
             waited = false;
         } else if (errno == EAGAIN) {
-            int64_t now = monotonic_ns() / 1000000;
+            int64_t now = monotonic_ms();
             deadline = deadline ? deadline : now + member_read_patience_ms;
             if (!wait_readable(fd, deadline - now)) {
                 break;

@@ -27,7 +27,7 @@ ssize_t read_patiently(int fd, char* block, size_t size) {
             return -1;
         }
         const ssize_t got = ready > 0 ? read(fd, block, size) : -1;
-        if (got >= 0 || (errno != EINTR && errno != EAGAIN) || patience.left_ms() == 0) {
+        if (got >= 0 || (errno != EINTR && errno != EAGAIN) || patience.is_over()) {
             return got;
         }
     }

@@ -16,9 +16,9 @@
 
 #include "cgi/http.h"
 #include "cgi/worker.h"
+#include "common/monotonic.h"
 #include "common/safe_io.h"
 #include "common/unique_fd.h"
-#include "common/uptime.h"
 #include "trace/strace.h"
 
 namespace {

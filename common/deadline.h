@@ -1,21 +1,29 @@
 // A point in time by which something must be finished.
 #pragma once
 
+#include <limits.h>
 #include <stdint.h>
 
-#include "common/uptime.h"
+#include <algorithm>
+
+#include "common/monotonic.h"
 
 class deadline {
 public:
-    explicit deadline(int ms) : end_ns_(monotonic_ns() + ms * ns_per_ms) {}
+    // `ms` milliseconds from now; over at once for 0 and below.
+    explicit deadline(int64_t ms) : end_ns_(monotonic_ns() + ms * ns_per_ms) {}
 
     // Milliseconds left, rounded up, as poll(2) takes them; 0 after the deadline.
     int left_ms() const {
-        int64_t left = end_ns_ - monotonic_ns();
-        return left > 0 ? static_cast<int>((left + ns_per_ms - 1) / ns_per_ms) : 0;
+        const int64_t left_ns = end_ns_ - monotonic_ns();
+        return left_ns > 0 ? static_cast<int>(std::min((left_ns + ns_per_ms - 1) / ns_per_ms, longest_ms))
+                           : 0;
     }
+
+    bool is_over() const { return end_ns_ <= monotonic_ns(); }
 
 private:
     static constexpr int64_t ns_per_ms = 1000000;
+    static constexpr int64_t longest_ms = INT_MAX;
     int64_t end_ns_;
 };

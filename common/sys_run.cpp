@@ -101,7 +101,7 @@ void sys_end_child(pid_t pid, int sig, int patience_ms) {
         if (sys_wait_end(pid, &status, WNOHANG) != 0) {
             return;
         }
-        if (patience.left_ms() == 0) {
+        if (patience.is_over()) {
             break;
         }
         poll(nullptr, 0, pause_ms);

@@ -1,10 +1,7 @@
-// Clocks that do not follow steps of the wall clock.
+// How long the machine has been running.
 #pragma once
 
 #include <stdint.h>
 
-// Whole seconds since boot.
+// Whole seconds since boot. Steps of the wall clock do not change it.
 uint32_t ptime();
-
-// Nanoseconds since a fixed moment (CLOCK_MONOTONIC).
-int64_t monotonic_ns();

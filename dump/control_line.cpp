@@ -114,7 +114,7 @@ int dump_read_ctl_line(int fd, control_text* text, int patience_ms) {
                 limit = deadline(ended_input_patience_ms);
             }
             has_ended = true;
-            if (limit.left_ms() == 0) {
+            if (limit.is_over()) {
                 return ETIMEDOUT;
             }
             poll(nullptr, 0, ended_input_pause_ms);

@@ -120,7 +120,7 @@ void drain(dump_run* run, int message_fd) {
     while (run->data || run->control) {
         output_state output;
         // Not only silence: one that never comes to an end must not hold its caller either.
-        if (limit.left_ms() == 0 || !wait_for_output(*run, limit, &output)) {
+        if (limit.is_over() || !wait_for_output(*run, limit, &output)) {
             kill_dumper(run);
             break;
         }
@@ -145,7 +145,7 @@ pid_t reap(pid_t child, int* status) {
     deadline limit(dumper.patience_ms);
     for (int pause_ms = 1;; pause_ms = std::min(2 * pause_ms, longest_reap_pause_ms)) {
         pid_t ended = sys_wait_end(child, status, WNOHANG);
-        if (ended != 0 || limit.left_ms() == 0) {
+        if (ended != 0 || limit.is_over()) {
             return ended;
         }
         poll(nullptr, 0, pause_ms);
@@ -291,7 +291,7 @@ int64_t dump_copy_core(dump_run* run, const core_sink& sink) {
     while (run->data) {
         output_state output;
         // One that goes on talking without writing its core hangs as well.
-        if (limit.left_ms() == 0 || !wait_for_output(*run, limit, &output)) {
+        if (limit.is_over() || !wait_for_output(*run, limit, &output)) {
             kill_dumper(run);
             break;
         }

@@ -85,7 +85,7 @@ bool take_sample(rtrace_context& trace) {
 // As sleep(3) takes its seconds: unsigned. False when the client went.
 bool sleep_interval(const rtrace_context& trace) {
     pollfd client = rtrace_client(trace.fd);
-    return rtrace_poll(&client, 1, rtrace_deadline_us(static_cast<uint32_t>(trace.interval))) >= 0;
+    return rtrace_poll(&client, 1, deadline(static_cast<uint32_t>(trace.interval) * int64_t{1000})) >= 0;
 }
 
 }  // namespace

@@ -108,9 +108,9 @@ bool rtrace_read_apps(rtrace_context& context, const rtrace_apps& apps) {
     for (int i = 0; i < apps.count; i++) {
         waiting[1 + i] = {apps.pipes[i][0], POLLIN, 0};
     }
-    int64_t deadline = rtrace_deadline_us(context.interval);
+    const deadline end(context.interval * int64_t{1000});
     do {
-        int ready = rtrace_poll(waiting, 1 + static_cast<nfds_t>(apps.count), deadline);
+        int ready = rtrace_poll(waiting, 1 + static_cast<nfds_t>(apps.count), end);
         if (ready <= 0) {
             return ready == 0;
         }
@@ -123,7 +123,7 @@ bool rtrace_read_apps(rtrace_context& context, const rtrace_apps& apps) {
             }
             waiting[1 + i] = {-1, 0, 0};
         }
-    } while (rtrace_now_us() < deadline);
+    } while (!end.is_over());
     return true;
 }
 

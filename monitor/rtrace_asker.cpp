@@ -177,7 +177,7 @@ rtrace_answer rtrace_ask_mount(rtrace_mounts& mounts, const char* source, const 
         return rtrace_answer::none;
     }
     pollfd waiting[] = {rtrace_client(client_fd), {asker->done_fd, POLLIN, 0}};
-    int ready = rtrace_poll(waiting, 2, rtrace_now_us() + rtrace_mount_patience_ms * 1000LL);
+    int ready = rtrace_poll(waiting, 2, deadline(rtrace_mount_patience_ms));
     const lock_held held;
     if (!asker->has_answered) {
         abandon(std::exchange(mounts.asker, nullptr));

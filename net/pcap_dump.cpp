@@ -11,6 +11,7 @@
 
 #include <algorithm>
 
+#include "common/monotonic.h"
 #include "common/unique_fd.h"
 #include "common/uptime.h"
 #include "net/frame_batch.h"

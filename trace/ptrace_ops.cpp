@@ -145,7 +145,7 @@ pid_t trace_attach_within(pid_t pid, int patience_ms, int* status) {
             let_go(pid, 0, false);
             return -1;
         }
-        if (got == 0 && patience.left_ms() == 0) {
+        if (got == 0 && patience.is_over()) {
             trace_take_back_stop(pid);
             return 0;
         }

@@ -162,7 +162,7 @@ void await_attach_stop(trace_run* run, int index) {
             handle_event(run, index);
         } else if (process.sigcont_due || got < 0) {
             process.attach_stop_due = false;
-        } else if (patience.left_ms() == 0) {
+        } else if (patience.is_over()) {
             // The signal may arrive before it is taken back; one more wait tells.
             trace_take_back_stop(*pid);
             process.sigcont_due = true;

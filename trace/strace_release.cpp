@@ -156,7 +156,7 @@ outcome bring_to_a_stop(release* r, int patience) {
         if (now != outcome::coming) {
             return now;
         }
-        if (end.left_ms() == 0) {
+        if (end.is_over()) {
             return take_back(r);
         }
         usleep(pause);
@@ -208,7 +208,7 @@ bool strace_release(strace_ctx* ctx, int index) {
 void strace_release_all(strace_ctx* ctx) {
     const deadline end(patience_ms);
     (void)release_each(ctx, true, end);
-    while (release_each(ctx, false, end) > 0 && end.left_ms() > 0) {
+    while (release_each(ctx, false, end) > 0 && !end.is_over()) {
         usleep(longest_pause_us);
     }
     if (ctx->attached) {

@@ -21,7 +21,7 @@ bool is_taken(int fd, int within_ms) {
     const deadline end(within_ms);
     pollfd out = {fd, POLLOUT, 0};
     while (poll(&out, 1, end.left_ms()) <= 0) {
-        if (end.left_ms() == 0) {
+        if (end.is_over()) {
             return false;
         }
     }

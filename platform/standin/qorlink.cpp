@@ -2,14 +2,15 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <stdint.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
+
+#include "common/deadline.h"
+#include "common/unique_fd.h"
 
 #pragma GCC visibility push(default)
 #include "platform/qorlink.h"
@@ -17,65 +18,28 @@
 
 namespace {
 
-constexpr int64_t recv_limit_ms = 2000;   // the daemon has one listener, which no peer may hold for longer
-constexpr int64_t send_limit_ms = 10000;  // requests of a web front must not pile up before a stuck daemon
+constexpr int recv_limit_ms = 2000;   // the daemon has one listener, which no peer may hold for longer
+constexpr int send_limit_ms = 10000;  // requests of a web front must not pile up before a stuck daemon
 constexpr int backlog = 128;
 
 // The kernel's limit of descriptors in one message (SCM_MAX_FD), so none can be lost.
 constexpr size_t most_descriptors = 253;
-
-// Closes its descriptor when destroyed; -1 owns nothing; keeps errno.
-class owned_fd {
-public:
-    owned_fd() = default;
-    explicit owned_fd(int fd) : num(fd) {}
-    owned_fd(const owned_fd&) = delete;
-    owned_fd& operator=(const owned_fd&) = delete;
-    ~owned_fd() { reset(-1); }
-
-    int get() const { return num; }
-
-    int release() {
-        int fd = num;
-        num = -1;
-        return fd;
-    }
-
-    void reset(int fd) {
-        if (num >= 0) {
-            int saved = errno;
-            close(num);
-            errno = saved;
-        }
-        num = fd;
-    }
-
-private:
-    int num = -1;
-};
 
 int fail(int error) {
     errno = error;
     return -1;
 }
 
-int64_t now_ms() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-// Waits until `fd` has one of `events`, an error or a hangup, or until the clock reads `end_ms`. False with
-// errno set on failure; ETIMEDOUT after `end_ms`.
-bool wait_until(int fd, short events, int64_t end_ms) {
+// Waits until `fd` has one of `events`, an error or a hangup, or until `end`. False with errno set on
+// failure; ETIMEDOUT after `end`.
+bool wait_until(int fd, short events, const deadline& end) {
     for (;;) {
-        int64_t left = end_ms - now_ms();
-        if (left <= 0) {
+        if (end.is_over()) {
             errno = ETIMEDOUT;
             return false;
         }
         pollfd waiting = {fd, events, 0};
-        int ready = poll(&waiting, 1, static_cast<int>(left));
+        int ready = poll(&waiting, 1, end.left_ms());
         if (ready > 0) {
             return true;
         }
@@ -105,9 +69,9 @@ const sockaddr* generic(const sockaddr_un* address) {
 
 // Accepts the next connection, as a non-blocking socket; -1 with errno set if none comes in time. `sock` is
 // made non-blocking too: the peer that made it readable may be gone before the accept.
-int accept_until(int sock, int64_t end_ms) {
+int accept_until(int sock, const deadline& end) {
     for (;;) {
-        if (!wait_until(sock, POLLIN, end_ms)) {
+        if (!wait_until(sock, POLLIN, end)) {
             return -1;
         }
         int fd = accept4(sock, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
@@ -121,7 +85,7 @@ int accept_until(int sock, int64_t end_ms) {
 struct arrival {
     ssize_t bytes = -1;      // 0 at the end of input, -1 with errno set
     size_t descriptors = 0;  // number of descriptors received
-    owned_fd first;          // the first of them; the others are closed at once
+    unique_fd first;         // the first of them; the others are closed at once
     bool cut = false;        // the kernel dropped some of them
 };
 
@@ -134,7 +98,7 @@ void take_descriptors(msghdr* message, arrival* into) {
         for (size_t i = 0; i < count; i++) {
             int fd;
             memcpy(&fd, CMSG_DATA(part) + i * sizeof(int), sizeof(int));
-            owned_fd received(fd);
+            unique_fd received(fd);
             if (into->descriptors++ == 0) {
                 into->first.reset(received.release());
             }
@@ -143,7 +107,7 @@ void take_descriptors(msghdr* message, arrival* into) {
     into->cut = (message->msg_flags & MSG_CTRUNC) != 0;
 }
 
-void receive_until(int conn, char* buf, size_t len, int64_t end_ms, arrival* into) {
+void receive_until(int conn, char* buf, size_t len, const deadline& end, arrival* into) {
     alignas(cmsghdr) char control[CMSG_SPACE(most_descriptors * sizeof(int))];
     do {
         iovec bytes = {buf, len};
@@ -157,16 +121,16 @@ void receive_until(int conn, char* buf, size_t len, int64_t end_ms, arrival* int
             take_descriptors(&message, into);
             return;
         }
-    } while (errno == EINTR || (errno == EAGAIN && wait_until(conn, POLLIN, end_ms)));
+    } while (errno == EINTR || (errno == EAGAIN && wait_until(conn, POLLIN, end)));
 }
 
 // Reads up to `len` bytes that carry no descriptors. Returns how many came before end of file, or -1 with
 // errno set.
-int receive_rest(int conn, char* buf, int len, int64_t end_ms) {
+int receive_rest(int conn, char* buf, int len, const deadline& end) {
     int have = 0;
     while (have < len) {
         arrival more;
-        receive_until(conn, buf + have, static_cast<size_t>(len - have), end_ms, &more);
+        receive_until(conn, buf + have, static_cast<size_t>(len - have), end, &more);
         if (more.bytes < 0) {
             return -1;
         }
@@ -183,16 +147,16 @@ int receive_rest(int conn, char* buf, int len, int64_t end_ms) {
 
 // Connects, and waits while the daemon's queue is full. poll cannot wait for that, but the send timeout
 // applies to it.
-bool connect_until(int sock, const sockaddr_un* address, int64_t end_ms) {
+bool connect_until(int sock, const sockaddr_un* address, const deadline& end) {
     for (;;) {
-        int64_t left = end_ms - now_ms();
-        if (left <= 0) {
+        const int left_ms = end.left_ms();
+        if (left_ms == 0) {
             errno = ETIMEDOUT;
             return false;
         }
         timeval limit = {};
-        limit.tv_sec = static_cast<time_t>(left / 1000);
-        limit.tv_usec = static_cast<suseconds_t>(left % 1000 * 1000);
+        limit.tv_sec = left_ms / 1000;
+        limit.tv_usec = left_ms % 1000 * 1000;
         if (setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
             return false;
         }
@@ -225,13 +189,13 @@ ssize_t send_some(int sock, const char* buf, size_t len, int fd) {
     return sendmsg(sock, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
-bool send_until(int sock, const char* buf, size_t len, int fd, int64_t end_ms) {
+bool send_until(int sock, const char* buf, size_t len, int fd, const deadline& end) {
     size_t sent = 0;
     while (sent < len) {
         ssize_t count = send_some(sock, buf + sent, len - sent, sent == 0 ? fd : -1);
         if (count >= 0) {
             sent += static_cast<size_t>(count);
-        } else if (errno != EINTR && (errno != EAGAIN || !wait_until(sock, POLLOUT, end_ms))) {
+        } else if (errno != EINTR && (errno != EAGAIN || !wait_until(sock, POLLOUT, end))) {
             return false;
         }
     }
@@ -256,8 +220,8 @@ int qorlink_server_socket(const char* path, int mode) {
     if (!fill_address(&address, path)) {
         return -1;
     }
-    owned_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (sock.get() < 0 || bind(sock.get(), generic(&address), sizeof(address)) != 0 ||
+    unique_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!sock || bind(sock.get(), generic(&address), sizeof(address)) != 0 ||
         !open_for_business(sock.get(), path, mode)) {
         return -1;
     }
@@ -269,22 +233,22 @@ int qorlink_recv(int sock, void* buf, int len, int* fd) {
     if (len < 1) {
         return fail(EINVAL);
     }
-    int64_t end_ms = now_ms() + recv_limit_ms;
-    owned_fd conn(accept_until(sock, end_ms));
-    if (conn.get() < 0) {
+    const deadline end(recv_limit_ms);
+    unique_fd conn(accept_until(sock, end));
+    if (!conn) {
         return -1;
     }
     // Read the first byte alone: a longer read could also receive descriptors sent with later bytes.
     auto* bytes = static_cast<char*>(buf);
     arrival head;
-    receive_until(conn.get(), bytes, 1, end_ms, &head);
+    receive_until(conn.get(), bytes, 1, end, &head);
     if (head.bytes < 1) {
         return static_cast<int>(head.bytes);
     }
     if (head.descriptors != 1 || head.cut) {
         return fail(EBADMSG);
     }
-    int rest = receive_rest(conn.get(), bytes + 1, len - 1, end_ms);
+    int rest = receive_rest(conn.get(), bytes + 1, len - 1, end);
     if (rest < 0) {
         return -1;
     }
@@ -305,10 +269,10 @@ int qorlink_send(const char* path, const void* buf, int len, int fd) {
     if (fcntl(fd, F_GETFD) < 0) {
         return -1;
     }
-    int64_t end_ms = now_ms() + send_limit_ms;
-    owned_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (sock.get() < 0 || !connect_until(sock.get(), &address, end_ms) ||
-        !send_until(sock.get(), static_cast<const char*>(buf), static_cast<size_t>(len), fd, end_ms)) {
+    const deadline end(send_limit_ms);
+    unique_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!sock || !connect_until(sock.get(), &address, end) ||
+        !send_until(sock.get(), static_cast<const char*>(buf), static_cast<size_t>(len), fd, end)) {
         return -1;
     }
     (void)shutdown(sock.get(),

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 
+#include "common/monotonic.h"
 #include "common/unique_fd.h"
 #include "tools/dcore/proc_text.h"
 #include "tools/dcore/process.h"

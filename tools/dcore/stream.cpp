@@ -9,6 +9,7 @@
 
 #include <algorithm>
 
+#include "common/monotonic.h"
 #include "tools/dcore/ticks.h"
 
 namespace {

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 
+#include "common/monotonic.h"
 #include "tools/dcore/proc_text.h"
 #include "tools/dcore/seize.h"
 
@@ -239,10 +240,4 @@ size_t threads_regset(const held_thread& thread, unsigned type, void* out, size_
     iovec room = {out, size};
     bool there = thread.now == state::stopped && ptrace(PTRACE_GETREGSET, thread.tid, type, &room) == 0;
     return there ? room.iov_len : 0;
-}
-
-int64_t monotonic_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }

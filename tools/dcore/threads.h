@@ -72,5 +72,3 @@ void threads_reap_killed(thread_hold& hold);
 // Reads a further set of registers of a stopped thread into `out`. Returns how many bytes it has, at most
 // `size`; 0 when the processor has no such set or the thread is no longer stopped.
 size_t threads_regset(const held_thread& thread, unsigned type, void* out, size_t size);
-
-int64_t monotonic_ms();

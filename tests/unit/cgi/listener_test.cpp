@@ -10,7 +10,7 @@
 
 #include "cgi/waiting_browser.h"
 #include "cgi/worker_archive.h"
-#include "common/uptime.h"
+#include "common/monotonic.h"
 #include "platform/qorlink.h"
 #include "tests/unit/cgi/browser.h"
 #include "tests/unit/support/signals.h"

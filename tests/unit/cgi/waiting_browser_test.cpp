@@ -1,6 +1,6 @@
 #include "cgi/waiting_browser.h"
 
-#include "common/uptime.h"
+#include "common/monotonic.h"
 #include "tests/unit/cgi/browser.h"
 #include "tests/unit/support/temp_dir.h"
 

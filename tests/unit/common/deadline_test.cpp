@@ -4,17 +4,27 @@
 
 #include "tests/unit/support/children.h"
 
-TEST(deadline, has_all_its_time_left_at_first_and_none_at_last) {
-    int64_t start = monotonic_ns();
-    deadline limit(30);
-    int left = limit.left_ms();
+TEST(deadline, passes_after_its_time_and_not_before) {
+    const int64_t start = monotonic_ns();
+    const deadline limit(30);
+    const int left = limit.left_ms();
     EXPECT_GT(left, 0);
     EXPECT_LE(left, 30);
-    EXPECT_TRUE(eventually([&limit] { return limit.left_ms() == 0; }));
-    EXPECT_GE(monotonic_ns() - start, 30 * int64_t{1000000}) << "over too early";
+    EXPECT_FALSE(limit.is_over());
+    EXPECT_TRUE(eventually([&limit] { return limit.is_over(); }));
+    EXPECT_GE(monotonic_ns() - start, 30 * int64_t{1000000}) << "too early";
+    EXPECT_EQ(limit.left_ms(), 0);
 }
 
-TEST(deadline, of_no_time_is_over) {
-    EXPECT_EQ(deadline(0).left_ms(), 0);
-    EXPECT_EQ(deadline(-5).left_ms(), 0);
+TEST(deadline, without_time_is_over_at_once) {
+    for (int ms : {0, -5}) {
+        EXPECT_TRUE(deadline(ms).is_over()) << ms;
+        EXPECT_EQ(deadline(ms).left_ms(), 0) << ms;
+    }
+}
+
+TEST(deadline, shows_what_poll_can_take_of_a_very_long_time) {
+    const deadline century(int64_t{100} * 365 * 24 * 3600 * 1000);
+    EXPECT_EQ(century.left_ms(), INT_MAX);
+    EXPECT_FALSE(century.is_over());
 }
