@@ -55,9 +55,11 @@ install(TARGETS ${tools} RUNTIME DESTINATION bin COMPONENT tools ${when_asked})
 if(NOT CMAKE_CROSSCOMPILING)
   install(TARGETS qorlink vextor mirnel hollisk
     LIBRARY DESTINATION lib/zarvo COMPONENT standin NAMELINK_SKIP)
-  # The plotting library is a part of rtraceview, and wants its licence to come along.
+  # The tools contain these libraries, whose licences must come with them.
   install(FILES /usr/share/doc/libjs-dygraphs/copyright
     DESTINATION share/doc/zarvo RENAME dygraphs.copyright COMPONENT tools)
+  install(FILES /usr/share/doc/rapidjson-dev/copyright
+    DESTINATION share/doc/zarvo RENAME rapidjson.copyright COMPONENT tools)
 endif()
 
 set(device_pages zarvo ${applets})

@@ -38,7 +38,8 @@ def listing(applets, tools=frozenset(), standins=frozenset()):
     found |= {f"usr/bin/{name}": PROGRAM for name in {"zarvo"} | tools}
     found |= {f"usr/lib/zarvo/{name}": PLAIN for name in standins}
     found |= {f"usr/share/man/man1/{name}.1.gz": PLAIN for name in {"zarvo"} | applets | tools}
-    found |= {"usr/share/doc/zarvo/dygraphs.copyright": PLAIN} if "rtraceview" in tools else {}
+    licences = ["dygraphs", "rapidjson"] if "rtraceview" in tools else []
+    found |= {f"usr/share/doc/zarvo/{name}.copyright": PLAIN for name in licences}
     folders = {str(parent) for path in found for parent in pathlib.PurePath(path).parents} - {"."}
     return found | dict.fromkeys(folders, FOLDER)
 

@@ -1,24 +1,25 @@
 #include "tools/rtraceview/json.h"
 
 void json_writer::begin(int64_t time_ms, uint64_t offset) {
-    out_.put("{\"time_ms\":");
-    out_.put(std::to_string(time_ms));
-    out_.put(",\"offset\":");
-    out_.put(std::to_string(offset));
+    json_.begin_object();
+    json_.key("time_ms");
+    json_.number(time_ms);
+    json_.key("offset");
+    json_.number(offset);
+    pass_on();
 }
 
 void json_writer::close_subject() {
     if (!subject_.empty()) {
-        out_.put('}');
+        json_.end_object();
         subject_.clear();
-        is_first_ = false;
     }
 }
 
 void json_writer::close_source() {
     close_subject();
     if (!source_.empty()) {
-        out_.put('}');
+        json_.end_object();
         source_.clear();
     }
 }
@@ -28,38 +29,40 @@ void json_writer::open(const sample_place& place) {
     if (place.source != source_) {
         close_source();
         source_ = place.source;
-        out_.put(',');
-        out_.put_json(source_);
-        out_.put(":{");
-        is_first_ = true;
+        json_.key(source_);
+        json_.begin_object();
     }
     if (place.subject != subject_) {
         close_subject();
         subject_ = place.subject;
         if (!subject_.empty()) {
-            out_.put(is_first_ ? "" : ",");
-            out_.put_json(subject_);
-            out_.put(":{");
-            is_first_ = true;
+            json_.key(subject_);
+            json_.begin_object();
         }
     }
-    out_.put(is_first_ ? "" : ",");
-    is_first_ = false;
-    out_.put_json(place.key);
-    out_.put(':');
+    json_.key(place.key);
 }
 
 void json_writer::value(const sample_place& place, double number, int64_t /*time_ms*/) {
     open(place);
-    out_.put_number(number);
+    json_.number(number);
+    pass_on();
 }
 
 void json_writer::text(const sample_place& place, std::string_view text, int64_t /*time_ms*/) {
     open(place);
-    out_.put_json(text);
+    json_.string(text);
+    pass_on();
 }
 
 void json_writer::end() {
     close_source();
-    out_.put("}\n");
+    json_.end_object();
+    json_.end_line();
+    pass_on();
+}
+
+void json_writer::pass_on() {
+    out_.put(json_.text());
+    json_.clear();
 }

@@ -10,6 +10,7 @@
 
 #include <string>
 
+#include "tools/json/json_output.h"
 #include "tools/rtraceview/output.h"
 #include "tools/rtraceview/samples.h"
 
@@ -27,8 +28,10 @@ private:
     void close_subject();
     void close_source();
 
+    void pass_on();
+
     text_output& out_;
+    json_output json_;
     std::string source_;   // open object; empty: none
     std::string subject_;  // the same within it
-    bool is_first_ = false;
 };

@@ -18,9 +18,8 @@ public:
 
     void put(std::string_view text);
     void put(char character);
-    void put_number(double number);        // whole ones without a decimal point
-    void put_json(std::string_view text);  // quoted; what is no UTF-8 becomes U+FFFD
-    void put_csv(std::string_view text);   // quoted where it has to be
+    void put_number(double number);       // whole ones without a decimal point
+    void put_csv(std::string_view text);  // quoted where it has to be
     // 2026-11-21 14:25:38.123 in UTC; far-off times as their milliseconds.
     void put_time(int64_t time_ms);
     void flush();

@@ -70,6 +70,19 @@ void put_escaped(std::string_view text, text_output& out) {
     }
 }
 
+// In a script element, a "<" inside a string could end the element.
+void put_script_json(std::string_view json, text_output& out) {
+    while (!json.empty()) {
+        size_t end = std::min(json.find('<'), json.size());
+        out.put(json.substr(0, end));
+        json.remove_prefix(end);
+        if (!json.empty()) {
+            out.put("\\u003c");
+            json.remove_prefix(1);
+        }
+    }
+}
+
 }  // namespace
 
 void page_builder::begin(int64_t time_ms, uint64_t /*offset*/) {
@@ -135,7 +148,7 @@ std::vector<page_builder::lines::const_iterator> page_builder::chosen(size_t plo
 }
 
 // A row for each sample that has any of the lines, in the order of time.
-void page_builder::write_rows(const std::vector<lines::const_iterator>& shown, text_output& out) const {
+void page_builder::write_rows(json_output* json, const std::vector<lines::const_iterator>& shown) const {
     std::vector<uint32_t> order(times_.size());
     std::iota(order.begin(), order.end(), 0U);
     std::stable_sort(order.begin(), order.end(),
@@ -144,7 +157,6 @@ void page_builder::write_rows(const std::vector<lines::const_iterator>& shown, t
         return std::lower_bound(of.points.begin(), of.points.end(), sample,
                                 [](const point& one, uint32_t wanted) { return one.sample < wanted; });
     };
-    bool is_first = true;
     for (uint32_t sample : order) {
         std::vector<const point*> values;
         for (auto shown_line : shown) {
@@ -155,46 +167,72 @@ void page_builder::write_rows(const std::vector<lines::const_iterator>& shown, t
         if (std::all_of(values.begin(), values.end(), [](const point* value) { return !value; })) {
             continue;
         }
-        out.put(is_first ? "\n[" : ",\n[");
-        is_first = false;
-        out.put(std::to_string(times_[sample]));
+        json->begin_array();
+        json->number(times_[sample]);
         for (const point* value : values) {
-            out.put(',');
-            value ? out.put_number(static_cast<double>(value->number)) : out.put("null");
+            value ? json->number(static_cast<double>(value->number)) : json->null();
         }
-        out.put(']');
+        json->end_array();
     }
 }
 
-void page_builder::write_plot(size_t plot, text_output& out) const {
+void page_builder::write_plot(json_output* json, size_t plot) const {
     const plot_row& row = plot_rows()[plot];
     std::vector<lines::const_iterator> shown = chosen(plot);
-    out.put("{\"title\":");
-    out.put_json(row.title);
-    out.put(",\"unit\":");
-    out.put_json(row.unit);
-    out.put(",\"left_out\":");
-    out.put(std::to_string(plots_.at(plot).size() - shown.size()));
-    out.put(",\"labels\":[");
-    for (size_t i = 0; i < shown.size(); i++) {
-        out.put(i == 0 ? "" : ",");
-        out.put_json(label_of(plot, shown[i]->first));
+    json->begin_object();
+    json->key("title");
+    json->string(row.title);
+    json->key("unit");
+    json->string(row.unit);
+    json->key("left_out");
+    json->number(uint64_t{plots_.at(plot).size() - shown.size()});
+    json->key("labels");
+    json->begin_array();
+    for (auto each : shown) {
+        json->string(label_of(plot, each->first));
     }
-    out.put("],\"rows\":[");
-    write_rows(shown, out);
-    out.put("]}");
+    json->end_array();
+    json->key("rows");
+    json->begin_array();
+    write_rows(json, shown);
+    json->end_array();
+    json->end_object();
 }
 
-void page_builder::write_events(text_output& out) const {
-    for (size_t i = 0; i < events_.size(); i++) {
-        out.put(i == 0 ? "\n[" : ",\n[");
-        // A time that is no date is a text.
-        int64_t time_ms = events_[i].time_ms;
-        is_date(time_ms) ? out.put(std::to_string(time_ms)) : out.put_json(std::to_string(time_ms) + " ms");
-        out.put(',');
-        out.put_json(events_[i].text);
-        out.put(']');
+void page_builder::write_events(json_output* json) const {
+    for (const event& each : events_) {
+        json->begin_array();
+        if (is_date(each.time_ms)) {
+            json->number(each.time_ms);
+        } else {
+            json->string(std::to_string(each.time_ms) + " ms");
+        }
+        json->string(each.text);
+        json->end_array();
     }
+}
+
+void page_builder::write_trace(text_output& out) const {
+    json_output json;
+    json.begin_object();
+    json.key("samples");
+    json.number(uint64_t{times_.size()});
+    json.key("events_left_out");
+    json.number(events_left_out_);
+    json.key("events");
+    json.begin_array();
+    write_events(&json);
+    json.end_array();
+    json.key("plots");
+    json.begin_array();
+    for (const auto& [plot, unused] : plots_) {
+        write_plot(&json, plot);
+        put_script_json(json.text(), out);
+        json.clear();
+    }
+    json.end_array();
+    json.end_object();
+    put_script_json(json.text(), out);
 }
 
 void page_builder::write(std::string_view title, const std::vector<std::string>& remarks,
@@ -218,20 +256,9 @@ void page_builder::write(std::string_view title, const std::vector<std::string>&
     out.put(
         "<div id=\"plots\"></div>\n<div id=\"events\"></div>\n"
         "<noscript><p>The plots need JavaScript.</p></noscript>\n"
-        "<script type=\"application/json\" id=\"trace\">\n{\"samples\":");
-    out.put(std::to_string(times_.size()));
-    out.put(",\"events_left_out\":");
-    out.put(std::to_string(events_left_out_));
-    out.put(",\"events\":[");
-    write_events(out);
-    out.put("],\"plots\":[");
-    bool is_first = true;
-    for (const auto& [plot, unused] : plots_) {
-        out.put(is_first ? "\n" : ",\n");
-        is_first = false;
-        write_plot(plot, out);
-    }
-    out.put("]}\n</script>\n<script>\n");
+        "<script type=\"application/json\" id=\"trace\">\n");
+    write_trace(out);
+    out.put("\n</script>\n<script>\n");
     out.put(page_asset_library());
     out.put("\n</script>\n<script>\n");
     out.put(page_asset_script());

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/json/json_output.h"
 #include "tools/rtraceview/output.h"
 #include "tools/rtraceview/samples.h"
 
@@ -43,9 +44,10 @@ private:
 
     std::string label_of(size_t plot, const std::string& name) const;
     std::vector<lines::const_iterator> chosen(size_t plot) const;
-    void write_plot(size_t plot, text_output& out) const;
-    void write_rows(const std::vector<lines::const_iterator>& shown, text_output& out) const;
-    void write_events(text_output& out) const;
+    void write_trace(text_output& out) const;
+    void write_plot(json_output* json, size_t plot) const;
+    void write_rows(json_output* json, const std::vector<lines::const_iterator>& shown) const;
+    void write_events(json_output* json) const;
 
     std::vector<int64_t> times_;                             // of the samples
     std::map<size_t, lines> plots_;                          // by their place in the table of plots

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "tools/webfront/json.h"
+#include "tools/json/json_output.h"
 
 namespace {
 
@@ -24,9 +24,15 @@ std::vector<std::string> webfront_read_interfaces() {
 }
 
 std::string webfront_interfaces_json(std::span<const std::string> names) {
-    std::string text = "{\"interfaces\":[";
+    json_output json;
+    json.begin_object();
+    json.key("interfaces");
+    json.begin_array();
     for (const std::string& name : names) {
-        text += (text.ends_with('[') ? "" : ",") + webfront_json_string(name);
+        json.string(name);
     }
-    return text += "]}\n";
+    json.end_array();
+    json.end_object();
+    json.end_line();
+    return std::string(json.text());
 }

@@ -8,7 +8,7 @@
 #include <charconv>
 
 #include "common/unique_fd.h"
-#include "tools/webfront/json.h"
+#include "tools/json/json_output.h"
 
 namespace {
 
@@ -59,14 +59,21 @@ std::vector<pid_t> list_pids(DIR* directory) {
     return pids;
 }
 
-std::string json_of(const webfront_process& process) {
-    std::string text = "{\"pid\":" + std::to_string(process.pid);
-    text += ",\"name\":" + webfront_json_string(process.name);
-    text += ",\"command\":" + webfront_json_string(process.command);
-    text += ",\"state\":" + webfront_json_string({&process.state, 1});
-    text += ",\"memory_kb\":" + std::to_string(process.memory_kb);
-    text += ",\"kernel\":";
-    return text += process.is_kernel_thread ? "true}" : "false}";
+void write_process(json_output* json, const webfront_process& process) {
+    json->begin_object();
+    json->key("pid");
+    json->number(int64_t{process.pid});
+    json->key("name");
+    json->string(process.name);
+    json->key("command");
+    json->string(process.command);
+    json->key("state");
+    json->string({&process.state, 1});
+    json->key("memory_kb");
+    json->number(process.memory_kb);
+    json->key("kernel");
+    json->boolean(process.is_kernel_thread);
+    json->end_object();
 }
 
 }  // namespace
@@ -125,9 +132,15 @@ std::vector<webfront_process> webfront_read_processes(const std::string& root) {
 }
 
 std::string webfront_processes_json(std::span<const webfront_process> processes) {
-    std::string text = "{\"processes\":[";
+    json_output json;
+    json.begin_object();
+    json.key("processes");
+    json.begin_array();
     for (const webfront_process& process : processes) {
-        text += (text.ends_with('[') ? "\n" : ",\n") + json_of(process);
+        write_process(&json, process);
     }
-    return text += "\n]}\n";
+    json.end_array();
+    json.end_object();
+    json.end_line();
+    return std::string(json.text());
 }

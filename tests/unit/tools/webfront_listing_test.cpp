@@ -27,7 +27,7 @@ TEST(webfront_interfaces, are_those_that_the_kernel_knows) {
 TEST(webfront_interfaces, become_json) {
     EXPECT_EQ(webfront_interfaces_json({}), "{\"interfaces\":[]}\n");
     const std::string names[] = {"lo", "e\"th", "wl\xff"};
-    EXPECT_EQ(webfront_interfaces_json(names), "{\"interfaces\":[\"lo\",\"e\\\"th\",\"wl\\ufffd\"]}\n");
+    EXPECT_EQ(webfront_interfaces_json(names), "{\"interfaces\":[\"lo\",\"e\\\"th\",\"wl\xef\xbf\xbd\"]}\n");
 }
 
 TEST(webfront_listing, has_two_paths) {

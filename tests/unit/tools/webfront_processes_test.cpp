@@ -104,15 +104,15 @@ TEST(webfront_read_processes, reads_what_the_kernel_says_of_this_process) {
 }
 
 TEST(webfront_processes_json, escapes_what_it_quotes) {
-    EXPECT_EQ(webfront_processes_json({}), "{\"processes\":[\n]}\n");
+    EXPECT_EQ(webfront_processes_json({}), "{\"processes\":[]}\n");
     const webfront_process two[] = {
         {.pid = 1, .name = "in\"it", .command = "/sbin/init \xff", .state = 'S', .memory_kb = 12},
         {.pid = 2, .name = "kthreadd", .command = "", .state = 'I', .is_kernel_thread = true},
     };
     EXPECT_EQ(webfront_processes_json(two),
-              R"({"processes":[
-{"pid":1,"name":"in\"it","command":"/sbin/init \ufffd","state":"S","memory_kb":12,"kernel":false},
-{"pid":2,"name":"kthreadd","command":"","state":"I","memory_kb":0,"kernel":true}
-]}
+              R"({"processes":[{"pid":1,"name":"in\"it","command":"/sbin/init )"
+              "\xef\xbf\xbd"
+              R"(","state":"S","memory_kb":12,"kernel":false},{"pid":2,"name":"kthreadd","command":"",)"
+              R"("state":"I","memory_kb":0,"kernel":true}]}
 )");
 }
