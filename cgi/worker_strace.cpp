@@ -26,15 +26,15 @@ namespace {
 constexpr int wake_up_signal = SIGUSR1;
 constexpr int wake_up_again_ms = 20;
 
-// How often it is looked whether a slow client has taken something, and how much it gets at once: a local
-// socket counts only whole pieces as taken.
-constexpr int look_again_ms = 50;
-constexpr size_t largest_piece = 4096;
+// How often and how finely a slow client's progress is checked. Local sockets and the loopback interface
+// count only whole pieces as taken.
+constexpr int check_progress_ms = 50;
+constexpr size_t piece_size = 1024;
 constexpr int large_segment = 16384;
 
 void on_wake_up(int /*sig*/) {}
 
-// Without SA_RESTART: what the signal is for is to interrupt the tracer's wait.
+// Without SA_RESTART, since the signal is there to interrupt the tracer's wait.
 void install_wake_up() {
     struct sigaction action = {};
     action.sa_handler = on_wake_up;
@@ -42,28 +42,40 @@ void install_wake_up() {
     sigaction(wake_up_signal, &action, nullptr);
 }
 
-// How text is sent. Segments of the loopback interface are so large that a slow client's buffer has to empty
-// for many seconds before the next one is let in. There each piece becomes a segment of its own.
-int send_flags(int fd) {
+// Whether the kernel would gather more than one piece into a segment, as on the loopback interface. A slow
+// client then has to read for many seconds before its window admits the next segment.
+bool has_large_segments(int fd) {
     int segment = 0;
     socklen_t size = sizeof segment;
-    const bool is_large =
-        getsockopt(fd, IPPROTO_TCP, TCP_MAXSEG, &segment, &size) == 0 && segment > large_segment;
-    return MSG_DONTWAIT | MSG_NOSIGNAL | (is_large ? MSG_EOR : 0);
+    return getsockopt(fd, IPPROTO_TCP, TCP_MAXSEG, &segment, &size) == 0 && segment > large_segment;
 }
 
-// When the client last took something, as far as that can be seen.
+// Sends up to one piece. Where segments are large, the end of each piece ends a segment. No segment is ended
+// earlier: the overhead of short ones makes the client's kernel enlarge its buffer, and the window of a large
+// buffer opens in steps of many seconds, too.
+ssize_t send_piece(strace_request* req, const char* text, size_t length) {
+    const size_t size = std::min(length, piece_size - req->piece_used);
+    const bool ends_segment = req->piece_used + size == piece_size && has_large_segments(req->client_fd);
+    const ssize_t sent =
+        send(req->client_fd, text, size, MSG_DONTWAIT | MSG_NOSIGNAL | (ends_segment ? MSG_EOR : 0));
+    if (sent > 0) {
+        req->piece_used = (req->piece_used + static_cast<size_t>(sent)) % piece_size;
+    }
+    return sent;
+}
+
+// When the client was last seen to take something.
 struct client_progress {
     int64_t since_ns = monotonic_ns();
-    int queued = INT_MAX;  // bytes that it had still to take
+    int queued = INT_MAX;  // bytes that it had not taken then
 };
 
-// Waits for a moment or until much can be written; false when the client has taken nothing for as long as it
-// may. The watcher's signals interrupt the wait. That much can be written is not waited for: it takes a good
-// part of the send buffer, which is minutes for a slow client.
+// Waits up to check_progress_ms for the client. Returns false once it has stalled. The watcher's signals
+// interrupt the wait. POLLOUT alone would not do: it needs a third of the send buffer to be free, which takes
+// a slow client minutes.
 bool wait_for_client(const strace_request* req, client_progress* progress) {
     pollfd client = {req->client_fd, POLLOUT, 0};
-    (void)poll(&client, 1, look_again_ms);
+    (void)poll(&client, 1, check_progress_ms);
     int queued = 0;
     (void)ioctl(req->client_fd, SIOCOUTQ, &queued);
     const int64_t now_ns = monotonic_ns();
@@ -74,17 +86,16 @@ bool wait_for_client(const strace_request* req, client_progress* progress) {
     return (now_ns - progress->since_ns) / 1000000 < (req->running ? strace_stall_ms : strace_last_words_ms);
 }
 
-// Writes to the client without waiting longer than the client may stall. Failures are not reported: that the
-// client has gone is the watcher's to see.
+// Writes to the client until it stalls. Failures are not reported here: the watcher notices a client that is
+// gone.
 void write_patiently(strace_request* req, const char* text, size_t length) {
     client_progress progress;
-    const int flags = send_flags(req->client_fd);
     while (length > 0 && !req->stalled) {
-        ssize_t put = send(req->client_fd, text, std::min(length, largest_piece), flags);
-        if (put >= 0) {
+        const ssize_t sent = send_piece(req, text, length);
+        if (sent >= 0) {
             progress = client_progress();
-            text += put;
-            length -= static_cast<size_t>(put);
+            text += sent;
+            length -= static_cast<size_t>(sent);
         } else if (errno == ENOTSOCK) {
             (void)safe_write(req->client_fd, text, static_cast<unsigned>(length));
             return;
@@ -102,7 +113,7 @@ int32_t cb_strace(void* cookie, const char* text, int length) {
     if (req->stalled) {
         req->running = 0;
     }
-    // Only a poll ends the trace; the result of a write is not looked at.
+    // A call without text asks whether to go on. The engine ignores the result of the others.
     if (length == 0 && !req->running) {
         req->noticed = 1;
     }
@@ -129,7 +140,8 @@ void end_watcher(strace_request* req, pthread_t watcher) {
     pthread_join(watcher, nullptr);
 }
 
-// Interrupts the worker's wait until it has noticed: a signal that comes just before the wait does nothing.
+// Interrupts the worker's wait again and again until the worker has noticed: a signal that arrives just
+// before the worker begins to wait has no effect.
 void wake_worker(strace_request* req) {
     while (!req->noticed) {
         pthread_kill(req->thread, wake_up_signal);
@@ -150,7 +162,7 @@ void* run_strace_request(void* record) {
     if (!worker_detach(client.get())) {
         return nullptr;
     }
-    // Before the thread that sends the signal is there.
+    // Before the thread that sends the signal exists.
     install_wake_up();
     pthread_t watcher;
     if (!over || pthread_create(&watcher, nullptr, run_strace_watcher, req.get()) != 0) {
@@ -165,7 +177,7 @@ void* run_strace_request(void* record) {
 void* run_strace_watcher(void* record) {
     strace_request* req = static_cast<strace_request*>(record);
     worker_assert(req != nullptr, "req", 431, "run_strace_watcher");
-    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): it is not null, by the line before
+    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): worker_assert has checked it
     pollfd watched[] = {{req->client_fd, POLLIN | POLLRDHUP, 0}, {req->over_fd, POLLIN, 0}};
     for (;;) {
         if (poll(watched, 2, -1) < 0) {

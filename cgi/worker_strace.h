@@ -1,4 +1,4 @@
-// The worker thread that streams a system-call trace, and the thread that watches its browser.
+// Streams a system-call trace to a browser: a worker thread traces, a second thread watches the connection.
 #pragma once
 
 #include <pthread.h>
@@ -12,23 +12,26 @@ struct strace_request {
     pid_t pids[capacity];
     int pid_count;
     int client_fd;
-    std::atomic<int> running;  // 1 from the start on, 0 when the trace is to stop
-    std::atomic<int> noticed;  // the worker has seen that `running` is 0
-    int stalled;               // the browser takes nothing any more; what is left of the text is dropped
-    int over_fd;               // readable when the trace is over
+    std::atomic<int> running;  // 1 while the trace is wanted, then 0
+    std::atomic<int> noticed;  // 1 once the worker has seen that `running` is 0
+    size_t piece_used;         // bytes sent of the current piece
+    int stalled;               // 1 once the browser has stalled; the rest of the text is dropped
+    int over_fd;               // borrowed; readable when the trace is over
     pthread_t thread;          // the worker
 };
 
-// How long a browser may take nothing while text is waiting for it; one that takes anything is served to the
-// end, which can be seen down to 5 kB a second. The traced processes wait with the text.
+// A browser that takes no byte for this long while text is waiting has stalled, and its trace ends: the
+// traced processes stand still meanwhile. Any progress counts. The kernel reports progress in steps, so only
+// browsers that read 5 kB a second or more are certain to be served to the end.
 constexpr int strace_stall_ms = 10000;
-// The same for one that has asked for the end.
+// The same limit after the browser has ended the trace.
 constexpr int strace_last_words_ms = 500;
 
-// Thread entry; takes over the strace_request (from malloc) and its connection. The trace ends with its
-// processes, or within a second when the browser closes the connection, sends anything or stalls.
+// Thread entry. Takes over the strace_request (from malloc) and its connection. The trace ends with its
+// processes, when the browser stalls, or within a second after the browser closes the connection or sends
+// anything.
 void* run_strace_request(void* record);
 
-// Thread entry; the strace_request is borrowed. Ends when the trace does, or when the browser has gone and
-// the worker has noticed.
+// Thread entry; borrows the strace_request. Ends with the trace, or once the worker has noticed that the
+// browser is gone.
 void* run_strace_watcher(void* record);

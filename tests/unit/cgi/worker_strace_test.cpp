@@ -1,5 +1,6 @@
 #include "cgi/worker_strace.h"
 
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -68,13 +69,22 @@ int unread_bytes(const browser& client) {
     return count;
 }
 
-// Whether the text for a browser that does not read has come to a halt, and a process with it.
-bool is_held_up(const browser& client, pid_t pid) {
+// Bytes that the daemon has written and the browser's kernel has not taken.
+int unsent_bytes(int daemon_fd) {
+    int count = 0;
+    EXPECT_EQ(ioctl(daemon_fd, SIOCOUTQ, &count), 0);
+    return count;
+}
+
+// Whether a trace stands still because its browser does not read: `waiting_bytes` stays what it is, and the
+// process stays stopped.
+template <typename Count>
+bool is_held_up(Count waiting_bytes, pid_t pid, std::chrono::milliseconds how_long = 20ms) {
     constexpr int looks = 20;
-    int before = unread_bytes(client);
+    const int before = waiting_bytes();
     for (int i = 0; i < looks; i++) {
-        usleep(1000);
-        if (before == 0 || unread_bytes(client) != before || state_of(pid) != 't') {
+        std::this_thread::sleep_for(how_long / looks);
+        if (before == 0 || waiting_bytes() != before || state_of(pid) != 't') {
             return false;
         }
     }
@@ -187,17 +197,27 @@ TEST(strace_worker, browser_that_stops_reading_does_not_hold_the_processes_for_e
     expect_free(busy.pid());
 }
 
-// Reads 5 kB a second for twice the time that a stalled browser has; whether the process is still traced.
+// The slowest browser that is sure to be served to the end.
+constexpr int slow_bytes_a_second = 5000;
+
+// Reads at that rate for twice as long as a browser may take nothing, and catches up after a delay of its
+// own. Returns whether the process is still traced.
 bool is_traced_by_a_slow_browser(int fd, pid_t pid) {
-    constexpr int rate = 5000;
-    constexpr int steps_a_second = 10;
-    const auto end = clock_type::now() + std::chrono::milliseconds(2 * strace_stall_ms + 2000);
-    std::string text(rate / steps_a_second, '\0');
-    while (clock_type::now() < end) {
-        if (recv(fd, text.data(), text.size(), 0) <= 0) {
-            return false;
+    constexpr auto how_long = std::chrono::milliseconds(2 * strace_stall_ms + 2000);
+    const auto begun = clock_type::now();
+    std::string text(4096, '\0');
+    size_t taken = 0;
+    for (auto passed = 0ms; passed < how_long;) {
+        passed = std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now() - begun);
+        const auto due = static_cast<size_t>(slow_bytes_a_second * passed.count() / 1000);
+        while (taken < due) {
+            ssize_t got = recv(fd, text.data(), std::min(text.size(), due - taken), 0);
+            if (got <= 0) {
+                return false;
+            }
+            taken += static_cast<size_t>(got);
         }
-        usleep(1000000 / steps_a_second);
+        usleep(100000);
     }
     return is_traced(pid);
 }
@@ -222,13 +242,41 @@ TEST(strace_worker, slow_browser_at_a_tcp_connection_is_served) {
     expect_free(busy.pid());
 }
 
+// How much the browser has to read before the daemon's end of a connection at a standstill notices.
+int bytes_until_noticed(int own_fd, int daemon_fd) {
+    constexpr int step = 512;
+    constexpr int enough = 1 << 20;
+    std::string text(step, '\0');
+    const int before = unsent_bytes(daemon_fd);
+    int taken = 0;
+    while (taken < enough && !eventually([&] { return unsent_bytes(daemon_fd) != before; }, 10ms)) {
+        taken += static_cast<int>(std::max<ssize_t>(recv(own_fd, text.data(), text.size(), MSG_DONTWAIT), 0));
+    }
+    return taken;
+}
+
+TEST(strace_worker, slow_browser_at_a_tcp_connection_is_noticed_to_read) {
+    tracee busy(call_for_ever);
+    auto [own, daemons] = tcp_pair();
+    unique_fd watched(dup(daemons.get()));
+    start(daemons.release(), {busy.pid()});
+    ASSERT_TRUE(
+        eventually([&] { return is_held_up([&] { return unsent_bytes(watched.get()); }, busy.pid(), 1s); }));
+    EXPECT_LT(bytes_until_noticed(own.get(), watched.get()),
+              slow_bytes_a_second * strace_stall_ms / 1000 / 2);
+    own.reset();
+    watched.reset();
+    wait_for_workers();
+    expect_free(busy.pid());
+}
+
 TEST(strace_worker, browser_that_stops_reading_and_then_sending_holds_the_processes_no_longer) {
     tracee busy(call_for_ever);
     browser client;
     int small = 4096;
     setsockopt(client.daemon_end(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     start(client, {busy.pid()});
-    ASSERT_TRUE(eventually([&] { return is_held_up(client, busy.pid()); }));
+    ASSERT_TRUE(eventually([&] { return is_held_up([&] { return unread_bytes(client); }, busy.pid()); }));
     auto ended = clock_type::now();
     ASSERT_EQ(shutdown(client.own_end(), SHUT_WR), 0);
     expect_ended_within_a_second(ended);
