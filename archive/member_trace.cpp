@@ -66,7 +66,7 @@ void flush_rest(trace_sink* sink) {
 
 int stream_strace_log(tar_handle* t, const int* pids, int count) {
     // The engine marks what it could not trace or saw end; those processes are still to be dumped.
-    unique_malloc<pid_t> traced(static_cast<pid_t*>(calloc(static_cast<size_t>(count) + 1, sizeof(pid_t))));
+    malloc_array<pid_t> traced = calloc_array<pid_t>(static_cast<size_t>(count) + 1);
     unique_malloc<char> text(static_cast<char*>(malloc(strace_budget)));
     if (!traced || !text) {
         return 0;

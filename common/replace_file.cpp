@@ -22,7 +22,7 @@ constexpr std::string_view blanks = "XXXXXX";
 constexpr mode_t private_mode = 0600;
 constexpr int name_attempts = 16;
 
-using unique_text = unique_malloc<char>;
+using unique_text = malloc_array<char>;
 
 // `path` followed by the mark and the blanks; null if memory runs out.
 unique_text sibling_template(std::string_view path) {
@@ -32,7 +32,7 @@ unique_text sibling_template(std::string_view path) {
         char* end = static_cast<char*>(mempcpy(name.get(), path.data(), path.size()));
         end = static_cast<char*>(mempcpy(end, mark.data(), mark.size()));
         memcpy(end, blanks.data(), blanks.size());
-        name.get()[length] = '\0';
+        name[length] = '\0';
     }
     return name;
 }

@@ -53,6 +53,18 @@ using unique_file = std::unique_ptr<FILE, file_closer>;
 struct malloc_freer {
     void operator()(void* memory) const { free(memory); }
 };
-// Memory from malloc, for allocations whose failure must be handled.
+// Memory from malloc, for allocations whose failure must be handled: one object (or a text), and an array.
 template <typename T>
 using unique_malloc = std::unique_ptr<T, malloc_freer>;
+template <typename T>
+using malloc_array = std::unique_ptr<T[], malloc_freer>;
+
+// One zeroed object, and an array of `count` of them. Empty if memory runs out.
+template <typename T>
+unique_malloc<T> calloc_one() {
+    return unique_malloc<T>(static_cast<T*>(calloc(1, sizeof(T))));
+}
+template <typename T>
+malloc_array<T> calloc_array(size_t count) {
+    return malloc_array<T>(static_cast<T*>(calloc(count, sizeof(T))));
+}

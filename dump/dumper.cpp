@@ -37,12 +37,12 @@ struct dumper_settings {
 dumper_settings dumper;
 
 // The vector of one run, which is the run's own: two at once must not get each other's pids.
-unique_malloc<char*> arguments_for(char* pid_text) {
+malloc_array<char*> arguments_for(char* pid_text) {
     size_t count = static_cast<size_t>(dumper.argc);
-    unique_malloc<char*> argv(static_cast<char**>(calloc(count + 1, sizeof(char*))));
+    malloc_array<char*> argv = calloc_array<char*>(count + 1);
     if (argv) {
         std::copy_n(dumper.argv, count - 1, argv.get());
-        argv.get()[count - 1] = pid_text;
+        argv[count - 1] = pid_text;
     }
     return argv;
 }
@@ -258,14 +258,13 @@ bool dump_start(pid_t pid, dump_run* run) {
     unique_fd data_end;
     char pid_text[16];
     snprintf(pid_text, sizeof pid_text, "%d", static_cast<int>(pid));
-    unique_malloc<char*> argv = arguments_for(pid_text);
+    malloc_array<char*> argv = arguments_for(pid_text);
     if (!argv || !open_pipe(&run->control, &control_end) || !open_pipe(&run->data, &data_end)) {
         perror("pipes");
         return false;
     }
     run->pid = pid;
-    run->child =
-        sys_run_nowait(argv.get()[0], argv.get(), STDIN_FILENO, data_end.get(), control_end.get(), 0);
+    run->child = sys_run_nowait(argv[0], argv.get(), STDIN_FILENO, data_end.get(), control_end.get(), 0);
     return true;
 }
 

@@ -120,12 +120,12 @@ bool attach_to_ring(int sock, const sock_fprog* filter) {
     sock_filter everything = BPF_STMT(BPF_RET | BPF_K, pcap_frame_limit);
     const sock_fprog all = {1, &everything};
     const sock_fprog& wanted = filter ? *filter : all;
-    unique_malloc<sock_filter> lines(static_cast<sock_filter*>(malloc(wanted.len * sizeof(sock_filter))));
+    malloc_array<sock_filter> lines = calloc_array<sock_filter>(wanted.len);
     if (!lines) {
         return attach(sock, wanted);
     }
     for (unsigned i = 0; i < wanted.len; i++) {
-        sock_filter& line = lines.get()[i];
+        sock_filter& line = lines[i];
         line = wanted.filter[i];
         line.k = line.code == (BPF_RET | BPF_K) ? std::min<uint32_t>(line.k, pcap_frame_limit) : line.k;
     }

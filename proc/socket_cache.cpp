@@ -63,7 +63,7 @@ struct socket_cache {
     bool worth_asking = false;
     bool tried = false;
     unique_fd diag;
-    unique_malloc<known_socket> sockets;  // sorted by inode, all of one table
+    malloc_array<known_socket> sockets;  // sorted by inode, all of one table
     size_t count = 0;
     size_t capacity = 0;
     bool complete = false;  // false if memory ran out while listing

@@ -46,7 +46,7 @@ struct trace_run {
 };
 
 strace_process& process_at(const trace_run* run, int index) {
-    return run->ctx->names->processes.get()[index];
+    return run->ctx->names->processes[index];
 }
 
 // Asks the caller whether to go on.
@@ -347,7 +347,7 @@ void note_event(trace_run* run, pid_t pid, int status) {
     } else if (!process.ready) {
         // One that is ready already has been killed while it was stopped; its end counts.
         process.ready = true;
-        run->ctx->names->ready.get()[run->ready_count++] = index;
+        run->ctx->names->ready[run->ready_count++] = index;
     }
 }
 
@@ -379,7 +379,7 @@ bool trace_round(trace_run* run) {
         more = wait_once(run, WNOHANG);
     }
     for (int i = 0; i < run->ready_count; i++) {
-        int index = run->ctx->names->ready.get()[i];
+        int index = run->ctx->names->ready[i];
         process_at(run, index).ready = false;
         if (run->ctx->pids[index] == -1) {
             continue;  // an exec has taken its number
@@ -407,7 +407,7 @@ bool make_buffer(strace_ctx* ctx) {
 
 void close_dirs(strace_names* names) {
     for (int i = 0; i <= names->count; i++) {
-        unique_fd closed(names->processes.get()[i].fd_dir);
+        unique_fd closed(names->processes[i].fd_dir);
     }
 }
 
@@ -454,14 +454,13 @@ void do_strace(strace_ctx* ctx) {
     int count = ctx->nr_pids > 0 ? ctx->nr_pids : 0;
     strace_names names;
     names.count = count;
-    names.processes.reset(
-        static_cast<strace_process*>(calloc(static_cast<size_t>(count) + 1, sizeof(strace_process))));
-    names.ready.reset(static_cast<int*>(calloc(static_cast<size_t>(count) + 1, sizeof(int))));
+    names.processes = calloc_array<strace_process>(static_cast<size_t>(count) + 1);
+    names.ready = calloc_array<int>(static_cast<size_t>(count) + 1);
     if (names.processes && names.ready && make_buffer(ctx) && take_turn(ctx)) {
         names.sockets = socket_cache_new();
         names.pending.reset(static_cast<char*>(count > 1 ? malloc(strace_buffer_size) : nullptr));
         for (int i = 0; i <= count; i++) {
-            names.processes.get()[i].fd_dir = -1;
+            names.processes[i].fd_dir = -1;
         }
         ctx->names = &names;
         trace(ctx);

@@ -28,10 +28,10 @@ struct strace_process {
 
 struct strace_names {
     int count = 0;
-    unique_malloc<strace_process> processes;  // one for each of the context's pids, then a blank one
-    unique_malloc<int> ready;                 // positions of the processes with an event
+    malloc_array<strace_process> processes;  // one for each of the context's pids, then a blank one
+    malloc_array<int> ready;                 // positions of the processes with an event
     unique_socket_cache sockets;
-    unique_malloc<char> pending;  // text not yet written, strace_buffer_size bytes; null: nothing is buffered
+    malloc_array<char> pending;  // text not yet written, strace_buffer_size bytes; null: nothing is buffered
     int pending_length = 0;
 };
 

@@ -32,7 +32,7 @@ struct release {
     int looks = 0;           // how often it was seen in a state in which no signal stops it
 
     pid_t pid() const { return ctx->pids[index]; }
-    strace_process& process() const { return ctx->names->processes.get()[index]; }
+    strace_process& process() const { return ctx->names->processes[index]; }
 };
 
 enum class outcome { coming, free, later };
@@ -63,7 +63,7 @@ bool settle(const release* r, int status) {
 
 // Keeps an event in mind that came while another process was waited for.
 void keep_event(strace_ctx* ctx, int index, int status) {
-    strace_process& process = ctx->names->processes.get()[index];
+    strace_process& process = ctx->names->processes[index];
     if (WIFSTOPPED(status)) {
         process.stopped = true;
         process.undelivered = strace_signal_of_stop(&process, ctx->pids[index], status);
@@ -80,7 +80,7 @@ pid_t wait_for_exec(release* r, int* status) {
     }
     pid_t got = waitpid(number, status, WNOHANG | trace_wait_flags);
     int index = got > 0 ? strace_index_of_event(r->ctx, got, *status) : strace_index(r->ctx, number);
-    if (got == 0 && (index < 0 || r->ctx->names->processes.get()[index].released)) {
+    if (got == 0 && (index < 0 || r->ctx->names->processes[index].released)) {
         r->ctx->pids[r->index] = number;  // the stop of its exec is still to come
         return 0;
     }
@@ -188,7 +188,7 @@ void wait_for_children(strace_ctx* ctx) {
 int release_each(strace_ctx* ctx, bool stopped_only, const deadline& end) {
     int left = 0;
     for (int i = 0; i < ctx->names->count; i++) {
-        strace_process& process = ctx->names->processes.get()[i];
+        strace_process& process = ctx->names->processes[i];
         if (ctx->pids[i] == -1 || process.released || (stopped_only && !process.stopped)) {
             continue;
         }

@@ -131,3 +131,12 @@ TEST(unique_file, closes_its_stream) {
     }
     EXPECT_EQ(count_open_fds(), before);
 }
+
+TEST(malloc_array, elements_are_zero_until_they_are_set) {
+    malloc_array<long> numbers = calloc_array<long>(3);
+    ASSERT_TRUE(numbers);
+    numbers[1] = 7;
+    EXPECT_EQ(numbers[0], 0);
+    EXPECT_EQ(numbers[1], 7);
+    EXPECT_EQ(numbers[2], 0);
+}

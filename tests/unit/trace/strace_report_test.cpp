@@ -52,10 +52,10 @@ struct report {
 
     report() {
         names.count = 1;
-        names.processes.reset(static_cast<strace_process*>(calloc(2, sizeof(strace_process))));
-        strcpy(names.processes.get()[0].name, "me");
-        names.processes.get()[0].fd_dir = -1;
-        names.processes.get()[1].fd_dir = -1;
+        names.processes = calloc_array<strace_process>(2);
+        strcpy(names.processes[0].name, "me");
+        names.processes[0].fd_dir = -1;
+        names.processes[1].fd_dir = -1;
         names.sockets = socket_cache_new();
         ctx.write = write;
         ctx.cookie = this;
@@ -68,8 +68,8 @@ struct report {
     report(const report&) = delete;
     report& operator=(const report&) = delete;
     ~report() {
-        unique_fd first(names.processes.get()[0].fd_dir);
-        unique_fd blank(names.processes.get()[1].fd_dir);
+        unique_fd first(names.processes[0].fd_dir);
+        unique_fd blank(names.processes[1].fd_dir);
     }
 
     // Lists the descriptors of this program; returns what was said on standard error.
