@@ -1,4 +1,4 @@
-// 32-bit MIPS with the O32 calling convention: the device.
+// 32-bit MIPS with the O32 calling convention, the processor of the device.
 #include <stdio.h>
 #include <sys/ptrace.h>
 
@@ -7,22 +7,26 @@
 
 namespace {
 
-// Indexes into the general register set of PTRACE_GETREGS, which has 64 bits for each register, and into the
-// user area of PTRACE_POKEUSER (asm/ptrace.h).
+// Indexes of registers (asm/ptrace.h), both in the set that PTRACE_GETREGS returns, with 64 bits for each,
+// and in the user area.
 constexpr size_t reg_v0 = 2;
 constexpr size_t reg_a0 = 4;
 constexpr size_t reg_sp = 29;
 constexpr size_t reg_ra = 31;
-constexpr size_t reg_epc = 34;  // in the register set; PEEKUSER and POKEUSER have it at 64
+constexpr size_t reg_epc = 34;  // in the set; 64 in the user area
 constexpr size_t reg_count = 38;
 
 constexpr size_t register_args = 4;
-constexpr int64_t stack_args = 16;  // where arguments 5 and 6 are, from the stack pointer on
+constexpr int64_t stack_args = 16;  // offset of arguments 5 and 6 from the stack pointer
 constexpr int64_t word_bytes = 4;
 
-// The kernel fills all 64 bits by extending the sign, but what the upper half holds does not matter here.
+// The lower half of a register, sign-extended. The upper half is not used.
 int64_t word(uint64_t value) {
     return static_cast<int32_t>(value);
+}
+
+void write_register(pid_t pid, size_t index, int64_t value) {
+    ptrace(PTRACE_POKEUSER, pid, ptrace_data(static_cast<int64_t>(index)), ptrace_data(value));
 }
 
 }  // namespace
@@ -46,19 +50,17 @@ bool arch_read_regs(pid_t pid, arch_regs* regs) {
 }
 
 void arch_read_stack_args(arch_regs* regs, const tracee_memory& memory) {
-    int64_t pair[2];
-    tracee_word_pair(memory, static_cast<uint64_t>(regs->sp + stack_args), pair);
-    regs->arg[register_args] = pair[0];
-    regs->arg[register_args + 1] = pair[1];
+    tracee_words words = tracee_word_pair(memory, static_cast<uint64_t>(regs->sp + stack_args));
+    regs->arg[register_args] = words.first;
+    regs->arg[register_args + 1] = words.second;
 }
 
 void arch_writeback_sc(pid_t pid, syscall_record* call) {
     fputs("arch_writeback_sc", stdout);
     for (size_t i = 0; i < register_args; i++) {
-        ptrace(PTRACE_POKEUSER, pid, ptrace_data(static_cast<int64_t>(reg_a0 + i)),
-               ptrace_data(call->arg[i]));
+        write_register(pid, reg_a0 + i, call->arg[i]);
     }
-    ptrace(PTRACE_POKEUSER, pid, ptrace_data(static_cast<int64_t>(reg_v0)), ptrace_data(call->number));
+    write_register(pid, reg_v0, call->number);
     int64_t sp = ptrace(PTRACE_PEEKUSER, pid, ptrace_data(static_cast<int64_t>(reg_sp)), nullptr);
     for (int64_t i = 0; i < 2; i++) {
         ptrace(PTRACE_POKEDATA, pid, ptrace_data(sp + stack_args + i * word_bytes),

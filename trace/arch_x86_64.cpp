@@ -1,5 +1,5 @@
-// x86-64: a development machine. Calls are translated by name into O32's numbers, so that the tracer shows
-// there what it shows on the device.
+// x86-64, the processor of a development machine. Calls get the O32 number of the call with the same name, so
+// the tracer shows the same text as on the device.
 #include <linux/audit.h>
 #include <signal.h>
 #include <stddef.h>
@@ -20,18 +20,18 @@ constexpr int16_t o32_twins[] = {
 #include "trace/x86_64_calls.inc"
 };
 
-constexpr unsigned long code_segment_64 = 0x33;  // of a process that is not in 32-bit mode
+constexpr unsigned long code_segment_64 = 0x33;  // the value of cs in 64-bit mode
 
-// Where the kernel has the arguments of a call, in order.
+// The registers of the arguments, in order.
 constexpr size_t argument_offsets[] = {
     offsetof(user_regs_struct, rdi), offsetof(user_regs_struct, rsi), offsetof(user_regs_struct, rdx),
     offsetof(user_regs_struct, r10), offsetof(user_regs_struct, r8),  offsetof(user_regs_struct, r9),
 };
 
-// The target's numbers of this machine's signals, where they are not the same.
+// The signals whose number on the target differs from the one on this machine.
 constexpr struct {
-    int here;
-    unsigned there;
+    int host;
+    unsigned target;
 } signals[] = {
     {SIGBUS, 10},  {SIGSYS, 12},   {SIGUSR1, 16}, {SIGUSR2, 17},  {SIGCHLD, 18},
     {SIGPWR, 19},  {SIGWINCH, 20}, {SIGURG, 21},  {SIGPOLL, 22},  {SIGSTOP, 23},
@@ -39,6 +39,7 @@ constexpr struct {
     {SIGPROF, 29}, {SIGXCPU, 30},  {SIGXFSZ, 31}, {SIGSTKFLT, 0},
 };
 
+// The index of the O32 call with the same name, or -1.
 int twin_of(unsigned long number) {
     return number < std::size(o32_twins) ? o32_twins[number] : -1;
 }
@@ -47,13 +48,13 @@ void write_register(pid_t pid, size_t offset, int64_t value) {
     ptrace(PTRACE_POKEUSER, pid, ptrace_data(static_cast<int64_t>(offset)), ptrace_data(value));
 }
 
-// The number that O32 has for a call, or -1.
+// The call's number in O32, or -1.
 int64_t o32_number(int twin) {
     return twin >= 0 ? o32_first + twin : -1;
 }
 
-// What the kernel (from 5.3 on) tells about a stop costs less than all registers. At an exit it leaves the
-// number and the arguments out, which are not asked for there.
+// Reads only what describes the stop, which is faster than reading all registers (Linux 5.3 or later). At an
+// exit there is no number and there are no arguments; nobody uses them there.
 bool read_syscall_info(pid_t pid, arch_regs* regs) {
     __ptrace_syscall_info info = {};
     void* size = ptrace_data(sizeof info);
@@ -84,7 +85,7 @@ bool read_general_regs(pid_t pid, arch_regs* regs) {
     int twin = user.cs == code_segment_64 ? twin_of(user.orig_rax) : -1;
     *regs = {
         .pc = static_cast<int64_t>(user.rip),
-        .ra = 0,  // there is no such register
+        .ra = 0,  // x86-64 has no such register
         .number = o32_number(twin),
         .result = static_cast<int64_t>(user.rax),
         .sp = static_cast<int64_t>(user.rsp),
@@ -117,6 +118,6 @@ void arch_writeback_sc(pid_t pid, syscall_record* call) {
 }
 
 unsigned arch_target_signal(int sig) {
-    auto found = std::ranges::find(signals, sig, [](const auto& row) { return row.here; });
-    return found != std::end(signals) ? found->there : static_cast<unsigned>(sig);
+    auto found = std::ranges::find(signals, sig, [](const auto& row) { return row.host; });
+    return found != std::end(signals) ? found->target : static_cast<unsigned>(sig);
 }

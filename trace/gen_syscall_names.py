@@ -1,16 +1,15 @@
 #!/usr/bin/python3 -B
-"""Writes the generated parts of the tracer from the kernel's installed headers.
+"""Generates the tracer's lists of system calls from the installed kernel headers.
 
 usage: gen_syscall_names.py [--check] [--mips DIR] [--x86-64 FILE]
 
-  --check        writes nothing; exit status 1 when a generated file is not what it would be written as,
-                 77 when the headers are not here
+  --check        write nothing; exit status 1 if a list is out of date, 77 if the headers are missing
   --mips DIR     the target's asm folder (default: Debian's linux-libc-dev-mipsel-cross)
   --x86-64 FILE  the development machine's unistd_64.h (default: Debian's linux-libc-dev)
 
-syscall_names.inc has the names of all calls of the 32-bit, 64-bit and N32 interfaces up to perf_counter_open,
-in the order of their numbers. A later header adds calls behind that one, which are left out.
-x86_64_calls.inc has, for each call number of x86-64, the number of the 32-bit MIPS call with the same name.
+syscall_names.inc lists the names of the calls of the 32-bit, 64-bit and N32 interfaces in the order of their
+numbers, up to perf_counter_open; newer headers have more. x86_64_calls.inc lists, for each call number of x86-64,
+the number of the 32-bit MIPS call with the same name.
 """
 
 import argparse
@@ -21,11 +20,11 @@ import sys
 HERE = pathlib.Path(__file__).resolve().parent
 MISSING = 77
 
-LAST = "perf_counter_open"                      # where the lists end
-RENAMED = {"perf_event_open": LAST}             # the header's name: the list's
-UNASSIGNED = "unassigned279"                    # keeps each 32-bit name at its number
+LAST = "perf_counter_open"                      # the last call of each list
+RENAMED = {"perf_event_open": LAST}             # name in the header: name in the list
+UNASSIGNED = "unassigned279"                    # placeholder for a number without a call
 O32_GAP = 279
-N32_LEFT_OUT = "reserved177"
+N32_SKIPPED = "reserved177"
 O32_COUNT = 334
 TWINLESS = -1
 
@@ -44,14 +43,14 @@ def mips_calls(folder, interface):
 
 def o32_names(folder):
     names = {**mips_calls(folder, "o32"), O32_GAP: UNASSIGNED}
-    assert sorted(names) == list(range(O32_COUNT)), "the 32-bit numbers are not in a row"
+    assert sorted(names) == list(range(O32_COUNT)), "the 32-bit numbers have gaps"
     return [names[number] for number in sorted(names)]
 
 
 def syscall_names(folder):
     o32 = o32_names(folder) + ["Linux_syscalls", "O32_Linux", "O32_Linux_syscalls"]
     n64 = ["Linux", *mips_calls(folder, "n64").values(), "Linux_syscalls", "64_Linux", "64_Linux_syscalls"]
-    n32 = [name for name in mips_calls(folder, "n32").values() if name != N32_LEFT_OUT]
+    n32 = [name for name in mips_calls(folder, "n32").values() if name != N32_SKIPPED]
     return o32 + n64 + ["Linux", *n32, "Linux_syscalls", "N32_Linux", "N32_Linux_syscalls"]
 
 
@@ -78,7 +77,7 @@ def main():
     parser.add_argument("--x86-64", type=pathlib.Path, default="/usr/include/x86_64-linux-gnu/asm/unistd_64.h")
     options = parser.parse_args()
     if not (options.mips / "unistd_o32.h").exists() or not options.x86_64.exists():
-        print("skipped: the kernel's headers are not here (packages linux-libc-dev-mipsel-cross, linux-libc-dev)")
+        print("skipped: the kernel headers are missing (packages linux-libc-dev-mipsel-cross, linux-libc-dev)")
         return MISSING
     status = 0
     for name, text in generated(options.mips, options.x86_64).items():
@@ -86,7 +85,7 @@ def main():
         if not options.check:
             path.write_text(text)
         elif path.read_text() != text:
-            print(f"{path}: not what {pathlib.Path(__file__).name} writes")
+            print(f"{path}: out of date, run {pathlib.Path(__file__).name}")
             status = 1
     return status
 

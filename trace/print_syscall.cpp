@@ -9,13 +9,12 @@
 
 namespace {
 
-// How an argument is printed. Names of formats as printf has them.
-enum class how : uint8_t {
-    nothing,
+enum class arg_style : uint8_t {
+    none,
     fd,
-    text,            // a string that a NUL ends
-    data,            // bytes, as many as argument `length` says
-    data_read,       // the address at the entry, and at the exit as many bytes as the result says
+    text,            // a string that ends in a NUL
+    data,            // bytes; argument `length` is their number
+    data_read,       // the address at the entry; bytes at the exit, the result is their number
     time_pair,       // two words
     decimal,         // %ld
     number,          // %lu
@@ -24,13 +23,14 @@ enum class how : uint8_t {
     hex_int,         // 0x%x
     bare_hex_int,    // %x
     decimal_0x,      // 0x%ld; deliberate
-    ptrace_request,  // by name where it has one
+    ptrace_request,  // its name, or its number if it has no name here
 };
 
+// How one argument is printed.
 struct arg_format {
-    how printed = how::nothing;
-    uint8_t arg = 0;     // counted from 1
-    uint8_t length = 0;  // likewise
+    arg_style style = arg_style::none;
+    uint8_t arg = 0;     // from 1
+    uint8_t length = 0;  // from 1
 };
 
 struct call_format {
@@ -40,25 +40,25 @@ struct call_format {
     bool hex_result = false;
 };
 
-// Makes the formats of the table below: `hex(2)` prints argument 2 that way.
-struct in_format {
-    how printed;
-    constexpr arg_format operator()(uint8_t arg, uint8_t length = 0) const { return {printed, arg, length}; }
+// The notation of the tables below: `hex(2)` prints argument 2 in that style.
+struct styled {
+    arg_style style;
+    constexpr arg_format operator()(uint8_t arg, uint8_t length = 0) const { return {style, arg, length}; }
 };
 
-constexpr in_format fd{how::fd};
-constexpr in_format text{how::text};
-constexpr in_format data{how::data};
-constexpr in_format data_read{how::data_read};
-constexpr in_format time_pair{how::time_pair};
-constexpr in_format dec{how::decimal};
-constexpr in_format num{how::number};
-constexpr in_format hex{how::hex};
-constexpr in_format bare{how::bare_hex};
-constexpr in_format hex_int{how::hex_int};
-constexpr in_format bare_int{how::bare_hex_int};
-constexpr in_format dec_0x{how::decimal_0x};
-constexpr in_format request{how::ptrace_request};
+constexpr styled fd{arg_style::fd};
+constexpr styled text{arg_style::text};
+constexpr styled data{arg_style::data};
+constexpr styled data_read{arg_style::data_read};
+constexpr styled time_pair{arg_style::time_pair};
+constexpr styled dec{arg_style::decimal};
+constexpr styled num{arg_style::number};
+constexpr styled hex{arg_style::hex};
+constexpr styled bare{arg_style::bare_hex};
+constexpr styled hex_int{arg_style::hex_int};
+constexpr styled bare_int{arg_style::bare_hex_int};
+constexpr styled dec_0x{arg_style::decimal_0x};
+constexpr styled request{arg_style::ptrace_request};
 
 constexpr int nr_socketcall = 4102;
 
@@ -87,10 +87,10 @@ constexpr call_format formats[] = {
     {4246, {dec(1)}, true},                                                // exit_group
 };
 
-// Any other call.
+// All other calls.
 constexpr call_format plain_format = {0, {num(1), num(2), num(3), num(4), num(5), num(6)}};
 
-// The calls that socketcall multiplexes, by their number there.
+// The calls that socketcall multiplexes, by their socketcall number.
 constexpr call_format socket_formats[] = {
     {1, {num(1), num(2), num(3)}},                              // socket
     {2, {fd(1), hex(2), dec(3)}},                               // bind
@@ -103,7 +103,7 @@ constexpr call_format socket_formats[] = {
     {17, {fd(1), hex(2), dec(3)}},                              // recvmsg
 };
 
-// The same calls under numbers of their own.
+// The same calls as system calls of their own.
 constexpr struct {
     int number;
     int socketcall;
@@ -140,11 +140,11 @@ constexpr struct {
     {5, "PTRACE_POKEDATA"}, {6, "PTRACE_POKEUSER"}, {16, "PTRACE_ATTACH"},  {24, "PTRACE_SYSCALL"},
 };
 
-constexpr size_t fd_text_room = 128;
+constexpr size_t description_size = 128;
 constexpr int64_t until_nul = -1;
-constexpr int64_t shown_whole = 64;     // the longest data that is not cut,
-constexpr size_t shown_of_longer = 32;  // and what is shown of longer data
-constexpr size_t room_for_byte = 4;
+constexpr int64_t longest_uncut = 64;
+constexpr size_t cut_length = 32;
+constexpr size_t longest_escape = 4;
 
 struct printer {
     const syscall_view& view;
@@ -156,155 +156,154 @@ struct printer {
     unsigned long word(uint8_t n) const { return static_cast<unsigned long>(call.arg[n - 1]); }
 };
 
-void put_byte(text_line* line, unsigned char c) {
+void append_byte(text_line* line, unsigned char c) {
     switch (c) {
         case '\n':
-            return text_put(line, "\\n");
+            return text_append(line, "\\n");
         case '\r':
-            return text_put(line, "\\r");
+            return text_append(line, "\\r");
         case '\t':
-            return text_put(line, "\\t");
+            return text_append(line, "\\t");
         default:
             break;
     }
     if (c >= ' ' && c <= '~') {
-        return text_put(line, static_cast<char>(c));
+        return text_append(line, static_cast<char>(c));
     }
-    text_put(line, "\\x");
-    text_put_hex(line, c);
+    text_append(line, "\\x");
+    text_append_hex(line, c);
 }
 
-// Bytes of the process, `length` of them or (until_nul) a string.
-void put_data(printer* p, uint64_t address, int64_t length) {
-    text_put(&p->line, '"');
+// Quotes `length` bytes of the process, or a string if `length` is until_nul.
+void append_data(printer* p, uint64_t address, int64_t length) {
+    text_append(&p->line, '"');
     if (length >= 1 || length == until_nul) {
-        bool cut = length == until_nul || length > shown_whole;
+        bool cut = length == until_nul || length > longest_uncut;
         unsigned char bytes[tracee_text_limit];
         size_t got =
-            tracee_text(*p->view.memory, address, bytes, cut ? shown_of_longer : static_cast<size_t>(length));
-        for (size_t i = 0; i < got && p->line.room() >= room_for_byte; i++) {
+            tracee_text(*p->view.memory, address, bytes, cut ? cut_length : static_cast<size_t>(length));
+        for (size_t i = 0; i < got && p->line.left() >= longest_escape; i++) {
             if (bytes[i] == '\0' && length == until_nul) {
                 break;
             }
-            put_byte(&p->line, bytes[i]);
+            append_byte(&p->line, bytes[i]);
         }
     }
-    text_put(&p->line, '"');
+    text_append(&p->line, '"');
 }
 
-void put_fd(printer* p, int number) {
-    char description[fd_text_room];
-    text_put_decimal(&p->line, number);
+void append_fd(printer* p, int number) {
+    char description[description_size];
+    text_append_decimal(&p->line, number);
     if (p->view.describe_fd(p->view, number, description, sizeof description) > 0) {
-        text_put(&p->line, ' ');
-        text_put(&p->line, description);
+        text_append(&p->line, ' ');
+        text_append(&p->line, description);
     }
 }
 
-void put_time_pair(printer* p, uint64_t address) {
-    int64_t pair[2];
-    tracee_word_pair(*p->view.memory, address, pair);
-    text_put(&p->line, "{ ");
-    text_put_decimal(&p->line, static_cast<int>(pair[0]));
-    text_put(&p->line, ", ");
-    text_put_decimal(&p->line, static_cast<int>(pair[1]));
-    text_put(&p->line, " }");
+void append_time_pair(printer* p, uint64_t address) {
+    tracee_words words = tracee_word_pair(*p->view.memory, address);
+    text_append(&p->line, "{ ");
+    text_append_decimal(&p->line, static_cast<int>(words.first));
+    text_append(&p->line, ", ");
+    text_append_decimal(&p->line, static_cast<int>(words.second));
+    text_append(&p->line, " }");
 }
 
-void put_request(printer* p, int64_t number) {
+void append_request(printer* p, int64_t number) {
     auto found = std::ranges::find(ptrace_requests, number, [](const auto& known) { return known.number; });
     if (found != std::end(ptrace_requests)) {
-        text_put(&p->line, found->name);
+        text_append(&p->line, found->name);
     } else {
-        text_put_decimal(&p->line, static_cast<long>(number));
+        text_append_decimal(&p->line, static_cast<long>(number));
     }
 }
 
-void put_0x(printer* p, unsigned long value) {
-    text_put(&p->line, "0x");
-    text_put_hex(&p->line, value);
+void append_0x(printer* p, unsigned long value) {
+    text_append(&p->line, "0x");
+    text_append_hex(&p->line, value);
 }
 
-void put_argument(printer* p, const arg_format& format) {
+void append_argument(printer* p, const arg_format& format) {
     unsigned long word = p->word(format.arg);
     long value = p->arg(format.arg);
     uint64_t address = static_cast<uint64_t>(p->call.arg[format.arg - 1]);
-    switch (format.printed) {
-        case how::nothing:
+    switch (format.style) {
+        case arg_style::none:
             return;
-        case how::fd:
-            return put_fd(p, static_cast<int>(value));
-        case how::text:
-            return put_data(p, address, until_nul);
-        case how::data:
-            return put_data(p, address, p->call.arg[format.length - 1]);
-        case how::data_read:
-            return p->entry ? put_0x(p, word) : put_data(p, address, p->call.result);
-        case how::time_pair:
-            return put_time_pair(p, address);
-        case how::decimal:
-            return text_put_decimal(&p->line, value);
-        case how::number:
-            return text_put_unsigned(&p->line, word);
-        case how::hex:
-            return put_0x(p, word);
-        case how::bare_hex:
-            return text_put_hex(&p->line, word);
-        case how::hex_int:
-            return put_0x(p, static_cast<unsigned>(word));
-        case how::bare_hex_int:
-            return text_put_hex(&p->line, static_cast<unsigned>(word));
-        case how::decimal_0x:
-            text_put(&p->line, "0x");
-            return text_put_decimal(&p->line, value);
-        case how::ptrace_request:
-            return put_request(p, p->call.arg[format.arg - 1]);
+        case arg_style::fd:
+            return append_fd(p, static_cast<int>(value));
+        case arg_style::text:
+            return append_data(p, address, until_nul);
+        case arg_style::data:
+            return append_data(p, address, p->call.arg[format.length - 1]);
+        case arg_style::data_read:
+            return p->entry ? append_0x(p, word) : append_data(p, address, p->call.result);
+        case arg_style::time_pair:
+            return append_time_pair(p, address);
+        case arg_style::decimal:
+            return text_append_decimal(&p->line, value);
+        case arg_style::number:
+            return text_append_unsigned(&p->line, word);
+        case arg_style::hex:
+            return append_0x(p, word);
+        case arg_style::bare_hex:
+            return text_append_hex(&p->line, word);
+        case arg_style::hex_int:
+            return append_0x(p, static_cast<unsigned>(word));
+        case arg_style::bare_hex_int:
+            return text_append_hex(&p->line, static_cast<unsigned>(word));
+        case arg_style::decimal_0x:
+            text_append(&p->line, "0x");
+            return text_append_decimal(&p->line, value);
+        case arg_style::ptrace_request:
+            return append_request(p, p->call.arg[format.arg - 1]);
     }
 }
 
-void put_head(printer* p, const char* call_name) {
-    text_put(&p->line, '[');
-    text_put_decimal(&p->line, p->view.pid);
-    text_put(&p->line, ' ');
-    text_put(&p->line, p->view.name);
-    text_put(&p->line, "] [");
-    text_put_hex(&p->line, static_cast<unsigned long>(p->call.pc));
-    text_put(&p->line, ' ');
-    text_put_hex(&p->line, static_cast<unsigned long>(p->call.ra));
-    text_put(&p->line, "] ");
-    text_put(&p->line, call_name);
-    text_put(&p->line, '(');
+void append_head(printer* p, const char* call_name) {
+    text_append(&p->line, '[');
+    text_append_decimal(&p->line, p->view.pid);
+    text_append(&p->line, ' ');
+    text_append(&p->line, p->view.name);
+    text_append(&p->line, "] [");
+    text_append_hex(&p->line, static_cast<unsigned long>(p->call.pc));
+    text_append(&p->line, ' ');
+    text_append_hex(&p->line, static_cast<unsigned long>(p->call.ra));
+    text_append(&p->line, "] ");
+    text_append(&p->line, call_name);
+    text_append(&p->line, '(');
 }
 
-void put_result(printer* p, const call_format& format) {
-    text_put(&p->line, " = ");
+void append_result(printer* p, const call_format& format) {
+    text_append(&p->line, " = ");
     if (format.hex_result) {
-        put_0x(p, static_cast<unsigned long>(p->call.result));
+        append_0x(p, static_cast<unsigned long>(p->call.result));
     } else {
-        text_put_decimal(&p->line, static_cast<long>(p->call.result));
+        text_append_decimal(&p->line, static_cast<long>(p->call.result));
     }
-    text_put(&p->line, '\n');
+    text_append(&p->line, '\n');
 }
 
 int print(printer* p, const char* call_name, const call_format& format) {
-    put_head(p, call_name);
+    append_head(p, call_name);
     for (const arg_format& arg : format.args) {
-        if (arg.printed == how::nothing) {
+        if (arg.style == arg_style::none) {
             break;
         }
         if (&arg != &format.args[0]) {
-            text_put(&p->line, ", ");
+            text_append(&p->line, ", ");
         }
-        put_argument(p, arg);
+        append_argument(p, arg);
     }
-    text_put(&p->line, ')');
+    text_append(&p->line, ')');
     if (!p->entry) {
-        put_result(p, format);
+        append_result(p, format);
     }
     return static_cast<int>(p->line.length);
 }
 
-// The multiplexer: the real arguments are six words of 32 bits in the process's memory.
+// The arguments of a multiplexed call are six 32-bit words in the process's memory.
 int print_socketcall(const syscall_view& view, const syscall_record& call, bool entry,
                      const text_line& line) {
     int socketcall = static_cast<int>(call.arg[0] & (socketcall_count - 1));

@@ -8,29 +8,33 @@
 #include <cerrno>
 
 #include "proc/proc_fd.h"
+#include "trace/ptrace_data.h"
 
 namespace {
 
 constexpr size_t word_size = sizeof(long);
 
-// An address of the tracee in the place of a pointer; the upper half is dropped where addresses have none.
 void* as_pointer(uint64_t address) {
-    return reinterpret_cast<void*>(static_cast<uintptr_t>(address));  // NOLINT(performance-no-int-to-ptr)
+    return ptrace_data(static_cast<int64_t>(address));
 }
 
-ssize_t block_of_process(const tracee_memory& memory, uint64_t address, void* out, size_t count) {
-    iovec here = {out, count};
-    iovec there = {as_pointer(address), count};
-    return process_vm_readv(memory.pid, &here, 1, &there, 1, 0);
+ssize_t read_process_block(const tracee_memory& memory, uint64_t address, void* out, size_t count) {
+    iovec local = {out, count};
+    iovec remote = {as_pointer(address), count};
+    return process_vm_readv(memory.pid, &local, 1, &remote, 1, 0);
 }
 
-bool word_of_process(const tracee_memory& memory, uint64_t address, long* word) {
+bool read_process_word(const tracee_memory& memory, uint64_t address, long* word) {
     errno = 0;
-    *word = ptrace(PTRACE_PEEKDATA, memory.pid, as_pointer(address), nullptr);
-    return *word != -1 || errno == 0;
+    long value = ptrace(PTRACE_PEEKDATA, memory.pid, as_pointer(address), nullptr);
+    if (value == -1 && errno != 0) {
+        return false;
+    }
+    *word = value;
+    return true;
 }
 
-ssize_t file_of_process(const tracee_memory& memory, void* out, unsigned count, int64_t address) {
+ssize_t read_process_file(const tracee_memory& memory, void* out, unsigned count, int64_t address) {
     return proc_mem_pread(memory.pid, out, count, address);
 }
 
@@ -41,7 +45,7 @@ size_t read_block(const tracee_memory& memory, uint64_t address, void* out, size
 }  // namespace
 
 tracee_memory tracee_memory_of(pid_t pid) {
-    return {pid, nullptr, block_of_process, word_of_process, file_of_process};
+    return {pid, nullptr, read_process_block, read_process_word, read_process_file};
 }
 
 size_t tracee_text(const tracee_memory& memory, uint64_t address, unsigned char* out, size_t count) {
@@ -51,7 +55,7 @@ size_t tracee_text(const tracee_memory& memory, uint64_t address, unsigned char*
     size_t got = read_block(memory, address, block, wanted);
     size_t readable = got >= word_size ? std::min(got - (word_size - 1), count) : 0;
     memcpy(out, block, readable);
-    // Memory that only a debugger may read is left to the words.
+    // A block ends at memory that only a debugger may read; single words do not.
     long word;
     while (readable < count && memory.read_word(memory, address + readable, &word)) {
         out[readable++] = static_cast<unsigned char>(word);
@@ -59,15 +63,13 @@ size_t tracee_text(const tracee_memory& memory, uint64_t address, unsigned char*
     return readable;
 }
 
-void tracee_word_pair(const tracee_memory& memory, uint64_t address, int64_t (&out)[2]) {
+tracee_words tracee_word_pair(const tracee_memory& memory, uint64_t address) {
     long words[2];
     if (read_block(memory, address, words, sizeof words) != sizeof words) {
         for (size_t i = 0; i < 2; i++) {
-            if (!memory.read_word(memory, address + i * word_size, &words[i])) {
-                words[i] = -1;
-            }
+            words[i] = -1;  // a short block may have changed it
+            (void)memory.read_word(memory, address + i * word_size, &words[i]);
         }
     }
-    out[0] = words[0];
-    out[1] = words[1];
+    return {words[0], words[1]};
 }

@@ -1,4 +1,4 @@
-// Memory of a made-up process: pieces at addresses, nothing between them.
+// The memory of an invented process: pieces at addresses, nothing between them.
 #pragma once
 
 #include <string.h>
@@ -12,15 +12,15 @@
 
 struct fake_memory {
     std::map<uint64_t, std::string> pieces;
-    bool blocks = true;  // whether more than a word can be read at once
+    bool blocks = true;  // false: only single words can be read
 
-    // The bytes from `address` to the end of its piece; empty where there is nothing.
+    // The bytes from `address` to the end of its piece; empty outside of all pieces.
     std::string_view at(uint64_t address) const {
-        auto behind = pieces.upper_bound(address);
-        if (behind == pieces.begin()) {
+        auto next = pieces.upper_bound(address);
+        if (next == pieces.begin()) {
             return {};
         }
-        const auto& [start, bytes] = *std::prev(behind);
+        const auto& [start, bytes] = *std::prev(next);
         uint64_t offset = address - start;
         return offset < bytes.size() ? std::string_view(bytes).substr(offset) : std::string_view();
     }

@@ -26,10 +26,10 @@ std::string all_bytes() {
     return bytes;
 }
 
-class print_syscall_made_up : public testing::Test {
+class print_syscall_line : public testing::Test {
 protected:
-    print_syscall_made_up() {
-        memory_.pieces[text_at] = std::string("/etc/fstab\0behind the end, out of sight", 39);
+    print_syscall_line() {
+        memory_.pieces[text_at] = std::string("/etc/fstab\0after the end, not shown!!!!", 39);
         memory_.pieces[bytes_at] = all_bytes();
         long pair[] = {5, 7};
         memory_.pieces[pair_at] = std::string(reinterpret_cast<char*>(pair), sizeof pair);
@@ -45,27 +45,27 @@ protected:
         return fd == 7 ? snprintf(buf, len, "/dev/seven") : fd == 8 ? 0 : -1;
     }
     static void note_exit(const syscall_view& view, int code) {
-        static_cast<print_syscall_made_up*>(view.cookie)->exits_.push_back(code);
+        static_cast<print_syscall_line*>(view.cookie)->exits_.push_back(code);
     }
 
     std::string print(syscall_record call, bool entry, int size = 4096) {
-        std::string room(static_cast<size_t>(size) + 1, '#');
+        std::string buffer(static_cast<size_t>(size) + 1, '#');
         tracee_memory memory = memory_.view();
         syscall_view view = {42, "prog", &memory, describe, note_exit, this};
-        length_ = print_syscall(view, &call, entry, room.data(), size);
-        EXPECT_EQ(room.back(), '#') << "wrote past the buffer";
+        length_ = print_syscall(view, &call, entry, buffer.data(), size);
+        EXPECT_EQ(buffer.back(), '#') << "wrote past the buffer";
         EXPECT_EQ(call.write_back, 0);
-        return room.c_str();
+        return buffer.c_str();
     }
 
-    // The arguments as the entry line shows them, with the call's name.
+    // The call's name and arguments in the entry line.
     std::string entry(int number, std::vector<int64_t> args) {
-        return behind_head(print(record(number, args, number), true));
+        return after_head(print(record(number, args, number), true));
     }
     std::string exit(int number, std::vector<int64_t> args, int64_t result) {
-        return behind_head(print(record(number, args, result), false));
+        return after_head(print(record(number, args, result), false));
     }
-    // Both, when they differ only in what the exit line adds.
+    // Both lines, which differ only in the result.
     std::string both(int number, std::vector<int64_t> args) {
         std::string line = entry(number, args);
         EXPECT_EQ(exit(number, args, 3), line + " = 3\n");
@@ -77,7 +77,7 @@ protected:
         std::copy(args.begin(), args.end(), call.arg);
         return call;
     }
-    static std::string behind_head(const std::string& line) {
+    static std::string after_head(const std::string& line) {
         static const std::string head = "[42 prog] [400abc 400def] ";
         EXPECT_EQ(line.substr(0, head.size()), head);
         return line.substr(head.size());
@@ -88,13 +88,13 @@ protected:
     int length_ = 0;
 };
 
-using print_syscall_strings = print_syscall_made_up;
-using print_syscall_socketcall = print_syscall_made_up;
-using print_syscall_room = print_syscall_made_up;
+using print_syscall_strings = print_syscall_line;
+using print_syscall_socketcall = print_syscall_line;
+using print_syscall_size = print_syscall_line;
 
 }  // namespace
 
-TEST_F(print_syscall_made_up, head_has_pid_name_program_counter_and_return_address) {
+TEST_F(print_syscall_line, head_has_pid_name_program_counter_and_return_address) {
     EXPECT_EQ(print(record(4020, {1, 2, 3, 4, 5, 6}, 4020), true),
               "[42 prog] [400abc 400def] getpid(1, 2, 3, 4, 5, 6)");
     EXPECT_EQ(length_, 50);
@@ -103,7 +103,7 @@ TEST_F(print_syscall_made_up, head_has_pid_name_program_counter_and_return_addre
     EXPECT_EQ(length_, 56);
 }
 
-TEST_F(print_syscall_made_up, exit_reports_its_code_at_the_entry_alone) {
+TEST_F(print_syscall_line, exit_reports_its_code_at_the_entry_only) {
     EXPECT_EQ(entry(4001, {3}), "exit(3)");
     EXPECT_EQ(exits_, std::vector<int>{3});
     EXPECT_EQ(exit(4001, {3}, 0), "exit(3) = 0\n");
@@ -112,7 +112,7 @@ TEST_F(print_syscall_made_up, exit_reports_its_code_at_the_entry_alone) {
     EXPECT_EQ(exits_, (std::vector<int>{3, -1}));
 }
 
-TEST_F(print_syscall_made_up, no_other_call_reports_an_exit) {
+TEST_F(print_syscall_line, no_other_call_reports_an_exit) {
     for (int number = 4000; number < 4000 + syscall_count; number++) {
         if (number != 4001 && number != 4246) {
             entry(number, {});
@@ -121,18 +121,18 @@ TEST_F(print_syscall_made_up, no_other_call_reports_an_exit) {
     EXPECT_TRUE(exits_.empty());
 }
 
-TEST_F(print_syscall_made_up, read_shows_the_buffer_s_address_and_then_what_was_read) {
+TEST_F(print_syscall_line, read_shows_the_address_at_the_entry_and_the_data_at_the_exit) {
     EXPECT_EQ(entry(4003, {7, bytes_at + 'a', 100}), "read(7 /dev/seven, 0x2061, 100)");
     EXPECT_EQ(exit(4003, {7, bytes_at + 'a', 100}, 4), "read(7 /dev/seven, \"abcd\", 100) = 4\n");
     EXPECT_EQ(exit(4003, {7, bytes_at, 100}, 0), "read(7 /dev/seven, \"\", 100) = 0\n");
     EXPECT_EQ(exit(4003, {7, bytes_at, 100}, -9), "read(7 /dev/seven, \"\", 100) = -9\n");
 }
 
-TEST_F(print_syscall_made_up, write_shows_what_is_written_at_both) {
+TEST_F(print_syscall_line, write_shows_the_data_at_entry_and_exit) {
     EXPECT_EQ(both(4004, {7, text_at, 4}), "write(7 /dev/seven, \"/etc\", 4)");
 }
 
-TEST_F(print_syscall_made_up, descriptors_are_described_when_they_can_be) {
+TEST_F(print_syscall_line, descriptors_have_a_description_if_they_are_open) {
     EXPECT_EQ(both(4006, {7}), "close(7 /dev/seven)");
     EXPECT_EQ(both(4006, {8}), "close(8)");
     EXPECT_EQ(both(4006, {9}), "close(9)");
@@ -140,7 +140,7 @@ TEST_F(print_syscall_made_up, descriptors_are_described_when_they_can_be) {
     EXPECT_EQ(both(4006, {0x100000007}), "close(7 /dev/seven)");
 }
 
-TEST_F(print_syscall_made_up, rows_of_plain_numbers) {
+TEST_F(print_syscall_line, calls_with_numbers) {
     EXPECT_EQ(both(4007, {-1, 0xabc, 2}), "waitpid(0x-1, 0xabc, 2)");
     EXPECT_EQ(both(4013, {0xabc}), "time(0xabc)");
     EXPECT_EQ(both(4019, {7, -5, 1}), "lseek(7 /dev/seven, -5, 1)");
@@ -153,14 +153,14 @@ TEST_F(print_syscall_made_up, rows_of_plain_numbers) {
     EXPECT_EQ(both(4188, {0xabc, 2, -1}), "poll(0xabc, 2, -1)");
 }
 
-TEST_F(print_syscall_made_up, rows_with_a_path) {
+TEST_F(print_syscall_line, calls_with_a_path) {
     EXPECT_EQ(both(4033, {text_at, 4}), "access(\"/etc/fstab\", 0x4)");
     EXPECT_EQ(both(4033, {text_at, -1}), "access(\"/etc/fstab\", 0xffffffff)");
     EXPECT_EQ(both(4106, {text_at, 0xabc}), "stat(\"/etc/fstab\", 0xabc)");
     EXPECT_EQ(both(4107, {nowhere, 0xabc}), "lstat(\"\", 0xabc)");
 }
 
-TEST_F(print_syscall_made_up, mappings_have_hexadecimal_results) {
+TEST_F(print_syscall_line, mmap_has_a_hexadecimal_result) {
     const std::vector<int64_t> args = {0, 8192, 3, 0x22, 7, 5};
     EXPECT_EQ(entry(4090, args), "mmap(0x0, 8192, 0x3, 0x22, 7 /dev/seven, 5)");
     EXPECT_EQ(exit(4090, args, 0x77000), "mmap(0x0, 8192, 0x3, 0x22, 7 /dev/seven, 5) = 0x77000\n");
@@ -168,7 +168,7 @@ TEST_F(print_syscall_made_up, mappings_have_hexadecimal_results) {
     EXPECT_EQ(exit(4210, args, 0x77000), "mmap2(0x0, 8192, 0x3, 0x22, 7 /dev/seven, 5) = 0x77000\n");
 }
 
-TEST_F(print_syscall_made_up, ptrace_requests_have_names_or_numbers) {
+TEST_F(print_syscall_line, ptrace_requests_have_names_or_numbers) {
     EXPECT_EQ(both(4026, {16, 5, 0xa, 0xb}), "ptrace(PTRACE_ATTACH, 5, 0xa, 0xb)");
     const std::vector<std::pair<int, std::string>> named = {
         {1, "PTRACE_PEEKTEXT"}, {2, "PTRACE_PEEKDATA"}, {3, "PTRACE_PEEKUSER"}, {4, "PTRACE_POKETEXT"},
@@ -182,12 +182,12 @@ TEST_F(print_syscall_made_up, ptrace_requests_have_names_or_numbers) {
     }
 }
 
-TEST_F(print_syscall_made_up, nanosleep_shows_two_pairs_of_words) {
+TEST_F(print_syscall_line, nanosleep_shows_two_pairs_of_words) {
     EXPECT_EQ(both(4166, {pair_at, pair_at}), "nanosleep({ 5, 7 }, { 5, 7 })");
     EXPECT_EQ(both(4166, {pair_at, nowhere}), "nanosleep({ 5, 7 }, { -1, -1 })");
 }
 
-TEST_F(print_syscall_made_up, every_call_without_a_row_has_six_numbers) {
+TEST_F(print_syscall_line, other_calls_have_six_numbers) {
     const std::set<int> rows = {4001, 4003, 4004, 4006, 4007, 4013, 4019, 4026, 4033, 4045, 4054,
                                 4078, 4079, 4090, 4091, 4102, 4106, 4107, 4108, 4166, 4169, 4170,
                                 4176, 4177, 4179, 4180, 4181, 4182, 4183, 4188, 4210, 4246};
@@ -200,7 +200,7 @@ TEST_F(print_syscall_made_up, every_call_without_a_row_has_six_numbers) {
     }
 }
 
-TEST_F(print_syscall_made_up, direct_socket_calls) {
+TEST_F(print_syscall_line, direct_socket_calls) {
     const int64_t text = static_cast<int64_t>(text_at);
     EXPECT_EQ(both(4183, {2, 1, 6, 9, 9, 9}), "socket(2, 1, 6)");
     EXPECT_EQ(both(4169, {7, 0xabc, 16}), "bind(7 /dev/seven, 0xabc, 16)");
@@ -215,7 +215,7 @@ TEST_F(print_syscall_made_up, direct_socket_calls) {
     EXPECT_EQ(both(4177, {7, 0xabc, 64}), "recvmsg(7 /dev/seven, 0xabc, 64)");
 }
 
-TEST_F(print_syscall_socketcall, takes_name_and_arguments_from_the_block) {
+TEST_F(print_syscall_socketcall, has_name_and_arguments_of_the_inner_call) {
     const int64_t at = static_cast<int64_t>(block_at);
     EXPECT_EQ(both(4102, {1, at}), "socket(7, 4096, 3)");
     EXPECT_EQ(both(4102, {2, at}), "bind(7 /dev/seven, 0x1000, 3)");
@@ -238,11 +238,11 @@ TEST_F(print_syscall_socketcall, unknown_numbers_have_no_name_and_large_ones_are
     EXPECT_EQ(both(4102, {-1, at}), "(7, 4096, 3, 4, 5, 6)");
 }
 
-TEST_F(print_syscall_socketcall, block_that_cannot_be_read_is_zeros) {
+TEST_F(print_syscall_socketcall, unreadable_arguments_are_0) {
     EXPECT_EQ(both(4102, {4, static_cast<int64_t>(nowhere)}), "listen(0, 0, 0, 0, 0, 0)");
 }
 
-TEST_F(print_syscall_strings, bytes_that_are_no_text_are_escaped) {
+TEST_F(print_syscall_strings, unprintable_bytes_are_escaped) {
     EXPECT_EQ(both(4004, {9, bytes_at, 16}),
               "write(9, \"\\x0\\x1\\x2\\x3\\x4\\x5\\x6\\x7\\x8\\t\\n\\xb\\xc\\r\\xe\\xf\", 16)");
     EXPECT_EQ(both(4004, {9, bytes_at + 30, 6}), "write(9, \"\\x1e\\x1f !\"#\", 6)");
@@ -250,19 +250,19 @@ TEST_F(print_syscall_strings, bytes_that_are_no_text_are_escaped) {
     EXPECT_EQ(both(4004, {9, bytes_at + 126, 4}), "write(9, \"~\\x7f\\x80\\x81\", 4)");
 }
 
-TEST_F(print_syscall_strings, byte_of_255_is_a_byte) {
+TEST_F(print_syscall_strings, byte_of_255_is_no_error) {
     memory_.pieces[nowhere] = std::string(40, '\xff');
     EXPECT_EQ(both(4004, {9, nowhere, 2}), "write(9, \"\\xff\\xff\", 2)");
 }
 
-TEST_F(print_syscall_strings, up_to_64_bytes_are_shown_whole_and_of_more_only_32) {
+TEST_F(print_syscall_strings, data_of_more_than_64_bytes_is_cut_at_32) {
     memory_.pieces[nowhere] = std::string(200, 'x');
     EXPECT_EQ(both(4004, {9, nowhere, 64}), "write(9, \"" + std::string(64, 'x') + "\", 64)");
     EXPECT_EQ(both(4004, {9, nowhere, 65}), "write(9, \"" + std::string(32, 'x') + "\", 65)");
     EXPECT_EQ(both(4004, {9, nowhere, INT32_MAX}), "write(9, \"" + std::string(32, 'x') + "\", 2147483647)");
 }
 
-TEST_F(print_syscall_strings, lengths_below_one_are_empty_but_minus_one_is_a_string) {
+TEST_F(print_syscall_strings, length_below_1_is_empty_but_minus_1_is_a_string) {
     EXPECT_EQ(both(4004, {9, text_at, 0}), "write(9, \"\", 0)");
     EXPECT_EQ(both(4004, {9, text_at, -2}), "write(9, \"\", -2)");
     EXPECT_EQ(both(4004, {9, text_at, INT32_MIN}), "write(9, \"\", -2147483648)");
@@ -282,7 +282,7 @@ TEST_F(print_syscall_strings, unreadable_memory_ends_the_text) {
     EXPECT_EQ(both(4106, {-1, 0}), "stat(\"\", 0x0)");
 }
 
-TEST_F(print_syscall_room, line_that_does_not_fit_is_cut_and_counted) {
+TEST_F(print_syscall_size, line_that_does_not_fit_is_cut_but_counted) {
     std::string whole = print(record(4004, {7, text_at, 10}, 10), false);
     int length = length_;
     EXPECT_EQ(static_cast<size_t>(length), whole.size());
@@ -298,7 +298,7 @@ TEST_F(print_syscall_room, line_that_does_not_fit_is_cut_and_counted) {
     }
 }
 
-TEST_F(print_syscall_room, text_stops_when_fewer_than_four_bytes_are_left) {
+TEST_F(print_syscall_size, text_stops_when_fewer_than_four_bytes_are_left) {
     memory_.pieces[nowhere] = std::string(100, 'z');
     std::string head = print(record(4004, {9, nowhere, 0}, 0), true);
     int quote = static_cast<int>(head.find('"')) + 1;

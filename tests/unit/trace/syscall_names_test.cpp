@@ -15,7 +15,7 @@ std::string name_of(int number) {
 
 }  // namespace
 
-TEST(syscall_names, begin_with_the_calls_of_o32_at_their_numbers) {
+TEST(syscall_names, o32_calls_have_their_numbers) {
     EXPECT_EQ(name_of(4000), "syscall");
     EXPECT_EQ(name_of(4001), "exit");
     EXPECT_EQ(name_of(4002), "fork");
@@ -33,12 +33,12 @@ TEST(syscall_names, begin_with_the_calls_of_o32_at_their_numbers) {
     EXPECT_EQ(name_of(4333), "perf_counter_open");
 }
 
-TEST(syscall_names, o32_calls_have_names_of_their_own) {
+TEST(syscall_names, o32_calls_have_distinct_names) {
     std::set<std::string> names(syscall_names.begin(), syscall_names.begin() + o32_calls);
     EXPECT_EQ(names.size(), static_cast<size_t>(o32_calls));
 }
 
-TEST(syscall_names, lists_of_the_other_interfaces_follow_with_their_marks) {
+TEST(syscall_names, lists_of_the_other_interfaces_follow_with_their_markers) {
     EXPECT_EQ(name_of(4334), "Linux_syscalls");
     EXPECT_EQ(name_of(4335), "O32_Linux");
     EXPECT_EQ(name_of(4336), "O32_Linux_syscalls");
@@ -60,14 +60,14 @@ TEST(syscall_names, lists_of_the_other_interfaces_follow_with_their_marks) {
     EXPECT_STREQ(n64_end[3], "read");
 }
 
-TEST(syscall_names, names_are_whole) {
+TEST(syscall_names, no_name_is_empty) {
     for (const char* name : syscall_names) {
         ASSERT_NE(name, nullptr);
         EXPECT_GT(strlen(name), 0u);
     }
 }
 
-TEST(socketcall_names, are_indexed_by_the_multiplexer_s_numbers) {
+TEST(socketcall_names, are_indexed_by_socketcall_number) {
     EXPECT_STREQ(socketcall_names[0], "");
     EXPECT_STREQ(socketcall_names[1], "socket");
     EXPECT_STREQ(socketcall_names[8], "socketpair");

@@ -23,7 +23,7 @@ std::string text_of(const tracee_memory& memory, uint64_t address, size_t count)
     return std::string(reinterpret_cast<char*>(bytes), got);
 }
 
-// What one PTRACE_PEEKDATA for each byte gives.
+// The text that one PTRACE_PEEKDATA for each byte gives.
 std::string peeked(pid_t pid, uint64_t address, size_t count) {
     std::string text;
     while (text.size() < count) {
@@ -37,7 +37,7 @@ std::string peeked(pid_t pid, uint64_t address, size_t count) {
     return text;
 }
 
-// A stopped child of the test, with its memory as it was at the fork.
+// A stopped child of the test with a copy of its memory.
 class stopped_child {
 public:
     stopped_child() {
@@ -60,10 +60,10 @@ private:
     pid_t pid_;
 };
 
-// Two pages of which only the first may be read by anyone.
-class page_before_nothing {
+// A readable page followed by an unmapped one.
+class page_before_a_hole {
 public:
-    page_before_nothing() {
+    page_before_a_hole() {
         size_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         void* at = mmap(nullptr, 2 * size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         EXPECT_NE(at, MAP_FAILED);
@@ -73,9 +73,9 @@ public:
         }
         EXPECT_EQ(munmap(end(), size_), 0);
     }
-    page_before_nothing(const page_before_nothing&) = delete;
-    page_before_nothing& operator=(const page_before_nothing&) = delete;
-    ~page_before_nothing() { munmap(start_, size_); }
+    page_before_a_hole(const page_before_a_hole&) = delete;
+    page_before_a_hole& operator=(const page_before_a_hole&) = delete;
+    ~page_before_a_hole() { munmap(start_, size_); }
     char* start() const { return start_; }
     char* end() const { return start_ + size_; }
     size_t size() const { return size_; }
@@ -91,14 +91,14 @@ uint64_t address_of(const void* at) {
 
 }  // namespace
 
-TEST(tracee_text, reads_all_that_was_asked_for) {
+TEST(tracee_text, reads_the_requested_bytes) {
     fake_memory fake{{{base, "hello, world, and more"}}};
     EXPECT_EQ(text_of(fake.view(), base, 5), "hello");
     EXPECT_EQ(text_of(fake.view(), base + 7, 5), "world");
     EXPECT_EQ(text_of(fake.view(), base, 0), "");
 }
 
-TEST(tracee_text, ends_where_a_byte_has_no_whole_word_behind_it) {
+TEST(tracee_text, ends_at_a_byte_without_a_whole_word) {
     fake_memory fake{{{base, "0123456789abcdef"}}};
     EXPECT_EQ(text_of(fake.view(), base, 64), std::string("0123456789abcdef").substr(0, 16 - word + 1));
     EXPECT_EQ(text_of(fake.view(), base + 16 - word, 64).size(), 1u);
@@ -107,7 +107,7 @@ TEST(tracee_text, ends_where_a_byte_has_no_whole_word_behind_it) {
     EXPECT_EQ(text_of(fake.view(), 0, 64), "");
 }
 
-TEST(tracee_text, gives_the_same_word_by_word) {
+TEST(tracee_text, gives_the_same_if_only_words_can_be_read) {
     fake_memory fake{{{base, "0123456789abcdefghijklmnopqrstuvwxyz"}}};
     for (uint64_t address = base - 2; address < base + 40; address++) {
         for (size_t count : {0, 1, 7, 8, 9, 31, 32, 64}) {
@@ -119,12 +119,12 @@ TEST(tracee_text, gives_the_same_word_by_word) {
     }
 }
 
-TEST(tracee_text, never_gives_more_than_its_limit) {
+TEST(tracee_text, reads_no_more_than_its_limit) {
     fake_memory fake{{{base, std::string(1000, 'x')}}};
     EXPECT_EQ(text_of(fake.view(), base, 500).size(), tracee_text_limit);
 }
 
-TEST(tracee_text, bytes_of_255_are_text) {
+TEST(tracee_text, word_of_minus_one_is_no_error) {
     fake_memory fake{{{base, std::string(32, '\xff')}}};
     fake.blocks = false;
     EXPECT_EQ(text_of(fake.view(), base, 5), std::string(5, '\xff'));
@@ -133,29 +133,27 @@ TEST(tracee_text, bytes_of_255_are_text) {
 TEST(tracee_word_pair, reads_two_words_of_the_processor) {
     long words[] = {12345, -2};
     fake_memory fake{{{base, std::string(reinterpret_cast<char*>(words), sizeof words)}}};
-    int64_t pair[2];
     for (bool blocks : {true, false}) {
         fake.blocks = blocks;
-        tracee_word_pair(fake.view(), base, pair);
-        EXPECT_EQ(pair[0], 12345);
-        EXPECT_EQ(pair[1], -2);
+        tracee_words pair = tracee_word_pair(fake.view(), base);
+        EXPECT_EQ(pair.first, 12345);
+        EXPECT_EQ(pair.second, -2);
     }
 }
 
-TEST(tracee_word_pair, word_that_cannot_be_read_is_minus_one) {
+TEST(tracee_word_pair, unreadable_word_is_minus_one) {
     long only = 77;
     fake_memory fake{{{base, std::string(reinterpret_cast<char*>(&only), sizeof only)}}};
-    int64_t pair[2];
-    tracee_word_pair(fake.view(), base, pair);
-    EXPECT_EQ(pair[0], 77);
-    EXPECT_EQ(pair[1], -1);
-    tracee_word_pair(fake.view(), 8, pair);
-    EXPECT_EQ(pair[0], -1);
-    EXPECT_EQ(pair[1], -1);
+    tracee_words pair = tracee_word_pair(fake.view(), base);
+    EXPECT_EQ(pair.first, 77);
+    EXPECT_EQ(pair.second, -1);
+    pair = tracee_word_pair(fake.view(), 8);
+    EXPECT_EQ(pair.first, -1);
+    EXPECT_EQ(pair.second, -1);
 }
 
-TEST(tracee_memory_of, gives_what_peeking_at_each_byte_gives_up_to_an_unmapped_page) {
-    page_before_nothing page;
+TEST(tracee_memory_of, matches_peekdata_up_to_an_unmapped_page) {
+    page_before_a_hole page;
     stopped_child child;
     tracee_memory memory = tracee_memory_of(child.pid());
     for (size_t before_end : {100, 64, 40, 32, 31, 9, 8, 7, 4, 3, 1, 0}) {
@@ -168,7 +166,7 @@ TEST(tracee_memory_of, gives_what_peeking_at_each_byte_gives_up_to_an_unmapped_p
 }
 
 TEST(tracee_memory_of, reads_memory_that_only_a_debugger_may_read) {
-    page_before_nothing page;
+    page_before_a_hole page;
     ASSERT_EQ(mprotect(page.start(), page.size(), PROT_NONE), 0);
     stopped_child child;
     tracee_memory memory = tracee_memory_of(child.pid());
@@ -177,7 +175,7 @@ TEST(tracee_memory_of, reads_memory_that_only_a_debugger_may_read) {
     EXPECT_EQ(text_of(memory, address, 32), peeked(child.pid(), address, 32));
 }
 
-TEST(tracee_memory_of, has_nothing_at_wild_addresses) {
+TEST(tracee_memory_of, reads_nothing_at_wild_addresses) {
     stopped_child child;
     tracee_memory memory = tracee_memory_of(child.pid());
     for (uint64_t address : {uint64_t{0}, uint64_t{1}, ~uint64_t{0}, ~uint64_t{0} - 40, uint64_t{1} << 63}) {
@@ -185,7 +183,7 @@ TEST(tracee_memory_of, has_nothing_at_wild_addresses) {
     }
 }
 
-TEST(tracee_memory_of, has_nothing_of_a_process_that_is_not_there) {
+TEST(tracee_memory_of, reads_nothing_of_a_process_that_has_ended) {
     pid_t gone = fork_child([] { return 0; });
     wait_status(gone);
     EXPECT_EQ(text_of(tracee_memory_of(gone), address_of(&gone), 8), "");
