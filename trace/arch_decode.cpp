@@ -4,6 +4,7 @@
 
 #include "trace/strace.h"
 #include "trace/strace_process.h"
+#include "trace/strace_report.h"
 #include "trace/syscall_names.h"
 
 namespace {

@@ -167,7 +167,7 @@ trace_view trace_look(pid_t pid) {
     ssize_t length = read_file_once(path, text, sizeof text - 1);
     text[length > 0 ? length : 0] = '\0';
     return {.state = field_of(text, "\nState:")[0],
-            .process = number_of(text, "\nTgid:"),
+            .tgid = number_of(text, "\nTgid:"),
             .tracer = number_of(text, "\nTracerPid:"),
             .stop_pending = has_stop(text, "\nSigPnd:") || has_stop(text, "\nShdPnd:")};
 }

@@ -32,7 +32,7 @@ bool trace_is_ours(pid_t pid);
 // The state of a thread at one moment.
 struct trace_view {
     char state = '\0';          // proc(5), "stat"; 0: there is no such thread
-    pid_t process = 0;          // the process that it belongs to
+    pid_t tgid = 0;             // the process that it belongs to
     pid_t tracer = 0;           // the thread that traces it; 0: none
     bool stop_pending = false;  // a SIGSTOP is pending
 };

@@ -22,7 +22,7 @@ constexpr int strace_attach_patience_ms = 200;
 // Size of the work buffer if the caller provides none.
 constexpr int strace_buffer_size = 4096;
 
-struct strace_names;
+struct strace_state;
 
 // One trace, owned by the caller.
 struct strace_ctx {
@@ -35,7 +35,7 @@ struct strace_ctx {
     // Called at exits, in the tracing thread with the process stopped; may be null. `extra` is null.
     void (*on_exit)(strace_ctx* ctx, void* cookie, pid_t pid, int kind, int code, void* extra);
     void* cookie;         // passed to both; may be a descriptor number cast to a pointer
-    strace_names* names;  // set by do_strace for its duration
+    strace_state* names;  // set by do_strace for its duration
     uint32_t flags;       // what is reported
     pid_t* pids;  // an entry becomes -1 when its process ends or cannot be traced; -1 is skipped. When a
                   // thread calls exec, it gets its process's id, and so does its entry

@@ -3,50 +3,50 @@
 #include <sys/ptrace.h>
 #include <sys/wait.h>
 
-#include <utility>
+#include <algorithm>
+#include <memory>
 
-#include "trace/ptrace_ops.h"
-
-strace_process* strace_find(const strace_ctx* ctx, pid_t pid) {
-    int index = strace_index(ctx, pid);
-    return ctx->names->processes.get() + (index < 0 ? ctx->names->count : index);
-}
-
-int strace_index(const strace_ctx* ctx, pid_t pid) {
-    for (int i = 0; i < ctx->names->count; i++) {
-        if (ctx->pids[i] == pid) {
-            return i;
-        }
+strace_state::strace_state(strace_ctx* traced)
+    : ctx(traced),
+      count(static_cast<size_t>(std::max(traced->nr_pids, 0))),
+      memory(calloc_array<strace_process>(std::max(count, size_t{1}))),
+      sockets(socket_cache_new()),
+      pending(count > 1 ? calloc_array<char>(strace_buffer_size) : nullptr) {
+    if (!is_complete()) {
+        count = 0;
     }
-    return -1;
+    std::uninitialized_value_construct_n(memory.get(), count);
+    for (size_t i = 0; i < count; i++) {
+        memory[i].entry = &ctx->pids[i];
+    }
 }
 
-int strace_index_of_event(strace_ctx* ctx, pid_t pid, int status) {
-    const int holder = strace_index(ctx, pid);
+strace_state::~strace_state() {
+    std::destroy_n(memory.get(), count);
+}
+
+strace_process* strace_find(const strace_state& state, pid_t pid) {
+    const auto processes = state.processes();
+    const auto found = std::ranges::find(processes, pid, &strace_process::pid);
+    return found == processes.end() ? nullptr : &*found;
+}
+
+strace_process* strace_find_by_event(strace_state* state, pid_t pid, int status) {
+    strace_process* holder = strace_find(*state, pid);
     unsigned long former = 0;
     if (!WIFSTOPPED(status) || status >> 16 != PTRACE_EVENT_EXEC ||
         ptrace(PTRACE_GETEVENTMSG, pid, nullptr, &former) != 0) {
         return holder;
     }
-    const int index = strace_index(ctx, static_cast<pid_t>(former));
-    if (index < 0 || index == holder) {
+    strace_process* caller = strace_find(*state, static_cast<pid_t>(former));
+    if (!caller || caller == holder) {
         return holder;
     }
-    if (holder >= 0) {
-        ctx->pids[holder] = -1;
+    if (holder) {
+        holder->drop();
+        state->live--;
     }
-    ctx->pids[index] = pid;
-    unique_fd closed(std::exchange(strace_find(ctx, pid)->fd_dir, -1));  // of the number that is gone
-    return index;
-}
-
-int strace_signal_of_stop(strace_process* process, pid_t pid, int status) {
-    if (WSTOPSIG(status) == strace_syscall_stop || status >> 16 != 0) {
-        return 0;
-    }
-    if (process->sigcont_due && trace_is_own_sigcont(pid, status)) {
-        process->sigcont_due = false;
-        return 0;
-    }
-    return WSTOPSIG(status);
+    *caller->entry = pid;
+    caller->fd_dir.reset();  // of the former id
+    return caller;
 }

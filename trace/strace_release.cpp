@@ -1,6 +1,6 @@
-// Letting the processes of a trace go.
+#include "trace/strace_release.h"
+
 #include <signal.h>
-#include <stdint.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,206 +12,201 @@
 #include "common/ending.h"
 #include "trace/ptrace_data.h"
 #include "trace/ptrace_ops.h"
-#include "trace/strace_process.h"
+#include "trace/strace_event.h"
 
 namespace {
 
 constexpr useconds_t shortest_pause_us = 10;
 constexpr useconds_t longest_pause_us = 5000;
-constexpr int patience_ms = 3000;      // for all processes together
-constexpr int stop_patience_ms = 200;  // for the stop of one
-constexpr int least_patience_ms = 20;  // the same when the others have used all the patience up
-constexpr int looks_at_a_sleeper = 3;
-constexpr int looks_at_an_end = 12;  // with the pauses between them, some 20 ms
+constexpr int least_patience_ms = 20;  // for one process after the time for all has run out
+constexpr int sleeper_checks = 3;
+constexpr int zombie_checks = 12;  // some 20 ms with the pauses between them
 
-// One process on its way to its stop.
+// The detach of one process.
 struct release {
-    strace_ctx* ctx;
-    int index;
-    bool stop_sent = false;  // a stop signal is, or may be, on its way
-    int looks = 0;           // how often it was seen in a state in which no signal stops it
+    strace_state* state;
+    strace_process* process;
+    int checks = 0;  // how often it was seen in a state in which no signal stops it
 
-    pid_t pid() const { return ctx->pids[index]; }
-    strace_process& process() const { return ctx->names->processes[index]; }
+    pid_t pid() const { return process->pid(); }
 };
 
-enum class outcome { coming, free, later };
+enum class outcome { waiting, detached, later };
 
-bool is_stop_pending(const release& r) {
-    return r.stop_sent && trace_look(r.pid()).stop_pending;
+bool is_stop_pending(const strace_process& process) {
+    return process.stop_due && trace_look(process.pid()).stop_pending;
 }
 
-// Lets a stopped process go on with `sig`. Returns whether it is free: not while a stop signal is still to
-// come, which would remain. A SIGCONT may have discarded that one.
-bool go_on(const release* r, int sig) {
-    if (!is_stop_pending(*r)) {
-        return trace_detach_stopped(r->pid(), sig);
+// Detaches a stopped process and delivers `sig`. While a stop signal of ours is pending, only resumes it: the
+// signal would stop the process after the detach. (A SIGCONT may have discarded the signal.) Returns whether
+// the process is detached.
+bool detach_or_resume(strace_process* process, int sig) {
+    process->stopped = false;
+    if (!is_stop_pending(*process)) {
+        return trace_detach_stopped(process->pid(), sig);
     }
-    (void)ptrace(PTRACE_CONT, r->pid(), nullptr, ptrace_data(sig));
+    (void)ptrace(PTRACE_CONT, process->pid(), nullptr, ptrace_data(sig));
     return false;
 }
 
-// Deals with a stop. Returns whether the process is free.
-bool settle(const release* r, int status) {
-    int sig = strace_signal_of_stop(&r->process(), r->pid(), status);
-    if (sig == SIGSTOP && r->stop_sent) {
-        return trace_detach_stopped(r->pid(), 0);
-    }
-    // At its end no signal reaches it, and that end is its parent's to see.
-    return status >> 16 == PTRACE_EVENT_EXIT ? trace_detach_stopped(r->pid(), 0) : go_on(r, sig);
-}
-
-// Keeps an event in mind that came while another process was waited for.
-void keep_event(strace_ctx* ctx, int index, int status) {
-    strace_process& process = ctx->names->processes[index];
-    if (WIFSTOPPED(status)) {
-        process.stopped = true;
-        process.undelivered = strace_signal_of_stop(&process, ctx->pids[index], status);
-    } else {
-        ctx->pids[index] = -1;
+// Handles an event of a process that is to be detached. Returns true once it is detached or has ended.
+bool handle_event(strace_process* process, int status) {
+    const strace_event event = strace_take_event(process, status);
+    switch (event.kind) {
+        case strace_event_kind::exited:
+        case strace_event_kind::killed:
+            return true;
+        case strace_event_kind::own_stop:
+        case strace_event_kind::exit_stop:  // no signal reaches it any more; its end is for its parent
+            process->stopped = false;
+            return trace_detach_stopped(process->pid(), 0);
+        default:
+            return detach_or_resume(process, event.signal);
     }
 }
 
-// Waits for a thread that is no longer there under its number. One that calls exec takes its process's.
-pid_t wait_for_exec(release* r, int* status) {
-    const pid_t number = r->process().process;
-    if (number < 1 || number == r->pid()) {
+// Waits for a thread whose id is gone. If it called exec, it has its process's id now. Returns what waitpid
+// returned for that id; -1 if the thread has ended.
+pid_t wait_for_exec(const release& r, int* status) {
+    const pid_t tgid = r.process->tgid;
+    if (tgid < 1 || tgid == r.pid()) {
         return -1;
     }
-    pid_t got = waitpid(number, status, WNOHANG | trace_wait_flags);
-    int index = got > 0 ? strace_index_of_event(r->ctx, got, *status) : strace_index(r->ctx, number);
-    if (got == 0 && (index < 0 || r->ctx->names->processes[index].released)) {
-        r->ctx->pids[r->index] = number;  // the stop of its exec is still to come
+    pid_t got = waitpid(tgid, status, WNOHANG | trace_wait_flags);
+    strace_process* holder =
+        got > 0 ? strace_find_by_event(r.state, got, *status) : strace_find(*r.state, tgid);
+    if (got == 0 && (!holder || holder->released)) {
+        *r.process->entry = tgid;  // its exec stop is still to come
         return 0;
     }
-    if (got > 0 && index >= 0 && index != r->index) {
-        keep_event(r->ctx, index, *status);
+    if (got > 0 && holder && holder != r.process) {
+        strace_keep_event(holder, *status);
     }
-    return got > 0 && index == r->index ? got : -1;
+    return got > 0 && holder == r.process ? got : -1;
 }
 
-// Waits once, without blocking.
-outcome wait_once(release* r) {
+// Handles the events that have happened.
+outcome handle_events(const release& r) {
     for (;;) {
         int status = 0;
-        pid_t pid = waitpid(r->pid(), &status, WNOHANG | trace_wait_flags);
+        pid_t pid = waitpid(r.pid(), &status, WNOHANG | trace_wait_flags);
         if (pid < 0) {
             pid = wait_for_exec(r, &status);
         }
         if (pid == 0) {
-            return outcome::coming;
+            return outcome::waiting;
         }
-        if (pid < 0 || !WIFSTOPPED(status)) {
-            r->ctx->pids[r->index] = -1;
-            return outcome::free;
+        if (pid < 0) {
+            r.process->drop();
+            return outcome::detached;
         }
-        if (settle(r, status)) {
-            return outcome::free;
+        if (handle_event(r.process, status)) {
+            return outcome::detached;
         }
     }
 }
 
-// Sends the stop signal to a process that is seen running.
+// Sends the stop signal if the process is running.
 outcome stop_if_running(release* r) {
     const trace_view view = trace_look(r->pid());
     if (view.tracer != gettid()) {
-        // A thread that nobody traces has taken its number, or it has ended.
-        r->ctx->pids[r->index] = -1;
-        return outcome::free;
+        // It has ended, or an exec has given its id to a thread that is not traced.
+        r->process->drop();
+        return outcome::detached;
     }
     switch (view.state) {
-        case 't':  // somebody else's wait has taken its stop
-            return ++r->looks > looks_at_a_sleeper && trace_detach_stopped(r->pid(), 0) ? outcome::free
-                                                                                        : outcome::coming;
-        case 'Z':  // a first thread that ended before the others: its end comes after theirs
-            return ++r->looks > looks_at_an_end ? outcome::free : outcome::coming;
+        case 't':  // another thread's waitpid has taken its stop
+            return ++r->checks > sleeper_checks && trace_detach_stopped(r->pid(), 0) ? outcome::detached
+                                                                                     : outcome::waiting;
+        case 'Z':  // a first thread that ended before the others: the kernel reports its end after theirs
+            return ++r->checks > zombie_checks ? outcome::detached : outcome::waiting;
         case 'D':
-            return ++r->looks > looks_at_a_sleeper ? outcome::later : outcome::coming;
+            return ++r->checks > sleeper_checks ? outcome::later : outcome::waiting;
         default:
-            r->stop_sent = trace_stop_thread(r->pid()) == 0;
-            return outcome::coming;
+            r->process->stop_due = trace_stop_thread(r->pid()) == 0;
+            return outcome::waiting;
     }
 }
 
 // Takes the stop signal back from a process that did not stop in time.
-outcome take_back(release* r) {
-    if (!r->stop_sent) {
+outcome take_back_stop(const release& r) {
+    strace_process* process = r.process;
+    if (!process->stop_due) {
         return outcome::later;
     }
-    trace_take_back_stop(r->pid());
-    r->process().sigcont_due = true;
-    if (wait_once(r) == outcome::free) {  // the signal had arrived
-        return outcome::free;
+    trace_take_back_stop(process->pid());
+    process->sigcont_due = true;
+    if (handle_events(r) == outcome::detached) {  // the signal had arrived before
+        return outcome::detached;
     }
-    return !is_stop_pending(*r) && trace_detach_stopped(r->pid(), 0) ? outcome::free : outcome::later;
+    const bool pending = is_stop_pending(*process);
+    process->stop_due = false;
+    return !pending && trace_detach_stopped(process->pid(), 0) ? outcome::detached : outcome::later;
 }
 
-outcome bring_to_a_stop(release* r, int patience) {
-    const deadline end(patience);
+outcome stop_and_detach(release* r, int patience_ms) {
+    const deadline end(patience_ms);
     for (useconds_t pause = shortest_pause_us;; pause = std::min(2 * pause, longest_pause_us)) {
-        outcome now = wait_once(r);
-        if (now == outcome::coming && !r->stop_sent) {
+        outcome now = handle_events(*r);
+        if (now == outcome::waiting && !r->process->stop_due) {
             now = stop_if_running(r);
         }
-        if (now != outcome::coming) {
+        if (now != outcome::waiting) {
             return now;
         }
         if (end.is_over()) {
-            return take_back(r);
+            return take_back_stop(*r);
         }
         usleep(pause);
     }
 }
 
-bool release_within(strace_ctx* ctx, int index, int patience) {
+bool release_within(strace_state* state, strace_process* process, int patience_ms) {
     const ending_held held;
-    release r = {.ctx = ctx, .index = index};
-    strace_process& process = r.process();
-    r.stop_sent = std::exchange(process.attach_stop_due, false);
-    if (std::exchange(process.stopped, false) && go_on(&r, process.undelivered)) {
+    if (process->stopped && detach_or_resume(process, process->undelivered)) {
         return true;
     }
-    return bring_to_a_stop(&r, patience) == outcome::free;
+    release r = {state, process};
+    return stop_and_detach(&r, patience_ms) == outcome::detached;
 }
 
-// The end of a child is the caller's to see; a signal for the caller ends the wait.
-void wait_for_children(strace_ctx* ctx) {
-    for (int i = 0; i < ctx->names->count; i++) {
+// The caller reaps its children, which it expects to have ended. A signal for the caller ends the wait.
+void wait_for_children(const strace_state& state) {
+    for (strace_process& process : state.processes()) {
         int status;
-        if (ctx->pids[i] != -1 && waitpid(ctx->pids[i], &status, trace_wait_flags) > 0) {
-            ctx->pids[i] = -1;
+        if (!process.is_dropped() && waitpid(process.pid(), &status, trace_wait_flags) > 0) {
+            process.drop();
         }
     }
 }
 
-// Lets go whatever can be. Returns how many could not.
-int release_each(strace_ctx* ctx, bool stopped_only, const deadline& end) {
-    int left = 0;
-    for (int i = 0; i < ctx->names->count; i++) {
-        strace_process& process = ctx->names->processes[i];
-        if (ctx->pids[i] == -1 || process.released || (stopped_only && !process.stopped)) {
+// Detaches each process that can be detached. Returns whether others remain.
+bool release_each(strace_state* state, bool stopped_only, const deadline& end) {
+    bool some_remain = false;
+    for (strace_process& process : state->processes()) {
+        if (process.is_dropped() || process.released || (stopped_only && !process.stopped)) {
             continue;
         }
-        int patience = std::clamp(end.left_ms(), least_patience_ms, stop_patience_ms);
-        process.released = release_within(ctx, i, patience) || ctx->pids[i] == -1;
-        left += !process.released;
+        int patience_ms = std::clamp(end.left_ms(), least_patience_ms, strace_stop_patience_ms);
+        process.released = release_within(state, &process, patience_ms) || process.is_dropped();
+        some_remain = some_remain || !process.released;
     }
-    return left;
+    return some_remain;
 }
 
 }  // namespace
 
-bool strace_release(strace_ctx* ctx, int index) {
-    return release_within(ctx, index, stop_patience_ms);
+bool strace_release(strace_state* state, strace_process* process) {
+    return release_within(state, process, strace_stop_patience_ms);
 }
 
-void strace_release_all(strace_ctx* ctx) {
-    const deadline end(patience_ms);
-    (void)release_each(ctx, true, end);
-    while (release_each(ctx, false, end) > 0 && !end.is_over()) {
+void strace_release_all(strace_state* state) {
+    const deadline end(strace_release_patience_ms);
+    (void)release_each(state, true, end);
+    while (release_each(state, false, end) && !end.is_over()) {
         usleep(longest_pause_us);
     }
-    if (ctx->attached) {
-        wait_for_children(ctx);
+    if (state->ctx->attached) {
+        wait_for_children(*state);
     }
 }

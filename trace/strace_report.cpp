@@ -1,4 +1,5 @@
-// The pieces of a trace's text that are not system calls, and the way of all text to the caller.
+#include "trace/strace_report.h"
+
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -8,28 +9,27 @@
 #include <utility>
 
 #include "proc/proc_fd.h"
-#include "trace/strace.h"
 #include "trace/strace_process.h"
 #include "trace/text_line.h"
 
 namespace {
 
 constexpr int listed_fds = 1024;
-constexpr size_t prefix_room = 16;  // for a descriptor number and a tab
+constexpr size_t prefix_size = 16;  // for a descriptor number and a tab
 constexpr const char* listing_name = "strace_show_fdinfo_all";
 
-// The lines of the messages below, which are part of their text.
-constexpr int line_of_heading = 225;
-constexpr int line_of_number = 232;
-constexpr int line_of_description = 243;
-constexpr int line_of_end = 252;
+// The line numbers in the messages below.
+constexpr int heading_line = 225;
+constexpr int number_line = 232;
+constexpr int description_line = 243;
+constexpr int end_line = 252;
 
-void report_printf(int line) {
+void report_failed_printf(int line) {
     fprintf(stderr, "%s:%d strace_printf failed\n", listing_name, line);
 }
 
-// Gives the context another work buffer for as long as this lives: a line may be standing in its own. Without
-// memory for it there is none, and no text has room in it.
+// Gives the context another work buffer during its life, since its own may hold a line that is not finished.
+// If memory runs out, the other buffer has the size 0, and no text fits in it.
 class spare_buffer {
 public:
     explicit spare_buffer(strace_ctx* ctx)
@@ -46,7 +46,7 @@ public:
     }
     spare_buffer(const spare_buffer&) = delete;
     spare_buffer& operator=(const spare_buffer&) = delete;
-    bool usable() const { return buf_ != nullptr; }
+    bool is_usable() const { return buf_ != nullptr; }
 
 private:
     strace_ctx* ctx_;
@@ -55,39 +55,40 @@ private:
     int32_t kept_size_;
 };
 
-// Ends the line of a descriptor that has no description.
-bool end_line(strace_ctx* ctx, int fd) {
+// Writes the line of a descriptor that has no description.
+bool show_number(strace_ctx* ctx, int fd) {
     if (strace_printf(ctx, "%d\t", fd) < 0) {
-        report_printf(line_of_number);
+        report_failed_printf(number_line);
         return false;
     }
     if (strace_printf(ctx, "\n") < 0) {
-        report_printf(line_of_end);
+        report_failed_printf(end_line);
         return false;
     }
     return true;
 }
 
-// Writes one descriptor's line. `room` has prefix_room bytes, the size of a work buffer and a newline's.
-bool show_fd(strace_ctx* ctx, pid_t pid, int fd, size_t index, char* room) {
-    char* description = room + prefix_room;
+// Writes one descriptor's line. `line_buf` has space for the prefix, a description of the size of the work
+// buffer, and a newline. Returns false if the list is to end.
+bool show_fd(strace_ctx* ctx, pid_t pid, int fd, size_t index, char* line_buf) {
+    char* description = line_buf + prefix_size;
     int length = strace_describe_fd(ctx, pid, fd, description, static_cast<size_t>(ctx->bufsize));
     if (length < 0) {
         fprintf(stderr, "%s: fdinfo lookup failed, pid=%d, fd=%d, i=%zu\n", listing_name, pid, fd, index);
-        return end_line(ctx, fd);
+        return show_number(ctx, fd);
     }
     if (length == 0 || length >= ctx->bufsize) {
         fprintf(stderr, "%s: Unexpected length: %d\n", listing_name, length);
-        return end_line(ctx, fd);
+        return show_number(ctx, fd);
     }
-    // The number goes right before the description, so that the line is one piece.
-    char number[prefix_room];
+    // The number goes right before the description: the line is then one write.
+    char number[prefix_size];
     int digits = snprintf(number, sizeof number, "%d\t", fd);
     char* line = description - digits;
     std::copy_n(number, digits, line);
     description[length] = '\n';
     if (strace_write(ctx, line, digits + length + 1) < 0) {
-        fprintf(stderr, "%s:%d strace_write failed\n", listing_name, line_of_description);
+        fprintf(stderr, "%s:%d strace_write failed\n", listing_name, description_line);
         return false;
     }
     return true;
@@ -101,38 +102,40 @@ int32_t strace_write(strace_ctx* ctx, const char* text, int length) {
 }
 
 void strace_write_later(strace_ctx* ctx, const char* text, int length) {
-    strace_names* names = ctx->names;
-    if (!names->pending || length > strace_buffer_size) {
+    strace_state* state = ctx->names;
+    if (!state->pending || length > strace_buffer_size) {
         (void)strace_write(ctx, text, length);
         return;
     }
-    if (length > strace_buffer_size - names->pending_length) {
+    if (length > strace_buffer_size - state->pending_length) {
         strace_write_pending(ctx);
     }
-    std::copy_n(text, length, names->pending.get() + names->pending_length);
-    names->pending_length += length;
+    std::copy_n(text, length, state->pending.get() + state->pending_length);
+    state->pending_length += length;
 }
 
 void strace_write_pending(strace_ctx* ctx) {
-    strace_names* names = ctx->names;
-    int length = names ? std::exchange(names->pending_length, 0) : 0;
+    strace_state* state = ctx->names;
+    int length = state ? std::exchange(state->pending_length, 0) : 0;
     if (length > 0 && ctx->write) {
-        ctx->write(ctx->cookie, names->pending.get(), length);
+        ctx->write(ctx->cookie, state->pending.get(), length);
     }
 }
 
 int strace_describe_fd(const strace_ctx* ctx, pid_t pid, int fd, char* buf, size_t len) {
-    strace_process* process = strace_find(ctx, pid);
-    if (process->fd_dir < 0 && ctx->names->count <= strace_held_dirs) {
-        process->fd_dir = proc_fd_dir(pid).release();
+    const strace_state& state = *ctx->names;
+    strace_process* process = strace_find(state, pid);
+    if (process && !process->fd_dir && state.count <= strace_held_dirs) {
+        process->fd_dir = proc_fd_dir(pid);
     }
-    return proc_fdinfo_lookup(pid, fd, buf, len, {ctx->names->sockets.get(), process->fd_dir});
+    const int fd_dir = process ? process->fd_dir.get() : -1;
+    return proc_fdinfo_lookup(pid, fd, buf, len, {state.sockets.get(), fd_dir});
 }
 
 int strace_printf(strace_ctx* ctx, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the line before makes it
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start has initialized it
     int length = vsnprintf(ctx->buf, static_cast<size_t>(ctx->bufsize), format, args);
     va_end(args);
     if (length >= 1 && length < ctx->bufsize) {
@@ -148,7 +151,7 @@ void strace_exit(strace_ctx* ctx, pid_t pid, int kind, int code, void* extra) {
         code = static_cast<int>(message);
     }
     spare_buffer spare(ctx);
-    if ((ctx->flags & strace_fds) && spare.usable()) {
+    if ((ctx->flags & strace_fds) && spare.is_usable()) {
         strace_show_fdinfo_all(ctx, pid);
     }
     if (ctx->on_exit) {
@@ -159,16 +162,18 @@ void strace_exit(strace_ctx* ctx, pid_t pid, int kind, int code, void* extra) {
 void strace_show_fdinfo_all(strace_ctx* ctx, pid_t pid) {
     int fds[listed_fds];
     int count = proc_fdlist(pid, fds, listed_fds);
-    unique_malloc<char> room(static_cast<char*>(malloc(prefix_room + static_cast<size_t>(ctx->bufsize) + 1)));
-    if (!room) {
+    unique_malloc<char> line_buf(
+        static_cast<char*>(malloc(prefix_size + static_cast<size_t>(ctx->bufsize) + 1)));
+    if (!line_buf) {
         return;
     }
-    if (strace_printf(ctx, "\n[%d %s] %d open fds:\n", pid, strace_find(ctx, pid)->name, count) < 0) {
-        report_printf(line_of_heading);
+    const strace_process* process = strace_find(*ctx->names, pid);
+    if (strace_printf(ctx, "\n[%d %s] %d open fds:\n", pid, process ? process->name : "", count) < 0) {
+        report_failed_printf(heading_line);
         return;
     }
     for (int i = 0; i < count; i++) {
-        if (!show_fd(ctx, pid, fds[i], static_cast<size_t>(i), room.get())) {
+        if (!show_fd(ctx, pid, fds[i], static_cast<size_t>(i), line_buf.get())) {
             return;
         }
     }

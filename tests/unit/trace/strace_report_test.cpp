@@ -1,3 +1,5 @@
+#include "trace/strace_report.h"
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -19,7 +21,7 @@
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/memory_limit.h"
 #include "tests/unit/support/temp_dir.h"
-#include "trace/strace.h"
+#include "tests/unit/trace/tracees.h"
 #include "trace/strace_process.h"
 
 namespace {
@@ -41,36 +43,32 @@ namespace {
 
 constexpr int shown_fd = 500;  // above all others of a test
 
+strace_ctx context_of(pid_t* pid) {
+    strace_ctx ctx = {};
+    ctx.pids = pid;
+    ctx.nr_pids = 1;
+    return ctx;
+}
+
 // The context of a trace in which this program is one process, "me", that a report is made of.
 struct report {
-    strace_names names;
     pid_t pid = getpid();
     std::vector<char> buffer = std::vector<char>(strace_buffer_size);
-    strace_ctx ctx = {};
+    strace_ctx ctx = context_of(&pid);
+    strace_state state = strace_state(&ctx);
     std::vector<std::string> pieces;
     std::function<int32_t(const std::string&)> answer = [](const std::string&) { return 1; };
 
     report() {
-        names.count = 1;
-        names.processes = calloc_array<strace_process>(2);
-        strcpy(names.processes[0].name, "me");
-        names.processes[0].fd_dir = -1;
-        names.processes[1].fd_dir = -1;
-        names.sockets = socket_cache_new();
+        strcpy(state.processes()[0].name, "me");
         ctx.write = write;
         ctx.cookie = this;
-        ctx.names = &names;
-        ctx.pids = &pid;
-        ctx.nr_pids = 1;
+        ctx.names = &state;
         ctx.buf = buffer.data();
         ctx.bufsize = static_cast<int32_t>(buffer.size());
     }
     report(const report&) = delete;
     report& operator=(const report&) = delete;
-    ~report() {
-        unique_fd first(names.processes[0].fd_dir);
-        unique_fd blank(names.processes[1].fd_dir);
-    }
 
     // Lists the descriptors of this program; returns what was said on standard error.
     std::string list() {
@@ -148,7 +146,7 @@ std::string lookup_failed(const report& made, int index) {
 
 TEST(strace_write_later, keeps_text_until_the_pending_text_is_written) {
     report made;
-    made.names.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
+    made.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
     strace_write_later(&made.ctx, "one\n", 4);
     strace_write_later(&made.ctx, "two\n", 4);
     EXPECT_TRUE(made.pieces.empty());
@@ -160,7 +158,7 @@ TEST(strace_write_later, keeps_text_until_the_pending_text_is_written) {
 
 TEST(strace_write_later, kept_text_comes_before_what_is_written_at_once) {
     report made;
-    made.names.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
+    made.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
     strace_write_later(&made.ctx, "one\n", 4);
     EXPECT_EQ(strace_printf(&made.ctx, "%d\n", 2), 2);
     EXPECT_EQ(made.pieces, std::vector<std::string>({"one\n", "2\n"}));
@@ -168,7 +166,7 @@ TEST(strace_write_later, kept_text_comes_before_what_is_written_at_once) {
 
 TEST(strace_write_later, text_for_which_there_is_no_room_follows_what_was_kept) {
     report made;
-    made.names.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
+    made.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
     const std::string most(strace_buffer_size - 1, 'a');
     const std::string whole(strace_buffer_size, 'b');
     const std::string more(strace_buffer_size + 1, 'c');
@@ -199,9 +197,9 @@ TEST(strace_show_fdinfo_all, lists_each_descriptor_in_a_line_of_its_own) {
 
 TEST(strace_show_fdinfo_all, process_that_is_not_in_the_list_has_no_name) {
     report made;
-    made.pid = -1;
-    EXPECT_EQ(made.list(), "");
-    EXPECT_EQ(made.pieces.at(0), heading(getpid(), "", made.listed()));
+    tracee sleeper(sleep_for_ever);
+    EXPECT_EQ(capture_stderr([&] { strace_show_fdinfo_all(&made.ctx, sleeper.pid()); }), "");
+    EXPECT_EQ(made.pieces.at(0), heading(sleeper.pid(), "", made.listed()));
 }
 
 TEST(strace_show_fdinfo_all, process_that_has_gone_has_an_empty_list) {
