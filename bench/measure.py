@@ -1,10 +1,11 @@
-"""What the benchmarks share: programs run in turn, ratios with their spread, and the report they go into.
+"""What the benchmarks share: running programs in turn, ratios with their spread, and the report.
 
 A benchmark is a file FOLDER/NAME.py with
-    ABOUT            one line: what is compared, on which work
-    TARGETS          what has to be built for it, besides bench_turns
-    NEEDS_SANDBOX    whether it looks at processes
-    run(report)      measures and calls report.ratio() and report.figure()
+    ABOUT            one line: what is compared, on which workload
+    TARGETS          what has to be built for it, in addition to bench_turns
+    NEEDS_SANDBOX    True if it examines processes
+    run(report)      measures, and calls report.ratio() and report.figure()
+It may import the modules of tests/support as support.NAME.
 """
 
 import collections
@@ -14,16 +15,19 @@ import os
 import pathlib
 import statistics
 import subprocess
+import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 BUILD = ROOT / "build" / "host"
 BIN = BUILD / "bin"
 
+sys.path.append(str(ROOT / "tests"))
+
 Turn = collections.namedtuple("Turn", "wall_s user_s system_s output_bytes status")
 
 
 class Broken(Exception):
-    """Something did not do what was to be measured."""
+    """A program did not do what was to be measured."""
 
 
 def wall(turn):
@@ -35,10 +39,10 @@ def cpu(turn):
 
 
 def turns(commands, rounds, warm_up=1, stdin=None, pipe=False, accept=None):
-    """Runs the commands in turn, each as a fresh process; returns a list of `rounds` Turns for each command.
+    """Runs the commands in turn, each as a fresh process. Returns a list of `rounds` Turns for each command.
 
-    Output goes to /dev/null or, with `pipe`, into a pipe that is read to its end. A command may end with the
-    exit statuses that its entry of `accept` lists, with 0 when there is no `accept`; others break the benchmark.
+    Output goes to /dev/null or, with `pipe`, into a pipe that is read to its end. `accept` lists the valid exit
+    statuses of each command; by default, only 0 is valid. Another status breaks the benchmark.
     """
     words = [str(BIN / "bench_turns"), *(["-i", stdin] if stdin else []), *(["-p"] if pipe else [])]
     words.append(str(warm_up + rounds))
@@ -68,7 +72,7 @@ def proc_numbers(pid, name):
 
 @contextlib.contextmanager
 def crowd(processes, descriptors):
-    """Sleeping processes with that many descriptors each, for as long as the context lasts (bench_crowd)."""
+    """Sleeping processes with that many descriptors each, until the end of the context (bench_crowd)."""
     words = [BIN / "bench_crowd", str(processes), str(descriptors)]
     with subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as started:
         if started.stdout.readline() != b"ready\n":
@@ -77,7 +81,7 @@ def crowd(processes, descriptors):
 
 
 class Report:
-    """Collects what one benchmark found, for people and for programs."""
+    """The results of one benchmark."""
 
     def __init__(self, name, about):
         self.content = {
@@ -94,7 +98,7 @@ class Report:
         (our_name, our_turns), (peer_name, peer_turns) = ours, peer
         our_costs, peer_costs = list(map(cost, our_turns)), list(map(cost, peer_turns))
         if len(our_costs) != len(peer_costs) or not all(peer_costs):
-            raise Broken(f"{what}: nothing to divide by")
+            raise Broken(f"{what}: a cost of {peer_name} is missing or zero")
         ratios = [mine / theirs for mine, theirs in zip(our_costs, peer_costs)]
         self._add(
             kind="ratio", what=what, ours=our_name, peer=peer_name, unit=unit, rounds=len(ratios),
@@ -104,7 +108,7 @@ class Report:
         )  # fmt: skip
 
     def figure(self, what, value, unit, bound=None, note=""):
-        """Adds a number that nothing is compared with."""
+        """Adds a number without a comparison."""
         self._add(kind="figure", what=what, value=value, unit=unit, bound=bound, note=note)
 
     def _add(self, **row):
@@ -147,7 +151,7 @@ def row_text(row):
 
 
 def table(content):
-    """The report for people."""
+    """The report as text."""
     head = (
         f"{content['name']}: {content['about']}\n  load {content['load_before']:.2f} before, "
         f"{content['load_after']:.2f} after, {content['processors']} processors"

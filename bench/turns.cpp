@@ -1,12 +1,12 @@
-// bench_turns: runs commands strictly in turn and prints what each run cost.
+// bench_turns: runs commands in turn and prints the cost of each run.
 //
 // usage: bench_turns [-i FILE] [-p] ROUNDS -- COMMAND [ARGUMENT...] -- COMMAND [ARGUMENT...]...
 //
 // One round runs each command once, in the order given. A run is a fresh process (vfork and exec) with FILE
-// or /dev/null as standard input; its standard output is /dev/null, with -p a pipe that is read to its end. A
-// line for each run: the command's number from 0, wall time in ns, user time in us, system time in us, bytes
-// read from the pipe, exit status (128 + N after signal N). Wall time begins before the process does and ends
-// when the pipe has ended and the process has been waited for.
+// or /dev/null as standard input. Its standard output is /dev/null or, with -p, a pipe that is read to its
+// end. For each run, one line is printed: the command's number from 0, wall time in ns, user time in us,
+// system time in us, bytes read from the pipe, exit status (128 + N after signal N). Wall time begins before
+// the process is started and ends when the pipe is at its end and the process has been reaped.
 #include <errno.h>
 #include <fcntl.h>
 #include <spawn.h>
@@ -49,7 +49,7 @@ struct turn_cost {
     exit(2);
 }
 
-// Cuts argv at each "--"; what stands before the first one is left to the caller.
+// Splits argv at each "--". The words before the first one are the caller's options.
 std::vector<char**> split_commands(int argc, char** argv) {
     std::vector<char**> commands;
     for (int i = 1; i < argc; i++) {

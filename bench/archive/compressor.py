@@ -5,12 +5,12 @@ import tempfile
 
 import measure
 
-ABOUT = "compressing 500 MB: 60 % text as /proc has it, 15 % random, 15 % zeros, 10 % small binary integers"
+ABOUT = "compressing 500 MB: 60 % text like that of /proc, 15 % random bytes, 15 % zeros, 10 % small binary integers"
 TARGETS = ["bench_gzip"]
 NEEDS_SANDBOX = False
 ROUNDS = 5
 TOTAL = 500_000_000
-PIECE = 1 << 20     # far beyond the compressor's window of 32 KiB: a repeated piece is as good as a new one
+PIECE = 1 << 20     # far larger than the compressor's window of 32 KiB, so it may repeat
 KINDS = ["text"] * 12 + ["random"] * 3 + ["zeros"] * 3 + ["integers"] * 2
 
 
@@ -33,7 +33,7 @@ def integers(source):
 
 
 def write_mix(path):
-    """The same bytes in every run."""
+    """Writes the same bytes in every run."""
     source = random.Random(1)
     pieces = {
         "text": [text(source) for _ in range(8)],
@@ -51,7 +51,7 @@ def write_mix(path):
 
 
 def memory_folder():
-    """Where a file of this size lies in memory, or None for the usual place of temporary files."""
+    """A folder in memory with enough free space, or None for the default folder of temporary files."""
     shm = "/dev/shm"
     return shm if os.path.isdir(shm) and shutil.disk_usage(shm).free > 4 * TOTAL else None
 
@@ -63,5 +63,5 @@ def run(report):
         commands = [[measure.BIN / "bench_gzip"], ["gzip", "-1"]]
         ours, theirs = measure.turns(commands, ROUNDS, stdin=mix, pipe=True)
     mine, gzip = ("stream_gzip", ours), ("gzip -1", theirs)
-    report.ratio("user and system time", mine, gzip, measure.cpu, bound=1.05, note="file in, pipe out, both")
+    report.ratio("user and system time", mine, gzip, measure.cpu, bound=1.05, note="both read a file and write to a pipe")
     report.ratio("output", mine, gzip, lambda turn: turn.output_bytes / 1e6, unit="MB")

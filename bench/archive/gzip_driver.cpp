@@ -1,4 +1,4 @@
-// bench_gzip: the archive's compressor as a program of its own, standard input to standard output.
+// bench_gzip: the archive's compressor as a program, from standard input to standard output.
 #include "archive/gzip.h"
 
 int main() {

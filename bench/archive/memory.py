@@ -1,14 +1,13 @@
 import pathlib
 import subprocess
-import sys
 import tempfile
 
 import measure
+from support.daemon import Daemon
+from support.processes import children_of, program_of
+from support.waiting import wait_for
 
-sys.path.append(str(measure.ROOT / "tests" / "e2e"))
-import zarvo_e2e  # noqa: E402
-
-ABOUT = "memory of the idle daemon, and what a stream adds to builder and compressor together"
+ABOUT = "memory of the idle daemon, and the growth of builder and compressor during a stream"
 TARGETS = ["zarvo", "bench_stream"]
 NEEDS_SANDBOX = True
 SIZES_MIB = [64, 1024]
@@ -27,10 +26,10 @@ def report_memory(report, what, pid):
 
 
 def idle_sleeper(report):
-    """A daemon that does nothing, for comparison."""
+    """A process that does nothing, for comparison."""
     sleeper = subprocess.Popen(["/usr/bin/busybox", "sleep", "1000"])
     try:
-        zarvo_e2e.wait_for(lambda: "nanosleep" in pathlib.Path(f"/proc/{sleeper.pid}/wchan").read_text(), "asleep")
+        wait_for(lambda: "nanosleep" in pathlib.Path(f"/proc/{sleeper.pid}/wchan").read_text(), "asleep")
         report_memory(report, "busybox sleep, for comparison", sleeper.pid)
     finally:
         sleeper.kill()
@@ -38,7 +37,7 @@ def idle_sleeper(report):
 
 
 def family(pid):
-    return [pid, *(child for child, state in zarvo_e2e.children_of(pid) if state != "Z")]
+    return [pid, *(child for child, state in children_of(pid) if state != "Z")]
 
 
 def during_archive(report, daemon):
@@ -57,20 +56,20 @@ def during_archive(report, daemon):
     report.figure(
         f"the daemon while a debug.tgz of {size / 1e6:.1f} MB is sent, growth with its compressor",
         most[0] - before[0], "kB resident", bound=BOUND_KB,
-        note=f"{most[1] - before[1]} kB proportional; afterwards {remains} kB resident remain",
+        note=f"{most[1] - before[1]} kB proportional; {remains} kB resident remain afterwards",
     )  # fmt: skip
 
 
 def memory_of_copy(pid):
-    """(resident, proportional) kB; nothing for a child that runs another program or has just gone."""
+    """(resident, proportional) kB; zeros for a child that runs another program or has just ended."""
     try:
-        return memory(pid)[:2] if zarvo_e2e.program_of(pid).startswith(str(measure.BIN)) else (0, 0)
+        return memory(pid)[:2] if program_of(pid).startswith(str(measure.BIN)) else (0, 0)
     except (FileNotFoundError, ProcessLookupError, KeyError):
         return 0, 0
 
 
 def stream(report, mib):
-    """One stream through the archive's pipeline in a program that is linked as zarvo is."""
+    """One stream through the archive's pipeline, in a program that is linked like zarvo."""
     ran = subprocess.run([measure.BIN / "bench_stream", str(mib)], stdout=subprocess.PIPE, text=True)
     if ran.returncode != 0:
         raise measure.Broken("bench_stream failed")
@@ -79,14 +78,14 @@ def stream(report, mib):
     report.figure(
         f"{mib} MiB through the pipeline, growth of both processes together", max(most_rss, peak) - rss,
         "kB resident", bound=BOUND_KB,
-        note=f"{most_pss - pss} kB proportional; resident counts pages that both share twice",
+        note=f"{most_pss - pss} kB proportional; the resident size counts shared pages twice",
     )  # fmt: skip
     return most_pss - pss
 
 
 def run(report):
     with tempfile.TemporaryDirectory(dir="/run") as folder:
-        daemon = zarvo_e2e.Daemon(pathlib.Path(folder))
+        daemon = Daemon(pathlib.Path(folder))
         try:
             report_memory(report, "the idle daemon, just started", daemon.pid)
             idle_sleeper(report)
@@ -96,5 +95,5 @@ def run(report):
             daemon.stop()
     small, large = [stream(report, mib) for mib in SIZES_MIB]
     report.figure(
-        f"growth at {SIZES_MIB[1]} MiB beyond that at {SIZES_MIB[0]} MiB", large - small, "kB proportional"
+        f"growth at {SIZES_MIB[1]} MiB minus growth at {SIZES_MIB[0]} MiB", large - small, "kB proportional"
     )

@@ -11,12 +11,12 @@ ABOUT = "one snapshot of /proc and its 26 folders as a tar stream, as a fresh pr
 TARGETS = ["bench_proc"]
 NEEDS_SANDBOX = True
 ROUNDS = 31
-BOUND = 102400                                      # bytes that the snapshot keeps of a file
-SKIPPED = {"kcore", "vmcore", "kmem", "kmsg"}       # files of /proc itself that it passes over
+BOUND = 102400  # bytes that the snapshot stores of a file
+SKIPPED = {"kcore", "vmcore", "kmem", "kmsg"}  # files of /proc itself that it skips
 
 
 def snapshot():
-    """{path of a file: bytes kept of it} of one snapshot."""
+    """{path: stored bytes} of the files in one snapshot."""
     stream = subprocess.run([measure.BIN / "bench_proc"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
     with tarfile.open(fileobj=io.BytesIO(stream), mode="r|") as tar:
         return {path_of(member.name): member.size for member in tar}
@@ -27,10 +27,10 @@ def path_of(name):
     return f"/proc/{rest}"
 
 
-def files_looked_at(kept):
-    """All files of the folders that gave a member, as the snapshot opens those too that turn out empty."""
+def files_opened(stored):
+    """All files of the folders in the snapshot, which also opens files that turn out to be empty."""
     found = []
-    for folder in sorted({os.path.dirname(path) for path in kept}):
+    for folder in sorted({os.path.dirname(path) for path in stored}):
         for entry in os.scandir(folder):
             if entry.is_dir(follow_symlinks=False) or (folder == "/proc" and entry.name in SKIPPED):
                 continue
@@ -39,7 +39,7 @@ def files_looked_at(kept):
 
 
 def in_two_steps(list_path):
-    """What gives a tar with the files' content: copies, of which tar can trust the size."""
+    """A command that makes a tar with the files' contents: it archives copies, whose sizes are right."""
     script = (
         'd=$(mktemp -d /run/copy.XXXXXX); xargs -a "$0" cp --parents -t "$d" 2>/dev/null; '
         'tar -C "$d" -cf - .; rm -r "$d"'
@@ -52,9 +52,9 @@ def output_kb(taken):
 
 
 def run(report):
-    kept = snapshot()
-    files = files_looked_at(kept)
-    small = [path for path in files if kept.get(path, 0) < BOUND]
+    stored = snapshot()
+    files = files_opened(stored)
+    small = [path for path in files if stored.get(path, 0) < BOUND]
     with tempfile.TemporaryDirectory(dir="/run") as folder:
         whole, uncut = pathlib.Path(folder, "all"), pathlib.Path(folder, "small")
         whole.write_text("".join(f"{path}\n" for path in files))
@@ -66,19 +66,19 @@ def run(report):
                 ["head", "-q", "-c", str(BOUND), *files],
                 in_two_steps(uncut),
             ],
-            ROUNDS, warm_up=3, pipe=True,  # tar and head say by 1 that they could not read some of the files
+            ROUNDS, warm_up=3, pipe=True,  # tar and head exit with 1 if they could not read some of the files
             accept=[(0,), (0, 1), (0, 1), (0,)],
         )  # fmt: skip
     ours = (f"snapshot of {len(files)} files, {output_kb(snapshot_turns)}", snapshot_turns)
     report.ratio(
         "wall time, tar", ours, (f"GNU tar, {output_kb(tar)}", tar), measure.wall, bound=1.0,
-        note="tar trusts the size that stat gives, 0 for most of these files, and stores headers without content",
+        note="tar relies on the size of stat, which is 0 for most of these files, and stores headers without content",
     )  # fmt: skip
     report.ratio(
         "wall time, same reading", ours, (f"head -c {BOUND}, {output_kb(head)}", head), measure.wall,
-        note="the same bytes of the same files, without any archive around them",
+        note="the same bytes of the same files, without an archive",
     )  # fmt: skip
     report.ratio(
         "wall time, same result", ours, (f"cp, then tar, {output_kb(copies)}", copies), measure.wall,
-        note=f"a tar with content; without the {len(files) - len(small)} files that are larger than the snapshot keeps",
+        note=f"a tar with contents, without the {len(files) - len(small)} files that the snapshot truncates",
     )  # fmt: skip

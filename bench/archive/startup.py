@@ -1,6 +1,6 @@
 import measure
 
-ABOUT = "starting the smallest applet and ending it, as a fresh process (vfork, exec, wait)"
+ABOUT = "starting and ending the smallest applet as a fresh process (vfork, exec, wait)"
 TARGETS = ["zarvo"]
 NEEDS_SANDBOX = False
 ROUNDS = 2000

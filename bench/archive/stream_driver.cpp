@@ -1,8 +1,8 @@
-// bench_stream MIB: sends MIB mebibytes through the archive pipeline, onto /dev/null, and prints what builder
-// and compressor had in memory meanwhile, in kB: "before RSS PSS" (the builder alone, ready to go), "during
-// RSS PSS" (the largest sums of both processes), "peak RSS" (the sum of both high-water marks, at the end).
+// bench_stream MIB: sends MIB mebibytes through the archive pipeline to /dev/null, and prints the memory of
+// builder and compressor in kB: "before RSS PSS" (the builder alone, before the stream), "during RSS PSS"
+// (the largest sums of both processes), "peak RSS" (the sum of both high-water marks at the end).
 //
-// Sizes are those of smaps_rollup, which are exact; the ones in status lag behind by up to 32 pages a
+// Sizes are those of smaps_rollup, which are exact. The ones in status may be late by up to 32 pages for each
 // processor.
 #include <fcntl.h>
 #include <stdint.h>
@@ -22,7 +22,7 @@ namespace {
 constexpr unsigned mebibyte = 1 << 20;
 constexpr int mib_between_samples = 4;
 
-// Static, so that all of it is there before the first sample.
+// Static, so that all of it is in memory before the first sample.
 char block[mebibyte];
 
 struct memory_kb {
@@ -36,8 +36,8 @@ struct stream_run {
     long peak_rss = 0;
 };
 
-// The number behind `key` in the file /proc/PID/NAME. A key or file that is missing ends the program: a
-// measurement of zero would look like a good one.
+// The number after `key` in the file /proc/PID/NAME. A missing key or file ends the program, because a
+// measurement of zero would look good.
 long proc_number(int pid, const char* name, const char* key) {
     char path[64];
     char text[4096];
@@ -57,7 +57,7 @@ memory_kb memory_of(int pid) {
     return {proc_number(pid, "smaps_rollup", "\nRss:"), proc_number(pid, "smaps_rollup", "\nPss:")};
 }
 
-// Three quarters lines of small numbers, as /proc has them; the rest can't be compressed.
+// Three quarters are lines of small numbers, like those of /proc. The rest cannot be compressed.
 void fill_block() {
     uint32_t state = 1;
     auto next = [&state] { return state = state * 1664525 + 1013904223; };
@@ -105,7 +105,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     fill_block();
-    (void)memory_of(getpid());  // whatever reading itself brings into memory is there from now on
+    (void)memory_of(getpid());  // now everything that reading needs is in memory
     memory_kb before = memory_of(getpid());
     (void)stream_compressed(sink.get(), write_all, &run);
     printf("before %ld %ld\nduring %ld %ld\npeak %ld\n", before.rss, before.pss, run.during.rss,

@@ -1,5 +1,5 @@
 // bench_frames INTERFACE SIZE RATE SECONDS: sends frames of SIZE bytes over INTERFACE, RATE a second (0: as
-// many as it can), and prints how many the system took.
+// many as possible), and prints the number of frames that the kernel accepted.
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <stdio.h>
@@ -18,7 +18,7 @@ namespace {
 constexpr int burst = 64;
 constexpr int largest_frame = 1514;
 constexpr int64_t second_ns = 1000000000;
-// Below the highest rate frames come evenly, as far as a timer of the system can do that.
+// Below the highest rate, frames are spread evenly, within the resolution of the timer.
 constexpr int64_t turn_ns = 100000;
 
 int64_t now_ns() {
@@ -48,22 +48,22 @@ unique_fd open_interface(const char* name) {
 struct frame_source {
     int sock;
     uint8_t frame[largest_frame] = {};
-    iovec place;
+    iovec content;
     mmsghdr messages[burst] = {};
 
-    frame_source(int fd, size_t size) : sock(fd), place{frame, size} {
+    frame_source(int fd, size_t size) : sock(fd), content{frame, size} {
         for (int i = 0; i < 12; i++) {
-            frame[i] = 0xff;  // to and from everybody
+            frame[i] = 0xff;  // broadcast addresses
         }
-        frame[12] = 0x88;  // an Ethernet type for experiments, which no stack looks at
+        frame[12] = 0x88;  // an Ethernet type for experiments, which network stacks ignore
         frame[13] = 0xb5;
         for (mmsghdr& message : messages) {
-            message.msg_hdr.msg_iov = &place;
+            message.msg_hdr.msg_iov = &content;
             message.msg_hdr.msg_iovlen = 1;
         }
     }
 
-    // Returns how many the system took.
+    // Returns the number of frames that the kernel accepted.
     uint64_t send(uint64_t count) {
         unsigned wanted = static_cast<unsigned>(std::min<uint64_t>(count, burst));
         int sent = sendmmsg(sock, messages, wanted, 0);

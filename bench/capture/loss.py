@@ -1,4 +1,3 @@
-import ctypes
 import os
 import pathlib
 import re
@@ -9,18 +8,18 @@ import tempfile
 import time
 
 import measure
+from support.network import add_quiet_wire, capturing_sockets, private_network
+from support.waiting import wait_for
 
 ABOUT = "pcapdump against tcpdump -w on the same load: frames lost and CPU time for each captured frame"
 TARGETS = ["zarvo", "bench_frames"]
-NEEDS_SANDBOX = False    # it makes a network of its own, and looks at no process but its own
-CLONE_NEWNET = 0x40000000
+NEEDS_SANDBOX = False  # it makes a network of its own, and examines only its own processes
 
-# "quick" in ZARVO_BENCH gives figures for a first look.
+# ZARVO_BENCH=quick is faster and less exact.
 QUICK = os.environ.get("ZARVO_BENCH") == "quick"
 SECONDS, ROUNDS = (3, 3) if QUICK else (10, 3)
 SIZES = {"small": 60, "full-size": 1514}
-RATES = [10000, 50000, 0]    # frames a second; 0: as many as the sender can
-PATIENCE = 30
+RATES = [10000, 50000, 0]  # frames a second; 0: as many as possible
 NEAR, FAR = "zb0", "zb1"
 
 COMMANDS = {
@@ -42,36 +41,12 @@ class Run:
         return self.sent - self.captured
 
 
-def make_network():
-    """Two ends of a wire, in a network of this process's own."""
-    if os.geteuid() != 0 or not shutil.which("tcpdump"):
-        raise measure.Broken("needs root, for a network of its own, and tcpdump")
-    if ctypes.CDLL(None, use_errno=True).unshare(CLONE_NEWNET) != 0:
-        raise measure.Broken("cannot make a network")
-    quiet = "addrgenmode none arp off up"    # nobody but the sender speaks
-    for words in (f"link add {NEAR} type veth peer name {FAR}", f"link set {NEAR} {quiet}", f"link set {FAR} {quiet}"):
-        subprocess.run(["ip", *words.split()], check=True)
-
-
-def wait_for(condition, what):
-    end = time.monotonic() + PATIENCE
-    while not condition():
-        if time.monotonic() > end:
-            raise measure.Broken(f"still not: {what}")
-        time.sleep(0.02)
-
-
-def is_capturing():
-    """A packet socket of this network is bound to all protocols."""
-    return any(line.split()[3] == "0003" for line in open("/proc/net/packet").readlines()[1:])
-
-
 def bytes_written(pid):
     return int(re.search(r"^wchar: (\d+)$", pathlib.Path(f"/proc/{pid}/io").read_text(), re.MULTILINE)[1])
 
 
 def wait_until_drained(pid):
-    """The capture has nothing more to write; tcpdump looks at what is left once a second."""
+    """Waits until the capture has written everything. tcpdump writes at least once a second."""
     last, since = -1, time.monotonic()
     while time.monotonic() - since < 1.5:
         now = bytes_written(pid)
@@ -85,21 +60,21 @@ def frames_in(file, size):
 
 
 def capture(command, file, size, rate):
-    """At the highest rate nothing but the counts is kept, or the disk would be measured."""
+    """Captures one load. At the highest rate only the size is kept, because writing files would be measured otherwise."""
     target = "/dev/null" if rate == 0 else file
     process = subprocess.Popen(command(target), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     try:
-        wait_for(is_capturing, "capturing")
+        wait_for(capturing_sockets, "capturing")
         sender = [measure.BIN / "bench_frames", FAR, str(size), str(rate), str(SECONDS)]
         sent = int(subprocess.run(sender, stdout=subprocess.PIPE, check=True).stdout)
         wait_until_drained(process.pid)
         written = bytes_written(process.pid)
         peak_kb = measure.proc_numbers(process.pid, "status")["VmHWM"]
     finally:
-        process.send_signal(signal.SIGTERM)    # SIGINT is ignored in the background
+        process.send_signal(signal.SIGTERM)  # a process in the background ignores SIGINT
         _, status, usage = os.wait4(process.pid, 0)
         process.returncode = status
-    wait_for(lambda: not is_capturing(), "socket closed")
+    wait_for(lambda: capturing_sockets() == 0, "socket closed")
     captured = (written - 24) // (16 + size) if rate == 0 else frames_in(file, size)
     file.unlink(missing_ok=True)
     return Run(sent, captured, usage.ru_utime + usage.ru_stime, peak_kb)
@@ -129,8 +104,10 @@ def compare(report, folder, label, size, rate):
 
 
 def run(report):
-    make_network()
-    with tempfile.TemporaryDirectory(dir="/dev/shm") as folder:
+    if os.geteuid() != 0 or not shutil.which("tcpdump"):
+        raise measure.Broken("needs tcpdump, and root for a network of its own")
+    with private_network(), tempfile.TemporaryDirectory(dir="/dev/shm") as folder:
+        add_quiet_wire(NEAR, FAR)
         for rate in RATES:
             for label, size in SIZES.items():
                 compare(report, pathlib.Path(folder), label, size, rate)

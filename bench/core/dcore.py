@@ -1,4 +1,4 @@
-"""The dumper against gdb's gcore, each on the same process, which goes on and tells how long it was held up."""
+"""The dumper against gdb's gcore on the same process, which measures how long it was stopped."""
 
 import collections
 import os
@@ -18,7 +18,7 @@ ROUNDS, WARM_UP = 5, 1
 TIME_BOUND, PAUSE_BOUND, MEMORY_BOUND = 0.2, 0.2, 0.1
 BLOCK = 1 << 20
 
-# What it is, and how many MB are touched, how many MB reserved, how many threads there are.
+# Name, MB touched, MB reserved, number of threads.
 PROCESSES = [
     ("100 MB touched", (100, 0, 0)),
     ("1 GB reserved, 10 MB touched", (10, 1024, 0)),
@@ -37,7 +37,7 @@ class Target:
         self.pid = self.process.pid
 
     def longest_gap_s(self):
-        """Between two of its looks at the clock, since the last time this was asked."""
+        """The longest time between two readings of its clock since the last call."""
         self.process.stdin.write(b"\n")
         self.process.stdin.flush()
         return int(self.process.stdout.readline()) / 1e6
@@ -48,7 +48,7 @@ class Target:
 
 
 def peak_of(pid):
-    """A process's own; what its memory was before it became this program, as with ru_maxrss, doesn't count."""
+    """The peak memory of a process in kB. Unlike ru_maxrss, it does not include the time before exec."""
     try:
         return measure.proc_numbers(pid, "status").get("VmHWM", 0)
     except OSError:
@@ -56,7 +56,7 @@ def peak_of(pid):
 
 
 def descendants(pid):
-    """gcore is a script: what holds the memory is the debugger that it starts."""
+    """A process and all below it. gcore is a script, and the memory is that of the debugger that it starts."""
     found = [pid]
     try:
         for task in os.listdir(f"/proc/{pid}/task"):
@@ -104,7 +104,7 @@ def gcore(target, folder):
 
 
 def peak_while(words, **streams):
-    """Peak memory of a program and of those it starts, looked at again and again while they run."""
+    """The peak memory of a program and of those that it starts, polled while they run."""
     running = subprocess.Popen(words, **streams)
     peaks = {}
     if running.stdout:
@@ -113,7 +113,7 @@ def peak_while(words, **streams):
         for pid in descendants(running.pid):
             peaks[pid] = max(peaks.get(pid, 0), peak_of(pid))
         if running.stdout:
-            # Little at a time, so that there are many looks before the dumper's end.
+            # A small piece, so that the memory is polled often before the dumper ends.
             running.stdout.read(1 << 18)
         time.sleep(0.0002)
     if running.stdout:
@@ -135,7 +135,7 @@ def compare(report, what, numbers, folder):
     try:
         for _ in range(WARM_UP + ROUNDS):
             timings = dcore(target), gcore(target, folder)
-            # Looking at memory takes time of its own, hence other runs.
+            # Polling the memory takes time, so it happens in separate runs.
             for dumps, taken, peak in zip((mine, theirs), timings, peaks(target, folder)):
                 dumps.append(Dump(*taken, peak))
     finally:

@@ -1,9 +1,9 @@
-// A process to be dumped: holds memory and threads, and tells the longest time between two looks at the
-// clock.
+// A process to be dumped: it has memory and threads, and measures the longest time between two readings of
+// the clock.
 //
 // usage: bench_core_target TOUCHED_MB RESERVED_MB THREADS
-// Says "ready" once it is as it should be. For each line of standard input prints the longest gap since the
-// last one, in microseconds.
+// Prints "ready" when everything is set up. For each line of standard input, it prints the longest gap since
+// the previous line, in microseconds.
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr long look_every_ns = 100'000;
+constexpr long poll_interval_ns = 100'000;
 
 int64_t now_ns() {
     timespec now = {};
@@ -34,7 +34,7 @@ unsigned char* reserve(size_t megabytes) {
     return static_cast<unsigned char*>(memory);
 }
 
-// Different content everywhere, so that nothing can be left out.
+// The content is different everywhere, so the dumper cannot leave anything out.
 void touch(unsigned char* memory, size_t length) {
     unsigned seed = 1;
     for (size_t at = 0; at + sizeof seed <= length; at += sizeof seed) {
@@ -43,11 +43,11 @@ void touch(unsigned char* memory, size_t length) {
     }
 }
 
-// Answers once for each byte that comes.
+// Prints a line for each byte of input.
 void watch_clock() {
     int64_t longest = 0, last = now_ns();
     for (;;) {
-        timespec pause = {0, look_every_ns};
+        timespec pause = {0, poll_interval_ns};
         pollfd asked = {STDIN_FILENO, POLLIN, 0};
         int found = ppoll(&asked, 1, &pause, nullptr);
         int64_t now = now_ns();

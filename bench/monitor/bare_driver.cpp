@@ -1,8 +1,8 @@
-// bench_bare ROUNDS [folders]: the system calls that a round of the leak monitor can't do without, and
-// nothing else: no records, no scores.
+// bench_bare ROUNDS [folders]: only the system calls that a round of the leak monitor needs, without records
+// and scores.
 //
-// For each process the command line (its name), the descriptor folder with each descriptor's link and the
-// stat line (its parent). With "folders" it only opens and lists the descriptor folders.
+// For each process, it reads the command line (its name), the descriptor folder with the link of each
+// descriptor, and the stat line (its parent). With "folders", it only opens and lists the descriptor folders.
 #include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>

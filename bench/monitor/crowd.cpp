@@ -1,9 +1,9 @@
-// bench_crowd: a crowd of processes that hold descriptors and sleep.
+// bench_crowd: sleeping processes with many descriptors.
 //
 // usage: bench_crowd PROCESSES DESCRIPTORS
 //
-// Each process has DESCRIPTORS of them in all, a quarter of them sockets and a quarter pipes. Prints "ready"
-// when all are there and ends, with all of them, at the end of its standard input.
+// Each process has DESCRIPTORS descriptors, a quarter of them sockets and a quarter pipes. Prints "ready"
+// when all processes have them. At the end of standard input, it exits, and all of them with it.
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>

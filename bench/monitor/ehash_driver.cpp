@@ -1,10 +1,10 @@
-// bench_ehash TABLE KEYS WORK REPEATS: one kind of work on one table, as often as asked for.
+// bench_ehash TABLE KEYS WORK REPEATS: repeats one kind of work on one table.
 //
-// TABLE: ehash, or map for std::unordered_map. KEYS: pids (1,000 four-byte numbers with gaps between them, as
-// processes that come and go leave them), steps (the same with gaps of one size, which spreads them over a
-// map's prime number of buckets without a collision) or names (1,000 texts of 12 to 20 characters). WORK:
-// insert (into a fresh table, then freed), lookup (each key) or iterate. Both tables find a record of the
-// same size; both get the same hint of how much is coming.
+// TABLE: ehash, or map for std::unordered_map. KEYS: pids (1,000 four-byte numbers with random gaps, like
+// those of processes that come and go), steps (the same with gaps of one size, which fall into a map's prime
+// number of buckets without a collision) or names (1,000 texts of 12 to 20 characters). WORK: insert (into a
+// fresh table, which is then freed), lookup (each key) or iterate. The records of both tables have the same
+// size, and both get the same size hint.
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -68,7 +68,7 @@ bytes bytes_of(const std::string& key) {
     return {key.data(), static_cast<uint32_t>(key.size())};
 }
 
-// Keeps a result from being optimised away.
+// Prevents the optimiser from removing a result.
 void use(const void* result) {
     asm volatile("" : : "r"(result) : "memory");
 }

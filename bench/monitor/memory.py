@@ -1,12 +1,10 @@
 import pathlib
 import signal
 import subprocess
-import sys
 
 import measure
-
-sys.path.append(str(measure.ROOT / "tests" / "e2e"))
-import zarvo_e2e  # noqa: E402
+from support.processes import in_mount_namespace
+from support.waiting import wait_for
 
 ABOUT = "memory of mon with 1,000 processes of 20 descriptors each"
 TARGETS = ["zarvo", "bench_crowd"]
@@ -19,20 +17,20 @@ def run(report):
     few = watch(report, "few processes")
     with measure.crowd(PROCESSES, DESCRIPTORS):
         many = watch(report, f"{PROCESSES} processes", BOUND_KB)
-    report.figure(f"what {PROCESSES} processes add", many - few, "kB private")
+    report.figure(f"growth by {PROCESSES} processes", many - few, "kB private")
     idle(report)
 
 
 def watch(report, what, bound=None):
-    """Runs mon for a while over what is there; returns its private memory."""
-    words = [*zarvo_e2e.in_mount_namespace("mount -t tmpfs none /tmp"), str(measure.BIN / "mon"), "50000"]
+    """Runs mon for 20 rounds over the processes of the sandbox. Returns its private memory."""
+    words = [*in_mount_namespace("mount -t tmpfs none /tmp"), str(measure.BIN / "mon"), "50000"]
     with subprocess.Popen(words, stderr=subprocess.DEVNULL) as mon:
         status = pathlib.Path(f"/proc/{mon.pid}/root/tmp/dbg-report.txt")
 
         def settled():
             return status.exists() and status.read_text().startswith("Debug monitor status round=20\n")
 
-        zarvo_e2e.wait_for(settled, "round 20")
+        wait_for(settled, "round 20")
         found = measure.proc_numbers(mon.pid, "smaps_rollup")
         mon.send_signal(signal.SIGINT)
     private = found["Private_Clean"] + found["Private_Dirty"]
@@ -44,9 +42,9 @@ def watch(report, what, bound=None):
 
 
 def idle(report):
-    """A program that does nothing, for comparison: what the C library alone makes resident."""
+    """A program that does nothing, for comparison: the memory of the C library alone."""
     with subprocess.Popen(["/bin/sleep", "1000"], env={}) as sleeper:
-        zarvo_e2e.wait_for(lambda: "nanosleep" in pathlib.Path(f"/proc/{sleeper.pid}/wchan").read_text(), "asleep")
+        wait_for(lambda: "nanosleep" in pathlib.Path(f"/proc/{sleeper.pid}/wchan").read_text(), "asleep")
         found = measure.proc_numbers(sleeper.pid, "smaps_rollup")
         sleeper.kill()
     private = found["Private_Clean"] + found["Private_Dirty"]

@@ -4,7 +4,7 @@ ABOUT = "a round of the leak monitor over 1,000 processes with 20 descriptors ea
 TARGETS = ["bench_round", "bench_bare", "bench_crowd"]
 NEEDS_SANDBOX = True
 PROCESSES, DESCRIPTORS = 1000, 20
-ROUNDS_IN_ONE = 20      # so that starting a program does not count
+ROUNDS_IN_ONE = 20  # so the start of the program hardly counts
 STATUS = "/run/bench-status"
 
 
@@ -28,9 +28,9 @@ def compare(report):
     )  # fmt: skip
     report.ratio(
         f"{many} rounds", ("monitor", rounds), ("its bare system calls", bare), measure.cpu, bound=1.2,
-        note="the same command lines, folders, links and stat lines read, and nothing made of them",
+        note="reads the same command lines, folders, links and stat lines, and does nothing with them",
     )  # fmt: skip
     report.ratio(
         f"{many} rounds", ("monitor", rounds), ("opening and listing the folders alone", folders), measure.cpu,
-        note="no names, no kinds of descriptors, no parents",
+        note="without names, kinds of descriptors and parents",
     )  # fmt: skip

@@ -1,4 +1,4 @@
-// bench_round ROUNDS [STATUS]: that many rounds of the leak monitor, as a program of its own.
+// bench_round ROUNDS [STATUS]: runs rounds of the leak monitor.
 #include <stdlib.h>
 
 #include "monitor/monitor.h"

@@ -2,15 +2,12 @@ import pathlib
 import resource
 import socket
 import subprocess
-import sys
 import tempfile
 import threading
 import time
 
 import measure
-
-sys.path.append(str(measure.ROOT / "tests" / "e2e"))
-import zarvo_e2e  # noqa: E402
+from support.daemon import Daemon
 
 ABOUT = "a sample of every file over 500 processes, CPU time of the daemon, against cat of the same files"
 TARGETS = ["zarvo", "bench_crowd"]
@@ -23,7 +20,7 @@ SOURCES = "smaps,status,smapstot,filenr,meminfo,diskinfo,pagetypeinfo"
 
 def run(report):
     with measure.crowd(PROCESSES, DESCRIPTORS), tempfile.TemporaryDirectory() as folder:
-        daemon = zarvo_e2e.Daemon(pathlib.Path(folder, "daemon"))
+        daemon = Daemon(pathlib.Path(folder, "daemon"))
         try:
             compare(report, daemon)
         finally:
@@ -36,7 +33,7 @@ def compare(report, daemon):
     ours, theirs = [], []
     with daemon.ask(b"/x", f"cmd=rtrace&interval=1&trace={SOURCES}".encode()) as browser:
         sample = Samples(browser.near)
-        sample.next()       # it starts its thread and warms up
+        sample.next()  # the trace starts its thread and warms up
         for _ in range(ROUNDS):
             used, at = processor_s(daemon.pid), time.monotonic()
             size = sample.next()
@@ -47,11 +44,11 @@ def compare(report, daemon):
         f"{PROCESSES} processes", ("a sample", ours), ("cat of the same files into a socket", theirs), measure.cpu,
         bound=1.0, note=f"{ours[-1].output_bytes / 1e6:.2f} MB a sample, {theirs[-1].output_bytes / 1e6:.2f} MB from cat",
     )  # fmt: skip
-    report.figure("growth of the daemon by a trace", most_kb - idle_kb, "kB resident", bound=GROWTH_BOUND_KB)
+    report.figure("growth of the daemon during a trace", most_kb - idle_kb, "kB resident", bound=GROWTH_BOUND_KB)
 
 
 class Samples:
-    """Reads a stream sample by sample. One ends with what was sent till the trace pauses."""
+    """Reads a stream sample by sample. A sample ends when the trace pauses."""
 
     def __init__(self, connection):
         self.connection = connection
@@ -72,7 +69,7 @@ class Samples:
 
 
 def processor_s(pid):
-    """Seconds on a processor, of all threads that there are."""
+    """The CPU time of all threads of a process."""
     return sum(int(path.read_text().split()[0]) for path in pathlib.Path(f"/proc/{pid}/task").glob("*/schedstat")) / 1e9
 
 

@@ -40,8 +40,8 @@ def run(report):
                 file.writelines(sample(1700000000000 + 1000 * number, status, meminfo))
         size = path.stat().st_size
         if size < BYTES_AT_LEAST:
-            raise measure.Broken(f"a trace of only {size} bytes")
+            raise measure.Broken(f"the trace has only {size} bytes")
         ours, theirs = measure.turns([[measure.BIN / "rtraceview", "--json", path], ["wc", "-l", path]], 7)
     rate = size / 1e6 / sorted(turn.wall_s for turn in ours)[len(ours) // 2]
     report.ratio(f"{size / 1e6:.0f} MB", ("rtraceview --json", ours), ("wc -l", theirs), measure.wall, bound=RATIO_BOUND)
-    report.figure("rate", round(rate), "MB/s", note="200 MB/s or the ratio above is what is wanted")
+    report.figure("rate", round(rate), "MB/s", note="the goal is 200 MB/s, or the ratio above")

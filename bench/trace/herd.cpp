@@ -1,5 +1,5 @@
-// bench_trace_herd PROCESSES READS TRACER [ARGUMENT...]: starts processes that each read READS times one
-// byte, runs the tracer with "-p PID" for each of them, lets them begin when all are traced, and waits for
+// bench_trace_herd PROCESSES READS TRACER [ARGUMENT...]: starts processes that each read one byte READS
+// times, runs the tracer with "-p PID" for each of them, lets them begin when all are traced, and waits for
 // the tracer.
 #include <fcntl.h>
 #include <stdio.h>
@@ -16,7 +16,7 @@ namespace {
 [[noreturn]] void read_when_told(int start_fd, long count) {
     char byte;
     int fd = open("/dev/zero", O_RDONLY | O_CLOEXEC);
-    (void)!read(start_fd, &byte, 1);  // ends with the pipe's
+    (void)!read(start_fd, &byte, 1);  // returns when the pipe is closed
     while (count-- > 0) {
         if (read(fd, &byte, 1) != 1) {
             _exit(1);
@@ -83,7 +83,7 @@ int main(int argc, char** argv) {
             usleep(200);
         }
     }
-    usleep(20000);  // the tracer has taken hold of the last one; both tracers get the same time to resume it
+    usleep(20000);  // the last one is attached; both tracers get the same time to resume it
     close(ends[1]);
     int status = 0;
     for (pid_t pid : pids) {

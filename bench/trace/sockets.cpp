@@ -1,4 +1,4 @@
-// bench_trace_sockets COUNT ROUNDS: opens COUNT connected TCP sockets over loopback and writes one byte to
+// bench_trace_sockets COUNT ROUNDS: opens COUNT connected TCP sockets over loopback, and writes one byte to
 // each of them, ROUNDS times.
 #include <netinet/in.h>
 #include <stdlib.h>

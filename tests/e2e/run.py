@@ -1,8 +1,8 @@
 #!/usr/bin/python3 -B
 """Runs one file of end-to-end tests and writes a JUnit report.
 
-A file that says `NEEDS_SANDBOX = True` runs inside tools/sandbox, unless ZARVO_URL names a machine to test
-over HTTP. Exit status: 0 when all tests passed, 77 when none could run, else another.
+A file with the line `NEEDS_SANDBOX = True` runs inside tools/sandbox, unless ZARVO_URL names a machine to test over
+HTTP. Exit status: 0 if all tests passed, 77 if all were skipped, otherwise another one.
 """
 
 import argparse
@@ -33,23 +33,23 @@ def skip(reason):
 def parse():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("file", help="a test file of this folder")
-    parser.add_argument("--report", type=pathlib.Path, help="where the JUnit report goes")
-    parser.add_argument("-k", dest="only", help="only tests whose names match, as pytest takes it")
+    parser.add_argument("--report", type=pathlib.Path, help="file for the JUnit report")
+    parser.add_argument("-k", dest="only", help="run only the tests whose names match, as in pytest")
     return parser.parse_args()
 
 
 def sandbox_words(test_file):
-    """What goes before the command: the sandbox, when the file wants one."""
-    wants = re.search(r"^NEEDS_SANDBOX = True$", test_file.read_text(), re.MULTILINE)
-    if not wants or os.environ.get("ZARVO_URL"):
+    """The words before the command: the sandbox, if the file needs it."""
+    needs = re.search(r"^NEEDS_SANDBOX = True$", test_file.read_text(), re.MULTILINE)
+    if not needs or os.environ.get("ZARVO_URL"):
         return []
     if os.geteuid() != 0:
-        skip("needs root, because the sandbox mounts file systems of its own")
+        skip("needs root, to make the sandbox")
     return [str(SANDBOX)]
 
 
 def sanitizer_environment(folder):
-    """Each report becomes a file in `folder`, where conftest.py finds it, whichever process it comes from."""
+    """The reports of all processes are written to `folder`, where conftest.py finds them."""
     log = f"log_path={folder}/report"
     return {
         "ASAN_OPTIONS": f"{log}:exitcode=99:detect_leaks=1:quarantine_size_mb=4",
@@ -59,7 +59,7 @@ def sanitizer_environment(folder):
 
 
 def end_with_parent():
-    """A test that is killed for taking too long must not leave its sandbox behind."""
+    """A sandbox must end with a test that is killed because it takes too long."""
     ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
 
 
@@ -71,9 +71,9 @@ def run(test_file, report, only, folder):
                        ZARVO_SANITIZER_REPORTS=reports)
     if os.environ.get("ZARVO_SANITIZE"):
         environment |= sanitizer_environment(reports)
-    # Each test is named before it begins, so that the log of a run that was ended says where it stood.
-    words = ["-v", "-rs", f"--timeout={CASE_LIMIT}", "-p", "no:cacheprovider", f"--rootdir={HERE}", f"--basetemp={scratch}/pytest"]
-    words += ["-o", "junit_family=xunit1", f"--junitxml={report}", str(test_file)]
+    # -v: each test is named before it begins, so the log of a killed run shows how far it came.
+    words = ["-v", "-rs", f"--timeout={CASE_LIMIT}", "-p", "no:cacheprovider"]
+    words += [f"--rootdir={HERE}", f"--basetemp={scratch}/pytest", "-o", "junit_family=xunit1", f"--junitxml={report}", str(test_file)]
     words += ["-k", only] if only else []
     command = [*sandbox, "/usr/bin/python3", "-m", "pytest", *words]
     return subprocess.run(command, cwd=ROOT, env=environment, preexec_fn=end_with_parent).returncode
@@ -95,11 +95,11 @@ def main():
     if not test_file.exists():
         sys.exit(f"run.py: no such test file: {test_file}")
     signal.signal(signal.SIGTERM, lambda number, frame: sys.exit(128 + number))
-    # A shell starts background jobs with the interrupt ignored, and every program below would inherit that.
+    # A shell starts background jobs with SIGINT ignored, which all programs here would inherit.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     folder = tempfile.mkdtemp(prefix="zarvo-e2e-")
     try:
-        # Of what is written in the sandbox, only what lies in /tmp is sure to be seen outside.
+        # A file that is written in the sandbox is only sure to be visible outside if it is below /tmp.
         report = pathlib.Path(folder, "report.xml")
         status = run(test_file, report, options.only, folder)
         if status == 0 and all_skipped(report):

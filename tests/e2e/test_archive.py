@@ -1,4 +1,4 @@
-"""The debug archive, read by tools that others wrote and compared with what the machine says itself."""
+"""The debug archive, read by other programs and compared with what the machine reports itself."""
 
 import gzip
 import io
@@ -13,10 +13,12 @@ import zlib
 
 import pytest
 
-from zarvo_e2e import (
-    COMPRESSED_HEAD, KCORE_LIMIT, PLAIN_HEAD, READ_BOUND, SNAPSHOT_DIRS, STAMPED, TOP, Daemon,
-    archive_number, assert_compressed_whole, assert_whole, body_of, require_sandbox, split_tar,
+from support.answers import COMPRESSED_HEAD, PLAIN_HEAD, body_of
+from support.archives import (
+    KCORE_LIMIT, READ_LIMIT, SNAPSHOT_DIRS, TIMESTAMPED, TOP, archive_number, assert_compressed_whole,
+    assert_whole, split_tar,
 )  # fmt: skip
+from support.daemon import Daemon
 
 NEEDS_SANDBOX = True
 
@@ -26,7 +28,7 @@ NOT_READ = {"kcore", "vmcore", "kmem", "kmsg"}
 
 
 def readable_files(folder):
-    """Names of the files of a folder from which a reader gets something now."""
+    """The names of the files of a folder that can be read now and are not empty."""
     names = set()
     for entry in os.scandir(folder):
         try:
@@ -43,7 +45,8 @@ def readable_files(folder):
     return names
 
 
-def proc_as_it_is():
+def readable_proc():
+    """{folder: names of the readable files} for all folders of the snapshot."""
     found = {"/proc/": readable_files("/proc") - NOT_READ}
     for folder in SNAPSHOT_DIRS:
         if os.path.isdir("/" + folder):
@@ -52,14 +55,13 @@ def proc_as_it_is():
 
 
 @pytest.fixture(scope="module")
-def taken(tmp_path_factory):
-    """Two archives of one daemon, the first plain, the second compressed, and what was seen round them."""
-    require_sandbox()
+def taken(sandbox, tmp_path_factory):
+    """A plain and then a compressed archive of one daemon, and the state of the machine before and after."""
     MONITOR.write_bytes(MONITOR_TEXT)
     daemon = Daemon(tmp_path_factory.mktemp("daemon"))
-    seen = types.SimpleNamespace(before=time.time(), proc_before=proc_as_it_is())
+    seen = types.SimpleNamespace(before=time.time(), proc_before=readable_proc())
     seen.plain_answer = daemon.answer(b"/cgi-bin/debug.tar")
-    seen.proc_after = proc_as_it_is()
+    seen.proc_after = readable_proc()
     seen.compressed_answer = daemon.answer(b"/cgi-bin/debug.tgz")
     seen.after = time.time()
     seen.monitor = {MONITOR_TEXT, MONITOR.read_bytes()}
@@ -92,26 +94,26 @@ def test_plain_head_is_exact(taken):
     assert taken.plain_answer.startswith(PLAIN_HEAD + b"debug-")
 
 
-def test_compressed_head_is_exact_and_says_tar(taken):
+def test_compressed_head_is_exact_with_the_type_of_a_tar_file(taken):
     assert taken.compressed_answer.startswith(COMPRESSED_HEAD + b"\x1f\x8b")
     assert b"Content-Type: application/x-tar\r\n" in COMPRESSED_HEAD
 
 
-def test_plain_archive_is_whole_in_the_fixed_order(plain):
+def test_plain_archive_is_complete_and_in_the_fixed_order(plain):
     assert_whole(plain)
 
 
-def test_compressed_archive_is_whole_in_the_fixed_order(compressed):
+def test_compressed_archive_is_complete_and_in_the_fixed_order(compressed):
     assert_compressed_whole(compressed)
 
 
-def test_nothing_that_the_device_has_is_missing(members):
+def test_every_member_of_the_device_is_stored(members):
     names = [member.name for member in members]
     once = ["dbg-monitor.txt", "media.conf", "strace.log", "netdump.cap", "serverreport.txt", "oopslog"]
     assert [name for name in names if name in once] == once
 
 
-def test_gzip_trailer_holds_checksum_and_length(compressed):
+def test_gzip_trailer_has_checksum_and_length(compressed):
     inflate = zlib.decompressobj(wbits=-15)
     content = inflate.decompress(compressed[10:]) + inflate.flush()
     assert inflate.eof
@@ -125,32 +127,32 @@ def test_archive_counter_starts_at_0_and_counts_both_kinds(plain, compressed):
 
 
 def test_top_directory_names_the_local_time_of_the_start(taken, members):
-    stamp = TOP.match(members[0].path)[1]
+    timestamp = TOP.match(members[0].path)[1]
     first, last = (time.strftime("%Y%m%d-%H%M%S", time.localtime(t)) for t in (taken.before, taken.after))
-    assert first <= stamp <= last
+    assert first <= timestamp <= last
 
 
-def test_member_times_are_those_of_their_headers_writing(taken, members):
+def test_member_times_are_when_their_headers_are_written(taken, members):
     times = [member.mtime for member in members]
     assert times == sorted(times)
     assert int(taken.before) <= times[0] and times[-1] <= taken.after
 
 
-def test_stream_ends_at_a_block_without_end_marker(plain, members):
+def test_stream_ends_after_a_block_without_an_end_marker(plain, members):
     assert len(plain) % 512 == 0
     last = members[-1]
     assert plain.endswith(last.header + last.data + bytes(-len(last.data) % 512))
 
 
 @pytest.mark.parametrize("tool", ["tar", "bsdtar"])
-def test_other_tars_list_the_same_members(tool, plain, members):
+def test_other_tar_programs_list_the_same_members(tool, plain, members):
     done = subprocess.run([tool, "-tf", "-"], input=plain, capture_output=True, check=True)
     assert done.stdout.decode().splitlines() == [member.path for member in members]
     assert done.stderr == b""
 
 
 @pytest.mark.parametrize("tool", ["tar", "bsdtar"])
-def test_other_tars_extract_the_same_bytes_from_the_compressed_one(tool, compressed):
+def test_other_tar_programs_extract_the_same_bytes(tool, compressed):
     done = subprocess.run([tool, "-xzOf", "-"], input=compressed, capture_output=True, check=True)
     assert done.stdout == b"".join(member.data for member in split_tar(gzip.decompress(compressed)))
     assert done.stderr == b""
@@ -172,7 +174,7 @@ def test_status_of_the_monitor_is_stored(taken, members):
     assert one(members, "dbg-monitor.txt") in taken.monitor
 
 
-def test_media_configuration_is_stored_as_it_is(members):
+def test_media_configuration_is_stored_unchanged(members):
     assert one(members, "media.conf") == pathlib.Path("/etc/ws/onvif/media/media.conf").read_bytes()
 
 
@@ -184,13 +186,13 @@ def test_server_report_is_the_output_of_its_program(members):
     assert report.splitlines()[:4] == again.splitlines()[:4]
 
 
-def test_oops_log_has_the_output_and_the_errors_of_its_program(members):
+def test_oops_log_has_standard_output_and_error_of_its_program(members):
     words = ["/usr/sbin/oopslog", "-r", "/dev/part/oops"]
     again = subprocess.run(words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env={})
     assert one(members, "oopslog") == again.stdout != b""
 
 
-def test_kernel_core_is_stored_only_when_it_is_small(members):
+def test_kernel_core_is_stored_only_if_it_is_small(members):
     try:
         size = os.stat("/proc/kcore").st_size
     except FileNotFoundError:
@@ -200,18 +202,18 @@ def test_kernel_core_is_stored_only_when_it_is_small(members):
 
 
 def stored_in(members, folder):
-    """For each of the two snapshots the names stored from `folder`."""
+    """Yields the names that were stored from `folder`, for each of the two snapshots."""
     middle = [member.name for member in members].index("strace.log")
     for half in (members[:middle], members[middle:]):
         prefix = folder.lstrip("/")
         names = {member.name for member in half}
         if folder == "/proc/":
-            yield {name.partition("/")[2] for name in names if STAMPED.fullmatch(name)}
+            yield {name.partition("/")[2] for name in names if TIMESTAMPED.fullmatch(name)}
         else:
             yield {name[len(prefix) :] for name in names if name.rpartition("/")[0] + "/" == prefix}
 
 
-def test_snapshots_hold_what_a_reader_gets_from_the_same_folders(taken, members):
+def test_snapshots_have_exactly_the_readable_files(taken, members):
     for folder, before in taken.proc_before.items():
         after = taken.proc_after[folder]
         for stored in stored_in(members, folder):
@@ -219,7 +221,7 @@ def test_snapshots_hold_what_a_reader_gets_from_the_same_folders(taken, members)
             assert stored <= before | after, folder
 
 
-def test_snapshots_hold_the_files_contents(members):
+def test_snapshots_have_the_contents_of_the_files(members):
     def stored(pattern):
         return [member.data for member in members if re.fullmatch(pattern, member.name)]
 
@@ -228,15 +230,15 @@ def test_snapshots_hold_the_files_contents(members):
     assert stored("proc/sys/kernel/ostype") == [b"Linux\n"] * 2
 
 
-def test_memory_images_and_the_kernels_log_are_not_read(members):
+def test_memory_images_and_the_kernel_log_are_not_read(members):
     assert [member.name for member in members if os.path.basename(member.name) in NOT_READ - {"kcore"}] == []
 
 
-def test_long_files_are_cut_at_the_bound(members):
-    if len(pathlib.Path("/proc/kallsyms").read_bytes()) <= READ_BOUND:
-        pytest.skip("this kernel's /proc/kallsyms is short")
+def test_long_files_are_truncated_at_the_limit(members):
+    if len(pathlib.Path("/proc/kallsyms").read_bytes()) <= READ_LIMIT:
+        pytest.skip(f"needs a /proc/kallsyms of more than {READ_LIMIT} bytes")
     stored = [member for member in members if re.fullmatch(r"proc\.[^/]*/kallsyms", member.name)]
-    assert [len(member.data) for member in stored] == [READ_BOUND] * 2
+    assert [len(member.data) for member in stored] == [READ_LIMIT] * 2
 
 
 def test_watchdogs_are_off_while_an_archive_is_made(taken):

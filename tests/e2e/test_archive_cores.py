@@ -1,28 +1,27 @@
-"""The archive with the dumper that development machines have: every process, whole, as gdb sees it."""
+"""The archive with dcore as its dumper: gdb must be able to read the core of every process."""
 
 import subprocess
 
 import pytest
 
-from zarvo_e2e import BIN, PATIENCE, PLAIN_HEAD, assert_whole, body_of, split_tar
+from support.answers import PLAIN_HEAD, body_of
+from support.archives import assert_whole, split_tar
+from support.under_test import BIN
+from support.waiting import PATIENCE
 
 NEEDS_SANDBOX = True
 
 
 @pytest.fixture
-def members(start):
+def members(start, service):
+    """The members of an archive, and the pids of three processes that it dumped."""
     daemon = start("-p", str(BIN / "dcore"))
-    sleepers = [subprocess.Popen(["sleep", "1000"]) for _ in range(3)]
-    try:
-        browser = daemon.ask(b"/x/debug.tar")
-        browser.near.settimeout(4 * PATIENCE)
-        stream = body_of(browser.read_all(), PLAIN_HEAD)
-    finally:
-        for sleeper in sleepers:
-            sleeper.kill()
-            sleeper.wait()
+    pids = [service("sleep", "1000").pid for _ in range(3)]
+    browser = daemon.ask(b"/x/debug.tar")
+    browser.near.settimeout(4 * PATIENCE)
+    stream = body_of(browser.read_all(), PLAIN_HEAD)
     assert_whole(stream)
-    return {member.name: member.data for member in split_tar(stream)}, [sleeper.pid for sleeper in sleepers]
+    return {member.name: member.data for member in split_tar(stream)}, pids
 
 
 def test_each_process_has_its_core_and_descriptors(members, tmp_path):

@@ -1,21 +1,20 @@
-"""Archives as a browser gets them. Speaks only HTTP, so that it can test another machine as well."""
+"""Archives as a browser gets them. Uses only HTTP, and so can test another machine, too."""
 
 import pytest
 
-from zarvo_e2e import (
-    BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, PLAIN_HEAD, PS_HEAD, archive_number,
-    assert_compressed_whole, assert_whole, body_of, http_get, http_open, when_free,
-)  # fmt: skip
+from support.answers import BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, PLAIN_HEAD, PS_HEAD, body_of
+from support.archives import archive_number, assert_compressed_whole, assert_whole
+from support.connections import SMALL_BUFFER, receive_all
+from support.daemon import when_free
+from support.web import http_get, http_open
 
 NEEDS_SANDBOX = True
 
-SMALL_ROOM = 4096
-
 
 def stalled_archive(base_url, target):
-    """A browser that has read the head of an archive and stops there."""
+    """A browser that has read only the head of an archive."""
     head = PLAIN_HEAD if target.endswith(".tar") else COMPRESSED_HEAD
-    client = http_open(base_url, target, room=SMALL_ROOM)
+    client = http_open(base_url, target, buffer_size=SMALL_BUFFER)
     got = b""
     while len(got) < len(head):
         got += client.recv(len(head) - len(got))
@@ -23,16 +22,16 @@ def stalled_archive(base_url, target):
     return client
 
 
-def test_compressed_archive_is_whole(base_url):
+def test_compressed_archive_is_complete(base_url):
     assert_compressed_whole(body_of(http_get(base_url, "/debug.tgz"), COMPRESSED_HEAD))
 
 
-def test_plain_archive_is_whole(base_url):
+def test_plain_archive_is_complete(base_url):
     assert_whole(body_of(http_get(base_url, "/debug.tar"), PLAIN_HEAD))
 
 
 @pytest.mark.parametrize("target", ["/cgi-bin/coredumps.tgz", "/debug.tgz.old"])
-def test_names_that_begin_with_those_of_compressed_archives_give_debug_tgz(base_url, target):
+def test_names_that_begin_like_a_compressed_archive_give_debug_tgz(base_url, target):
     assert_compressed_whole(body_of(http_get(base_url, target), COMPRESSED_HEAD))
 
 
@@ -42,16 +41,16 @@ def test_any_other_name_gives_debug_tar(base_url, target):
 
 
 def test_counter_goes_up_by_one_with_each_archive(base_url):
-    first = split_number(base_url)
-    assert split_number(base_url) == first + 1
+    first = number_of_next(base_url)
+    assert number_of_next(base_url) == first + 1
 
 
-def split_number(base_url):
+def number_of_next(base_url):
     return archive_number(assert_whole(body_of(http_get(base_url, "/x/count"), PLAIN_HEAD)))
 
 
 @pytest.mark.parametrize("target", ["/debug.tgz", "/debug.tar"])
-def test_second_archive_gets_the_busy_page_while_one_runs(base_url, target):
+def test_second_archive_is_refused_with_the_busy_page(base_url, target):
     with stalled_archive(base_url, target):
         assert http_get(base_url, "/debug.tgz") == BUSY_PAGE
         assert http_get(base_url, "/debug.tar") == BUSY_PAGE
@@ -59,16 +58,13 @@ def test_second_archive_gets_the_busy_page_while_one_runs(base_url, target):
     assert_whole(body_of(when_free(lambda: http_get(base_url, "/debug.tar")), PLAIN_HEAD))
 
 
-def test_archive_that_waited_for_its_browser_is_whole(base_url):
+def test_archive_that_waited_for_its_browser_is_complete(base_url):
     with stalled_archive(base_url, "/debug.tgz") as client:
         assert http_get(base_url, "/debug.tgz") == BUSY_PAGE
-        pieces = []
-        while piece := client.recv(1 << 16):
-            pieces.append(piece)
-    assert_compressed_whole(b"".join(pieces))
+        assert_compressed_whole(receive_all(client))
 
 
-def test_end_of_a_download_means_that_the_next_may_begin(base_url):
+def test_next_archive_may_begin_at_the_end_of_a_download(base_url):
     for _ in range(3):
         answer = http_get(base_url, "/debug.tgz")
         assert answer.startswith(COMPRESSED_HEAD)
@@ -84,5 +80,5 @@ def test_process_list_has_its_head_and_a_table(base_url):
     ["/x?cmd=unknown", "/x?cmd=", "/x?cmd", "/x?cmd=%zz", "/x?cmd=p%00s", "/x?cmd=strace&pid=2147483647",
      "/x?cmd=coredump&pid=2147483647", "/x?cmd=coredump&pid=no%20such%20name"],
 )  # fmt: skip
-def test_requests_that_make_no_sense_get_400(base_url, target):
+def test_invalid_requests_get_400(base_url, target):
     assert http_get(base_url, target) == BAD_REQUEST

@@ -1,4 +1,4 @@
-"""What comes over the control socket and makes no sense, and queries that nobody should send."""
+"""Malformed messages on the control socket, and malformed queries."""
 
 import contextlib
 import os
@@ -8,26 +8,17 @@ import time
 
 import pytest
 
-from zarvo_e2e import (
-    BAD_REQUEST, PLAIN_HEAD, PS_HEAD, SERVER_ERROR, Browser, assert_whole, body_of, send_message,
-)  # fmt: skip
+from support.answers import BAD_REQUEST, PLAIN_HEAD, PS_HEAD, SERVER_ERROR, body_of
+from support.archives import assert_whole
+from support.connections import Browser, send_message
 
 NEEDS_SANDBOX = True
 
-SILENCE = 2     # seconds that a peer may hold the listener
-LIMIT = 4095    # bytes of a message that are looked at
+SILENCE = 2   # seconds that a peer may block the listener
+LIMIT = 4095  # bytes of a message that are read
 
 
-@pytest.fixture
-def rest(daemon):
-    """The daemon's state before, to which it must come back."""
-    before = daemon.rest()
-    yield before
-    daemon.sync()
-    daemon.wait_for_rest(before)
-
-
-pytestmark = pytest.mark.usefixtures("rest")
+pytestmark = pytest.mark.usefixtures("idle")
 
 
 def send(daemon, message, descriptors, **how):
@@ -37,12 +28,12 @@ def send(daemon, message, descriptors, **how):
 # Messages.
 
 
-def test_message_without_a_descriptor_is_passed_over(daemon):
+def test_message_without_a_descriptor_is_ignored(daemon):
     send(daemon, b"/x\0cmd=ps", [])
 
 
 @pytest.mark.parametrize("count", [2, 3, 200])
-def test_message_with_several_descriptors_is_passed_over_and_all_are_closed(daemon, count):
+def test_message_with_several_descriptors_is_ignored_and_all_are_closed(daemon, count):
     browsers = [Browser() for _ in range(count)]
     send(daemon, b"/x\0cmd=ps", [browser.far.fileno() for browser in browsers])
     for browser in browsers:
@@ -50,7 +41,7 @@ def test_message_with_several_descriptors_is_passed_over_and_all_are_closed(daem
         assert browser.read_all() == b""
 
 
-def test_descriptor_that_comes_late_is_closed(daemon):
+def test_descriptor_after_the_first_byte_is_closed(daemon):
     with Browser() as browser, socket.socket(socket.AF_UNIX) as connection:
         connection.connect(daemon.cgi_socket)
         connection.send(b"/x\0")
@@ -81,12 +72,12 @@ def test_path_without_a_slash_gets_500(daemon):
     assert daemon.answer(b"") == SERVER_ERROR
 
 
-def test_empty_message_is_passed_over(daemon):
+def test_empty_message_is_ignored(daemon):
     send(daemon, b"", [])
 
 
 @pytest.mark.parametrize("length", [LIMIT - 1, LIMIT, LIMIT + 1, LIMIT + 5, 2 * LIMIT, 100_000])
-def test_long_query_is_looked_at_up_to_the_limit(daemon, length):
+def test_long_query_is_read_up_to_the_limit(daemon, length):
     message = b"/x\0cmd=none&a="
     assert daemon.ask_raw(message + b"a" * (length - len(message))).read_all() == BAD_REQUEST
 
@@ -96,18 +87,18 @@ def test_zero_byte_counts_only_within_the_limit(daemon, zero_at):
     assert daemon.ask_raw(b"/" * zero_at + b"\0cmd=none").read_all() == SERVER_ERROR
 
 
-def test_zero_byte_as_the_last_within_the_limit_ends_a_path(daemon):
+def test_zero_byte_may_be_the_last_byte_within_the_limit(daemon):
     archive = daemon.ask_raw(b"/" * (LIMIT - 1) + b"\0cmd=none")
     assert_whole(body_of(archive.read_all(), PLAIN_HEAD))
 
 
-def test_query_is_cut_where_the_limit_cuts_it(daemon):
+def test_query_is_truncated_at_the_limit(daemon):
     path = b"/" + b"p" * (LIMIT - len(b"/\0cmd=ps"))
     assert body_of(daemon.ask_raw(path + b"\0cmd=ps" + b"IGNORED").read_all(), PS_HEAD) != b""
     assert daemon.ask_raw(path + b"p\0cmd=ps").read_all() == BAD_REQUEST
 
 
-def test_silent_peer_costs_two_seconds_at_most(daemon):
+def test_silent_peer_blocks_the_listener_for_two_seconds_at_most(daemon):
     with socket.socket(socket.AF_UNIX) as silent:
         silent.connect(daemon.cgi_socket)
         begin = time.monotonic()
@@ -115,7 +106,7 @@ def test_silent_peer_costs_two_seconds_at_most(daemon):
         assert time.monotonic() - begin < SILENCE + 1
 
 
-def test_peer_that_trickles_costs_two_seconds_at_most(daemon):
+def test_slow_peer_blocks_the_listener_for_two_seconds_at_most(daemon):
     with Browser() as browser:
         connection = send_message(daemon.cgi_socket, b"/", [browser.far.fileno()], end=False)
         browser.far.close()
@@ -133,7 +124,7 @@ def test_peer_that_trickles_costs_two_seconds_at_most(daemon):
         assert browser.read_all() == b""
 
 
-def test_peer_that_dies_half_way_costs_nothing(daemon):
+def test_peer_that_dies_halfway_does_not_block_the_listener(daemon):
     begin = time.monotonic()
     with Browser() as browser:
         send(daemon, b"/x/deb", [browser.far.fileno()], end=False)
@@ -144,7 +135,7 @@ def test_peer_that_dies_half_way_costs_nothing(daemon):
     assert time.monotonic() - begin < SILENCE
 
 
-def test_many_bad_messages_leave_nothing_behind(daemon):
+def test_many_bad_messages_leave_no_descriptor_open(daemon):
     for number in range(100):
         pair = [Browser(), Browser()]
         fds = [browser.far.fileno() for browser in pair]
@@ -164,13 +155,13 @@ def test_random_messages_are_answered_or_closed(daemon):
         return rng.choice(words) if rng.random() < 0.8 else rng.randbytes(3).replace(b"/", b"")
 
     for _ in range(300):
-        message = b"no-slash" + b"".join(piece() for _ in range(rng.randint(1, 12)))  # never an archive
-        answer = b"" if waits(message) else daemon.ask_raw(message).read_all()
+        message = b"no-slash" + b"".join(piece() for _ in range(rng.randint(1, 12)))  # without a slash, so never an archive
+        answer = b"" if may_wait(message) else daemon.ask_raw(message).read_all()
         assert answer == b"" or answer.startswith(b"HTTP/1.0 ")
 
 
-def waits(message):
-    """Whether the request may be kept as the waiting browser's."""
+def may_wait(message):
+    """True if the daemon may keep the browser for the next dump."""
     return b"\0" in message and b"coredump" in message
 
 
@@ -188,7 +179,7 @@ def waits(message):
         b"cmd=%00", b"cmd=%00ps", b"cmd=p%00s", b"cmd=\0ps",
     ],
 )  # fmt: skip
-def test_unknown_commands_get_400_however_they_are_spelt(daemon, query):
+def test_unknown_command_gets_400_in_any_spelling(daemon, query):
     if b"cmd=" not in query and not query.startswith(b"cmd"):
         query += b"&cmd=none"
     answer = daemon.answer(b"/x", query)
@@ -204,7 +195,7 @@ def test_unknown_commands_get_400_however_they_are_spelt(daemon, query):
         b"pid=%00&cmd=ps",
     ],
 )  # fmt: skip
-def test_process_list_is_found_however_it_is_spelt(daemon, query):
+def test_process_list_is_recognised_in_any_spelling(daemon, query):
     assert body_of(daemon.answer(b"/x", query), PS_HEAD) != b""
 
 
@@ -214,7 +205,7 @@ def test_process_list_is_found_however_it_is_spelt(daemon, query):
      b"no-such-name", b"%20", b"%00", b"%ff", b"n" * 4000, b"%2e%2e%2f"],
 )  # fmt: skip
 @pytest.mark.parametrize("cmd", [b"coredump", b"strace"])
-def test_processes_that_do_not_exist_get_400(daemon, cmd, pid):
+def test_missing_process_gets_400(daemon, cmd, pid):
     assert daemon.answer(b"/x", b"cmd=" + cmd + b"&pid=" + pid) == BAD_REQUEST
 
 

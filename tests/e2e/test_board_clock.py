@@ -1,37 +1,18 @@
-"""The archive of a board whose clock has passed 2038, where 31 bits end, and 2106, where 32 bits do."""
+"""The archive of a board whose clock is beyond 2038, the end of 31 bits of seconds, and beyond 2106, the end of 32."""
 
 import gzip
-import pathlib
 import subprocess
-import sys
 import time
 import types
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "board"))
+from support.answers import COMPRESSED_HEAD, PLAIN_HEAD, body_of
+from support.archives import TIMESTAMPED, TOP, archive_number, assert_compressed_whole, assert_whole
+from support.web import http_get
 
-import board as emulated  # noqa: E402
-from board_daemon import put_device_files, start_daemon, start_front  # noqa: E402
-from zarvo_e2e import (  # noqa: E402
-    COMPRESSED_HEAD, PLAIN_HEAD, STAMPED, TOP, archive_number, assert_compressed_whole, assert_whole, body_of,
-    http_get,
-)  # fmt: skip
-
-BUILD = ROOT / "build/mipsel"
 END_OF_31_BITS = 2**31 - 1  # 2038-01-19 03:14:07
 TIMES = {"2038": END_OF_31_BITS - 1, "2040": 2208988800, "2106": 2**32 + 1, "2200": 7258118400}
-
-
-@pytest.fixture(scope="module")
-def served():
-    if reason := emulated.missing(BUILD):
-        pytest.skip(reason)
-    with emulated.Board(BUILD, http=True) as board:
-        put_device_files(board)
-        start_daemon(board)
-        yield types.SimpleNamespace(board=board, url=start_front(board))
 
 
 @pytest.fixture(scope="module", params=TIMES.values(), ids=TIMES.keys())
@@ -50,22 +31,22 @@ def members(taken):
     return assert_whole(taken.archive)
 
 
-def stamp(seconds):
-    """As names have it; the board's local time is UTC."""
+def timestamp(seconds):
+    """As in names. The board's local time is UTC."""
     return time.strftime("%Y%m%d-%H%M%S", time.gmtime(seconds))
 
 
 def test_top_directory_names_the_time(taken, members):
-    assert stamp(taken.before) <= TOP.match(members[0].path)[1] <= stamp(taken.after)
+    assert timestamp(taken.before) <= TOP.match(members[0].path)[1] <= timestamp(taken.after)
 
 
 def test_snapshots_name_the_time(taken, members):
-    stamps = {found[1] for member in members if (found := STAMPED.fullmatch(member.name))}
-    assert 1 <= len(stamps) <= 2
-    assert stamp(taken.before) <= min(stamps) <= max(stamps) <= stamp(taken.after)
+    timestamps = {found[1] for member in members if (found := TIMESTAMPED.fullmatch(member.name))}
+    assert 1 <= len(timestamps) <= 2
+    assert timestamp(taken.before) <= min(timestamps) <= max(timestamps) <= timestamp(taken.after)
 
 
-def test_headers_hold_the_time(taken, members):
+def test_headers_have_the_time(taken, members):
     times = [member.mtime for member in members]
     assert times == sorted(times)
     assert taken.before <= times[0] and times[-1] <= taken.after
@@ -81,7 +62,7 @@ def test_gnu_tar_reads_the_times(taken, members):
     assert read == [[*time.strftime(form, time.gmtime(m.mtime)).split(), m.path] for m in members]
 
 
-def test_compressed_archive_is_whole_then_as_well(taken, members, served):
+def test_compressed_archive_is_complete_as_well(taken, members, served):
     body = body_of(http_get(served.url, "/debug.tgz"), COMPRESSED_HEAD)
     later = assert_compressed_whole(body)
     assert archive_number(later) == archive_number(members) + 1

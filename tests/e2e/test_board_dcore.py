@@ -1,29 +1,23 @@
-"""The dumper on the emulated board: O32 cores that the debugger of another machine can use."""
+"""The dumper on the emulated board: O32 cores, which a debugger on another machine reads."""
 
-import pathlib
 import re
 import shutil
 import struct
 import subprocess
-import sys
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "board"))
-
-import board as emulated  # noqa: E402
-from core_file import (  # noqa: E402
-    FLAGS, FPREGSET, KNOWN_DOUBLE, KNOWN_GLOBAL, SOURCE, Core, announced, gdb_words,
-)  # fmt: skip
+import board as emulated
+from support.core_file import FLAGS, FPREGSET, KNOWN_DOUBLE, KNOWN_GLOBAL, SOURCE, Core, announced, gdb_words
+from support.under_test import ROOT
 
 BUILD = ROOT / "build" / "mipsel"
 COMPILER, DEBUGGER = "mipsel-linux-gnu-g++", "gdb-multiarch"
 EM_MIPS = 8
 PAGE = 4096
-SIGUSR2 = 17    # on this processor
+SIGUSR2 = 17  # on MIPS
 
-# Starts the target with its input held open by descriptor 9, and waits for what it says first.
+# Starts the target, whose input descriptor 9 holds open, and waits for its first line.
 START = """
     rm -f /tmp/in /tmp/said; mkfifo /tmp/in
     /tmp/dumped %s < /tmp/in > /tmp/said & target=$!
@@ -52,7 +46,7 @@ def machine(program):
 
 
 def dump(machine, *words, after=END):
-    """(core, what the target said first, last line of all it said)."""
+    """(core, first line of the target's output, last line)."""
     script = START % " ".join(map(str, words))
     script += "dcore -c /tmp/core $target 2> /tmp/control || exit 9\n" + after
     last = machine.check(script, timeout=60).decode().splitlines()[-1]
@@ -64,7 +58,7 @@ def dump(machine, *words, after=END):
 
 @pytest.fixture(scope="module")
 def debugged(machine, program, tmp_path_factory):
-    """What the debugger says about a process of three threads."""
+    """What the debugger prints about a process with three threads."""
     if not shutil.which(DEBUGGER):
         pytest.skip(f"needs {DEBUGGER}")
     path = tmp_path_factory.mktemp("core") / "core"
@@ -75,23 +69,23 @@ def debugged(machine, program, tmp_path_factory):
     return {"path": path, "said": ran.stdout}
 
 
-def test_stacks_are_right(debugged):
+def test_debugger_shows_every_stack(debugged):
     said = debugged["said"]
     assert len(re.findall(r"^Thread \d+ \(", said, re.MULTILINE)) == 3, said
     assert len(re.findall(r" parked_inner \(.*\n#\d+ .* parked_outer \(", said)) == 2, said
     assert len(re.findall(r" main_waits \(", said)) == 1 and re.search(r"^#\d+ .* main \(", said, re.MULTILINE)
 
 
-def test_variables_are_right(debugged):
+def test_debugger_shows_variables(debugged):
     assert f"$1 = {KNOWN_GLOBAL:#x}\n" in debugged["said"] and f"$2 = {KNOWN_DOUBLE}\n" in debugged["said"]
 
 
-def test_mapped_files_are_listed(debugged):
+def test_debugger_lists_mapped_files(debugged):
     assert re.search(r"0x400000 .* 0x0 +/tmp/dumped\n", debugged["said"]), debugged["said"]
 
 
 @pytest.mark.parametrize("tool", ["readelf", "eu-readelf"])
-def test_listing_the_file_raises_no_complaint(debugged, tool):
+def test_readelf_lists_the_file_without_a_complaint(debugged, tool):
     if not shutil.which(tool):
         pytest.skip(f"needs {tool}")
     ran = subprocess.run([tool, "-a", debugged["path"]], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
@@ -100,18 +94,18 @@ def test_listing_the_file_raises_no_complaint(debugged, tool):
     assert len(re.findall(r"^ +CORE .*PRSTATUS", ran.stdout, re.MULTILINE)) == 3
 
 
-def test_file_is_of_the_processor(machine):
+def test_core_is_a_32_bit_mips_file(machine):
     core = Core(dump(machine, "threads", 0)[0])
     assert (core.machine, core.wide) == (EM_MIPS, False)
 
 
-def test_memory_is_the_process_s(machine):
+def test_memory_is_that_of_the_process(machine):
     content, said, _ = dump(machine, "full", 3)
     want = bytes((i // PAGE + i) & 0xFF for i in range(3 << 20))
     assert Core(content).at(int(said, 16), 3 << 20) == want
 
 
-def test_reserved_memory_costs_nothing(machine):
+def test_untouched_memory_takes_no_space(machine):
     content, said, _ = dump(machine, "sparse", 1000)
     core, base, step = Core(content), int(said, 16), (1000 << 20) // 1280 // PAGE * PAGE
     assert 5 << 20 <= len(content) < 7 << 20
@@ -120,7 +114,7 @@ def test_reserved_memory_costs_nothing(machine):
         assert core.at(base + i * step + PAGE, 1) is None and core.covers(base + i * step + PAGE)
 
 
-def test_kinds_of_memory(machine, program):
+def test_each_kind_of_memory_is_dumped_as_it_should_be(machine, program):
     content, said, _ = dump(machine, "kinds")
     core = Core(content)
     secret, closed, shared, cut, written, _ = (int(word, 16) for word in said.split())
@@ -133,12 +127,12 @@ def test_kinds_of_memory(machine, program):
 
 @pytest.mark.parametrize("kind", ["epoll", "poll", "read", "sleep", "signal", "receive", "semaphore",
                                   "send_many", "send_file", "splice"])  # fmt: skip
-def test_call_that_waits_goes_on_waiting(machine, kind):
+def test_blocking_call_is_not_interrupted(machine, kind):
     again = "dcore $target > /tmp/core2 2> /tmp/control2\necho x >&9\n"
     assert dump(machine, kind, after=again + END)[2] == "1 0"
 
 
-def test_registers_of_floating_point_numbers(machine):
+def test_core_has_the_floating_point_registers(machine):
     content, said, _ = dump(machine, "registers")
     assert said == "fpu"
     [floats] = Core(content).notes_of(FPREGSET)
@@ -146,7 +140,7 @@ def test_registers_of_floating_point_numbers(machine):
         assert struct.unpack_from("<d", floats, i * 8) == (i + 0.5,)
 
 
-def test_program_that_starts_programs_all_the_time_is_dumped_and_goes_on(machine):
+def test_program_that_keeps_calling_exec_is_dumped_and_continues(machine):
     script = START.replace('grep -q "^State:.S" /proc/$target/status', "true") % "execs 4" + """
         for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do
             dcore -c /tmp/core $target 2> /tmp/control && echo whole || cat /tmp/control
@@ -158,7 +152,7 @@ def test_program_that_starts_programs_all_the_time_is_dumped_and_goes_on(machine
     assert lines[-1].split() == ["TracerPid:", "0"] and lines[:-1].count("whole") >= 19, lines
 
 
-def test_signal_that_waits_is_shown_and_stays(machine, tmp_path):
+def test_pending_signal_is_in_the_core_and_stays_pending(machine, tmp_path):
     content, _, last = dump(machine, "pending")
     assert last == "still there"
     if shutil.which("eu-readelf"):
@@ -167,7 +161,7 @@ def test_signal_that_waits_is_shown_and_stays(machine, tmp_path):
         assert f"si_signo: {SIGUSR2}" in notes
 
 
-def test_dumper_that_is_killed_lets_go(machine):
+def test_killed_dumper_releases_the_process(machine):
     script = START % "full 8" + """
         mkfifo /tmp/slow; dcore $target > /tmp/slow 2> /tmp/control & dumper=$!
         exec 8< /tmp/slow
@@ -178,7 +172,7 @@ def test_dumper_that_is_killed_lets_go(machine):
     assert machine.check(script, timeout=60).decode().split()[:2] == ["TracerPid:", "0"]
 
 
-def test_thread_of_the_kernel_is_refused(machine):
+def test_kernel_thread_is_refused(machine):
     done = machine.run("dcore 2")
     length, text = announced(done.err)
     assert (done.status, done.out, length, text) == (1, b"", 0, "dcore: 2: is a thread of the kernel\n")

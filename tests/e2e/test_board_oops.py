@@ -1,29 +1,26 @@
-"""Crashes and flash on the emulated board: the core-pattern handler, and oopslog on MTD of every kind."""
+"""Crashes and flash on the emulated board: the core handler, and oopslog on every kind of MTD."""
 
 import contextlib
 import pathlib
 import re
 import shutil
 import subprocess
-import sys
 import threading
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "board"))
+import board as emulated
+from support.answers import CORE_HEAD, body_of
+from support.board_daemon import start_daemon, start_front, wait_for_board
+from support.ftp_server import PASSWORD, USER, FtpServer
+from support.oops_image import ERASED, NO_LOGS, PAGE, oopslog_of, random_flash, record, ring
+from support.under_test import ROOT
+from support.web import http_get
 
-import board as emulated  # noqa: E402
-from board_daemon import start_daemon, start_front, wait_for  # noqa: E402
-from ftp_server import PASSWORD, USER, FtpServer  # noqa: E402
-from oops_image import ERASED, NO_LOGS, PAGE, oopslog_of, random_flash, record, ring  # noqa: E402
-from zarvo_e2e import CORE_HEAD, body_of, http_get  # noqa: E402
-
-BUILD = ROOT / "build/mipsel"
 PATTERN = "|/usr/bin/coredump-handler core.%e.%p %c %E %e"
 CONFIG = "/etc/conf.d/debugar.cgi"
 SIGSEGV = 11
-FTP_HOST = "10.0.2.100"    # an address of the emulator's own network that leads to the server
+FTP_HOST = "10.0.2.100"    # an address in the emulator's network that is forwarded to the server
 FTP_PORT = 21
 NAND_BLOCK = 16384
 RELAY = """\
@@ -40,7 +37,7 @@ while piece := peer.recv(65536):
 
 
 class BoardWithFtp(emulated.Board):
-    """Ports of FTP_HOST lead to this machine's loopback, each connection through a relay of its own."""
+    """A board for which ports of FTP_HOST are forwarded to this machine's loopback. Each connection has its own relay."""
 
     def __init__(self, *arguments, ports, relay, **more):
         super().__init__(*arguments, **more)
@@ -55,13 +52,6 @@ class BoardWithFtp(emulated.Board):
 
 
 @pytest.fixture(scope="module")
-def build():
-    if reason := emulated.missing(BUILD):
-        pytest.skip(reason)
-    return BUILD
-
-
-@pytest.fixture(scope="module")
 def ftp(tmp_path_factory):
     pytest.importorskip("pyftpdlib", reason="needs python3-pyftpdlib")
     server = FtpServer(tmp_path_factory.mktemp("ftp") / "home", data_port=emulated.free_port())
@@ -70,13 +60,13 @@ def ftp(tmp_path_factory):
 
 
 @pytest.fixture(scope="module")
-def crashing(build, ftp, tmp_path_factory):
-    """A board whose kernel hands cores to the handler, with a daemon behind a web front."""
+def crashing(board_build, ftp, tmp_path_factory):
+    """A board whose kernel pipes cores to the handler, with a daemon and a web front."""
     relay = tmp_path_factory.mktemp("relay") / "relay.py"
     relay.write_text(RELAY)
     data_port = ftp.server.handler.passive_ports[0]
     ports = {FTP_PORT: ftp.port, data_port: data_port}
-    with BoardWithFtp(build, http=True, libcurl=True, ports=ports, relay=relay) as board:
+    with BoardWithFtp(board_build, http=True, libcurl=True, ports=ports, relay=relay) as board:
         board.daemon = start_daemon(board)
         board.front = start_front(board)
         board.set_core_pattern(PATTERN)
@@ -96,43 +86,43 @@ def crash(board, limit="unlimited", argument=""):
     assert board.run(f"ulimit -c {limit}; exec segfault {argument}").status == 128 + SIGSEGV
 
 
-def is_browser_with_the_daemon(board):
-    """Whether the daemon holds an established connection to the board's port 80."""
+def has_browser(board):
+    """True if the daemon has an established connection to the board's port 80."""
     lines = [line.split() for line in board.get("/proc/net/tcp").decode().splitlines()[1:]]
     established = {entry[9] for entry in lines if entry[1].endswith(":0050") and entry[3] == "01"}
     held = board.run(f"ls -l /proc/{board.daemon}/fd").out.decode()
     return bool(established & set(re.findall(r"socket:\[(\d+)\]", held)))
 
 
-class Waiting(threading.Thread):
-    """A browser on this machine that waits for a core, and has got as far as that."""
+class WaitingBrowser(threading.Thread):
+    """A browser on this machine that the daemon keeps for the next core."""
 
     def __init__(self, board):
         super().__init__(daemon=True)
         self.url, self.answer = board.front, None
         self.start()
-        wait_for(lambda: is_browser_with_the_daemon(board), "a browser that waits")
+        wait_for_board(lambda: has_browser(board), "a browser that waits")
 
     def run(self):
         self.answer = http_get(self.url, "/debugar.cgi?cmd=coredump")
 
     def core(self):
         self.join(emulated.COMMAND_LIMIT)
-        assert self.answer is not None, "nothing came"
+        assert self.answer is not None, "no answer"
         return body_of(self.answer, CORE_HEAD)
 
 
 def assert_core_of_the_crash(core, folder):
-    """What other programs see in it: the processor, the signal and where it happened."""
+    """Other programs find the processor, the signal and the place of the crash in the core."""
     (folder / "core").write_bytes(core)
     words = ["readelf", "-h", folder / "core"]
     read = subprocess.run(words, capture_output=True, text=True, check=True).stdout
     assert "CORE (Core file)" in read and "MIPS R3000" in read and "ELF32" in read
     if not shutil.which("gdb-multiarch"):
-        pytest.skip("the core arrived and is one of MIPS; looking into it needs gdb-multiarch")
+        pytest.skip("needs gdb-multiarch, to examine the core (it arrived, and is a MIPS core)")
     words = ["gdb-multiarch", "-nx", "-batch"]
     words += ["-iex", "set sysroot /nonexistent", "-iex", "set debuginfod enabled off"]
-    words += [BUILD / "bin/zarvo", "-c", folder / "core", "-ex", "info symbol $pc"]
+    words += [ROOT / "build/mipsel/bin/zarvo", "-c", folder / "core", "-ex", "info symbol $pc"]
     said = subprocess.run(words, capture_output=True, text=True, timeout=emulated.COMMAND_LIMIT).stdout
     assert "Core was generated by `segfault'" in said
     assert "terminated with signal SIGSEGV" in said
@@ -142,26 +132,26 @@ def assert_core_of_the_crash(core, folder):
 # Crashes.
 
 
-def test_crash_reaches_the_browser_that_waits(crashing, tmp_path):
-    browser = Waiting(crashing)
+def test_core_of_a_crash_reaches_the_waiting_browser(crashing, tmp_path):
+    browser = WaitingBrowser(crashing)
     crash(crashing)
     assert_core_of_the_crash(browser.core(), tmp_path)
 
 
-def test_program_that_may_leave_no_core_is_passed_over(crashing):
-    browser = Waiting(crashing)
+def test_process_without_a_core_limit_leaves_no_core(crashing):
+    browser = WaitingBrowser(crashing)
     crash(crashing, limit=0, argument="first")
     crash(crashing, argument="second")
     core = browser.core()
     assert b"segfault second" in core and b"segfault first" not in core
 
 
-def test_crash_is_uploaded_to_a_server_outside(crashing, ftp, tmp_path):
+def test_core_of_a_crash_is_uploaded_to_an_ftp_server(crashing, ftp, tmp_path):
     url = f"ftp://{USER}:{PASSWORD}@{FTP_HOST}:{FTP_PORT}"
     text = f"CoreHandler = FTP\n[CoreHandlerFtp]\nTargetURL = {url}\nTargetPath = /dumps\nTimeout = 100\n"
     with configured(crashing, text):
         crash(crashing)
-        wait_for(lambda: ftp.commands("RNFR"), "the end of the upload")
+        wait_for_board(lambda: ftp.commands("RNFR"), "the end of the upload")
     ((name, core),) = ftp.files().items()
     assert re.fullmatch(r"dumps/core\.segfault\.\d+", name)
     assert ftp.commands("STOR", "RNFR") == [f"STOR {name[6:]}", f"RNFR /{name}"]
@@ -170,7 +160,7 @@ def test_crash_is_uploaded_to_a_server_outside(crashing, ftp, tmp_path):
 
 @contextlib.contextmanager
 def hidden(board, pattern):
-    """Takes the files of that name out of the board's way for a while."""
+    """Renames all files that match the pattern for a while."""
     files = board.check(f"find / -xdev -name '{pattern}'").decode().split()
     assert files, pattern
     for file in files:
@@ -182,9 +172,9 @@ def hidden(board, pattern):
             board.check(f"mv {file}.hidden {file}")
 
 
-def test_without_libcurl_cores_still_reach_the_browser_and_uploads_fail(crashing, ftp):
+def test_uploads_fail_without_libcurl_but_cores_reach_the_browser(crashing, ftp):
     with hidden(crashing, "libcurl.so.4*"):
-        browser = Waiting(crashing)
+        browser = WaitingBrowser(crashing)
         crash(crashing)
         assert browser.core().startswith(b"\x7fELF")
         before = len(ftp.lines)
@@ -197,13 +187,13 @@ def test_without_libcurl_cores_still_reach_the_browser_and_uploads_fail(crashing
 
 
 @pytest.fixture(scope="module")
-def flashed(build):
-    with emulated.Board(build) as board:
+def flashed(board_build):
+    with emulated.Board(board_build) as board:
         yield board
 
 
 def write_flash(board, device, image, without=()):
-    """Writes an image in blocks of NAND_BLOCK; without: numbers of blocks that are left alone."""
+    """Writes an image in blocks of NAND_BLOCK. `without`: numbers of blocks that are not written."""
     board.put(image, "/tmp/image")
     blocks = [block for block in range(-(-len(image) // NAND_BLOCK)) if block not in without]
     board.check(f"for block in {' '.join(map(str, blocks))}; do dd if=/tmp/image of={device} bs={NAND_BLOCK}"
@@ -227,14 +217,14 @@ def ram_flash(flashed):
     return flashed.add_ram_flash(total_kib=128, erase_kib=16)
 
 
-RAM_IMAGES = ["ring", "ring cut in the middle", "random", "one record", "counts that wrapped"]
+RAM_IMAGES = ["ring", "ring that begins in the middle", "random", "one record", "counts that wrapped"]
 
 
 @pytest.mark.parametrize("name", RAM_IMAGES)
-def test_ram_flash_reads_the_same_through_both_devices(flashed, ram_flash, name):
+def test_ram_flash_is_read_through_both_devices(flashed, ram_flash, name):
     image = {
         "ring": ring(32, 31),
-        "ring cut in the middle": ring(32, 12),
+        "ring that begins in the middle": ring(32, 12),
         "random": random_flash(32, 5),
         "one record": ERASED * 7 + record(3, b"alone\n") + ERASED * 24,
         "counts that wrapped": record(0, b"0") + record(1, b"1") + ERASED * 28 + record(2**32 - 3, b"a")
@@ -253,7 +243,7 @@ def test_erased_ram_flash_has_no_logs(flashed, ram_flash):
         assert (done.status, done.out, done.err) == (0, *NO_LOGS)
 
 
-def test_nand_with_bad_blocks(flashed):
+def test_bad_blocks_of_nand_flash_are_skipped(flashed):
     bad = [0, 2, 3]
     device = flashed.add_nand(bad)
     size = int(flashed.get(f"/sys/class/mtd/{pathlib.Path(device).name}/size"))
@@ -267,7 +257,7 @@ def test_nand_with_bad_blocks(flashed):
     assert_prints(flashed, block_device_of(flashed, device), image)
 
 
-def test_what_is_no_flash_is_named(flashed):
+def test_device_that_is_not_flash_is_an_error(flashed):
     done = flashed.run("oopslog /dev/null")
     assert (done.status, done.out, done.err) == (1, b"", b"MEMGETINFO: Inappropriate ioctl for device\n")
     done = flashed.run("oopslog -rfoo")

@@ -1,29 +1,24 @@
-"""A resource trace over HTTP from a daemon on the board, with the board's own programs, read on this machine."""
+"""A resource trace of the board over HTTP, read by rtraceview on this machine."""
 
 import json
-import pathlib
 import re
 import subprocess
-import sys
-import time
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "board"))
+import board as emulated
+from support.answers import download_head
+from support.board_daemon import pids_of, start_daemon, start_front, wait_for_board
+from support.rtrace_records import DISKINFO, IOSTAT, PIDSTAT, count, read_until, split
+from support.under_test import ROOT
+from support.web import http_open
 
-import board as emulated  # noqa: E402
-from board_daemon import pids_of, start_daemon, start_front  # noqa: E402
-from rtrace_records import DISKINFO, IOSTAT, PIDSTAT, count, read_until, split  # noqa: E402
-from zarvo_e2e import download_head, http_open  # noqa: E402
-
-BUILD = ROOT / "build/mipsel"
 VIEWER = ROOT / "build/host/bin/rtraceview"
 HEAD = download_head("application/octet-stream", "rtrace")
 TARGET = "/debugar.cgi?cmd=rtrace&interval=1&trace=all"
 PATIENCE = 120
 
-# Busybox has neither iostat nor pidstat; these say in their form what the kernel says. Nobody gives them a PATH.
+# Busybox has neither iostat nor pidstat. These print numbers of the kernel in the same format. They have no PATH.
 IOSTAT_TEXT = r"""
 while read name user nice system idle wait irq soft steal rest < /proc/stat; do
     all=$((user + nice + system + idle + wait + irq + soft + steal))
@@ -52,12 +47,10 @@ PROGRAMS = {
 
 
 @pytest.fixture(scope="module")
-def machine():
-    if reason := emulated.missing(BUILD):
-        pytest.skip(reason)
+def machine(board_build):
     if not VIEWER.exists():
-        pytest.skip("there is no build/host/bin/rtraceview")
-    with emulated.Board(BUILD, http=True) as board:
+        pytest.skip("needs build/host/bin/rtraceview (cmake --build --preset host)")
+    with emulated.Board(board_build, http=True) as board:
         for name, text in PROGRAMS.items():
             board.put(f"#!/bin/sh\n{text}\n".encode(), f"/usr/bin/{name}", 0o755)
         yield board
@@ -79,7 +72,7 @@ def resident_kb(machine, pid):
 
 @pytest.fixture(scope="module")
 def trace(machine, daemon, url, tmp_path_factory):
-    """A file with three samples or more, and how much the daemon had grown meanwhile."""
+    """A file with three samples or more, and the growth of the daemon's memory meanwhile."""
     before = resident_kb(machine, daemon)
 
     def enough(records):
@@ -94,12 +87,12 @@ def trace(machine, daemon, url, tmp_path_factory):
     return path, grown
 
 
-def test_trace_of_the_board_is_read_here(machine, daemon, trace):
+def test_json_has_the_numbers_of_the_board(machine, daemon, trace):
     done = subprocess.run([VIEWER, "--json", trace[0]], check=True, capture_output=True)
     samples = [json.loads(line) for line in done.stdout.splitlines()]
     assert len(samples) >= 3
     total = int(re.search(rb"MemTotal:\s+(\d+)", machine.get("/proc/meminfo"))[1])
-    for sample in samples[:-1]:  # the last one may be cut off
+    for sample in samples[:-1]:  # the last one may be truncated
         assert sample["meminfo"]["MemTotal"] == total
         assert sample["smaps"][str(daemon)]["Rss"] > 0
         assert sample["status"][str(daemon)]["VmRSS"] > 0
@@ -109,19 +102,20 @@ def test_trace_of_the_board_is_read_here(machine, daemon, trace):
     assert any(f"(debugar.cgi) {daemon}" in sample.get("pidstat", {}) for sample in samples)
 
 
-def test_every_process_of_the_board_is_there(machine, trace):
-    first = json.loads(subprocess.run([VIEWER, "--json", trace[0]], check=True, capture_output=True).stdout.split(b"\n")[0])
+def test_trace_has_the_processes_of_the_board(machine, trace):
+    done = subprocess.run([VIEWER, "--json", trace[0]], check=True, capture_output=True)
+    first = json.loads(done.stdout.split(b"\n")[0])
     running = {name.decode() for name in machine.check("ls /proc").split() if name.isdigit()}
     assert len(running & set(first["status"])) > 0.8 * len(running)
 
 
-def test_page_of_the_board_is_made(trace, tmp_path):
+def test_page_has_the_plots_and_events_of_the_board(trace, tmp_path):
     subprocess.run([VIEWER, "--html", tmp_path / "page.html", trace[0]], check=True, capture_output=True)
     page = (tmp_path / "page.html").read_text()
     assert "Memory of the system" in page and '"board is up"' in page
 
 
-def test_records_of_the_board_are_whole(trace):
+def test_records_of_the_board_are_valid(trace):
     records = split(trace[0].read_bytes())
     assert all(record.more in (0, 1) and record.time_ms > 0 for record in records)
 
@@ -130,8 +124,5 @@ def test_trace_takes_little_memory_on_the_board(trace):
     assert trace[1] < 1024
 
 
-def test_programs_have_ended_with_the_trace(machine, trace):
-    end = time.monotonic() + PATIENCE
-    while left := [name for name in PROGRAMS if pids_of(machine, name)]:
-        assert time.monotonic() < end, left
-        time.sleep(0.1)
+def test_programs_end_with_the_trace(machine, trace):
+    wait_for_board(lambda: not [name for name in PROGRAMS if pids_of(machine, name)], "the end of all programs", PATIENCE)

@@ -1,22 +1,19 @@
-"""What the target's build takes of the device: flash, libraries, memory. The table goes to build/check."""
+"""What the target build needs on the device: flash, libraries, memory. Writes a table to build/check."""
 
-import pathlib
 import re
 import struct
 import subprocess
-import sys
-import types
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "board"))
-
-import board as emulated  # noqa: E402
-import image  # noqa: E402
-from board_daemon import pids_of, put_device_files, start_daemon, start_front, wait_for  # noqa: E402
-from prepare import find_tool  # noqa: E402
-from zarvo_e2e import COMPRESSED_HEAD, assert_compressed_whole, http_open  # noqa: E402
+import image
+from support.answers import COMPRESSED_HEAD
+from support.archives import assert_compressed_whole
+from support.board_daemon import pids_of, wait_for_board
+from support.connections import SMALL_BUFFER, receive_all
+from support.under_test import ROOT
+from support.web import http_open
+from prepare import find_tool
 
 BUILD = ROOT / "build/mipsel"
 PROGRAM = BUILD / "bin/zarvo"
@@ -26,21 +23,21 @@ KIB = 1024
 PROGRAM_BOUND = 128 * KIB
 IDLE_BOUND = 2048 * KIB
 STREAMING_BOUND = 3072 * KIB
-MON_BOUND = 512 * KIB  # of its own: what it shares with others is mostly the C library
+MON_BOUND = 512 * KIB  # without the memory that it shares with others, mostly the C library
 CROWD = 1000  # processes, of 20 descriptors each
 MON_STATUS = "/tmp/dbg-report.txt"
 PLATFORM_LIBRARIES = {"libqorlink.so.1", "libvextor.so", "libmirnel.so", "libhollisk.so.7"}
 # ld.so.1 is the C library, too: it holds __tls_get_addr.
 MAY_BE_NEEDED = PLATFORM_LIBRARIES | {"libc.so.6", "libz.so.1", "libpthread.so.0", "libdl.so.2", "ld.so.1"}
 
-REPORT_SIZE = 4 << 20  # of a server report that can't be compressed: no buffer on the way holds it
+REPORT_SIZE = 4 << 20  # of a server report that cannot be compressed; larger than all buffers on its way
 SAMPLES = 20
-READ_AT_ONCE = 4096  # of the archive, between two samples
+READ_AT_ONCE = 4096  # bytes of the archive, between two samples
 
 
 @pytest.fixture(scope="module")
 def table():
-    """Lines for the table, (what, bytes, bound or None), which is written at the end."""
+    """Lines for the table, (what, bytes, bound or None). The table is written at the end."""
     lines = []
     yield lines
     text = "On the board                                            KiB   at most\n"
@@ -54,13 +51,13 @@ def table():
 @pytest.fixture(scope="module")
 def build():
     if not PROGRAM.exists():
-        pytest.skip("there is no build/mipsel/bin/zarvo")
+        pytest.skip("needs build/mipsel/bin/zarvo (cmake --build --preset mipsel)")
 
 
 def cross_tool(name):
     tool = find_tool(image.CROSS_PREFIX + name)
     if not tool:
-        pytest.skip(f"{image.CROSS_PREFIX}{name} is missing")
+        pytest.skip(f"needs {image.CROSS_PREFIX}{name}")
     return tool
 
 
@@ -78,23 +75,13 @@ def test_program_needs_only_what_the_device_has(build):
     assert needed <= MAY_BE_NEEDED
 
 
-@pytest.fixture(scope="module")
-def served(build):
-    """A fresh daemon that nobody has asked anything."""
-    if reason := emulated.missing():
-        pytest.skip(reason)
-    with emulated.Board(BUILD, http=True) as board:
-        put_device_files(board)
-        yield types.SimpleNamespace(board=board, pid=start_daemon(board), url=start_front(board))
-
-
 def resident_of(board, pid, kind="VmRSS"):
-    """Bytes, as /proc/PID/status has them."""
+    """A memory size of /proc/PID/status in bytes."""
     found = re.search(rf"(?m)^{kind}:\s+(\d+) kB$", board.get(f"/proc/{pid}/status").decode())
     return int(found[1]) * KIB
 
 
-# The pagemap entry of each page of each mapping of a process, 64 bits each.
+# Prints the pagemap entries of all pages of a process, 64 bits each.
 PAGEMAP = """
 while read range rest; do
     first=$((0x${range%%-*} / %(page)d)) end=$((0x${range#*-} / %(page)d))
@@ -107,7 +94,7 @@ FRAME = (1 << 55) - 1
 
 
 def frames_of(board, pid):
-    """The numbers of the page frames that a process has mapped."""
+    """The numbers of the page frames that a process maps."""
     entries = board.check(PAGEMAP % {"page": PAGE, "pid": pid})
     present = [entry for (entry,) in struct.iter_unpack("<Q", entries) if entry & IS_PRESENT]
     return {entry & FRAME for entry in present} - {0}
@@ -125,7 +112,7 @@ def test_idle_daemon_is_small(served, table):
 
 @pytest.fixture
 def long_report(served):
-    """A server report that is far longer than what the buffers between daemon and browser hold."""
+    """A server report that is far larger than the buffers between daemon and browser."""
     path = "/usr/sbin/gen_serverreport.sh"
     usual = served.board.get(path)
     served.board.put(b"#!/bin/sh\n/usr/bin/head -c %d /dev/urandom\n" % REPORT_SIZE, path, 0o755)
@@ -133,34 +120,29 @@ def long_report(served):
     served.board.put(usual, path, 0o755)
 
 
-def read_to_end(client, pieces):
-    while piece := client.recv(1 << 16):
-        pieces.append(piece)
-
-
 def test_daemon_and_compressor_are_small_while_a_slow_browser_reads(served, long_report, table):
-    """What they share, which is most of their code, is in memory once and counts once."""
+    """The memory that both share, mostly their code, counts once."""
     together, added_up, pieces = [], [], []
-    with http_open(served.url, "/debug.tgz", room=4096) as client:
-        (compressor, *_) = wait_for(lambda: children_of(served.board, served.pid), "a compressor")
+    with http_open(served.url, "/debug.tgz", buffer_size=SMALL_BUFFER) as client:
+        (compressor, *_) = wait_for_board(lambda: children_of(served.board, served.pid), "a compressor")
         for _ in range(SAMPLES):
             pieces.append(client.recv(READ_AT_ONCE))
             both = [frames_of(served.board, pid) for pid in (served.pid, compressor)]
             together.append(len(both[0] | both[1]) * PAGE)
             added_up.append(sum(resident_of(served.board, pid) for pid in (served.pid, compressor)))
-        assert children_of(served.board, served.pid)[0] == compressor, "it was measured to the end"
-        read_to_end(client, pieces)
+        assert children_of(served.board, served.pid)[0] == compressor, "the compressor must run until the last sample"
+        pieces.append(receive_all(client))
     answer = b"".join(pieces)
     assert answer.startswith(COMPRESSED_HEAD)
     assert_compressed_whole(answer[len(COMPRESSED_HEAD) :])
     table.append(("daemon and compressor while streaming, resident", max(together), STREAMING_BOUND))
-    table.append(("  the same with what they share counted twice", max(added_up), None))
+    table.append(("  the same, shared memory counted twice", max(added_up), None))
     assert min(together) > 0
     assert max(together) <= STREAMING_BOUND
 
 
 def test_daemon_is_small_again_after_an_archive(served, table):
-    wait_for(lambda: not children_of(served.board, served.pid), "the archive's end")
+    wait_for_board(lambda: not children_of(served.board, served.pid), "the archive's end")
     size = resident_of(served.board, served.pid)
     table.append(("idle daemon after an archive, resident", size, IDLE_BOUND))
     assert 0 < size <= IDLE_BOUND
@@ -168,23 +150,23 @@ def test_daemon_is_small_again_after_an_archive(served, table):
 
 @pytest.fixture
 def crowd(served):
-    """Processes that hold descriptors and sleep, beside those of the board."""
+    """Sleeping processes with descriptors, in addition to those of the board."""
     board = served.board
     board.check("mkfifo /tmp/crowd-end")
-    # Whoever opens the pipe's other end holds it, and the crowd ends with it.
+    # The crowd runs until this process, which holds the other end of the pipe, is killed.
     board.check("sleep 100000 > /tmp/crowd-end & echo $! > /tmp/crowd-holder")
     board.check(f"bench_crowd {CROWD} 20 < /tmp/crowd-end > /tmp/crowd 2>&1 &")
     try:
-        wait_for(lambda: board.get("/tmp/crowd") == b"ready\n", "the crowd", 300)
+        wait_for_board(lambda: board.get("/tmp/crowd") == b"ready\n", "the crowd", 300)
         yield
     finally:
         board.check("kill $(cat /tmp/crowd-holder)")
-        wait_for(lambda: not pids_of(board, "bench_crowd"), "the crowd's end")
+        wait_for_board(lambda: not pids_of(board, "bench_crowd"), "the crowd's end")
         board.check("rm /tmp/crowd-end /tmp/crowd-holder /tmp/crowd")
 
 
 def monitor_rounds(board):
-    """How many rounds have written the status file; 0 before the first."""
+    """The number of the last round in the status file, or 0 before the first."""
     head = board.run(f"head -n 1 {MON_STATUS}").out.decode()
     found = re.fullmatch(r"Debug monitor status round=([0-9a-f]+)\n", head)
     return int(found[1], 16) if found else 0
@@ -194,12 +176,12 @@ def test_monitor_of_a_thousand_processes_is_small(served, crowd, table):
     board = served.board
     pid = int(board.check("mon 50000 > /dev/null 2>&1 & echo $!"))
     try:
-        wait_for(lambda: monitor_rounds(board) >= 4, "a few rounds of the monitor", 120)
+        wait_for_board(lambda: monitor_rounds(board) >= 4, "a few rounds of the monitor", 120)
         size, own_size = (resident_of(board, pid, kind) for kind in ("VmRSS", "RssAnon"))
     finally:
         board.check(f"kill -INT {pid}")
-        wait_for(lambda: pid not in pids_of(board, "mon"), "mon's end")
+        wait_for_board(lambda: pid not in pids_of(board, "mon"), "mon's end")
         board.check(f"rm -f {MON_STATUS}")
     table.append((f"mon with {CROWD} processes, resident", size, None))
-    table.append(("  of it its own, not shared with any other program", own_size, MON_BOUND))
+    table.append(("  of it not shared with other programs", own_size, MON_BOUND))
     assert 0 < own_size <= MON_BOUND

@@ -1,4 +1,4 @@
-"""board/: the emulated board itself, and getting what it is made of. The product plays no part here."""
+"""board/: the emulated board itself, and the download of its parts. The product is not involved."""
 
 import concurrent.futures
 import contextlib
@@ -11,19 +11,17 @@ import shutil
 import signal
 import socket
 import subprocess
-import sys
 import time
 import urllib.request
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "board"))
-
-import board as emulated  # noqa: E402
-import line  # noqa: E402
-import mirror  # noqa: E402
-import prepare  # noqa: E402
+import board as emulated
+import line
+import mirror
+import prepare
+from support.board_daemon import wait_for_board
+from support.under_test import ROOT
 
 BOOT = ROOT / "board/boot"
 FETCH = ROOT / "board/fetch"
@@ -40,21 +38,14 @@ def bootable():
 
 @pytest.fixture(scope="module")
 def machine():
-    """One board for all tests that do not spoil it for the next."""
+    """One board for all tests that leave it usable for the next."""
     if reason := emulated.missing():
         pytest.skip(reason)
     with emulated.Board(http=True, second_net=True) as shared:
         yield shared
 
 
-def wait_for(condition, what, limit=60):
-    end = time.monotonic() + limit
-    while not condition():
-        assert time.monotonic() < end, f"not in time: {what}"
-        time.sleep(0.05)
-
-
-# A command on the board.
+# Commands.
 
 
 @pytest.mark.parametrize("status", [0, 1, 7, 255])
@@ -62,48 +53,48 @@ def test_exit_status_comes_back(machine, status):
     assert machine.run(f"exit {status}").status == status
 
 
-def test_death_by_signal_is_told_with_the_boards_number(machine):
+def test_death_by_a_signal_is_reported_with_the_boards_number(machine):
     assert machine.run("kill -USR1 $$").status == 128 + 16
 
 
-def test_output_is_8_bit_clean_and_the_streams_stay_apart(machine):
+def test_output_is_8_bit_clean_and_the_streams_are_separate(machine):
     machine.put(EVERY_BYTE * 64, "/tmp/bytes")
     done = machine.run("cat /tmp/bytes; echo to-err >&2")
     assert done.out == EVERY_BYTE * 64
     assert done.err == b"to-err\n"
 
 
-def test_output_larger_than_a_pipe_arrives_whole(machine):
+def test_output_larger_than_a_pipe_arrives_complete(machine):
     assert machine.run("head -c 3000000 /dev/zero").out == bytes(3000000)
 
 
-def test_kernel_messages_do_not_get_into_output(machine):
+def test_kernel_messages_are_not_in_the_output(machine):
     assert machine.check("echo noise > /dev/kmsg; echo noise > /dev/console; echo quiet") == b"quiet\n"
-    wait_for(lambda: bytes(machine.console.text).count(b"noise") >= 2, "both at the console")
+    wait_for_board(lambda: bytes(machine.console.text).count(b"noise") >= 2, "both at the console")
 
 
-def test_background_job_does_not_hold_its_command(machine):
+def test_background_job_does_not_delay_its_command(machine):
     began = time.monotonic()
     assert machine.run("sleep 300 & echo $!").out.strip().isdigit()
     assert time.monotonic() - began < 60
     machine.run("killall sleep")
 
 
-def test_hung_command_is_ended_with_its_children(machine):
+def test_hanging_command_is_killed_with_its_children(machine):
     command = "echo before; sleep 301 & sleep 302"
     with pytest.raises(emulated.OutOfTime, match=f"killed after 0.5 s: {command}") as late:
         machine.run(command, timeout=0.5)
     assert late.value.out == b"before\n"
-    wait_for(lambda: b"sleep 30" not in machine.check("ps -o args | grep -v grep"), "both sleeps gone")
+    wait_for_board(lambda: b"sleep 30" not in machine.check("ps -o args | grep -v grep"), "both sleeps gone")
 
 
-def test_command_that_never_ceases_to_write_is_ended(machine):
+def test_command_that_writes_endlessly_is_killed(machine):
     with pytest.raises(emulated.OutOfTime) as late:
         machine.run("yes", timeout=0.5)
     assert set(late.value.out.split()) == {b"y"}
 
 
-def test_line_that_was_lost_once_fails_at_once_from_then_on():
+def test_lost_line_fails_at_once_from_then_on():
     ours, agents = socket.socketpair()
     with agents, contextlib.closing(line.Line(ours)) as asked:
         with pytest.raises(line.LineLost, match="does not answer in time"):
@@ -128,38 +119,38 @@ def test_file_arrives_unchanged(machine, tmp_path):
     assert machine.check("stat -c %a '/tmp/new folder/file'") == b"751\n"
 
 
-def test_put_tells_why_it_failed_and_the_line_stays_usable(machine):
+def test_put_raises_the_reason_and_the_line_stays_usable(machine):
     with pytest.raises(OSError) as refused:
         machine.put(bytes(300000), "/tmp")
     assert refused.value.errno == errno.EISDIR
     assert machine.check("echo on") == b"on\n"
 
 
-# What the board is.
+# The machine.
 
 
-def test_it_is_a_32_bit_little_endian_mips(machine):
+def test_board_is_a_32_bit_little_endian_mips(machine):
     assert machine.check("uname -m") == b"mips\n"
     assert b"MIPS 24Kc" in machine.get("/proc/cpuinfo")
     assert machine.get("/bin/busybox")[:6] == b"\x7fELF\x01\x01"
 
 
-def test_usual_places_are_there(machine):
+def test_usual_file_systems_and_folders_exist(machine):
     mounted = {line.split()[1] for line in machine.get("/proc/mounts").decode().splitlines()}
     assert {"/proc", "/sys", "/dev", "/dev/pts", "/dev/shm", "/run", "/tmp"} <= mounted
     machine.check("test -d /dev/part && test /var/run -ef /run && test $(hostname) = board")
 
 
-def test_loopback_and_first_card_are_up(machine):
+def test_loopback_and_first_network_card_are_up(machine):
     assert b"127.0.0.1" in machine.check("ifconfig lo")
     assert b"10.0.2.15" in machine.check("ifconfig eth0")
 
 
-def test_second_card_is_eth1(machine):
+def test_second_network_card_is_eth1(machine):
     assert b"10.0.3.15" in machine.check("ifconfig eth1")
 
 
-def test_port_leads_to_the_boards_port_80(machine):
+def test_port_is_forwarded_to_the_boards_port_80(machine):
     machine.put(EVERY_BYTE, "/tmp/www/bytes")
     machine.check("httpd -p 80 -h /tmp/www")
     with urllib.request.urlopen(f"http://127.0.0.1:{machine.http_port}/bytes", timeout=30) as answer:
@@ -167,8 +158,8 @@ def test_port_leads_to_the_boards_port_80(machine):
     machine.check("killall httpd")
 
 
-def test_line_and_card_can_be_busy_at_the_same_time(machine):
-    """They share an interrupt; a lost one, or a crash of the emulator's network, once ended the board here."""
+def test_line_and_network_card_can_be_busy_at_the_same_time(machine):
+    """They share an interrupt. A lost interrupt, or a crash in the emulator's network, has ended the board here before."""
     machine.put(EVERY_BYTE, "/tmp/www/bytes")
     machine.check("httpd -p 80 -h /tmp/www")
     url = f"http://127.0.0.1:{machine.http_port}/bytes"
@@ -205,14 +196,14 @@ def test_ram_flash_appears(machine):
     assert machine.check(f"dd if={device} bs=7 count=1") == b"written"
 
 
-def test_nand_has_the_bad_blocks(machine):
+def test_nand_flash_has_the_bad_blocks(machine):
     device = machine.add_nand([3, 7])
     name = pathlib.Path(device).name
     assert machine.get(f"/sys/class/mtd/{name}/type") == b"nand\n"
     assert machine.get(f"/sys/class/mtd/{name}/bad_blocks") == b"2\n"
 
 
-def test_module_outside_the_image_is_brought_with_what_it_needs(machine):
+def test_module_outside_the_image_is_loaded_with_its_dependencies(machine):
     assert machine.run("modprobe ubi").status != 0
     machine.load_module("ubi")
     assert b"\nubi " in b"\n" + machine.get("/proc/modules")
@@ -221,7 +212,7 @@ def test_module_outside_the_image_is_brought_with_what_it_needs(machine):
         machine.load_module("ubi", "mtd=0")
 
 
-def test_unknown_module_is_named(machine):
+def test_unknown_module_is_reported(machine):
     with pytest.raises(ValueError, match="no module nosuch"):
         machine.load_module("nosuch")
 
@@ -243,7 +234,7 @@ def test_clock_goes_past_2038(machine):
 
 
 def emulators_of(pid):
-    """Process ids of the children of `pid` that have become the emulator."""
+    """The pids of the children of `pid` that run the emulator."""
     children = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
     return [int(child) for child in children if "qemu" in os.readlink(f"/proc/{child}/exe")]
 
@@ -255,25 +246,25 @@ def is_running(pid):
         return False
 
 
-def left_files():
-    places = [ROOT / "build/board", pathlib.Path("/dev/shm"), pathlib.Path(os.environ.get("TMPDIR", "/tmp"))]
-    return {path for place in places if place.is_dir() for path in place.iterdir() if "board" in str(path)}
+def leftover_files():
+    folders = [ROOT / "build/board", pathlib.Path("/dev/shm"), pathlib.Path(os.environ.get("TMPDIR", "/tmp"))]
+    return {path for folder in folders if folder.is_dir() for path in folder.iterdir() if "board" in str(path)}
 
 
-def build_folder(place):
-    """A build whose one program is a script."""
-    (place / "bin").mkdir(parents=True)
-    (place / "lib").mkdir()
-    (place / "lib/libsample.so.1").write_bytes(EVERY_BYTE)
-    (place / "bin/program").write_text("#!/bin/sh\necho \"as $0\"\ncat /usr/lib/libsample.so.1\nexit 42\n")
-    (place / "bin/program").chmod(0o755)
-    (place / "bin/applet").symlink_to("program")
-    return place
+def build_folder(folder):
+    """A build whose only program is a script."""
+    (folder / "bin").mkdir(parents=True)
+    (folder / "lib").mkdir()
+    (folder / "lib/libsample.so.1").write_bytes(EVERY_BYTE)
+    (folder / "bin/program").write_text("#!/bin/sh\necho \"as $0\"\ncat /usr/lib/libsample.so.1\nexit 42\n")
+    (folder / "bin/program").chmod(0o755)
+    (folder / "bin/applet").symlink_to("program")
+    return folder
 
 
-def test_boot_runs_the_builds_program_and_leaves_nothing(bootable, tmp_path):
+def test_boot_runs_a_program_of_the_build_and_leaves_no_files(bootable, tmp_path):
     build = build_folder(tmp_path / "build")
-    before = left_files()
+    before = leftover_files()
     (tmp_path / "local").write_bytes(EVERY_BYTE)
     words = ["--build", build, "--put", f"{tmp_path}/local:/tmp/remote", "--core-pattern", "pattern",
              "--time", str(PAST_2038), "--module", "dummy=numdummies=2", "--log", tmp_path / "log"]
@@ -284,10 +275,10 @@ def test_boot_runs_the_builds_program_and_leaves_nothing(bootable, tmp_path):
     assert done.stdout == EVERY_BYTE + b"pattern\nas /usr/bin/applet\n" + EVERY_BYTE
     assert done.returncode == 42
     assert b"Linux version" in (tmp_path / "log").read_bytes()
-    assert left_files() == before
+    assert leftover_files() == before
 
 
-def test_boot_ends_a_hung_command_and_says_so(bootable, tmp_path):
+def test_boot_kills_a_hanging_command_and_reports_it(bootable, tmp_path):
     words = [BOOT, "--build", build_folder(tmp_path / "build"), "--timeout", "1", "echo on; sleep 300"]
     done = subprocess.run(words, capture_output=True, text=True, timeout=300)
     assert done.returncode == 124
@@ -296,18 +287,18 @@ def test_boot_ends_a_hung_command_and_says_so(bootable, tmp_path):
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGKILL])
-def test_emulator_goes_with_a_killed_boot(bootable, tmp_path, number):
-    before = left_files()
+def test_emulator_ends_with_a_killed_boot(bootable, tmp_path, number):
+    before = leftover_files()
     words = [BOOT, "--build", build_folder(tmp_path / "build"), "sleep 300"]
     with subprocess.Popen(words, stdout=subprocess.DEVNULL) as boot, contextlib.ExitStack() as at_end:
         at_end.callback(boot.kill)
-        wait_for(lambda: emulators_of(boot.pid), "the emulator")
+        wait_for_board(lambda: emulators_of(boot.pid), "the emulator")
         emulator = emulators_of(boot.pid)[0]
         boot.send_signal(number)
         boot.wait(30)
-        wait_for(lambda: not is_running(emulator), "the emulator gone", 30)
+        wait_for_board(lambda: not is_running(emulator), "the emulator gone", 30)
     assert boot.returncode == {signal.SIGINT: 130, signal.SIGTERM: 143, signal.SIGKILL: -9}[number]
-    assert left_files() == before
+    assert leftover_files() == before
 
 
 def test_failed_board_leaves_its_console_log(bootable):
@@ -321,7 +312,7 @@ def test_failed_board_leaves_its_console_log(bootable):
     assert b"last-words" in text and b"Kernel panic" in text
 
 
-def test_taken_port_is_told(bootable):
+def test_port_in_use_is_reported(bootable):
     with socket.create_server(("127.0.0.1", 0)) as taken:
         board = emulated.Board(http=taken.getsockname()[1])
         with pytest.raises(emulated.BoardError, match="the emulator said: .*forwarding") as failed:
@@ -333,7 +324,7 @@ def test_taken_port_is_told(bootable):
 # board/fetch.
 
 
-def test_one_line_sources_are_read():
+def test_one_line_sources_are_parsed():
     text = """\
 # deb http://commented.example/debian bookworm main
 deb [arch=amd64 signed-by=/keys/one.gpg] http://one.example/debian bookworm main contrib # here too
@@ -347,7 +338,7 @@ deb http://other.example/tools stable extra
     ]
 
 
-def test_stanza_sources_are_read():
+def test_deb822_sources_are_parsed():
     text = """\
 Types: deb deb-src
 # a remark
@@ -379,7 +370,7 @@ Signed-By:
     ]
 
 
-def test_links_of_the_sysroot_stay_inside(tmp_path):
+def test_links_of_the_sysroot_become_relative(tmp_path):
     (tmp_path / "usr/lib/deep").mkdir(parents=True)
     (tmp_path / "lib").mkdir()
     (tmp_path / "lib/libsample.so.1").write_text("here")
@@ -390,14 +381,14 @@ def test_links_of_the_sysroot_stay_inside(tmp_path):
 
 
 def without_network(command, **environment):
-    """Runs it where there is no network, not even to a mirror on this machine."""
+    """Runs a command without any network, not even to a mirror on this machine."""
     if os.geteuid() != 0:
         pytest.skip("needs root, to make a network namespace")
     return subprocess.run(["unshare", "--net", *command], env=dict(os.environ, **environment), text=True,
                           capture_output=True, timeout=300)
 
 
-def test_empty_cache_without_network_is_told(tmp_path):
+def test_empty_cache_without_a_network_is_reported(tmp_path):
     done = without_network([FETCH], XDG_CACHE_HOME=str(tmp_path))
     assert done.returncode == 75
     assert "the board's mipsel packages" in done.stderr and str(tmp_path) in done.stderr
@@ -405,7 +396,7 @@ def test_empty_cache_without_network_is_told(tmp_path):
 
 @pytest.fixture
 def clone(bootable, tmp_path):
-    """board/ of another clone, which has nothing unpacked."""
+    """board/ in another clone, where nothing has been unpacked."""
     shutil.copytree(ROOT / "board", tmp_path / "board", ignore=shutil.ignore_patterns("__pycache__"))
     return tmp_path
 
@@ -413,11 +404,11 @@ def clone(bootable, tmp_path):
 def packages_of(cache):
     store = mirror.Store(cache / "packages")
     if store.read() is None:
-        pytest.skip("the cache is not full, so that there is nothing to unpack without a network")
+        pytest.skip("needs all packages in the cache (board/fetch)")
     return store
 
 
-def test_full_cache_serves_another_clone_without_network(clone):
+def test_full_cache_serves_another_clone_without_a_network(clone):
     packages_of(prepare.cache())
     done = without_network([clone / "board/fetch"])
     assert done.returncode == 0, done.stderr
@@ -428,7 +419,7 @@ def test_full_cache_serves_another_clone_without_network(clone):
     assert list((clone / "build/board/kernel/boot").glob("vmlinuz-*"))
 
 
-def test_damaged_package_is_noticed(tmp_path):
+def test_damaged_package_is_detected(tmp_path):
     store = mirror.Store(tmp_path)
     file = tmp_path / "sample_1_mipsel.deb"
     file.write_bytes(b"whole")

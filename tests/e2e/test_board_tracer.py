@@ -1,24 +1,20 @@
-"""tstrace and stopper on the emulated board: real O32 calls, signals and stops, line for line."""
+"""tstrace and stopper on the emulated board: real O32 calls, signals and stops, line by line."""
 
-import pathlib
 import re
 import shutil
 import subprocess
-import sys
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "board"))
-
-import board as emulated  # noqa: E402
+import board as emulated
+from support.under_test import ROOT
 
 BUILD = ROOT / "build" / "mipsel"
 COMPILER = "mipsel-linux-gnu-g++"
 FLAGS = ["-std=c++20", "-O1", "-mips32r2", "-mabi=32", "-mno-abicalls", "-fno-pic", "-G0", "-static", "-nostdlib",
          "-ffreestanding", "-fno-builtin", "-fno-exceptions", "-Wl,--section-start=.fixed=0x600000"]  # fmt: skip
 
-# What the program has at known addresses: one page, and nothing behind it.
+# The program's data at known addresses: one page. The next page is not mapped.
 TEXT, ZERO, DATA, PAIR, BLOCK, BUFFER = 0x600000, 0x600020, 0x600040, 0x600100, 0x600120, 0x600200
 PAGE_END = 0x601000
 
@@ -70,8 +66,8 @@ extern "C" void __start() {
 WHOLE = r'"hi\n\t\r\x1\xff"0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRST"'    # 64 bytes
 CUT = r'"hi\n\t\r\x1\xff"0123456789abcdefghijklmn"'                                     # 32 bytes
 
-# A call: its number and arguments, what tstrace shows at the entry, the result, and what it shows at the exit when
-# that is something else. A result of None is any.
+# A call: its number, its arguments, what tstrace prints on entry, the result (None: any), and what it prints on exit
+# if that differs.
 CALLS = [
     (4005, [TEXT, 2, 0], f"open({TEXT}, 2, 0, 0, 0, 0)", 3),
     (4005, [ZERO, 0, 0], f"open({ZERO}, 0, 0, 0, 0, 0)", 4),
@@ -135,7 +131,7 @@ CALLS = [
 ]
 EXIT = (4001, [3])
 UNNAMED = [4932, 4999, 5001, 5999, 6001, 6999]
-SIGNALS = {20: "SIGWINCH", 18: "SIGCHLD", 21: "SIGURG"}     # ignored where nobody wants them
+SIGNALS = {20: "SIGWINCH", 18: "SIGCHLD", 21: "SIGURG"}  # ignored by default
 HEAD = re.compile(r"^\[(\d+) calls\] \[[0-9a-f]+ [0-9a-f]+\] ", re.MULTILINE)
 
 
@@ -165,7 +161,7 @@ def machine():
 
 @pytest.fixture
 def put_calls(machine, tmp_path):
-    """Builds the program with a table of calls and puts it onto the board as /tmp/calls."""
+    """Builds the program with a table of calls, and copies it to /tmp/calls on the board."""
 
     def put(calls):
         source = tmp_path / "calls.cpp"
@@ -178,7 +174,7 @@ def put_calls(machine, tmp_path):
 
 
 def traced(machine):
-    """The lines of system calls of /tmp/calls, without their heads, all the output, and the messages."""
+    """Traces /tmp/calls. Returns the lines about system calls without their heads, the whole output, and the messages."""
     done = machine.run("tstrace /tmp/calls")
     assert done.status == 0
     text = done.out.decode()
@@ -186,7 +182,7 @@ def traced(machine):
     return lines, text, done.err.decode()
 
 
-def test_every_format_is_as_it_should_be(machine, put_calls):
+def test_every_call_is_printed_in_its_format(machine, put_calls):
     put_calls(CALLS)
     lines, text, messages = traced(machine)
     expected = ["getpid(1, 2, 3, 4, 5, 6)", "getpid(1, 2, 3, 4, 5, 6) = ANY", *expected_lines(CALLS), "exit(3)"]
@@ -198,7 +194,7 @@ def test_every_format_is_as_it_should_be(machine, put_calls):
     assert messages == ""
 
 
-def test_program_counter_and_return_address_are_the_program_s(machine, put_calls):
+def test_lines_have_program_counter_and_return_address(machine, put_calls):
     put_calls(CALLS[:1])
     _, text, _ = traced(machine)
     for pc, ra in re.findall(r"^\[\d+ calls\] \[([0-9a-f]+) ([0-9a-f]+)\]", text, re.MULTILINE):
@@ -213,14 +209,14 @@ def test_descriptors_are_listed_at_the_exit(machine, put_calls):
     assert "3\t/dev/null" in listed and "4\t/dev/zero" in listed
 
 
-def test_numbers_without_a_name_give_no_line_but_a_message(machine, put_calls):
+def test_unnamed_numbers_give_a_message_and_no_line(machine, put_calls):
     put_calls([(number, []) for number in UNNAMED])
     lines, _, messages = traced(machine)
     assert [line.split("(")[0] for line in lines] == ["getpid", "getpid", "exit"]
     assert messages == "strace_dec_syscall: Unexpected length: -1\n" * (2 * len(UNNAMED))
 
 
-def test_signals_have_the_target_s_numbers_and_names(machine, put_calls):
+def test_signals_have_the_targets_numbers_and_names(machine, put_calls):
     put_calls([(4037, [0, number]) for number in SIGNALS])
     lines, text, _ = traced(machine)
     assert re.findall(r"\n\[\d+ calls\] ---  SIGNAL (\d+ \w+) ---\n\n", text) == [
@@ -236,7 +232,7 @@ def test_death_by_a_signal_ends_the_trace(machine, put_calls):
     assert "exit(3)" not in text
 
 
-def test_listing_of_a_folder_is_traced(machine):
+def test_ls_is_traced(machine):
     done = machine.run("tstrace ls -l /")
     assert done.status == 0
     text = done.out.decode()
@@ -245,7 +241,7 @@ def test_listing_of_a_folder_is_traced(machine):
     assert text.count("] exit_group(0)\n") == 1
 
 
-def test_service_goes_on_after_its_trace(machine):
+def test_process_continues_after_its_trace(machine):
     script = """
         sleep 1000 & child=$!
         tstrace -p $child > /tmp/out & tracer=$!
@@ -257,7 +253,7 @@ def test_service_goes_on_after_its_trace(machine):
     assert machine.check(script, timeout=30).decode().split() == ["State:", "S", "(sleeping)", "TracerPid:", "0"]
 
 
-def test_threads_of_the_kernel_are_left_out(machine):
+def test_kernel_threads_are_skipped(machine):
     script = """
         for thread in 2 3; do [ ! -e /proc/$thread/exe ] && [ -d /proc/$thread ] || exit 9; done
         tstrace -p 2 -p 3

@@ -7,16 +7,12 @@ one processor is the other program's meanwhile.
 
 import dataclasses
 import functools
-import pathlib
-import sys
 import xml.etree.ElementTree
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "board"))
-
-import board as emulated  # noqa: E402
+import board as emulated
+from support.under_test import ROOT
 
 BUILD = ROOT / "build/mipsel"
 PROGRAM_LIMIT = 1200  # seconds, beside another one; a program is killed then

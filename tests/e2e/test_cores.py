@@ -8,11 +8,13 @@ import types
 
 import pytest
 
-from zarvo_e2e import (
-    BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, CORE_HEAD, OFF, ON, PATIENCE, PLAIN_HEAD,
-    Daemon, Log, assert_compressed_whole, assert_whole, body_of, children_of, log_error, process_stat,
-    require_sandbox, split_tar, wait_for, when_free,
-)  # fmt: skip
+from support.answers import BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, CORE_HEAD, PLAIN_HEAD, body_of
+from support.archives import assert_whole, split_tar
+from support.daemon import OFF, ON, Daemon, when_free
+from support.processes import children_of, process_stat
+from support.processes import has_command_line
+from support.system_log import Log, log_error
+from support.waiting import PATIENCE, wait_for
 
 NEEDS_SANDBOX = True
 
@@ -20,21 +22,24 @@ MEBI = 1 << 20
 
 
 def line(length, pids="", size=None):
-    """A control line; `size` is its length with the newline."""
+    """A control line. `size`: its length with the newline."""
     text = f"Core of:{length} bytes; and covered: {pids}"
     return text + "x" * (size - 1 - len(text) if size else 0) + "\n"
 
 
 def say(text):
+    """A shell command that writes to standard error."""
     return f"printf '%s' '{text}' >&2\n"
 
 
 def write(text):
+    """A shell command that writes to standard output."""
     return f"printf '%s' '{text}'\n"
 
 
-def fill(size, where=""):
-    return f"head -c {size} /dev/zero {where}\n"
+def fill(size, redirection=""):
+    """A shell command that writes zero bytes."""
+    return f"head -c {size} /dev/zero {redirection}\n"
 
 
 GOOD = say(line(4)) + write("core")
@@ -42,7 +47,7 @@ NONE = say(line(0) + "nothing to dump")
 
 
 class Victims:
-    """Sleeping processes, and a dumper that does for each what it is told."""
+    """Sleeping processes, and a dumper that runs a script for each of them."""
 
     def __init__(self, folder):
         self.folder = folder / "victims"
@@ -53,10 +58,9 @@ class Victims:
         self.sleepers = {}
 
     def add(self, name, script):
-        """A process called `name`, for which the dumper runs `script`; returns its pid."""
+        """Starts a process called `name`, for which the dumper runs `script`. Returns its pid."""
         sleeper = subprocess.Popen([f"/zarvo-test/{name}", "1000"], executable="/bin/sleep")
-        # Popen returns when the descriptors for exec are closed, a moment before the new command line is there.
-        wait_for(lambda: name.encode() in pathlib.Path(f"/proc/{sleeper.pid}/cmdline").read_bytes(), "named")
+        wait_for(lambda: has_command_line(sleeper.pid), "command line")
         self.sleepers[name] = sleeper
         self.also_dumps(sleeper.pid, script)
         return sleeper.pid
@@ -77,7 +81,7 @@ class Victims:
         return {process_stat(sleeper.pid)[0] for sleeper in self.sleepers.values()}
 
     def wait_asleep(self):
-        """One that has just been let go may still be on its way back to sleep."""
+        """A process that has just been detached may not be asleep again yet."""
         wait_for(lambda: self.states() <= {"S"}, self.states)
 
     def end(self):
@@ -87,7 +91,7 @@ class Victims:
 
 
 @pytest.fixture
-def victims(here, tmp_path):
+def victims(clean_sandbox, tmp_path):
     made = Victims(tmp_path)
     yield made
     made.end()
@@ -95,16 +99,16 @@ def victims(here, tmp_path):
 
 @pytest.fixture
 def dumping(victims, start):
-    """A daemon with the victims' dumper, of which nothing may be left in the end."""
+    """A daemon with the victims' dumper. It must be idle at the end."""
     daemon = start("-p", victims.dumper)
-    rest = daemon.rest()
+    idle = daemon.idle_state()
     yield daemon
-    daemon.wait_for_rest(rest)
+    daemon.wait_until_idle(idle)
     victims.wait_asleep()
 
 
 def archive_of(daemon, path=b"/x/debug.tar"):
-    """The whole stream, and what the daemon said while it was made."""
+    """The stream, and what the daemon wrote to standard error meanwhile."""
     before = len(daemon.said())
     answer = daemon.answer(path)
     compressed = path.endswith(b"tgz")
@@ -114,7 +118,7 @@ def archive_of(daemon, path=b"/x/debug.tar"):
 
 
 def cores_in(members):
-    """{name: data} of the members that come from dumps."""
+    """{name: data} of the members that the dumps have made."""
     return {member.name: member.data for member in members if member.name.endswith(("/core", "/fdmap"))}
 
 
@@ -122,8 +126,8 @@ def core_request(pid):
     return b"cmd=coredump&pid=" + str(pid).encode()
 
 
-# What the dumper does, what is stored (None: nothing; else the core, and whether a map follows), and what the
-# daemon says of it, PID standing for the pid.
+# What the dumper does, the core that is stored (None: none), whether a map of descriptors follows it, and what the
+# daemon writes to standard error. PID stands for the pid.
 FAILED = "dump_one: failed dumping pid=PID\n"
 ERROR = "dump error for pid PID"
 TOO_LONG = (
@@ -155,25 +159,24 @@ CASES = {
 
 
 @pytest.fixture(scope="module")
-def taken(tmp_path_factory):
-    """One archive of a machine with a victim for each case and some that are covered by others' dumps."""
-    require_sandbox()
+def taken(sandbox, tmp_path_factory):
+    """An archive with a victim for each case, and some victims that other dumps cover."""
     folder = tmp_path_factory.mktemp("cases")
     victims = Victims(folder)
     for name, (script, *_) in CASES.items():
         victims.add(name, script)
     for name in ("later-1", "later-2", "later-3"):
         victims.add(name, GOOD)
-    # Pids are given and listed in rising order: these come after the one that covers them.
+    # Processes are dumped in the order of their pids, so these come after the one that covers them.
     covered = "{} x{},{}".format(*(victims.pid(f"later-{number}") for number in (1, 2, 3)))
     victims.also_dumps(victims.pid("good"), say(line(4, covered)) + write("core"))
     daemon = Daemon(folder / "daemon", "-p", victims.dumper)
     try:
-        rest = daemon.rest()
+        idle = daemon.idle_state()
         stream, said = archive_of(daemon)
-        daemon.wait_for_rest(rest)
+        daemon.wait_until_idle(idle)
         compressed, _ = archive_of(daemon, b"/x/debug.tgz")
-        daemon.wait_for_rest(rest)
+        daemon.wait_until_idle(idle)
         victims.wait_asleep()
         states = victims.states()
     finally:
@@ -185,7 +188,7 @@ def taken(tmp_path_factory):
     )  # fmt: skip
 
 
-def test_archive_with_cores_is_whole(taken):
+def test_archive_with_cores_is_complete(taken):
     assert_whole(taken.stream)
     assert_whole(taken.compressed)
 
@@ -199,7 +202,7 @@ def test_compressed_archive_has_the_same_cores(taken):
 
 
 @pytest.mark.parametrize("name", CASES)
-def test_core_is_stored_as_the_dumper_gives_it(taken, name):
+def test_core_is_stored_as_the_dumper_writes_it(taken, name):
     _, core, with_map, said = CASES[name]
     stored = cores_in(taken.members)
     assert stored.get(taken.victims.core(name)) == core
@@ -207,7 +210,7 @@ def test_core_is_stored_as_the_dumper_gives_it(taken, name):
     assert said.replace("PID", str(taken.victims.pid(name))) in taken.said
 
 
-def test_daemon_says_nothing_else_of_the_dumps(taken):
+def test_daemon_writes_nothing_else_about_the_dumps(taken):
     expected = "".join(
         said.replace("PID", str(taken.victims.pid(name))) for name, (*_, said) in CASES.items()
     )
@@ -217,7 +220,7 @@ def test_daemon_says_nothing_else_of_the_dumps(taken):
 
 def test_covered_processes_are_not_dumped_again(taken):
     names = {member.name.partition(".")[0] for member in taken.members if member.name.endswith("/core")}
-    # "x" is passed over; of "B,C" without a blank only as many numbers are read as there are blanks.
+    # "x" is skipped. Only as many numbers are read as there are blanks, so "B,C" counts as one.
     assert "later-1" not in names and "later-2" not in names
     assert "later-3" in names
 
@@ -235,11 +238,11 @@ def test_map_follows_its_core(taken):
             assert names[names.index(name) - 1] == name.replace("/fdmap", "/core")
 
 
-def test_processes_sleep_on(taken):
+def test_dumped_processes_are_asleep_again(taken):
     assert taken.states == {"S"}
 
 
-def test_without_a_dumper_the_archive_is_whole_and_has_no_cores(start, victims):
+def test_archive_without_a_dumper_is_complete_and_has_no_cores(start, victims):
     daemon = start("-p", "/nonexistent/dumper")
     pid = victims.add("victim", "")
     stream, said = archive_of(daemon)
@@ -249,13 +252,13 @@ def test_without_a_dumper_the_archive_is_whole_and_has_no_cores(start, victims):
 
 
 def core_and_rest(stream, victims, name):
-    """The core of one victim in a whole archive, and the names of the members after it."""
+    """The core of one victim in a complete archive, and the names of the members after it."""
     members = assert_whole(stream)
     at = [member.name for member in members].index(victims.core(name))
     return members[at].data, [member.name for member in members[at + 1 :]]
 
 
-def test_short_core_is_filled_with_zeros(dumping, victims):
+def test_short_core_is_padded_with_zeros(dumping, victims):
     pid = victims.add("short", say(line(1000)) + fill(600, "| tr '\\0' c") + say("sorry"))
     stream, said = archive_of(dumping)
     assert said.endswith(f"WARNING: err=600 clen=1000 pid={pid}\nsorry")
@@ -264,7 +267,7 @@ def test_short_core_is_filled_with_zeros(dumping, victims):
     assert after == [victims.fdmap("short")]
 
 
-def test_long_core_is_cut(dumping, victims):
+def test_long_core_is_truncated(dumping, victims):
     pid = victims.add("long", say(line(4)) + write("corerest"))
     stream, said = archive_of(dumping)
     assert said.endswith(f"WARNING: err=8 clen=4 pid={pid}\n")
@@ -272,7 +275,7 @@ def test_long_core_is_cut(dumping, victims):
 
 
 @pytest.mark.parametrize("tool", ["tar", "bsdtar"])
-def test_dumper_that_dies_within_its_core_costs_no_other_member(dumping, victims, tool, tmp_path):
+def test_dumper_that_dies_within_its_core_affects_no_other_member(dumping, victims, tool, tmp_path):
     pid = victims.add("dying", say(line(143360)) + fill(50001, "| tr '\\0' c") + say("help\n") + "kill -9 $$")
     victims.add("later", GOOD)
     stream, said = archive_of(dumping)
@@ -286,9 +289,8 @@ def test_dumper_that_dies_within_its_core_costs_no_other_member(dumping, victims
 
 
 @pytest.mark.parametrize("tool", ["tar", "bsdtar"])
-def test_programs_with_long_names_cost_no_other_member(dumping, victims, tool, tmp_path):
-    # Lengths for which a name of more than 100 bytes would be cut within the pid, before the last part, and
-    # within it.
+def test_programs_with_long_names_affect_no_other_member(dumping, victims, tool, tmp_path):
+    # A member name of more than 100 bytes would be cut: within the pid, before its last part, or within that.
     names = ["n" * length for length in (60, 64, 65, 66, 67, 68, 70, 79)]
     for name in names:
         victims.add(name, GOOD)
@@ -297,26 +299,26 @@ def test_programs_with_long_names_cost_no_other_member(dumping, victims, tool, t
     stored = [member.name for member in members if member.name.endswith(("/core", "/fdmap"))]
     expected = []
     for name in names:
-        folders = {one.rsplit("/", 1)[0] for one in stored if f".{victims.pid(name)}/" in one}
+        folders = {member.rsplit("/", 1)[0] for member in stored if f".{victims.pid(name)}/" in member}
         assert len(folders) == 1, name
         assert name.startswith(next(iter(folders)).split(".")[0])
         expected += [f"{next(iter(folders))}/core", f"{next(iter(folders))}/fdmap"]
     assert stored == expected
     (tmp_path / "archive.tar").write_bytes(stream)
     listed = subprocess.run([tool, "-tf", tmp_path / "archive.tar"], capture_output=True, text=True, check=True)
-    seen = [path.split("/", 1)[1] for path in listed.stdout.splitlines()]
-    assert [name for name in seen if name.endswith(("/core", "/fdmap"))] == expected
+    shown = [path.split("/", 1)[1] for path in listed.stdout.splitlines()]
+    assert [name for name in shown if name.endswith(("/core", "/fdmap"))] == expected
 
 
 @pytest.mark.parametrize("path", [b"/x/debug.tar", b"/x/debug.tgz"])
-def test_browser_that_leaves_within_a_core_ends_the_archive(dumping, victims, path):
+def test_archive_ends_when_its_browser_leaves_within_a_core(dumping, victims, path):
     noise = "head -c 30000000 /dev/urandom\n"
     first = victims.add("first", say(line(30000000)) + say("why\n") + noise)
     second = victims.add("second", GOOD)
     head = COMPRESSED_HEAD if path.endswith(b"tgz") else PLAIN_HEAD
-    browser = dumping.ask(path, room=4096)
+    browser = dumping.ask(path, buffer_size=4096)
     assert browser.read(len(head)) == head
-    # Everything before the cores is far smaller than this.
+    # All members before the cores are far smaller than this.
     browser.read(12 * MEBI)
     browser.close()
     wait_for(lambda: dumping.switches() == OFF + ON, dumping.switches, 4 * PATIENCE)
@@ -362,7 +364,7 @@ def test_single_core_of_a_dumper_that_fails_is_empty(dumping, victims, script):
     ],
     ids=["none", "late", "status", "signal"],
 )
-def test_reason_for_an_empty_core_is_in_the_log(dumping, victims, script, reason):
+def test_reason_for_an_empty_core_is_logged(dumping, victims, script, reason):
     pid = victims.add("single", "")
     victims.also_dumps(pid, script.replace("PID", str(pid)))
     log = Log()
@@ -370,54 +372,54 @@ def test_reason_for_an_empty_core_is_in_the_log(dumping, victims, script, reason
     assert log.wait(1) == [log_error(dumping.pid, f"No core of pid {pid}: " + reason.replace("PID", str(pid)))]
 
 
-def test_reason_for_a_core_that_is_cut_short_is_in_the_log(dumping, victims):
+def test_reason_for_a_truncated_core_is_logged(dumping, victims):
     pid = victims.add("single", write("part") + say("ran out of memory\n") + "exit 1")
     log = Log()
     assert dumping.answer(b"/x", core_request(pid)) == CORE_HEAD + b"part"
     assert log.wait(1) == [log_error(dumping.pid, f"Core of pid {pid} is not complete: ran out of memory")]
 
 
-def test_reason_for_an_empty_core_of_the_daemon_itself_is_in_the_log(dumping, victims):
+def test_reason_for_an_empty_core_of_the_daemon_itself_is_logged(dumping, victims):
     victims.also_dumps(dumping.pid, say("no memory\n"))
     log = Log()
     assert dumping.answer(b"/x", core_request(dumping.pid)) == CORE_HEAD
     assert log.wait(1) == [log_error(dumping.pid, f"No core of pid {dumping.pid}: no memory")]
 
 
-def test_good_cores_and_leaving_browsers_are_not_logged(dumping, victims):
+def test_complete_cores_and_leaving_browsers_are_not_logged(dumping, victims):
     pid = victims.add("single", fill(20 * MEBI))
     log = Log()
-    browser = dumping.ask(b"/x", core_request(pid), room=4096)
+    browser = dumping.ask(b"/x", core_request(pid), buffer_size=4096)
     assert browser.read(len(CORE_HEAD) + 5000) == CORE_HEAD + bytes(5000)
     browser.close()
     assert dumping.answer(b"/x", core_request(pid)) == CORE_HEAD + bytes(20 * MEBI)
     assert log.lines() == []
 
 
-def test_single_core_of_nobody_starts_no_dumper(dumping, victims):
-    assert dumping.answer(b"/x", core_request("nobody-here")) == BAD_REQUEST
+def test_single_core_of_an_unknown_name_starts_no_dumper(dumping, victims):
+    assert dumping.answer(b"/x", core_request("no-such-name")) == BAD_REQUEST
     assert dumping.said() == ""
 
 
 def test_single_core_is_dropped_when_its_browser_leaves(dumping, victims):
     pid = victims.add("single", fill(20 * MEBI))
-    browser = dumping.ask(b"/x", core_request(pid), room=4096)
+    browser = dumping.ask(b"/x", core_request(pid), buffer_size=4096)
     assert browser.read(len(CORE_HEAD) + 5000) == CORE_HEAD + bytes(5000)
     browser.close()
     dumping.sync()
     assert children_of(dumping.pid) == []
 
 
-def test_daemon_dumps_itself_though_it_is_stopped_meanwhile(dumping, victims):
+def test_daemon_dumps_itself_although_it_is_stopped_meanwhile(dumping, victims):
     size = 3_000_000
     victims.also_dumps(dumping.pid, f"kill -STOP $3\n{fill(size)}kill -CONT $3\n")
-    waiting = dumping.wait_as()
+    waiting = dumping.waiting_browser()
     assert dumping.answer(b"/x", core_request(dumping.pid)) == CORE_HEAD + bytes(size)
     dumping.push(b"pushed")
     assert waiting.read_all() == CORE_HEAD + b"pushed"
 
 
-def test_single_core_asked_for_while_an_archive_dumps_is_the_right_process(dumping, victims):
+def test_single_core_during_an_archives_dumps_is_of_the_right_process(dumping, victims):
     gate = victims.folder / "gate"
     slow = f"while [ ! -e {gate} ]; do sleep 0.05; done\n"
     first = victims.add("first", f"{say(line(20))}{write('1234567890')}{slow}{write('1234567890')}")
@@ -425,7 +427,7 @@ def test_single_core_asked_for_while_an_archive_dumps_is_the_right_process(dumpi
     other = victims.add("other", announce + 'printf "%s" "$3"')
     archive = dumping.ask(b"/x/debug.tar")
 
-    def dumper_waits():
+    def is_dumping_first():
         commands = [pathlib.Path(f"/proc/{pid}/cmdline") for pid, _ in children_of(dumping.pid)]
         with contextlib.suppress(FileNotFoundError, ProcessLookupError):
             return any(str(first).encode() in command.read_bytes() for command in commands)
@@ -434,12 +436,12 @@ def test_single_core_asked_for_while_an_archive_dumps_is_the_right_process(dumpi
     assert archive.read(len(PLAIN_HEAD)) == PLAIN_HEAD
     pieces = []
 
-    def in_the_core():
+    def has_reached_first_core():
         pieces.append(archive.near.recv(1 << 16))
         return victims.core("first").encode() in b"".join(pieces[-2:])
 
-    wait_for(in_the_core, "at the first core", 4 * PATIENCE)
-    wait_for(dumper_waits, "dumping the first process")
+    wait_for(has_reached_first_core, "the first core", 4 * PATIENCE)
+    wait_for(is_dumping_first, "dumping the first process")
     for _ in range(3):
         assert dumping.answer(b"/x", core_request(other)) == CORE_HEAD + str(other).encode()
     assert dumping.answer(b"/x/debug.tar") == BUSY_PAGE

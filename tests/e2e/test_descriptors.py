@@ -1,4 +1,4 @@
-"""No descriptor reaches a child that has no business with it."""
+"""Children of the daemon inherit only the descriptors that they need."""
 
 import os
 import pathlib
@@ -6,20 +6,20 @@ import threading
 
 import pytest
 
-from zarvo_e2e import (
-    BUSY_PAGE, COMPRESSED_HEAD, CORE_HEAD, PLAIN_HEAD, PS_HEAD, assert_compressed_whole, assert_whole,
-    body_of, children_of, descriptors_of, program_of, wait_for,
-)  # fmt: skip
+from support.answers import BUSY_PAGE, COMPRESSED_HEAD, CORE_HEAD, PLAIN_HEAD, PS_HEAD, body_of
+from support.archives import assert_compressed_whole, assert_whole
+from support.connections import SMALL_BUFFER
+from support.processes import children_of, descriptors_of, program_of
+from support.waiting import wait_for
 
 NEEDS_SANDBOX = True
 
-ROOM = 4096
 REPORT = pathlib.Path("/usr/sbin/gen_serverreport.sh")
 
 
 @pytest.fixture
-def slow_report(here, tmp_path):
-    """The server report's program replaced by one that waits: opening the returned FIFO lets it go on."""
+def slow_report(clean_sandbox, tmp_path):
+    """Replaces the server report's program by one that waits until a line is written to the returned FIFO."""
     fifo = tmp_path / "fifo"
     os.mkfifo(fifo)
     original = REPORT.read_bytes()
@@ -39,8 +39,8 @@ def only_child(daemon):
 
 
 def stalled_archive(daemon):
-    """A compressed archive whose browser has read the head and no more."""
-    browser = daemon.ask(b"/x/debug.tgz", room=ROOM)
+    """A compressed archive whose browser has read only the head."""
+    browser = daemon.ask(b"/x/debug.tgz", buffer_size=SMALL_BUFFER)
     assert browser.read(len(COMPRESSED_HEAD)) == COMPRESSED_HEAD
     assert daemon.answer(b"/x/debug.tgz") == BUSY_PAGE
     return browser
@@ -50,7 +50,7 @@ def finish(browser):
     assert_compressed_whole(browser.read_all())
 
 
-def test_compressor_holds_only_its_pipe_its_browser_and_standard_error(daemon):
+def test_compressor_has_only_its_pipe_its_browser_and_standard_error(daemon):
     archive = stalled_archive(daemon)
     compressor = only_child(daemon)
     wait_for(lambda: set(descriptors_of(compressor)) == {0, 1, 2}, lambda: descriptors_of(compressor))
@@ -60,7 +60,7 @@ def test_compressor_holds_only_its_pipe_its_browser_and_standard_error(daemon):
 
 
 def test_download_that_began_before_the_archive_ends_while_the_compressor_runs(daemon):
-    waiting = daemon.wait_as()
+    waiting = daemon.waiting_browser()
     archive = stalled_archive(daemon)
     compressor = only_child(daemon)
     daemon.push(b"core")
@@ -79,20 +79,20 @@ def test_download_that_began_during_the_archive_ends_while_the_compressor_runs(d
     finish(archive)
 
 
-def test_archive_itself_ends_for_its_browser_only_when_it_is_whole(daemon):
+def test_waiting_browser_does_not_keep_an_archive_open(daemon):
     archive = stalled_archive(daemon)
-    waiting = daemon.wait_as()  # would keep nothing of the archive's open either
+    waiting = daemon.waiting_browser()  # it must not keep the archive's connection open either
     finish(archive)
     waiting.close()
 
 
-def test_report_program_holds_only_its_standard_streams(daemon, slow_report):
-    waiting = daemon.wait_as()
+def test_report_program_has_only_its_standard_streams(daemon, slow_report):
+    waiting = daemon.waiting_browser()
     archive = daemon.ask(b"/x/debug.tar")
     answers = []
     reader = threading.Thread(target=lambda: answers.append(archive.read_all()))
     reader.start()
-    reporter = wait_for(lambda: find_program(daemon, "sh"), "the report's program")
+    reporter = wait_for(lambda: shell_of(daemon), "the report's program")
     wait_for(lambda: set(inherited_by(reporter)) == {0, 1, 2}, lambda: inherited_by(reporter))
     links = inherited_by(reporter)
     assert links[0] == "/dev/null"
@@ -101,21 +101,21 @@ def test_report_program_holds_only_its_standard_streams(daemon, slow_report):
     assert waiting.read_all() == CORE_HEAD + b"core"
     assert body_of(daemon.answer(b"/x", b"cmd=ps"), PS_HEAD) != b""
     assert program_of(reporter) != ""
-    slow_report.write_text("go on\n")
+    slow_report.write_text("continue\n")
     reader.join()
     members = assert_whole(body_of(answers[0], PLAIN_HEAD))
     assert [member.data for member in members if member.name == "serverreport.txt"] == [b"reported\n"]
 
 
 def inherited_by(shell):
-    """What a shell has open, without the script that it opened itself."""
+    """The open descriptors of a shell, without the script that it has opened itself."""
     return {fd: link for fd, link in descriptors_of(shell).items() if link != str(REPORT)}
 
 
-def find_program(daemon, name):
-    """The child that runs the shell, found once it has replaced the daemon's image."""
+def shell_of(daemon):
+    """The pid of the child that runs a shell, or None before its exec."""
     for pid, _ in children_of(daemon.pid):
-        if os.path.basename(program_of(pid)) in (name, "dash", "bash"):
+        if os.path.basename(program_of(pid)) in ("sh", "dash", "bash"):
             return pid
     return None
 
@@ -126,8 +126,8 @@ def test_programs_get_an_empty_environment(start, slow_report):
     answers = []
     reader = threading.Thread(target=lambda: answers.append(archive.read_all()))
     reader.start()
-    reporter = wait_for(lambda: find_program(daemon, "sh"), "the report's program")
+    reporter = wait_for(lambda: shell_of(daemon), "the report's program")
     assert pathlib.Path(f"/proc/{reporter}/environ").read_bytes() == b""
-    slow_report.write_text("go on\n")
+    slow_report.write_text("continue\n")
     reader.join()
     assert_whole(body_of(answers[0], PLAIN_HEAD))

@@ -1,4 +1,4 @@
-"""debugar.cgi -d: one archive onto standard output; and what its command line answers."""
+"""debugar.cgi -d, which writes one archive to standard output, and the help."""
 
 import os
 import resource
@@ -7,66 +7,52 @@ import subprocess
 
 import pytest
 
-from zarvo_e2e import (
-    DAEMON, OFF, ON, PATIENCE, archive_number, assert_compressed_whole, assert_whole, require_sandbox,
-    temporary_leftovers, wait_for, without_leak_check,
-)  # fmt: skip
+from support.answers import HELP
+from support.archives import archive_number, assert_compressed_whole, assert_whole
+from support.daemon import OFF, ON, temporary_leftovers
+from support.under_test import DAEMON, without_leak_check
+from support.waiting import PATIENCE, wait_for
 
 NEEDS_SANDBOX = True
 
-HELP = (
-    "dbg-cgi 0.1\ndbg-cgi [options] [pids...]\n\n"
-    "-d\tdump tar archive with core-files for pids to stdout.\n"
-    "-t\tonly tar the archive.\n"
-    "-i\tignore pid\n"
-    "-p\tprogram to create coredumps [/usr/bin/dcore]\n"
-    "-c\tcgi control socket name [/var/run/dbg-cgi/ctrl-cgi-socket]\n"
-    "-s\tsegfault control socket name [/var/run/dbg-cgi/ctrl-segf-socket]\n"
-    "-h\thelp\n"
-)
 REFUSAL = "service supervision refuses on request of HOLLISK_FAIL_COUNT"
 
-pytestmark = pytest.mark.usefixtures("sandbox")
-
-
-@pytest.fixture
-def sandbox():
-    require_sandbox()
+pytestmark = pytest.mark.usefixtures("clean_sandbox")
 
 
 def run(*words, **how):
     return subprocess.run([DAEMON, *words], stdin=subprocess.DEVNULL, timeout=4 * PATIENCE, **how)
 
 
-def state_lines(stderr):
+def watchdog_lines(stderr):
     return [line for line in stderr.decode().splitlines(keepends=True) if "service watchdogs state" in line]
 
 
-def test_archive_on_a_pipe_is_compressed_and_whole():
+def test_archive_on_a_pipe_is_compressed_and_complete():
     done = run("-d", capture_output=True)
     assert done.returncode == 0
     assert archive_number(assert_compressed_whole(done.stdout)) == 0
-    assert state_lines(done.stderr) == [OFF, ON]
+    assert watchdog_lines(done.stderr) == [OFF, ON]
 
 
-def test_archive_with_t_is_plain_and_whole():
+def test_archive_with_t_is_plain_and_complete():
     done = run("-d", "-t", capture_output=True)
     assert done.returncode == 0
     assert archive_number(assert_whole(done.stdout)) == 0
-    assert state_lines(done.stderr) == [OFF, ON]
+    assert watchdog_lines(done.stderr) == [OFF, ON]
 
 
 @pytest.mark.parametrize("words, check", [(["-d"], assert_compressed_whole), (["-dt"], assert_whole)])
-def test_archive_in_a_file_is_whole(tmp_path, words, check):
+def test_archive_in_a_file_is_complete(tmp_path, words, check):
     path = tmp_path / "archive"
     with open(path, "wb") as file:
         done = run(*words, stdout=file, stderr=subprocess.PIPE)
     assert done.returncode == 0
     check(path.read_bytes())
-    assert state_lines(done.stderr) == [OFF, ON]
+    assert watchdog_lines(done.stderr) == [OFF, ON]
 
 
-def test_pids_behind_the_options_are_not_read():
+def test_pids_after_the_options_are_ignored():
     done = run("-d", "-t", "1", "none", capture_output=True)
     assert done.returncode == 0
     assert_whole(done.stdout)
@@ -76,7 +62,7 @@ def incomplete(why):
     return f"debugar.cgi: the archive is not complete: {why}\n"
 
 
-def test_readers_early_end_ends_the_archive_with_the_watchdogs_on():
+def test_archive_ends_with_the_watchdogs_on_when_its_reader_is_gone():
     for words in (["-d"], ["-d", "-t"]):
         process = subprocess.Popen([DAEMON, *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         assert process.stdout.read(100) != b""
@@ -84,22 +70,22 @@ def test_readers_early_end_ends_the_archive_with_the_watchdogs_on():
         assert process.wait(4 * PATIENCE) == 1
         with process.stderr:
             said = process.stderr.read()
-        assert state_lines(said) == [OFF, ON]
+        assert watchdog_lines(said) == [OFF, ON]
         assert said.decode().endswith(incomplete("Broken pipe"))
     wait_for(lambda: temporary_leftovers() == [], temporary_leftovers)
 
 
 @pytest.mark.parametrize("words", [["-d"], ["-d", "-t"]])
-def test_full_disk_does_not_hold_it_up_and_is_an_error(words):
+def test_full_disk_is_an_error(words):
     with open("/dev/full", "wb") as full:
         done = run(*words, stdout=full, stderr=subprocess.PIPE)
     assert done.returncode == 1
-    assert state_lines(done.stderr) == [OFF, ON]
+    assert watchdog_lines(done.stderr) == [OFF, ON]
     assert done.stderr.decode().endswith(incomplete("No space left on device"))
 
 
 @pytest.mark.parametrize("words", [["-d"], ["-d", "-t"]])
-def test_disk_that_is_full_later_leaves_what_is_seen_to_be_broken(words, tmp_path):
+def test_archive_on_a_disk_that_fills_up_is_recognisably_broken(words, tmp_path):
     path = tmp_path / "archive"
     size = 20000
 
@@ -139,12 +125,12 @@ def test_missing_descriptors_are_an_error(descriptors, tmp_path):
     assert path.read_bytes() == b""
 
 
-def test_refused_switch_off_is_reported_and_switch_on_is_repeated():
+def test_failed_switch_off_is_reported_and_switch_on_is_repeated():
     done = run("-d", "-t", capture_output=True, env=dict(os.environ, HOLLISK_FAIL_COUNT="3"))
     assert done.returncode == 0
     assert_whole(done.stdout)
     failed = "Error setting service watchdogs state '%s': " + REFUSAL + "\n"
-    assert state_lines(done.stderr) == [OFF, failed % "no", ON, failed % "yes", ON, failed % "yes", ON]
+    assert watchdog_lines(done.stderr) == [OFF, failed % "no", ON, failed % "yes", ON, failed % "yes", ON]
 
 
 @pytest.mark.parametrize("words", [["-h"], ["-x"], ["-c"], ["-d", "-h"]])

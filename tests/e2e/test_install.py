@@ -1,4 +1,4 @@
-"""What `cmake --install` and cpack put where: exact lists of files, and the installed programs at work."""
+"""What `cmake --install` and cpack install: the exact lists of files, and that the installed programs run."""
 
 import gzip
 import os
@@ -13,10 +13,13 @@ import tarfile
 
 import pytest
 
-from zarvo_e2e import (
-    BIN, COMPRESSED_HEAD, PATIENCE, ROOT, Daemon, assert_compressed_whole, body_of, http_get, in_mount_namespace,
-    wait_for,
-)  # fmt: skip
+from support.answers import COMPRESSED_HEAD, body_of
+from support.archives import assert_compressed_whole
+from support.daemon import Daemon
+from support.processes import in_mount_namespace
+from support.under_test import BIN, ROOT
+from support.waiting import PATIENCE, wait_for
+from support.web import http_get
 
 NEEDS_SANDBOX = True
 
@@ -33,7 +36,7 @@ FOLDER, PROGRAM, PLAIN, LINK = "drwxr-xr-x", "-rwxr-xr-x", "-rw-r--r--", "-> zar
 
 
 def listing(applets, tools=frozenset(), standins=frozenset()):
-    """What has to be below the root folder: paths, and what is there."""
+    """{path: kind} of everything that has to be below the root folder."""
     found = {f"usr/bin/{name}": LINK for name in applets}
     found |= {f"usr/bin/{name}": PROGRAM for name in {"zarvo"} | tools}
     found |= {f"usr/lib/zarvo/{name}": PLAIN for name in standins}
@@ -45,7 +48,7 @@ def listing(applets, tools=frozenset(), standins=frozenset()):
 
 
 def below(root):
-    """What is below a folder, in the words of listing()."""
+    """{path: kind} of everything below a folder, as in listing()."""
     found = {}
     for path in root.rglob("*"):
         mode = path.lstat().st_mode
@@ -94,7 +97,7 @@ def unpacked(debian, tmp_path_factory):
 @pytest.fixture(scope="module")
 def device_build():
     if not (DEVICE / "man" / "zarvo.1.gz").exists():
-        pytest.skip("there is no whole build/mipsel")
+        pytest.skip("needs a complete build/mipsel (cmake --build --preset mipsel)")
     return DEVICE
 
 
@@ -112,7 +115,7 @@ def assert_stripped(*programs):
 # A development machine.
 
 
-def test_installs_programs_links_pages_and_standins(installed):
+def test_programs_links_manual_pages_and_standins_are_installed(installed):
     assert below(installed) == listing(APPLETS, TOOLS, STANDINS)
 
 
@@ -121,16 +124,16 @@ def test_installed_programs_are_stripped(installed):
     assert_stripped(*programs, *(installed / "usr/lib/zarvo").iterdir())
 
 
-def test_programs_of_the_build_keep_their_symbols(installed):
+def test_programs_in_the_build_folder_keep_their_symbols(installed):
     assert {".symtab", ".debug_info"} <= section_names(BIN / "zarvo")
 
 
-def test_installed_pages_are_the_trees_own(installed):
+def test_installed_manual_pages_are_those_of_the_tree(installed):
     for page in (installed / "usr/share/man/man1").iterdir():
         assert gzip.decompress(page.read_bytes()) == (ROOT / "man" / page.stem).read_bytes()
 
 
-def test_installed_programs_find_the_standins_beside_them(installed):
+def test_installed_programs_use_the_installed_standins(installed):
     for name in ("zarvo", "webfront"):
         loaded = run("ldd", installed / "usr/bin" / name)
         found = re.findall(r"=> (\S+/lib/zarvo/\S+) ", loaded)
@@ -138,8 +141,8 @@ def test_installed_programs_find_the_standins_beside_them(installed):
         assert "not found" not in loaded
 
 
-# Each installed name with arguments that let it come to an end at once: status, and what it says.
-SAYS = [
+# Each installed program with arguments that end it at once: its status, and a part of its output.
+CALLS = [
     (["tstrace"], 0, "USAGE: tstrace "),
     (["stopper"], 0, "USAGE: stopper "),
     (["pcapdump"], 1, "USAGE: pcapdump "),
@@ -152,23 +155,23 @@ SAYS = [
     (["rtraceview", "--help"], 0, "usage: rtraceview "),
     (["tstrace", "/bin/true"], 0, "] exit_group(0)\n"),
     (["segfault"], -signal.SIGSEGV, ""),
-    (["coredump-handler"], 1, ""),  # nobody waits for a core here
+    (["coredump-handler"], 1, ""),  # no daemon is running
 ]
 
 
-@pytest.mark.parametrize("words, status, part", SAYS, ids=[" ".join(words) for words, _, _ in SAYS])
+@pytest.mark.parametrize("words, status, part", CALLS, ids=[" ".join(words) for words, _, _ in CALLS])
 def test_installed_program_works(installed, words, status, part):
     said = run(installed / "usr/bin" / words[0], *words[1:], status=status, stdin=subprocess.DEVNULL)
     assert part in said
 
 
-def test_installed_leak_leaks(installed):
+def test_installed_fdleak_leaks(installed):
     limit = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))  # noqa: E731
     assert "leaked 48\n" in run(installed / "usr/bin/fdleak", preexec_fn=limit)
 
 
 def first_line_of(words, ending):
-    """The first line that a program says; then it gets the signal, with all that it has started."""
+    """The first line of a program's output. After it, the signal goes to its process group."""
     with subprocess.Popen(words, stdout=subprocess.PIPE, start_new_session=True) as program:
         line = program.stdout.readline()
         os.killpg(program.pid, ending)
@@ -182,7 +185,7 @@ def test_installed_fork_bomb_forks(installed):
 
 
 def test_installed_monitor_watches(installed, tmp_path):
-    # It writes to /tmp, which is the machine's: it gets one of its own, below which nothing of ours is.
+    # mon writes to /tmp, so it gets its own. That hides the installed files, which are therefore mounted below /run.
     own_tmp = f"mkdir -p /run/bin; mount --bind {installed}/usr /run/bin; mount -t tmpfs -o mode=1777 none /tmp"
     words = [*in_mount_namespace(own_tmp), "/run/bin/bin/mon", "100000"]
     with subprocess.Popen(words, stderr=subprocess.PIPE, cwd="/") as monitor:
@@ -194,7 +197,7 @@ def test_installed_monitor_watches(installed, tmp_path):
 
 
 def assert_makes_an_archive(root, folder):
-    """The installed daemon behind the installed front."""
+    """The installed daemon and the installed front together make one."""
     daemon = Daemon(folder, "-p", root / "usr/bin/dcore", program=str(root / "usr/bin/debugar.cgi"))
     try:
         words = [root / "usr/bin/webfront", "--port", "0"]
@@ -209,23 +212,23 @@ def assert_makes_an_archive(root, folder):
     assert f"webfront.{front.pid}/core" in names
 
 
-def test_installed_daemon_makes_an_archive(here, installed, tmp_path):
+def test_installed_daemon_makes_an_archive(clean_sandbox, installed, tmp_path):
     assert_makes_an_archive(installed, tmp_path / "daemon")
 
 
 # The Debian package.
 
 
-def test_package_holds_all_but_what_debians_own_programs_are_called(unpacked):
+def test_package_has_all_programs_whose_names_debian_does_not_use(unpacked):
     assert below(unpacked) == listing(DEVICE_APPLETS, TOOLS, STANDINS)
 
 
-def test_package_belongs_to_root(debian):
+def test_files_of_the_package_belong_to_root(debian):
     owners = {line.split()[1] for line in run("dpkg-deb", "-c", debian).splitlines()}
     assert owners == {"root/root"}
 
 
-def test_package_depends_on_what_its_programs_are_linked_with(debian, unpacked):
+def test_package_depends_on_the_libraries_of_its_programs(debian, unpacked):
     depends = run("dpkg-deb", "-f", debian, "Depends")
     assert set(re.findall(r"(\S+) \(", depends)) == {"libc6", "libgcc-s1", "libstdc++6", "zlib1g"}
     needed = set()
@@ -242,32 +245,32 @@ def test_package_has_no_file_of_an_installed_package(unpacked):
     assert owners <= {"zarvo"}, done.stdout
 
 
-def test_packages_daemon_makes_an_archive(here, unpacked, tmp_path):
+def test_daemon_of_the_package_makes_an_archive(clean_sandbox, unpacked, tmp_path):
     assert_makes_an_archive(unpacked, tmp_path / "daemon")
 
 
 # The device.
 
 
-def test_installs_the_toolbox_alone_for_the_device(device_build, tmp_path):
+def test_only_the_toolbox_is_installed_for_the_device(device_build, tmp_path):
     root = install(device_build, tmp_path)
     assert below(root) == listing(APPLETS)
     assert_stripped(root / "usr/bin/zarvo")
 
 
-def test_device_program_looks_for_libraries_where_the_device_has_them(device_build, tmp_path):
+def test_device_program_has_no_library_path(device_build, tmp_path):
     dynamic = run("readelf", "-d", install(device_build, tmp_path) / "usr/bin/zarvo")
     assert "(NEEDED)" in dynamic
     assert not re.search("RPATH|RUNPATH", dynamic)
 
 
-def test_installs_the_devices_tools_when_asked(device_build, tmp_path):
+def test_tools_are_installed_for_the_device_on_request(device_build, tmp_path):
     assert below(install(device_build, tmp_path, "--component", "tools")) == (
         {path: kind for path, kind in listing(set(), TOOLS - {"rtraceview"}).items() if "/zarvo" not in path}
     )
 
 
-def test_tarball_holds_what_is_installed(device_build, tmp_path):
+def test_tarball_has_what_is_installed(device_build, tmp_path):
     package = pack(device_build, tmp_path / "tarball")
     assert re.fullmatch(r"zarvo-[\d.]+-mipsel\.tar\.gz", package.name)
     with tarfile.open(package) as tar:

@@ -6,10 +6,13 @@ import resource
 
 import pytest
 
-from zarvo_e2e import (
-    BAD_REQUEST, CORE_HEAD, PLAIN_HEAD, PS_HEAD, SANITIZE, Browser, assert_whole, body_of,
-    in_mount_namespace, send_message, wait_for,
-)  # fmt: skip
+from support.answers import BAD_REQUEST, CORE_HEAD, PLAIN_HEAD, PS_HEAD, body_of
+from support.archives import assert_whole
+from support.connections import Browser, send_message
+from support.connections import SMALL_BUFFER
+from support.processes import in_mount_namespace
+from support.under_test import SANITIZE
+from support.waiting import wait_for
 
 NEEDS_SANDBOX = True
 
@@ -18,11 +21,11 @@ WANTED = 4096
 
 
 @pytest.fixture(autouse=True)
-def room_for_many():
-    """Descriptors for us; the daemon is started with the usual limit and looks after itself."""
+def many_descriptors():
+    """Raises the limit of this process. The daemon starts with the usual one, and raises it itself."""
     before = resource.getrlimit(resource.RLIMIT_NOFILE)
     if before[1] < WANTED:
-        pytest.skip(f"this machine allows no more than {before[1]} descriptors")
+        pytest.skip(f"needs {WANTED} descriptors; the hard limit is {before[1]}")
     resource.setrlimit(resource.RLIMIT_NOFILE, (before[1], before[1]))
     yield
     resource.setrlimit(resource.RLIMIT_NOFILE, before)
@@ -40,15 +43,15 @@ def test_listener_works_with_descriptors_above_1024(start):
     assert max(daemon.state()["descriptors"]) > 1024
     assert daemon.answer(b"/x", b"cmd=none") == BAD_REQUEST
     assert body_of(daemon.answer(b"/x", b"cmd=ps"), PS_HEAD) != b""
-    with daemon.wait_as() as browser:
+    with daemon.waiting_browser() as browser:
         daemon.push(b"core")
         assert browser.read_all() == CORE_HEAD + b"core"
     assert_whole(body_of(daemon.answer(b"/x/debug.tar"), PLAIN_HEAD))
 
 
 def full_browser():
-    """A browser to which not one more byte can be sent, so that whoever answers it waits."""
-    browser = Browser(room=4096)
+    """A browser whose buffers are full, so a thread that answers it blocks."""
+    browser = Browser(buffer_size=SMALL_BUFFER)
     browser.far.setblocking(False)
     with contextlib.suppress(BlockingIOError):
         while True:
@@ -56,19 +59,19 @@ def full_browser():
     return browser
 
 
-@pytest.mark.skipif(bool(SANITIZE), reason="1100 threads are too much for this build")
+@pytest.mark.skipif(bool(SANITIZE), reason="needs 1100 threads, too many for a sanitizer")
 def test_more_than_1024_downloads_at_once_do_not_break_the_listener(start):
     quick_ps = in_mount_namespace("mount --bind /usr/bin/true /usr/bin/ps")
     daemon = start(before=quick_ps, preexec_fn=with_usual_limit)
-    rest = daemon.rest()
+    idle = daemon.idle_state()
     browsers = [full_browser() for _ in range(MANY)]
     for browser in browsers:
         send_message(daemon.cgi_socket, b"/x\0cmd=ps", [browser.far.fileno()]).close()
         browser.far.close()
     daemon.sync()
-    held = daemon.state()
-    assert len(held["descriptors"]) > MANY and held["threads"] > MANY
-    with daemon.wait_as() as waiting:
+    busy = daemon.state()
+    assert len(busy["descriptors"]) > MANY and busy["threads"] > MANY
+    with daemon.waiting_browser() as waiting:
         daemon.push(b"core")
         assert waiting.read_all() == CORE_HEAD + b"core"
     assert_whole(body_of(daemon.answer(b"/x/debug.tar"), PLAIN_HEAD))
@@ -76,11 +79,11 @@ def test_more_than_1024_downloads_at_once_do_not_break_the_listener(start):
         browser.close()
     for browser in browsers[1::2]:
         assert browser.read_all().endswith(PS_HEAD)
-    daemon.wait_for_rest(rest)
+    daemon.wait_until_idle(idle)
     assert daemon.answer(b"/x", b"cmd=none") == BAD_REQUEST
 
 
-@pytest.mark.skipif(bool(SANITIZE), reason="1100 threads and their children are too much for this build")
+@pytest.mark.skipif(bool(SANITIZE), reason="needs 1100 threads with children, too many for a sanitizer")
 def test_daemon_without_free_descriptors_recovers(start, tmp_path):
     fifo, program = tmp_path / "fifo", tmp_path / "ps"
     os.mkfifo(fifo)
@@ -92,18 +95,16 @@ def test_daemon_without_free_descriptors_recovers(start, tmp_path):
 
     slow_ps = in_mount_namespace(f"mount --bind {program} /usr/bin/ps")
     daemon = start(before=slow_ps, preexec_fn=with_small_limit)
-    rest = daemon.rest()
+    idle = daemon.idle_state()
     browsers = [Browser() for _ in range(100)]
     for browser in browsers:
         send_message(daemon.cgi_socket, b"/x\0cmd=ps", [browser.far.fileno()]).close()
         browser.far.close()
     wait_for(lambda: len(daemon.state()["descriptors"]) >= 59, daemon.state)
-    go_on = os.open(fifo, os.O_RDWR)
-    os.write(go_on, b"\n" * len(browsers))
+    gate = os.open(fifo, os.O_RDWR)
+    os.write(gate, b"\n" * len(browsers))
     for browser in browsers:
-        while browser.near.recv(4096):
-            pass
-        browser.close()
-    daemon.wait_for_rest(rest)
+        browser.read_all()
+    daemon.wait_until_idle(idle)
     assert daemon.answer(b"/x", b"cmd=none") == BAD_REQUEST
-    os.close(go_on)
+    os.close(gate)

@@ -4,6 +4,7 @@ import contextlib
 import os
 import pathlib
 import re
+import resource
 import signal
 import socket
 import subprocess
@@ -12,17 +13,18 @@ import time
 
 import pytest
 
-from zarvo_e2e import (
-    BIN, PATIENCE, PLAIN_HEAD, body_of, children_of, descriptors_of, in_mount_namespace, process_stat,
-    processes, split_tar, wait_for,
-)  # fmt: skip
+from support.answers import PLAIN_HEAD, body_of
+from support.archives import split_tar
+from support.processes import children_of, descriptors_of, in_mount_namespace, process_stat, processes
+from support.under_test import BIN
+from support.waiting import PATIENCE, wait_for
 
 NEEDS_SANDBOX = True
 
 DAEMON_STATUS = pathlib.Path("/var/run/dbg-cgi/dbg-monitor.txt")
 SCHED_IDLE = 5
 NOBODY = 65534
-# mon writes to /tmp, which is the machine's: it gets one of its own, and is started from where that hides nothing.
+# mon writes to /tmp, so it gets its own. That may hide the build folder, which is therefore mounted below /run.
 OWN_TMP = f'mkdir -p /run/built; mount --bind "{BIN.parent}" /run/built; mount -t tmpfs -o mode=1777 none /tmp'
 MON = "/run/built/bin/mon"
 
@@ -52,7 +54,7 @@ class Mon:
         return [match for match in found if match and int(match[1]) == pid]
 
     def report(self):
-        """The status file as it is now; empty when there is none."""
+        """The status file as it is now, or "" if there is none."""
         try:
             return pathlib.Path(f"/proc/{self.pid}/root/tmp/dbg-report.txt").read_text()
         except FileNotFoundError:
@@ -63,7 +65,7 @@ class Mon:
         return int(found[1], 16) if found else 0
 
     def wait_for_rounds(self, count):
-        """Waits until `count` whole rounds have begun and ended."""
+        """Waits until `count` complete rounds have begun and ended."""
         goal = self.round() + count + 1
         wait_for(lambda: self.round() >= goal, lambda: f"round {goal}: {self.said()}")
 
@@ -78,7 +80,7 @@ class Mon:
 
 
 @pytest.fixture
-def mon(here, tmp_path):
+def mon(clean_sandbox, tmp_path):
     started = []
 
     def start_one(*arguments, **how):
@@ -92,7 +94,7 @@ def mon(here, tmp_path):
 
 
 @pytest.fixture
-def run(here):
+def run(clean_sandbox):
     """Starts programs that are killed at the end, with their children."""
     started = []
 
@@ -102,7 +104,7 @@ def run(here):
 
     yield start_one
     for one in started:
-        one.send_signal(signal.SIGSTOP)  # no further child from here on
+        one.send_signal(signal.SIGSTOP)  # no further child from now on
         wait_for(lambda: process_stat(one.pid)[0] in "TZ", "stopped")
         offspring = [child for child, _ in children_of(one.pid)]
         one.kill()
@@ -126,8 +128,8 @@ signal.pause()
 
 
 @pytest.fixture
-def hold(here):
-    """Starts a process that holds descriptors: plain ones, sockets and pipes of two each; returns its pid."""
+def hold(clean_sandbox):
+    """Starts a process that holds descriptors: of files, of sockets, and two for each pipe. Returns its pid."""
     started = []
 
     def start_one(plain=0, sockets=0, pipes=0, name="/x/holder", **how):
@@ -158,7 +160,7 @@ def counts_of(pid):
 
 
 def block_of(report, pid, score):
-    """The triples of a process's block."""
+    """The (descriptors, sockets, pipes) in the block of a process."""
     lines = report.splitlines()
     at = lines.index(f"fdstats for pid={pid} score={score}:")
     found = [HISTORY.fullmatch(line) for line in lines[at + 1 : at + 9]]
@@ -166,7 +168,7 @@ def block_of(report, pid, score):
     return [tuple(map(int, match.groups()[1:])) for match in found]
 
 
-def test_leaking_process_is_reported_each_time_its_score_has_risen_by_more_than_32(mon, run):
+def test_leaking_process_is_reported_whenever_its_score_has_risen_by_more_than_32(mon, run):
     leaker = run([BIN / "fdleak", "1000"], preexec_fn=lambda: limit_descriptors(4096))
     watcher = mon()
     wait_for(lambda: len(watcher.lines(leaker)) >= 3, watcher.said)
@@ -180,19 +182,17 @@ def test_leaking_process_is_reported_each_time_its_score_has_risen_by_more_than_
 
 
 def limit_descriptors(count):
-    import resource
-
     resource.setrlimit(resource.RLIMIT_NOFILE, (count, count))
 
 
-def test_status_shows_what_a_process_holds(mon, hold):
+def test_status_shows_the_descriptors_of_a_process(mon, hold):
     pid = hold(plain=700, sockets=300, pipes=20)
     watcher = mon("10000")
     watcher.wait_for_rounds(4)
     total, sockets = counts_of(pid)
     assert total >= 1040 and sockets == 300
     score = fd_score((total, sockets))
-    now = (total, sockets, 0)  # a pipe is never counted as one
+    now = (total, sockets, 0)  # pipes are never counted
     assert block_of(watcher.report(), pid, score)[:5] == [now] * 5
     (line,) = watcher.lines(pid)
     assert line[0] == f"pid {pid} name holder fd_score {score} [+{score}] sk=300"
@@ -207,7 +207,7 @@ def test_socket_holding_process_is_reported(mon, hold):
     assert watcher.lines(pid)[0][0] == f"pid {pid} name holder fd_score {score} [+{score}] sk=300"
 
 
-def test_process_with_few_descriptors_is_in_neither_place(mon, hold):
+def test_process_with_few_descriptors_is_not_reported(mon, hold):
     pid = hold(plain=300, sockets=40)
     watcher = mon()
     watcher.wait_for_rounds(2)
@@ -215,7 +215,7 @@ def test_process_with_few_descriptors_is_in_neither_place(mon, hold):
     assert f"pid={pid} " not in watcher.report()
 
 
-def test_forking_process_is_reported_each_further_16_children(mon, run):
+def test_forking_process_is_reported_for_each_further_16_children(mon, run):
     watcher = mon()
     watcher.wait_for_rounds(1)
     forker = run([BIN / "forkbomb", "20000"])
@@ -232,7 +232,7 @@ def test_forking_process_is_reported_each_further_16_children(mon, run):
         reported = int(line[3])
 
 
-def test_process_that_runs_another_program_starts_afresh(mon, run):
+def test_history_of_a_process_starts_again_after_an_exec(mon, run):
     switch = (
         "import os, signal, socket\n"
         "held = [os.open('/dev/null', os.O_RDONLY) for _ in range(500)]\n"
@@ -250,12 +250,12 @@ def test_process_that_runs_another_program_starts_afresh(mon, run):
     wait_for(lambda: watcher.lines(pid)[-1][2] == "second", watcher.said)
     lines = watcher.lines(pid)
     assert lines[0][2] == "first"
-    # In the middle of an exec there is no command line, and the process has its short name for a moment.
+    # During an exec there is no command line, so the process has its short name for a moment.
     assert {line[2] for line in lines} <= {"first", "sleep", "second"}
-    assert lines[-1][5] == lines[-1][3], "the history of the first program must be gone"
+    assert lines[-1][5] == lines[-1][3], "the history of the first program must be dropped"
 
 
-def test_name_is_shown_as_it_is(mon, hold):
+def test_name_is_shown_unchanged(mon, hold):
     name = "na me) (" + "n" * 90
     pid = hold(sockets=300, name="/x/" + name)
     watcher = mon()
@@ -263,7 +263,7 @@ def test_name_is_shown_as_it_is(mon, hold):
     assert watcher.lines(pid)[0][2] == name
 
 
-def test_descriptors_of_others_that_may_not_be_read_count_as_none(mon, hold):
+def test_descriptors_without_read_permission_are_not_counted(mon, hold):
     hidden = hold(sockets=300)
     own = hold(sockets=300, user=NOBODY)
     watcher = mon(script='; exec setpriv --reuid=65534 --clear-groups "$@"')
@@ -272,7 +272,7 @@ def test_descriptors_of_others_that_may_not_be_read_count_as_none(mon, hold):
     assert watcher.lines(hidden) == []
 
 
-def test_status_file_is_always_whole(mon, hold):
+def test_status_file_is_always_complete(mon, hold):
     pids = [hold(sockets=300) for _ in range(3)]
     watcher = mon("0")
     wait_for(lambda: all(watcher.lines(pid) for pid in pids), watcher.said)
@@ -298,11 +298,11 @@ def test_interval_is_read_in_any_base(mon, argument, seconds):
     begin = watcher.round()
     start = time.monotonic()
     wait_for(lambda: watcher.round() >= begin + 3, watcher.said)
-    # Two whole intervals at least have gone by; a tenth of the interval would show.
+    # At least two whole intervals have passed.
     assert time.monotonic() - start >= 2 * seconds
 
 
-def test_interrupt_ends_it_with_its_last_words_and_leaves_the_status(mon):
+def test_interrupt_ends_it_with_a_message_and_keeps_the_status_file(mon):
     watcher = mon("1000000000")
     wait_for(lambda: watcher.round() == 1, watcher.said)
     folder = os.open(f"/proc/{watcher.pid}/root/tmp", os.O_RDONLY)
@@ -312,7 +312,7 @@ def test_interrupt_ends_it_with_its_last_words_and_leaves_the_status(mon):
     os.close(folder)
 
 
-def test_killed_in_the_middle_it_leaves_no_temporary_file(mon):
+def test_killed_monitor_leaves_no_temporary_file(mon):
     for _ in range(10):
         watcher = mon("0")
         wait_for(lambda: watcher.round() >= 2, watcher.said)
@@ -323,7 +323,7 @@ def test_killed_in_the_middle_it_leaves_no_temporary_file(mon):
         os.close(folder)
 
 
-def test_status_that_cannot_be_written_leaves_the_lines(mon, hold):
+def test_reports_continue_if_the_status_cannot_be_written(mon, hold):
     pid = hold(sockets=300)
     watcher = mon(script="; mount -o remount,ro none /tmp")
     wait_for(lambda: watcher.lines(pid), watcher.said)
@@ -351,7 +351,7 @@ def policies(pid):
     return sorted(found)
 
 
-def test_daemon_does_a_round_at_idle_priority_and_its_status_is_in_the_archive(start, hold):
+def test_daemon_monitors_at_idle_priority_and_archives_the_status(start, hold):
     DAEMON_STATUS.unlink(missing_ok=True)
     pid = hold(sockets=300)
     score = fd_score(counts_of(pid))
@@ -373,11 +373,11 @@ def test_daemon_does_a_round_at_idle_priority_and_its_status_is_in_the_archive(s
     assert [name for name in os.listdir(DAEMON_STATUS.parent) if ".tmp-" in name] == []
 
 
-def test_daemon_without_a_place_for_the_status_goes_on(here, start, hold):
+def test_daemon_continues_if_the_status_cannot_be_written(clean_sandbox, start, hold):
     pid = hold(sockets=300)
     folder = DAEMON_STATUS.parent
     keep = "mount -t tmpfs none " + str(folder) + "; mount -o remount,ro none " + str(folder)
-    daemon = start(before=in_mount_namespace(keep), sockets=False)
+    daemon = start(before=in_mount_namespace(keep), own_sockets=True)
     wait_for(lambda: f"pid {pid} name holder fd_score " in daemon.said(), daemon.said)
     daemon.sync()
     assert processes().count(daemon.pid) == 1

@@ -1,4 +1,4 @@
-"""The web front's page in a real browser. The browser runs outside the sandbox, the front and the daemon inside."""
+"""The web front's page in a real browser. The browser runs outside the sandbox, the front and the daemon in it."""
 
 import base64
 import fcntl
@@ -6,7 +6,6 @@ import gzip
 import hashlib
 import json
 import os
-import pathlib
 import re
 import select
 import shutil
@@ -15,10 +14,11 @@ import urllib.request
 
 import pytest
 
-from test_webfront import FakeDaemon, write_all
-from zarvo_e2e import (
-    BAD_REQUEST, BIN, BUSY_PAGE, ROOT, SANITIZE, SERVER_ERROR, assert_whole, download_head, header_of, wait_for,
-)  # fmt: skip
+from support.answers import BAD_REQUEST, BUSY_PAGE, SERVER_ERROR, download_head
+from support.archives import assert_whole, header_of
+from support.fake_daemon import FakeDaemon, write_all
+from support.under_test import BIN, ROOT, SANITIZE
+from support.waiting import wait_for
 
 SCRIPTS = ROOT / "tests" / "e2e" / "page"
 PAGE = ROOT / "tools" / "webfront" / "page"
@@ -26,7 +26,7 @@ SANDBOX = ROOT / "tools" / "sandbox"
 MODULES = ROOT / "build" / "page-tests"
 PATIENCE = 120 if SANITIZE else 30
 
-# Starts one process for the list and for traces, and one with a hard name; then becomes the command.
+# Starts a process for the list and for traces, and one with a difficult name. Then executes the command.
 PROCESSES = r"""
 import ctypes, os, sys, time
 named = os.pipe()
@@ -46,15 +46,15 @@ EVIL_NAME = '<b>"\\\n\ufffd'
 
 pytestmark = [
     pytest.mark.skipif(not (BIN / "webfront").exists(), reason="webfront is not built"),
-    pytest.mark.skipif(os.geteuid() != 0, reason="needs root, because the sandbox mounts file systems of its own"),
+    pytest.mark.skipif(os.geteuid() != 0, reason="needs root, to make the sandbox"),
 ]
 
 
 def modules():
-    """The folder of the browser's driver. Installs it there first if it is missing."""
+    """The folder of the browser's driver, which is installed there if it is missing."""
     MODULES.mkdir(parents=True, exist_ok=True)
     with open(MODULES / "lock", "w") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)  # other builds' tests share it
+        fcntl.flock(lock, fcntl.LOCK_EX)  # the tests of other builds share the folder
         wanted = SCRIPTS / "package-lock.json"
         done = MODULES / "installed.json"
         if not done.exists() or done.read_bytes() != wanted.read_bytes():
@@ -64,21 +64,21 @@ def modules():
             how = dict(cwd=MODULES, stdin=subprocess.DEVNULL, capture_output=True, text=True)
             ran = subprocess.run(words, timeout=300, **how)
             if ran.returncode != 0:
-                pytest.skip(f"playwright-core could not be installed: {ran.stderr[-300:]}")
+                pytest.skip(f"needs playwright-core, which npm could not install: {ran.stderr[-300:]}")
             shutil.copy(wanted, done)
     return MODULES
 
 
 class Browser:
-    """A browser that plays scenarios of browse.mjs."""
+    """A browser that runs scenarios of browse.mjs."""
 
     def __init__(self):
         command = ["node", SCRIPTS / "browse.mjs", modules(), shutil.which("chromium")]
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
     def play(self, front, scenario, complaints=0, **words):
-        """Returns what the scenario found. The browser must have sent requests to the front only, and must not have
-        logged an error, except for as many failed requests as `complaints` says."""
+        """Returns what the scenario found. The browser must have sent requests to the front only. The only errors that it
+        may have logged are `complaints` failed requests."""
         words |= {"scenario": scenario, "url": front.url, "patience": PATIENCE}
         self.process.stdin.write(json.dumps(words).encode() + b"\n")
         self.process.stdin.flush()
@@ -110,8 +110,8 @@ def browser():
     running.stop()
 
 
-class Front:
-    """A web front in the sandbox, beside the processes above."""
+class SandboxedFront:
+    """A web front in a sandbox, together with the processes above."""
 
     def __init__(self, *words):
         command = [SANDBOX, "/usr/bin/python3", "-c", PROCESSES, *map(str, words)]
@@ -136,7 +136,7 @@ def socket_path(tmp_path):
 
 @pytest.fixture
 def front(socket_path):
-    running = Front(BIN / "webfront", "--port", "0", "--socket", socket_path)
+    running = SandboxedFront(BIN / "webfront", "--port", "0", "--socket", socket_path)
     yield running
     running.stop()
 
@@ -144,14 +144,14 @@ def front(socket_path):
 @pytest.fixture
 def real():
     """A front with a real daemon."""
-    running = Front(ROOT / "tools" / "serve", BIN, "0")
+    running = SandboxedFront(ROOT / "tools" / "serve", BIN, "0")
     yield running
     running.stop()
 
 
 @pytest.fixture
 def play(socket_path):
-    """play(answer) starts a daemon whose answers are `answer(message)`, bytes or pieces of them."""
+    """play(answer) starts a daemon that answers with `answer(message)`, which is bytes or a sequence of bytes."""
     started = []
 
     def start(answer):
@@ -181,7 +181,7 @@ MEMBERS = [("dbg-monitor.txt", 3), ("proc.20260101-000000/stat", 700), ("proc/sy
 FILE_NAMES = {b"/debug.tgz\0": "debug.tgz", b"/debug.tar\0": "debug.tar", b"/debug.tgz\0pop": "core.812.gz"}
 
 
-def whole_answers(message):
+def valid_answers(message):
     """A valid answer to any request, with the file name that the daemon gives it."""
     name = FILE_NAMES.get(message) or re.search(rb"(?:cmd=)?(\w+)", message.partition(b"\0")[2])[1].decode()
     body = {"debug.tgz": gzip.compress(tar(*MEMBERS)), "debug.tar": tar(*MEMBERS)}.get(name, b"some text\n" * 20)
@@ -207,24 +207,24 @@ REQUESTS = [
 
 
 def test_each_form_sends_its_request_and_saves_the_answer_under_the_daemons_name(browser, front, play):
-    fake = play(whole_answers)
-    said = browser.play(front, "forms", requests=[words for words, _, _ in REQUESTS])
+    fake = play(valid_answers)
+    shown = browser.play(front, "forms", requests=[words for words, _, _ in REQUESTS])
     assert fake.messages == [message for _, message, _ in REQUESTS]
-    assert [one["name"] for one in said] == [name for _, _, name in REQUESTS]
-    for one in said:
+    assert [one["name"] for one in shown] == [name for _, _, name in REQUESTS]
+    for one in shown:
         assert one["classes"] == "job over good", one
-    assert [one["state"] for one in said] == [
+    assert [one["state"] for one in shown] == [
         f"Done. Passed to the browser as debug.tgz. The archive is complete: {len(MEMBERS)} members.",
         "Done.",
         "The trace has ended.",
         "The trace has ended.",
         *(f"Done. Passed to the browser as {name}." for _, _, name in REQUESTS[4:]),
     ]
-    assert "some text" in said[1]["text"] and "Lines: 20 received, 20 shown." in said[1]["text"]
+    assert "some text" in shown[1]["text"] and "Lines: 20 received, 20 shown." in shown[1]["text"]
 
 
 def test_every_request_works_without_scripts(browser, front, play):
-    fake = play(whole_answers)
+    fake = play(valid_answers)
     fields = {"strace": dict(pid="12,syslogd"), "coredump": dict(pid="7"), "pcapdump": dict(interface="eth0")}
     kinds = ["archive", "listen", "pop", "waitcore", "ps", "strace", "coredump", "pcapdump", "rtrace"]
     requests = [dict(kind=kind, fields=fields.get(kind)) for kind in kinds]
@@ -242,7 +242,7 @@ def test_every_request_works_without_scripts(browser, front, play):
     assert found["hidden"] == 0 and "Without script" in found["note"]
 
 
-def test_answers_that_refuse_become_sentences(browser, front, play):
+def test_refusals_are_shown_as_sentences(browser, front, play):
     cut = download_head("application/x-tar", "debug.tar") + tar(*MEMBERS)[:-3000]
     answers = {
         b"/debugar.cgi\0cmd=coredump&pid=nobody": BAD_REQUEST,
@@ -258,9 +258,9 @@ def test_answers_that_refuse_become_sentences(browser, front, play):
     requests = [dict(kind="coredump", fields=dict(pid="nobody")), dict(kind="strace", fields=dict(pid="99999")),
                 dict(kind="rtrace"), dict(kind="archive"), dict(kind="pop"), dict(kind="listen"),
                 dict(kind="coredump", fields=dict(pid="7"))]  # fmt: skip
-    said = browser.play(front, "forms", complaints=6, requests=requests)
-    assert {one["classes"] for one in said} == {"job over bad"}
-    assert [one["state"] for one in said] == [
+    shown = browser.play(front, "forms", complaints=6, requests=requests)
+    assert {one["classes"] for one in shown} == {"job over bad"}
+    assert [one["state"] for one in shown] == [
         "No process has the pid or name “nobody” (400).",
         "No running process matches “99999” (400).",
         "The daemon could not do it: it is out of memory or threads, or does not accept these parameters (500).",
@@ -271,21 +271,21 @@ def test_answers_that_refuse_become_sentences(browser, front, play):
     ]
 
 
-def test_without_a_daemon_the_page_says_what_the_front_says(browser, front, socket_path):
-    said = browser.play(front, "forms", complaints=1, requests=[dict(kind="archive")])
-    assert said[0]["state"] == f"The daemon at {socket_path} did not take the request: No such file or directory. (502)"
+def test_without_a_daemon_the_page_shows_the_fronts_error(browser, front, socket_path):
+    shown = browser.play(front, "forms", complaints=1, requests=[dict(kind="archive")])
+    assert shown[0]["state"] == f"The daemon at {socket_path} did not take the request: No such file or directory. (502)"
 
 
-def test_an_archive_that_is_cut_off_is_reported_as_bad(browser, front, play):
+def test_truncated_archive_is_reported_as_bad(browser, front, play):
     stream = gzip.compress(tar(*MEMBERS))[:-20]
     play(lambda _message: download_head("application/x-tar", "debug.tgz") + stream)
-    (said,) = browser.play(front, "forms", requests=[dict(kind="archive")])
-    assert said["name"] == "debug.tgz"
-    assert said["state"] == "Done. Passed to the browser as debug.tgz. But the archive is cut off or damaged."
-    assert said["classes"] == "job over bad"
+    (shown,) = browser.play(front, "forms", requests=[dict(kind="archive")])
+    assert shown["name"] == "debug.tgz"
+    assert shown["state"] == "Done. Passed to the browser as debug.tgz. But the archive is cut off or damaged."
+    assert shown["classes"] == "job over bad"
 
 
-def test_a_large_download_goes_straight_into_the_chosen_file(browser, front, play):
+def test_large_download_goes_straight_into_the_chosen_file(browser, front, play):
     content = os.urandom(1 << 20) * 24
     play(lambda _message: [download_head("application/octet-stream", "core"), content])
     found = browser.play(front, "into_a_file")
@@ -295,8 +295,8 @@ def test_a_large_download_goes_straight_into_the_chosen_file(browser, front, pla
     assert found["numbers"].startswith("25.2 MB · ")
 
 
-def test_no_request_is_sent_when_no_file_is_chosen(browser, front, play):
-    fake = play(whole_answers)
+def test_no_request_is_sent_if_no_file_is_chosen(browser, front, play):
+    fake = play(valid_answers)
     found = browser.play(front, "no_file_chosen")
     assert found == {"news": "No file was chosen, so no request was sent.", "jobs": 0}
     assert fake.messages == []
@@ -317,7 +317,7 @@ def test_cancelling_ends_the_connection(browser, front, play):
         except (BrokenPipeError, ConnectionResetError):
             ended.append(message)
 
-    fake = play(whole_answers)
+    fake = play(valid_answers)
     fake.answer = stream
     assert browser.play(front, "cancel") == "Cancelled. What had arrived was dropped."
     wait_for(lambda: ended == [b"/debugar.cgi\0cmd=coredump&pid=7"], "the connection ended")
@@ -334,7 +334,7 @@ def test_waiting_for_a_crash_is_explained_and_saves_the_dump_that_arrives(browse
             os.close(waiting[0])
             write_all(fd, download_head("text/plain", "done"))
 
-    fake = play(whole_answers)
+    fake = play(valid_answers)
     fake.answer = answer
     found = browser.play(front, "wait_for_a_crash")
     assert found["asked"] == "Waiting for a process to crash. Another browser that starts to wait replaces this one."
@@ -342,8 +342,8 @@ def test_waiting_for_a_crash_is_explained_and_saves_the_dump_that_arrives(browse
     assert fake.messages == [b"/debug.tgz\0listen", b"/crash-now\0"]
 
 
-def test_the_list_shows_filters_sorts_and_starts_requests(browser, front, play):
-    fake = play(whole_answers)
+def test_process_list_is_shown_filtered_and_sorted_and_starts_requests(browser, front, play):
+    fake = play(valid_answers)
     found = browser.play(front, "list")
     assert {"caller", "webfront", EVIL_NAME.replace("\n", " ")} <= {name.replace("\n", " ") for name in found["names"]}
     by_pid = found["sorted"]["pid"]
@@ -360,15 +360,15 @@ def test_the_list_shows_filters_sorts_and_starts_requests(browser, front, play):
     assert "caller" in found["offered"]
 
 
-def test_it_can_be_used_with_the_keyboard_and_each_control_has_a_name(browser, front, play):
-    fake = play(whole_answers)
+def test_page_can_be_used_with_the_keyboard_and_each_control_has_a_name(browser, front, play):
+    fake = play(valid_answers)
     found = browser.play(front, "keyboard")
     assert found["nameless"] == []
     assert found["reached"] == found["reachable"] > 30
     assert fake.messages == [b"/debugar.cgi\0cmd=ps"]
 
 
-def test_it_is_readable_on_a_narrow_screen_and_in_the_dark(browser, front, play):
+def test_page_is_readable_on_a_narrow_screen_and_in_dark_mode(browser, front, play):
     play(lambda message: BAD_REQUEST if b"coredump" in message else
          download_head("text/plain", "psdump.txt") + b"x" * 500 + b"\n" + b"short\n" * 50)  # fmt: skip
     looks = {
@@ -385,7 +385,7 @@ def test_it_is_readable_on_a_narrow_screen_and_in_the_dark(browser, front, play)
     assert found["dark"]["ground"] < 0.1 > found["narrow"]["ground"]
 
 
-def test_the_files_of_the_page_are_those_of_the_tree(front):
+def test_files_of_the_page_are_those_of_the_tree(front):
     files = list(PAGE.iterdir())
     assert len(files) > 3
     for file in files:
@@ -395,7 +395,7 @@ def test_the_files_of_the_page_are_those_of_the_tree(front):
         assert policy.startswith("default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self';")
 
 
-def test_the_lists_are_json_whatever_the_names_hold(front):
+def test_lists_are_valid_json_for_any_process_name(front):
     headers, body = front.get("/webfront/processes")
     assert headers["Content-Type"] == "application/json"
     found = {one["name"]: one for one in json.loads(body)["processes"]}
@@ -406,7 +406,7 @@ def test_the_lists_are_json_whatever_the_names_hold(front):
     assert json.loads(front.get("/webfront/interfaces")[1])["interfaces"].count("lo") == 1
 
 
-def test_an_archive_is_downloaded_and_a_second_one_is_refused_meanwhile(browser, real, tmp_path):
+def test_archive_is_downloaded_and_a_second_one_is_refused_meanwhile(browser, real, tmp_path):
     saved = tmp_path / "debug.tar"
     found = browser.play(real, "archive", complaints=1, save=str(saved))
     assert "makes one at a time" in found["refused"] and "(503)" in found["refused"]
@@ -419,7 +419,7 @@ def test_an_archive_is_downloaded_and_a_second_one_is_refused_meanwhile(browser,
     assert f"The archive is complete: {len(members)} members." in found["state"]
 
 
-def test_a_trace_is_watched_paused_stopped_and_saved(browser, real):
+def test_trace_is_shown_paused_stopped_and_saved(browser, real):
     found = browser.play(real, "trace")
     assert re.search(r"^\[\d+ python3\] .*(open|read|close)\w*\(", found["paused"], re.MULTILINE)
     assert found["still"]

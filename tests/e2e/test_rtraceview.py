@@ -1,4 +1,4 @@
-"""rtraceview: a trace of the daemon's as text, JSON, a table and a page."""
+"""rtraceview: a trace as text, as JSON, as a table and as a page."""
 
 import csv
 import io
@@ -12,11 +12,14 @@ import subprocess
 
 import pytest
 
-from rtrace_records import DISKINFO, EVENT, GROUP, HEADER, MEMINFO, count, read_until
-from test_webfront_faults import faults, library  # noqa: F401
-from zarvo_e2e import BIN, PATIENCE, SANITIZE, download_head, without_trace_programs
+from support.answers import download_head
+from support.processes import without_trace_programs
+from support.rtrace_records import DISKINFO, EVENT, GROUP, HEADER, MEMINFO, count, read_until
+from support.under_test import BIN, SANITIZE
+from support.waiting import PATIENCE
 
 NEEDS_SANDBOX = True
+pytest_plugins = ["fault_fixtures"]
 
 HEAD = download_head("application/octet-stream", "rtrace")
 SAMPLES = 3
@@ -30,24 +33,24 @@ def view(*words, stdin=b"", status=0):
 
 @pytest.fixture
 def daemon(start):
-    """A daemon whose traces have no output of programs, which would come at moments of its own."""
+    """A daemon whose traces have no output of programs, which would come at random moments."""
     return start(before=without_trace_programs())
 
 
 @pytest.fixture
 def trace(daemon, tmp_path):
-    """A file with three samples of everything, the last of them cut off behind its disks."""
-    rest = daemon.rest()
+    """A file with three samples of everything. The last one is truncated after its disks."""
+    idle = daemon.idle_state()
     with daemon.ask(b"/x", b"cmd=rtrace&interval=1&trace=all,smapstot,pagetypeinfo") as browser:
         records, stream = read_until(browser.near.recv, lambda records: count(records, DISKINFO) == SAMPLES, HEAD)
-    daemon.wait_for_rest(rest)
+    daemon.wait_until_idle(idle)
     assert count(records, GROUP) == 2 * SAMPLES
     path = tmp_path / "rtrace"
     path.write_bytes(stream)
     return path
 
 
-def test_json_has_what_the_kernel_said(daemon, trace):
+def test_json_has_the_kernels_numbers(daemon, trace):
     done = view("--json", trace)
     samples = [json.loads(line) for line in done.stdout.splitlines()]
     assert len(samples) == SAMPLES
@@ -72,22 +75,22 @@ def test_table_has_the_same_numbers(trace):
     ]
 
 
-def test_text_has_the_files_as_they_stand(daemon, trace):
+def test_text_has_the_files_unchanged(daemon, trace):
     text = view("-", stdin=trace.read_bytes()).stdout.decode()
     assert re.search(rf"^=== \d{{4}}-\d\d-\d\d [\d:.]+ status of process {daemon.pid}, offset \d+\nName:\t", text, re.M)
     assert text.count(" meminfo, offset ") == SAMPLES and text.count("\nMemTotal: ") == SAMPLES
 
 
-def test_download_that_was_stopped_anywhere_is_read(trace):
+def test_download_that_was_cut_anywhere_is_read(trace):
     stream = trace.read_bytes()
     for length in (0, 1, 19, 20, len(stream) // 2, len(stream) - 1):
         done = view("--json", "-", stdin=stream[:length])
         assert [json.loads(line) for line in done.stdout.splitlines()] or length < 1000
-        whole = not done.stderr
-        assert whole or b"cut off" in done.stderr or b"without their end" in done.stderr
+        is_complete = not done.stderr
+        assert is_complete or b"cut off" in done.stderr or b"without their end" in done.stderr
 
 
-def test_damage_is_named_with_its_offset(trace, tmp_path):
+def test_damage_is_reported_with_its_offset(trace, tmp_path):
     stream = trace.read_bytes()
     bad = tmp_path / "bad"
     bad.write_bytes(stream[:20] + b"\x08\0\0\0\xff\xff\xff\xff" + stream[28:])
@@ -96,7 +99,7 @@ def test_damage_is_named_with_its_offset(trace, tmp_path):
     assert done.stderr.decode() == f"rtraceview: {bad}: {message}\n"
 
 
-def test_wrong_use_is_said(tmp_path):
+def test_bad_arguments_are_reported(tmp_path):
     assert view(status=2).stderr.startswith(b"rtraceview: no file\nusage: ")
     assert view("--json", tmp_path / "missing", status=2).stderr.endswith(b"missing: No such file or directory\n")
     assert view("--json", tmp_path, status=2).stderr.endswith(b": Is a directory\n")
@@ -118,14 +121,14 @@ def made_file(kind, text, time_ms=TIME_MS):
 
 @pytest.fixture
 def small(tmp_path):
-    """A trace of one number."""
+    """A trace with one number."""
     path = tmp_path / "small"
     path.write_bytes(made_file(MEMINFO, b"MemFree: 6 kB\n"))
     return path
 
 
 @pytest.mark.parametrize("how", ["name", "symbolic link", "hard link", "standard input"])
-def test_page_over_its_own_trace_is_refused(small, tmp_path, how):
+def test_page_must_not_overwrite_its_trace(small, tmp_path, how):
     before = small.read_bytes()
     other = tmp_path / "other"
     if how == "symbolic link":
@@ -142,7 +145,7 @@ def test_page_over_its_own_trace_is_refused(small, tmp_path, how):
     assert small.read_bytes() == before
 
 
-def test_output_appended_to_its_own_trace_is_refused(small):
+def test_output_must_not_be_appended_to_its_trace(small):
     before = small.read_bytes()
     with open(small, "ab") as out:
         done = subprocess.run([BIN / "rtraceview", "--json", small], stdout=out, stderr=subprocess.PIPE)
@@ -150,7 +153,7 @@ def test_output_appended_to_its_own_trace_is_refused(small):
     assert small.read_bytes() == before
 
 
-def test_page_takes_the_place_of_an_earlier_one_in_one_step(small, tmp_path):
+def test_page_replaces_an_earlier_one_atomically(small, tmp_path):
     page, link = tmp_path / "page.html", tmp_path / "link.html"
     page.write_text("earlier")
     page.chmod(0o640)
@@ -164,7 +167,7 @@ def test_page_takes_the_place_of_an_earlier_one_in_one_step(small, tmp_path):
 
 
 @pytest.mark.parametrize("name", ["missing", "."])
-def test_page_stays_when_there_is_no_trace_to_read(tmp_path, name):
+def test_earlier_page_stays_if_the_trace_cannot_be_read(tmp_path, name):
     page = tmp_path / "page.html"
     page.write_text("earlier")
     view("--html", page, tmp_path / name, status=2)
@@ -172,13 +175,13 @@ def test_page_stays_when_there_is_no_trace_to_read(tmp_path, name):
     assert os.listdir(tmp_path) == ["page.html"]
 
 
-def test_page_goes_to_what_is_no_file(small):
+def test_page_can_be_written_to_something_other_than_a_file(small):
     assert view("--html", "-", small).stdout.startswith(b"<!DOCTYPE html>")
     assert view("--html", "/dev/null", small).stdout == b""
     assert pathlib.Path("/dev/null").is_char_device()
 
 
-def test_live_pipe_is_shown_as_it_comes():
+def test_samples_from_a_pipe_are_shown_at_once():
     words = [BIN / "rtraceview", "-"]
     with subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0) as viewer:
         for number in range(3):
@@ -191,15 +194,15 @@ def test_live_pipe_is_shown_as_it_comes():
         assert viewer.wait(PATIENCE) == 0
 
 
-def test_failed_allocation_is_said(small, faults):
-    said = set()
+def test_failed_allocation_is_reported(small, faults):
+    errors = set()
     for number in range(1, 40):
         faults["countdown"] = number
         words = ["--html", "page" * 10, small.parent / ("missing" * 10)]
         done = subprocess.run([BIN / "rtraceview", *words], capture_output=True, timeout=PATIENCE)
         assert done.returncode == 2 and done.stdout == b"", f"allocation {number}: {done}"
-        said.add(done.stderr)
-    assert b"rtraceview: std::bad_alloc\n" in said
+        errors.add(done.stderr)
+    assert b"rtraceview: std::bad_alloc\n" in errors
 
 
 def test_memory_does_not_grow_with_the_trace(trace):
@@ -227,7 +230,7 @@ def page(trace, tmp_path):
     return tmp_path / "page.html"
 
 
-# Says what the plots hold once they stand, where --dump-dom shows it.
+# Puts the contents of the plots into the title, where --dump-dom shows it.
 PROBE = """
 <script>
 document.title = JSON.stringify(rtraceviewGraphs.map((graph) => [graph.numRows(), graph.numColumns() - 1,
@@ -240,7 +243,7 @@ document.title += " " + document.querySelector(".dygraph-axis-label-x").textCont
 
 
 def title_in_browser(page, tmp_path, probe):
-    """What `probe`, a script at the end of a page, leaves as its title."""
+    """The title of a page after `probe`, a script that is added at its end."""
     chromium = shutil.which("chromium")
     if not chromium:
         pytest.skip("needs chromium")
@@ -264,14 +267,15 @@ def test_page_plots_a_point_for_each_sample(page, trace, tmp_path):
     for (rows, lines, visible), plot in zip(plots, data["plots"]):
         assert rows == len(plot["rows"]) == SAMPLES
         assert lines == visible == len(plot["labels"])
-    assert found[2] == "1"  # one line switched off by its box in the legend
-    assert re.fullmatch(r"\d\d[:.][\d:.]+", found[3]), found[3]  # a time of day, or a part of a minute
+    assert found[2] == "1"  # one line is switched off by its box in the legend
+    assert re.fullmatch(r"\d\d[:.][\d:.]+", found[3]), found[3]  # a time of day, or a fraction of a minute
 
 
-def test_page_survives_times_that_are_no_dates(tmp_path):
+def test_page_ignores_times_that_are_no_dates(tmp_path):
     stream = b""
     for number, time_ms in enumerate([TIME_MS, (1 << 63) - 1, -(1 << 63), -1, 253402300799999, 1 << 53, TIME_MS + 1000]):
-        stream += made_file(MEMINFO, b"MemFree: %d kB\n" % number, time_ms) + made_record(EVENT, b"event %d\n" % number, 0, time_ms)
+        stream += made_file(MEMINFO, b"MemFree: %d kB\n" % number, time_ms)
+        stream += made_record(EVENT, b"event %d\n" % number, 0, time_ms)
     (tmp_path / "odd").write_bytes(stream)
     done = view("--html", tmp_path / "page.html", tmp_path / "odd")
     assert b"a time that is no date; times in all: 12\n" in done.stderr

@@ -1,15 +1,19 @@
-"""Two thousand mixed requests from several clients at once, after which the daemon is as it was."""
+"""Two thousand mixed requests from several clients at once. Afterwards the daemon is as before."""
 
 import collections
 import random
 import threading
 import time
 
-from zarvo_e2e import (
-    BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, CORE_HEAD, OFF, ON, PATIENCE, PLAIN_HEAD, PS_HEAD,
-    SANITIZE, SERVER_ERROR, Browser, assert_compressed_whole, assert_whole, body_of, send_message,
-    temporary_leftovers,
+from support.answers import (
+    BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, CORE_HEAD, PLAIN_HEAD, PS_HEAD, SERVER_ERROR, body_of,
 )  # fmt: skip
+from support.archives import assert_compressed_whole, assert_whole
+from support.connections import Browser, send_message
+from support.connections import SMALL_BUFFER
+from support.daemon import OFF, ON, temporary_leftovers
+from support.under_test import SANITIZE
+from support.waiting import wait_for
 
 NEEDS_SANDBOX = True
 
@@ -17,21 +21,20 @@ SEED = 2000
 CLIENTS = 4
 REQUESTS = 2000
 WARM_UP = 400
-# How many of each; "bad command" makes up the number.
+# The share of each kind; the rest are "bad command".
 SHARES = {
     "no slash": 0.13, "no zero byte": 0.1, "no descriptor": 0.08, "two descriptors": 0.08,
     "gone before": 0.07, "waiting": 0.1, "push": 0.05, "long": 0.03, "ps": 0.03,
 }  # fmt: skip
-ARCHIVES = 40                       # half of them read to the end, half left
-ARCHIVE_TIME = 30                   # seconds for all of them together: where each takes long, fewer are made
-# The C library keeps the threads' arenas, and which of them a thread uses differs from run to run. Sanitizers
-# keep freed memory for a while and a shadow of all that was ever used.
+ARCHIVES = 40  # half of them are read to the end, half are left
+ARCHIVE_TIME = 30  # seconds for all of them; on a slow machine, fewer are made
+# The C library keeps the arenas of the threads, and the arenas that are used differ between runs. Sanitizers keep
+# freed memory for a while, and shadow memory for all addresses that were ever used.
 GROWTH_KB = 16384 if SANITIZE else 512
-ROOM = 4096
 
 
 class Client:
-    """Makes its share of the requests, in an order of its own, and remembers what went wrong."""
+    """Makes its share of the requests in a random order, and keeps the first error."""
 
     def __init__(self, daemon, work, seed):
         self.daemon = daemon
@@ -78,8 +81,8 @@ class Client:
         self.send(b"/x\0cmd=none", [browser])
 
     def waiting(self):
-        """Ends with a core of another client's, or unanswered when one waits after it."""
-        browser = self.daemon.wait_as(query=self.rng.choice([b"listen", b"cmd=coredump"]))
+        """Gets a core from any client, or nothing if another browser replaces it."""
+        browser = self.daemon.waiting_browser(query=self.rng.choice([b"listen", b"cmd=coredump"]))
         if self.rng.random() < 0.2:
             browser.close()
             return
@@ -97,31 +100,32 @@ class Client:
         assert body_of(self.daemon.answer(b"/x", b"cmd=ps"), PS_HEAD) != b""
 
     def begin_archive(self, compressed, **kind):
-        """An archive as soon as it is not another's turn; only one client makes them."""
+        """Starts an archive when the previous one has ended. Only one client makes archives."""
         path = b"/x/debug.tgz" if compressed else b"/x/debug.tar"
-        end = time.monotonic() + PATIENCE
-        while True:
+
+        def begin():
             browser = self.daemon.ask(path, **kind)
             head = browser.read(len(COMPRESSED_HEAD))
-            if not BUSY_PAGE.startswith(head):
-                assert head == (COMPRESSED_HEAD if compressed else PLAIN_HEAD)
-                return browser
-            browser.close()
-            assert time.monotonic() < end
-            time.sleep(0.02)
+            if BUSY_PAGE.startswith(head):
+                browser.close()
+                return None
+            assert head == (COMPRESSED_HEAD if compressed else PLAIN_HEAD)
+            return browser
+
+        return wait_for(begin, "free for another archive")
 
     def whole_archive(self):
         compressed = self.rng.random() < 0.5
         (assert_compressed_whole if compressed else assert_whole)(self.begin_archive(compressed).read_all())
 
     def aborted_archive(self):
-        browser = self.begin_archive(self.rng.random() < 0.5, room=ROOM)
+        browser = self.begin_archive(self.rng.random() < 0.5, buffer_size=SMALL_BUFFER)
         browser.read(self.rng.randint(0, 60_000))
         browser.close()
 
 
 def mixture(total, archives):
-    """What `total` requests are, as a list for each client; the first client makes the archives."""
+    """The kinds of `total` requests, as a list for each client. The first client makes the archives."""
     quick = [kind for kind, share in SHARES.items() for _ in range(round(share * total))]
     work = ["whole archive", "aborted archive"] * (archives // 2)
     quick += ["bad command"] * (total - len(quick) - len(work))
@@ -140,7 +144,7 @@ def run(daemon, total, archives):
     if failed:
         raise failed[0]
     assert sum((client.done for client in clients), collections.Counter()).total() == total
-    daemon.push(b"")  # lets go of a browser that still waits
+    daemon.push(b"")  # releases a browser that is still waiting
     daemon.sync()
 
 
@@ -150,13 +154,13 @@ def affordable_archives(daemon):
     return max(4, min(ARCHIVES, int(ARCHIVE_TIME / (time.monotonic() - begin))))
 
 
-def test_daemon_is_as_it_was_after_two_thousand_mixed_requests(daemon, record_property):
+def test_daemon_is_as_before_after_2000_mixed_requests(daemon, record_property):
     archives = affordable_archives(daemon)
     run(daemon, WARM_UP, min(archives, 8))
-    rest = daemon.rest()
+    idle = daemon.idle_state()
     resident = daemon.resident_kb()
     run(daemon, REQUESTS, archives)
-    daemon.wait_for_rest(rest)
+    daemon.wait_until_idle(idle)
     grown = daemon.resident_kb() - resident
     record_property("archives", archives)
     record_property("resident_kb", resident)

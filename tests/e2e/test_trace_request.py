@@ -1,78 +1,53 @@
-"""cmd=strace in the browser, and strace.log in the archive."""
+"""cmd=strace, and strace.log in the archive."""
 
 import concurrent.futures
 import random
 import re
 import socket
-import subprocess
 import threading
 import time
 
 import pytest
 
-from zarvo_e2e import (
-    BAD_REQUEST, COMPRESSED_HEAD, PATIENCE, PLAIN_HEAD, SANITIZE, TRACE_SIZE, Browser, assert_compressed_whole,
-    assert_whole, body_of, children_of, download_head, process_stat, processes, send_message, wait_for,
-)  # fmt: skip
+from support.answers import BAD_REQUEST, COMPRESSED_HEAD, PLAIN_HEAD, body_of, download_head
+from support.archives import TRACE_SIZE, assert_compressed_whole, assert_whole
+from support.connections import Browser, send_message
+from support.connections import SMALL_BUFFER
+from support.processes import assert_detached, tracer_of
+from support.processes import children_of, process_stat, processes
+from support.tracers import BUSY_PROGRAM
+from support.under_test import SANITIZE
+from support.waiting import PATIENCE, wait_for
 
 NEEDS_SANDBOX = True
 
 SEED = 7
 HEAD = download_head("text/plain", "stracedump.txt")
-PROMPT = 1 if not SANITIZE else 10   # seconds within which a trace has to end
-CALLING = ["sh", "-c", "while :; do read x < /dev/null; done"]
+PROMPT = 1 if not SANITIZE else 10  # seconds within which a trace has to end
 
 
-def tracer_of(pid):
-    with open(f"/proc/{pid}/status") as file:
-        return int(re.search(r"^TracerPid:\s*(\d+)$", file.read(), re.MULTILINE)[1])
-
-
-def assert_free(pid):
-    wait_for(lambda: tracer_of(pid) == 0, f"{pid} let go", PROMPT)
-    wait_for(lambda: process_stat(pid)[0] in "SR", lambda: process_stat(pid)[0])
+def assert_detached_soon(pid):
+    wait_for(lambda: tracer_of(pid) == 0, f"{pid} detached", PROMPT)
+    assert_detached(pid)
 
 
 def query(*pids):
     return b"cmd=strace&pid=" + b",".join(str(pid).encode() for pid in pids)
 
 
-@pytest.fixture
-def service(daemon):
-    """Starts programs that run until the end of the test."""
-    started = []
-
-    def start(*words):
-        started.append(subprocess.Popen(words, stdin=subprocess.PIPE))
-        return started[-1]
-
-    yield start
-    for process in started:
-        process.kill()
-        process.communicate()
-
-
-@pytest.fixture
-def rest(daemon):
-    """What the daemon must come back to."""
-    before = daemon.rest()
-    yield before
-    daemon.wait_for_rest(before)
-
-
-pytestmark = pytest.mark.usefixtures("rest")
+pytestmark = pytest.mark.usefixtures("idle")
 
 
 def test_trace_streams_until_the_browser_leaves(daemon, service):
-    child = service(*CALLING)
+    child = service(*BUSY_PROGRAM)
     with daemon.ask(b"/x", query(child.pid), tcp=True) as browser:
         assert browser.read(len(HEAD)) == HEAD
         text = browser.read(100000).decode()
     assert re.search(rf"^\[{child.pid} sh\] \[[0-9a-f]+ [0-9a-f]+\] read\(0 /dev/null, 0x", text, re.MULTILINE)
-    assert_free(child.pid)
+    assert_detached_soon(child.pid)
 
 
-def test_trace_ends_by_itself_when_its_processes_have_ended(daemon, service):
+def test_trace_ends_with_its_processes(daemon, service):
     child = service("sh", "-c", "read x; exit 3")
     browser = daemon.ask(b"/x", query(child.pid))
     wait_for(lambda: tracer_of(child.pid), "traced")
@@ -81,41 +56,41 @@ def test_trace_ends_by_itself_when_its_processes_have_ended(daemon, service):
     assert "exit_group(3)\n" in body_of(browser.read_all(), HEAD).decode()
 
 
-def test_sleeping_process_is_let_go_when_the_browser_leaves(daemon, service):
+def test_sleeping_process_is_detached_when_the_browser_leaves(daemon, service):
     child = service("sleep", "1000")
     browser = daemon.ask(b"/x", query(child.pid))
     wait_for(lambda: tracer_of(child.pid), "traced")
     browser.close()
-    assert_free(child.pid)
+    assert_detached_soon(child.pid)
 
 
-def test_browsers_that_leave_at_any_moment_harm_nobody(daemon, service):
+def test_browsers_may_leave_at_any_moment(daemon, service):
     rng = random.Random(SEED)
     child = service("sleep", "1000")
     for number in range(1000):
         browser = daemon.ask(b"/x", query(child.pid), tcp=number % 2 == 1)
         time.sleep(rng.random() * 0.004)
         browser.close()
-        daemon.sync()  # the next request would be served at its own time otherwise
-        assert_free(child.pid)
+        daemon.sync()  # otherwise the next request might be served at once
+        assert_detached_soon(child.pid)
 
 
-def test_browser_that_left_before_the_trace_began_harms_nobody(daemon, service):
+def test_browsers_may_leave_before_the_trace_begins(daemon, service):
     child = service("sleep", "1000")
     for _ in range(50):
         with Browser() as browser:
             browser.near.close()
             send_message(daemon.cgi_socket, b"/x\0" + query(child.pid), [browser.far.fileno()]).close()
     daemon.sync()
-    assert_free(child.pid)
+    assert_detached_soon(child.pid)
 
 
-def test_browser_that_stops_reading_does_not_hold_a_process_for_ever(daemon, service):
-    child = service(*CALLING)
-    with daemon.ask(b"/x", query(child.pid), room=4096):
+def test_browser_that_stops_reading_does_not_hold_a_process_forever(daemon, service):
+    child = service(*BUSY_PROGRAM)
+    with daemon.ask(b"/x", query(child.pid), buffer_size=SMALL_BUFFER):
         wait_for(lambda: tracer_of(child.pid), "traced")
-        wait_for(lambda: tracer_of(child.pid) == 0, "let go", PATIENCE)
-        assert_free(child.pid)
+        wait_for(lambda: tracer_of(child.pid) == 0, "detached", PATIENCE)
+        assert_detached_soon(child.pid)
 
 
 def test_second_trace_waits_for_the_first(daemon, service):
@@ -127,17 +102,17 @@ def test_second_trace_waits_for_the_first(daemon, service):
     assert tracer_of(other.pid) == 0
     first.close()
     wait_for(lambda: tracer_of(other.pid), "traced")
-    assert_free(one.pid)
+    assert_detached_soon(one.pid)
     second.close()
-    assert_free(other.pid)
+    assert_detached_soon(other.pid)
 
 
 @pytest.mark.parametrize("pids", ["-1", "no-such", "2147483647", ""])
-def test_pids_that_are_no_process_are_a_bad_request(daemon, pids):
+def test_unknown_processes_get_400(daemon, pids):
     assert daemon.answer(b"/x", b"cmd=strace&pid=" + pids.encode()) == BAD_REQUEST
 
 
-def test_daemon_and_first_process_are_no_trouble(daemon):
+def test_daemon_is_not_traced_and_process_1_may_be(daemon):
     assert daemon.answer(b"/x", query(daemon.pid)) == HEAD
     for pid in (0, "0x10"):
         assert daemon.answer(b"/x", query(pid)) == HEAD
@@ -145,16 +120,16 @@ def test_daemon_and_first_process_are_no_trouble(daemon):
         assert browser.read(len(HEAD)) == HEAD
 
 
-def test_two_hundred_processes_at_once(daemon, service):
+def test_200_processes_can_be_traced_at_once(daemon, service):
     children = [service("sleep", "1000") for _ in range(200)]
     browser = daemon.ask(b"/x", query(*(child.pid for child in children)))
     wait_for(lambda: all(tracer_of(child.pid) for child in children), "traced")
     browser.close()
     for child in children:
-        assert_free(child.pid)
+        assert_detached_soon(child.pid)
 
 
-def test_child_that_is_traced_is_not_kept_from_its_parent(daemon, service):
+def test_parent_gets_the_status_of_its_traced_child(daemon, service):
     child = service("sh", "-c", "for i in 1 2 3 4 5 6 7 8 9; do sh -c 'exit 4' || r=$?; done; read x; exit $r")
     with daemon.ask(b"/x", query(child.pid)) as browser:
         browser.read(len(HEAD) + 1)
@@ -170,17 +145,17 @@ def trace_member(members):
 
 
 def read_archive(daemon):
-    """Read by another thread than the test's first, which the archive traces like every process."""
+    """Reads on another thread than the test's first one, which the archive traces like every process."""
     with concurrent.futures.ThreadPoolExecutor(1) as pool:
         return pool.submit(daemon.answer, b"/x/debug.tar").result(4 * PATIENCE)
 
 
-def test_archive_has_a_trace_of_what_is_running(daemon, service):
-    child = service(*CALLING)
+def test_archive_has_a_trace_of_the_running_processes(daemon, service):
+    child = service(*BUSY_PROGRAM)
     text = trace_member(assert_whole(body_of(read_archive(daemon), PLAIN_HEAD))).decode()
     assert len(text) == TRACE_SIZE
     assert re.search(rf"^\[{child.pid} sh\] \[[0-9a-f]+ 0\] (close|openat)\(", text, re.MULTILINE)
-    assert_free(child.pid)
+    assert_detached_soon(child.pid)
 
 
 def test_archive_is_made_while_a_trace_is_running(daemon, service):
@@ -190,12 +165,12 @@ def test_archive_is_made_while_a_trace_is_running(daemon, service):
         assert_whole(body_of(read_archive(daemon), PLAIN_HEAD))
         assert tracer_of(one.pid) != 0
         assert browser.read(len(HEAD)) == HEAD
-    assert_free(one.pid)
-    assert_free(other.pid)
+    assert_detached_soon(one.pid)
+    assert_detached_soon(other.pid)
 
 
 class Drain:
-    """Reads a browser on a thread of its own, which no trace holds, and counts the bytes."""
+    """Reads a browser on a thread of its own, which is not traced, and counts the bytes."""
 
     def __init__(self, browser):
         self.browser = browser
@@ -210,7 +185,7 @@ class Drain:
         self.ended = True
 
     def leave(self):
-        """The browser goes away."""
+        """Closes the browser."""
         self.browser.near.shutdown(socket.SHUT_RDWR)
         self.thread.join()
         self.browser.close()
@@ -222,8 +197,8 @@ class Drain:
     ids=["compressed", "plain"],
 )
 def test_archive_is_made_while_everything_is_traced(daemon, service, name, head, check):
-    """The trace holds every process at each of its system calls, the archive's own programs not among them."""
-    sleeping, busy = service("sleep", "1000"), service(*CALLING)
+    """The trace stops every process at each system call, except the programs that the archive starts."""
+    sleeping, busy = service("sleep", "1000"), service(*BUSY_PROGRAM)
     everyone = [pid for pid in processes() if pid != daemon.pid and process_stat(pid)[0] not in "ZX"]
     trace = Drain(daemon.ask(b"/x", b"cmd=strace"))
     try:
@@ -231,7 +206,7 @@ def test_archive_is_made_while_everything_is_traced(daemon, service, name, head,
             wait_for(lambda pid=child.pid: tracer_of(pid), "traced")
         with concurrent.futures.ThreadPoolExecutor(1) as pool:
             answer = pool.submit(daemon.answer, f"/x/{name}".encode()).result(4 * PATIENCE)
-        # It goes on as if nothing had been.
+        # The trace continues as if nothing had happened.
         assert tracer_of(sleeping.pid) and tracer_of(busy.pid) and not trace.ended
         before = trace.count
         wait_for(lambda: trace.count > before, "more of the trace")
@@ -240,15 +215,15 @@ def test_archive_is_made_while_everything_is_traced(daemon, service, name, head,
     check(body_of(answer, head))
     for pid in everyone:
         if process_stat(pid):
-            assert_free(pid)
+            assert_detached_soon(pid)
 
 
-def test_browser_of_a_plain_archive_that_is_traced_itself_gets_it(daemon):
-    """With small buffers, the test's own thread, which the trace holds, has to read for the archive to go on."""
-    with daemon.ask(b"/x/debug.tar", room=4096) as browser:
+def test_browser_that_is_traced_itself_gets_a_plain_archive(daemon):
+    """With small buffers, the archive continues only when the test's own thread reads, which is traced."""
+    with daemon.ask(b"/x/debug.tar", buffer_size=SMALL_BUFFER) as browser:
         assert_whole(body_of(browser.read_all(), PLAIN_HEAD))
 
 
-def test_no_child_of_the_daemon_is_left(daemon):
+def test_archive_leaves_no_child_of_the_daemon(daemon):
     read_archive(daemon)
     wait_for(lambda: children_of(daemon.pid) == [], lambda: children_of(daemon.pid))

@@ -1,4 +1,4 @@
-"""Tracers, and daemons that trace, ended by a signal at any moment: nobody stays stopped, and nobody dies."""
+"""Tracers, and daemons that trace, are ended by a signal at any moment. No process stays stopped, and none dies."""
 
 import contextlib
 import os
@@ -12,23 +12,25 @@ import time
 
 import pytest
 
-from zarvo_e2e import BIN, SANITIZE, Daemon, end_by, wait_for
+from support.daemon import Daemon
+from support.processes import end_by, threads_of
+from support.tracers import TSTRACE
+from support.under_test import BIN, FAST, SANITIZE
+from support.waiting import wait_for
 
 NEEDS_SANDBOX = True
-pytestmark = pytest.mark.usefixtures("here")
+pytestmark = pytest.mark.usefixtures("clean_sandbox")
 
-TSTRACE = str(BIN / "tstrace")
 SEED = 7
 SLEEPERS, THREADS = 40, 11
-FAST = os.environ.get("ZARVO_FAST") == "1" or bool(SANITIZE)
-# Of a tracer, of a daemon that traces for a browser, and of one that makes an archive; a thousand in all.
-ENDS, DAEMON_ENDS, ARCHIVE_ENDS = (10, 3, 2) if FAST else (95, 28, 4)
+# How often each is ended: a tracer, a daemon that traces for a browser, one that makes an archive; 1000 times in all.
+ENDS, DAEMON_ENDS, ARCHIVE_ENDS = (10, 3, 2) if FAST or SANITIZE else (95, 28, 4)
 STOP = 1 << (signal.SIGSTOP - 1)
 SIGNALS = [signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT, signal.SIGKILL]
 
 
-def rest_of(pid, tid):
-    """S: a thread that nobody traces is asleep, T: it is stopped; None: it is neither yet."""
+def final_state(pid, tid):
+    """The state of a thread without a tracer. S: asleep, T: stopped, None: neither yet, or a stop is pending."""
     text = status_of(pid, tid)
     assert "TracerPid:\t0\n" in text, text
     pending = [int(mask, 16) for mask in re.findall(r"^(?:SigPnd|ShdPnd):\t(\w+)$", text, re.MULTILINE)]
@@ -46,7 +48,7 @@ def read_to_the_end(browser):
 
 
 class Crowd:
-    """Processes that sleep, and one whose threads wake up all the time."""
+    """Sleeping processes, and one whose threads wake up all the time."""
 
     def __init__(self):
         self.children = [subprocess.Popen(["sleep", "1000"]) for _ in range(SLEEPERS)]
@@ -54,29 +56,29 @@ class Crowd:
         wait_for(lambda: len(self.threads()) >= SLEEPERS + THREADS, "all threads")
 
     def threads(self):
-        """(process, thread) of everybody."""
-        return [(child.pid, int(tid)) for child in self.children for tid in os.listdir(f"/proc/{child.pid}/task")]
+        """(process, thread) of all processes."""
+        return [(child.pid, tid) for child in self.children for tid in threads_of(child.pid)]
 
-    def words(self):
+    def options(self):
         return [word for _, tid in self.threads() for word in ("-p", str(tid))]
 
     def all_traced(self):
         return all("TracerPid:\t0\n" not in status_of(*thread) for thread in self.threads())
 
-    def all_free(self):
+    def all_detached(self):
         return all("TracerPid:\t0\n" in status_of(*thread) for thread in self.threads())
 
     def any_traced(self):
-        return not self.all_free()
+        return not self.all_detached()
 
     def stopped(self):
-        """The processes that are stopped. Who is asleep has no stop before it any more: it would have woken up."""
-        return {pid for pid, tid in self.threads() if wait_for(lambda: rest_of(pid, tid), "at rest") == "T"}
+        """The processes that are stopped. A sleeping one has no stop ahead: a signal would have woken it."""
+        return {pid for pid, tid in self.threads() if wait_for(lambda: final_state(pid, tid), "asleep or stopped") == "T"}
 
     def check(self, sig):
-        left = self.stopped()
-        assert len(left) <= (1 if sig == signal.SIGKILL else 0), (sig, left)
-        for pid in left:
+        stopped = self.stopped()
+        assert len(stopped) <= (1 if sig == signal.SIGKILL else 0), (sig, stopped)
+        for pid in stopped:
             os.kill(pid, signal.SIGCONT)
         for child in self.children:
             assert child.poll() is None, f"{child.args} ended"
@@ -95,7 +97,7 @@ def crowd():
 
 
 def start_tracer(crowd):
-    return subprocess.Popen([TSTRACE, *crowd.words()], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+    return subprocess.Popen([TSTRACE, *crowd.options()], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
 
 
 def traced(crowd):
@@ -111,30 +113,30 @@ def seconds(action):
 
 
 def end_tracer(sig, tracer):
-    """Ends a tracer that may be ending already."""
+    """Ends a tracer, which may be ending already."""
     assert end_by(tracer, sig) in (-sig, 0)
 
 
 @pytest.mark.parametrize("sig", SIGNALS, ids=lambda sig: sig.name)
-def test_end_while_it_attaches_leaves_nobody_stopped(crowd, sig):
+def test_tracer_that_ends_while_attaching_leaves_no_process_stopped(crowd, sig):
     rng = random.Random(SEED)
-    usual = seconds(lambda: end_tracer(signal.SIGINT, traced(crowd)))
+    duration = seconds(lambda: end_tracer(signal.SIGINT, traced(crowd)))
     for _ in range(ENDS):
         tracer = start_tracer(crowd)
-        time.sleep(rng.random() * usual)
+        time.sleep(rng.random() * duration)
         end_tracer(sig, tracer)
         crowd.check(sig)
 
 
 @pytest.mark.parametrize("sig", SIGNALS, ids=lambda sig: sig.name)
-def test_end_while_it_lets_go_leaves_nobody_stopped(crowd, sig):
+def test_tracer_that_ends_while_detaching_leaves_no_process_stopped(crowd, sig):
     rng = random.Random(SEED)
     first = traced(crowd)
-    usual = seconds(lambda: end_tracer(signal.SIGINT, first))
+    duration = seconds(lambda: end_tracer(signal.SIGINT, first))
     for _ in range(ENDS):
         tracer = traced(crowd)
         tracer.send_signal(signal.SIGINT)
-        time.sleep(rng.random() * usual)
+        time.sleep(rng.random() * duration)
         end_tracer(sig, tracer)
         crowd.check(sig)
 
@@ -143,8 +145,8 @@ class TracingDaemon:
     """A daemon that traces a crowd for a browser."""
 
     def __init__(self, folder, crowd):
-        self.daemon = Daemon(folder, sockets=False)
-        self.browser = self.daemon.ask(b"/x", b"cmd=strace&pid=" + ",".join(crowd.words()[1::2]).encode())
+        self.daemon = Daemon(folder, own_sockets=True)
+        self.browser = self.daemon.ask(b"/x", b"cmd=strace&pid=" + ",".join(crowd.options()[1::2]).encode())
 
     def end(self, sig):
         assert end_by(self.daemon.process, sig) == -sig, self.daemon.said()
@@ -152,41 +154,41 @@ class TracingDaemon:
 
 
 @pytest.mark.parametrize("sig", SIGNALS, ids=lambda sig: sig.name)
-def test_end_of_a_daemon_while_it_attaches_leaves_nobody_stopped(crowd, tmp_path, sig):
+def test_daemon_that_ends_while_attaching_leaves_no_process_stopped(crowd, tmp_path, sig):
     rng = random.Random(SEED)
     first = TracingDaemon(tmp_path, crowd)
-    usual = seconds(lambda: wait_for(crowd.all_traced, "traced"))
+    duration = seconds(lambda: wait_for(crowd.all_traced, "traced"))
     first.end(signal.SIGTERM)
     for _ in range(DAEMON_ENDS):
         tracing = TracingDaemon(tmp_path, crowd)
-        time.sleep(rng.random() * usual)
+        time.sleep(rng.random() * duration)
         tracing.end(sig)
         crowd.check(sig)
 
 
 @pytest.mark.parametrize("sig", SIGNALS, ids=lambda sig: sig.name)
-def test_end_of_a_daemon_while_it_lets_go_leaves_nobody_stopped(crowd, tmp_path, sig):
+def test_daemon_that_ends_while_detaching_leaves_no_process_stopped(crowd, tmp_path, sig):
     rng = random.Random(SEED)
     first = TracingDaemon(tmp_path, crowd)
     wait_for(crowd.all_traced, "traced")
     first.browser.close()
-    usual = seconds(lambda: wait_for(crowd.all_free, "free"))
+    duration = seconds(lambda: wait_for(crowd.all_detached, "detached"))
     first.end(signal.SIGTERM)
     for _ in range(DAEMON_ENDS):
         tracing = TracingDaemon(tmp_path, crowd)
         wait_for(crowd.all_traced, "traced")
         tracing.browser.close()
-        time.sleep(rng.random() * usual)
+        time.sleep(rng.random() * duration)
         tracing.end(sig)
         crowd.check(sig)
 
 
 @pytest.mark.parametrize("sig", SIGNALS, ids=lambda sig: sig.name)
-def test_end_of_a_daemon_that_makes_an_archive_leaves_nobody_stopped(crowd, tmp_path, sig):
-    """The trace of an archive has to be met first: its end comes somewhere in the attaching, or soon after."""
+def test_daemon_that_ends_during_an_archive_leaves_no_process_stopped(crowd, tmp_path, sig):
+    """The signal comes when the archive's trace has begun to attach, or soon after."""
     rng = random.Random(SEED)
     for _ in range(ARCHIVE_ENDS):
-        daemon = Daemon(tmp_path, sockets=False)
+        daemon = Daemon(tmp_path, own_sockets=True)
         browser = daemon.ask(b"/x/debug.tar")
         reader = threading.Thread(target=read_to_the_end, args=(browser,))
         reader.start()

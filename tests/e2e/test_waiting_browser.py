@@ -1,4 +1,4 @@
-"""The browser that waits: for a core that is pushed, or for a stored dump."""
+"""The waiting browser: it gets the next core, or a stored dump."""
 
 import os
 import pathlib
@@ -6,7 +6,10 @@ import random
 
 import pytest
 
-from zarvo_e2e import BAD_REQUEST, CORE_HEAD, Log, download_head, log_error, log_info, wait_for
+from support.answers import BAD_REQUEST, CORE_HEAD, download_head
+from support.connections import SMALL_BUFFER
+from support.system_log import Log, log_error, log_info
+from support.waiting import wait_for
 
 NEEDS_SANDBOX = True
 
@@ -44,7 +47,7 @@ def checked_and_failed(daemon, folder, name):
 @pytest.mark.parametrize("size", [0, 1, 2047, 2048, 2049, 3_000_001])
 def test_pushed_core_reaches_the_waiting_browser_byte_for_byte(daemon, size):
     core = random.Random(size).randbytes(size)
-    browser = daemon.wait_as()
+    browser = daemon.waiting_browser()
     if size < 10_000:
         assert daemon.push(core) == b""
         assert browser.read_all() == CORE_HEAD + core
@@ -58,46 +61,46 @@ def test_pushed_core_reaches_the_waiting_browser_byte_for_byte(daemon, size):
 
 @pytest.mark.parametrize("query", [b"listen", b"listening", b"cmd=coredump"])
 def test_every_way_of_waiting_gets_the_core(daemon, query):
-    browser = daemon.wait_as(b"/x/anything", query)
+    browser = daemon.waiting_browser(b"/x/anything", query)
     assert browser.is_silent()
     assert daemon.push(b"core") == b""
     assert browser.read_all() == CORE_HEAD + b"core"
 
 
-def test_core_is_dropped_when_nobody_waits(daemon):
-    rest = daemon.rest()
+def test_core_is_dropped_if_no_browser_waits(daemon):
+    idle = daemon.idle_state()
     assert daemon.push(b"x" * 100_000) == b""
     assert daemon.push(b"") == b""
     daemon.sync()
-    daemon.wait_for_rest(rest)
+    daemon.wait_until_idle(idle)
 
 
-def test_one_core_is_all_that_a_browser_gets(daemon):
-    browser = daemon.wait_as()
+def test_browser_gets_only_one_core(daemon):
+    browser = daemon.waiting_browser()
     daemon.push(b"first")
     daemon.push(b"second")
     assert browser.read_all() == CORE_HEAD + b"first"
 
 
-def test_core_for_a_browser_that_has_gone_is_dropped(daemon):
-    rest = daemon.rest()
-    daemon.wait_as().close()
+def test_core_is_dropped_if_the_waiting_browser_is_gone(daemon):
+    idle = daemon.idle_state()
+    daemon.waiting_browser().close()
     assert daemon.push(b"x" * 100_000) == b""
     daemon.sync()
-    daemon.wait_for_rest(rest)
+    daemon.wait_until_idle(idle)
 
 
 @pytest.mark.parametrize("query", [b"listen", b"cmd=coredump"])
-def test_next_waiting_browser_replaces_the_first_unanswered(daemon, query):
-    first = daemon.wait_as()
-    second = daemon.wait_as(query=query)
+def test_next_waiting_browser_replaces_the_first(daemon, query):
+    first = daemon.waiting_browser()
+    second = daemon.waiting_browser(query=query)
     assert first.read_all() == b""
     daemon.push(b"core")
     assert second.read_all() == CORE_HEAD + b"core"
 
 
 def test_other_requests_do_not_disturb_the_waiting_browser(daemon):
-    browser = daemon.wait_as()
+    browser = daemon.waiting_browser()
     daemon.answer(b"/x", b"cmd=ps")
     daemon.answer(b"/x/debug.tar")
     assert browser.is_silent()
@@ -118,7 +121,7 @@ def test_pop_delivers_a_dump_under_its_name_and_deletes_it(start, dumps):
     assert os.listdir(dumps) == []
 
 
-def test_each_pop_delivers_one_of_two_and_the_last_says_that_none_is_left(start, dumps):
+def test_each_pop_delivers_one_dump_and_the_last_is_logged(start, dumps):
     daemon = start("-k", dumps)
     contents = {"one": b"1" * 5000, "two": b"2" * 10}
     for name, content in contents.items():
@@ -140,7 +143,7 @@ def test_pop_of_an_empty_folder_closes_the_connection(start, dumps):
     assert log.wait(2) == checked_and_empty(daemon, dumps)
 
 
-def test_missing_chosen_folder_is_logged_and_the_default_ones_are_not_tried(start):
+def test_missing_folder_of_an_option_is_logged_and_no_default_is_tried(start):
     os.makedirs(DEFAULT_DIRS[0], exist_ok=True)
     dump = pathlib.Path(DEFAULT_DIRS[0], "stays")
     dump.write_bytes(b"dump")
@@ -154,7 +157,7 @@ def test_missing_chosen_folder_is_logged_and_the_default_ones_are_not_tried(star
     os.rmdir(DEFAULT_DIRS[0])
 
 
-def test_default_folders_are_tried_in_their_order(daemon):
+def test_default_folders_are_tried_in_order(daemon):
     log = Log()
     assert daemon.answer(b"/x", b"pop") == b""
     assert log.wait(1) == [log_info(daemon.pid, "No dump dir")]
@@ -173,7 +176,7 @@ def test_dump_that_cannot_be_sent_is_kept_and_logged(start, dumps):
     daemon = start("-k", dumps)
     (dumps / "kept").write_bytes(b"dump" * 100_000)
     log = Log()
-    browser = daemon.ask(b"/x", b"pop", room=4096)
+    browser = daemon.ask(b"/x", b"pop", buffer_size=SMALL_BUFFER)
     browser.read(10)
     browser.close()
     expected = checked_and_failed(daemon, dumps, "kept")
@@ -198,7 +201,7 @@ def test_dump_that_cannot_be_opened_is_reported_on_standard_error(start, dumps):
     assert daemon.said().splitlines()[-1] == "check_dumps: No such file or directory"
 
 
-def test_quotes_and_line_ends_of_a_dumps_name_do_not_break_the_head(start, dumps):
+def test_quotes_and_control_characters_in_a_name_are_replaced_in_the_head(start, dumps):
     daemon = start("-k", dumps)
     (dumps / 'a"b\r\nc\x7fd').write_bytes(b"dump")
     assert daemon.answer(b"/x", b"pop") == dump_head("a_b__c_d") + b"dump"
@@ -209,17 +212,17 @@ def test_listen_after_pop_is_not_served_from_the_folder(start, dumps):
     (dumps / "dump").write_bytes(b"dump")
     assert daemon.answer(b"/x", b"pop") == dump_head("dump") + b"dump"
     (dumps / "dump").write_bytes(b"dump")
-    browser = daemon.wait_as()
+    browser = daemon.waiting_browser()
     assert browser.is_silent()
     daemon.push(b"pushed")
     assert browser.read_all() == CORE_HEAD + b"pushed"
 
 
-def test_every_request_after_a_pop_tries_again_and_keeps_a_dump_that_nobody_waits_for(start, dumps):
+def test_requests_after_a_pop_repeat_it_and_keep_a_dump_without_a_browser(start, dumps):
     daemon = start("-k", dumps)
     log = Log()
     assert daemon.answer(b"/x", b"pop") == b""
-    log.wait(2)  # lines reach the file some time after they were logged
+    log.wait(2)  # lines reach the file some time after they are logged
     (dumps / "dump").write_bytes(b"dump")
     log = Log()
     assert daemon.answer(b"/x", b"cmd=none") == BAD_REQUEST
@@ -235,11 +238,11 @@ def test_coredump_request_after_pop_is_served_from_the_folder(start, dumps):
     assert daemon.answer(b"/x", b"cmd=coredump") == dump_head("dump") + b"dump"
 
 
-def test_pops_leave_no_descriptor_behind(start, dumps):
+def test_pops_leave_no_descriptor_open(start, dumps):
     daemon = start("-k", dumps)
-    rest = daemon.rest()
+    idle = daemon.idle_state()
     for number in range(30):
         (dumps / f"dump{number}").write_bytes(b"dump")
         assert daemon.answer(b"/x", b"pop").endswith(b"dump")
-    daemon.wait_for_rest(rest)
+    daemon.wait_until_idle(idle)
     wait_for(lambda: os.listdir(dumps) == [], lambda: os.listdir(dumps))

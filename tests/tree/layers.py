@@ -1,18 +1,18 @@
 #!/usr/bin/python3
-"""Checks that includes run only down the floors of the house, and that each names its folder.
+"""Checks that folders include only from lower layers, and that each include names its folder.
 
-Usage: layers.py ROOT; prints one line for each include that breaks the rule and exits 1 when there is one.
+Usage: layers.py ROOT. Prints one line for each include that breaks the rule, and exits with 1 if there is one.
 """
 import pathlib
 import re
 import sys
 
-# Lowest first; folders on one floor do not include each other.
-FLOORS = [["platform"], ["common"], ["oops", "platform/standin"], ["proc"], ["net"], ["monitor", "trace"], ["dump"],
+# Lowest first. Folders on one layer do not include each other.
+LAYERS = [["platform"], ["common"], ["oops", "platform/standin"], ["proc"], ["net"], ["monitor", "trace"], ["dump"],
           ["archive"], ["cgi"], ["app"]]
-FLOOR_OF = {folder: number for number, folders in enumerate(FLOORS) for folder in folders}
+LAYER_OF = {folder: number for number, folders in enumerate(LAYERS) for folder in folders}
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"')
-# What has to stand on its own even among the floors below it.
+# Files that may include only these, although more is below them.
 STANDALONE = {
     "archive/tar.cpp": {"archive/tar.h", "archive/output.h", "common/"},
     "archive/tar.h": set(),
@@ -22,25 +22,25 @@ STANDALONE = {
 
 
 def folder_of(path):
-    """The innermost folder of FLOORS that the file is in."""
-    return max((folder for folder in FLOOR_OF if path.startswith(folder + "/")), key=len)
+    """The innermost folder of LAYERS that the file is in."""
+    return max((folder for folder in LAYER_OF if path.startswith(folder + "/")), key=len)
 
 
 def complaint(path, included):
     folder = folder_of(path)
     target = included.split("/")[0]
-    if "/" not in included or target not in FLOOR_OF:
+    if "/" not in included or target not in LAYER_OF:
         return "does not name a folder of the product"
     if path in STANDALONE and not any(included.startswith(allowed) for allowed in STANDALONE[path]):
-        return "knows more than it should"
-    if target != folder and FLOOR_OF[target] >= FLOOR_OF[folder]:
-        return "is not below"
+        return "is not one of the few files that it may include"
+    if target != folder and LAYER_OF[target] >= LAYER_OF[folder]:
+        return "is not in a lower layer"
     return None
 
 
 def check(root):
     broken, files = [], 0
-    for folder in sorted({folder.split("/")[0] for folder in FLOOR_OF}):
+    for folder in sorted({folder.split("/")[0] for folder in LAYER_OF}):
         for path in sorted((root / folder).rglob("*")):
             if path.suffix not in (".h", ".cpp"):
                 continue
@@ -56,7 +56,7 @@ def check(root):
 
 def main():
     broken, files = check(pathlib.Path(sys.argv[1]))
-    print("\n".join(broken) or f"{files} files keep to their floors")
+    print("\n".join(broken) or f"{files} files include only from lower layers")
     return 1 if broken or files == 0 else 0
 
 

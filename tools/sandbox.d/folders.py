@@ -1,7 +1,7 @@
-"""What the command sees: /proc, /run and /dev of its own and the device's files in the machine's folders.
+"""The file system of the command: its own /proc, /run and /dev, and the device's files in the machine's folders.
 
-Runs as the first process of the new namespaces. Everything that is written lies on tmpfs mounts of
-the private mount namespace; the kernel drops them when its last process ends.
+Runs in the first process of the new namespaces. Everything is written to tmpfs mounts of the private mount namespace,
+which the kernel drops when its last process ends.
 """
 
 import os
@@ -10,9 +10,9 @@ import stat
 import linux
 
 DEVICE_FILES = os.path.join(os.path.dirname(os.path.realpath(__file__)), "device")
-DEVICE_FOLDERS = ["/etc/conf.d"]                      # empty ones, which the tree above can't hold
-LAID_OVER = ["/etc", "/usr/sbin", "/var"]
-STAGING = "/run"                                      # every machine has it, and it is replaced anyway
+DEVICE_FOLDERS = ["/etc/conf.d"]  # empty folders, which git cannot store
+EXTENDED = ["/etc", "/usr/sbin", "/var"]
+STAGING = "/run"  # every machine has it, and it is replaced at the end
 DEVICE_NODES = ["null", "zero", "full", "random", "urandom", "tty", "pts", "net/tun"]
 DEVICE_LINKS = {"fd": "/proc/self/fd", "stdin": "fd/0", "stdout": "fd/1", "stderr": "fd/2"}
 RUN_FOLDERS = ["dbg-cgi", "log", "lock"]
@@ -20,8 +20,8 @@ LOG_FILE = "/run/log/messages"
 
 
 def set_up(dcore, overlay, net):
-    """Builds all of it. Raises OSError when a step is refused; what was built so far ends with us."""
-    folders = LAID_OVER + (["/usr/bin"] if dcore else [])
+    """Sets up everything. Raises OSError if a step fails. What was mounted until then disappears with this process."""
+    folders = EXTENDED + (["/usr/bin"] if dcore else [])
     inner = inner_mounts(folders)
     resolver = hidden_resolver()
     linux.mount("sandbox", STAGING, "tmpfs", linux.MS_NOSUID | linux.MS_NODEV, "mode=0755")
@@ -29,7 +29,7 @@ def set_up(dcore, overlay, net):
     for folder in folders:
         original = os.open(folder, os.O_PATH)
         below = [(path, descriptor) for path, descriptor in inner if path.startswith(folder + "/")]
-        if lay_over(folder, dcore, overlay):
+        if extend(folder, dcore, overlay):
             for path, descriptor in below:
                 cover_inner_mount(path, descriptor)
         else:
@@ -43,7 +43,7 @@ def set_up(dcore, overlay, net):
 
 
 def inner_mounts(folders):
-    """(path, descriptor) of what is mounted below the folders, as an overlay would not show it."""
+    """(path, descriptor) of all mounts below the folders, which an overlay would not show."""
     paths = set()
     with open("/proc/self/mountinfo", "rb") as file:
         for line in file:
@@ -55,12 +55,12 @@ def inner_mounts(folders):
         try:
             found.append((path, os.open(path, os.O_PATH)))
         except OSError:
-            pass    # hidden below another mount, or closed to us: nobody could see it before either
+            pass  # hidden below another mount, or no permission: it was not visible before either
     return found
 
 
 def hidden_resolver():
-    """The resolver's configuration when it lies in /run, which the private one will hide."""
+    """The resolver's configuration if it is in /run, which the private one will hide."""
     if not os.path.realpath("/etc/resolv.conf").startswith("/run/"):
         return None
     try:
@@ -88,13 +88,14 @@ def make_folder_like(path, original):
 
 
 def overlay_over(lower, folder, upper):
-    """One overlay; `upper` is a new folder on the staging tmpfs, to which the overlay holds on."""
+    """Mounts an overlay. `upper` is a new folder on the staging tmpfs, which the overlay keeps alive."""
     os.makedirs(work := upper + ".work")
     linux.mount("sandbox", folder, "overlay", 0, f"lowerdir={lower},upperdir={upper},workdir={work}")
 
 
-def lay_over(folder, dcore, overlay):
-    """Returns False when it had to make a folder of links into /run/machine, which doesn't exist yet."""
+def extend(folder, dcore, overlay):
+    """Adds the device's files to a folder. Returns False if it made a folder of links, whose targets must then appear in
+    /run/machine."""
     upper = STAGING + "/upper" + folder
     make_folder_like(upper, folder)
     add_device_files(folder, upper)
@@ -105,7 +106,7 @@ def lay_over(folder, dcore, overlay):
             overlay_over(folder, folder, upper)
             return True
         except OSError:
-            pass    # no overlayfs here, or too many of them on top of each other already
+            pass  # no overlayfs, or too many of them on top of each other
     if folder == "/var":
         make_writable_var(upper)
     link_to_machine(folder, upper)
@@ -114,7 +115,7 @@ def lay_over(folder, dcore, overlay):
 
 
 def add_device_files(folder, upper):
-    """Copies rather than binds: owner and mode are root's whatever the checkout's are."""
+    """Copies the files, since the owner must be root, whoever owns the checkout."""
     source = DEVICE_FILES + folder
     for parent, folders, files in os.walk(source):
         target = upper + parent[len(source):]
@@ -137,7 +138,7 @@ def copy_file(source, target):
 
 
 def make_writable_var(upper):
-    """Without an overlay only folders of our own can be written to."""
+    """Makes the folders in which a command can write without an overlay."""
     for name in ("spool", "volatile"):
         os.mkdir(f"{upper}/{name}", 0o755)
     os.mkdir(upper + "/tmp")
@@ -145,7 +146,7 @@ def make_writable_var(upper):
 
 
 def link_to_machine(folder, upper):
-    """Fills `upper` with a link for each entry of the machine's folder that it doesn't have yet."""
+    """Fills `upper` with a link for each entry of the machine's folder that it does not have yet."""
     for entry in os.scandir(folder):
         target = os.path.join(upper, entry.name)
         if entry.is_dir(follow_symlinks=False) and os.path.isdir(target):
@@ -155,7 +156,7 @@ def link_to_machine(folder, upper):
 
 
 def cover_inner_mount(path, descriptor):
-    """Brings back what was mounted below a folder that is now an overlay, such that no write reaches it."""
+    """Shows a mount below a folder that is now an overlay again, protected from writes."""
     mode = os.fstat(descriptor).st_mode
     original = f"/proc/self/fd/{descriptor}"
     if stat.S_ISREG(mode):
@@ -168,12 +169,12 @@ def cover_inner_mount(path, descriptor):
             overlay_over(original, path, upper)
             return
         except OSError:
-            pass    # a file system that can't be below an overlay
+            pass  # overlayfs does not support this file system
     linux.bind(descriptor, path, read_only=True)
 
 
 def make_run(machine):
-    """`machine`: the originals, as (path, descriptor), that folders of links point to; outer ones first."""
+    """`machine`: (path, descriptor) of the original folders to which the links point, outer folders first."""
     linux.mount("sandbox", "/run", "tmpfs", linux.MS_NOSUID | linux.MS_NODEV, "mode=0755")
     for name in RUN_FOLDERS:
         os.mkdir("/run/" + name, 0o755)
@@ -186,7 +187,7 @@ def make_run(machine):
 
 
 def make_dev():
-    """A /dev whose /dev/log is ours; terminals stay the machine's, as the caller's is one of them."""
+    """A private /dev, for a private /dev/log. The terminals are the machine's, since the caller's is one of them."""
     nodes = []
     for name in DEVICE_NODES:
         if os.path.exists("/dev/" + name):
@@ -207,16 +208,16 @@ def make_dev():
 
 
 def make_ptmx():
-    """A node, not a bind mount: the kernel looks for a folder named pts beside the node that is opened."""
+    """A node, not a bind mount, because the kernel looks for a folder named pts next to the opened node."""
     try:
         os.mknod("/dev/ptmx", stat.S_IFCHR, os.makedev(5, 2))
         os.chmod("/dev/ptmx", 0o666)
     except PermissionError:
-        os.symlink("pts/ptmx", "/dev/ptmx")     # in a container that may make no nodes
+        os.symlink("pts/ptmx", "/dev/ptmx")  # in a container without permission to make nodes
 
 
 def make_proc(net):
-    """Kernel settings are the whole machine's and so read-only, but for those of a network of our own."""
+    """Kernel settings are read-only, because they are the machine's. Those of a private network are writable."""
     linux.mount("proc", "/proc", "proc", linux.MS_NOSUID | linux.MS_NODEV | linux.MS_NOEXEC)
     linux.bind("/proc/sys", "/proc/sys", read_only=True)
     if net:

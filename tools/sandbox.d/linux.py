@@ -1,4 +1,4 @@
-"""The few system calls that the sandbox needs and Python has no name for."""
+"""System calls that the sandbox needs and Python does not have."""
 
 import ctypes
 import os
@@ -24,7 +24,7 @@ def mount(source, target, kind=None, flags=0, data=None):
 
 
 def bind(source, target, read_only=False):
-    """Shows the file or folder `source`, a path or an open descriptor, at `target` as well."""
+    """Mounts the file or folder `source`, a path or an open descriptor, at `target`."""
     if isinstance(source, int):
         source = f"/proc/self/fd/{source}"
     mount(source, target, flags=MS_BIND)
@@ -37,5 +37,5 @@ def unmount(target):
 
 
 def die_with_parent(signal_number):
-    """The kernel sends this process the signal when the one that forked it ends."""
+    """The kernel sends the signal to this process when its parent ends."""
     _check(_libc.prctl(PR_SET_PDEATHSIG, ctypes.c_ulong(signal_number)), "prctl")

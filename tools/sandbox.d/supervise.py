@@ -1,12 +1,12 @@
 """The two processes around the command: a supervisor outside its PID namespace and the init inside.
 
-unshare(1) runs this file in the new mount namespace. The supervisor keeps the process id that the
-caller knows, watches for signals and reports the end. Its only child is process 1 of the new PID
-namespace: it builds the folders, starts the command, collects syslog messages and reaps orphans. When
-it ends, the kernel kills what is left in the namespace and only then wakes the supervisor.
+unshare(1) runs this file in the new mount namespace. The supervisor has the process id that the caller knows. It
+receives signals and returns the exit status. Its only child, init, is process 1 of the new PID namespace. Init sets up
+the file system, starts the command, collects syslog messages and reaps orphans. When init ends, the kernel kills all
+other processes in the namespace before it wakes the supervisor.
 
-A pipe leads from the supervisor to init. A byte is the number of a signal for the command; its end
-means that the supervisor is gone.
+The supervisor writes to init through a pipe. A byte is the number of a signal for the command. End of file means that
+the supervisor is gone.
 """
 
 import marshal
@@ -16,9 +16,9 @@ import signal
 import sys
 import time
 
-GRACE_S = 5             # from a signal to the end of a command that doesn't heed it
-SAME_SIGNAL_S = 0.02    # a signal to our process group reaches all its members well within this
-SI_KERNEL = 0x80        # the kernel sent it: at a terminal, somebody pressed Ctrl-C
+GRACE_S = 5  # from a signal until a command that ignores it is killed
+SAME_SIGNAL_S = 0.02  # a signal to our process group reaches all its members well within this time
+SI_KERNEL = 0x80  # the kernel sent the signal: someone pressed Ctrl-C at the terminal
 RELAYED = {signal.SIGINT, signal.SIGTERM, signal.SIGHUP}
 
 
@@ -32,7 +32,7 @@ def exit_status(wait_status):
 
 
 def keep_only(kept):
-    """Lets go of the caller's descriptors, so that a pipe ends when the command closes its side."""
+    """Closes the caller's other descriptors. Otherwise a pipe would stay open after the command has closed its end."""
     null = os.open("/dev/null", os.O_RDWR)
     for number in range(3):
         os.dup2(null, number)
@@ -46,7 +46,7 @@ def keep_only(kept):
 
 
 def foreground_terminal():
-    """A descriptor of our terminal when we are its foreground job, or None."""
+    """A descriptor of our terminal if we are its foreground job, or None."""
     try:
         terminal = os.open("/dev/tty", os.O_RDWR | os.O_NOCTTY)
     except OSError:
@@ -58,28 +58,32 @@ def foreground_terminal():
 
 
 def take_back(terminal):
-    """A shell inside made a group of its own the foreground job and could not name ours to undo it."""
+    """Makes our process group the foreground job again.
+
+    A shell in the sandbox may have made its own group the foreground job. It cannot restore ours, which has no
+    number in its PID namespace.
+    """
     try:
         os.killpg(os.tcgetpgrp(terminal), 0)
     except ProcessLookupError:
         os.tcsetpgrp(terminal, os.getpgrp())
     except OSError:
-        pass    # the terminal has gone
+        pass  # the terminal is gone
 
 
 class Patience:
-    """When to stop waiting for the command. Ctrl-C sets no deadline: the command may well live on."""
+    """Decides when to kill the command. Ctrl-C sets no deadline, because the command may handle it."""
 
     def __init__(self):
         self.deadline = None
         self.reason = None
-        self.interrupted = {True: None, False: None}    # typed or not: when it last happened
+        self.interrupted = {True: None, False: None}  # time of the last SIGINT, typed at the terminal or not
 
     def seconds_left(self):
         return max(0.0, self.deadline - time.monotonic())
 
     def runs_out_at(self, number, typed):
-        """Notes a signal; says whether it is one too many."""
+        """Records a signal. Returns True if the command must be killed now."""
         now = time.monotonic()
         self.reason = self.reason or number
         if number == signal.SIGINT:
@@ -122,18 +126,18 @@ def tell_init(control, number):
     try:
         os.write(control, bytes([number]))
     except BrokenPipeError:
-        pass    # it is just ending
+        pass  # init is ending
 
 
 # Init, process 1 inside.
 
 
 def start(command, environment, mask, umask):
-    """Forks and runs the command; 127 and 126 are what shells and env(1) say when it can't be run."""
+    """Forks and runs the command. The exit status is 127 or 126 if that fails, as in shells and env(1)."""
     pid = os.fork()
     if pid != 0:
         return pid
-    for number in (signal.SIGPIPE, signal.SIGXFSZ):     # Python ignores them, which exec would pass on
+    for number in (signal.SIGPIPE, signal.SIGXFSZ):   # Python ignores them, and exec would keep that
         signal.signal(number, signal.SIG_DFL)
     signal.pthread_sigmask(signal.SIG_SETMASK, mask)
     os.umask(umask)
@@ -145,7 +149,7 @@ def start(command, environment, mask, umask):
 
 
 def open_log():
-    import socket   # here, as the supervisor can do without: it costs some milliseconds
+    import socket  # not at the top: the import takes milliseconds, and the supervisor does not need it
 
     log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
     log.bind("/dev/log")
@@ -154,7 +158,7 @@ def open_log():
 
 
 def collect(log, log_file):
-    """Writes one line for each message; line ends inside a message are written as \\n."""
+    """Writes one line for each message. Newlines inside a message are written as \\n."""
     while True:
         try:
             message = log.recv(65536)
@@ -165,11 +169,11 @@ def collect(log, log_file):
             with open(log_file, "ab", buffering=0) as file:
                 file.write(line)
         except OSError:
-            pass    # the command made the file unusable; its messages are its own loss
+            pass  # the command has made the file unusable
 
 
 def reap(command_pid):
-    """Takes every ended process; returns the command's wait status when it is among them."""
+    """Reaps all ended processes. Returns the wait status of the command if it is one of them."""
     while True:
         try:
             pid, status = os.waitpid(-1, os.WNOHANG)
@@ -182,20 +186,20 @@ def reap(command_pid):
 
 
 def reached_group(number):
-    """True when we got the signal too: it was sent to the whole process group."""
+    """True if init has received the signal, too, because it was sent to the whole process group."""
     info = signal.sigtimedwait({number}, SAME_SIGNAL_S)
-    return info is not None and info.si_pid == 0    # 0: a sender outside the namespace
+    return info is not None and info.si_pid == 0  # 0: the sender is outside the namespace
 
 
 def pass_on(number, command_pid):
-    """Once, and not a second time to a command that got it as a member of our process group."""
+    """Sends a signal to the command, unless the command has received it as a member of our process group."""
     reached = reached_group(number)
     if not reached or os.getpgid(command_pid) != os.getpgid(0):
         os.kill(command_pid, number)
 
 
 def attend(command_pid, control, log, log_file, woken):
-    """Serves signals, messages and orphans until the command or the supervisor ends; our exit status."""
+    """Handles signals, messages and orphans until the command or the supervisor ends. Returns our exit status."""
     poll = select.poll()
     for number in (control, log.fileno(), woken):
         poll.register(number, select.POLLIN)
@@ -234,7 +238,7 @@ def bring_lo_up():
 
 
 def enter_again(folder):
-    """The caller's working directory as it looks now: the old one may lie below an overlay."""
+    """Enters the caller's working directory again, which may now be below an overlay."""
     try:
         os.chdir(folder)
     except OSError as error:
@@ -267,7 +271,7 @@ def run_init(options, command, environment, mask, control):
 
 
 def read_task():
-    """Options, command, its environment and signal mask, from the descriptor that the argument names."""
+    """Options, command, its environment and signal mask, from the descriptor whose number is the argument."""
     with open(int(sys.argv[1]), "rb") as file:
         file.seek(0)
         return marshal.load(file)

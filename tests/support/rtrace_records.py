@@ -1,4 +1,4 @@
-"""Streams of resource-trace records, taken apart. Needs nothing of pytest's."""
+"""Streams of resource-trace records, taken apart."""
 
 import dataclasses
 import struct
@@ -25,12 +25,12 @@ class Record:
 
 
 def split(stream):
-    """The records of a stream, the last of which may be cut off."""
+    """The records of a stream. A truncated last record is ignored."""
     records = []
     offset = 0
     while offset + HEADER.size <= len(stream):
         kind, length, time_ms, more, zero = HEADER.unpack_from(stream, offset)
-        assert 1 <= kind <= 13 and more in (0, 1) and zero == b"\0\0\0", f"no header at {offset}"
+        assert 1 <= kind <= 13 and more in (0, 1) and zero == b"\0\0\0", f"invalid header at {offset}"
         offset += HEADER.size
         if offset + length > len(stream):
             break
@@ -40,11 +40,11 @@ def split(stream):
 
 
 def read_until(receive, enough, head):
-    """Reads with `receive` behind exactly `head` until `enough(records)`; returns the records and the stream."""
+    """Reads records after `head` until `enough(records)`. Returns the records, and the stream after the head."""
     stream = b""
     while not (stream[: len(head)] == head and enough(split(stream[len(head) :]))):
         piece = receive(1 << 16)
-        assert piece, f"it ends after {len(stream)} bytes"
+        assert piece, f"end of the stream after {len(stream)} bytes"
         stream += piece
         assert head.startswith(stream[: len(head)]), stream[:200]
     return split(stream[len(head) :]), stream[len(head) :]

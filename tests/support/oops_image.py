@@ -1,4 +1,4 @@
-"""Flash partitions as the kernel's oops logger leaves them, and what has to be printed of them."""
+"""Flash partitions as the kernel's oops logger writes them, and what oopslog has to print."""
 
 import random
 import struct
@@ -29,7 +29,7 @@ def ring(pages, newest, oldest_count=100):
 
 
 def random_flash(pages, seed):
-    """Every kind of page, each full of random text."""
+    """Pages of every kind with random contents."""
     chance = random.Random(seed)
     made = []
     for _ in range(pages):
@@ -48,7 +48,7 @@ def shown(byte):
 
 
 def oopslog_of(image, backwards=False, without=()):
-    """(standard output, standard error) for these bytes; pages in `without` can't be read."""
+    """(standard output, standard error) for an image. `without`: the pages that cannot be read."""
     pages = [image[at : at + PAGE] for at in range(0, len(image) // PAGE * PAGE, PAGE)]
     found = {}
     for position, page in enumerate(pages):

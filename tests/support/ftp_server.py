@@ -1,4 +1,4 @@
-"""A real FTP server on loopback (pyftpdlib) that notes its commands and can misbehave."""
+"""A real FTP server on loopback (pyftpdlib), which records its commands and can misbehave."""
 
 import threading
 import time
@@ -8,18 +8,18 @@ IDLE = 0.01
 
 
 class FtpServer:
-    """Serves `home` for one user until stop(). lines: the commands it got; at_rename: called at each RNFR.
+    """Serves `home` for one user until stop(). lines: the commands so far; at_rename: called at each RNFR.
 
-    permissions   of the user, as pyftpdlib spells them
-    stall         it accepts an upload and reads nothing of it
+    permissions   of the user, in pyftpdlib's notation
+    stall         it accepts an upload and does not read it
     drop_data     it closes the data connection after the first bytes
     refuse_rename it answers RNFR with an error
-    data_port     the one port for data connections (None: any)
+    data_port     the only port for data connections (None: any)
     """
 
     def __init__(self, home, *, permissions="elradfmwMT", stall=False, drop_data=False, refuse_rename=False,
                  data_port=None):
-        from pyftpdlib import authorizers, handlers, servers    # what imports this may have to do without
+        from pyftpdlib import authorizers, handlers, servers  # may not be installed
 
         self.home, self.lines, self.at_rename = home, [], None
         (home / "dumps").mkdir(parents=True)
@@ -28,7 +28,7 @@ class FtpServer:
         class Data(handlers.DTPHandler):
             def handle_read_event(self):
                 if stall:
-                    time.sleep(IDLE)    # and leaves the bytes where they are
+                    time.sleep(IDLE)  # the data stays unread
                 elif drop_data:
                     self._resp = ("426 Connection closed; transfer aborted.", handlers.logger.info)
                     self.close()
@@ -74,6 +74,6 @@ class FtpServer:
         return [line for line in self.lines if line.split()[0] in names]
 
     def files(self):
-        """What has been stored: path below the home folder and content."""
+        """The stored files: {path below the home folder: content}."""
         paths = [path for path in self.home.rglob("*") if path.is_file()]
         return {str(path.relative_to(self.home)): path.read_bytes() for path in paths}

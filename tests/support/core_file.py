@@ -1,19 +1,20 @@
-"""What the tests of the dumper share: its target, and core files as they look from outside."""
+"""Core files, taken apart, and the program that the dumper's tests dump."""
 
-import pathlib
 import re
 import struct
 
-SOURCE = pathlib.Path(__file__).resolve().parent / "programs" / "dumped.cpp"
+from support.under_test import ROOT
+
+SOURCE = ROOT / "tests" / "e2e" / "programs" / "dumped.cpp"
 FLAGS = ["-std=c++20", "-g", "-O1", "-fno-optimize-sibling-calls", "-pthread"]
 
 KNOWN_GLOBAL, KNOWN_DOUBLE = 0x1234567, "2.5"
 CONTROL_LINE = re.compile(rb".{8}(\d+).{21}((?:\d+(?: \d+)*)?)\n", re.DOTALL)
 LOAD, NOTE = 1, 4
 PRSTATUS, FPREGSET, X86_XSTATE, X86_XSAVE_LAYOUT = 1, 2, 0x202, 0x205
-PN_XNUM = 0xFFFF    # the number is in the first section header
+PN_XNUM = 0xFFFF  # the number of segments is in the first section header
 
-# Questions for gdb; everything it says about them is one text.
+# What gdb is asked about a core.
 GDB_COMMANDS = ["set pagination off", "thread apply all backtrace", "print/x known_global", "print known_double",
                 "info proc mappings", "info auxv", "print $_siginfo.si_signo"]  # fmt: skip
 
@@ -26,9 +27,9 @@ def gdb_words(program, core, debugger="gdb", commands=GDB_COMMANDS):
 
 
 def bare_core(xstate):
-    """An x86-64 core of one thread without memory, of which nothing but its extended registers is known."""
+    """An x86-64 core of one thread that has extended registers and nothing else."""
     status = bytearray(336)
-    status[32:36] = struct.pack("<i", 1)    # its thread id
+    status[32:36] = struct.pack("<i", 1)  # its thread id
     notes = b"".join(struct.pack("<III8s", len(owner) + 1, len(content), kind, owner) + content
                      for owner, kind, content in ((b"CORE", PRSTATUS, status), (b"LINUX", X86_XSTATE, xstate)))  # fmt: skip
     head = struct.pack("<16sHHIQQQIHHHHHH", b"\x7fELF\2\1\1", 4, 62, 1, 0, 64, 0, 0, 64, 56, 1, 0, 0, 0)
@@ -36,7 +37,7 @@ def bare_core(xstate):
 
 
 def announced(control):
-    """The length that the control line at the beginning of `control` announces, and the text behind the line."""
+    """The length that the control line at the start of `control` announces, and the text after that line."""
     match = CONTROL_LINE.match(control)
     assert match and match.end() <= 511, control
     assert match[2] == b"", control
@@ -44,7 +45,7 @@ def announced(control):
 
 
 class Core:
-    """A core file in memory: 64-bit or 32-bit, little endian."""
+    """A core file: 64-bit or 32-bit, little endian."""
 
     def __init__(self, content):
         self.content = content
@@ -56,19 +57,19 @@ class Core:
         if count == PN_XNUM:
             count = struct.unpack_from("<I", content, head[5] + (44 if self.wide else 28))[0]
         for i in range(count):
-            self._take(start + i * size)
+            self._add_segment(start + i * size)
 
-    def _take(self, at):
+    def _add_segment(self, at):
         if self.wide:
-            kind, _, offset, address, _, length, room, _ = struct.unpack_from("<IIQQQQQQ", self.content, at)
+            kind, _, offset, address, _, length, size, _ = struct.unpack_from("<IIQQQQQQ", self.content, at)
         else:
-            kind, offset, address, _, length, room, _, _ = struct.unpack_from("<IIIIIIII", self.content, at)
+            kind, offset, address, _, length, size, _, _ = struct.unpack_from("<IIIIIIII", self.content, at)
         if kind == LOAD:
-            self.loads.append((address, room, offset, length))
+            self.loads.append((address, size, offset, length))
         elif kind == NOTE:
-            self._take_notes(offset, offset + length)
+            self._add_notes(offset, offset + length)
 
-    def _take_notes(self, at, end):
+    def _add_notes(self, at, end):
         while at < end:
             owner_length, length, kind = struct.unpack_from("<III", self.content, at)
             begin = at + 12 + (owner_length + 3 & ~3)
@@ -76,15 +77,16 @@ class Core:
             at = begin + (length + 3 & ~3)
 
     def notes_of(self, kind):
-        """The content of the notes of a kind, in the file's order: one for each thread where they are registers."""
+        """The contents of the notes of one kind, in the file's order. Registers have one note for each thread."""
         return [content for found, content in self.notes if found == kind]
 
     def at(self, address, length):
-        """Bytes of memory; None where the file has no content for them, or only for some."""
+        """Bytes of memory, or None if the file does not have all of them."""
         for start, _, offset, content in self.loads:
             if start <= address and address + length <= start + content:
                 return self.content[offset + address - start : offset + address - start + length]
         return None
 
     def covers(self, address):
-        return any(start <= address < start + room for start, room, _, _ in self.loads)
+        """True if a segment contains the address, even if the file has no content for it."""
+        return any(start <= address < start + size for start, size, _, _ in self.loads)

@@ -1,33 +1,35 @@
-"""The debug daemon and its web front on an emulated board. Needs nothing of pytest's.
+"""The debug daemon and its web front on an emulated board.
 
-    with Board(build=BUILD, http=True) as board:
-        put_device_files(board)
-        pid = start_daemon(board)
-        print(urllib.request.urlopen(start_front(board) + "/debug.tgz").read())
+    with served_board(BUILD) as served:
+        print(urllib.request.urlopen(served.url + "/debug.tgz").read())
+
+The modules of board/ must be on the module search path.
 """
 
+import contextlib
 import pathlib
 import subprocess
 import tempfile
-import time
+import types
 import urllib.error
 import urllib.request
 
-import image  # of board/, which whoever imports this has on the path for its Board
+import board as emulated
+import image
 from places import SYSROOT
 from prepare import find_tool
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-DEVICE_FILES = ROOT / "tools/sandbox.d/device"
+from support.daemon import CGI_SOCKET, SEGFAULT_SOCKET
+from support.under_test import ROOT
+from support.waiting import wait_for
 
-CGI_SOCKET = "/var/run/dbg-cgi/ctrl-cgi-socket"
-SEGFAULT_SOCKET = "/var/run/dbg-cgi/ctrl-segf-socket"
+DEVICE_FILES = ROOT / "tools" / "sandbox.d" / "device"
+START_LIMIT = 60  # seconds until a program on the board must have started
+POLL_S = 0.1
 
-START_LIMIT = 60  # seconds until a program that was started on the board has to be up
-POLL = 0.1
 
-# Sends its standard input to the stream socket at a path, says that nothing more comes, and waits for the
-# other side's end, as the handler of core dumps does. Busybox has no program that could.
+# Sends its standard input to the stream socket at a path, shuts the sending side down and waits for the end of the
+# connection, as the core handler does. Busybox has no such program.
 SEND_SOURCE = r"""
 #include <stdio.h>
 #include <string.h>
@@ -58,18 +60,13 @@ int main(int argc, char** argv) {
 """
 
 
-def wait_for(condition, what, seconds=START_LIMIT):
-    """Returns the first true value of `condition()`."""
-    end = time.monotonic() + seconds
-    while not (value := condition()):
-        if time.monotonic() > end:
-            raise TimeoutError(f"after {seconds} s still not on the board: {what}")
-        time.sleep(POLL)
-    return value
+def wait_for_board(condition, what, seconds=START_LIMIT):
+    """As wait_for(), at the board's speed."""
+    return wait_for(condition, f"on the board: {what}", seconds, POLL_S)
 
 
 def put_device_files(board):
-    """The programs and settings of the device that the archive collects."""
+    """Installs the programs and settings of the device that the archive collects."""
     for file in sorted(DEVICE_FILES.rglob("*")):
         if file.is_file():
             board.put(file, f"/{file.relative_to(DEVICE_FILES)}")
@@ -84,16 +81,16 @@ def pids_of(board, program):
 
 
 def start_daemon(board, *options):
-    """Starts a daemon the way the device does, detached; returns its pid when both sockets are there."""
+    """Starts a detached daemon, as on the device. Returns its pid when it listens on both sockets."""
     before = pids_of(board, "debugar.cgi")
     board.check("mkdir -p /var/run/dbg-cgi && debugar.cgi " + " ".join(options))
-    wait_for(lambda: listens(board, CGI_SOCKET) and listens(board, SEGFAULT_SOCKET), "the daemon's sockets")
+    wait_for_board(lambda: listens(board, CGI_SOCKET) and listens(board, SEGFAULT_SOCKET), "the daemon's sockets")
     (pid,) = set(pids_of(board, "debugar.cgi")) - set(before)
     return pid
 
 
 def start_front(board):
-    """Starts a web front for the daemon at the usual socket; returns its address, without a last slash."""
+    """Starts a web front for the daemon at the usual socket. Returns its address, without a slash at the end."""
     url = f"http://127.0.0.1:{board.http_port}"
     board.check(f"webfront --port 80 --forwarded-from {board.http_port} </dev/null >/tmp/webfront.log 2>&1 &")
 
@@ -104,16 +101,25 @@ def start_front(board):
         except (OSError, urllib.error.URLError):
             return False
 
-    wait_for(answers, "an answer of the web front")
+    wait_for_board(answers, "an answer of the web front")
     return url
 
 
 def put_sender(board, remote="/tmp/send-to-socket"):
-    """Compiles a program that sends standard input to a stream socket: `send-to-socket PATH < FILE`."""
+    """Compiles a program that sends its standard input to a stream socket: `send-to-socket PATH < FILE`."""
     compiler = find_tool(image.CROSS_PREFIX + "g++")
     with tempfile.TemporaryDirectory(prefix="zarvo-sender-") as folder:
-        made = pathlib.Path(folder, "sender")
-        words = [compiler, f"--sysroot={SYSROOT}", "-std=c++20", "-Os", "-x", "c++", "-", "-o", made]
+        sender = pathlib.Path(folder, "sender")
+        words = [compiler, f"--sysroot={SYSROOT}", "-std=c++20", "-Os", "-x", "c++", "-", "-o", sender]
         subprocess.run(words, input=SEND_SOURCE, text=True, check=True)
-        board.put(made, remote, 0o755)
+        board.put(sender, remote, 0o755)
     return remote
+
+
+@contextlib.contextmanager
+def served_board(build):
+    """A board with the device's files, a daemon at the usual sockets and a web front: `board`, `pid`, `url`."""
+    with emulated.Board(build, http=True) as board:
+        put_device_files(board)
+        pid = start_daemon(board)
+        yield types.SimpleNamespace(board=board, pid=pid, url=start_front(board))

@@ -1,0 +1,34 @@
+"""Other programs must be able to read our captures."""
+
+import re
+import shutil
+import subprocess
+
+import pytest
+
+from support.captures import split_capture
+
+
+def assert_tcpdump_reads(stream, count):
+    if not shutil.which("tcpdump"):
+        pytest.skip("needs tcpdump, to read the capture")
+    read = subprocess.run(["tcpdump", "-n", "-r", "-"], input=stream, capture_output=True)
+    assert read.returncode == 0, read.stderr
+    assert b"truncated" not in read.stderr and b"bogus" not in read.stderr, read.stderr
+    records = [line for line in read.stdout.splitlines() if line[:1].isdigit()]
+    assert len(records) == count
+
+
+def assert_capinfos_reads(stream, count, folder):
+    """capinfos uses another library than tcpdump, and complains about a file that it cannot read to the end."""
+    if not shutil.which("capinfos"):
+        pytest.skip("needs capinfos, to read the capture")
+    file = folder / "read-back.pcap"
+    file.write_bytes(stream)
+    read = subprocess.run(["capinfos", "-M", "-t", "-E", "-c", "-d", file], capture_output=True, text=True)
+    assert (read.returncode, read.stderr) == (0, "")
+    said = dict(re.split(r":\s+", line, maxsplit=1) for line in read.stdout.splitlines() if ": " in line)
+    assert said["File type"] == "pcap"
+    assert said["File encapsulation"] == "ether"
+    assert said["Number of packets"] == str(count)
+    assert said["Data size"] == f"{sum(fields[3] for fields, _ in split_capture(stream))} bytes"
