@@ -18,7 +18,7 @@ constexpr uint32_t sctp = 0x84;
 constexpr uint32_t drop = 0;
 constexpr uint32_t whole_frame = 0xffffffff;
 
-// A program that compares both ports, as one word, with two values that are filled in for each connection.
+// Replaced by a connection's two ports, which the programs compare as one word.
 constexpr uint32_t both_ports = 0;
 
 constexpr auto connection_ipv4 = bpf_program({
@@ -46,7 +46,7 @@ constexpr auto connection_ipv6 = bpf_program({
 });
 constexpr size_t connection_ipv6_tests[] = {5, 6};
 
-// Has room for the longer program, and to spare.
+// More than the longer program needs.
 constexpr size_t program_bytes = 1024;
 
 struct connection_ports {
@@ -69,12 +69,11 @@ sock_filter* connection_program(std::span<const sock_filter> program, const size
     return copy;
 }
 
-// An address of either family; the fields that are looked at lie where the family has them.
 union socket_address {
     sockaddr any;
     sockaddr_in v4;
     sockaddr_in6 v6;
-    sockaddr_storage room;
+    sockaddr_storage storage;
 };
 static_assert(sizeof(socket_address) == 128);
 
@@ -97,7 +96,7 @@ sock_filter* filter_me(int sock, int* count) {
         return nullptr;
     }
     connection_ports ports = {ntohs(local.v6.sin6_port), ntohs(peer.v6.sin6_port)};
-    // A peer whose address is an IPv4 one in disguise talks IPv4 on the wire.
+    // A peer with an IPv4-mapped address uses IPv4 on the wire.
     return IN6_IS_ADDR_V4MAPPED(&peer.v6.sin6_addr)
                ? connection_program(connection_ipv4, connection_ipv4_tests, ports, count)
                : connection_program(connection_ipv6, connection_ipv6_tests, ports, count);

@@ -7,11 +7,11 @@
 #include <array>
 #include <cstddef>
 
-// One line of a program as people write it down: jumps name the lines they go to.
+// One line of a program as documentation writes it: jumps name the line they go to.
 struct bpf_line {
     uint16_t code;
     uint32_t k;
-    size_t if_true = 0;  // numbers of lines, for jumps alone
+    size_t if_true = 0;  // line numbers; only jumps have them
     size_t if_false = 0;
 };
 
@@ -44,7 +44,7 @@ constexpr bpf_line bpf_ret(uint32_t accepted_bytes) {
     return {BPF_RET | BPF_K, accepted_bytes};
 }
 
-// Not defined anywhere: a program that jumps backwards or too far does not compile.
+// Not defined, so that a program that jumps backwards or too far does not compile.
 uint8_t bpf_impossible_jump();
 
 // The distance that an instruction holds for a jump from line `from` to line `to`.
@@ -65,15 +65,15 @@ consteval std::array<sock_filter, count> bpf_program(const bpf_line (&lines)[cou
     return program;
 }
 
-// The instructions that drop the traffic of the connection `sock` and accept everything else, on the heap
-// (the caller frees it), and their number in `*count` unless that is null. Null when `sock` is no connected
-// IPv4 or IPv6 socket, or without memory.
+// Returns a program that drops the traffic of the connection `sock` and accepts everything else; the caller
+// frees it. Stores the number of its instructions in `*count` unless that is null. Returns null if `sock` is
+// not a connected IPv4 or IPv6 socket, or if an allocation failed.
 //
-// Ports are compared, addresses are not: traffic between other machines on the same two ports is dropped too.
+// Only ports are compared: traffic between other machines on the same two ports is dropped too.
 sock_filter* filter_me(int sock, int* count);
 
-// The program that drops traffic from or to port 22 over TCP, UDP or SCTP and accepts everything else. Over
-// IPv4, frames of a later fragment have no ports and are accepted. Over IPv6, extension headers hide them.
+// Drops traffic from or to port 22 over TCP, UDP and SCTP, and accepts everything else. IPv4 fragments after
+// the first have no ports and are accepted; so are IPv6 packets with extension headers.
 constexpr size_t bpf_port_program_size = 24;
 extern const std::array<sock_filter, bpf_port_program_size> bpf_port_program;
 

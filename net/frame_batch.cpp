@@ -4,8 +4,7 @@
 
 namespace {
 
-// Whether a failed read only says that nothing is queued.
-bool is_empty(int error) {
+bool is_queue_empty(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
 
@@ -19,38 +18,36 @@ void frame_batch_prepare(frame_batch* batch) {
     }
 }
 
-fetched_frames fetch_frames_singly(frame_batch* batch, int sock, int first, captured_frame* into, int room) {
-    fetched_frames fetched;
-    while (fetched.count < room) {
-        uint8_t* place = batch->frames[first + fetched.count];
-        ssize_t got = recv(sock, place, pcap_frame_limit, MSG_DONTWAIT);
-        if (got <= 0) {
-            fetched.ended = got == 0 || !is_empty(errno);
-            break;
-        }
-        into[fetched.count++] = {place, static_cast<unsigned>(got), {}};
+fetched_frames frame_batch_fetch(frame_batch* batch, int sock, int first, int limit) {
+    mmsghdr* messages = batch->messages + first;
+    int got = recvmmsg(sock, messages, static_cast<unsigned>(limit), MSG_DONTWAIT, nullptr);
+    if (got < 0) {
+        return errno == ENOSYS ? frame_batch_fetch_singly(batch, sock, first, limit)
+                               : fetched_frames{.has_ended = !is_queue_empty(errno)};
     }
+    fetched_frames fetched;
+    while (fetched.count < got && messages[fetched.count].msg_len > 0) {
+        fetched.count++;
+    }
+    fetched.has_ended = fetched.count < got;
+    fetched.is_full = fetched.count == limit;
     return fetched;
 }
 
-fetched_frames fetch_frames(frame_batch* batch, int sock, int first, captured_frame* into, int room) {
-    mmsghdr* messages = batch->messages + first;
-    int got = recvmmsg(sock, messages, static_cast<unsigned>(room), MSG_DONTWAIT, nullptr);
-    if (got < 0 && errno == ENOSYS) {
-        return fetch_frames_singly(batch, sock, first, into, room);
-    }
+fetched_frames frame_batch_fetch_singly(frame_batch* batch, int sock, int first, int limit) {
     fetched_frames fetched;
-    if (got < 0) {
-        fetched.ended = !is_empty(errno);
-        return fetched;
-    }
-    while (fetched.count < got && !fetched.ended) {
-        unsigned length = messages[fetched.count].msg_len;
-        fetched.ended = length == 0;
-        if (length > 0) {
-            into[fetched.count] = {batch->frames[first + fetched.count], length, {}};
+    while (fetched.count < limit && !fetched.has_ended) {
+        const int i = first + fetched.count;
+        ssize_t got = recv(sock, batch->frames[i], pcap_frame_limit, MSG_DONTWAIT);
+        if (got < 0 && is_queue_empty(errno)) {
+            break;
+        }
+        fetched.has_ended = got <= 0;
+        if (got > 0) {
+            batch->messages[i].msg_len = static_cast<unsigned>(got);
             fetched.count++;
         }
     }
+    fetched.is_full = fetched.count == limit;
     return fetched;
 }

@@ -1,13 +1,14 @@
-// Frames that are read from packet sockets several at a time, where the kernel does not share its memory.
+// Frames read from packet sockets several at a time, for sockets without a ring.
 #pragma once
 
 #include <stdint.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include "net/frame_ring.h"
+#include "net/frame.h"
 
-// Room for some frames. frame_batch_prepare() comes before the first use.
+// Frame i lies in frames[i], its length in messages[i].msg_len. Call frame_batch_prepare() before the first
+// use.
 struct frame_batch {
     static constexpr int capacity = 64;
     uint8_t frames[capacity][pcap_frame_limit];
@@ -17,9 +18,9 @@ struct frame_batch {
 
 void frame_batch_prepare(frame_batch* batch);
 
-// Reads what is queued at `sock`, at most `room` frames, into the places from `first` on, and tells in `into`
-// where they lie, without a timestamp. Never waits; an empty queue is no end.
-fetched_frames fetch_frames(frame_batch* batch, int sock, int first, captured_frame* into, int room);
+// Reads what is queued at `sock`, at most `limit` frames, into the batch from frame `first` on. Never waits;
+// an empty queue is not an end.
+fetched_frames frame_batch_fetch(frame_batch* batch, int sock, int first, int limit);
 
-// What fetch_frames does where the kernel has no recvmmsg(2).
-fetched_frames fetch_frames_singly(frame_batch* batch, int sock, int first, captured_frame* into, int room);
+// The same with one system call for each frame. frame_batch_fetch() calls it on kernels without recvmmsg(2).
+fetched_frames frame_batch_fetch_singly(frame_batch* batch, int sock, int first, int limit);

@@ -4,27 +4,27 @@
 
 namespace {
 
-// A processor that is interrupted between receiving a frame and handing it over is overtaken by the others,
-// by tens of microseconds as a rule. A timestamp that lies further back is due to a clock that was set back.
+// A processor that is interrupted between timestamping a frame and queueing it is overtaken by others,
+// usually by tens of microseconds. If a timestamp is further back, the clock was set back.
 constexpr int64_t disorder_us = 50000;
 
 int64_t in_us(const frame_time& time) {
     return int64_t{time.s} * 1000000 + time.us;
 }
 
-// Moves the last of `count` frames to its place among the others, which are in order.
-void sort_in(captured_frame* frames, int count) {
+// Moves the last of `count` frames to its position among the others, which are sorted.
+void insert_last(captured_frame* frames, int count) {
     const captured_frame frame = frames[count - 1];
-    int place = count - 1;
-    for (; place > 0 && frame.time < frames[place - 1].time; place--) {
-        frames[place] = frames[place - 1];
+    int position = count - 1;
+    for (; position > 0 && frame.time < frames[position - 1].time; position--) {
+        frames[position] = frames[position - 1];
     }
-    frames[place] = frame;
+    frames[position] = frame;
 }
 
 }  // namespace
 
-void sort_frames(captured_frame* frames, int count, frame_time* last) {
+void frame_sort(captured_frame* frames, int count, frame_time* last) {
     frame_time largest = *last;
     frame_time lowest = largest;
     for (int i = 0; i < count; i++) {
@@ -37,7 +37,7 @@ void sort_frames(captured_frame* frames, int count, frame_time* last) {
             lowest = largest;
         }
         time = std::max(time, lowest);
-        sort_in(frames, i + 1);
+        insert_last(frames, i + 1);
     }
     *last = largest;
 }

@@ -1,9 +1,9 @@
-// The order of frames that the kernel hands over.
+// The order of frames by their timestamps.
 #pragma once
 
-#include "net/frame_ring.h"
+#include "net/frame.h"
 
-// Sorts frames by their timestamps. `last` is the largest timestamp so far and is kept up to date: a frame
-// that comes too late to be sorted in, or that was received after the clock had been set back, gets the
-// largest timestamp before it.
-void sort_frames(captured_frame* frames, int count, frame_time* last);
+// Sorts frames by their timestamps. `last` holds the largest timestamp so far and is updated. A frame gets
+// the largest timestamp before it if it is older than frames that have been recorded, or if the clock was
+// set back before it was received.
+void frame_sort(captured_frame* frames, int count, frame_time* last);

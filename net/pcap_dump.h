@@ -11,23 +11,23 @@ struct pcap_dump_options {
     unsigned max_total = 0;              // exact size of the whole stream in bytes; 0: no limit
     unsigned snaplen = 0;                // recorded length of every frame; 0: its own
     int duration = 0;                    // seconds; 0: no limit
-    int promisc = 0;                     // not 0: the interfaces are in promiscuous mode meanwhile
+    int promisc = 0;                     // not 0: promiscuous mode during the capture
     const sock_fprog* filter = nullptr;  // attached to every socket
-    int stop_fd = -1;                    // the capture ends when this can be read (nobody does); -1: none
-    pcap_progress progress = {};         // told of what has been written
+    int stop_fd = -1;                    // the capture ends when this is readable; never read; -1: none
+    pcap_progress progress = {};         // called after each write
 };
 
-// Captures on `interfaces` (up to six names separated by commas, cut up in place; "any" when none is valid)
-// onto `out_fd` (borrowed). Promiscuous mode is off afterwards, whatever it was before.
+// Captures from `interfaces` (up to six names separated by commas, split in place; all interfaces if no name
+// is valid) to `out_fd`, which is borrowed. Promiscuous mode is off afterwards, even if it was on before.
 //
-// A stream with an exact size ends early when a frame does not fit any more, or when a socket fails, and is
-// filled up with records of zero bytes. Below the 24 bytes of the file header it is that header. Without any
-// limit the capture ends when the peer of `out_fd` goes; what the peer sends is thrown away.
+// If a size is given, the capture ends when a frame no longer fits, and the stream is filled up with records
+// of zero bytes. A size below the file header's 24 bytes gives the file header. The capture also ends when a
+// socket fails and, without any limit, when the peer of `out_fd` closes. What the peer sends is discarded.
 //
-// Returns the bytes written (INT32_MAX for more), -1 after a failed write or without memory, 0 when no
-// interface could be opened, which has been reported on standard error: nothing has been written then.
+// Returns the number of bytes written (INT32_MAX for more), or -1 if a write or an allocation failed. Returns
+// 0 and writes nothing if no interface could be opened, which it reports on standard error.
 int32_t pcap_dump_with(char* interfaces, int out_fd, const pcap_dump_options& options);
 
-// The same with the options one by one and nothing to stop it.
+// The same without a stop descriptor.
 int32_t pcap_dump(char* interfaces, int out_fd, unsigned max_total, unsigned snaplen, int duration,
                   int promisc, const sock_fprog* filter);

@@ -1,5 +1,5 @@
 // The classic pcap file format, version 2.4: a file header, then records of a header and a frame each. All
-// numbers are in the byte order of the machine that writes them; readers tell it from the magic number.
+// numbers are in the byte order of the machine that writes them; readers detect it by the magic number.
 #pragma once
 
 #include <stdint.h>
@@ -10,7 +10,7 @@ struct pcap_file_header {
     uint16_t version_minor = 4;
     int32_t thiszone = 0;
     uint32_t sigfigs = 0;
-    uint32_t snaplen = 65535;  // the same whatever the records are cut to
+    uint32_t snaplen = 65535;  // even if the records are cut
     uint32_t linktype = 1;     // Ethernet
 };
 static_assert(sizeof(pcap_file_header) == 24);
@@ -23,10 +23,10 @@ struct pcap_record_header {
 };
 static_assert(sizeof(pcap_record_header) == 16);
 
-// A stream that is short of its promised size is filled up with records of zero bytes, dated 1970. Returns
-// the size of the next one, header included, when `remaining` bytes are missing. No record is larger than
-// 32767 bytes, and none leaves a rest that would be too small for a record header. A `remaining` below the
-// size of a record header is returned as it is: those bytes can only be bare zeros.
+// A stream is filled up to its promised size with records of zero bytes and timestamp 0. Returns the size of
+// the next one, including its header, if `remaining` bytes are missing. No record is larger than 32767 bytes
+// or leaves a remainder that is too small for a record header. A `remaining` that is smaller than a record
+// header is returned unchanged; those bytes are zeros without a header.
 constexpr uint32_t pcap_padding_size(uint32_t remaining) {
     constexpr uint32_t largest = 32767;
     if (remaining <= largest) {

@@ -15,16 +15,15 @@
 #include <sys/sysinfo.h>
 
 #include <algorithm>
-#include <atomic>
 
 namespace {
 
 constexpr const char* every_interface = "any";
 
-// Not in network order, and no protocol at all: nothing arrives before the socket is bound.
+// Not in network order, so it matches no protocol: nothing arrives before the socket is bound.
 constexpr int protocol_before_bind = 3;
 
-// All sockets of a capture together may queue this much, on a small machine the given part of its memory.
+// All sockets of a capture together may queue this much, but no more than this part of the machine's memory.
 constexpr uint64_t queue_bytes = 16u << 20;
 constexpr uint64_t memory_per_queue = 32;
 
@@ -33,56 +32,41 @@ uint64_t memory_size() {
     return sysinfo(&info) == 0 ? uint64_t{info.totalram} * info.mem_unit : 0;
 }
 
-// What one of the sockets may queue: a burst must not be lost while a browser is slow.
-size_t queue_share(int sharing) {
+// What each socket may queue. A slow browser must not cost frames of a burst.
+size_t queue_share(int socket_count) {
     return static_cast<size_t>(std::min(queue_bytes, memory_size() / memory_per_queue)) /
-           static_cast<size_t>(sharing);
+           static_cast<size_t>(socket_count);
 }
 
-// A ring is resident from the start, all of it, and can't be taken back. So only machines with much memory
-// have one, and those of all captures that run at the same time take no more than two of the largest; else
-// the kernel queues, which takes memory for what is queued.
-std::atomic<size_t> ring_bytes{0};
-
-// Where the data cache is looked up by virtual addresses, the kernel and a program can see different contents
-// of the same memory.
+// With a virtually indexed data cache, the kernel and a program can see different contents of the same
+// memory.
 #if defined(__mips__)
-constexpr bool memory_can_be_shared = false;
+constexpr bool can_share_memory = false;
 #else
-constexpr bool memory_can_be_shared = true;
+constexpr bool can_share_memory = true;
 #endif
 
-// What all sockets of a capture have in common.
+// The settings that all sockets of a capture share.
 struct socket_plan {
     const sock_fprog* filter;
-    int sharing;         // how many sockets the capture has
-    uint64_t ring_size;  // more would be of no use
+    int promisc;
+    int socket_count;
+    uint64_t ring_size;
 };
 
-// Several sockets have no ring: one's frames would be handed over later than those of another that came after
-// them, and the records are to be in the order of their timestamps.
-bool open_ring(frame_ring* ring, int sock, const socket_plan& plan) {
-    const size_t queue = static_cast<size_t>(std::min<uint64_t>(queue_bytes, plan.ring_size));
+// Rings are only for machines with much memory, since a ring is resident from the start; a queue takes memory
+// only for what it holds. Several sockets have no rings: a ring may hand over a frame later than another one
+// that was received after it, and records are in the order of their timestamps.
+frame_ring open_ring(int sock, const socket_plan& plan) {
     const bool has_memory = memory_size() / memory_per_queue >= queue_bytes;
-    if (!memory_can_be_shared || plan.sharing > 1 || !has_memory) {
-        return false;
+    if (!can_share_memory || plan.socket_count > 1 || !has_memory) {
+        return {};
     }
-    if (ring_bytes.fetch_add(queue) + queue > 2 * queue_bytes || !frame_ring_open(ring, sock, queue)) {
-        ring_bytes -= queue;
-        return false;
-    }
-    ring_bytes += ring->size;
-    ring_bytes -= queue;
-    return true;
+    return frame_ring_open(sock, static_cast<size_t>(std::min(queue_bytes, plan.ring_size)));
 }
 
-void close_ring(frame_ring* ring) {
-    ring_bytes -= ring->size;
-    frame_ring_close(ring);
-}
-
-// Without the privilege the system's own limit holds.
-void raise_queue(int sock, size_t size) {
+// Without the privilege, the system's limit applies.
+void set_queue_size(int sock, size_t size) {
     int bytes = static_cast<int>(size / 2);  // the kernel doubles it
     if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
         (void)setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
@@ -97,25 +81,29 @@ bool bind_to(int sock, const char* name) {
     return bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
-// The name that the interface of a bound socket has by now: it may have been renamed, and another one may
-// have taken its old name.
-bool ask_name(int sock, ifreq* answer) {
+// Gets the current name of a bound socket's interface: it may have been renamed, and another interface may
+// have its old name.
+bool get_name(int sock, ifreq* answer) {
     sockaddr_ll address = {};
     socklen_t size = sizeof address;
     if (getsockname(sock, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
         return false;
     }
-    *answer = {};
-    answer->ifr_ifindex = address.sll_ifindex;
-    return ioctl(sock, SIOCGIFNAME, answer) == 0;
+    ifreq request = {};
+    request.ifr_ifindex = address.sll_ifindex;
+    if (ioctl(sock, SIOCGIFNAME, &request) != 0) {
+        return false;
+    }
+    *answer = request;
+    return true;
 }
 
 bool attach(int sock, const sock_fprog& filter) {
     return setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) == 0;
 }
 
-// What a filter accepts of a frame is copied into a ring, 64 KiB where a card puts frames together. Attaches
-// `filter`, or one that takes every frame, in such a way that no more is copied than is recorded.
+// The kernel copies as much of a frame into a ring as the filter accepts, up to 64 KiB if the card merges
+// frames. Attaches `filter`, or one that accepts every frame, cut so that no more is copied than is recorded.
 bool attach_to_ring(int sock, const sock_fprog* filter) {
     sock_filter everything = BPF_STMT(BPF_RET | BPF_K, pcap_frame_limit);
     const sock_fprog all = {1, &everything};
@@ -132,31 +120,42 @@ bool attach_to_ring(int sock, const sock_fprog* filter) {
     return attach(sock, {wanted.len, lines.get()});
 }
 
-unique_fd open_socket(const char* name, const socket_plan& plan, frame_ring* ring) {
-    unique_fd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, protocol_before_bind));
-    if (!sock) {
+void close_socket(pcap_socket* opened) {
+    opened->ring.memory.reset();
+    opened->fd.reset();
+}
+
+// On failure, the descriptor is empty and the error has been reported.
+void open_socket(pcap_socket* opened, const socket_plan& plan) {
+    opened->fd = unique_fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, protocol_before_bind));
+    if (!opened->fd) {
         perror("socket: ");
-        return sock;
+        return;
     }
-    // Attached before the first frame can arrive; what is wrong with it is said in its turn.
+    // The filter is attached before the first frame can arrive, but its errors are reported after bind's.
+    const int sock = opened->fd.get();
     bool is_attached = true;
-    if (open_ring(ring, sock.get(), plan)) {
-        is_attached = attach_to_ring(sock.get(), plan.filter) || !plan.filter;
+    opened->ring = open_ring(sock, plan);
+    if (opened->ring) {
+        is_attached = attach_to_ring(sock, plan.filter) || !plan.filter;
     } else {
-        raise_queue(sock.get(), queue_share(plan.sharing));
-        is_attached = !plan.filter || attach(sock.get(), *plan.filter);
+        set_queue_size(sock, queue_share(plan.socket_count));
+        is_attached = !plan.filter || attach(sock, *plan.filter);
     }
-    int filter_error = is_attached ? 0 : errno;
-    if (!bind_to(sock.get(), name)) {
-        perror("bind: ");
-        return unique_fd();
-    }
-    if (filter_error != 0) {
+    const int filter_error = is_attached ? 0 : errno;
+    const char* failed = nullptr;
+    if (!bind_to(sock, opened->name)) {
+        failed = "bind: ";
+    } else if (!is_attached) {
         errno = filter_error;
-        perror("setsockopt attach filter: ");
-        return unique_fd();
+        failed = "setsockopt attach filter: ";
     }
-    return sock;
+    if (failed) {
+        perror(failed);
+        close_socket(opened);
+        return;
+    }
+    pcap_set_promisc(sock, opened->name, plan.promisc);
 }
 
 bool is_listed_after(const pcap_interfaces& list, int* position, const char* name) {
@@ -204,35 +203,34 @@ void pcap_set_promisc(int sock, const char* name, int on) {
     (void)ioctl(sock, SIOCSIFFLAGS, &request);
 }
 
-pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fprog* filter, int promisc,
-                               uint64_t ring_size) {
-    const socket_plan plan = {filter, interfaces.count, ring_size};
+void pcap_open_sockets(pcap_sockets* sockets, const pcap_interfaces& interfaces, const sock_fprog* filter,
+                       int promisc, uint64_t ring_size) {
+    const socket_plan plan = {filter, promisc, interfaces.count, ring_size};
     pcap_interfaces left = interfaces;
-    pcap_sockets sockets;
-    while (sockets.count < left.count) {
-        const char* name = left.names[sockets.count];
-        frame_ring ring;
-        unique_fd sock = open_socket(name, plan, &ring);
-        if (!sock) {
-            close_ring(&ring);
-            left.names[sockets.count] = left.names[--left.count];
-            continue;
+    while (sockets->count < left.count) {
+        const int i = sockets->count;
+        sockets->all[i].name = left.names[i];
+        open_socket(&sockets->all[i], plan);
+        if (sockets->all[i].fd) {
+            sockets->count++;
+        } else {
+            left.names[i] = left.names[--left.count];
         }
-        pcap_set_promisc(sock.get(), name, promisc);
-        sockets.all[sockets.count++] = {std::move(sock), name, ring};
     }
-    return sockets;
 }
 
 void pcap_close_sockets(pcap_sockets* sockets) {
-    const int why_it_ended = errno;
+    const int saved = errno;
     for (int i = 0; i < sockets->count; i++) {
         pcap_socket& each = sockets->all[i];
         ifreq now;
-        pcap_set_promisc(each.fd.get(), ask_name(each.fd.get(), &now) ? now.ifr_name : each.name, 0);
-        close_ring(&each.ring);
-        each.fd.reset();  // the filter goes with it
+        pcap_set_promisc(each.fd.get(), get_name(each.fd.get(), &now) ? now.ifr_name : each.name, 0);
+        close_socket(&each);  // which detaches the filter
     }
     sockets->count = 0;
-    errno = why_it_ended;
+    errno = saved;
+}
+
+pcap_sockets::~pcap_sockets() {
+    pcap_close_sockets(this);
 }

@@ -1,6 +1,8 @@
 // The interfaces of a capture and their packet sockets.
 #pragma once
 
+#include <stdint.h>
+
 #include "common/unique_fd.h"
 #include "net/frame_ring.h"
 
@@ -13,32 +15,39 @@ struct pcap_interfaces {
     int count = 0;
 };
 
-// Cuts `text` up at its commas, in place. Names that `index_of` does not know (it gives 0) are left out, and
-// so is what comes after six names; no name at all gives "any". A name that is listed already is replaced by
-// the next one, whose existence nobody checks and which is compared with the rest of the list alone.
+// Splits `text` at its commas, in place. Skips names for which `index_of` returns 0, and everything after six
+// names. Without any valid name, the list is "any". A name that is listed already is replaced by the next
+// one, which is not checked with `index_of` and is compared only with the rest of the list.
 pcap_interfaces pcap_list_interfaces(char* text, unsigned (*index_of)(const char* name));
 
 struct pcap_socket {
     unique_fd fd;
-    const char* name = nullptr;
-    frame_ring ring;  // where its frames are, unless they have to be read
+    const char* name = nullptr;  // borrowed from the list of interfaces
+    frame_ring ring;             // empty: frames are read from fd
 };
 
+// Closes its sockets at the end of its life, as pcap_close_sockets() does.
 struct pcap_sockets {
     pcap_socket all[pcap_interface_limit];
     int count = 0;
+
+    pcap_sockets() = default;
+    pcap_sockets(const pcap_sockets&) = delete;
+    pcap_sockets& operator=(const pcap_sockets&) = delete;
+    ~pcap_sockets();
 };
 
-// Opens a packet socket for each name that the system knows, or for all interfaces at once where it does not.
-// `filter` is null or attached to each; `promisc` switches promiscuous mode on, 0 off. An interface that
-// can't be opened is reported on standard error, and the last one of the list takes its place. More than
-// `ring_size` bytes of shared memory would be of no use.
-pcap_sockets pcap_open_sockets(const pcap_interfaces& interfaces, const sock_fprog* filter, int promisc,
-                               uint64_t ring_size = UINT64_MAX);
+// Opens a packet socket for each interface; an unknown name ("any") opens one for all interfaces. Attaches
+// `filter` to each unless it is null. Switches promiscuous mode on, or off if `promisc` is 0. Reports an
+// interface that cannot be opened on standard error, and goes on with the last one of the list instead. More
+// than `ring_size` bytes of shared memory would be useless to the caller.
+void pcap_open_sockets(pcap_sockets* sockets, const pcap_interfaces& interfaces, const sock_fprog* filter,
+                       int promisc, uint64_t ring_size = UINT64_MAX);
 
-// Switches promiscuous mode off, whatever it was before the capture and whatever the interfaces are called by
-// now, and closes the sockets. Leaves errno alone: it may say why the capture ended.
+// Switches promiscuous mode off, even if it was on before the capture or the interface has been renamed, and
+// closes the sockets. Leaves errno alone: it may tell why the capture ended.
 void pcap_close_sockets(pcap_sockets* sockets);
 
-// Switches promiscuous mode of the interface `name`; nothing when its state can't be read. Reports nothing.
+// Switches promiscuous mode of the interface `name`. Does nothing if its flags cannot be read; reports no
+// error.
 void pcap_set_promisc(int sock, const char* name, int on);

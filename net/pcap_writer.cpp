@@ -16,9 +16,9 @@ iovec piece_of(const void* bytes, size_t size) {
     return {const_cast<void*>(bytes), size};
 }
 
-// Lays zero bytes out over `pieces`; returns how many of those are used and takes what they hold off
-// `*count`.
-int lay_out_zeros(iovec (&pieces)[zero_pieces], uint64_t* count) {
+// Points `pieces` at up to `*count` zero bytes. Returns how many pieces are used, and subtracts their bytes
+// from `*count`.
+int fill_with_zeros(iovec (&pieces)[zero_pieces], uint64_t* count) {
     int used = 0;
     while (*count > 0 && used < zero_pieces) {
         size_t size = static_cast<size_t>(std::min<uint64_t>(*count, pcap_zeros_size));
@@ -28,7 +28,7 @@ int lay_out_zeros(iovec (&pieces)[zero_pieces], uint64_t* count) {
     return used;
 }
 
-// A blocking write returns only when all has been taken. With progress to tell, a few pieces are enough.
+// A blocking writev returns only when all its pieces are written, so progress is reported after a few.
 int pieces_at_once(const pcap_writer& out, int count) {
     constexpr int few = 8;
     return out.progress.call ? std::min(count, few) : count;
@@ -36,10 +36,10 @@ int pieces_at_once(const pcap_writer& out, int count) {
 
 void wait_until_writable(int fd) {
     pollfd wait = {fd, POLLOUT, 0};
-    (void)poll(&wait, 1, -1);  // whatever comes of it, the next write tells
+    (void)poll(&wait, 1, -1);  // the next write reports any error
 }
 
-// Takes `done` bytes off the front of the pieces; returns how many pieces are used up.
+// Removes `done` bytes from the front of the pieces. Returns how many pieces are used up.
 int advance(iovec* pieces, int count, size_t done) {
     int used = 0;
     while (used < count && done >= pieces[used].iov_len) {
@@ -87,7 +87,7 @@ const void* pcap_zeros() {
 bool pcap_write_zeros(pcap_writer* out, uint64_t count) {
     while (count > 0) {
         iovec pieces[zero_pieces];
-        int used = lay_out_zeros(pieces, &count);
+        int used = fill_with_zeros(pieces, &count);
         if (!pcap_write(out, pieces, used)) {
             return false;
         }

@@ -18,12 +18,12 @@ namespace {
 constexpr const char* usage = "USAGE: pcapdump netif dumpname [filter_portnumber]";
 constexpr int no_time_limit = 0x7fffffff;
 
-// The wanted port is written into it.
+// The port to drop is patched into a copy of the program.
 std::array<sock_filter, bpf_port_program_size> port_program = bpf_port_program;
 sock_fprog port_filter = {bpf_port_program_size, port_program.data()};
 
-// The filter for the port that `text` names; null, for everything, when it names none. Traffic of another
-// port than 22 is dropped over IPv4 alone; deliberate.
+// Returns the filter that drops the traffic of the port in `text`; null, for no filter, if that is not a
+// port. Over IPv6 it always drops port 22, whatever the port given. This is deliberate.
 const sock_fprog* filter_for(const char* text) {
     long port = text ? strtol(text, nullptr, 10) : 0;
     if (port < 1 || port > UINT16_MAX) {
@@ -37,31 +37,31 @@ const sock_fprog* filter_for(const char* text) {
 
 constexpr int stop_signals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
-// What the handler of these signals needs: descriptors, and how many signals came before.
-volatile sig_atomic_t stop_request = -1;  // of the pipe that is readable when the capture is to stop
-volatile sig_atomic_t stop_seen = -1;
-volatile sig_atomic_t output = -1;
-volatile sig_atomic_t requests = 0;
+// For the signal handler.
+volatile sig_atomic_t stop_writer = -1;  // the ends of a pipe; a byte in it stops the capture
+volatile sig_atomic_t stop_reader = -1;
+volatile sig_atomic_t output_fd = -1;
+volatile sig_atomic_t is_stop_requested = 0;
 
 bool is_writable(int fd) {
     pollfd now = {fd, POLLOUT, 0};
     return poll(&now, 1, 0) != 0;
 }
 
-// The capture must not be killed: its interfaces would stay in promiscuous mode. The first signal ends it at
-// a whole record. When its reader takes nothing, a further one makes the write that it waits in fail, and all
-// later ones: the output becomes a descriptor that can't be written to.
+// A killed capture would leave its interfaces in promiscuous mode. So the first signal ends it after a whole
+// record. If the output blocks then, the next signal replaces it with a descriptor that is not writable: the
+// blocked write and all later ones fail.
 void request_stop(int /*signal*/) {
     int saved = errno;
-    (void)!write(stop_request, "", 1);
-    if (requests > 0 && !is_writable(output)) {
-        (void)dup2(stop_seen, output);
+    (void)!write(stop_writer, "", 1);
+    if (is_stop_requested != 0 && !is_writable(output_fd)) {
+        (void)dup2(stop_reader, output_fd);
     }
-    requests = 1;
+    is_stop_requested = 1;
     errno = saved;
 }
 
-// A signal that is ignored stays ignored.
+// Ignored signals stay ignored.
 void stop_on_signals() {
     struct sigaction action = {};
     action.sa_handler = request_stop;
@@ -86,25 +86,25 @@ int run_pcapdump(int argc, char** argv) {
     }
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) < 0) {
-        perror("pipe");  // a capture that could only be killed is not begun
+        perror("pipe");  // without it, the capture could only be killed
         return 1;
     }
-    const unique_fd seen(ends[0]);
-    const unique_fd request(ends[1]);
+    const unique_fd reader(ends[0]);
+    const unique_fd writer(ends[1]);
     const char* file_name = argv[2];
     unique_fd file(open(file_name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!file) {
         perror(file_name);
         return 1;
     }
-    stop_seen = seen.get();
-    stop_request = request.get();
-    output = file.get();
+    stop_reader = reader.get();
+    stop_writer = writer.get();
+    output_fd = file.get();
     stop_on_signals();
     pcap_dump_options options = {.duration = no_time_limit,
                                  .promisc = 1,
                                  .filter = filter_for(argc > 3 ? argv[3] : nullptr),
-                                 .stop_fd = seen.get()};
-    (void)pcap_dump_with(argv[1], file.get(), options);  // the exit status does not tell
+                                 .stop_fd = reader.get()};
+    (void)pcap_dump_with(argv[1], file.get(), options);  // its result does not change the exit status
     return 0;
 }

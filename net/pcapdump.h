@@ -2,5 +2,6 @@
 #pragma once
 
 // usage: pcapdump netif dumpname [filter_portnumber]
-// Returns the exit status: 1 for missing arguments or a file that can't be opened, else 0.
+// Returns the exit status: 1 if arguments are missing, the file cannot be opened or a pipe cannot be created,
+// else 0.
 int run_pcapdump(int argc, char** argv);

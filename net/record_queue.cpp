@@ -6,7 +6,7 @@
 
 namespace {
 
-// Adds bytes that stay where they are. What follows the piece before in memory becomes part of it.
+// Queues borrowed bytes. If they follow the previous piece in memory, they become part of it.
 void add_piece(record_queue* queue, const void* bytes, size_t size) {
     queue->bytes += size;
     if (queue->piece_count > 0) {
@@ -38,12 +38,12 @@ bool record_queue_write(record_queue* queue, pcap_writer* out) {
     return pcap_write(out, queue->pieces, pieces);
 }
 
-bool record_queue_add(record_queue* queue, pcap_writer* out, captured_frame frame, unsigned snaplen) {
+bool record_queue_add(record_queue* queue, pcap_writer* out, const captured_frame& frame, unsigned snaplen) {
     static_assert(pcap_frame_limit <= pcap_zeros_size);
     unsigned length = snaplen != 0 ? snaplen : frame.length;
     unsigned recorded = std::min(length, frame.length);
     unsigned missing = length - recorded;
-    unsigned short_of = std::min(missing, pcap_frame_limit);
+    unsigned queued_zeros = std::min(missing, pcap_frame_limit);
     const pcap_record_header header = {frame.time.s, frame.time.us, length, frame.length};
     add_copy(queue, &header, sizeof header);
     if (recorded <= record_queue::copied_limit) {
@@ -51,7 +51,7 @@ bool record_queue_add(record_queue* queue, pcap_writer* out, captured_frame fram
     } else {
         add_piece(queue, frame.bytes, recorded);
     }
-    add_piece(queue, pcap_zeros(), short_of);
-    return missing == short_of ||
-           (record_queue_write(queue, out) && pcap_write_zeros(out, missing - short_of));
+    add_piece(queue, pcap_zeros(), queued_zeros);
+    return missing == queued_zeros ||
+           (record_queue_write(queue, out) && pcap_write_zeros(out, missing - queued_zeros));
 }

@@ -1,27 +1,28 @@
-// Records that wait to be written in one go.
+// Records that are written together.
 #pragma once
 
 #include <stdint.h>
 #include <sys/uio.h>
 
-#include "net/frame_ring.h"
+#include "net/frame.h"
 #include "net/pcap_format.h"
 #include "net/pcap_writer.h"
 
 struct record_queue {
-    static constexpr int capacity = 256;
-    static constexpr unsigned copied_limit = 192;  // frames up to this length cost less copied than listed
+    static constexpr int capacity = frame_fetch_limit;
+    static constexpr unsigned copied_limit =
+        192;  // copying a frame up to this length is cheaper than an iovec
     int piece_count;
     uint64_t bytes;
     size_t copied_size;
     uint8_t copied[capacity * (sizeof(pcap_record_header) + copied_limit)];  // headers and short frames
-    iovec pieces[capacity * 3];  // header, frame, and zeros behind it; less than the system takes in one call
+    iovec pieces[capacity * 3];  // header, frame, zeros; fewer than writev takes in one call
 };
 
-// Makes a record of `frame`, which must stay where it is until the queue has been written.
-// `snaplen` is the length to record, 0 for the frame's own; what a frame is short of it is recorded as zeros.
-// False when that was so much that the queue had to be written, and a write has failed.
-bool record_queue_add(record_queue* queue, pcap_writer* out, captured_frame frame, unsigned snaplen);
+// Queues a record of `frame`, whose bytes are borrowed until the queue has been written. `snaplen` is the
+// length to record, 0 for the frame's own; a shorter frame is followed by zeros. Returns false if there were
+// so many zeros that the queue had to be written, and that failed.
+bool record_queue_add(record_queue* queue, pcap_writer* out, const captured_frame& frame, unsigned snaplen);
 
-// Writes what is queued; false when a write has failed.
+// Writes and empties the queue. Returns false if a write has failed.
 bool record_queue_write(record_queue* queue, pcap_writer* out);

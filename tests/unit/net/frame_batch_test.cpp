@@ -18,10 +18,10 @@
 
 namespace {
 
-using fetcher = fetched_frames (*)(frame_batch*, int, int, captured_frame*, int);
-constexpr fetcher fetchers[] = {fetch_frames, fetch_frames_singly};
+using fetcher = fetched_frames (*)(frame_batch*, int, int, int);
+constexpr fetcher fetchers[] = {frame_batch_fetch, frame_batch_fetch_singly};
 
-// A socket whose reads behave like a packet socket's: one message each.
+// A socket that is read like a packet socket: each read returns one message.
 struct frame_queue {
     test_socketpair ends{SOCK_DGRAM};
     std::unique_ptr<frame_batch> batch = std::make_unique<frame_batch>();
@@ -30,19 +30,18 @@ struct frame_queue {
         memset(batch.get(), 0, sizeof *batch);
         frame_batch_prepare(batch.get());
     }
-    void put(const std::string& frame) const {
-        EXPECT_EQ(send(ends.a.get(), frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
+    void add(const std::string& bytes) const {
+        EXPECT_EQ(send(ends.a.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
     }
-    fetched_frames take(fetcher fetch, int room, int first = 0) {
-        return fetch(batch.get(), ends.b.get(), first, frames, room);
+    fetched_frames take(fetcher fetch, int limit, int first = 0) const {
+        return fetch(batch.get(), ends.b.get(), first, limit);
     }
-    std::string taken(int i) const {
-        return {reinterpret_cast<const char*>(frames[i].bytes), frames[i].length};
+    std::string frame(int i) const {
+        return {reinterpret_cast<const char*>(batch->frames[i]), batch->messages[i].msg_len};
     }
-    captured_frame frames[frame_batch::capacity] = {};
 };
 
-// Makes recvmmsg fail as on a kernel that does not have it, for the rest of this process's life.
+// Makes recvmmsg fail with ENOSYS, for the rest of this process's life.
 bool forget_recvmmsg() {
     constexpr uint32_t missing = SECCOMP_RET_ERRNO | ENOSYS;
     sock_filter lines[] = {
@@ -63,78 +62,83 @@ bool forget_recvmmsg() {
 
 }  // namespace
 
-TEST(fetch_frames, empty_queue_is_no_end) {
+TEST(frame_batch_fetch, empty_queue_is_not_an_end) {
     for (fetcher fetch : fetchers) {
         frame_queue queue;
         fetched_frames got = queue.take(fetch, 4);
         EXPECT_EQ(got.count, 0);
-        EXPECT_FALSE(got.ended);
+        EXPECT_FALSE(got.has_ended);
     }
 }
 
-TEST(fetch_frames, takes_what_is_queued_in_order) {
+TEST(frame_batch_fetch, returns_queued_frames_in_order) {
     for (fetcher fetch : fetchers) {
         frame_queue queue;
-        queue.put("first");
-        queue.put("second one");
+        queue.add("first");
+        queue.add("second one");
         fetched_frames got = queue.take(fetch, 4, 7);
         EXPECT_EQ(got.count, 2);
-        EXPECT_FALSE(got.ended);
-        EXPECT_EQ(queue.taken(0), "first");
-        EXPECT_EQ(queue.taken(1), "second one");
+        EXPECT_FALSE(got.has_ended);
+        EXPECT_FALSE(got.is_full);
+        EXPECT_EQ(queue.frame(7), "first");
+        EXPECT_EQ(queue.frame(8), "second one");
     }
 }
 
-TEST(fetch_frames, leaves_what_there_is_no_room_for) {
+TEST(frame_batch_fetch, leaves_frames_beyond_the_limit_queued) {
     for (fetcher fetch : fetchers) {
         frame_queue queue;
         for (const char* frame : {"a", "b", "c"}) {
-            queue.put(frame);
+            queue.add(frame);
         }
-        EXPECT_EQ(queue.take(fetch, 2).count, 2);
-        EXPECT_EQ(queue.take(fetch, 2).count, 1);
-        EXPECT_EQ(queue.taken(0), "c");
+        fetched_frames got = queue.take(fetch, 2);
+        EXPECT_EQ(got.count, 2);
+        EXPECT_TRUE(got.is_full);
+        got = queue.take(fetch, 2);
+        EXPECT_EQ(got.count, 1);
+        EXPECT_FALSE(got.is_full);
+        EXPECT_EQ(queue.frame(0), "c");
     }
 }
 
-TEST(fetch_frames, cuts_a_frame_at_1536_bytes) {
+TEST(frame_batch_fetch, cuts_a_frame_at_1536_bytes) {
     for (fetcher fetch : fetchers) {
         frame_queue queue;
-        std::string frame(4000, 'x');
-        queue.put(frame);
-        queue.put("next");
+        std::string sent(4000, 'x');
+        queue.add(sent);
+        queue.add("next");
         EXPECT_EQ(queue.take(fetch, 4).count, 2);
-        EXPECT_EQ(queue.taken(0), frame.substr(0, 1536));
-        EXPECT_EQ(queue.taken(1), "next");
+        EXPECT_EQ(queue.frame(0), sent.substr(0, 1536));
+        EXPECT_EQ(queue.frame(1), "next");
     }
 }
 
-TEST(fetch_frames, empty_frame_is_the_end) {
+TEST(frame_batch_fetch, empty_frame_is_the_end) {
     for (fetcher fetch : fetchers) {
         frame_queue queue;
-        queue.put("one");
-        queue.put("");
-        queue.put("behind");
+        queue.add("one");
+        queue.add("");
+        queue.add("after");
         fetched_frames got = queue.take(fetch, 4);
         EXPECT_EQ(got.count, 1);
-        EXPECT_TRUE(got.ended);
+        EXPECT_TRUE(got.has_ended);
     }
 }
 
-TEST(fetch_frames, failed_read_is_the_end) {
+TEST(frame_batch_fetch, failed_read_is_the_end) {
     for (fetcher fetch : fetchers) {
         frame_queue queue;
-        fetched_frames got = fetch(queue.batch.get(), -1, 0, queue.frames, 4);
+        fetched_frames got = fetch(queue.batch.get(), -1, 0, 4);
         EXPECT_EQ(got.count, 0);
-        EXPECT_TRUE(got.ended);
+        EXPECT_TRUE(got.has_ended);
     }
 }
 
-TEST(fetch_frames, kernel_without_recvmmsg_is_served_too) {
+TEST(frame_batch_fetch, works_without_recvmmsg) {
     int status = run_in_child([] {
         frame_queue queue;
-        queue.put("first");
-        queue.put("second");
+        queue.add("first");
+        queue.add("second");
         if (!forget_recvmmsg()) {
             return 77;
         }
@@ -142,8 +146,8 @@ TEST(fetch_frames, kernel_without_recvmmsg_is_served_too) {
             errno != ENOSYS) {
             return 1;
         }
-        fetched_frames got = queue.take(fetch_frames, 4);
-        return got.count == 2 && !got.ended && queue.taken(1) == "second" ? 0 : 2;
+        fetched_frames got = queue.take(frame_batch_fetch, 4);
+        return got.count == 2 && !got.has_ended && queue.frame(1) == "second" ? 0 : 2;
     });
     if (exited_with(status, 77)) {
         GTEST_SKIP() << "needs seccomp filters";

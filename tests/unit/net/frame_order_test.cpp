@@ -9,8 +9,7 @@ namespace {
 
 constexpr uint32_t noon = 1000000000;
 
-// Number and microsecond after noon of frames in the order in which they are handed over; a frame's number is
-// its length.
+// Each frame's number, which is its length, and its microsecond after noon.
 using numbered_times = std::vector<std::pair<unsigned, int64_t>>;
 
 frame_time after_noon(int64_t us) {
@@ -23,7 +22,7 @@ numbered_times sorted(const numbered_times& from, frame_time* last) {
     for (auto [number, us] : from) {
         frames.push_back({nullptr, number, after_noon(us)});
     }
-    sort_frames(frames.data(), static_cast<int>(frames.size()), last);
+    frame_sort(frames.data(), static_cast<int>(frames.size()), last);
     numbered_times result;
     for (const captured_frame& frame : frames) {
         EXPECT_LT(frame.time.us, 1000000u);
@@ -40,19 +39,19 @@ numbered_times sorted(const numbered_times& from) {
 
 }  // namespace
 
-TEST(sort_frames, frames_in_order_stay_as_they_are) {
+TEST(frame_sort, frames_in_order_stay_as_they_are) {
     EXPECT_EQ(sorted({}), numbered_times{});
     const numbered_times frames = {{1, 0}, {2, 5}, {3, 5}, {4, 2000000}, {5, 3600000000}};
     EXPECT_EQ(sorted(frames), frames);
 }
 
-TEST(sort_frames, frames_that_overtook_each_other_are_put_in_order) {
+TEST(frame_sort, frames_out_of_order_are_sorted) {
     EXPECT_EQ(sorted({{1, 10}, {2, 30}, {3, 20}, {4, 20}, {5, 5}, {6, 40}}),
               (numbered_times{{5, 5}, {1, 10}, {3, 20}, {4, 20}, {2, 30}, {6, 40}}));
     EXPECT_EQ(sorted({{1, 1000010}, {2, 999990}}), (numbered_times{{2, 999990}, {1, 1000010}}));
 }
 
-TEST(sort_frames, one_that_comes_after_its_place_has_been_written_gets_the_last_timestamp) {
+TEST(frame_sort, frame_older_than_recorded_ones_gets_the_last_timestamp) {
     frame_time last;
     EXPECT_EQ(sorted({{1, 10}, {2, 50}}, &last), (numbered_times{{1, 10}, {2, 50}}));
     EXPECT_EQ(last, after_noon(50));
@@ -60,12 +59,12 @@ TEST(sort_frames, one_that_comes_after_its_place_has_been_written_gets_the_last_
     EXPECT_EQ(last, after_noon(60));
 }
 
-TEST(sort_frames, clock_that_is_set_back_changes_no_order) {
+TEST(frame_sort, order_is_kept_when_the_clock_is_set_back) {
     constexpr int64_t hour = 3600000000;
     frame_time last;
     EXPECT_EQ(sorted({{1, hour}, {2, hour + 10}, {3, 20}, {4, 30}}, &last),
               (numbered_times{{1, hour}, {2, hour + 10}, {3, hour + 10}, {4, hour + 10}}));
-    // What comes shortly before the clock has caught up is no frame that was overtaken.
+    // The clock has not caught up yet: these are not frames out of order.
     EXPECT_EQ(sorted({{5, 40}, {6, hour}, {7, hour + 20}}, &last),
               (numbered_times{{5, hour + 10}, {6, hour + 10}, {7, hour + 20}}));
 }

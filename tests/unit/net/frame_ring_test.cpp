@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/unit/net/private_network.h"
@@ -29,29 +30,27 @@ struct ring_reader {
     frame_ring ring;
     captured_frame frames[64];
 
-    explicit ring_reader(size_t bytes = 1 << 20) {
-        EXPECT_TRUE(frame_ring_open(&ring, sock.get(), bytes));
+    explicit ring_reader(size_t bytes = 1 << 20) : ring(frame_ring_open(sock.get(), bytes)) {
+        EXPECT_TRUE(ring);
         bind_to_near0(sock.get());
     }
-    ring_reader(const ring_reader&) = delete;
-    ring_reader& operator=(const ring_reader&) = delete;
-    ~ring_reader() { frame_ring_close(&ring); }
 
-    std::vector<std::string> fetch(int room = 64) {
-        fetched_frames fetched = frame_ring_fetch(&ring, frames, room);
-        EXPECT_FALSE(fetched.ended);
+    std::vector<std::string> fetch(int limit = 64) {
+        fetched_frames fetched = frame_ring_fetch(&ring, limit, frames);
+        EXPECT_FALSE(fetched.has_ended);
+        EXPECT_EQ(fetched.is_full, fetched.count == limit);
         std::vector<std::string> all;
         for (int i = 0; i < fetched.count; i++) {
             all.emplace_back(reinterpret_cast<const char*>(frames[i].bytes), frames[i].length);
         }
         return all;
     }
-    std::vector<std::string> take(int room = 64) {
-        std::vector<std::string> all = fetch(room);
+    std::vector<std::string> take(int limit = 64) {
+        std::vector<std::string> all = fetch(limit);
         frame_ring_release(&ring);
         return all;
     }
-    // Takes until there are `count`; the kernel may hand them over in several pieces.
+    // Takes until there are `count`; the kernel may hand them over in several blocks.
     std::vector<std::string> take_all(size_t count) {
         std::vector<std::string> all;
         while (all.size() < count && is_readable(10000)) {
@@ -69,7 +68,7 @@ struct ring_reader {
 using frame_list = std::vector<std::string>;
 
 frame_list too_many_for(const ring_reader& reader) {
-    frame_list frames(reader.ring.size / 1514 + 10);
+    frame_list frames(reader.ring.size() / 1514 + 10);
     for (size_t i = 0; i < frames.size(); i++) {
         frames[i] = frame_of(1514, static_cast<char>(i));
     }
@@ -83,14 +82,14 @@ void send_all(const frame_list& frames) {
     }
 }
 
-// Whether frames are the first ones of those that were sent, but not all.
-bool are_first_of(const frame_list& got, const frame_list& sent) {
+// True if `got` is the beginning of `sent`, and shorter.
+bool is_beginning_of(const frame_list& got, const frame_list& sent) {
     return got.size() < sent.size() && std::equal(got.begin(), got.end(), sent.begin());
 }
 
 }  // namespace
 
-NETWORK_TEST(frame_ring, frames_come_whole_and_in_order) {
+NETWORK_TEST(frame_ring, frames_are_complete_and_in_order) {
     ring_reader reader;
     EXPECT_EQ(reader.take(), frame_list{});
     EXPECT_FALSE(reader.is_readable());
@@ -123,7 +122,7 @@ NETWORK_TEST(frame_ring, frames_have_the_timestamp_of_their_arrival) {
     EXPECT_LE(last, now_us());
 }
 
-NETWORK_TEST(frame_ring, what_there_is_no_room_for_stays) {
+NETWORK_TEST(frame_ring, frames_beyond_the_limit_stay) {
     ring_reader reader;
     frame_sender wire("far0");
     for (char fill : {'a', 'b', 'c'}) {
@@ -136,8 +135,8 @@ NETWORK_TEST(frame_ring, what_there_is_no_room_for_stays) {
     EXPECT_FALSE(reader.is_readable());
 }
 
-NETWORK_TEST(frame_ring, goes_round_many_times) {
-    ring_reader reader(1);  // the smallest there is
+NETWORK_TEST(frame_ring, wraps_around_many_times) {
+    ring_reader reader(1);  // the smallest possible
     frame_sender wire("far0");
     for (int i = 0; i < 20; i++) {
         frame_list sent;
@@ -147,10 +146,10 @@ NETWORK_TEST(frame_ring, goes_round_many_times) {
         }
         ASSERT_EQ(reader.take_all(sent.size()), sent) << i;
     }
-    EXPECT_EQ(reader.ring.first, reader.ring.block);
+    EXPECT_EQ(reader.ring.oldest, reader.ring.current);
 }
 
-NETWORK_TEST(frame_ring, frames_are_lost_when_it_is_full_and_come_again_afterwards) {
+NETWORK_TEST(frame_ring, full_ring_loses_frames_and_then_recovers) {
     ring_reader reader(1);
     const frame_list sent = too_many_for(reader);
     send_all(sent);
@@ -159,13 +158,13 @@ NETWORK_TEST(frame_ring, frames_are_lost_when_it_is_full_and_come_again_afterwar
         more = reader.take();
         got.insert(got.end(), more.begin(), more.end());
     }
-    EXPECT_GT(got.size(), reader.ring.size / 2048);
-    EXPECT_TRUE(are_first_of(got, sent));
+    EXPECT_GT(got.size(), reader.ring.size() / 2048);
+    EXPECT_TRUE(is_beginning_of(got, sent));
     send_all({frame_of(60, 'y')});
     EXPECT_EQ(reader.take_all(1), frame_list{frame_of(60, 'y')});
 }
 
-NETWORK_TEST(frame_ring, all_blocks_can_be_fetched_before_one_is_given_back) {
+NETWORK_TEST(frame_ring, all_blocks_can_be_fetched_before_one_is_released) {
     ring_reader reader(1);
     const frame_list sent = too_many_for(reader);
     send_all(sent);
@@ -174,8 +173,8 @@ NETWORK_TEST(frame_ring, all_blocks_can_be_fetched_before_one_is_given_back) {
     for (frame_list more = reader.fetch(); !more.empty(); more = reader.fetch()) {
         got.insert(got.end(), more.begin(), more.end());
     }
-    EXPECT_GT(got.size(), reader.ring.size / 2048);
-    EXPECT_TRUE(are_first_of(got, sent));
+    EXPECT_GT(got.size(), reader.ring.size() / 2048);
+    EXPECT_TRUE(is_beginning_of(got, sent));
     EXPECT_TRUE(reader.is_readable());
     frame_ring_release(&reader.ring);
     send_all({frame_of(60, 'y')});
@@ -196,7 +195,7 @@ NETWORK_TEST(frame_ring, fetched_frames_stay_until_they_are_released) {
     EXPECT_FALSE(reader.is_readable());
 }
 
-NETWORK_TEST(frame_ring, counts_what_has_not_been_fetched) {
+NETWORK_TEST(frame_ring, counts_unfetched_frames) {
     ring_reader reader;
     frame_sender wire("far0");
     for (int i = 0; i < 5; i++) {
@@ -208,7 +207,7 @@ NETWORK_TEST(frame_ring, counts_what_has_not_been_fetched) {
     EXPECT_EQ(frame_ring_count_unfetched(reader.ring, -1), 0u);
 }
 
-NETWORK_TEST(frame_ring, lost_frames_are_not_waited_for) {
+NETWORK_TEST(frame_ring, lost_frames_do_not_count_as_unfetched) {
     ring_reader reader(1);
     send_all(too_many_for(reader));
     ASSERT_TRUE(reader.is_readable(10000));
@@ -217,27 +216,27 @@ NETWORK_TEST(frame_ring, lost_frames_are_not_waited_for) {
     EXPECT_EQ(frame_ring_count_unfetched(reader.ring, reader.sock.get()), 0u);
 }
 
-NETWORK_TEST(frame_ring, thin_traffic_fills_none_within_half_a_minute) {
+NETWORK_TEST(frame_ring, thin_traffic_fills_no_ring_within_half_a_minute) {
     ring_reader reader(16 << 20);
-    EXPECT_GE(reader.ring.blocks * frame_ring_delay_ms, 30000u);
+    EXPECT_GE(reader.ring.block_count * frame_ring_delay_ms, 30000u);
     frame_sender wire("far0");
     for (char fill : {'a', 'b', 'c'}) {
         uint32_t fetched = reader.ring.fetched;
         wire.send(frame_of(60, fill));
         EXPECT_EQ(reader.take_all(1), frame_list{frame_of(60, fill)});
-        EXPECT_EQ(reader.ring.block, reader.ring.fetched) << "a frame took more than a block";
+        EXPECT_EQ(reader.ring.current, reader.ring.fetched) << "a frame took more than a block";
         EXPECT_EQ(reader.ring.fetched, fetched + 1);
     }
 }
 
-NETWORK_TEST(frame_ring, holds_what_its_size_was_made_for) {
+NETWORK_TEST(frame_ring, holds_the_frames_its_size_was_computed_for) {
     constexpr unsigned burst = 200;
     constexpr int seconds = 2;
     ring_reader reader(frame_ring_size(burst, seconds));
-    EXPECT_LT(reader.ring.size, size_t{burst} * 4096);
+    EXPECT_LT(reader.ring.size(), size_t{burst} * 4096);
     frame_list sent;
     frame_list got;
-    // Nothing is released meanwhile, and each of these uses up a block.
+    // Each of these uses up a block, since nothing is released.
     for (int i = 0; i < seconds * 1000 / frame_ring_delay_ms; i++) {
         sent.push_back(frame_of(60, static_cast<char>(i)));
         send_all({sent.back()});
@@ -265,31 +264,51 @@ TEST(frame_ring_size, is_small_for_few_frames_and_bounded_for_long_times) {
     EXPECT_GE(frame_ring_size(UINT32_MAX, 0), uint64_t{UINT32_MAX} * pcap_frame_limit);
 }
 
-NETWORK_TEST(frame_ring, children_do_not_have_it) {
+NETWORK_TEST(frame_ring, is_not_mapped_in_children) {
     ring_reader reader;
     EXPECT_EQ(mapped_rings(), 1);
     EXPECT_TRUE(exited_with(run_in_child([] { return mapped_rings(); }), 0));
 }
 
-NETWORK_TEST(frame_ring, refused_ring_leaves_none) {
-    unique_fd no_packet_socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    frame_ring ring;
-    EXPECT_FALSE(frame_ring_open(&ring, no_packet_socket.get(), 1 << 20));
-    EXPECT_EQ(ring.memory, nullptr);
-    frame_ring_close(&ring);
+NETWORK_TEST(frame_ring, is_unmapped_at_the_end_of_its_life) {
+    frame_ring kept;
+    {
+        ring_reader reader;
+        kept = std::move(reader.ring);
+    }
+    EXPECT_EQ(mapped_rings(), 1);
+    kept = {};
+    EXPECT_EQ(mapped_rings(), 0);
 }
 
-NETWORK_TEST(frame_ring, frames_of_one_that_can_not_be_mapped_are_read_from_the_socket) {
+NETWORK_TEST(frame_ring, third_large_ring_is_refused_until_one_is_closed) {
+    constexpr size_t size = 16 << 20;
+    ring_reader first(size);
+    {
+        ring_reader second(size);
+        unique_fd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+        EXPECT_FALSE(frame_ring_open(sock.get(), size));
+    }
+    ring_reader third(size);
+}
+
+NETWORK_TEST(frame_ring, open_returns_an_empty_ring_if_the_kernel_refuses) {
+    unique_fd not_a_packet_socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    for (int i = 0; i < 40; i++) {  // a failure must not use up what all rings may have
+        EXPECT_FALSE(frame_ring_open(not_a_packet_socket.get(), 1 << 20));
+    }
+    ring_reader reader;
+}
+
+NETWORK_TEST(frame_ring, socket_is_readable_after_mapping_has_failed) {
     SKIP_WITHOUT_MEMORY_LIMIT();
     constexpr size_t size = 16 << 20;
     unique_fd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
-    frame_ring ring;
     {
-        ring_reader with_room(size);  // nothing but the room is missing below
+        ring_reader without_limit(size);  // only the limit makes the next one fail
         scoped_memory_limit limit(size / 2);
-        EXPECT_FALSE(frame_ring_open(&ring, sock.get(), size));
+        EXPECT_FALSE(frame_ring_open(sock.get(), size));
     }
-    EXPECT_EQ(ring.memory, nullptr);
     bind_to_near0(sock.get());
     frame_sender("far0").send(frame_of(60, 'a'));
     pollfd wait = {sock.get(), POLLIN, 0};

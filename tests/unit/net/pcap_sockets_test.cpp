@@ -15,7 +15,7 @@ namespace {
 
 using names = std::vector<std::string>;
 
-// Interfaces begin with "eth".
+// In these tests, names of interfaces begin with "eth".
 unsigned test_index(const char* name) {
     return strncmp(name, "eth", 3) == 0 ? 1 : 0;
 }
@@ -53,7 +53,7 @@ TEST(pcap_list_interfaces, no_valid_name_means_any) {
     }
 }
 
-TEST(pcap_list_interfaces, unknown_and_empty_names_are_left_out) {
+TEST(pcap_list_interfaces, skips_unknown_and_empty_names) {
     EXPECT_EQ(listed(",nope,eth0,,any,eth1,"), (names{"eth0", "eth1"}));
 }
 
@@ -72,11 +72,11 @@ TEST(pcap_list_interfaces, duplicate_at_the_end_is_dropped) {
     EXPECT_EQ(listed("eth0,eth1,eth0,eth1"), (names{"eth0", "eth1"}));
 }
 
-TEST(pcap_list_interfaces, replacement_is_not_looked_up) {
+TEST(pcap_list_interfaces, replacement_is_not_checked) {
     EXPECT_EQ(listed("eth0,eth0,nope"), (names{"eth0", "nope"}));
 }
 
-TEST(pcap_list_interfaces, replacement_is_compared_with_the_rest_of_the_list_alone) {
+TEST(pcap_list_interfaces, replacement_is_compared_only_with_the_rest_of_the_list) {
     EXPECT_EQ(listed("eth0,eth0,eth0"), (names{"eth0", "eth0"}));
     EXPECT_EQ(listed("eth0,eth1,eth1,eth0"), (names{"eth0", "eth1", "eth0"}));
     EXPECT_EQ(listed("eth0,eth1,eth0,eth0"), (names{"eth0", "eth1", "eth0"}));
@@ -88,7 +88,8 @@ TEST(pcap_list_interfaces, names_may_be_of_any_length) {
 }
 
 NETWORK_TEST(pcap_open_sockets, promiscuous_mode_is_on_until_they_are_closed) {
-    pcap_sockets sockets = pcap_open_sockets(list_of({"near0", "near1"}), nullptr, 1);
+    pcap_sockets sockets;
+    pcap_open_sockets(&sockets, list_of({"near0", "near1"}), nullptr, 1);
     EXPECT_EQ(opened(sockets), (names{"near0", "near1"}));
     EXPECT_TRUE(is_promiscuous("near0"));
     EXPECT_TRUE(is_promiscuous("near1"));
@@ -100,24 +101,37 @@ NETWORK_TEST(pcap_open_sockets, promiscuous_mode_is_on_until_they_are_closed) {
     EXPECT_EQ(capturing_sockets(), 0);
 }
 
-NETWORK_TEST(pcap_open_sockets, without_promiscuous_mode_it_is_switched_off) {
+NETWORK_TEST(pcap_sockets, closes_its_sockets_at_the_end_of_its_life) {
+    {
+        pcap_sockets sockets;
+        pcap_open_sockets(&sockets, list_of({"near0", "near1"}), nullptr, 1);
+        EXPECT_EQ(capturing_sockets(), 2);
+    }
+    EXPECT_EQ(capturing_sockets(), 0);
+    EXPECT_FALSE(is_promiscuous("near0"));
+}
+
+NETWORK_TEST(pcap_open_sockets, without_promisc_promiscuous_mode_is_switched_off) {
     ASSERT_TRUE(run_command("ip link set near0 promisc on"));
-    pcap_sockets sockets = pcap_open_sockets(list_of({"near0"}), nullptr, 0);
+    pcap_sockets sockets;
+    pcap_open_sockets(&sockets, list_of({"near0"}), nullptr, 0);
     EXPECT_FALSE(is_promiscuous("near0"));
     pcap_close_sockets(&sockets);
 }
 
-NETWORK_TEST(pcap_open_sockets, promiscuous_mode_of_before_is_switched_off) {
+NETWORK_TEST(pcap_open_sockets, earlier_promiscuous_mode_is_switched_off) {
     ASSERT_TRUE(run_command("ip link set near0 promisc on"));
-    pcap_sockets sockets = pcap_open_sockets(list_of({"near0"}), nullptr, 1);
+    pcap_sockets sockets;
+    pcap_open_sockets(&sockets, list_of({"near0"}), nullptr, 1);
     pcap_close_sockets(&sockets);
     EXPECT_FALSE(is_promiscuous("near0"));
     EXPECT_EQ(flags_of("near0") & (IFF_UP | IFF_NOARP), IFF_UP | IFF_NOARP);
 }
 
-NETWORK_TEST(pcap_close_sockets, promiscuous_mode_is_switched_off_where_the_interface_was_renamed) {
+NETWORK_TEST(pcap_close_sockets, renamed_interface_leaves_promiscuous_mode) {
     ASSERT_TRUE(run_command("ip link set near1 promisc on"));
-    pcap_sockets sockets = pcap_open_sockets(list_of({"near0"}), nullptr, 1);
+    pcap_sockets sockets;
+    pcap_open_sockets(&sockets, list_of({"near0"}), nullptr, 1);
     for (const char* renaming : {"near0 name moved0", "near1 name near0"}) {
         std::string name(renaming, 5);
         ASSERT_TRUE(run_command("ip link set " + name + " down"));
@@ -129,9 +143,10 @@ NETWORK_TEST(pcap_close_sockets, promiscuous_mode_is_switched_off_where_the_inte
     EXPECT_TRUE(is_promiscuous("near0")) << "an interface that was not captured";
 }
 
-NETWORK_TEST(pcap_open_sockets, unknown_name_takes_every_interface) {
+NETWORK_TEST(pcap_open_sockets, unknown_name_opens_all_interfaces) {
     ASSERT_TRUE(forbid_rings());
-    pcap_sockets sockets = pcap_open_sockets(list_of({"any"}), nullptr, 1);
+    pcap_sockets sockets;
+    pcap_open_sockets(&sockets, list_of({"any"}), nullptr, 1);
     ASSERT_EQ(sockets.count, 1);
     frame_sender("far1").send(frame_of(60, 'a'));
     char frame[100];
@@ -142,44 +157,49 @@ NETWORK_TEST(pcap_open_sockets, unknown_name_takes_every_interface) {
 NETWORK_TEST(pcap_open_sockets, bad_filter_is_reported_for_each_interface) {
     sock_filter endless = BPF_JUMP(BPF_JMP | BPF_JA, 200, 0, 0);
     sock_fprog filter = {1, &endless};
-    std::string said = capture_stderr([&filter] {
-        pcap_sockets sockets = pcap_open_sockets(list_of({"near0", "near1"}), &filter, 1);
+    std::string reported = capture_stderr([&filter] {
+        pcap_sockets sockets;
+        pcap_open_sockets(&sockets, list_of({"near0", "near1"}), &filter, 1);
         EXPECT_EQ(sockets.count, 0);
     });
     std::string line = std::string("setsockopt attach filter: : ") + strerror(EINVAL) + "\n";
-    EXPECT_EQ(said, line + line);
+    EXPECT_EQ(reported, line + line);
     EXPECT_FALSE(is_promiscuous("near0"));
 }
 
-NETWORK_TEST(pcap_open_sockets, frames_of_one_interface_are_shared_with_the_kernel) {
-    pcap_sockets sockets = pcap_open_sockets(list_of({"near0"}), nullptr, 0);
+NETWORK_TEST(pcap_open_sockets, one_interface_has_a_ring) {
+    pcap_sockets sockets;
+    pcap_open_sockets(&sockets, list_of({"near0"}), nullptr, 0);
     ASSERT_EQ(sockets.count, 1);
     EXPECT_NE(sockets.all[0].ring.memory, nullptr);
-    EXPECT_LE(sockets.all[0].ring.size, 16u << 20);
+    EXPECT_LE(sockets.all[0].ring.size(), 16u << 20);
     pcap_close_sockets(&sockets);
     EXPECT_EQ(sockets.all[0].ring.memory, nullptr);
 }
 
-NETWORK_TEST(pcap_open_sockets, no_more_memory_is_shared_than_is_of_use) {
+NETWORK_TEST(pcap_open_sockets, ring_is_not_larger_than_useful) {
     constexpr size_t useful = 1 << 20;
-    pcap_sockets sockets = pcap_open_sockets(list_of({"near0"}), nullptr, 0, useful);
+    pcap_sockets sockets;
+    pcap_open_sockets(&sockets, list_of({"near0"}), nullptr, 0, useful);
     ASSERT_NE(sockets.all[0].ring.memory, nullptr);
-    EXPECT_LE(sockets.all[0].ring.size, useful);
+    EXPECT_LE(sockets.all[0].ring.size(), useful);
     pcap_close_sockets(&sockets);
 }
 
-NETWORK_TEST(pcap_open_sockets, frames_of_several_interfaces_are_read_as_they_come) {
-    pcap_sockets sockets = pcap_open_sockets(list_of({"near0", "near1"}), nullptr, 0);
+NETWORK_TEST(pcap_open_sockets, several_interfaces_have_no_rings) {
+    pcap_sockets sockets;
+    pcap_open_sockets(&sockets, list_of({"near0", "near1"}), nullptr, 0);
     ASSERT_EQ(sockets.count, 2);
     EXPECT_EQ(sockets.all[0].ring.memory, nullptr);
     EXPECT_EQ(sockets.all[1].ring.memory, nullptr);
     pcap_close_sockets(&sockets);
 }
 
-NETWORK_TEST(pcap_open_sockets, without_shared_memory_the_queue_is_larger_than_the_systems_own) {
+NETWORK_TEST(pcap_open_sockets, without_a_ring_the_queue_is_larger_than_the_default) {
     ASSERT_TRUE(forbid_rings());
     unique_fd ordinary(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
-    pcap_sockets sockets = pcap_open_sockets(list_of({"near0"}), nullptr, 0);
+    pcap_sockets sockets;
+    pcap_open_sockets(&sockets, list_of({"near0"}), nullptr, 0);
     ASSERT_EQ(sockets.count, 1);
     int sizes[2] = {};
     socklen_t length = sizeof(int);
@@ -194,18 +214,20 @@ TEST(pcap_open_sockets, without_the_privilege_each_interface_is_reported) {
             return 77;
         }
         pcap_interfaces list = list_of({"lo", "any"});
-        std::string said;
-        said = capture_stderr([&list] { pcap_open_sockets(list, nullptr, 1); });
+        std::string reported = capture_stderr([&list] {
+            pcap_sockets sockets;
+            pcap_open_sockets(&sockets, list, nullptr, 1);
+        });
         std::string line = std::string("socket: : ") + strerror(EPERM) + "\n";
-        return said == line + line ? 0 : 1;
+        return reported == line + line ? 0 : 1;
     });
     EXPECT_TRUE(exited_with(status, 0)) << status;
 }
 
-NETWORK_TEST(pcap_set_promisc, unknown_interface_is_passed_over) {
+NETWORK_TEST(pcap_set_promisc, ignores_an_unknown_interface) {
     unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    std::string said = capture_stderr([&sock] { pcap_set_promisc(sock.get(), "nope", 1); });
-    EXPECT_EQ(said, "");
+    std::string reported = capture_stderr([&sock] { pcap_set_promisc(sock.get(), "nope", 1); });
+    EXPECT_EQ(reported, "");
 }
 
 NETWORK_TEST(pcap_set_promisc, name_is_cut_at_15_characters) {

@@ -1,10 +1,10 @@
-// Timestamps of frames in microseconds, by the clock that they have.
+// Timestamps in microseconds, by the clock of captured frames.
 #pragma once
 
 #include <stdint.h>
 #include <sys/time.h>
 
-#include "net/frame_ring.h"
+#include "net/frame.h"
 
 inline uint64_t now_us() {
     timeval now;
