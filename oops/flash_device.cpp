@@ -7,30 +7,32 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <utility>
+
 namespace {
 
-constexpr uint64_t sector_size = 512;  // the unit of BLKGETSIZE, whatever the device's own sectors are
+constexpr uint64_t sector_size = 512;  // the unit of BLKGETSIZE, even if the device has larger sectors
 
-// Both return null, or the name of the request that failed.
-const char* block_size(int fd, uint64_t& size) {
+// Both return the name of the request that failed, or null and the size in bytes.
+const char* get_block_size(int fd, uint64_t* size) {
     unsigned long sectors = 0;
     if (ioctl(fd, BLKGETSIZE, &sectors) < 0) {
         return "BLKGETSIZE";
     }
-    size = sectors * sector_size;
+    *size = sectors * sector_size;
     return nullptr;
 }
 
-const char* mtd_size(int fd, uint64_t& size) {
+const char* get_mtd_size(int fd, uint64_t* size) {
     mtd_info_user info = {};
     if (ioctl(fd, MEMGETINFO, &info) < 0) {
         return "MEMGETINFO";
     }
-    size = info.size;
+    *size = info.size;
     return nullptr;
 }
 
-// A device that can't say which of its blocks are bad has none, as far as anyone can tell.
+// A device that cannot report bad blocks is taken to have none.
 bool is_in_bad_block(const flash_device& device, uint64_t offset) {
     auto at = static_cast<loff_t>(offset);
     return !device.is_block && ioctl(device.fd.get(), MEMGETBADBLOCK, &at) > 0;
@@ -38,23 +40,23 @@ bool is_in_bad_block(const flash_device& device, uint64_t offset) {
 
 }  // namespace
 
-const char* flash_open(const char* path, flash_device& device) {
-    flash_device opened;
-    opened.fd = unique_fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (!opened.fd) {
-        return "open";
+flash_opened flash_open(const char* path) {
+    flash_device device;
+    device.fd = unique_fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (!device.fd) {
+        return {{}, "open"};
     }
+    const int fd = device.fd.get();
     struct stat info;
-    if (fstat(opened.fd.get(), &info) < 0) {
-        return "stat";
+    if (fstat(fd, &info) < 0) {
+        return {{}, "stat"};
     }
-    opened.is_block = S_ISBLK(info.st_mode);
-    const char* failed =
-        opened.is_block ? block_size(opened.fd.get(), opened.size) : mtd_size(opened.fd.get(), opened.size);
-    if (!failed) {
-        device = std::move(opened);
+    device.is_block = S_ISBLK(info.st_mode);
+    if (const char* failed_call =
+            device.is_block ? get_block_size(fd, &device.size) : get_mtd_size(fd, &device.size)) {
+        return {{}, failed_call};
     }
-    return failed;
+    return {std::move(device), nullptr};
 }
 
 bool flash_read_page(const flash_device& device, uint64_t page, uint8_t* bytes) {

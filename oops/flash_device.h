@@ -1,11 +1,11 @@
-// A flash partition, seen through its MTD character device or through its block device.
+// A flash partition, opened through its MTD character device or its block device.
 #pragma once
 
 #include <stdint.h>
 
 #include "common/unique_fd.h"
 
-// The kernel's oops logger writes in units of this size.
+// The kernel's oops logger writes one record into each page of this size.
 constexpr uint32_t flash_page_size = 4096;
 
 struct flash_device {
@@ -14,11 +14,14 @@ struct flash_device {
     uint64_t size = 0;  // bytes
 };
 
-// Opens `path` for reading and learns its size. Returns null, or the name of the call that failed, with its
-// errno: "open", "stat", "BLKGETSIZE" (block devices) or "MEMGETINFO" (everything else). After a failure
-// `device` is as it was.
-const char* flash_open(const char* path, flash_device& device);
+struct flash_opened {
+    flash_device device;                // empty on failure
+    const char* failed_call = nullptr;  // "open", "stat", "BLKGETSIZE" (block devices) or "MEMGETINFO"
+};
 
-// Reads page number `page` into `bytes` (flash_page_size of them). False when the page lies in a block that
-// is marked bad, can't be read, or isn't there as a whole; `bytes` may have changed then.
+// Opens `path` for reading and reads its size. On failure, errno is that of the failed call.
+flash_opened flash_open(const char* path);
+
+// Reads page number `page` into `bytes`, which has flash_page_size. Returns false if the page is in a block
+// that is marked bad, or if the whole page could not be read; `bytes` may have changed then.
 bool flash_read_page(const flash_device& device, uint64_t page, uint8_t* bytes);

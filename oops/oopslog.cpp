@@ -10,7 +10,7 @@
 namespace {
 
 constexpr uint32_t erased_count = 0xffffffff;
-constexpr uint32_t last_count = erased_count - 1;  // what follows it is 0
+constexpr uint32_t last_count = erased_count - 1;  // the next one is 0
 constexpr uint32_t record_magic = 0x5d005d00;
 constexpr size_t text_offset = 8;
 constexpr uint8_t erased_byte = 0xff;
@@ -35,28 +35,25 @@ int64_t next_position(int64_t position, int step, int64_t pages) {
 }
 
 void print_record(const oops_page& page, int64_t position, FILE* out) {
-    // Counts beyond 2^31 are shown negative.
+    // Counts of 2^31 and more are printed as negative numbers. This is deliberate.
     fprintf(out, "Log Entry %d (at position %d)\n", static_cast<int>(page.count), static_cast<int>(position));
-    for (char letter : page.text) {
-        auto code = static_cast<unsigned char>(letter);
-        putc(isprint(code) || isspace(code) ? code : '.', out);
+    for (char each : page.text) {
+        auto character = static_cast<unsigned char>(each);
+        putc(isprint(character) || isspace(character) ? character : '.', out);
     }
 }
 
-struct oopslog_options {
-    const char* device = nullptr;
+struct options {
+    const char* device = nullptr;  // null if the command line does not name one
     int step = 1;
 };
 
-// False when the command line names no device.
-bool oopslog_parse(int argc, char** argv, oopslog_options& options) {
+options parse(int argc, char** argv) {
     if (argc < 2) {
-        return false;
+        return {};
     }
-    bool backwards = strcmp(argv[1], "-r") == 0;
-    options.step = backwards ? -1 : 1;
-    options.device = argv[backwards ? 2 : 1];  // null when it is missing
-    return options.device != nullptr;
+    const bool is_reverse = strcmp(argv[1], "-r") == 0;
+    return {argv[is_reverse ? 2 : 1], is_reverse ? -1 : 1};
 }
 
 bool read_flash(const void* source, uint64_t page, uint8_t* bytes) {
@@ -68,7 +65,7 @@ bool read_flash(const void* source, uint64_t page, uint8_t* bytes) {
 oops_page oops_page_parse(const uint8_t* bytes) {
     oops_page page;
     page.count = little_endian(bytes);
-    page.erased = page.count == erased_count;
+    page.is_erased = page.count == erased_count;
     page.has_magic = little_endian(bytes + 4) == record_magic;
     const uint8_t* text = bytes + text_offset;
     const uint8_t* end = std::find(text, bytes + flash_page_size, erased_byte);
@@ -84,7 +81,7 @@ oops_newest oops_find_newest(const oops_ring& ring) {
             continue;
         }
         oops_page page = oops_page_parse(bytes);
-        if (!page.erased && page.has_magic && is_newer(page, newest)) {
+        if (!page.is_erased && page.has_magic && is_newer(page, newest)) {
             newest = {position, page.count};
         }
     }
@@ -100,31 +97,32 @@ void oops_print_ring(const oops_ring& ring, int64_t newest, int step, FILE* out)
             continue;
         }
         oops_page page = oops_page_parse(bytes);
-        if (!page.erased && page.has_magic) {
+        if (!page.is_erased && page.has_magic) {
             print_record(page, position, out);
         }
     }
 }
 
 int run_oopslog(int argc, char** argv) {
-    oopslog_options options;
-    if (!oopslog_parse(argc, argv, options)) {
+    const options wanted = parse(argc, argv);
+    if (!wanted.device) {
         puts("USAGE: oopslog [options] mtdblock-device\n");
         return 1;
     }
-    flash_device device;
-    if (const char* failed = flash_open(options.device, device)) {
-        perror(failed);
+    const flash_opened opened = flash_open(wanted.device);
+    if (opened.failed_call) {
+        perror(opened.failed_call);
         return 1;
     }
-    oops_ring ring = {static_cast<int64_t>(device.size / flash_page_size), read_flash, &device};
-    oops_newest newest = oops_find_newest(ring);
+    const flash_device& device = opened.device;
+    const oops_ring ring = {static_cast<int64_t>(device.size / flash_page_size), read_flash, &device};
+    const oops_newest newest = oops_find_newest(ring);
     if (newest.position < 0) {
         fputs("No logs present\n", stderr);
         return 0;
     }
     fprintf(stderr, "Last log is at position %d with count %d\n", static_cast<int>(newest.position),
             static_cast<int>(newest.count));
-    oops_print_ring(ring, newest.position, options.step, stdout);
+    oops_print_ring(ring, newest.position, wanted.step, stdout);
     return 0;
 }

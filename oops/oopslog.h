@@ -1,4 +1,4 @@
-// The oops records that the kernel keeps in a flash partition, and the applet that prints them.
+// The kernel's oops records in a flash partition, and the applet that prints them.
 //
 // The partition is a ring of pages of 4096 bytes with one record each, all numbers little-endian: 4 bytes of
 // sequence count (0xffffffff: erased), 4 bytes of magic, then text up to the first byte 0xff (erased flash)
@@ -12,16 +12,16 @@
 
 struct oops_page {
     uint32_t count = 0;
-    bool erased = false;     // nothing was ever written here: no record, whatever the magic is
-    bool has_magic = false;  // written by the oops logger
-    std::string_view text;   // borrowed from the page's bytes
+    bool is_erased = false;  // the count is that of erased flash: no record, even if the magic is right
+    bool has_magic = false;
+    std::string_view text;  // borrowed from the page's bytes
 };
 
-// Takes the 4096 bytes of a page apart.
+// Parses the 4096 bytes of a page.
 oops_page oops_page_parse(const uint8_t* bytes);
 
-// Where pages come from. `read` fills `bytes` with the 4096 of page number `page` and returns true, or
-// returns false when that page can't be had; pages that can't are passed over.
+// Where pages are read from. `read` fills `bytes` with the 4096 bytes of page number `page`, or returns false
+// if that fails; such pages are skipped.
 struct oops_ring {
     int64_t pages = 0;
     bool (*read)(const void* source, uint64_t page, uint8_t* bytes) = nullptr;
@@ -29,18 +29,19 @@ struct oops_ring {
 };
 
 struct oops_newest {
-    int64_t position = -1;  // page number; -1: there is no record
+    int64_t position = -1;  // page number; -1: no record
     uint32_t count = 0;
 };
 
-// The record with the greatest count; a 0 comes after 0xfffffffe. Of equal ones the first.
+// Finds the record with the largest count, and the first one of equal counts. 0 comes after 0xfffffffe.
 oops_newest oops_find_newest(const oops_ring& ring);
 
-// Prints every record to `out`, from the one after `newest` round the ring up to `newest` itself; step is 1
-// for the order in which they were written, -1 for the order of positions downwards.
+// Prints all records to `out`. With a `step` of 1 it begins after the position `newest` and goes upwards,
+// from the oldest record to the newest. With -1 it begins before `newest` and goes downwards. Either way it
+// wraps around and ends at `newest`.
 void oops_print_ring(const oops_ring& ring, int64_t newest, int step, FILE* out);
 
-// oopslog [-r] DEVICE: the records of the flash partition DEVICE (an MTD character device, or a block device)
-// on standard output, what was found on standard error. -r goes round the ring backwards. Returns the exit
-// status: 1 after a wrong command line or when the device can't be opened and measured.
+// oopslog [-r] DEVICE: prints the records of the flash partition DEVICE (an MTD character device or a block
+// device) on standard output, and the newest record's position on standard error. -r prints them backwards.
+// Returns the exit status: 1 if the command line is wrong, or the device cannot be opened or has no size.
 int run_oopslog(int argc, char** argv);

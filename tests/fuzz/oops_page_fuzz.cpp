@@ -47,7 +47,7 @@ void check_page(const uint8_t* data, size_t size) {
     oops_page page = oops_page_parse(bytes.data());
     require(page.text.size() <= flash_page_size - 8);
     require(page.text.find('\xff') == std::string_view::npos);
-    require(page.erased == (page.count == 0xffffffff));
+    require(page.is_erased == (page.count == 0xffffffff));
 }
 
 // The letters of all that is printed, in an order that doesn't depend on the records'.

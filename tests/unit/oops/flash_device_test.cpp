@@ -13,7 +13,7 @@
 
 namespace {
 
-// The reading alone needs no flash.
+// Pages can be read from any file.
 flash_device device_on(const std::string& path) {
     flash_device device;
     device.fd = unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -25,22 +25,21 @@ flash_device device_on(const std::string& path) {
 
 TEST(flash_open, names_the_failed_call_and_leaves_its_errno) {
     temp_dir folder;
-    flash_device device;
-    EXPECT_STREQ(flash_open(folder.path("missing").c_str(), device), "open");
+    EXPECT_STREQ(flash_open(folder.path("missing").c_str()).failed_call, "open");
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_STREQ(flash_open(folder.write_file("plain", "x").c_str(), device), "MEMGETINFO");
+    const std::string plain = folder.write_file("plain", "x");
+    EXPECT_STREQ(flash_open(plain.c_str()).failed_call, "MEMGETINFO");
     EXPECT_EQ(errno, ENOTTY);
 }
 
-TEST(flash_open, failure_changes_nothing_and_keeps_nothing_open) {
+TEST(flash_open, failure_returns_an_empty_device_and_leaves_no_descriptor_open) {
     temp_dir folder;
     std::string plain = folder.write_file("plain", "x");
     int before = count_open_fds();
-    flash_device device;
-    EXPECT_NE(flash_open(plain.c_str(), device), nullptr);
-    EXPECT_FALSE(device.fd);
-    EXPECT_FALSE(device.is_block);
-    EXPECT_EQ(device.size, 0u);
+    flash_opened opened = flash_open(plain.c_str());
+    EXPECT_NE(opened.failed_call, nullptr);
+    EXPECT_FALSE(opened.device.fd);
+    EXPECT_EQ(opened.device.size, 0u);
     EXPECT_EQ(count_open_fds(), before);
 }
 
@@ -55,7 +54,7 @@ TEST(flash_read_page, reads_the_page_of_that_number) {
     EXPECT_EQ(bytes, std::vector<uint8_t>(flash_page_size, 'a'));
 }
 
-TEST(flash_read_page, page_that_is_cut_off_or_missing_is_not_read) {
+TEST(flash_read_page, partial_or_missing_page_is_not_read) {
     temp_dir folder;
     flash_device device = device_on(folder.write_file("image", std::string(4096 + 4095, 'a')));
     std::vector<uint8_t> bytes(flash_page_size);
@@ -72,12 +71,12 @@ TEST(flash_read_page, finds_a_page_beyond_4_gib) {
     {
         unique_fd sparse(open(path.c_str(), O_WRONLY | O_CLOEXEC));
         std::string content(flash_page_size, 'z');
-        ssize_t put =
+        ssize_t written =
             pwrite(sparse.get(), content.data(), content.size(), static_cast<off_t>(page * flash_page_size));
-        if (put < 0 && (errno == EFBIG || errno == ENOSPC)) {
-            GTEST_SKIP() << "this file system has no sparse files of 4 GiB";
+        if (written < 0 && (errno == EFBIG || errno == ENOSPC)) {
+            GTEST_SKIP() << "needs a file system with sparse files of 4 GiB";
         }
-        ASSERT_EQ(put, static_cast<ssize_t>(flash_page_size));
+        ASSERT_EQ(written, static_cast<ssize_t>(flash_page_size));
     }
     flash_device device = device_on(path);
     std::vector<uint8_t> bytes(flash_page_size);
@@ -85,7 +84,7 @@ TEST(flash_read_page, finds_a_page_beyond_4_gib) {
     EXPECT_EQ(bytes, std::vector<uint8_t>(flash_page_size, 'z'));
 }
 
-TEST(flash_read_page, what_has_no_positions_is_not_read) {
+TEST(flash_read_page, pipe_is_not_read) {
     test_pipe pipe;
     flash_device device;
     device.fd = std::move(pipe.out);

@@ -1,4 +1,4 @@
-// Flash partitions in memory, and what is printed of them.
+// Flash partitions in memory, and what oopslog prints of them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@
 
 constexpr uint32_t right_magic = 0x5d005d00;
 
-inline void put_little_endian(uint8_t* at, uint32_t number) {
+inline void set_little_endian(uint8_t* at, uint32_t number) {
     for (int i = 0; i < 4; i++) {
         at[i] = static_cast<uint8_t>(number >> (8 * i));
     }
@@ -29,8 +29,8 @@ public:
 
     flash_image& record(size_t page, uint32_t count, std::string_view text, uint32_t magic = right_magic) {
         uint8_t* at = &bytes_.at(page * flash_page_size);
-        put_little_endian(at, count);
-        put_little_endian(at + 4, magic);
+        set_little_endian(at, count);
+        set_little_endian(at + 4, magic);
         std::copy(text.begin(), text.end(), at + 8);
         return *this;
     }
@@ -45,7 +45,7 @@ private:
         const auto* image = static_cast<const flash_image*>(source);
         EXPECT_LT(page, image->pages_);
         if (image->unreadable_.count(page)) {
-            std::fill_n(bytes, flash_page_size, uint8_t{0x41});  // what a failed read leaves must not matter
+            std::fill_n(bytes, flash_page_size, uint8_t{0x41});  // must not be used after a failed read
             return false;
         }
         std::copy_n(&image->bytes_.at(page * flash_page_size), flash_page_size, bytes);

@@ -15,15 +15,15 @@ namespace {
 
 using order = std::vector<int>;
 
-// A page right before the end of its memory, so that the address sanitizer sees a step beyond it.
+// A page at the end of an allocation, so that the address sanitizer detects a read beyond it.
 oops_page parse(const std::vector<uint8_t>& bytes) {
     return oops_page_parse(bytes.data());
 }
 
 std::vector<uint8_t> page_with(uint32_t count, uint32_t magic, std::string_view text, uint8_t filler = 0xff) {
     std::vector<uint8_t> bytes(flash_page_size, filler);
-    put_little_endian(bytes.data(), count);
-    put_little_endian(bytes.data() + 4, magic);
+    set_little_endian(bytes.data(), count);
+    set_little_endian(bytes.data() + 4, magic);
     std::copy(text.begin(), text.end(), bytes.begin() + 8);
     return bytes;
 }
@@ -69,44 +69,44 @@ TEST(oops_page_parse, numbers_are_little_endian) {
     oops_page page = parse(text);
     EXPECT_EQ(page.count, 0x92345678u);
     EXPECT_TRUE(page.has_magic);
-    EXPECT_FALSE(page.erased);
+    EXPECT_FALSE(page.is_erased);
     EXPECT_EQ(page.text, "oops");
 }
 
 TEST(oops_page_parse, page_of_ones_is_erased_and_empty) {
     std::vector<uint8_t> bytes(flash_page_size, 0xff);
     oops_page page = parse(bytes);
-    EXPECT_TRUE(page.erased);
+    EXPECT_TRUE(page.is_erased);
     EXPECT_FALSE(page.has_magic);
     EXPECT_EQ(page.text, "");
 }
 
-TEST(oops_page_parse, page_of_zeros_is_no_record) {
+TEST(oops_page_parse, page_of_zeros_is_not_a_record) {
     std::vector<uint8_t> bytes(flash_page_size, 0);
     oops_page page = parse(bytes);
-    EXPECT_FALSE(page.erased);
+    EXPECT_FALSE(page.is_erased);
     EXPECT_FALSE(page.has_magic);
     EXPECT_EQ(page.text.size(), flash_page_size - 8);
 }
 
-TEST(oops_page_parse, erased_count_makes_a_page_erased_whatever_its_magic) {
-    EXPECT_TRUE(parse(page_with(0xffffffff, right_magic, "x")).erased);
+TEST(oops_page_parse, page_with_erased_count_is_erased_even_with_magic) {
+    EXPECT_TRUE(parse(page_with(0xffffffff, right_magic, "x")).is_erased);
 }
 
-TEST(oops_page_parse, magic_has_to_be_right_in_every_byte) {
+TEST(oops_page_parse, every_byte_of_the_magic_is_checked) {
     for (uint32_t wrong : {0x5d005d01u, 0x5d015d00u, 0x005d005du, 0x5d005du, 0xdd005d00u}) {
         EXPECT_FALSE(parse(page_with(1, wrong, "x")).has_magic) << std::hex << wrong;
     }
 }
 
-TEST(oops_page_parse, text_ends_with_the_page_when_no_byte_is_erased) {
+TEST(oops_page_parse, text_without_an_erased_byte_ends_with_the_page) {
     std::vector<uint8_t> bytes = page_with(1, right_magic, "", 'z');
     EXPECT_EQ(parse(bytes).text, std::string(4088, 'z'));
     bytes.back() = 0xff;
     EXPECT_EQ(parse(bytes).text, std::string(4087, 'z'));
 }
 
-TEST(oops_page_parse, text_goes_on_behind_a_zero) {
+TEST(oops_page_parse, zero_byte_does_not_end_the_text) {
     EXPECT_EQ(parse(page_with(1, right_magic, std::string_view("a\0b", 3))).text.size(), 3u);
 }
 
@@ -130,7 +130,7 @@ TEST(oops_find_newest, one_page_is_enough) {
     EXPECT_EQ(newest.count, 7u);
 }
 
-TEST(oops_find_newest, greatest_count_wins_wherever_it_stands) {
+TEST(oops_find_newest, largest_count_wins_at_any_position) {
     for (size_t at = 0; at < 8; at++) {
         flash_image image(8);
         for (size_t page = 0; page < 8; page++) {
@@ -156,30 +156,30 @@ TEST(oops_find_newest, zero_comes_after_the_last_count) {
     EXPECT_EQ(newest.count, 0u);
 }
 
-TEST(oops_find_newest, counting_goes_on_behind_the_zero) {
+TEST(oops_find_newest, counts_after_the_zero_are_newer) {
     flash_image image(6);
     image.record(2, 0xfffffffe, "x").record(3, 0, "x").record(4, 1, "x").record(5, 2, "x");
     EXPECT_EQ(oops_find_newest(image.ring()).position, 5);
 }
 
-TEST(oops_find_newest, zero_comes_after_no_other_count) {
+TEST(oops_find_newest, zero_is_newer_only_than_the_last_count) {
     flash_image image(3);
     image.record(0, 0xfffffffd, "x").record(1, 0, "x");
     EXPECT_EQ(oops_find_newest(image.ring()).position, 0);
 }
 
-TEST(oops_find_newest, zero_is_newest_when_it_is_alone_or_first) {
+TEST(oops_find_newest, zero_is_newest_if_it_is_alone_or_first) {
     EXPECT_EQ(oops_find_newest(flash_image(3).record(1, 0, "x").ring()).position, 1);
     EXPECT_EQ(oops_find_newest(flash_image(3).record(0, 0, "x").record(1, 0, "x").ring()).position, 0);
 }
 
-TEST(oops_find_newest, wrong_magic_and_erased_counts_do_not_count) {
+TEST(oops_find_newest, ignores_wrong_magic_and_erased_counts) {
     flash_image image(4);
     image.record(0, 100, "x", 0x5d005d01).record(1, 3, "x").record(2, 0xffffffff, "x");
     EXPECT_EQ(oops_find_newest(image.ring()).position, 1);
 }
 
-TEST(oops_find_newest, page_that_cannot_be_read_does_not_count) {
+TEST(oops_find_newest, ignores_unreadable_pages) {
     flash_image image(4);
     image.record(0, 1, "x").record(1, 5, "x").record(2, 3, "x").unreadable(1);
     EXPECT_EQ(oops_find_newest(image.ring()).position, 2);
@@ -194,7 +194,7 @@ TEST(oops_print_ring, prints_count_position_and_text_and_adds_no_newline) {
               "Log Entry 4 (at position 0)\nfirst\nLog Entry 5 (at position 1)\nsecond");
 }
 
-TEST(oops_print_ring, forwards_goes_from_the_oldest_to_the_newest_wherever_the_ring_is_cut) {
+TEST(oops_print_ring, forwards_goes_from_the_oldest_to_the_newest_record) {
     for (int newest = 0; newest < 8; newest++) {
         flash_image image(8);
         order expected;
@@ -223,7 +223,7 @@ TEST(oops_print_ring, one_page_is_printed_once_in_either_direction) {
     EXPECT_EQ(printed_positions(image.ring(), 0, -1), order{0});
 }
 
-TEST(oops_print_ring, passes_over_what_is_erased_foreign_or_unreadable) {
+TEST(oops_print_ring, skips_erased_foreign_and_unreadable_pages) {
     flash_image image(6);
     image.record(0, 1, "x").record(1, 2, "x", 0).record(2, 3, "x").record(3, 0xffffffff, "x");
     image.record(5, 4, "x").unreadable(2);
@@ -231,13 +231,13 @@ TEST(oops_print_ring, passes_over_what_is_erased_foreign_or_unreadable) {
     EXPECT_EQ(printed_positions(image.ring(), 5, -1), (order{0, 5}));
 }
 
-TEST(oops_print_ring, great_counts_are_shown_negative) {
+TEST(oops_print_ring, large_counts_are_printed_as_negative_numbers) {
     flash_image image(1);
     image.record(0, 0xfffffffe, "");
     EXPECT_EQ(printed(image.ring(), 0, 1), "Log Entry -2 (at position 0)\n");
 }
 
-TEST(oops_print_ring, only_printable_letters_and_white_space_stay_as_they_are) {
+TEST(oops_print_ring, other_characters_than_printable_ones_and_white_space_become_dots) {
     std::string every;
     std::string expected;
     for (int code = 0; code < 0xff; code++) {
@@ -257,7 +257,7 @@ TEST(oops_print_ring, full_page_is_printed_to_its_end) {
                                                "Log Entry 2 (at position 1)\n" + std::string(4087, 'b'));
 }
 
-TEST(oops_print_ring, random_flash_is_read_without_harm) {
+TEST(oops_print_ring, random_flash_prints_the_same_records_in_both_directions) {
     std::mt19937 random(1);
     for (int round = 0; round < 50; round++) {
         size_t pages = 1 + random() % 9;
@@ -282,12 +282,12 @@ TEST(oops_print_ring, random_flash_is_read_without_harm) {
 
 // The applet.
 
-TEST(run_oopslog, says_how_it_is_used_when_no_device_is_named) {
+TEST(run_oopslog, prints_the_usage_without_a_device) {
     expect_usage({});
     expect_usage({"-r"});
 }
 
-TEST(run_oopslog, takes_anything_but_the_exact_option_for_a_device) {
+TEST(run_oopslog, other_words_than_the_option_are_device_names) {
     for (const char* name : {"-rfoo", "-x", "", "-R", "--", "-r "}) {
         outcome result = run_captured({name, "/dev/null"});
         EXPECT_EQ(result.status, 1) << name;
@@ -296,7 +296,7 @@ TEST(run_oopslog, takes_anything_but_the_exact_option_for_a_device) {
     }
 }
 
-TEST(run_oopslog, what_is_no_flash_has_no_size) {
+TEST(run_oopslog, other_files_than_flash_have_no_size) {
     temp_dir folder;
     std::string file = folder.write_file("image", std::string(8192, 'x'));
     for (const std::string& name : {file, folder.path(), std::string("/dev/null")}) {
