@@ -8,6 +8,8 @@
 #include "archive/member_name.h"
 #include "archive/output.h"
 #include "archive/phase.h"
+#include "common/proc_path.h"
+#include "common/small_file.h"
 #include "dump/dumper.h"
 #include "proc/proc_list.h"
 
@@ -21,12 +23,8 @@ struct program_name {
 
 // Empty for a process without a command line, "unknown" for one whose command line cannot be read.
 void read_program_name(pid_t pid, program_name* name) {
-    char path[30];
-    snprintf(path, sizeof path, "/proc/%d/cmdline", static_cast<int>(pid));
-    ssize_t length = read_file_once(path, name->command, sizeof name->command - 1);
     name->text = "unknown";
-    if (length >= 0) {
-        name->command[length] = '\0';
+    if (small_file_text(proc_path(pid, "cmdline").text, name->command, sizeof name->command) >= 0) {
         const char* slash = strrchr(name->command, '/');
         name->text = slash ? slash + 1 : name->command;
     }

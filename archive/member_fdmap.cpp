@@ -1,9 +1,9 @@
 #include "archive/member_fdmap.h"
 
-#include <stdio.h>
 #include <unistd.h>
 
 #include "archive/member_copy.h"
+#include "common/proc_path.h"
 #include "common/sys_run.h"
 #include "common/temp_file.h"
 
@@ -12,9 +12,8 @@ namespace {
 void list_onto(int fd, pid_t pid) {
     char program[] = "/bin/ls";
     char option[] = "-l";
-    char path[30];
-    snprintf(path, sizeof path, "/proc/%ld/fd", static_cast<long>(pid));
-    char* const argv[] = {program, option, path, nullptr};
+    proc_path path(pid, "fd");
+    char* const argv[] = {program, option, path.text, nullptr};
     (void)sys_run(program, argv, STDIN_FILENO, fd, fd, 0);
 }
 

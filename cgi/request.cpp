@@ -18,6 +18,7 @@
 #include "cgi/worker_ps.h"
 #include "cgi/worker_rtrace.h"
 #include "cgi/worker_strace.h"
+#include "common/proc_path.h"
 #include "common/unique_fd.h"
 #include "dump/dumper.h"
 #include "platform/vextor.h"
@@ -25,7 +26,6 @@
 
 namespace {
 
-constexpr const char* proc_root = "/proc";
 constexpr int pids_of_one_name = 32;
 
 void answer_fixed(const unique_fd& client, std::string_view answer) {

@@ -13,6 +13,7 @@
 
 #include "common/deadline.h"
 #include "common/fd_range.h"
+#include "common/proc_path.h"
 #include "common/safe_io.h"
 #include "common/shared_object.h"
 #include "common/sys_run.h"
@@ -205,9 +206,7 @@ void log_outcome(pid_t pid, const core_outcome& outcome) {
 }
 
 bool is_own_thread(pid_t pid) {
-    char path[40];
-    snprintf(path, sizeof path, "/proc/self/task/%ld", static_cast<long>(pid));
-    return access(path, F_OK) == 0;
+    return access(proc_path(pid, "", "/proc/self/task").text, F_OK) == 0;
 }
 
 // The dumper may stop this process until all of the core has been taken off its hands, which has to be

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 
+#include "common/proc_path.h"
 #include "monitor/monitor.h"
 
 namespace {
@@ -81,5 +82,5 @@ int mon_watch(const char* root, const char* path, unsigned long interval_us) {
 }
 
 int run_mon(int argc, char** argv) {
-    return mon_watch("/proc", status_path, argc > 1 ? strtoul(argv[1], nullptr, 0) : default_interval_us);
+    return mon_watch(proc_root, status_path, argc > 1 ? strtoul(argv[1], nullptr, 0) : default_interval_us);
 }

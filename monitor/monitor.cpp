@@ -8,6 +8,7 @@
 
 #include <cerrno>
 
+#include "common/proc_path.h"
 #include "monitor/ehash.h"
 #include "monitor/process_record.h"
 #include "monitor/sample.h"
@@ -16,7 +17,6 @@
 
 namespace {
 
-constexpr const char* default_root = "/proc";
 constexpr const char* daemon_status_path = "/var/run/dbg-cgi/dbg-monitor.txt";
 constexpr unsigned daemon_interval_s = 3600;
 constexpr uint32_t table_hint = 512;
@@ -24,7 +24,7 @@ constexpr uint32_t table_hint = 512;
 }  // namespace
 
 monitor* monitor_create(const char* path) {
-    return monitor_create_at(default_root, path);
+    return monitor_create_at(proc_root, path);
 }
 
 monitor* monitor_create_at(const char* root, const char* path) {

@@ -1,7 +1,6 @@
 #include "proc/proc_fd.h"
 
 #include <fcntl.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -9,6 +8,7 @@
 #include <charconv>
 #include <string_view>
 
+#include "common/proc_path.h"
 #include "common/safe_io.h"
 #include "common/unique_fd.h"
 #include "proc/proc_socket.h"
@@ -16,21 +16,11 @@
 
 namespace {
 
-constexpr const char* default_root = "/proc";
 constexpr std::string_view socket_mark = "socket:[";
 constexpr std::string_view pipe_mark = "pipe:[";
 
-constexpr size_t path_size = 128;
-
-// Forms "root/pid/rest"; false if the buffer is too small.
-bool form_path(char (&path)[path_size], const char* root, pid_t pid, const char* rest) {
-    int length = snprintf(path, sizeof path, "%s/%ld/%s", root, static_cast<long>(pid), rest);
-    return length > 0 && static_cast<size_t>(length) < sizeof path;
-}
-
 unique_dir open_fd_dir(const char* root, pid_t pid) {
-    char path[path_size];
-    return unique_dir(form_path(path, root, pid, "fd") ? opendir(path) : nullptr);
+    return unique_dir(opendir(proc_path(pid, "fd", root).text));
 }
 
 // The next entry that names a descriptor; null at the end.
@@ -66,15 +56,14 @@ ssize_t read_fd_link(const char* root, pid_t pid, const char* name, char* buf, s
     if (fd_dir >= 0) {
         return readlinkat(fd_dir, name + 3, buf, len);
     }
-    char path[path_size];
-    return form_path(path, root, pid, name) ? readlink(path, buf, len) : -1;
+    return readlink(proc_path(pid, name, root).text, buf, len);
 }
 
 int socket_text(const char* root, pid_t pid, const char* name, unsigned long inode, char* buf, size_t len,
                 socket_cache* cache) {
-    char path[path_size];
-    if (cache && form_path(path, root, pid, name)) {
-        return socket_cache_lookup(cache, path, inode, buf, len);
+    const proc_path path(pid, name, root);
+    if (cache && path) {
+        return socket_cache_lookup(cache, path.text, inode, buf, len);
     }
     return proc_skinfo_lookup_at(root, inode, buf, len);
 }
@@ -106,21 +95,19 @@ int proc_fdinfo_lookup_at(const char* root, pid_t pid, int fd, char* buf, size_t
 }
 
 int proc_fdinfo_lookup(pid_t pid, int fd, char* buf, size_t len) {
-    return describe(default_root, pid, fd, buf, len, {});
+    return describe(proc_root, pid, fd, buf, len, {});
 }
 
 int proc_fdinfo_lookup(pid_t pid, int fd, char* buf, size_t len, const proc_fdinfo_aids& aids) {
-    return describe(default_root, pid, fd, buf, len, aids);
+    return describe(proc_root, pid, fd, buf, len, aids);
 }
 
 unique_fd proc_fd_dir(pid_t pid) {
-    char path[path_size];
-    return unique_fd(form_path(path, default_root, pid, "fd") ? open(path, O_PATH | O_DIRECTORY | O_CLOEXEC)
-                                                              : -1);
+    return unique_fd(open(proc_path(pid, "fd").text, O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
 int proc_fdlist(pid_t pid, int* fds, int capacity) {
-    return proc_fdlist_at(default_root, pid, fds, capacity);
+    return proc_fdlist_at(proc_root, pid, fds, capacity);
 }
 
 int proc_fdlist_at(const char* root, pid_t pid, int* fds, int capacity) {
@@ -137,7 +124,7 @@ int proc_fdlist_at(const char* root, pid_t pid, int* fds, int capacity) {
 }
 
 int proc_nr_fd2(pid_t pid, int* sockets, int* pipes) {
-    return proc_nr_fd2_at(default_root, pid, sockets, pipes);
+    return proc_nr_fd2_at(proc_root, pid, sockets, pipes);
 }
 
 int proc_nr_fd2_at(const char* root, pid_t pid, int* sockets, int* pipes) {
@@ -170,9 +157,7 @@ int proc_nr_fd2_at(const char* root, pid_t pid, int* sockets, int* pipes) {
 }
 
 ssize_t proc_mem_pread(pid_t pid, void* buf, unsigned len, int64_t offset) {
-    char path[64];
-    snprintf(path, sizeof path, "/proc/%ld/mem", static_cast<long>(pid));
-    unique_fd memory(open(path, O_RDONLY | O_CLOEXEC));
+    unique_fd memory(open(proc_path(pid, "mem").text, O_RDONLY | O_CLOEXEC));
     if (!memory) {
         return -1;
     }

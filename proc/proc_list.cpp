@@ -3,7 +3,6 @@
 #include <ctype.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -11,20 +10,13 @@
 
 #include <iterator>
 
+#include "common/proc_path.h"
+#include "common/small_file.h"
 #include "common/unique_fd.h"
 
 std::atomic<pid_t> proc_extra_ignore_pid{-1};
 
 namespace {
-
-constexpr size_t path_size = 128;
-constexpr const char* default_root = "/proc";
-
-// Forms "root/pid/file"; false if the buffer is too small.
-bool form_path(char (&path)[path_size], const char* root, pid_t pid, const char* file) {
-    int length = snprintf(path, sizeof path, "%s/%ld/%s", root, static_cast<long>(pid), file);
-    return length > 0 && static_cast<size_t>(length) < sizeof path;
-}
 
 bool file_exists(const char* path) {
     struct stat status;
@@ -80,7 +72,7 @@ ssize_t read_file_once(const char* path, void* buf, size_t len) {
 }
 
 int proc_list(pid_t* pids, int capacity, pid_t skip_pid) {
-    return proc_list_at(default_root, pids, capacity, skip_pid);
+    return proc_list_at(proc_root, pids, capacity, skip_pid);
 }
 
 int proc_list_at(const char* root, pid_t* pids, int capacity, pid_t skip_pid) {
@@ -116,31 +108,28 @@ void proc_plist_remove_pid(pid_t* pids, int first, int end, pid_t pid) {
 }
 
 int proc_get_pidname(pid_t pid, char* buf, size_t len) {
-    return proc_get_pidname_at(default_root, pid, buf, len);
+    return proc_get_pidname_at(proc_root, pid, buf, len);
 }
 
 int proc_get_pidname_at(const char* root, pid_t pid, char* buf, size_t len) {
-    char path[path_size];
     if (len == 0) {
         return 0;
     }
-    if (form_path(path, root, pid, "cmdline") && name_from_command_line(path, buf, len)) {
+    const proc_path command_line(pid, "cmdline", root);
+    if (command_line && name_from_command_line(command_line.text, buf, len)) {
         return 1;
     }
-    return form_path(path, root, pid, "stat") && name_from_stat(path, buf, len) ? 1 : 0;
+    const proc_path stat(pid, "stat", root);
+    return stat && name_from_stat(stat.text, buf, len) ? 1 : 0;
 }
 
 pid_t proc_ppid(pid_t pid) {
-    return proc_ppid_at(default_root, pid);
+    return proc_ppid_at(proc_root, pid);
 }
 
 pid_t proc_ppid_at(const char* root, pid_t pid) {
-    char path[path_size];
     char text[256];
-    if (!form_path(path, root, pid, "stat")) {
-        return -1;
-    }
-    ssize_t length = read_file_once(path, text, sizeof text - 1);
+    ssize_t length = read_file_once(proc_path(pid, "stat", root).text, text, sizeof text - 1);
     if (length < 1 || !text[0]) {
         return -1;
     }
@@ -158,25 +147,19 @@ pid_t proc_ppid_at(const char* root, pid_t pid) {
 }
 
 char proc_state(pid_t pid) {
-    char path[path_size];
     char text[256];
-    if (!form_path(path, default_root, pid, "stat")) {
-        return '\0';
-    }
-    ssize_t length = read_file_once(path, text, sizeof text - 1);
-    text[length > 0 ? length : 0] = '\0';
+    (void)small_file_text(proc_path(pid, "stat").text, text, sizeof text);
     const char* name_end = strrchr(text, ')');
     return name_end && name_end[1] == ' ' ? name_end[2] : '\0';
 }
 
 int proc_is_kernel_thread(pid_t pid) {
-    return proc_is_kernel_thread_at(default_root, pid);
+    return proc_is_kernel_thread_at(proc_root, pid);
 }
 
 int proc_is_kernel_thread_at(const char* root, pid_t pid) {
-    char path[path_size];
     char target[1];
-    return !form_path(path, root, pid, "exe") || readlink(path, target, sizeof target) < 0 ? 1 : 0;
+    return readlink(proc_path(pid, "exe", root).text, target, sizeof target) < 0 ? 1 : 0;
 }
 
 void proc_find_pid_by_name(const char* root, const char* name, pid_t* pids, int* count, int capacity) {

@@ -9,6 +9,7 @@
 #include <span>
 #include <string_view>
 
+#include "common/proc_path.h"
 #include "common/unique_fd.h"
 #include "proc/proc_socket.h"
 #include "proc/socket_diag.h"
@@ -21,7 +22,6 @@ using table_kind = socket_row::table;
 // Asking the kernel is faster than reading a table of this many lines or more. While all tables are shorter,
 // no netlink socket is opened.
 constexpr size_t lines_worth_asking = 16;
-constexpr const char* proc_root = "/proc";
 
 // The table that can list a socket, by its protocol name (an extended attribute of its inode). Sockets of
 // other protocols are searched in all tables.

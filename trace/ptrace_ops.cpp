@@ -15,6 +15,8 @@
 
 #include "common/deadline.h"
 #include "common/ending.h"
+#include "common/proc_path.h"
+#include "common/small_file.h"
 #include "proc/proc_list.h"
 #include "trace/ptrace_data.h"
 
@@ -161,11 +163,8 @@ bool trace_is_ours(pid_t pid) {
 }
 
 trace_view trace_look(pid_t pid) {
-    char path[32];
     char text[2048];
-    snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
-    ssize_t length = read_file_once(path, text, sizeof text - 1);
-    text[length > 0 ? length : 0] = '\0';
+    (void)small_file_text(proc_path(pid, "status").text, text, sizeof text);
     return {.state = field_of(text, "\nState:")[0],
             .tgid = number_of(text, "\nTgid:"),
             .tracer = number_of(text, "\nTracerPid:"),

@@ -9,7 +9,9 @@
 
 #include <utility>
 
+#include "common/proc_path.h"
 #include "common/signal_map.h"
+#include "common/small_file.h"
 #include "proc/proc_list.h"
 #include "trace/arch_decode.h"
 #include "trace/ptrace_ops.h"
@@ -23,10 +25,7 @@ namespace {
 constexpr int not_to_be_resumed = -1;
 
 void read_name(pid_t pid, char (&name)[32]) {
-    char path[30];
-    snprintf(path, sizeof path, "/proc/%d/cmdline", pid);
-    ssize_t length = read_file_once(path, name, sizeof name - 1);
-    name[length > 0 ? length : 0] = '\0';
+    (void)small_file_text(proc_path(pid, "cmdline").text, name, sizeof name);
     if (const char* slash = strrchr(name, '/')) {
         memmove(name, slash + 1, strlen(slash + 1) + 1);
     }

@@ -156,7 +156,7 @@ bool connect_until(int sock, const sockaddr_un* address, const deadline& end) {
         }
         timeval limit = {};
         limit.tv_sec = left_ms / 1000;
-        limit.tv_usec = left_ms % 1000 * 1000;
+        limit.tv_usec = left_ms % 1000 * 1000L;
         if (setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
             return false;
         }

@@ -1,12 +1,14 @@
 #include "tools/dcore/proc_text.h"
 
 #include <fcntl.h>
-#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
+
+#include "common/proc_path.h"
+#include "common/small_file.h"
 
 namespace {
 
@@ -19,26 +21,13 @@ void skip_blanks(std::string_view& text) {
 }  // namespace
 
 unique_fd proc_open(pid_t pid, const char* name) {
-    char path[64];
-    snprintf(path, sizeof path, "/proc/%d/%s", pid, name);
-    return unique_fd(open(path, O_RDONLY | O_CLOEXEC));
+    return unique_fd(open(proc_path(pid, name).text, O_RDONLY | O_CLOEXEC));
 }
 
 std::string proc_text(pid_t pid, const char* name, size_t limit) {
-    std::string text;
-    unique_fd file = proc_open(pid, name);
-    if (!file) {
-        return text;
-    }
-    char block[4096];
-    while (text.size() < limit) {
-        ssize_t got =
-            TEMP_FAILURE_RETRY(read(file.get(), block, std::min(sizeof block, limit - text.size())));
-        if (got <= 0) {
-            break;
-        }
-        text.append(block, static_cast<size_t>(got));
-    }
+    std::string text(limit, '\0');
+    const ssize_t length = small_file_read(AT_FDCWD, proc_path(pid, name).text, text.data(), limit);
+    text.resize(length > 0 ? static_cast<size_t>(length) : 0);
     return text;
 }
 

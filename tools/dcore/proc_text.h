@@ -14,7 +14,7 @@
 unique_fd proc_open(pid_t pid, const char* name);
 
 // Up to `limit` bytes of /proc/PID/NAME; empty when it can't be read.
-std::string proc_text(pid_t pid, const char* name, size_t limit = 65536);
+std::string proc_text(pid_t pid, const char* name, size_t limit = 4096);
 
 // Reads a file line by line through a buffer of its own, whatever the file's length. Of a line longer than
 // the buffer only the beginning is given out.

@@ -1,12 +1,14 @@
 #include "tools/dcore/process.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/proc_path.h"
 #include "common/unique_fd.h"
 #include "tools/dcore/proc_text.h"
 
@@ -74,12 +76,11 @@ bool take_status_line(std::string_view line, process_status& status) {
     return true;
 }
 
-bool reads_here(pid_t pid, const char* number, const struct stat& pipe) {
-    char path[64];
+bool reads_here(int folder, const char* number, const struct stat& pipe) {
     struct stat link = {}, target = {};
-    snprintf(path, sizeof path, "/proc/%d/fd/%.20s", pid, number);
-    return lstat(path, &link) == 0 && (link.st_mode & S_IRUSR) != 0 && stat(path, &target) == 0 &&
-           target.st_dev == pipe.st_dev && target.st_ino == pipe.st_ino;
+    return fstatat(folder, number, &link, AT_SYMLINK_NOFOLLOW) == 0 && (link.st_mode & S_IRUSR) != 0 &&
+           fstatat(folder, number, &target, 0) == 0 && target.st_dev == pipe.st_dev &&
+           target.st_ino == pipe.st_ino;
 }
 
 // A first thread whose place is taken by another that starts a program looks like this for a moment.
@@ -175,11 +176,9 @@ bool process_reads(pid_t pid, int fd) {
     if (fstat(fd, &ours) != 0 || !S_ISFIFO(ours.st_mode)) {
         return false;
     }
-    char path[64];
-    snprintf(path, sizeof path, "/proc/%d/fd", pid);
-    unique_dir folder(opendir(path));
+    unique_dir folder(opendir(proc_path(pid, "fd").text));
     while (dirent* entry = folder ? readdir(folder.get()) : nullptr) {
-        if (entry->d_name[0] != '.' && reads_here(pid, entry->d_name, ours)) {
+        if (entry->d_name[0] != '.' && reads_here(dirfd(folder.get()), entry->d_name, ours)) {
             return true;
         }
     }

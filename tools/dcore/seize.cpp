@@ -14,6 +14,7 @@
 #include <algorithm>
 
 #include "common/monotonic.h"
+#include "common/proc_path.h"
 #include "common/unique_fd.h"
 #include "tools/dcore/proc_text.h"
 #include "tools/dcore/process.h"
@@ -154,9 +155,7 @@ int take(thread_hold& hold, pid_t tid, int64_t until_ms, unsigned& fresh) {
 
 // Looks through the list of threads once.
 int take_listed(thread_hold& hold, int64_t until_ms, unsigned& fresh) {
-    char path[64];
-    snprintf(path, sizeof path, "/proc/%d/task", hold.pid);
-    unique_dir folder(opendir(path));
+    unique_dir folder(opendir(proc_path(hold.pid, "task").text));
     if (!folder) {
         return errno == ENOENT ? ESRCH : errno;
     }

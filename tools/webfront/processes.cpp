@@ -1,12 +1,12 @@
 #include "tools/webfront/processes.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 
+#include "common/small_file.h"
 #include "common/unique_fd.h"
 #include "tools/json/json_output.h"
 
@@ -35,15 +35,9 @@ std::string_view take_field(std::string_view* rest, int count) {
 
 // Up to `limit` bytes of a file, fewer when it ends or can't be read.
 std::string read_start(int folder, const std::string& name, size_t limit) {
-    unique_fd fd(openat(folder, name.c_str(), O_RDONLY | O_CLOEXEC));
     std::string bytes(limit, '\0');
-    size_t size = 0;
-    ssize_t got = fd ? 1 : 0;
-    while (got > 0 && size != limit) {
-        got = read(fd.get(), bytes.data() + size, limit - size);
-        size += got > 0 ? static_cast<size_t>(got) : 0;
-    }
-    bytes.resize(size);
+    const ssize_t size = small_file_read(folder, name.c_str(), bytes.data(), limit);
+    bytes.resize(size > 0 ? static_cast<size_t>(size) : 0);
     return bytes;
 }
 
