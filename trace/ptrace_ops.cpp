@@ -26,20 +26,18 @@ namespace {
 
 constexpr int attach_waits = 5;
 constexpr useconds_t attach_pause_us = 10;
-constexpr useconds_t longest_pause_us = 1000;
-constexpr useconds_t longest_end_pause_us = 10000;
-constexpr int end_looks = 50;  // half a second at the longest pause
-constexpr int resume_attempts = 4;
+constexpr useconds_t longest_attach_pause_us = 1000;
+constexpr useconds_t longest_detach_pause_us = 10000;
+constexpr int zombie_checks = 50;  // half a second at the longest pause
 constexpr size_t mask_digits = 16;
 
-// The text behind "KEY:" in a status file, at its first character that is no blank; "" when there is none.
+// The text after "KEY:" in a status file, without leading blanks; "" if the key is missing.
 const char* field_of(const char* text, const char* key) {
     const char* line = strstr(text, key);
     return line ? line + strlen(key) + strspn(line + strlen(key), " \t") : "";
 }
 
-// Whether one of a status file's masks of pending signals has SIGSTOP. A mask is 64 or, on MIPS, 128 bits
-// wide.
+// True if this mask of pending signals in a status file has SIGSTOP. A mask has 64 bits, on MIPS 128.
 bool has_stop(const char* text, const char* key) {
     const char* mask = field_of(text, key);
     const size_t digits = strspn(mask, "0123456789abcdef");
@@ -53,7 +51,7 @@ pid_t number_of(const char* text, const char* key) {
 
 int resume(__ptrace_request request, const char* name, pid_t pid, int sig) {
     int result = -1;
-    for (int attempt = 0; attempt < resume_attempts && result < 0; attempt++) {
+    for (int attempt = 0; attempt < trace_resume_attempts && result < 0; attempt++) {
         result = static_cast<int>(ptrace(request, pid, nullptr, ptrace_data(sig)));
         if (result < 0) {
             printf("%s failed %s\n", name, strerror(errno));
@@ -62,39 +60,43 @@ int resume(__ptrace_request request, const char* name, pid_t pid, int sig) {
     return result;
 }
 
-// Waits for a stop or the end of a process that is being let go, as waitpid does, after a stop signal when
-// one is due. Returns 0 when neither is to be waited for: its first thread has ended before the others, which
-// may be this thread's to let go, or a signal for the caller has ended the wait for its end.
-pid_t await_event(pid_t pid, int* status, bool detached, bool* stop_due) {
-    int looks_at_its_end = 0;
-    for (useconds_t pause = attach_pause_us;; pause = std::min(2 * pause, longest_end_pause_us)) {
-        if (*stop_due && trace_is_ours(pid)) {
-            *stop_due = trace_stop_thread(pid) != 0;
+// A detach that waits for its process.
+struct detach {
+    pid_t pid;
+    bool done;         // PTRACE_DETACH succeeded
+    bool stop_unsent;  // a stop signal is to be sent first
+};
+
+// Waits as waitpid does for the next stop of the process or its end, after sending the stop signal if that is
+// due. Returns 0 to give up: a signal for the caller has ended the wait for a detached child, or the
+// process's first thread has ended before the others, which the calling thread may have to detach next.
+pid_t wait_for_event(detach* d, int* status) {
+    int seen_as_zombie = 0;
+    for (useconds_t pause = attach_pause_us;; pause = std::min(2 * pause, longest_detach_pause_us)) {
+        if (d->stop_unsent && trace_is_ours(d->pid)) {
+            d->stop_unsent = trace_stop_thread(d->pid) != 0;
         }
-        pid_t got = waitpid(pid, status, WNOHANG | trace_wait_flags);
+        pid_t got = waitpid(d->pid, status, WNOHANG | trace_wait_flags);
         if (got != 0) {
             return got;
         }
         // Threads that end together do so one after the other.
-        looks_at_its_end += proc_state(pid) == 'Z';
-        if ((usleep(pause) != 0 && detached) || looks_at_its_end == end_looks) {
+        seen_as_zombie += proc_state(d->pid) == 'Z';
+        if ((usleep(pause) != 0 && d->done) || seen_as_zombie == zombie_checks) {
             return 0;
         }
     }
 }
 
-// trace_detach_sig, with or without a stop signal for a process that runs: one that is being attached to has
-// its own on its way, and a second one would stop it for good.
-void let_go(pid_t pid, int sig, bool send_stop) {
-    const bool detached = trace_detach_stopped(pid, sig);
-    bool stop_due = !detached && send_stop;
+// trace_detach_sig, but sends a running process a stop signal only with `send_stop`: the one that
+// PTRACE_ATTACH sent may still be pending, and after the detach a second one would stop the process for good.
+void detach_and_wait(pid_t pid, int sig, bool send_stop) {
+    const bool done = trace_detach_stopped(pid, sig);
+    detach d = {pid, done, !done && send_stop};
     int status = 0;
     for (;;) {
-        pid_t got = await_event(pid, &status, detached, &stop_due);
-        if (got == 0 || (got < 0 && errno != EINVAL)) {
-            return;
-        }
-        if (!WIFSTOPPED(status)) {
+        pid_t got = wait_for_event(&d, &status);
+        if (got == 0 || (got < 0 && errno != EINVAL) || !WIFSTOPPED(status)) {
             return;
         }
         if (WSTOPSIG(status) == SIGSTOP) {
@@ -102,7 +104,7 @@ void let_go(pid_t pid, int sig, bool send_stop) {
             return;
         }
         if (WSTOPSIG(status) == SIGCONT) {
-            (void)trace_stop_thread(pid);  // it has discarded the stop signal that is waited for
+            (void)trace_stop_thread(pid);  // the SIGCONT has discarded the pending stop signal
         }
         if (sig != SIGSTOP && ptrace(PTRACE_CONT, pid, nullptr, nullptr) < 0) {
             return;
@@ -124,7 +126,7 @@ pid_t trace_attach(pid_t pid) {
             return got;
         }
         if (errno != ECHILD || tries == attach_waits) {
-            let_go(pid, 0, false);
+            detach_and_wait(pid, 0, false);
             return -1;
         }
         usleep(attach_pause_us);
@@ -138,13 +140,13 @@ pid_t trace_attach_within(pid_t pid, int patience_ms, int* status) {
     }
     int failures = 0;
     const deadline patience(patience_ms);
-    for (useconds_t pause = attach_pause_us;; pause = std::min(2 * pause, longest_pause_us)) {
+    for (useconds_t pause = attach_pause_us;; pause = std::min(2 * pause, longest_attach_pause_us)) {
         pid_t got = waitpid(pid, status, WUNTRACED | WNOHANG | trace_wait_flags);
         if (got > 0) {
             return got;
         }
         if (got < 0 && (errno != ECHILD || ++failures == attach_waits)) {
-            let_go(pid, 0, false);
+            detach_and_wait(pid, 0, false);
             return -1;
         }
         if (got == 0 && patience.is_over()) {
@@ -172,24 +174,24 @@ trace_view trace_look(pid_t pid) {
 }
 
 int trace_stop_thread(pid_t pid) {
-    // kill(2) may have any thread of the process take the signal. One that is not traced would stop them all,
-    // and they would stay so.
+    // With kill(2), any thread of the process may take the signal. One that is not traced would stop the
+    // whole process for good.
     return static_cast<int>(syscall(SYS_tkill, pid, SIGSTOP));
 }
 
 int trace_first_signal(pid_t pid, int status, bool* stop_due) {
     const int sig = WSTOPSIG(status);
     siginfo_t info = {};
-    // Only a stop of the whole process has no information: the kernel says so with EINVAL.
+    // Only a stop of the whole process (a group stop) has no siginfo; PTRACE_GETSIGINFO fails with EINVAL.
     const bool delivered = ptrace(PTRACE_GETSIGINFO, pid, nullptr, &info) == 0 || errno != EINVAL;
     *stop_due = !delivered || sig != SIGSTOP;
-    // An exec that was under way when the attach came ends with a trap that is for the tracer alone.
+    // An exec that was already running at the attach ends with a SIGTRAP for the tracer alone.
     const bool exec_trap = delivered && sig == SIGTRAP && info.si_code == SI_USER;
     return delivered && sig != SIGSTOP && !exec_trap ? sig : 0;
 }
 
 void trace_take_back_stop(pid_t pid) {
-    // Not when there is nothing to take back: it could go on from a stop that somebody else wants.
+    // Otherwise the SIGCONT could resume the process from a stop that someone else has ordered.
     if (trace_look(pid).stop_pending) {
         (void)syscall(SYS_tkill, pid, SIGCONT);
     }
@@ -199,7 +201,7 @@ bool trace_is_own_sigcont(pid_t pid, int status) {
     siginfo_t info = {};
     return status >> 16 == 0 && WSTOPSIG(status) == SIGCONT &&
            ptrace(PTRACE_GETSIGINFO, pid, nullptr, &info) == 0 && info.si_code == SI_TKILL &&
-           (info.si_pid == getpid() || info.si_pid == 0);  // 0: in a namespace that does not show us
+           (info.si_pid == getpid() || info.si_pid == 0);  // 0: sent from another pid namespace
 }
 
 bool trace_detach_stopped(pid_t pid, int sig) {
@@ -208,7 +210,7 @@ bool trace_detach_stopped(pid_t pid, int sig) {
 
 void trace_detach_sig(pid_t pid, int sig) {
     const ending_held held;
-    let_go(pid, sig, true);
+    detach_and_wait(pid, sig, true);
 }
 
 void trace_detach(pid_t pid) {

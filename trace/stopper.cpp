@@ -13,17 +13,17 @@ constexpr const char* usage =
 constexpr unsigned hold_seconds = 999;
 
 int32_t write_cb(void* /*cookie*/, const char* /*text*/, int /*length*/) {
-    return tracer_stopped() ? 0 : 1;
+    return tracer_is_stopped() ? 0 : 1;
 }
 
 void stopper_on_exit(strace_ctx* /*ctx*/, void* /*cookie*/, pid_t pid, int kind, int code, void* /*extra*/) {
-    if (tracer_stopped()) {
+    if (tracer_is_stopped()) {
         return;
     }
     printf("stopper: Trapped pid=%d exit code %d\n", pid, code);
-    // Whoever waits for the process to be held reads this from a pipe.
+    // A program may read this from a pipe, waiting for the process to be held.
     fflush(stdout);
-    while (kind == strace_exit_stop && !tracer_stopped()) {
+    while (kind == strace_exit_stop && !tracer_is_stopped()) {
         sleep(hold_seconds);
     }
 }

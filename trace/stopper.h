@@ -1,6 +1,7 @@
-// A tracer that holds processes at their exit.
+// The tracer that holds processes at their exit.
 #pragma once
 
-// stopper [ -p PID ]... [ COMMAND [ ARGUMENT ... ] ]: says when a process, or the command, is about to exit,
-// and keeps it from going until SIGINT comes. Status 0; 1 when there is no such command.
+// stopper [ -p PID ]... [ COMMAND [ ARGUMENT ... ] ]: reports when a process, or the command, is about to
+// exit, and holds it there until SIGINT comes. Returns the exit status: 1 if the command is not found, else
+// 0.
 int run_stopper(int argc, char** argv);

@@ -24,7 +24,7 @@ namespace {
 
 constexpr const char* default_path = "/bin:/sbin:/usr/bin:/usr/sbin:/usr/local/bin";
 
-// How often a command that does not end is waited for when a signal other than SIGINT ends the tracer: 3 s.
+// How many repeated signals a command may survive if the tracer ends by another signal than SIGINT: 3 s.
 constexpr int end_ticks = 3000 / tracer_repeat_ms;
 
 std::atomic<bool> stop_flag{false};
@@ -72,15 +72,15 @@ void set_up_signals() {
     }
 }
 
-// The death that a signal asked for, now that nobody is held.
-void die_if_asked() {
+// Ends this process by the signal that ended the trace, if it was not SIGINT.
+void die_of_ending_signal() {
     if (ending_signal != 0) {
         signal(ending_signal, SIG_DFL);
         raise(ending_signal);
     }
 }
 
-// Waits until nobody reads standard output any more.
+// Waits until standard output has no reader any more.
 void* watch_reader(void* /*unused*/) {
     pollfd out = {STDOUT_FILENO, 0, 0};
     while (poll(&out, 1, -1) < 0) {
@@ -89,7 +89,7 @@ void* watch_reader(void* /*unused*/) {
     return nullptr;
 }
 
-// Without the thread the next write tells.
+// If the thread cannot be started, the next write reports that the reader has gone.
 void start_reader_watch() {
     struct stat status;
     if (fstat(STDOUT_FILENO, &status) != 0 || !(S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode))) {
@@ -98,7 +98,7 @@ void start_reader_watch() {
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);  // the signals are for the thread that traces
+    pthread_sigmask(SIG_SETMASK, &all, &before);  // signals must interrupt the tracing thread
     pthread_t watch;
     if (pthread_create(&watch, nullptr, watch_reader, nullptr) == 0) {
         pthread_detach(watch);
@@ -111,7 +111,7 @@ bool is_regular_file(const char* path) {
     return stat(path, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-bool find_below(std::string_view directory, std::string_view name, char (&path)[tracer_path_room]) {
+bool find_in(std::string_view directory, std::string_view name, char (&path)[tracer_path_size]) {
     if (directory.size() + name.size() >= sizeof path - 1) {
         return false;
     }
@@ -122,10 +122,10 @@ bool find_below(std::string_view directory, std::string_view name, char (&path)[
     return is_regular_file(path);
 }
 
-bool find_on_path(std::string_view directories, std::string_view name, char (&path)[tracer_path_room]) {
+bool find_on_path(std::string_view directories, std::string_view name, char (&path)[tracer_path_size]) {
     for (;;) {
         size_t colon = directories.find(':');
-        if (find_below(directories.substr(0, colon), name, path)) {
+        if (find_in(directories.substr(0, colon), name, path)) {
             return true;
         }
         if (colon == directories.npos) {
@@ -152,17 +152,16 @@ void trace_pids(const tracer_applet& applet, pid_t* pids, int count, bool attach
     do_strace(&ctx);
 }
 
-// Ends the child if it is still there; returns when it has been waited for. One that SIGINT does not end gets
-// the signal that ends the tracer as well, and is left alone.
+// Ends the command if it still runs, and reaps it. If SIGINT does not end it, it gets the signal that ends
+// the tracer, and is not waited for any longer.
 void end_child(pid_t child) {
     int status;
-    pid_t got = waitpid(child, &status, WNOHANG);
-    if (got != 0) {
+    if (waitpid(child, &status, WNOHANG) != 0) {
         return;
     }
     kill(child, SIGINT);
-    (void)trace_detach_stopped(child,
-                               0);  // where there was no memory for a trace it stands in its first stop
+    // If there was no memory for a trace, the command is still in its first stop.
+    (void)trace_detach_stopped(child, 0);
     int ticks = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
         ticks += ending_signal != 0;
@@ -174,7 +173,7 @@ void end_child(pid_t child) {
 }
 
 int trace_command(const tracer_applet& applet, char** command) {
-    static char path[tracer_path_room];
+    static char path[tracer_path_size];
     if (!tracer_find_program(command[0], path)) {
         return 1;
     }
@@ -187,7 +186,7 @@ int trace_command(const tracer_applet& applet, char** command) {
     do {
         got = waitpid(child, &status, 0);
     } while (got < 0 && errno == EINTR);
-    // Without a stop it could not be started, and has said so.
+    // A command that ended instead could not be started; the child has printed why.
     if (got == child && WIFSTOPPED(status)) {
         pid_t pids[] = {child};
         trace_pids(applet, pids, 1, true);
@@ -196,13 +195,13 @@ int trace_command(const tracer_applet& applet, char** command) {
     return 0;
 }
 
-int trace_what_is_asked(const char* name, const tracer_applet& applet, tracer_options* options) {
+int trace_requested(const char* name, const tracer_applet& applet, tracer_options* options) {
     if (options->command) {
         return trace_command(applet, options->command);
     }
-    if (options->pids_left_out > 0) {
+    if (options->ignored_pids > 0) {
         fprintf(stderr, "%s: only the first %d pids are traced, not the other %d\n", name, tracer_max_pids,
-                options->pids_left_out);
+                options->ignored_pids);
     }
     trace_pids(applet, options->pids, options->pid_count, false);
     return 0;
@@ -210,7 +209,7 @@ int trace_what_is_asked(const char* name, const tracer_applet& applet, tracer_op
 
 }  // namespace
 
-bool tracer_stopped() {
+bool tracer_is_stopped() {
     return stop_flag;
 }
 
@@ -231,7 +230,7 @@ bool tracer_parse(int argc, char** argv, tracer_options* options) {
             if (options->pid_count < tracer_max_pids) {
                 options->pids[options->pid_count++] = pid;
             } else {
-                options->pids_left_out++;
+                options->ignored_pids++;
             }
         }
         at += 2;
@@ -242,19 +241,19 @@ bool tracer_parse(int argc, char** argv, tracer_options* options) {
     return options->pid_count > 0 || options->command;
 }
 
-bool tracer_find_program(const char* name, char (&path)[tracer_path_room]) {
+bool tracer_find_program(const char* name, char (&path)[tracer_path_size]) {
     if (name[0] == '/') {
-        return find_below("/", name, path);
+        return find_in("/", name, path);
     }
     if (name[0] == '.') {
-        char current[tracer_path_room];
-        // Room for the slash at its end.
+        char current[tracer_path_size];
+        // One byte less, for the slash at its end.
         if (!getcwd(current, sizeof current - 1)) {
             return false;
         }
         size_t length = strlen(current);
         current[length] = '/';
-        return find_below(std::string_view(current, length + 1), name, path);
+        return find_in(std::string_view(current, length + 1), name, path);
     }
     const char* directories = getenv("PATH");
     return find_on_path(directories ? directories : default_path, name, path);
@@ -267,7 +266,7 @@ int tracer_run(int argc, char** argv, const tracer_applet& applet) {
         return 0;
     }
     set_up_signals();
-    int status = trace_what_is_asked(argv[0], applet, &options);
-    die_if_asked();
+    int status = trace_requested(argv[0], applet, &options);
+    die_of_ending_signal();
     return status;
 }

@@ -1,5 +1,5 @@
-// What the two tracer applets have in common: their command line, the program that they start, and the
-// signals that end them.
+// The common part of the two tracer applets: the command line, the command to trace, and the signals that end
+// the applet.
 #pragma once
 
 #include <stdint.h>
@@ -13,17 +13,18 @@ constexpr int tracer_max_pids = 100;
 struct tracer_options {
     pid_t pids[tracer_max_pids];
     int pid_count = 0;
-    int pids_left_out = 0;     // given beyond tracer_max_pids
-    char** command = nullptr;  // ends with null; null when pids are traced
+    int ignored_pids = 0;      // those after the first tracer_max_pids
+    char** command = nullptr;  // ends with null; null if pids are traced
 };
 
-// Fills `options` from the arguments; false when the usage text is due.
+// Fills `options` from the arguments. False if the usage text is to be printed.
 bool tracer_parse(int argc, char** argv, tracer_options* options);
 
-// Finds the program of a command: a name that begins with '/' there, one that begins with '.' below the
-// current directory, others on PATH. Writes its path into `path` and returns whether there is a regular file.
-constexpr int tracer_path_room = 4096;
-bool tracer_find_program(const char* name, char (&path)[tracer_path_room]);
+// Finds the regular file that a command names. A name that begins with '/' is a path, one that begins with
+// '.' is looked up in the current directory, any other in the directories of PATH. False if there is no such
+// file; otherwise its path is in `path`.
+constexpr int tracer_path_size = 4096;
+bool tracer_find_program(const char* name, char (&path)[tracer_path_size]);
 
 // How one of the applets traces.
 struct tracer_applet {
@@ -31,15 +32,15 @@ struct tracer_applet {
     uint32_t flags;
     int32_t (*write)(void* cookie, const char* text, int length);
     void (*on_exit)(strace_ctx* ctx, void* cookie, pid_t pid, int kind, int code, void* extra);
-    bool ends_with_reader;  // when nobody can read its standard output any more
+    bool ends_with_reader;  // ends when its standard output has no reader any more
 };
 
-// The applet's main function: returns the exit status. SIGTERM, SIGHUP and SIGQUIT, unless they are ignored,
-// end the trace as SIGINT does; when everybody has been let go the process dies of them.
+// The applet's main function. Returns the exit status: 1 if the command is not found, else 0. SIGTERM, SIGHUP
+// and SIGQUIT, unless ignored, end the trace as SIGINT does. After the detach, they kill the applet.
 int tracer_run(int argc, char** argv, const tracer_applet& applet);
 
-// Whether the user has asked to end; from then on SIGINT comes again every tracer_repeat_ms, so that whatever
-// the applet waits in notices, also when the first one came just before.
-bool tracer_stopped();
-void tracer_stop();  // asks in the user's place
+// True if the applet is to end. From then on it gets a SIGINT every tracer_repeat_ms: the first signal may
+// come just before a blocking call and would not interrupt it.
+bool tracer_is_stopped();
+void tracer_stop();  // ends the applet as a signal does
 constexpr int tracer_repeat_ms = 50;

@@ -13,12 +13,13 @@ namespace {
 constexpr const char* usage =
     "USAGE: tstrace [ -ppid ] [ command [ arg ... ] ]\n\n"
     "-p<pid>\tAdd a pid to trace, can be given multiple times.";
-constexpr int last_words_ms =
-    100;  // for a reader that has to take something before the next write at the end
+// How long a write waits for a slow reader when the applet is to end.
+constexpr int end_patience_ms = 100;
 
-// Whether the reader takes more before the time is over; the signals that repeat the end interrupt the wait.
-bool is_taken(int fd, int within_ms) {
-    const deadline end(within_ms);
+// Waits until `fd` can be written to. Returns false after `timeout_ms`. SIGINT, which repeats, does not end
+// the wait.
+bool wait_until_writable(int fd, int timeout_ms) {
+    const deadline end(timeout_ms);
     pollfd out = {fd, POLLOUT, 0};
     while (poll(&out, 1, end.left_ms()) <= 0) {
         if (end.is_over()) {
@@ -28,19 +29,19 @@ bool is_taken(int fd, int within_ms) {
     return true;
 }
 
-// Writes all of a text. Returns false when the reader has gone, or when the user wants to end and the reader
-// takes nothing.
+// Writes the whole text. Returns false if the reader has gone, or if it reads nothing while the applet is to
+// end.
 bool write_text(int fd, const char* text, size_t length) {
     while (length > 0) {
-        if (tracer_stopped() && !is_taken(fd, last_words_ms)) {
+        if (tracer_is_stopped() && !wait_until_writable(fd, end_patience_ms)) {
             return false;
         }
-        ssize_t put = write(fd, text, length);
-        if (put >= 0) {
-            text += put;
-            length -= static_cast<size_t>(put);
+        ssize_t written = write(fd, text, length);
+        if (written >= 0) {
+            text += written;
+            length -= static_cast<size_t>(written);
         } else if (errno == EAGAIN) {
-            (void)is_taken(fd, tracer_repeat_ms);
+            (void)wait_until_writable(fd, tracer_repeat_ms);
         } else if (errno != EINTR) {
             return errno != EPIPE;
         }
@@ -49,13 +50,13 @@ bool write_text(int fd, const char* text, size_t length) {
 }
 
 int32_t tstrace_write(void* cookie, const char* text, int length) {
-    static bool is_given_up = false;
+    static bool output_failed = false;
     int fd = static_cast<int>(reinterpret_cast<intptr_t>(cookie));
-    if (!is_given_up && !write_text(fd, text, static_cast<size_t>(length))) {
-        is_given_up = true;  // from now on nothing is written, so that nobody is held for it
+    if (!output_failed && !write_text(fd, text, static_cast<size_t>(length))) {
+        output_failed = true;  // no more writes: traced processes would stand still meanwhile
         tracer_stop();
     }
-    return tracer_stopped() ? 0 : 1;
+    return tracer_is_stopped() ? 0 : 1;
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "trace/arch_decode.h"
 
 #include <gtest/gtest.h>
-#include <string.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 
 #include "tests/unit/trace/call_stops.h"
 #include "tests/unit/trace/fake_memory.h"
+#include "tests/unit/trace/one_process_trace.h"
 #include "trace/strace.h"
 #include "trace/strace_process.h"
 
@@ -40,26 +40,10 @@ std::string printed(Print print, size_t size) {
 class arch_dec : public testing::Test {
 protected:
     arch_dec() {
-        names_.count = 1;
-        names_.processes = calloc_array<strace_process>(2);
-        for (int i = 0; i < 2; i++) {
-            names_.processes[i].fd_dir = -1;
-        }
-        names_.sockets = socket_cache_new();
-        strcpy(process().name, "me");
-        ctx_.names = &names_;
-        ctx_.pids = &pid_;
-        ctx_.nr_pids = 1;
         ctx_.cookie = this;
         ctx_.on_exit = note_exit;
     }
-    ~arch_dec() override {
-        for (int i = 0; i < 2; i++) {
-            unique_fd closed(names_.processes[i].fd_dir);
-        }
-    }
-
-    strace_process& process() { return names_.processes[0]; }
+    strace_process& process() { return trace_.process(); }
 
     std::string entry(int size = 4096) {
         buffer_ = std::string(static_cast<size_t>(size), '#');
@@ -95,8 +79,8 @@ protected:
         return static_cast<int>(syscall(SYS_exit_group, 7));
     }};
     pid_t pid_ = child_.pid();
-    strace_names names_;
-    strace_ctx ctx_ = {};
+    one_process_trace trace_{&pid_, "me"};
+    strace_ctx& ctx_ = trace_.ctx;
     arch_regs regs_ = {};
     std::string buffer_;
     int length_ = 0;

@@ -21,6 +21,7 @@
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/memory_limit.h"
 #include "tests/unit/support/temp_dir.h"
+#include "tests/unit/trace/one_process_trace.h"
 #include "tests/unit/trace/tracees.h"
 #include "trace/strace_process.h"
 
@@ -43,27 +44,18 @@ namespace {
 
 constexpr int shown_fd = 500;  // above all others of a test
 
-strace_ctx context_of(pid_t* pid) {
-    strace_ctx ctx = {};
-    ctx.pids = pid;
-    ctx.nr_pids = 1;
-    return ctx;
-}
-
 // The context of a trace in which this program is one process, "me", that a report is made of.
 struct report {
     pid_t pid = getpid();
     std::vector<char> buffer = std::vector<char>(strace_buffer_size);
-    strace_ctx ctx = context_of(&pid);
-    strace_state state = strace_state(&ctx);
+    one_process_trace trace{&pid, "me"};
+    strace_ctx& ctx = trace.ctx;
     std::vector<std::string> pieces;
     std::function<int32_t(const std::string&)> answer = [](const std::string&) { return 1; };
 
     report() {
-        strcpy(state.processes()[0].name, "me");
         ctx.write = write;
         ctx.cookie = this;
-        ctx.names = &state;
         ctx.buf = buffer.data();
         ctx.bufsize = static_cast<int32_t>(buffer.size());
     }
@@ -146,7 +138,7 @@ std::string lookup_failed(const report& made, int index) {
 
 TEST(strace_write_later, keeps_text_until_the_pending_text_is_written) {
     report made;
-    made.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
+    made.trace.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
     strace_write_later(&made.ctx, "one\n", 4);
     strace_write_later(&made.ctx, "two\n", 4);
     EXPECT_TRUE(made.pieces.empty());
@@ -158,7 +150,7 @@ TEST(strace_write_later, keeps_text_until_the_pending_text_is_written) {
 
 TEST(strace_write_later, kept_text_comes_before_what_is_written_at_once) {
     report made;
-    made.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
+    made.trace.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
     strace_write_later(&made.ctx, "one\n", 4);
     EXPECT_EQ(strace_printf(&made.ctx, "%d\n", 2), 2);
     EXPECT_EQ(made.pieces, std::vector<std::string>({"one\n", "2\n"}));
@@ -166,7 +158,7 @@ TEST(strace_write_later, kept_text_comes_before_what_is_written_at_once) {
 
 TEST(strace_write_later, text_for_which_there_is_no_room_follows_what_was_kept) {
     report made;
-    made.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
+    made.trace.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
     const std::string most(strace_buffer_size - 1, 'a');
     const std::string whole(strace_buffer_size, 'b');
     const std::string more(strace_buffer_size + 1, 'c');

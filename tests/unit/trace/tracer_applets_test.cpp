@@ -76,7 +76,7 @@ struct settled_child : report_pipe, gated_child {
 // What is found of a program that is called by a path of `length` bytes.
 std::string found_by_path_of(size_t length) {
     struct {
-        char path[tracer_path_room];
+        char path[tracer_path_size];
         char guard[16];
     } room = {};
     const std::string guard(sizeof room.guard, '#');
@@ -131,10 +131,10 @@ TEST(run_stopper, says_nothing_of_an_exit_that_comes_when_it_has_been_interrupte
 }
 
 TEST(tracer_find_program, path_may_fill_its_buffer_and_no_more) {
-    for (size_t length : {100, tracer_path_room - 2, tracer_path_room - 1}) {
+    for (size_t length : {100, tracer_path_size - 2, tracer_path_size - 1}) {
         EXPECT_EQ(found_by_path_of(length).size(), length);
     }
-    for (size_t length : {tracer_path_room, tracer_path_room + 1, tracer_path_room + 2}) {
+    for (size_t length : {tracer_path_size, tracer_path_size + 1, tracer_path_size + 2}) {
         EXPECT_EQ(found_by_path_of(length), "");
     }
 }

@@ -47,7 +47,7 @@ private:
 };
 
 std::string found(const std::string& name) {
-    char path[tracer_path_room];
+    char path[tracer_path_size];
     return tracer_find_program(name.c_str(), path) ? path : "";
 }
 
@@ -110,7 +110,7 @@ TEST(tracer_parse, pids_beyond_the_first_hundred_are_counted) {
         }
         tracer_options options = parsed(list);
         EXPECT_EQ(options.pid_count, std::min(count, 100));
-        EXPECT_EQ(options.pids_left_out, std::max(count - 100, 0));
+        EXPECT_EQ(options.ignored_pids, std::max(count - 100, 0));
         EXPECT_EQ(options.pids[options.pid_count - 1], std::min(count, 100) + 999);
     }
 }
