@@ -29,7 +29,7 @@ constexpr struct {
 
 std::string webfront_answer(int status, std::string_view content_type, std::string_view body, bool with_body,
                             std::string_view fields) {
-    const auto* row = std::ranges::find(statuses, status, [](const auto& one) { return one.status; });
+    const auto* row = std::ranges::find(statuses, status, [](const auto& each) { return each.status; });
     if (row == std::end(statuses)) {
         abort();
     }
@@ -46,17 +46,17 @@ std::string webfront_answer(int status, std::string_view content_type, std::stri
     return answer;
 }
 
+std::string webfront_error(int status, std::string_view sentence, bool with_body) {
+    return webfront_answer(status, "text/plain; charset=utf-8", std::string(sentence) + "\n", with_body);
+}
+
 void webfront_refuse(int client_fd) {
     constexpr std::string_view sentence = "There is not enough memory for this request; try again later.\n";
-    static_assert(sentence.size() == 62);
+    static_assert(sentence.size() == 62);  // the Content-Length below
     constexpr std::string_view head =
         "HTTP/1.0 503 Service Unavailable\r\nConnection: close\r\nContent-Type: text/plain; charset=utf-8\r\n"
         "Content-Length: 62\r\nX-Content-Type-Options: nosniff\r\n\r\n";
     for (std::string_view part : {head, sentence}) {
         (void)send(client_fd, part.data(), part.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     }
-}
-
-std::string webfront_error(int status, std::string_view sentence, bool with_body) {
-    return webfront_answer(status, "text/plain; charset=utf-8", std::string(sentence) + "\n", with_body);
 }

@@ -1,4 +1,4 @@
-// Handing connections over to the daemon. A daemon that is busy holds the sender for up to 10 seconds.
+// Passing connections to the daemon. A busy daemon keeps the sender waiting for up to 10 seconds.
 #pragma once
 
 #include <chrono>
@@ -6,13 +6,13 @@
 
 #include "tools/webfront/pool.h"
 
-// Connections handed over at the same time at most; further ones queue.
+// The number of connections that are passed on at the same time. Further ones wait in a queue.
 constexpr int webfront_handover_threads = 16;
-// Who has queued for longer is refused instead of being tried: the daemon is stuck, and the browser's user
-// should hear of it.
+// A connection that has waited in the queue for longer is refused: the daemon is stuck, and the browser's
+// user should learn of it.
 constexpr std::chrono::seconds webfront_queue_time{10};
 
-// Gives the connection, with the message that the job's request is, to the daemon at `socket_path`; the
-// front's own copy may then be closed. Returns the answer for a client that the daemon did not take, else an
-// empty one.
+// Passes the job's connection, with the job's request as the message, to the daemon at `socket_path`. Returns
+// an empty string on success; the caller then closes its copy of the connection. On failure, returns the
+// answer for the client.
 std::string webfront_hand_over(const std::string& socket_path, const webfront_job& job);

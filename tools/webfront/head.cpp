@@ -1,4 +1,4 @@
-// The only source that includes the HTTP parser, which takes long to compile.
+// The HTTP parser takes long to compile. No other source includes it.
 #include "tools/webfront/head.h"
 
 #include <boost/asio/buffer.hpp>
@@ -12,12 +12,12 @@ namespace http = boost::beast::http;
 struct webfront_head_reader::parser_state {
     http::request_parser<http::empty_body> parser;
     std::string unparsed;
-    size_t taken = 0;  // bytes in all
+    size_t taken = 0;  // bytes so far
 };
 
 webfront_head_reader::webfront_head_reader() : state_(std::make_unique<parser_state>()) {
     state_->parser.header_limit(webfront_head_limit);
-    // A body is refused by its announcement, whatever its length.
+    // A head that announces a body is refused later, whatever the length.
     state_->parser.skip(true);
 }
 
@@ -26,7 +26,7 @@ webfront_head_reader& webfront_head_reader::operator=(webfront_head_reader&& fro
 webfront_head_reader::~webfront_head_reader() = default;
 
 webfront_head_state webfront_head_reader::feed(std::string_view bytes) {
-    // The parser's limit starts anew with each call, so the bytes are counted here.
+    // The parser applies its limit to each call, so the total is counted here.
     bytes = bytes.substr(0, webfront_head_limit - state_->taken);
     state_->taken += bytes.size();
     state_->unparsed.append(bytes);
@@ -46,7 +46,7 @@ webfront_head_state webfront_head_reader::feed(std::string_view bytes) {
                                                 : webfront_head_state::incomplete;
 }
 
-bool webfront_head_reader::started() const {
+bool webfront_head_reader::has_begun() const {
     return state_->taken > 0;
 }
 

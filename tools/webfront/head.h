@@ -1,4 +1,4 @@
-// Reading a request's head as it comes in.
+// Reads the head of an HTTP request as its bytes arrive.
 #pragma once
 
 #include <stddef.h>
@@ -8,22 +8,22 @@
 #include <string_view>
 #include <vector>
 
-// The longest head that is taken, its empty last line included.
+// The longest head, including its empty last line.
 constexpr size_t webfront_head_limit = 8192;
 
-// What the front wants to know of a head.
+// The parts of a head that the front uses.
 struct webfront_head {
     int version = 11;                // 10 or 11
     std::string method;              // as it was sent
     std::string target;              // as it was sent
     std::vector<std::string> hosts;  // the value of each Host field
     bool announces_body = false;
-    bool is_embedded_elsewhere =
-        false;  // a browser says that a page of another site makes it without being left
+    // A page of another site makes the request without being left for its result, as for an image.
+    bool is_embedded_elsewhere = false;
 };
 
 enum class webfront_head_state {
-    incomplete,  // more bytes are wanted
+    incomplete,
     complete,
     bad,        // not HTTP/1.0 or HTTP/1.1
     too_large,  // not complete within webfront_head_limit bytes
@@ -37,14 +37,13 @@ public:
     webfront_head_reader& operator=(webfront_head_reader&& from) noexcept;
     ~webfront_head_reader();
 
-    // Takes the next bytes; what follows the head is dropped. Not to be called again once the state is
-    // another than incomplete.
+    // Parses the next bytes. Drops what follows the head. Must not be called again after it has returned
+    // anything but `incomplete`.
     webfront_head_state feed(std::string_view bytes);
 
-    // Whether any byte has come.
-    bool started() const;
+    bool has_begun() const;  // true once a byte has arrived
 
-    // The head; only once feed has returned complete.
+    // The head; valid only after feed() has returned `complete`.
     webfront_head head() const;
 
 private:

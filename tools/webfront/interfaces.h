@@ -1,11 +1,11 @@
-// The machine's network interfaces, for the page's choice.
+// The machine's network interfaces, for the page's list of choices.
 #pragma once
 
 #include <span>
 #include <string>
 #include <vector>
 
-// Their names, in the kernel's order; none when they can't be listed.
+// Returns their names in the kernel's order, or nothing when they cannot be listed.
 std::vector<std::string> webfront_read_interfaces();
 
 // {"interfaces": ["lo", ...]}

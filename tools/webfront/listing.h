@@ -1,4 +1,4 @@
-// What the page asks of the front itself about the machine.
+// Lists about the machine, which the page requests from the front.
 #pragma once
 
 #include <stddef.h>
@@ -8,13 +8,12 @@
 
 #include "tools/webfront/pool.h"
 
-// A process can keep its command line from being read; so few listings are made at a time, so few wait for
-// their turn, and neither stops anything else.
+// A process can block the reading of its command line. Two threads make all listings, so that such a process
+// delays other listings at most, and a short queue keeps the requests that wait few.
 constexpr int webfront_listing_threads = 2;
 constexpr size_t webfront_listing_queue = 16;
 
-// Whether a path names a listing.
 bool webfront_is_listing(std::string_view path);
 
-// The whole answer, as JSON, for a job whose request is such a path.
+// Returns the whole answer, as JSON. The job's request is a path for which webfront_is_listing() is true.
 std::string webfront_list(const webfront_job& job);

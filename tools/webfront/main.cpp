@@ -1,5 +1,5 @@
-// webfront: a small HTTP front on 127.0.0.1 for a machine without the device's web server. It reads each
-// request's head and hands the connection over to the daemon, which answers on it.
+// webfront: a small HTTP front on 127.0.0.1 for a machine without the device's web server. It reads the head
+// of each request and passes the connection to the daemon, which answers on it.
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -7,6 +7,7 @@
 #include <csignal>
 #include <exception>
 
+#include "tools/webfront/listener.h"
 #include "tools/webfront/options.h"
 #include "tools/webfront/server.h"
 
@@ -38,7 +39,7 @@ int report_listen_failure(uint16_t port) {
 
 int run(int argc, char** argv) {
     webfront_options options;
-    std::string wrong = webfront_parse(argc, argv, options);
+    std::string wrong = webfront_parse(argc, argv, &options);
     if (!wrong.empty()) {
         fprintf(stderr, "webfront: %s\n%s", wrong.c_str(), webfront_usage);
         return 2;
@@ -49,7 +50,7 @@ int run(int argc, char** argv) {
     }
     set_signals();
     uint16_t port = options.port;
-    unique_fd listener = webfront_listen(&port, options.forwarded_port != 0);
+    unique_fd listener = webfront_listen(options.forwarded_port != 0, &port);
     if (!listener) {
         return report_listen_failure(port);
     }

@@ -19,13 +19,13 @@ webfront_pool::webfront_pool(int threads, size_t queue_limit, work do_job)
 
 webfront_pool::~webfront_pool() = default;
 
-bool webfront_pool::submit(unique_fd& client, std::string request) {
-    std::lock_guard hold(lock_);
+bool webfront_pool::submit(unique_fd* client, std::string request) {
+    std::lock_guard guard(lock_);
     if (queue_.size() >= queue_limit_) {
         return false;
     }
-    webfront_job& job = queue_.emplace_back();  // first, since it may throw
-    job.client = std::move(client);
+    webfront_job& job = queue_.emplace_back();  // before `*client` is moved: it may throw
+    job.client = std::move(*client);
     job.request = std::move(request);
     job.since = std::chrono::steady_clock::now();
     queued_.notify_one();
@@ -34,20 +34,20 @@ bool webfront_pool::submit(unique_fd& client, std::string request) {
 
 std::vector<webfront_answered> webfront_pool::take_answered() {
     eventfd_t count = 0;
-    (void)eventfd_read(event_.get(), &count);  // failing means that nothing was signalled
-    std::lock_guard hold(lock_);
+    (void)eventfd_read(event_.get(), &count);  // fails when nothing was signalled
+    std::lock_guard guard(lock_);
     return std::exchange(answered_, {});
 }
 
 size_t webfront_pool::held() const {
-    std::lock_guard hold(lock_);
-    return queue_.size() + under_way_ + answered_.size();
+    std::lock_guard guard(lock_);
+    return queue_.size() + in_work_ + answered_.size();
 }
 
-// False when the client was refused.
-bool webfront_pool::do_next(webfront_job& next, std::string& answer) const {
+// Returns false if it has refused the client.
+bool webfront_pool::do_next(const webfront_job& next, std::string* answer) const {
     try {
-        answer = do_job_(next);
+        *answer = do_job_(next);
         return true;
     } catch (const std::exception&) {
         webfront_refuse(next.client.get());
@@ -55,13 +55,13 @@ bool webfront_pool::do_next(webfront_job& next, std::string& answer) const {
     }
 }
 
-// With the lock held. False when there is no memory for it; the connection stays with `next`.
-bool webfront_pool::keep_answer(webfront_job& next, std::string& answer) {
+// Called with the lock held. Returns false when memory has run out; `*next` then keeps the connection.
+bool webfront_pool::keep_answer(webfront_job* next, std::string answer) {
     try {
         webfront_answered& kept = answered_.emplace_back();
-        kept.client = std::move(next.client);
+        kept.client = std::move(next->client);
         kept.answer = std::move(answer);
-        (void)eventfd_write(event_.get(), 1);  // can only fail when it has been signalled anyway
+        (void)eventfd_write(event_.get(), 1);  // fails only when many signals are pending already
         return true;
     } catch (const std::bad_alloc&) {
         return false;
@@ -69,19 +69,19 @@ bool webfront_pool::keep_answer(webfront_job& next, std::string& answer) {
 }
 
 void webfront_pool::run(const std::stop_token& stop) {
-    std::unique_lock hold(lock_);
-    while (queued_.wait(hold, stop, [this] { return !queue_.empty(); }) && !stop.stop_requested()) {
+    std::unique_lock guard(lock_);
+    while (queued_.wait(guard, stop, [this] { return !queue_.empty(); }) && !stop.stop_requested()) {
         webfront_job next = std::move(queue_.front());
         queue_.pop_front();
-        under_way_++;
-        hold.unlock();
+        in_work_++;
+        guard.unlock();
         std::string answer;
-        if (!do_next(next, answer) || answer.empty()) {
+        if (!do_next(next, &answer) || answer.empty()) {
             next.client.reset();
         }
-        hold.lock();
-        under_way_--;
-        if (next.client && !keep_answer(next, answer)) {
+        guard.lock();
+        in_work_--;
+        if (next.client && !keep_answer(&next, std::move(answer))) {
             webfront_refuse(next.client.get());
         }
     }

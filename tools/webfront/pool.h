@@ -1,4 +1,4 @@
-// Work that may take long, on threads of its own: the loop that serves everybody never waits for it.
+// Threads for jobs that may take long, so that the server's loop never waits for one.
 #pragma once
 
 #include <stddef.h>
@@ -15,14 +15,14 @@
 
 #include "common/unique_fd.h"
 
-// A connection and what is to be done with it.
+// A connection and its request.
 struct webfront_job {
     unique_fd client;
     std::string request;
     std::chrono::steady_clock::time_point since;  // when it was queued
 };
 
-// A connection whose client is to be told something.
+// A connection and what to send on it.
 struct webfront_answered {
     unique_fd client;
     std::string answer;
@@ -30,34 +30,34 @@ struct webfront_answered {
 
 class webfront_pool {
 public:
-    // Does one job, on any of the threads. One that throws is refused (webfront_refuse) and closed. Returns
-    // the answer for the client, which the loop then sends; an empty one when nothing is left to say here:
-    // the connection is closed.
+    // Does one job, on any of the threads. Returns the answer, which the server's loop then sends. When the
+    // answer is empty, the pool closes the connection. When the call throws, the pool refuses the client
+    // (webfront_refuse) and closes the connection.
     using work = std::function<std::string(const webfront_job&)>;
 
-    // Does up to `threads` jobs at a time; one more than `queue_limit` that wait for their turn is not taken.
-    // Throws std::system_error when there is no descriptor or thread left.
+    // Does up to `threads` jobs at the same time; up to `queue_limit` more wait in the queue. Throws
+    // std::system_error when no descriptor or thread is left.
     webfront_pool(int threads, size_t queue_limit, work do_job);
-    // Waits for the jobs that are under way; what queues is closed.
+    // Waits for the jobs that have begun, and closes the queued connections.
     ~webfront_pool();
     webfront_pool(const webfront_pool&) = delete;
     webfront_pool& operator=(const webfront_pool&) = delete;
 
-    // Queues one job. Returns false, and leaves `client` alone, when too many queue. Throws std::bad_alloc,
-    // which leaves it alone too.
-    bool submit(unique_fd& client, std::string request);
+    // Queues one job and takes `*client`. Returns false when the queue is full, and throws std::bad_alloc;
+    // `*client` is unchanged in both cases.
+    bool submit(unique_fd* client, std::string request);
 
-    // Readable when take_answered has something to give; borrowed.
+    // A descriptor that is readable when take_answered() has something to return; borrowed.
     int answered_event() const { return event_.get(); }
     std::vector<webfront_answered> take_answered();
 
-    // How many connections it holds: queued, under way, or answered and not taken.
+    // The number of connections that the pool owns: queued, in work, or answered but not yet taken.
     size_t held() const;
 
 private:
     void run(const std::stop_token& stop);
-    bool do_next(webfront_job& next, std::string& answer) const;
-    bool keep_answer(webfront_job& next, std::string& answer);
+    bool do_next(const webfront_job& next, std::string* answer) const;
+    bool keep_answer(webfront_job* next, std::string answer);
 
     const size_t queue_limit_;
     const work do_job_;
@@ -66,6 +66,6 @@ private:
     std::condition_variable_any queued_;
     std::deque<webfront_job> queue_;
     std::vector<webfront_answered> answered_;
-    size_t under_way_ = 0;
-    std::vector<std::jthread> threads_;  // last, so that they end before what they use
+    size_t in_work_ = 0;
+    std::vector<std::jthread> threads_;  // last, so that they end before the members that they use
 };

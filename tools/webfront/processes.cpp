@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr size_t stat_limit = 1024;  // the longest line has 15 + 51 * 21 bytes, but not what is read of it
-constexpr unsigned kernel_thread_flag = 0x00200000;  // PF_KTHREAD of the kernel's sched.h
+constexpr size_t stat_limit = 1024;                  // bytes; the fields that are used come early in the line
+constexpr unsigned kernel_thread_flag = 0x00200000;  // PF_KTHREAD, from the kernel's sched.h
 constexpr std::string_view cut_mark = "...";
 
 template <typename Number>
@@ -22,7 +22,7 @@ bool parse_number(std::string_view text, Number& number) {
     return error == std::errc() && end == text.data() + text.size() && !text.empty();
 }
 
-// Takes `count` fields off `*rest`, which are separated by single blanks, and returns the last one.
+// Removes `count` fields, which single blanks separate, from the front of `*rest`. Returns the last one.
 std::string_view take_field(std::string_view* rest, int count) {
     std::string_view field;
     for (int i = 0; i < count; i++) {
@@ -33,7 +33,7 @@ std::string_view take_field(std::string_view* rest, int count) {
     return field;
 }
 
-// Up to `limit` bytes of a file, fewer when it ends or can't be read.
+// Returns up to `limit` bytes of a file; fewer when it is shorter or cannot be read.
 std::string read_start(int folder, const std::string& name, size_t limit) {
     std::string bytes(limit, '\0');
     const ssize_t size = small_file_read(folder, name.c_str(), bytes.data(), limit);
@@ -73,7 +73,7 @@ void write_process(json_output* json, const webfront_process& process) {
 }  // namespace
 
 std::optional<webfront_process> webfront_parse_stat(std::string_view text, int64_t page_size) {
-    // The name may hold anything, blanks, parentheses and line ends too.
+    // The name may contain any byte, including blanks, parentheses and newlines.
     size_t open = text.find(" (");
     size_t close = text.rfind(") ");
     webfront_process process;

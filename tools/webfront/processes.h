@@ -13,24 +13,25 @@
 
 struct webfront_process {
     pid_t pid = 0;
-    std::string name;       // as the kernel has it: any bytes, at most 15
-    std::string command;    // its arguments with blanks between them, any bytes; empty: it has none
+    std::string name;       // from the kernel: up to 15 bytes of any value
+    std::string command;    // its arguments, separated by blanks; any bytes; empty if it has none
     char state = '?';       // the kernel's letter
     int64_t memory_kb = 0;  // resident
     bool is_kernel_thread = false;
 };
 
-// As many bytes of a command line are read; one that is longer ends in "...".
+// The number of bytes that are read of a command line. A longer one ends in "...".
 constexpr size_t webfront_command_limit = 1024;
 
-// What a /proc/PID/stat file's text tells, without a command; nothing when the text makes no sense.
+// Parses the text of a /proc/PID/stat file, which has all but the command. Returns nothing when the text is
+// malformed.
 std::optional<webfront_process> webfront_parse_stat(std::string_view text, int64_t page_size);
 
-// The command that the bytes of a /proc/PID/cmdline file stand for, which may be cut off at the limit.
+// Returns the command for the bytes of a /proc/PID/cmdline file, which may have been cut at the limit.
 std::string webfront_parse_command(std::string_view bytes);
 
-// The processes below `root` ("/proc", or a test's folder) by pid. One that is gone before it has been read
-// is left out. Reading the command of a process may wait for as long as the kernel keeps its memory locked.
+// Returns the processes below `root` ("/proc", or a test's folder), ordered by pid. Skips a process that ends
+// before it has been read. Blocks when a process's memory is locked in the kernel, until it is unlocked.
 std::vector<webfront_process> webfront_read_processes(const std::string& root);
 
 // {"processes": [{"pid", "name", "command", "state", "memory_kb", "kernel"}, ...]}

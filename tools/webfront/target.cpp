@@ -27,7 +27,7 @@ bool webfront_is_origin_form(std::string_view target) {
            std::ranges::none_of(target, [](unsigned char byte) { return byte <= ' ' || byte == 0x7f; });
 }
 
-bool webfront_host_is_ours(std::string_view host, uint16_t port) {
+bool webfront_is_own_host(std::string_view host, uint16_t port) {
     for (std::string_view name : {"127.0.0.1", "localhost"}) {
         if (equal_in_any_case(host, std::string(name) + ":" + std::to_string(port)) ||
             (port == default_http_port && equal_in_any_case(host, name))) {

@@ -13,11 +13,11 @@ state feed_whole(const std::string& bytes) {
     return reader.feed(bytes);
 }
 
-// Bytes one by one; stops at the first state that ends the reading.
-state feed_bytewise(webfront_head_reader& reader, const std::string& bytes) {
+// Feeds the bytes one by one, until the head is complete or wrong.
+state feed_bytewise(webfront_head_reader* reader, const std::string& bytes) {
     state now = state::incomplete;
     for (size_t i = 0; i < bytes.size() && now == state::incomplete; i++) {
-        now = reader.feed({&bytes[i], 1});
+        now = reader->feed({&bytes[i], 1});
     }
     return now;
 }
@@ -31,7 +31,7 @@ std::string head_of_size(size_t size) {
 
 }  // namespace
 
-TEST(webfront_head_reader, gives_what_a_whole_head_says) {
+TEST(webfront_head_reader, returns_the_parts_of_a_whole_head) {
     webfront_head_reader reader;
     ASSERT_EQ(reader.feed("GET /a%00?b=c HTTP/1.1\r\nhOST:  localhost:1 \r\nAccept: */*\r\n\r\n"),
               state::complete);
@@ -43,9 +43,9 @@ TEST(webfront_head_reader, gives_what_a_whole_head_says) {
     EXPECT_FALSE(head.announces_body);
 }
 
-TEST(webfront_head_reader, gives_the_same_for_single_bytes) {
+TEST(webfront_head_reader, reads_single_bytes_as_well) {
     webfront_head_reader reader;
-    ASSERT_EQ(feed_bytewise(reader, "GET /x?y HTTP/1.0\r\nHost: a\r\nHost: b\r\nX: y\r\n\r\n"),
+    ASSERT_EQ(feed_bytewise(&reader, "GET /x?y HTTP/1.0\r\nHost: a\r\nHost: b\r\nX: y\r\n\r\n"),
               state::complete);
     webfront_head head = reader.head();
     EXPECT_EQ(head.version, 10);
@@ -53,7 +53,7 @@ TEST(webfront_head_reader, gives_the_same_for_single_bytes) {
     EXPECT_EQ(head.hosts, (std::vector<std::string>{"a", "b"}));
 }
 
-TEST(webfront_head_reader, tells_what_a_page_of_another_site_embeds_from_links_and_own_pages) {
+TEST(webfront_head_reader, distinguishes_requests_embedded_in_other_sites_from_links) {
     constexpr struct {
         const char* fields;
         bool embedded;
@@ -74,11 +74,11 @@ TEST(webfront_head_reader, tells_what_a_page_of_another_site_embeds_from_links_a
     }
 }
 
-TEST(webfront_head_reader, knows_whether_anything_came) {
+TEST(webfront_head_reader, reports_whether_a_byte_has_arrived) {
     webfront_head_reader reader;
-    EXPECT_FALSE(reader.started());
+    EXPECT_FALSE(reader.has_begun());
     EXPECT_EQ(reader.feed("G"), state::incomplete);
-    EXPECT_TRUE(reader.started());
+    EXPECT_TRUE(reader.has_begun());
 }
 
 TEST(webfront_head_reader, drops_what_follows_the_head) {
@@ -87,13 +87,13 @@ TEST(webfront_head_reader, drops_what_follows_the_head) {
     EXPECT_EQ(reader.head().target, "/a");
 }
 
-TEST(webfront_head_reader, keeps_methods_it_does_not_know) {
+TEST(webfront_head_reader, accepts_unknown_methods) {
     webfront_head_reader reader;
     ASSERT_EQ(reader.feed("BREW /pot HTTP/1.1\r\nHost: a\r\n\r\n"), state::complete);
     EXPECT_EQ(reader.head().method, "BREW");
 }
 
-TEST(webfront_head_reader, sees_an_announced_body_of_any_length) {
+TEST(webfront_head_reader, notices_an_announced_body_of_any_length) {
     for (const char* field :
          {"Content-Length: 5", "Content-Length: 99999999999", "Transfer-Encoding: chunked"}) {
         webfront_head_reader reader;
@@ -106,7 +106,7 @@ TEST(webfront_head_reader, sees_an_announced_body_of_any_length) {
     EXPECT_FALSE(reader.head().announces_body);
 }
 
-TEST(webfront_head_reader, finds_bad_heads) {
+TEST(webfront_head_reader, rejects_bad_heads) {
     using namespace std::string_literals;
     const std::string bad[] = {
         "\r\n\r\n",
@@ -128,27 +128,27 @@ TEST(webfront_head_reader, finds_bad_heads) {
     for (const std::string& head : bad) {
         EXPECT_EQ(feed_whole(head), state::bad) << head;
         webfront_head_reader reader;
-        EXPECT_EQ(feed_bytewise(reader, head), state::bad) << head;
+        EXPECT_EQ(feed_bytewise(&reader, head), state::bad) << head;
     }
 }
 
-TEST(webfront_head_reader, takes_no_bare_newline_for_a_line_end) {
+TEST(webfront_head_reader, rejects_bare_newlines) {
     EXPECT_EQ(feed_whole("GET / HTTP/1.1\n\n"), state::bad);
-    // In pieces it goes on waiting for a line end, within the time that a head has.
+    // In pieces, it keeps waiting for a line end; the time limit for heads ends that.
     webfront_head_reader reader;
-    EXPECT_EQ(feed_bytewise(reader, "GET / HTTP/1.1\n\n"), state::incomplete);
+    EXPECT_EQ(feed_bytewise(&reader, "GET / HTTP/1.1\n\n"), state::incomplete);
 }
 
-TEST(webfront_head_reader, takes_a_head_of_8192_bytes) {
+TEST(webfront_head_reader, accepts_a_head_of_8192_bytes) {
     EXPECT_EQ(feed_whole(head_of_size(8192)), state::complete);
     webfront_head_reader reader;
-    EXPECT_EQ(feed_bytewise(reader, head_of_size(8192)), state::complete);
+    EXPECT_EQ(feed_bytewise(&reader, head_of_size(8192)), state::complete);
 }
 
 TEST(webfront_head_reader, refuses_a_head_of_8193_bytes) {
     EXPECT_EQ(feed_whole(head_of_size(8193)), state::too_large);
     webfront_head_reader reader;
-    EXPECT_EQ(feed_bytewise(reader, head_of_size(8193)), state::too_large);
+    EXPECT_EQ(feed_bytewise(&reader, head_of_size(8193)), state::too_large);
 }
 
 TEST(webfront_head_reader, refuses_a_long_head_in_pieces_of_every_size) {
@@ -163,13 +163,13 @@ TEST(webfront_head_reader, refuses_a_long_head_in_pieces_of_every_size) {
     }
 }
 
-TEST(webfront_head_reader, counts_many_short_fields_too) {
+TEST(webfront_head_reader, limits_many_short_fields_too) {
     webfront_head_reader reader;
     std::string head = "GET / HTTP/1.1\r\n";
     while (head.size() <= 8192) {
         head += "A: b\r\n";
     }
-    EXPECT_EQ(feed_bytewise(reader, head), state::too_large);
+    EXPECT_EQ(feed_bytewise(&reader, head), state::too_large);
 }
 
 TEST(webfront_head_reader, refuses_an_endless_target_and_an_endless_method) {

@@ -16,7 +16,7 @@ std::string list(const char* path) {
 
 }  // namespace
 
-TEST(webfront_interfaces, are_those_that_the_kernel_knows) {
+TEST(webfront_interfaces, are_known_to_the_kernel) {
     std::vector<std::string> names = webfront_read_interfaces();
     EXPECT_NE(std::ranges::find(names, "lo"), names.end());
     for (const std::string& name : names) {
@@ -24,7 +24,7 @@ TEST(webfront_interfaces, are_those_that_the_kernel_knows) {
     }
 }
 
-TEST(webfront_interfaces, become_json) {
+TEST(webfront_interfaces, are_written_as_json) {
     EXPECT_EQ(webfront_interfaces_json({}), "{\"interfaces\":[]}\n");
     const std::string names[] = {"lo", "e\"th", "wl\xff"};
     EXPECT_EQ(webfront_interfaces_json(names), "{\"interfaces\":[\"lo\",\"e\\\"th\",\"wl\xef\xbf\xbd\"]}\n");
@@ -38,7 +38,7 @@ TEST(webfront_listing, has_two_paths) {
     EXPECT_FALSE(webfront_is_listing(""));
 }
 
-TEST(webfront_listing, is_answered_as_json) {
+TEST(webfront_listing, is_sent_as_json) {
     std::string answer = list("/webfront/interfaces");
     EXPECT_TRUE(answer.starts_with("HTTP/1.0 200 OK\r\n"));
     EXPECT_NE(answer.find("\r\nContent-Type: application/json\r\n"), std::string::npos);

@@ -6,8 +6,8 @@
 
 namespace {
 
-// What webfront_parse finds wrong with these words after the program's name.
-std::string parse(std::vector<std::string> words, webfront_options& options) {
+// Parses these words after the name of the program.
+std::string parse(std::vector<std::string> words, webfront_options* options) {
     words.insert(words.begin(), "webfront");
     std::vector<char*> argv;
     for (std::string& word : words) {
@@ -21,7 +21,7 @@ std::string parse(std::vector<std::string> words, webfront_options& options) {
 
 TEST(webfront_parse, has_defaults) {
     webfront_options options;
-    EXPECT_EQ(parse({}, options), "");
+    EXPECT_EQ(parse({}, &options), "");
     EXPECT_EQ(options.port, 8080);
     EXPECT_EQ(options.socket_path, "/var/run/dbg-cgi/ctrl-cgi-socket");
     EXPECT_FALSE(options.help);
@@ -29,36 +29,38 @@ TEST(webfront_parse, has_defaults) {
 
 TEST(webfront_parse, takes_port_socket_and_help) {
     webfront_options options;
-    EXPECT_EQ(parse({"--port", "0", "--socket=/run/x", "--help"}, options), "");
+    EXPECT_EQ(parse({"--port", "0", "--socket=/run/x", "--help"}, &options), "");
     EXPECT_EQ(options.port, 0);
     EXPECT_EQ(options.socket_path, "/run/x");
     EXPECT_TRUE(options.help);
-    EXPECT_EQ(parse({"--port", "65535"}, options), "");
+    EXPECT_EQ(parse({"--port", "65535"}, &options), "");
     EXPECT_EQ(options.port, 65535);
 }
 
-TEST(webfront_parse, takes_the_port_that_is_forwarded_to_it) {
+TEST(webfront_parse, takes_the_forwarded_port) {
     webfront_options options;
     EXPECT_EQ(options.forwarded_port, 0);
-    EXPECT_EQ(parse({"--forwarded-from", "18080"}, options), "");
+    EXPECT_EQ(parse({"--forwarded-from", "18080"}, &options), "");
     EXPECT_EQ(options.forwarded_port, 18080);
-    EXPECT_NE(parse({"--forwarded-from", "0"}, options), "");
-    EXPECT_NE(parse({"--forwarded-from", "x"}, options), "");
+    EXPECT_NE(parse({"--forwarded-from", "0"}, &options), "");
+    EXPECT_NE(parse({"--forwarded-from", "x"}, &options), "");
 }
 
-TEST(webfront_parse, refuses_what_is_no_port) {
+TEST(webfront_parse, refuses_bad_port_numbers) {
     for (const char* port : {"", "-1", "65536", "80x", "x", " 80", "+80", "0x50"}) {
         webfront_options options;
-        EXPECT_EQ(parse({"--port", port}, options), std::string("not a port number: ") + port);
+        EXPECT_EQ(parse({"--port", port}, &options), "'" + std::string(port) + "' is not a port number");
         EXPECT_EQ(options.port, 8080) << port;
     }
 }
 
-TEST(webfront_parse, names_what_is_wrong) {
+TEST(webfront_parse, names_the_wrong_word_and_changes_nothing) {
     webfront_options options;
-    EXPECT_EQ(parse({"--socket", ""}, options), "the socket's path is empty");
-    EXPECT_EQ(parse({"--port"}, options), "a value is missing after --port");
-    EXPECT_EQ(parse({"--bogus"}, options), "unknown option: --bogus");
-    EXPECT_EQ(parse({"-x"}, options), "unknown option: -x");
-    EXPECT_EQ(parse({"word"}, options), "unexpected word: word");
+    EXPECT_EQ(parse({"--port", "9", "--bogus"}, &options), "unknown option '--bogus'");
+    EXPECT_EQ(options.port, 8080);
+    EXPECT_EQ(parse({"--socket", ""}, &options), "the socket's path is empty");
+    EXPECT_EQ(parse({"--port"}, &options), "missing value after '--port'");
+    EXPECT_EQ(parse({"--bogus"}, &options), "unknown option '--bogus'");
+    EXPECT_EQ(parse({"-x"}, &options), "unknown option '-x'");
+    EXPECT_EQ(parse({"word"}, &options), "unexpected argument 'word'");
 }

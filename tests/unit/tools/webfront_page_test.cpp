@@ -18,7 +18,7 @@ bool holds(std::string_view text, std::string_view part) {
     return text.find(part) != std::string_view::npos;
 }
 
-// The module names in `text`: each stands between `before` and a double quote.
+// The module names in `text`, each between `before` and a double quote.
 std::vector<std::string> modules_named(std::string_view text, std::string_view before) {
     std::vector<std::string> names;
     for (size_t at = text.find(before); at != std::string_view::npos; at = text.find(before, at)) {
@@ -43,14 +43,14 @@ std::vector<std::string> all_modules() {
 
 }  // namespace
 
-TEST(webfront_page, links_to_every_request_that_needs_no_parameter) {
+TEST(webfront_page, links_to_every_request_without_parameters) {
     for (std::string target : {"/debug.tgz", "/debug.tar", "/debugar.cgi?cmd=ps", "/debugar.cgi?cmd=strace",
                                "/debugar.cgi?cmd=coredump", "/debug.tgz?listen", "/debug.tgz?pop"}) {
         EXPECT_TRUE(holds(bytes_of("/"), "<a href=\"" + target + "\">")) << target;
     }
 }
 
-TEST(webfront_page, has_a_field_for_every_parameter) {
+TEST(webfront_page, has_an_input_for_every_parameter) {
     for (std::string name : {"pid", "interface", "duration", "totalsize", "interval", "trace"}) {
         EXPECT_TRUE(holds(bytes_of("/"), " name=\"" + name + "\"")) << name;
     }
@@ -60,7 +60,7 @@ TEST(webfront_page, has_a_field_for_every_parameter) {
     }
 }
 
-TEST(webfront_page, is_whole) {
+TEST(webfront_page, is_complete) {
     EXPECT_TRUE(bytes_of("/").starts_with("<!DOCTYPE html>\n"));
     EXPECT_TRUE(bytes_of("/").ends_with("</html>\n"));
     EXPECT_TRUE(bytes_of("/webfront/page.css").ends_with("}\n"));
@@ -86,7 +86,7 @@ TEST(webfront_page, preloads_every_module_that_its_script_imports) {
     EXPECT_EQ(preloaded, imported);
 }
 
-TEST(webfront_page, needs_nothing_that_its_policy_forbids) {
+TEST(webfront_page, contains_nothing_that_its_policy_forbids) {
     std::string_view page = bytes_of("/");
     for (std::string_view forbidden : {"<style", " style=", " onclick=", " onload=", "javascript:",
                                        "<script>", "href=\"http", "src=\"http", "url(", "@import"}) {
@@ -103,7 +103,7 @@ TEST(webfront_page, needs_nothing_that_its_policy_forbids) {
     EXPECT_FALSE(holds(webfront_page_fields, "unsafe"));
 }
 
-TEST(webfront_page, keeps_browsers_from_asking_for_an_icon) {
+TEST(webfront_page, keeps_browsers_from_requesting_an_icon) {
     EXPECT_TRUE(holds(bytes_of("/"), "<link rel=\"icon\" href=\"data:"));
 }
 
