@@ -32,7 +32,7 @@ viewed view(const uint8_t* data, size_t size, view_format format, size_t piece) 
         offset += count;
         return count;
     };
-    all.result = view_trace(source, format, "fuzz", out);
+    all.result = view_trace(&out, source, format, "fuzz");
     for (const std::string& remark : all.result.remarks) {
         if (remark.starts_with("offset ")) {
             require(strtoull(remark.c_str() + 7, nullptr, 10) <= size);

@@ -26,7 +26,7 @@ std::vector<std::string> copies_of(const std::vector<std::string_view>& words, s
     return {words.begin() + static_cast<std::ptrdiff_t>(std::min(from, words.size())), words.end()};
 }
 
-// Some languages write a comma.
+// In some locales the decimal point is a comma.
 std::optional<double> number_of(std::string_view word) {
     std::string text(word.substr(0, 40));
     std::replace(text.begin(), text.end(), ',', '.');
@@ -59,7 +59,7 @@ void line_splitter::add(std::string_view piece, const std::function<void(std::st
 void iostat_reports::add_line(std::string_view line, const report_value& value) {
     std::vector<std::string_view> words = words_of(line);
     if (words.empty()) {
-        // A blank line ends a table of devices, but not the heading of the processors.
+        // A blank line ends the table of devices. In the processors' part, one may follow the heading.
         part_ = part_ == part::devices ? part::none : part_;
         return;
     }

@@ -1,5 +1,5 @@
-// What the programs of a resource trace print: the reports of iostat and pidstat as numbers, whole lines of
-// all.
+// Output of the programs in a resource trace: its lines, and the numbers in the reports of iostat and
+// pidstat.
 #pragma once
 
 #include <functional>
@@ -7,10 +7,10 @@
 #include <string_view>
 #include <vector>
 
-// Lines out of pieces of text that may end anywhere.
+// Splits text into lines. The text comes in pieces that may end anywhere.
 class line_splitter {
 public:
-    static constexpr size_t line_limit = 65536;  // what a longer line has beyond it is left out
+    static constexpr size_t line_limit = 65536;  // the rest of a longer line is dropped
 
     // Calls `line` for each line that the piece completes.
     void add(std::string_view piece, const std::function<void(std::string_view)>& line);
@@ -19,10 +19,10 @@ private:
     std::string pending_;
 };
 
-// Takes a number of a report: what it is about ("cpu", a device, a process), its column and its value.
+// Receives one number of a report: its subject ("cpu", a device, a process), its column and its value.
 using report_value = std::function<void(std::string_view subject, std::string_view column, double value)>;
 
-// Reports as `iostat -xcdk N` prints them: the subject is "cpu", or the device.
+// Parses reports of `iostat -xcdk N`. The subject is "cpu" or a device.
 class iostat_reports {
 public:
     void add_line(std::string_view line, const report_value& value);
@@ -32,7 +32,7 @@ private:
     std::vector<std::string> columns_;
 };
 
-// Reports as `pidstat N` prints them: the subject is "COMMAND PID". Averages at the end are left out.
+// Parses reports of `pidstat N`. The subject is "COMMAND PID". Skips the averages at the end.
 class pidstat_reports {
 public:
     void add_line(std::string_view line, const report_value& value);

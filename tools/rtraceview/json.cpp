@@ -9,60 +9,60 @@ void json_writer::begin(int64_t time_ms, uint64_t offset) {
     pass_on();
 }
 
-void json_writer::close_subject() {
+void json_writer::end_subject() {
     if (!subject_.empty()) {
         json_.end_object();
         subject_.clear();
     }
 }
 
-void json_writer::close_source() {
-    close_subject();
+void json_writer::end_source() {
+    end_subject();
     if (!source_.empty()) {
         json_.end_object();
         source_.clear();
     }
 }
 
-// Leaves the output where the value of the key has to go.
-void json_writer::open(const sample_place& place) {
-    if (place.source != source_) {
-        close_source();
-        source_ = place.source;
+// Writes everything before the field's value.
+void json_writer::begin_field(const sample_field& field) {
+    if (field.source != source_) {
+        end_source();
+        source_ = field.source;
         json_.key(source_);
         json_.begin_object();
     }
-    if (place.subject != subject_) {
-        close_subject();
-        subject_ = place.subject;
+    if (field.subject != subject_) {
+        end_subject();
+        subject_ = field.subject;
         if (!subject_.empty()) {
             json_.key(subject_);
             json_.begin_object();
         }
     }
-    json_.key(place.key);
+    json_.key(field.key);
 }
 
-void json_writer::value(const sample_place& place, double number, int64_t /*time_ms*/) {
-    open(place);
+void json_writer::value(const sample_field& field, double number, int64_t /*time_ms*/) {
+    begin_field(field);
     json_.number(number);
     pass_on();
 }
 
-void json_writer::text(const sample_place& place, std::string_view text, int64_t /*time_ms*/) {
-    open(place);
+void json_writer::text(const sample_field& field, std::string_view text, int64_t /*time_ms*/) {
+    begin_field(field);
     json_.string(text);
     pass_on();
 }
 
 void json_writer::end() {
-    close_source();
+    end_source();
     json_.end_object();
     json_.end_line();
     pass_on();
 }
 
 void json_writer::pass_on() {
-    out_.put(json_.text());
+    out_->write(json_.text());
     json_.clear();
 }

@@ -8,7 +8,7 @@
 
 namespace {
 
-// Keys whose values are not added up.
+// Keys whose values must not be added.
 constexpr struct {
     std::string_view key;
     key_rule rule;
@@ -40,7 +40,7 @@ key_rule rule_of(std::string_view key) {
     return row == std::end(rules) ? key_rule::sum : row->rule;
 }
 
-// Takes the number at the beginning of `*text`, which a blank or the end has to follow.
+// Takes the number at the front of `*text`. A blank or the end of the text must follow it.
 bool take_number(std::string_view* text, uint64_t* number) {
     text->remove_prefix(std::min(text->find_first_not_of(" \t"), text->size()));
     const char* end = text->data() + text->size();
@@ -126,7 +126,7 @@ void key_sums::add_line(std::string_view line) {
     add_value(is_expected ? known : nullptr, line.substr(0, key_size), line.substr(key_size + 1));
 }
 
-// `known` is the key's entry, null when it has still to be found.
+// `known` is the key's entry; null if it has not been looked up.
 void key_sums::add_value(entry* known, std::string_view key, std::string_view value) {
     bool is_text = (known ? known->rule : rule_of(key)) == key_rule::text;
     uint64_t number = 0;

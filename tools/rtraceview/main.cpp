@@ -39,9 +39,9 @@ record_reader::byte_source source_of(int fd, const std::string& name) {
 
 void write_all(int fd, const std::string& name, std::string_view text) {
     while (!text.empty()) {
-        ssize_t put = write(fd, text.data(), text.size());
-        if (put >= 0) {
-            text.remove_prefix(static_cast<size_t>(put));
+        ssize_t written = write(fd, text.data(), text.size());
+        if (written >= 0) {
+            text.remove_prefix(static_cast<size_t>(written));
         } else if (errno != EINTR) {
             fail(name);
         }
@@ -56,50 +56,51 @@ struct stat status_of(int fd, const std::string& name) {
     return status;
 }
 
-// Whether both are one file, under whatever names.
+// True if both are the same file, perhaps under different names.
 bool is_same_file(const struct stat& one, const struct stat& other) {
     return S_ISREG(one.st_mode) && one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 void refuse_same_file(const struct stat& input, const struct stat& output) {
     if (is_same_file(input, output)) {
-        throw std::runtime_error("the output would overwrite the trace that it is made of");
+        throw std::runtime_error("the output would overwrite the trace");
     }
 }
 
 view_result show(const view_options& options, int from, const text_output::byte_sink& sink) {
     text_output out(sink);
-    return view_trace(source_of(from, options.input), options.format, "Resource trace " + options.input, out);
+    return view_trace(&out, source_of(from, options.input), options.format,
+                      "Resource trace " + options.input);
 }
 
-// The permissions of a file that is there, or those of a new one.
-mode_t mode_for(const struct stat* there) {
-    if (there) {
-        return there->st_mode & 0777;
+// Returns the permissions of the existing file, or those of a new one.
+mode_t mode_for(const struct stat* existing) {
+    if (existing) {
+        return existing->st_mode & 0777;
     }
     mode_t mask = umask(0);
     umask(mask);
     return 0666 & ~mask;
 }
 
-// A page takes the place of an earlier one when all of it is there; a link stays one.
+// A complete page replaces an earlier one. If the name is a symbolic link, its target is replaced.
 view_result write_page(const view_options& options, int from) {
-    struct stat there = {};
-    bool is_there = stat(options.page.c_str(), &there) == 0;
-    if (is_there && !S_ISREG(there.st_mode)) {
+    struct stat existing = {};
+    bool exists = stat(options.page.c_str(), &existing) == 0;
+    if (exists && !S_ISREG(existing.st_mode)) {
         unique_fd to(open(options.page.c_str(), O_WRONLY | O_CLOEXEC));
         if (!to) {
             fail(options.page);
         }
         return show(options, from, [&](std::string_view text) { write_all(to.get(), options.page, text); });
     }
-    if (is_there) {
-        refuse_same_file(status_of(from, options.input), there);
+    if (exists) {
+        refuse_same_file(status_of(from, options.input), existing);
     }
     std::string page;
     view_result result = show(options, from, [&page](std::string_view text) { page.append(text); });
-    unique_malloc<char> real(is_there ? realpath(options.page.c_str(), nullptr) : nullptr);
-    if (replace_file(real ? real.get() : options.page.c_str(), page, mode_for(is_there ? &there : nullptr)) <
+    unique_malloc<char> real(exists ? realpath(options.page.c_str(), nullptr) : nullptr);
+    if (replace_file(real ? real.get() : options.page.c_str(), page, mode_for(exists ? &existing : nullptr)) <
         0) {
         fail(options.page);
     }
@@ -131,7 +132,7 @@ int run(const view_options& options) {
 
 int parse_and_run(int argc, char** argv) {
     view_options options;
-    std::string wrong = parse_view_options(argc, argv, &options);
+    std::string wrong = view_parse_options(argc, argv, &options);
     if (wrong.empty() && !options.wants_help) {
         return run(options);
     }

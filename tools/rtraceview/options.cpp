@@ -7,14 +7,13 @@ const std::string_view view_usage =
     "\n"
     "Shows a resource trace, as the debug daemon sends it, as text.\n"
     "\n"
-    "  --json       one JSON object for each sample\n"
-    "  --csv        a table of all numbers: time, source, subject, key, value, unit\n"
-    "  --html PAGE  writes a page with plots over time to PAGE\n"
-    "  -h, --help   this text\n"
+    "  --json       write one JSON object for each sample\n"
+    "  --csv        write a table of all numbers: time, source, subject, key, value, unit\n"
+    "  --html PAGE  write a page with plots over time to PAGE\n"
+    "  -h, --help   print this text\n"
     "\n"
-    "FILE may be - for standard input. The end status is 0 also for a trace that is cut off, 1 for one that "
-    "is\n"
-    "damaged, 2 when it could not be read or shown at all.\n";
+    "FILE may be - for standard input. The exit status is 0 even if the trace is cut off, 1 if it is\n"
+    "damaged, and 2 if it could not be read or shown at all.\n";
 
 namespace {
 
@@ -24,43 +23,38 @@ constexpr option long_options[] = {{"json", no_argument, nullptr, 'j'},
                                    {"help", no_argument, nullptr, 'h'},
                                    {}};
 
+view_format format_of(int letter) {
+    return letter == 'j' ? view_format::json : letter == 'c' ? view_format::csv : view_format::html;
+}
+
 }  // namespace
 
-std::string parse_view_options(int argc, char** argv, view_options* options) {
-    bool has_format = false;
-    auto choose = [&](view_format format) {
-        bool is_second = has_format && options->format != format;
-        has_format = true;
-        options->format = format;
-        return is_second;
-    };
-    optind = 0;
-    for (int letter; (letter = getopt_long(argc, argv, "h", long_options, nullptr)) != -1;) {
-        bool is_second = false;
-        switch (letter) {
-            case 'j':
-                is_second = choose(view_format::json);
-                break;
-            case 'c':
-                is_second = choose(view_format::csv);
-                break;
-            case 'p':
-                is_second = choose(view_format::html);
-                options->page = optarg;
-                break;
-            case 'h':
-                options->wants_help = true;
-                return "";
-            default:
-                return "an option that there is not";
+std::string view_parse_options(int argc, char** argv, view_options* options) {
+    view_options parsed;
+    optind = 0;  // makes the GNU library start over
+    opterr = 0;
+    for (int letter; (letter = getopt_long(argc, argv, ":h", long_options, nullptr)) != -1;) {
+        std::string word = argv[optind - 1];
+        if (letter == 'h') {
+            options->wants_help = true;
+            return "";
         }
-        if (is_second) {
+        if (letter == ':') {
+            return "missing value after '" + word + "'";
+        }
+        if (letter == '?') {
+            return "unknown option '" + word + "'";
+        }
+        if (parsed.format != view_format::text && parsed.format != format_of(letter)) {
             return "more than one format";
         }
+        parsed.format = format_of(letter);
+        parsed.page = letter == 'p' ? optarg : "";
     }
     if (argc - optind != 1) {
-        return argc == optind ? "no file" : "more than one file";
+        return argc == optind ? "missing file" : "more than one file";
     }
-    options->input = argv[optind];
+    parsed.input = argv[optind];
+    *options = parsed;
     return "";
 }

@@ -9,11 +9,11 @@ enum class view_format { text, json, csv, html };
 struct view_options {
     view_format format = view_format::text;
     std::string input;  // "-": standard input
-    std::string page;   // where the page goes
+    std::string page;   // the file for --html; "-": standard output
     bool wants_help = false;
 };
 
 extern const std::string_view view_usage;
 
-// Fills `*options`; returns what is wrong, or an empty text.
-std::string parse_view_options(int argc, char** argv, view_options* options);
+// Returns an empty string on success, else what is wrong with the command line.
+std::string view_parse_options(int argc, char** argv, view_options* options);

@@ -1,4 +1,4 @@
-// Text on its way out, in large pieces.
+// Buffered text output.
 #pragma once
 
 #include <cstdint>
@@ -6,22 +6,22 @@
 #include <string>
 #include <string_view>
 
-// Whether a time is between 1970 and the year 10000.
-bool is_date(int64_t time_ms);
+// True if a time is between 1970 and the year 10000.
+bool is_plausible_time(int64_t time_ms);
 
 class text_output {
 public:
-    // Takes all of the text; throws when it can't.
+    // Writes all of the text, or throws.
     using byte_sink = std::function<void(std::string_view text)>;
 
     explicit text_output(byte_sink sink);
 
-    void put(std::string_view text);
-    void put(char character);
-    void put_number(double number);       // whole ones without a decimal point
-    void put_csv(std::string_view text);  // quoted where it has to be
-    // 2026-11-21 14:25:38.123 in UTC; far-off times as their milliseconds.
-    void put_time(int64_t time_ms);
+    void write(std::string_view text);
+    void write(char character);
+    void write_number(double number);
+    void write_csv(std::string_view text);  // in quotes where CSV requires them
+    // 2026-11-21 14:25:38.123 in UTC; an implausible time in milliseconds.
+    void write_time(int64_t time_ms);
     void flush();
 
 private:

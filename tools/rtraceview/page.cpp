@@ -8,10 +8,10 @@
 
 namespace {
 
-// How the lines of a plot are called.
+// What the labels of a plot's lines are made from.
 enum class naming { key, subject, process };
 
-// Which numbers make up a plot. An empty subject or key stands for any.
+// Selects the numbers of one plot. An empty subject matches any subject; without keys, any key matches.
 struct plot_row {
     std::string_view title;
     std::string_view unit;
@@ -19,7 +19,7 @@ struct plot_row {
     std::string_view subject;
     std::vector<std::string_view> keys;
     naming names;
-    bool is_of_one;  // only numbers without a subject
+    bool can_be_without_subject;
 };
 
 const std::vector<plot_row>& plot_rows() {
@@ -46,38 +46,38 @@ const std::vector<plot_row>& plot_rows() {
     return rows;
 }
 
-bool belongs(const plot_row& row, const sample_place& place) {
-    return row.source == place.source && (row.subject.empty() || row.subject == place.subject) &&
-           (row.is_of_one || !place.subject.empty()) &&
-           (row.keys.empty() || std::find(row.keys.begin(), row.keys.end(), place.key) != row.keys.end());
+bool belongs(const plot_row& row, const sample_field& field) {
+    return row.source == field.source && (row.subject.empty() || row.subject == field.subject) &&
+           (row.can_be_without_subject || !field.subject.empty()) &&
+           (row.keys.empty() || std::find(row.keys.begin(), row.keys.end(), field.key) != row.keys.end());
 }
 
-void put_escaped(std::string_view text, text_output& out) {
+void write_escaped(text_output* out, std::string_view text) {
     for (char character : text) {
         switch (character) {
             case '<':
-                out.put("&lt;");
+                out->write("&lt;");
                 break;
             case '&':
-                out.put("&amp;");
+                out->write("&amp;");
                 break;
             case '"':
-                out.put("&quot;");
+                out->write("&quot;");
                 break;
             default:
-                out.put(character);
+                out->write(character);
         }
     }
 }
 
 // In a script element, a "<" inside a string could end the element.
-void put_script_json(std::string_view json, text_output& out) {
+void write_script_json(text_output* out, std::string_view json) {
     while (!json.empty()) {
         size_t end = std::min(json.find('<'), json.size());
-        out.put(json.substr(0, end));
+        out->write(json.substr(0, end));
         json.remove_prefix(end);
         if (!json.empty()) {
-            out.put("\\u003c");
+            out->write("\\u003c");
             json.remove_prefix(1);
         }
     }
@@ -91,30 +91,30 @@ void page_builder::begin(int64_t time_ms, uint64_t /*offset*/) {
 
 void page_builder::end() {}
 
-void page_builder::value(const sample_place& place, double number, int64_t /*time_ms*/) {
-    if (!is_date(times_.back())) {
-        return;  // nowhere on the axis of time
+void page_builder::value(const sample_field& field, double number, int64_t /*time_ms*/) {
+    if (!is_plausible_time(times_.back())) {
+        return;  // not on the time axis
     }
     const std::vector<plot_row>& rows = plot_rows();
     for (size_t plot = 0; plot < rows.size(); plot++) {
-        if (!belongs(rows[plot], place)) {
+        if (!belongs(rows[plot], field)) {
             continue;
         }
-        std::string_view name = rows[plot].names == naming::key ? place.key : place.subject;
+        std::string_view name = rows[plot].names == naming::key ? field.key : field.subject;
         lines& all = plots_[plot];
         auto found = all.find(name);
         line& to = found != all.end() ? found->second : all[std::string(name)];
-        float short_number = static_cast<float>(number);
-        to.points.push_back({static_cast<uint32_t>(times_.size() - 1), short_number});
-        to.highest = std::max(to.highest, short_number);
+        float rounded = static_cast<float>(number);
+        to.points.push_back({static_cast<uint32_t>(times_.size() - 1), rounded});
+        to.highest = std::max(to.highest, rounded);
     }
 }
 
-void page_builder::text(const sample_place& place, std::string_view text, int64_t time_ms) {
-    if (place.source == "status" && place.key == "Name") {
-        names_.insert_or_assign(std::string(place.subject), std::string(text.substr(0, 64)));
+void page_builder::text(const sample_field& field, std::string_view text, int64_t time_ms) {
+    if (field.source == "status" && field.key == "Name") {
+        names_.insert_or_assign(std::string(field.subject), std::string(text.substr(0, 64)));
     }
-    if (place.source != "event") {
+    if (field.source != "event") {
         return;
     }
     while (!text.empty()) {
@@ -122,7 +122,7 @@ void page_builder::text(const sample_place& place, std::string_view text, int64_
         if (events_.size() < events_limit) {
             events_.push_back({time_ms, std::string(text.substr(0, std::min(end, event_length_limit)))});
         } else {
-            events_left_out_++;
+            skipped_events_++;
         }
         text.remove_prefix(std::min(end + 1, text.size()));
     }
@@ -134,8 +134,8 @@ std::string page_builder::label_of(size_t plot, const std::string& name) const {
     return is_named ? found->second + " " + name : name;
 }
 
-// Those that reach highest, in this order.
-std::vector<page_builder::lines::const_iterator> page_builder::chosen(size_t plot) const {
+// Returns the lines with the highest values, highest first.
+std::vector<page_builder::lines::const_iterator> page_builder::highest_lines(size_t plot) const {
     const lines& all = plots_.at(plot);
     std::vector<lines::const_iterator> shown;
     for (auto each = all.begin(); each != all.end(); ++each) {
@@ -147,7 +147,7 @@ std::vector<page_builder::lines::const_iterator> page_builder::chosen(size_t plo
     return shown;
 }
 
-// A row for each sample that has any of the lines, in the order of time.
+// Writes one row for each sample that has a value of any shown line, ordered by time.
 void page_builder::write_rows(json_output* json, const std::vector<lines::const_iterator>& shown) const {
     std::vector<uint32_t> order(times_.size());
     std::iota(order.begin(), order.end(), 0U);
@@ -161,8 +161,8 @@ void page_builder::write_rows(json_output* json, const std::vector<lines::const_
         std::vector<const point*> values;
         for (auto shown_line : shown) {
             auto found = at(shown_line->second, sample);
-            bool is_there = found != shown_line->second.points.end() && found->sample == sample;
-            values.push_back(is_there ? &*found : nullptr);
+            bool has_value = found != shown_line->second.points.end() && found->sample == sample;
+            values.push_back(has_value ? &*found : nullptr);
         }
         if (std::all_of(values.begin(), values.end(), [](const point* value) { return !value; })) {
             continue;
@@ -178,7 +178,7 @@ void page_builder::write_rows(json_output* json, const std::vector<lines::const_
 
 void page_builder::write_plot(json_output* json, size_t plot) const {
     const plot_row& row = plot_rows()[plot];
-    std::vector<lines::const_iterator> shown = chosen(plot);
+    std::vector<lines::const_iterator> shown = highest_lines(plot);
     json->begin_object();
     json->key("title");
     json->string(row.title);
@@ -202,7 +202,7 @@ void page_builder::write_plot(json_output* json, size_t plot) const {
 void page_builder::write_events(json_output* json) const {
     for (const event& each : events_) {
         json->begin_array();
-        if (is_date(each.time_ms)) {
+        if (is_plausible_time(each.time_ms)) {
             json->number(each.time_ms);
         } else {
             json->string(std::to_string(each.time_ms) + " ms");
@@ -212,13 +212,13 @@ void page_builder::write_events(json_output* json) const {
     }
 }
 
-void page_builder::write_trace(text_output& out) const {
+void page_builder::write_trace(text_output* out) const {
     json_output json;
     json.begin_object();
     json.key("samples");
     json.number(uint64_t{times_.size()});
     json.key("events_left_out");
-    json.number(events_left_out_);
+    json.number(skipped_events_);
     json.key("events");
     json.begin_array();
     write_events(&json);
@@ -227,40 +227,40 @@ void page_builder::write_trace(text_output& out) const {
     json.begin_array();
     for (const auto& [plot, unused] : plots_) {
         write_plot(&json, plot);
-        put_script_json(json.text(), out);
+        write_script_json(out, json.text());
         json.clear();
     }
     json.end_array();
     json.end_object();
-    put_script_json(json.text(), out);
+    write_script_json(out, json.text());
 }
 
-void page_builder::write(std::string_view title, const std::vector<std::string>& remarks,
-                         text_output& out) const {
-    out.put(
+void page_builder::write(text_output* out, std::string_view title,
+                         const std::vector<std::string>& remarks) const {
+    out->write(
         "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
         "<meta name=\"color-scheme\" content=\"light dark\">\n<title>");
-    put_escaped(title, out);
-    out.put("</title>\n<style>\n");
-    out.put(page_asset_library_style());
-    out.put(page_asset_style());
-    out.put("</style>\n</head>\n<body>\n<h1>");
-    put_escaped(title, out);
-    out.put("</h1>\n<p id=\"summary\"></p>\n");
+    write_escaped(out, title);
+    out->write("</title>\n<style>\n");
+    out->write(page_asset_library_style());
+    out->write(page_asset_style());
+    out->write("</style>\n</head>\n<body>\n<h1>");
+    write_escaped(out, title);
+    out->write("</h1>\n<p id=\"summary\"></p>\n");
     for (const std::string& remark : remarks) {
-        out.put("<p class=\"remark\">");
-        put_escaped(remark, out);
-        out.put("</p>\n");
+        out->write("<p class=\"remark\">");
+        write_escaped(out, remark);
+        out->write("</p>\n");
     }
-    out.put(
+    out->write(
         "<div id=\"plots\"></div>\n<div id=\"events\"></div>\n"
         "<noscript><p>The plots need JavaScript.</p></noscript>\n"
         "<script type=\"application/json\" id=\"trace\">\n");
     write_trace(out);
-    out.put("\n</script>\n<script>\n");
-    out.put(page_asset_library());
-    out.put("\n</script>\n<script>\n");
-    out.put(page_asset_script());
-    out.put("</script>\n</body>\n</html>\n");
+    out->write("\n</script>\n<script>\n");
+    out->write(page_asset_library());
+    out->write("\n</script>\n<script>\n");
+    out->write(page_asset_script());
+    out->write("</script>\n</body>\n</html>\n");
 }

@@ -33,7 +33,7 @@
         return Number(number.toFixed(2)) + "\u202f" + units[step];
     }
 
-    // A time that is no date comes as a text.
+    // An impossible time is a string.
     function moment(time) {
         return typeof time === "string" ? time : new Date(time).toISOString().replace("T", " ").replace("Z", "");
     }

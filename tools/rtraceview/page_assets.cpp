@@ -1,6 +1,6 @@
 #include "tools/rtraceview/page_assets.h"
 
-// The build says where each file is. The bytes go into the program as they stand.
+// The build defines where each file is. Its bytes become a part of the program.
 #define PAGE_ASSET(name, file)                                                  \
     asm(".pushsection .rodata\n" #name "_begin:\n.incbin \"" file "\"\n" #name  \
         "_end:\n"                                                               \

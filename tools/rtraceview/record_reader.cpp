@@ -9,7 +9,7 @@
 
 namespace {
 
-// A record and its header have to fit, and some more so that the source is read in large pieces.
+// Holds more than one record with its header, so that the source is read in large pieces.
 constexpr size_t buffer_size = size_t{1} << 19;
 constexpr uint32_t longest_data = rtrace_data_capacity + rtrace_pid_size;
 static_assert(buffer_size >= rtrace_header_size + longest_data);
@@ -18,7 +18,7 @@ constexpr std::array<const char*, 14> type_names = {
     nullptr,  "iostat",  "smaps",    "status",       "group",   "followed", "smapstot",
     "filenr", "meminfo", "diskinfo", "pagetypeinfo", "pellora", "event",    "pidstat"};
 
-bool is_of_a_process(uint32_t type) {
+bool is_of_process(uint32_t type) {
     return type == rtrace_type_smaps || type == rtrace_type_status;
 }
 
@@ -26,9 +26,9 @@ std::string at(uint64_t offset) {
     return "offset " + std::to_string(offset) + ": ";
 }
 
-std::string cut(uint64_t offset, uint64_t there, uint64_t announced, const char* of_what) {
-    return at(offset) + "the record is cut off after " + std::to_string(there) + " of " +
-           std::to_string(announced) + " bytes of its " + of_what;
+std::string cut_after(uint64_t bytes, uint64_t announced, const char* part, uint64_t offset) {
+    return at(offset) + "record cut off after " + std::to_string(bytes) + " of " + std::to_string(announced) +
+           " bytes of its " + part;
 }
 
 uint32_t swapped_bytes(uint32_t value) {
@@ -55,7 +55,8 @@ Number record_reader::number_at(const char* bytes) const {
     return value;
 }
 
-// Whether `wanted` bytes (at most the buffer's size) are at begin_.
+// Reads until `wanted` bytes (at most the buffer's size) are at begin_. Returns false at the end of the
+// source.
 bool record_reader::fill(size_t wanted) {
     if (end_ - begin_ >= wanted) {
         return true;
@@ -95,21 +96,21 @@ bool record_reader::end(stream_state state, const std::string& complaint) {
     return false;
 }
 
-// Types are small numbers, so the order in which the first one is smaller is the stream's.
-void record_reader::settle_byte_order(const char* header) {
+// Types are small numbers: the byte order that makes the first type smaller is right.
+void record_reader::detect_byte_order(const char* header) {
     uint32_t type = number_at<uint32_t>(header);
     swapped_ = swapped_bytes(type) < type;
 }
 
 bool record_reader::read_header(record* next, uint32_t* length) {
     if (!fill(rtrace_header_size)) {
-        size_t there = end_ - begin_;
-        return there == 0 ? end(stream_state::whole, "")
-                          : end(stream_state::cut_off, cut(offset_, there, rtrace_header_size, "header"));
+        size_t rest = end_ - begin_;
+        return rest == 0 ? end(stream_state::whole, "")
+                         : end(stream_state::cut_off, cut_after(rest, rtrace_header_size, "header", offset_));
     }
     const char* header = buffer_.data() + begin_;
     if (offset_ == 0) {
-        settle_byte_order(header);
+        detect_byte_order(header);
     }
     *next = {};
     next->offset = offset_;
@@ -118,32 +119,39 @@ bool record_reader::read_header(record* next, uint32_t* length) {
     next->time_ms = number_at<int64_t>(header + 8);
     next->more = header[16] == 1;
     next->is_known = record_type_name(next->type) != nullptr;
-    if (header[16] != 0 && header[16] != 1) {
-        return end(stream_state::damaged, at(offset_ + 16) + "the mark for more is neither 0 nor 1");
+    return is_valid_header(header);
+}
+
+bool record_reader::is_valid_header(const char* header) {
+    constexpr size_t more_offset = 16, zeros_offset = 17;
+    if (header[more_offset] != 0 && header[more_offset] != 1) {
+        return end(stream_state::damaged,
+                   at(offset_ + more_offset) + "the byte for more pieces is neither 0 nor 1");
     }
-    if (memcmp(header + 17, "\0\0\0", 3) != 0) {
-        return end(stream_state::damaged, at(offset_ + 17) + "bytes that have to be zero are not");
+    if (memcmp(header + zeros_offset, "\0\0\0", 3) != 0) {
+        return end(stream_state::damaged, at(offset_ + zeros_offset) + "reserved bytes are not zero");
     }
-    if (next->type == 0) {
-        return end(stream_state::damaged, at(offset_) + "a record of type 0");
+    if (number_at<uint32_t>(header) == 0) {
+        return end(stream_state::damaged, at(offset_) + "record of type 0");
     }
     return true;
 }
 
 bool record_reader::take_data(record* next, uint32_t length) {
-    uint32_t limit = is_of_a_process(next->type) ? longest_data : rtrace_data_capacity;
+    uint32_t limit = is_of_process(next->type) ? longest_data : rtrace_data_capacity;
     if (length > limit) {
-        return end(stream_state::damaged, at(offset_ + 4) + "a length of " + std::to_string(length) +
-                                              ", but a record of " + record_type_name(next->type) +
-                                              " has at most " + std::to_string(limit));
+        return end(stream_state::damaged, at(offset_ + 4) + "length " + std::to_string(length) +
+                                              " is above the limit of " + std::to_string(limit) + " for " +
+                                              record_type_name(next->type));
     }
-    bool has_pid = is_of_a_process(next->type) && length > 0;
+    bool has_pid = is_of_process(next->type) && length > 0;
     if (has_pid && length < rtrace_pid_size) {
-        return end(stream_state::damaged, at(offset_ + 4) + "a length of " + std::to_string(length) +
-                                              " has no room for a process id");
+        return end(stream_state::damaged,
+                   at(offset_ + 4) + "length " + std::to_string(length) + " is too short for a process id");
     }
     if (!fill(rtrace_header_size + length)) {
-        return end(stream_state::cut_off, cut(offset_, end_ - begin_ - rtrace_header_size, length, "data"));
+        return end(stream_state::cut_off,
+                   cut_after(end_ - begin_ - rtrace_header_size, length, "data", offset_));
     }
     next->data = std::string_view(buffer_.data() + begin_ + rtrace_header_size, length);
     if (has_pid) {
@@ -154,12 +162,12 @@ bool record_reader::take_data(record* next, uint32_t length) {
     return true;
 }
 
-bool record_reader::pass_over(const record& next, uint32_t length) {
+bool record_reader::skip_data(const record& next, uint32_t length) {
     consume(rtrace_header_size);
     uint64_t data_offset = offset_;
     if (!skip(length)) {
         return end(stream_state::cut_off,
-                   cut(next.offset, offset_ - data_offset, length, "data of an unknown type"));
+                   cut_after(offset_ - data_offset, length, "data, of an unknown type", next.offset));
     }
     unknown_++;
     return true;
@@ -170,5 +178,5 @@ bool record_reader::next(record* next) {
     if (state_ != stream_state::more || !read_header(next, &length)) {
         return false;
     }
-    return next->is_known ? take_data(next, length) : pass_over(*next, length);
+    return next->is_known ? take_data(next, length) : skip_data(*next, length);
 }

@@ -1,5 +1,5 @@
-// A stream of resource-trace records, one after the other, in constant memory (monitor/rtrace_record.h has
-// the layout). The stream may be in either byte order, cut off anywhere, or damaged.
+// Reads the records of a resource trace in constant memory. monitor/rtrace_record.h describes the layout. The
+// stream may have either byte order, and may be cut off anywhere, or damaged.
 #pragma once
 
 #include <cstddef>
@@ -14,50 +14,49 @@ struct record {
     uint32_t type = 0;
     int64_t time_ms = 0;
     bool more = false;
-    bool is_known = false;  // the type is one of the 13; the data of others is skipped
-    int32_t pid = -1;       // of the records of processes that have data
+    bool is_known = false;  // one of the 13 types; the data of others is skipped
+    int32_t pid = -1;       // for records of processes that have data
     std::string_view data;  // without the process id; valid until the next call
 };
 
-// "meminfo", "smaps"...; null for a type that is not known.
+// "meminfo", "smaps"...; null for an unknown type.
 const char* record_type_name(uint32_t type);
 
-// How reading ended.
 enum class stream_state {
-    more,       // it has not ended
-    whole,      // with the last byte of a record
-    cut_off,    // in the middle of a record, as a download that was stopped does
-    damaged,    // with something that can't be a record
-    unreadable  // with an error of the source
+    more,     // not at its end
+    whole,    // ends with the last byte of a record
+    cut_off,  // ends in the middle of a record, as a stopped download does
+    damaged,  // contains bytes that cannot be a record
 };
 
 class record_reader {
 public:
-    // Reads up to `size` bytes; 0 at the end. May throw std::system_error, which next passes on.
+    // Reads up to `size` bytes. Returns 0 at the end. next() lets its exceptions through.
     using byte_source = std::function<size_t(char* to, size_t size)>;
 
     explicit record_reader(byte_source source);
 
-    // Fills `*next` with the next whole record. False when there is none; state() and complaint() say why.
+    // Fills `*next` with the next whole record. Returns false when there is none; state() and complaint()
+    // then give the reason.
     bool next(record* next);
 
     stream_state state() const { return state_; }
-    // What is wrong and at which offset; empty unless cut off or damaged.
+    // What is wrong and at which offset; empty unless the stream is cut off or damaged.
     const std::string& complaint() const { return complaint_; }
-    // Records of unknown types that were passed over.
-    uint64_t unknown_records() const { return unknown_; }
+    uint64_t unknown_records() const { return unknown_; }  // of unknown types
     uint64_t offset() const { return offset_; }
-    bool is_swapped() const { return swapped_; }  // the stream's byte order is not this machine's
+    bool is_swapped() const { return swapped_; }  // the stream does not have this machine's byte order
 
 private:
     bool fill(size_t wanted);
     void consume(size_t size);
     bool skip(uint64_t size);
     bool end(stream_state state, const std::string& complaint);
-    void settle_byte_order(const char* header);
+    void detect_byte_order(const char* header);
     bool read_header(record* next, uint32_t* length);
+    bool is_valid_header(const char* header);
     bool take_data(record* next, uint32_t length);
-    bool pass_over(const record& next, uint32_t length);
+    bool skip_data(const record& next, uint32_t length);
     template <typename Number>
     Number number_at(const char* bytes) const;
 

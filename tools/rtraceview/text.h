@@ -6,17 +6,17 @@
 
 class text_writer {
 public:
-    explicit text_writer(text_output& out) : out_(out) {}
+    explicit text_writer(text_output* out) : out_(out) {}  // borrows `out`
 
-    // A heading of time, type and offset before the first piece of a file, the data as it stands; control
-    // characters become '.'.
+    // Writes the record's data below a heading of time, type and offset. Only the first piece of a file has a
+    // heading. '.' replaces control characters.
     void add(const record& next);
 
 private:
-    void put_heading(const record& next);
-    void put_data(std::string_view data);
+    void write_heading(const record& next);
+    void write_data(std::string_view data);
 
-    text_output& out_;
-    uint32_t open_type_ = 0;  // of a file of which more pieces may come
+    text_output* out_;
+    uint32_t open_type_ = 0;  // of a file that may have more pieces
     int32_t open_pid_ = -1;
 };

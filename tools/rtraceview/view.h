@@ -1,4 +1,4 @@
-// A whole trace from its bytes to its view.
+// A whole trace, from its bytes to its view.
 #pragma once
 
 #include <cstdint>
@@ -11,10 +11,10 @@
 
 struct view_result {
     stream_state state = stream_state::whole;
-    std::vector<std::string> remarks;  // what a reader should know, a line each: damage, what was skipped
+    std::vector<std::string> remarks;  // for the user, one a line: damage, and what was skipped
 };
 
-// Reads all of `source` and shows it as `format` on `out`; `title` is the page's. Throws what source and sink
-// throw.
-view_result view_trace(const record_reader::byte_source& source, view_format format, std::string_view title,
-                       text_output& out);
+// Reads all of `source` and writes it to `out` as `format`. `title` is the page's. Lets exceptions of
+// `source` and of the sink through.
+view_result view_trace(text_output* out, const record_reader::byte_source& source, view_format format,
+                       std::string_view title);

@@ -37,7 +37,7 @@ std::string values_of(std::string_view text, size_t piece) {
 
 }  // namespace
 
-TEST(rtraceview_iostat, has_processors_and_devices) {
+TEST(rtraceview_iostat, reports_processors_and_devices) {
     for (size_t piece : {size_t{1}, size_t{7}, size_t{10000}}) {
         EXPECT_EQ(values_of<iostat_reports>(iostat_text, piece),
                   "cpu/%user=150 cpu/%nice=0 cpu/%system=225 cpu/%iowait=0 cpu/%steal=0 cpu/%idle=9625 "
@@ -46,13 +46,13 @@ TEST(rtraceview_iostat, has_processors_and_devices) {
     }
 }
 
-TEST(rtraceview_pidstat, has_processes_but_no_averages) {
+TEST(rtraceview_pidstat, reports_processes_but_no_averages) {
     EXPECT_EQ(values_of<pidstat_reports>(pidstat_text, 10000),
               "init 1/%usr=10 init 1/%system=20 init 1/%CPU=30 init 1/CPU=0 "
               "my 77/%usr=5050 my 77/%system=1000 my 77/%CPU=6050 my 77/CPU=0 ");
 }
 
-TEST(rtraceview_reports, of_nonsense_have_no_values) {
+TEST(rtraceview_reports, have_no_values_when_malformed) {
     for (const char* text : {"x y z\n1 2 3\n", "Device\n\n\n", "avg-cpu:\n1 2 3\n", "PID Command\nx y\n",
                              "PID Command\n1\n", "\n\n\n", "avg-cpu: a b\nnan inf\n", "Command PID\n1 2\n"}) {
         EXPECT_EQ(values_of<iostat_reports>(text, 100), "") << text;
@@ -60,7 +60,7 @@ TEST(rtraceview_reports, of_nonsense_have_no_values) {
     }
 }
 
-TEST(rtraceview_lines, are_cut_where_they_are_too_long) {
+TEST(rtraceview_lines, are_cut_at_the_limit) {
     line_splitter lines;
     std::string got;
     auto keep = [&got](std::string_view line) { got = line; };

@@ -1,4 +1,4 @@
-// Traces put together by hand, and readers over them.
+// Builds traces by hand, and collects what their views write.
 #pragma once
 
 #include <algorithm>
@@ -43,7 +43,7 @@ inline std::string file_of_process(uint32_t type, int32_t pid, std::string_view 
     return file_of(type, number_bytes(pid, false) + std::string(text), time_ms);
 }
 
-// Hands the bytes out in pieces of `piece`.
+// Returns the bytes in pieces of `piece`.
 inline record_reader::byte_source source_of(std::string bytes, size_t piece = SIZE_MAX) {
     return [bytes = std::move(bytes), piece, offset = size_t{0}](char* to, size_t size) mutable {
         size_t count = std::min({size, piece, bytes.size() - offset});

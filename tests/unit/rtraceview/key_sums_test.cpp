@@ -37,30 +37,30 @@ TEST(rtraceview_key_sums, adds_up_the_numbers_of_each_key) {
     EXPECT_EQ(summed(smaps), smaps_sums);
 }
 
-TEST(rtraceview_key_sums, takes_pieces_of_any_size) {
+TEST(rtraceview_key_sums, accepts_pieces_of_any_size) {
     for (size_t piece = 1; piece < 60; piece++) {
         EXPECT_EQ(summed(smaps, piece), smaps_sums) << piece;
     }
 }
 
-TEST(rtraceview_key_sums, takes_a_last_line_without_newline) {
+TEST(rtraceview_key_sums, accepts_a_last_line_without_newline) {
     EXPECT_EQ(summed("MemFree: 12 kB"), (std::map<std::string, uint64_t>{{"MemFree", 12}}));
 }
 
-TEST(rtraceview_key_sums, passes_over_what_is_no_number) {
+TEST(rtraceview_key_sums, skips_lines_without_a_number) {
     EXPECT_EQ(summed("State:\tS (sleeping)\nUid:\t0\t0\nA\nB:\n:\nC:1x\nlower: "
                      "1\nD:99999999999999999999\n"),
               (std::map<std::string, uint64_t>{{"Uid", 0}}));
 }
 
-TEST(rtraceview_key_sums, keeps_the_largest_of_sizes_that_do_not_add_up) {
+TEST(rtraceview_key_sums, keeps_the_largest_page_size) {
     EXPECT_EQ(
         summed("Size: 8 kB\nKernelPageSize: 4 kB\nMMUPageSize: 4 kB\nSize: 2048 kB\nKernelPageSize: 2048 "
                "kB\nMMUPageSize: 4 kB\nSize: 4 kB\nKernelPageSize: 4 kB\n"),
         (std::map<std::string, uint64_t>{{"KernelPageSize", 2048}, {"MMUPageSize", 4}, {"Size", 2060}}));
 }
 
-TEST(rtraceview_key_sums, keeps_names_and_masks_as_they_stand) {
+TEST(rtraceview_key_sums, keeps_names_and_masks_as_text) {
     for (size_t piece : {size_t{1}, size_t{7}, SIZE_MAX}) {
         std::string_view text =
             "Name:\t 42\nUmask:\t0022\nSigIgn:\t0000000000001000\nCapEff:\t000001ffffffffff\n"
@@ -87,7 +87,7 @@ TEST(rtraceview_key_sums, keeps_names_and_masks_as_they_stand) {
     }
 }
 
-TEST(rtraceview_key_sums, knows_which_numbers_are_sizes) {
+TEST(rtraceview_key_sums, marks_numbers_in_kb) {
     key_sums sums;
     sums.begin();
     sums.add("VmRSS:\t  12 kB\nThreads:\t3\n");
@@ -95,7 +95,7 @@ TEST(rtraceview_key_sums, knows_which_numbers_are_sizes) {
     EXPECT_FALSE(sums.entries()[1].is_kb);
 }
 
-TEST(rtraceview_key_sums, begins_anew_for_the_next_text) {
+TEST(rtraceview_key_sums, starts_from_zero_for_the_next_text) {
     key_sums sums;
     sums.begin();
     sums.add("A: 1\nB: 2\ncut o");
@@ -104,7 +104,7 @@ TEST(rtraceview_key_sums, begins_anew_for_the_next_text) {
     EXPECT_EQ(sums_of(sums), (std::map<std::string, uint64_t>{{"B", 5}, {"C", 6}}));
 }
 
-TEST(rtraceview_key_sums, has_a_limit_of_keys_and_of_lines) {
+TEST(rtraceview_key_sums, limits_keys_and_line_lengths) {
     key_sums sums;
     sums.begin();
     for (size_t i = 0; i < key_sums::keys_limit + 10; i++) {

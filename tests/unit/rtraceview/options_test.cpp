@@ -13,10 +13,7 @@ std::string parsed(std::vector<std::string> words, view_options* options) {
         argv.push_back(word.data());
     }
     argv.push_back(nullptr);
-    testing::internal::CaptureStderr();
-    std::string wrong = parse_view_options(static_cast<int>(words.size()), argv.data(), options);
-    testing::internal::GetCapturedStderr();
-    return wrong;
+    return view_parse_options(static_cast<int>(words.size()), argv.data(), options);
 }
 
 }  // namespace
@@ -36,12 +33,14 @@ TEST(rtraceview_options, name_a_file_and_a_format) {
     EXPECT_EQ(options.page, "page.html");
 }
 
-TEST(rtraceview_options, that_are_wrong_are_named) {
+TEST(rtraceview_options, are_named_when_they_are_wrong) {
     view_options options;
-    EXPECT_EQ(parsed({}, &options), "no file");
+    EXPECT_EQ(parsed({}, &options), "missing file");
     EXPECT_EQ(parsed({"a", "b"}, &options), "more than one file");
+    EXPECT_EQ(parsed({"--html"}, &options), "missing value after '--html'");
+    EXPECT_EQ(options.format, view_format::text);
     EXPECT_EQ(parsed({"--json", "--csv", "a"}, &options), "more than one format");
-    EXPECT_EQ(parsed({"--wrong", "a"}, &options), "an option that there is not");
+    EXPECT_EQ(parsed({"--wrong", "a"}, &options), "unknown option '--wrong'");
 }
 
 TEST(rtraceview_options, may_ask_for_help) {

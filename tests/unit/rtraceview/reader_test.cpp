@@ -37,7 +37,7 @@ const std::vector<std::string> two_files_read = {"0:8:-1:1:MemFree: 1 kB\n",
 
 }  // namespace
 
-TEST(rtraceview_reader, reads_what_the_trace_writes) {
+TEST(rtraceview_reader, reads_a_record_of_the_daemons_own_code) {
     char bytes[rtrace_header_size];
     rtrace_put_header(bytes, {rtrace_type_meminfo, 2, -5, 1});
     std::string stream = std::string(bytes, sizeof bytes) + "ab";
@@ -52,7 +52,7 @@ TEST(rtraceview_reader, reads_what_the_trace_writes) {
     EXPECT_EQ(reader.state(), stream_state::whole);
 }
 
-TEST(rtraceview_reader, takes_bytes_in_pieces_of_any_size) {
+TEST(rtraceview_reader, reads_pieces_of_any_size) {
     for (size_t piece : {size_t{1}, size_t{3}, size_t{19}, size_t{20}, size_t{21}, SIZE_MAX}) {
         reading got = read(two_files, piece);
         EXPECT_EQ(got.records, two_files_read) << piece;
@@ -61,11 +61,11 @@ TEST(rtraceview_reader, takes_bytes_in_pieces_of_any_size) {
     }
 }
 
-TEST(rtraceview_reader, reads_nothing_as_a_whole_stream) {
+TEST(rtraceview_reader, accepts_an_empty_stream) {
     EXPECT_EQ(read("").state, stream_state::whole);
 }
 
-TEST(rtraceview_reader, says_where_a_stream_is_cut_off_at_any_byte) {
+TEST(rtraceview_reader, reports_where_a_stream_is_cut_off) {
     for (size_t length = 0; length < two_files.size(); length++) {
         reading got = read(two_files.substr(0, length));
         bool is_whole = length == 0 || length == 34 || length == 54 || length == 86;
@@ -76,9 +76,9 @@ TEST(rtraceview_reader, says_where_a_stream_is_cut_off_at_any_byte) {
         }
     }
     EXPECT_EQ(read(two_files.substr(0, 54 + 5)).complaint,
-              "offset 54: the record is cut off after 5 of 20 bytes of its header");
+              "offset 54: record cut off after 5 of 20 bytes of its header");
     EXPECT_EQ(read(two_files.substr(0, 54 + 21)).complaint,
-              "offset 54: the record is cut off after 1 of 12 bytes of its data");
+              "offset 54: record cut off after 1 of 12 bytes of its data");
 }
 
 TEST(rtraceview_reader, reads_the_other_byte_order) {
@@ -112,7 +112,7 @@ TEST(rtraceview_reader, survives_an_unknown_record_of_4_gib) {
     EXPECT_EQ(got.state, stream_state::cut_off);
     EXPECT_EQ(got.records.size(), 2u);
     EXPECT_EQ(got.complaint,
-              "offset 41: the record is cut off after 3 of 4294967295 bytes of its data of an unknown type");
+              "offset 41: record cut off after 3 of 4294967295 bytes of its data, of an unknown type");
 }
 
 TEST(rtraceview_reader, reads_the_longest_records) {
@@ -122,19 +122,18 @@ TEST(rtraceview_reader, reads_the_longest_records) {
     EXPECT_EQ(got.records.size(), 4u);
 }
 
-TEST(rtraceview_reader, says_what_is_damaged_and_where) {
+TEST(rtraceview_reader, reports_damage_with_its_offset) {
     std::string good = file_of(8, "x");
-    std::string odd_mark = header(8, 0, 2);
-    std::string odd_zeros = header(8, 0, 0);
-    odd_zeros[19] = 'x';
+    std::string bad_more = header(8, 0, 2);
+    std::string bad_zeros = header(8, 0, 0);
+    bad_zeros[19] = 'x';
     const std::map<std::string, std::string> damages = {
-        {odd_mark, "offset 57: the mark for more is neither 0 nor 1"},
-        {odd_zeros, "offset 58: bytes that have to be zero are not"},
-        {std::string(20, '\0'), "offset 41: a record of type 0"},
-        {header(8, 204801, 1), "offset 45: a length of 204801, but a record of meminfo has at most 204800"},
-        {header(2, 0xffffffff, 1),
-         "offset 45: a length of 4294967295, but a record of smaps has at most 204804"},
-        {header(3, 3, 1), "offset 45: a length of 3 has no room for a process id"},
+        {bad_more, "offset 57: the byte for more pieces is neither 0 nor 1"},
+        {bad_zeros, "offset 58: reserved bytes are not zero"},
+        {std::string(20, '\0'), "offset 41: record of type 0"},
+        {header(8, 204801, 1), "offset 45: length 204801 is above the limit of 204800 for meminfo"},
+        {header(2, 0xffffffff, 1), "offset 45: length 4294967295 is above the limit of 204804 for smaps"},
+        {header(3, 3, 1), "offset 45: length 3 is too short for a process id"},
     };
     for (const auto& [bytes, complaint] : damages) {
         reading got = read(good + bytes + std::string(300000, 'z'));
@@ -144,7 +143,7 @@ TEST(rtraceview_reader, says_what_is_damaged_and_where) {
     }
 }
 
-TEST(rtraceview_reader, takes_random_bytes) {
+TEST(rtraceview_reader, survives_random_bytes) {
     std::mt19937 random(7);
     for (int round = 0; round < 2000; round++) {
         std::string stream = round % 2 ? two_files : "";

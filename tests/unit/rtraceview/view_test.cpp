@@ -14,7 +14,7 @@ struct viewed {
 
 viewed view(const std::string& stream, view_format format) {
     collected_text to;
-    view_result result = view_trace(source_of(stream), format, "a <trace>", to.out);
+    view_result result = view_trace(&to.out, source_of(stream), format, "a <trace>");
     return {to.all(), result.state, result.remarks};
 }
 
@@ -54,7 +54,7 @@ TEST(rtraceview_json, has_an_object_for_each_sample) {
               begun(1000, 0) + whole_json + begun(2000, one.size()) + whole_json);
 }
 
-TEST(rtraceview_json, begins_a_sample_with_each_file_of_one_kind) {
+TEST(rtraceview_json, begins_a_sample_when_a_file_comes_again) {
     std::string one = file_of(8, "MemFree: 6 kB\n");
     EXPECT_EQ(json_of(one + one), begun(some_time_ms, 0) + ",\"meminfo\":{\"MemFree\":6}}\n" +
                                       begun(some_time_ms, one.size()) + ",\"meminfo\":{\"MemFree\":6}}\n");
@@ -66,14 +66,14 @@ TEST(rtraceview_json, keeps_the_pieces_of_a_file_together) {
               begun(some_time_ms, 0) + ",\"meminfo\":{\"MemFree\":6,\"MemTotal\":7}}\n");
 }
 
-TEST(rtraceview_json, begins_a_sample_when_a_program_speaks_again) {
+TEST(rtraceview_json, begins_a_sample_when_a_program_prints_again) {
     std::string line = record_with(12, "x\n", 0);
     EXPECT_EQ(json_of(line + line), begun(some_time_ms, 0) + ",\"event\":{\"text\":\"x\\n\"}}\n" +
                                         begun(some_time_ms, line.size()) +
                                         ",\"event\":{\"text\":\"x\\n\"}}\n");
 }
 
-TEST(rtraceview_json, joins_a_program_s_line_over_records) {
+TEST(rtraceview_json, joins_a_line_from_two_records) {
     EXPECT_EQ(
         json_of(record_with(12, "be", 0) + record_with(12, "gun\n", 0)),
         begun(some_time_ms, 0) + "}\n" + begun(some_time_ms, 22) + ",\"event\":{\"text\":\"begun\\n\"}}\n");
@@ -86,22 +86,22 @@ TEST(rtraceview_json, has_the_last_report_of_a_program) {
               begun(some_time_ms, 0) + ",\"iostat\":{\"cpu\":{\"%user\":2.5},\"sda\":{\"r/s\":4}}}\n");
 }
 
-TEST(rtraceview_json, leaves_out_what_was_not_finished) {
+TEST(rtraceview_json, skips_unfinished_files) {
     std::string stream = file_of(7, "5\t0\t100\n") + record_with(8, "MemFree: 6 kB\n", 1);
     viewed got = view(stream, view_format::json);
     EXPECT_EQ(got.text,
               begun(some_time_ms, 0) + ",\"filenr\":{\"allocated\":5,\"free\":0,\"maximum\":100}}\n");
-    EXPECT_EQ(got.remarks, (std::vector<std::string>{"files without their end, left out: 1"}));
+    EXPECT_EQ(got.remarks, (std::vector<std::string>{"unfinished files, skipped: 1"}));
     EXPECT_EQ(got.state, stream_state::whole);
 }
 
-TEST(rtraceview_json, stays_json_whatever_the_text_is) {
+TEST(rtraceview_json, escapes_any_text) {
     EXPECT_EQ(json_of(record_with(12, "\x01\"\\<\xff\xc3\xa4\xed\xa0\x80\n", 0)),
               begun(some_time_ms, 0) +
                   ",\"event\":{\"text\":\"\\u0001\\\"\\\\<\xef\xbf\xbd\xc3\xa4\xef\xbf\xbd\\n\"}}\n");
 }
 
-TEST(rtraceview_json, has_masks_as_the_kernel_writes_them) {
+TEST(rtraceview_json, keeps_masks_as_the_kernel_writes_them) {
     EXPECT_EQ(
         json_of(file_of_process(3, 7, "Name:\t12\nSigIgn:\t0000000000001000\nSigCgt:\t7fffffffffffffff\n")),
         begun(some_time_ms, 0) +
@@ -109,7 +109,7 @@ TEST(rtraceview_json, has_masks_as_the_kernel_writes_them) {
             "\"SigCgt\":\"7fffffffffffffff\"}}}\n");
 }
 
-TEST(rtraceview_json, has_a_process_that_comes_twice_in_a_sample_once) {
+TEST(rtraceview_json, skips_repeated_processes_of_a_sample) {
     std::string group = header(4, 0, 1) + file_of_process(2, 7, "Rss: 1 kB\n") +
                         file_of_process(2, 7, "Rss: 2 kB\n") + file_of_process(2, 8, "Rss: 3 kB\n") +
                         file_of_process(2, 7, "Rss: 4 kB\n") + file_of_process(3, 7, "VmRSS: 5 kB\n") +
@@ -117,26 +117,25 @@ TEST(rtraceview_json, has_a_process_that_comes_twice_in_a_sample_once) {
     viewed got = view(group + group, view_format::json);
     std::string one = ",\"smaps\":{\"7\":{\"Rss\":1},\"8\":{\"Rss\":3}},\"status\":{\"7\":{\"VmRSS\":5}}}\n";
     EXPECT_EQ(got.text, begun(some_time_ms, 0) + one + begun(some_time_ms, group.size()) + one);
-    EXPECT_EQ(got.remarks, (std::vector<std::string>{"processes that a sample had already, left out: 4"}));
+    EXPECT_EQ(got.remarks, (std::vector<std::string>{"repeated processes, skipped: 4"}));
 }
 
-TEST(rtraceview_json, of_nothing_is_nothing) {
+TEST(rtraceview_json, of_an_empty_trace_is_empty) {
     EXPECT_EQ(json_of(""), "");
 }
 
-TEST(rtraceview_json, remarks_that_time_goes_back) {
+TEST(rtraceview_json, reports_time_that_goes_back) {
     viewed got = view(file_of(8, "A: 1\n", 2000) + file_of(8, "A: 1\n", 1000) + file_of(8, "A: 1\n", 500),
                       view_format::json);
-    EXPECT_EQ(got.remarks, (std::vector<std::string>{"offset 45: the time goes back; times in all: 2"}));
+    EXPECT_EQ(got.remarks, (std::vector<std::string>{"offset 45: the time goes back; number of times: 2"}));
 }
 
-TEST(rtraceview_view, remarks_times_that_are_no_dates) {
+TEST(rtraceview_view, reports_impossible_times) {
     viewed got = view(file_of(8, "A: 1\n", 2000) + file_of(8, "A: 1\n", INT64_MAX), view_format::csv);
-    EXPECT_EQ(got.remarks, (std::vector<std::string>{"offset 45: a time that is no date; times in all: 2"}));
+    EXPECT_EQ(got.remarks, (std::vector<std::string>{"offset 45: impossible time; records with one: 2"}));
 }
 
-// What a reader of a live trace waits for is what came last, whole records and no more.
-TEST(rtraceview_view, shows_what_was_read_before_it_waits_for_more) {
+TEST(rtraceview_view, writes_what_it_has_read_before_it_reads_more) {
     std::string one = file_of(8, "MemFree: 6 kB\n");
     for (view_format format : {view_format::text, view_format::json, view_format::csv}) {
         std::string text;
@@ -147,7 +146,7 @@ TEST(rtraceview_view, shows_what_was_read_before_it_waits_for_more) {
             return reads++ < 3 ? one.size() : 0;
         };
         text_output out([&text](std::string_view piece) { text.append(piece); });
-        view_trace(source, format, "live", out);
+        view_trace(&out, source, format, "live");
         ASSERT_EQ(shown.size(), 4u);
         EXPECT_LT(shown[0], shown[1]);
         EXPECT_LT(shown[1], shown[2]);
@@ -155,19 +154,18 @@ TEST(rtraceview_view, shows_what_was_read_before_it_waits_for_more) {
     }
 }
 
-TEST(rtraceview_view, remarks_damage_and_unknown_records) {
+TEST(rtraceview_view, reports_damage_and_unknown_records) {
     std::string stream = record_with(77, "x", 0) + file_of(8, "A: 1\n") + header(8, 204801, 1);
     for (view_format format : {view_format::text, view_format::json, view_format::csv, view_format::html}) {
         viewed got = view(stream, format);
         EXPECT_EQ(got.state, stream_state::damaged);
-        EXPECT_EQ(got.remarks,
-                  (std::vector<std::string>{
-                      "records of unknown types, skipped: 1",
-                      "offset 70: a length of 204801, but a record of meminfo has at most 204800"}));
+        EXPECT_EQ(got.remarks, (std::vector<std::string>{
+                                   "records of unknown types, skipped: 1",
+                                   "offset 70: length 204801 is above the limit of 204800 for meminfo"}));
     }
 }
 
-TEST(rtraceview_csv, has_a_number_a_line) {
+TEST(rtraceview_csv, has_one_number_a_line) {
     std::string stream = file_of(8, "MemFree: 6 kB\nHugePages: 2\n", 1000) +
                          record_with(9, "heading\nsrc\t16\t20\t/a,\"b\n", 0, 2000) +
                          record_with(12, "x\n", 0, 2000);
@@ -179,7 +177,7 @@ TEST(rtraceview_csv, has_a_number_a_line) {
               "1970-01-01 00:00:02.000,diskinfo,\"/a,\"\"b\",Avail,20,KiB\n");
 }
 
-TEST(rtraceview_text, shows_the_data_as_it_stands_below_a_heading) {
+TEST(rtraceview_text, shows_the_data_below_a_heading) {
     std::string stream = header(4, 0, 1) + record_with(3, number_bytes(int32_t{7}, false) + "Name:", 1) +
                          record_with(3, number_bytes(int32_t{7}, false) + "\tinit\n", 1) + header(3, 0, 0) +
                          file_of_process(3, 8, "Name:\tx\n") + header(4, 0, 0) +
@@ -196,7 +194,7 @@ TEST(rtraceview_text, shows_the_data_as_it_stands_below_a_heading) {
               "=== 2023-11-14 22:13:20.123 unknown type 1234, offset 197\n");
 }
 
-TEST(rtraceview_text, shows_times_that_are_far_off_in_milliseconds) {
+TEST(rtraceview_text, shows_impossible_times_in_milliseconds) {
     std::string text = view(header(4, 0, 1, -5) + header(4, 0, 0, INT64_MAX), view_format::text).text;
     EXPECT_EQ(text, "=== -5 ms group begins, offset 0\n=== 9223372036854775807 ms group ends, offset 20\n");
 }
@@ -211,7 +209,7 @@ size_t times_in(std::string_view text, std::string_view part) {
     return count;
 }
 
-// What the page's script is given.
+// The JSON that the page's script reads.
 std::string plots_in(const std::string& page) {
     constexpr std::string_view mark = "id=\"trace\">\n";
     size_t from = page.find(mark) + mark.size();
@@ -233,7 +231,7 @@ TEST(rtraceview_html, has_a_row_for_each_sample_and_a_plot_for_each_kind) {
     EXPECT_NE(plots.find("\"events\":[[1000,\"boot\"],[1000,\"up\"],[2000,\"boot\"]"), std::string::npos);
 }
 
-TEST(rtraceview_html, shows_the_highest_lines_and_says_how_many_there_are_more) {
+TEST(rtraceview_html, shows_the_highest_lines_and_the_number_of_others) {
     std::string stream = header(4, 0, 1);
     for (int pid = 1; pid <= 20; pid++) {
         stream += file_of_process(2, pid, "Rss: " + std::to_string(100 - pid) + " kB\n");
@@ -243,7 +241,7 @@ TEST(rtraceview_html, shows_the_highest_lines_and_says_how_many_there_are_more) 
     EXPECT_EQ(plots.find("\"13\""), std::string::npos);
 }
 
-TEST(rtraceview_html, leaves_gaps_where_a_process_was_not_there) {
+TEST(rtraceview_html, has_null_for_a_process_that_is_missing_in_a_sample) {
     std::string plots = plots_in(view(header(4, 0, 1, 1) + file_of_process(3, 1, "VmRSS: 5 kB\n", 1) +
                                           header(4, 0, 1, 2) + file_of_process(3, 2, "VmRSS: 3 kB\n", 2),
                                       view_format::html)
@@ -251,14 +249,14 @@ TEST(rtraceview_html, leaves_gaps_where_a_process_was_not_there) {
     EXPECT_NE(plots.find("\"rows\":[[1,5,null],[2,null,3]]}"), std::string::npos) << plots;
 }
 
-TEST(rtraceview_html, puts_times_that_go_back_in_order) {
+TEST(rtraceview_html, sorts_samples_by_time) {
     std::string plots = plots_in(
         view(file_of(8, "MemFree: 1 kB\n", 2000) + file_of(8, "MemFree: 2 kB\n", 1000), view_format::html)
             .text);
     EXPECT_NE(plots.find("[[1000,2],[2000,1]]"), std::string::npos) << plots;
 }
 
-TEST(rtraceview_html, plots_no_sample_whose_time_is_no_date) {
+TEST(rtraceview_html, plots_no_sample_with_an_impossible_time) {
     std::string stream = file_of(8, "MemFree: 1 kB\n", 1000);
     for (int64_t time_ms : {INT64_MAX, INT64_MIN, int64_t{-1}}) {
         stream += file_of(8, "MemFree: 2 kB\n", time_ms) + record_with(12, "up\n", 0, time_ms);
@@ -270,7 +268,7 @@ TEST(rtraceview_html, plots_no_sample_whose_time_is_no_date) {
         << plots;
 }
 
-TEST(rtraceview_html, is_one_page_that_fetches_nothing) {
+TEST(rtraceview_html, loads_no_other_file) {
     std::string page = view(whole_sample(1000), view_format::html).text;
     EXPECT_EQ(page.substr(0, 15), "<!DOCTYPE html>");
     EXPECT_NE(page.find("Dygraph="), std::string::npos);
