@@ -1,8 +1,8 @@
 """The unit tests on the target's processor: every program of the target build whose name begins with unit_.
 
-Each case of GoogleTest is a case here. They run while the cases are collected, all on one board, because
-only then is it known which there are. Two programs run at any time: many cases mostly wait, and the board's
-one processor is the other program's meanwhile.
+Each case of GoogleTest is a case here. The programs run while pytest collects the cases, since their reports name the
+cases. They share one board. Several run at a time: while the cases of one wait, another has the board's only
+processor.
 """
 
 import dataclasses
@@ -15,10 +15,10 @@ import board as emulated
 from support.under_test import ROOT
 
 BUILD = ROOT / "build/mipsel"
-PROGRAM_LIMIT = 1200  # seconds, beside another one; a program is killed then
+PROGRAM_LIMIT = 1200  # seconds until a program is killed
 ALL_LIMIT = 2400
 AT_ONCE = 2
-LONGEST_FIRST = ("unit_archive", "unit_monitor")  # so that nothing is left to run alone in the end
+LONGEST_FIRST = ("unit_archive", "unit_monitor")  # so that none of them runs alone at the end
 DESCRIPTORS = 10000  # some tests open thousands
 RUN_ONE = f"""#!/bin/sh
 ulimit -n {DESCRIPTORS}
@@ -26,7 +26,7 @@ cd /tmp
 timeout -s KILL {PROGRAM_LIMIT} "$1" --gtest_output=xml:"/tmp/$1.xml" > "/tmp/$1.out" 2>&1
 echo $? > "/tmp/$1.status"
 """
-SHOWN = 4000  # bytes of a program's output that are shown when it ended before its report was written
+SHOWN = 4000  # bytes of the output of a program that ended without a report
 
 
 @dataclasses.dataclass(frozen=True)
@@ -57,16 +57,16 @@ def case_of(program, element):
 
 
 def cases_of(board, program):
-    """What became of a program that has run."""
+    """The cases of a program that has run, and one more if it failed without a failed case."""
     ending = board.run(f"cat /tmp/{program}.status").out.decode().strip()
-    ended = f"ended with status {ending} (137: killed, as when late)" if ending else "did not end"
+    ended = f"ended with status {ending} (137: killed, perhaps at its limit)" if ending else "did not end"
     if board.run(f"test -s /tmp/{program}.xml").status != 0:
         shown = board.run(f"tail -c {SHOWN} /tmp/{program}.out").out.decode(errors="replace")
-        return [Case(program, failure=f"{program} {ended} without a report. Its last words:\n{shown}")]
+        return [Case(program, failure=f"{program} {ended} without a report. The end of its output:\n{shown}")]
     elements = xml.etree.ElementTree.fromstring(board.get(f"/tmp/{program}.xml")).iter("testcase")
     cases = [case_of(program, element) for element in elements]
     if not cases or (ending == "0") == any(case.failure for case in cases):
-        cases.append(Case(program, failure=f"{program} {ended}, which its {len(cases)} cases do not explain"))
+        cases.append(Case(program, failure=f"{program} {ended}, but its {len(cases)} cases say otherwise"))
     return cases
 
 
@@ -78,7 +78,7 @@ def run_all(board, programs):
     try:
         board.check(f"printf '%s\\n' {names} | xargs -P {AT_ONCE} -n 1 /tmp/run_one", ALL_LIMIT)
     except emulated.OutOfTime:
-        pass  # those that have left nothing say so
+        pass  # a program without a report becomes a failed case
 
 
 @functools.cache
