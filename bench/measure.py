@@ -41,8 +41,8 @@ def cpu(turn):
 def turns(commands, rounds, warm_up=1, stdin=None, pipe=False, accept=None):
     """Runs the commands in turn, each as a fresh process. Returns a list of `rounds` Turns for each command.
 
-    Output goes to /dev/null or, with `pipe`, into a pipe that is read to its end. `accept` lists the valid exit
-    statuses of each command; by default, only 0 is valid. Another status breaks the benchmark.
+    Output goes to /dev/null or, with `pipe`, into a pipe that is read to its end. `accept` lists the valid
+    exit statuses of each command; by default, only 0 is valid. Another status breaks the benchmark.
     """
     words = [str(BIN / "bench_turns"), *(["-i", stdin] if stdin else []), *(["-p"] if pipe else [])]
     words.append(str(warm_up + rounds))
@@ -94,7 +94,8 @@ class Report:
         }
 
     def ratio(self, what, ours, peer, cost, unit="s", bound=None, note=""):
-        """Adds a ratio ours/peer. `ours` and `peer` are a name and its Turns; `cost` maps a Turn to a number."""
+        """Adds a ratio ours/peer. `ours` and `peer` are a name and its Turns; `cost` maps a Turn to a
+        number."""
         (our_name, our_turns), (peer_name, peer_turns) = ours, peer
         our_costs, peer_costs = list(map(cost, our_turns)), list(map(cost, peer_turns))
         if len(our_costs) != len(peer_costs) or not all(peer_costs):

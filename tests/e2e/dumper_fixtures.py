@@ -40,7 +40,7 @@ def start_target(program):
 
 @pytest.fixture
 def stall():
-    """Starts dumpers that stall because nobody reads on; arguments as for Stalled."""
+    """Starts dumpers that stall because their output is not read further; arguments as for Stalled."""
     started = []
 
     def stall_one(pid, **how):
@@ -54,8 +54,8 @@ def stall():
 
 @pytest.fixture
 def hold(stall):
-    """Starts a dumper that stalls and holds the target. It releases the target after a while, so if this test was too
-    slow, it tries again."""
+    """Starts a dumper that stalls and holds the target. It releases the target after a while, so if this test
+    was too slow, it tries again."""
 
     def start_one(pid):
         dumper = stall(pid)

@@ -1,8 +1,8 @@
 #!/usr/bin/python3 -B
 """Runs one file of end-to-end tests and writes a JUnit report.
 
-A file with the line `NEEDS_SANDBOX = True` runs inside tools/sandbox, unless ZARVO_URL names a machine to test over
-HTTP. Exit status: 0 if all tests passed, 77 if all were skipped, otherwise another one.
+A file with the line `NEEDS_SANDBOX = True` runs inside tools/sandbox, unless ZARVO_URL names a machine to
+test over HTTP. Exit status: 0 if all tests passed, 77 if all were skipped, otherwise another one.
 """
 
 import argparse
@@ -73,7 +73,8 @@ def run(test_file, report, only, folder):
         environment |= sanitizer_environment(reports)
     # -v: each test is named before it begins, so the log of a killed run shows how far it came.
     words = ["-v", "-rs", f"--timeout={CASE_LIMIT}", "-p", "no:cacheprovider"]
-    words += [f"--rootdir={HERE}", f"--basetemp={scratch}/pytest", "-o", "junit_family=xunit1", f"--junitxml={report}", str(test_file)]
+    words += [f"--rootdir={HERE}", f"--basetemp={scratch}/pytest"]
+    words += ["-o", "junit_family=xunit1", f"--junitxml={report}", str(test_file)]
     words += ["-k", only] if only else []
     command = [*sandbox, "/usr/bin/python3", "-m", "pytest", *words]
     return subprocess.run(command, cwd=ROOT, env=environment, preexec_fn=end_with_parent).returncode

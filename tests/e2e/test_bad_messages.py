@@ -155,7 +155,8 @@ def test_random_messages_are_answered_or_closed(daemon):
         return rng.choice(words) if rng.random() < 0.8 else rng.randbytes(3).replace(b"/", b"")
 
     for _ in range(300):
-        message = b"no-slash" + b"".join(piece() for _ in range(rng.randint(1, 12)))  # without a slash, so never an archive
+        # Without a slash, so never an archive.
+        message = b"no-slash" + b"".join(piece() for _ in range(rng.randint(1, 12)))
         answer = b"" if may_wait(message) else daemon.ask_raw(message).read_all()
         assert answer == b"" or answer.startswith(b"HTTP/1.0 ")
 

@@ -14,7 +14,8 @@ TO_BUILD = {"g++", "cmake", "ninja-build"}
 
 @pytest.fixture
 def bare_machine(tmp_path):
-    """An environment in which no package is installed and none can be installed, and the file that lists the requested ones."""
+    """An environment in which no package is installed and none can be installed, and the file that lists the
+    requested ones."""
     requested = tmp_path / "requested"
     programs = {
         "dpkg-query": "exit 1",

@@ -1,4 +1,5 @@
-"""The archive of a board whose clock is beyond 2038, the end of 31 bits of seconds, and beyond 2106, the end of 32."""
+"""The archive of a board whose clock is beyond 2038, the end of 31 bits of seconds, and beyond 2106, the end
+of 32."""
 
 import gzip
 import subprocess

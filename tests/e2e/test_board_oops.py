@@ -37,7 +37,8 @@ while piece := peer.recv(65536):
 
 
 class BoardWithFtp(emulated.Board):
-    """A board for which ports of FTP_HOST are forwarded to this machine's loopback. Each connection has its own relay."""
+    """A board for which ports of FTP_HOST are forwarded to this machine's loopback. Each connection has its
+    own relay."""
 
     def __init__(self, *arguments, ports, relay, **more):
         super().__init__(*arguments, **more)

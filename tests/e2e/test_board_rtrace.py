@@ -18,7 +18,8 @@ HEAD = download_head("application/octet-stream", "rtrace")
 TARGET = "/debugar.cgi?cmd=rtrace&interval=1&trace=all"
 PATIENCE = 120
 
-# Busybox has neither iostat nor pidstat. These print numbers of the kernel in the same format. They have no PATH.
+# Busybox has neither iostat nor pidstat. These print numbers of the kernel in the same format. They have no
+# PATH.
 IOSTAT_TEXT = r"""
 while read name user nice system idle wait irq soft steal rest < /proc/stat; do
     all=$((user + nice + system + idle + wait + irq + soft + steal))
@@ -125,4 +126,7 @@ def test_trace_takes_little_memory_on_the_board(trace):
 
 
 def test_programs_end_with_the_trace(machine, trace):
-    wait_for_board(lambda: not [name for name in PROGRAMS if pids_of(machine, name)], "the end of all programs", PATIENCE)
+    def have_ended():
+        return not any(pids_of(machine, name) for name in PROGRAMS)
+
+    wait_for_board(have_ended, "the end of all programs", PATIENCE)

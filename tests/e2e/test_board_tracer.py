@@ -66,8 +66,8 @@ extern "C" void __start() {
 WHOLE = r'"hi\n\t\r\x1\xff"0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRST"'    # 64 bytes
 CUT = r'"hi\n\t\r\x1\xff"0123456789abcdefghijklmn"'                                     # 32 bytes
 
-# A call: its number, its arguments, what tstrace prints on entry, the result (None: any), and what it prints on exit
-# if that differs.
+# A call: its number, its arguments, what tstrace prints on entry, the result (None: any), and what it prints
+# on exit if that differs.
 CALLS = [
     (4005, [TEXT, 2, 0], f"open({TEXT}, 2, 0, 0, 0, 0)", 3),
     (4005, [ZERO, 0, 0], f"open({ZERO}, 0, 0, 0, 0, 0)", 4),
@@ -174,7 +174,8 @@ def put_calls(machine, tmp_path):
 
 
 def traced(machine):
-    """Traces /tmp/calls. Returns the lines about system calls without their heads, the whole output, and the messages."""
+    """Traces /tmp/calls. Returns the lines about system calls without their heads, the whole output, and the
+    messages."""
     done = machine.run("tstrace /tmp/calls")
     assert done.status == 0
     text = done.out.decode()

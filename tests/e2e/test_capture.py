@@ -9,8 +9,8 @@ import pytest
 
 from capture_checks import assert_capinfos_reads, assert_tcpdump_reads
 from support.captures import (
-    FILE_HEADER, HEADER_SIZE, ICMP, NEAR, SCTP, TCP, UDP, Applet, ethernet, frames_of, ipv4, ipv6, ports, record_bytes, send,
-    split_capture, tagged,
+    FILE_HEADER, HEADER_SIZE, ICMP, NEAR, SCTP, TCP, UDP, Applet, ethernet, frames_of, ipv4, ipv6, ports,
+    record_bytes, send, split_capture, tagged,
 )  # fmt: skip
 from support.network import ip, is_promiscuous
 from support.under_test import BIN

@@ -1,4 +1,5 @@
-"""The dumper's core files, as debuggers and other readers see them, its command line, and what it refuses to dump."""
+"""The dumper's core files, as debuggers and other readers see them, its command line, and what it refuses to
+dump."""
 
 import os
 import pathlib
@@ -12,7 +13,9 @@ import time
 
 import pytest
 
-from support.core_file import FPREGSET, KNOWN_DOUBLE, KNOWN_GLOBAL, X86_XSAVE_LAYOUT, X86_XSTATE, Core, announced, bare_core
+from support.core_file import (
+    FPREGSET, KNOWN_DOUBLE, KNOWN_GLOBAL, X86_XSAVE_LAYOUT, X86_XSTATE, Core, announced, bare_core,
+)  # fmt: skip
 from support.dumper import DCORE, ask_gdb, kernel_xstate, refusal, run_dcore, traced
 from support.processes import assert_detached, process_stat, threads_of
 from support.waiting import PATIENCE, wait_for
@@ -25,8 +28,8 @@ YMM_HIGH, MASKS, ZMM_HIGH, ZMM_16_TO_31 = 2, 5, 6, 7    # parts of the extended 
 def complaints(said, xstate, tmp_path):
     """The lines of `said` in which gdb complains about this core.
 
-    On some processors the registers are not where gdb expects them. gdb then finds the register set too small in every
-    core, also in a bare one, and that complaint does not count."""
+    On some processors the registers are not where gdb expects them. gdb then finds the register set too small
+    in every core, also in a bare one, and that complaint does not count."""
     known = "in core file too small"
     (tmp_path / "bare").write_bytes(bare_core(xstate))
     ran = subprocess.run(["gdb", "-nx", "-batch", "-core", tmp_path / "bare"], stdin=subprocess.DEVNULL,

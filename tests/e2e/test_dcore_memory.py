@@ -28,7 +28,8 @@ def test_memory_is_that_of_the_process(start_target):
 
 
 def test_all_memory_is_from_the_same_moment(start_target):
-    """The target increments a number in each of its pages in turn, so no two of them ever differ by more than 1."""
+    """The target increments a number in each of its pages in turn, so no two of them ever differ by more than
+    1."""
     target = start_target("counts", 16)
     address = int(target.said, 16)
     for _ in range(5):
@@ -66,7 +67,7 @@ def test_number_of_segments_may_exceed_16_bits(program, start_target, tmp_path):
         assert " main_waits " in said and f"$1 = {KNOWN_GLOBAL:#x}\n" in said
 
 
-@pytest.mark.skipif(bool(SANITIZE), reason="a sanitizer takes memory of its own")
+@pytest.mark.skipif(bool(SANITIZE), reason="not measured with a sanitizer, which uses more memory")
 @pytest.mark.parametrize("words", [("many",), ("sparse", 100 << 10), ("full", 64), ("threads", 1000)], ids=str)
 def test_dumper_takes_little_memory(start_target, stall, words):
     dumper = stall(start_target(*words).pid)

@@ -1,4 +1,5 @@
-"""The process that is dumped: it continues as if nothing had happened, and the dumper never holds it for long."""
+"""The process that is dumped: it continues as if nothing had happened, and the dumper never holds it for
+long."""
 
 import contextlib
 import ctypes
@@ -156,7 +157,8 @@ def test_3000_dumps_of_programs_that_keep_calling_exec(start_target):
 
 @signals_interrupt_calls
 def test_program_whose_exec_never_completes_is_refused(start_target):
-    """exec completes only when the other thread, which this test traces, has been reaped. Until then, no tracer can attach."""
+    """exec completes only when the other thread, which this test traces, has been reaped. Until then, no
+    tracer can attach."""
     target = start_target("exec_when_told", 1)
     [thread] = [tid for tid in threads_of(target.pid) if tid != target.pid]
     with traced(thread):
@@ -231,7 +233,8 @@ def stream_of_signals(pid):
 def test_dumper_that_is_killed_at_any_moment_does_no_harm(start_target, number):
     rng = random.Random(number)
     began = time.monotonic()
-    busy, many, execs, stopped = start_target("signals", 2), start_target("threads", 20), start_target("execs", 4), start_target("threads", 2)
+    busy, many = start_target("signals", 2), start_target("threads", 20)
+    execs, stopped = start_target("execs", 4), start_target("threads", 2)
     stopped.send_signal(signal.SIGSTOP)
     run_dcore(many.pid)
     longest = (time.monotonic() - began) * 2
@@ -334,12 +337,14 @@ def stays_stopped(pid):
 
 
 def send_to_thread(pid, tid, number):
-    """A signal for the whole process might go to the thread that this test traces, where it would stay pending."""
+    """A signal for the whole process might go to the thread that this test traces, where it would stay
+    pending."""
     assert ctypes.CDLL(None).tgkill(pid, tid, number) == 0
 
 
 def test_process_runs_until_its_tracer_is_gone_and_is_then_dumped(start_target):
-    """This test traces one thread. The dumper has already attached to the others, which still handle signals."""
+    """This test traces one thread. The dumper has already attached to the others, which still handle
+    signals."""
     target = start_target("exec_when_told", 1)
     [thread] = [tid for tid in threads_of(target.pid) if tid != target.pid]
     with contextlib.ExitStack() as tracer:

@@ -28,7 +28,8 @@ def daemon_with(start):
 
 @pytest.fixture
 def daemon_with_tmp(start, tmp_path):
-    """Starts a daemon whose /tmp is a tmpfs with the given options. The programs may be below the usual /tmp themselves."""
+    """Starts a daemon whose /tmp is a tmpfs with the given options. The programs may be below the usual /tmp
+    themselves."""
     programs = tmp_path / "programs"
     programs.mkdir()
 
@@ -205,7 +206,8 @@ def test_kernel_core_shorter_than_its_size_is_padded_with_zeros(daemon_with, tmp
     stream = body_of(daemon.answer(b"/x/debug.tar"), PLAIN_HEAD)
     begin = stream.index(b"/kcore\0")
     begin += 512 - begin % 512
-    # On purpose, the padding to the next block is computed from the copied bytes, not from the announced size.
+    # On purpose, the padding to the next block is computed from the copied bytes, not from the announced
+    # size.
     padding = bytes(announced - len(content)) + bytes(512 - len(content))
     assert stream[begin:].startswith(content + padding + b"debug-")
 

@@ -185,7 +185,8 @@ def test_installed_fork_bomb_forks(installed):
 
 
 def test_installed_monitor_watches(installed, tmp_path):
-    # mon writes to /tmp, so it gets its own. That hides the installed files, which are therefore mounted below /run.
+    # mon writes to /tmp, so it gets its own. That hides the installed files, which are therefore mounted
+    # below /run.
     own_tmp = f"mkdir -p /run/bin; mount --bind {installed}/usr /run/bin; mount -t tmpfs -o mode=1777 none /tmp"
     words = [*in_mount_namespace(own_tmp), "/run/bin/bin/mon", "100000"]
     with subprocess.Popen(words, stderr=subprocess.PIPE, cwd="/") as monitor:

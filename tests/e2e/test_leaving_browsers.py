@@ -33,7 +33,8 @@ pytestmark = pytest.mark.usefixtures("no_trace_left")
 
 
 def browser_when_free(daemon, path, head, **kind):
-    """A browser that has received the head, or as much of it as its buffer holds, of an archive of its own."""
+    """A browser that has received the head, or as much of it as its buffer holds, of an archive of its
+    own."""
 
     def begin():
         browser = daemon.ask(path, **kind)
@@ -94,7 +95,8 @@ def test_archive_ends_when_its_browser_leaves_at_a_random_byte(daemon, path):
         got = len(browser.read(count))
         browser.close()
         wait_for(lambda: ended_archives(daemon) == ended + 1, daemon.switches, 4 * PATIENCE)
-        # Archives differ in size, because they show what the machine is doing. This one may have ended before `count`.
+        # Archives differ in size, because they show what the machine is doing. This one may have ended before
+        # `count`.
         departures += got == count
         size = min(size, got) if got < count else size
     check(body_of(when_free(lambda: daemon.answer(path)), head))

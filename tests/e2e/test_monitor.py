@@ -24,7 +24,8 @@ NEEDS_SANDBOX = True
 DAEMON_STATUS = pathlib.Path("/var/run/dbg-cgi/dbg-monitor.txt")
 SCHED_IDLE = 5
 NOBODY = 65534
-# mon writes to /tmp, so it gets its own. That may hide the build folder, which is therefore mounted below /run.
+# mon writes to /tmp, so it gets its own. That may hide the build folder, which is therefore mounted below
+# /run.
 OWN_TMP = f'mkdir -p /run/built; mount --bind "{BIN.parent}" /run/built; mount -t tmpfs -o mode=1777 none /tmp'
 MON = "/run/built/bin/mon"
 
@@ -129,7 +130,8 @@ signal.pause()
 
 @pytest.fixture
 def hold(clean_sandbox):
-    """Starts a process that holds descriptors: of files, of sockets, and two for each pipe. Returns its pid."""
+    """Starts a process that holds descriptors: of files, of sockets, and two for each pipe. Returns its
+    pid."""
     started = []
 
     def start_one(plain=0, sockets=0, pipes=0, name="/x/holder", **how):

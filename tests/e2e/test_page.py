@@ -1,4 +1,5 @@
-"""The web front's page in a real browser. The browser runs outside the sandbox, the front and the daemon in it."""
+"""The web front's page in a real browser. The browser runs outside the sandbox, the front and the daemon in
+it."""
 
 import base64
 import fcntl
@@ -76,19 +77,19 @@ class Browser:
         command = ["node", SCRIPTS / "browse.mjs", modules(), shutil.which("chromium")]
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
-    def play(self, front, scenario, complaints=0, **words):
-        """Returns what the scenario found. The browser must have sent requests to the front only. The only errors that it
-        may have logged are `complaints` failed requests."""
+    def play(self, front, scenario, errors=0, **words):
+        """Returns what the scenario found. The browser must have sent requests to the front only. The only
+        errors that it may have logged are `errors` failed requests."""
         words |= {"scenario": scenario, "url": front.url, "patience": PATIENCE}
         self.process.stdin.write(json.dumps(words).encode() + b"\n")
         self.process.stdin.flush()
         assert select.select([self.process.stdout], [], [], 5 * PATIENCE)[0], f"{scenario} does not end"
         seen = json.loads(self.process.stdout.readline())
         assert "failed" not in seen, seen["failed"]
-        assert seen["strangers"] == []
-        expected = [line for line in seen["complaints"] if line.startswith("Failed to load resource: ")]
-        assert seen["complaints"] == expected
-        assert len(expected) == complaints, expected
+        assert seen["foreign"] == []
+        expected = [line for line in seen["errors"] if line.startswith("Failed to load resource: ")]
+        assert seen["errors"] == expected
+        assert len(expected) == errors, expected
         return seen["found"]
 
     def stop(self):
@@ -151,7 +152,8 @@ def real():
 
 @pytest.fixture
 def play(socket_path):
-    """play(answer) starts a daemon that answers with `answer(message)`, which is bytes or a sequence of bytes."""
+    """play(answer) starts a daemon that answers with `answer(message)`, which is bytes or a sequence of
+    bytes."""
     started = []
 
     def start(answer):
@@ -258,7 +260,7 @@ def test_refusals_are_shown_as_sentences(browser, front, play):
     requests = [dict(kind="coredump", fields=dict(pid="nobody")), dict(kind="strace", fields=dict(pid="99999")),
                 dict(kind="rtrace"), dict(kind="archive"), dict(kind="pop"), dict(kind="listen"),
                 dict(kind="coredump", fields=dict(pid="7"))]  # fmt: skip
-    shown = browser.play(front, "forms", complaints=6, requests=requests)
+    shown = browser.play(front, "forms", errors=6, requests=requests)
     assert {one["classes"] for one in shown} == {"job over bad"}
     assert [one["state"] for one in shown] == [
         "No process has the pid or name “nobody” (400).",
@@ -272,7 +274,7 @@ def test_refusals_are_shown_as_sentences(browser, front, play):
 
 
 def test_without_a_daemon_the_page_shows_the_fronts_error(browser, front, socket_path):
-    shown = browser.play(front, "forms", complaints=1, requests=[dict(kind="archive")])
+    shown = browser.play(front, "forms", errors=1, requests=[dict(kind="archive")])
     assert shown[0]["state"] == f"The daemon at {socket_path} did not take the request: No such file or directory. (502)"
 
 
@@ -376,7 +378,7 @@ def test_page_is_readable_on_a_narrow_screen_and_in_dark_mode(browser, front, pl
         "dark": dict(colorScheme="dark"),
         "narrow": dict(viewport=dict(width=360, height=740), colorScheme="dark"),
     }
-    found = browser.play(front, "looks", complaints=3, looks=looks, pictures=os.environ.get("ZARVO_PICTURES"))
+    found = browser.play(front, "looks", errors=3, looks=looks, pictures=os.environ.get("ZARVO_PICTURES"))
     for name, seen in found.items():
         assert seen["width"] <= seen["window"], name
         assert seen["wide"] == [], name
@@ -408,7 +410,7 @@ def test_lists_are_valid_json_for_any_process_name(front):
 
 def test_archive_is_downloaded_and_a_second_one_is_refused_meanwhile(browser, real, tmp_path):
     saved = tmp_path / "debug.tar"
-    found = browser.play(real, "archive", complaints=1, save=str(saved))
+    found = browser.play(real, "archive", errors=1, save=str(saved))
     assert "makes one at a time" in found["refused"] and "(503)" in found["refused"]
     assert found["name"] == "debug.tar"
     assert found["state"].startswith("Done. Passed to the browser as debug.tar. The archive is complete: ")
@@ -427,4 +429,5 @@ def test_trace_is_shown_paused_stopped_and_saved(browser, real):
     assert found["state"] == "Stopped."
     text = base64.b64decode(found["saved"]["bytes"]).decode()
     assert found["saved"]["name"] == "stracedump.txt"
-    assert text.startswith(found["paused"][:200]) and text.count("\n") > found["paused"].count("\n")
+    # Only the last lines of a trace are shown, which may not be the first ones on a busy machine.
+    assert found["paused"][:200] in text and text.count("\n") > found["paused"].count("\n")

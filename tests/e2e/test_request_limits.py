@@ -36,7 +36,8 @@ def traced(pids):
 
 
 def assert_traced_count(daemon, pids, query, wanted):
-    """One process too many would be traced right after the others, since the trace attaches in the order of the list."""
+    """One process too many would be traced right after the others, since the trace attaches in the order of
+    the list."""
     with daemon.ask(b"/x", b"cmd=strace&pid=" + query) as browser:
         assert browser.read(len(TRACE_HEAD)) == TRACE_HEAD
         wait_for(lambda: len(traced(pids)) >= wanted, lambda: f"{wanted} traced, but {len(traced(pids))}", 4 * PATIENCE)
@@ -108,5 +109,6 @@ def test_interface_list_is_truncated_after_47_characters(loopback, start, length
 def test_negative_duration_is_the_default(loopback, start):
     daemon = start()
     begin = time.monotonic()
-    assert len(body_of(daemon.answer(b"/x", b"cmd=pcapdump&duration=-5&totalsize=2000&interface=lo"), CAPTURE_HEAD)) == 2000
+    answer = daemon.answer(b"/x", b"cmd=pcapdump&duration=-5&totalsize=2000&interface=lo")
+    assert len(body_of(answer, CAPTURE_HEAD)) == 2000
     assert time.monotonic() - begin >= 4.5

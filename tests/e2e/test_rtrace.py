@@ -147,8 +147,8 @@ def test_unknown_sources_are_ignored(daemon, idle):
         assert count(records_until(browser, lambda records: len(records) == 2), MEMINFO) == 2
 
 
-# Mounts five file systems whose servers never answer, and then a working one. Only this process, and the program that
-# it executes, see them.
+# Mounts five file systems whose servers never answer, and then a working one. Only this process, and the
+# program that it executes, see them.
 MUTE_MOUNT = """
 import ctypes, os, stat, sys
 libc = ctypes.CDLL(None, use_errno=True)
@@ -190,7 +190,8 @@ def test_hanging_mounts_are_left_out_and_delay_nothing(start, tmp_path):
     for record in records:
         assert b"\t/run\n" in record.data and f"\t{tmp_path}/working\n".encode() in record.data
         assert b"mute" not in record.data
-    # Asking them again would cost half a second each time. The shortest gap counts, because a busy machine may be late.
+    # Asking them again would cost half a second each time. The shortest gap counts, because a busy machine
+    # may be late.
     gaps = [after.time_ms - before.time_ms for before, after in itertools.pairwise(records)]
     assert min(gaps) < 1500
     wait_for(lambda: len(threads_of(daemon.pid)) == idle["threads"] + 5, "one blocked thread for each")
@@ -306,7 +307,7 @@ def test_two_traces_and_an_archive_can_run_at_once(daemon, idle):
 
 def test_trace_takes_little_memory(daemon, idle):
     if SANITIZE:
-        pytest.skip("a sanitizer takes memory of its own")
+        pytest.skip("not measured with a sanitizer, which uses more memory")
     before = daemon.resident_kb()
     with daemon.ask(b"/x", trace_query(0, "all")) as browser:
         records_until(browser, lambda records: count(records, GROUP) >= 20)

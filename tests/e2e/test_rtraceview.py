@@ -207,7 +207,7 @@ def test_failed_allocation_is_reported(small, faults):
 
 def test_memory_does_not_grow_with_the_trace(trace):
     if SANITIZE:
-        pytest.skip("a sanitizer takes memory of its own")
+        pytest.skip("not measured with a sanitizer, which uses more memory")
     stream = trace.read_bytes()
 
     def peak(repeats):

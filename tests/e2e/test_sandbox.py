@@ -1,4 +1,5 @@
-"""tools/sandbox from outside: its command line, what passes through to the command, and what the command sees."""
+"""tools/sandbox from outside: its command line, what passes through to the command, and what the command
+sees."""
 
 import os
 import re

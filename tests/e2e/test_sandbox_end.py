@@ -10,7 +10,9 @@ import time
 
 import pytest
 
-from support.sandboxes import LIMIT_S, SANDBOX, Running, in_mask, make_marker, output, sharing_mounts_of, start_time, with_marker
+from support.sandboxes import (
+    LIMIT_S, SANDBOX, Running, in_mask, make_marker, output, sharing_mounts_of, start_time, with_marker,
+)  # fmt: skip
 from support.waiting import wait_for
 
 pytestmark = pytest.mark.skipif(os.geteuid() != 0, reason="needs root, to make namespaces and mounts")
@@ -240,7 +242,8 @@ def test_ctrl_c_arrives_once_and_a_second_one_ends_everything(at_terminal):
     terminal.expect("ready")
     terminal.type("\x03")
     terminal.expect("SIGINT")
-    wait_for(lambda: not in_mask(terminal.pid, "ShdPnd", signal.SIGINT), "SIGINT delivered", LIMIT_S)  # two pending become one
+    # Two pending signals would become one.
+    wait_for(lambda: not in_mask(terminal.pid, "ShdPnd", signal.SIGINT), "SIGINT delivered", LIMIT_S)
     terminal.type("\x03")
     terminal.ends_with(130)
     wait_for(lambda: not with_marker(marker), lambda: with_marker(marker), LIMIT_S)

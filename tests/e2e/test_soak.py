@@ -28,8 +28,8 @@ SHARES = {
 }  # fmt: skip
 ARCHIVES = 40  # half of them are read to the end, half are left
 ARCHIVE_TIME = 30  # seconds for all of them; on a slow machine, fewer are made
-# The C library keeps the arenas of the threads, and the arenas that are used differ between runs. Sanitizers keep
-# freed memory for a while, and shadow memory for all addresses that were ever used.
+# The C library keeps the arenas of the threads, and the arenas that are used differ between runs. Sanitizers
+# keep freed memory for a while, and shadow memory for all addresses that were ever used.
 GROWTH_KB = 16384 if SANITIZE else 512
 
 

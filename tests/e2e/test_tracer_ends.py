@@ -1,4 +1,5 @@
-"""Tracers, and daemons that trace, are ended by a signal at any moment. No process stays stopped, and none dies."""
+"""Tracers, and daemons that trace, are ended by a signal at any moment. No process stays stopped, and none
+dies."""
 
 import contextlib
 import os
@@ -23,14 +24,16 @@ pytestmark = pytest.mark.usefixtures("clean_sandbox")
 
 SEED = 7
 SLEEPERS, THREADS = 40, 11
-# How often each is ended: a tracer, a daemon that traces for a browser, one that makes an archive; 1000 times in all.
+# How often each is ended: a tracer, a daemon that traces for a browser, one that makes an archive; 1000 times
+# in all.
 ENDS, DAEMON_ENDS, ARCHIVE_ENDS = (10, 3, 2) if FAST or SANITIZE else (95, 28, 4)
 STOP = 1 << (signal.SIGSTOP - 1)
 SIGNALS = [signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT, signal.SIGKILL]
 
 
 def final_state(pid, tid):
-    """The state of a thread without a tracer. S: asleep, T: stopped, None: neither yet, or a stop is pending."""
+    """The state of a thread without a tracer. S: asleep, T: stopped, None: neither yet, or a stop is
+    pending."""
     text = status_of(pid, tid)
     assert "TracerPid:\t0\n" in text, text
     pending = [int(mask, 16) for mask in re.findall(r"^(?:SigPnd|ShdPnd):\t(\w+)$", text, re.MULTILINE)]

@@ -32,7 +32,8 @@ pytestmark = pytest.mark.skipif(not WEBFRONT.exists(), reason=f"{WEBFRONT} is no
 
 
 def assert_error(answer, status, words):
-    """The answer is a complete error page: a valid head, and one sentence in plain text that contains these words."""
+    """The answer is a complete error page: a valid head, and one sentence in plain text that contains these
+    words."""
     head, _, body = answer.partition(b"\r\n\r\n")
     lines = head.decode().split("\r\n")
     assert lines[0].startswith(f"HTTP/1.0 {status} "), answer
@@ -269,7 +270,8 @@ def test_stuck_daemon_delays_only_its_own_clients(front, socket_path):
         assert b"200 OK" in front.get("/")
         assert_error(front.get("/debug.tgz", method="POST"), 405, "GET")
         assert time.monotonic() - start < HEAD_TIME / 2
-        # The front tries 16 at a time, for 10 seconds each. A client that has waited for longer gets its error at once.
+        # The front tries 16 at a time, for 10 seconds each. A client that has waited for longer gets its
+        # error at once.
         answered = []
         while len(answered) < len(waiting) - 1:
             ready = select.select([c for c in waiting if c not in answered], [], [], PATIENCE)[0]

@@ -28,8 +28,8 @@ START_LIMIT = 60  # seconds until a program on the board must have started
 POLL_S = 0.1
 
 
-# Sends its standard input to the stream socket at a path, shuts the sending side down and waits for the end of the
-# connection, as the core handler does. Busybox has no such program.
+# Sends its standard input to the stream socket at a path, shuts the sending side down and waits for the end
+# of the connection, as the core handler does. Busybox has no such program.
 SEND_SOURCE = r"""
 #include <stdio.h>
 #include <string.h>
@@ -90,7 +90,8 @@ def start_daemon(board, *options):
 
 
 def start_front(board):
-    """Starts a web front for the daemon at the usual socket. Returns its address, without a slash at the end."""
+    """Starts a web front for the daemon at the usual socket. Returns its address, without a slash at the
+    end."""
     url = f"http://127.0.0.1:{board.http_port}"
     board.check(f"webfront --port 80 --forwarded-from {board.http_port} </dev/null >/tmp/webfront.log 2>&1 &")
 
@@ -118,7 +119,8 @@ def put_sender(board, remote="/tmp/send-to-socket"):
 
 @contextlib.contextmanager
 def served_board(build):
-    """A board with the device's files, a daemon at the usual sockets and a web front: `board`, `pid`, `url`."""
+    """A board with the device's files, a daemon at the usual sockets and a web front: `board`, `pid`,
+    `url`."""
     with emulated.Board(build, http=True) as board:
         put_device_files(board)
         pid = start_daemon(board)

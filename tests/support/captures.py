@@ -66,7 +66,8 @@ def split_capture(stream):
 
 
 def frames_of(stream):
-    """The captured frames in their original lengths. The rest of their records, and padding records, must be zero."""
+    """The captured frames in their original lengths. The rest of their records, and padding records, must be
+    zero."""
     frames = []
     for (seconds, microseconds, _, length), frame in split_capture(stream):
         assert not any(frame[length:])

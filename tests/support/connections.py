@@ -12,7 +12,8 @@ SMALL_BUFFER = 4096  # bytes that a connection holds when nobody reads it; the k
 
 
 def tcp_pair(buffer_size):
-    """Two ends of a connection over loopback, with buffers of about `buffer_size` bytes (None: the kernel's default)."""
+    """Two ends of a connection over loopback, with buffers of about `buffer_size` bytes (None: the kernel's
+    default)."""
     with socket.socket() as listener:
         if buffer_size:
             listener.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, buffer_size)
@@ -76,8 +77,8 @@ class Browser:
 
 
 def send_message(path, message, descriptors, end=True):
-    """Sends one control message with `descriptors` on its first byte, and returns the connection. The daemon may hang
-    up as soon as it has received enough.
+    """Sends one control message with `descriptors` on its first byte, and returns the connection. The daemon
+    may hang up as soon as it has received enough.
     """
     connection = socket.socket(socket.AF_UNIX)
     # With a timeout of Python's, connecting would fail at once while the daemon's queue is full.

@@ -20,8 +20,8 @@ OFF, ON = "Set service watchdogs state: no\n", "Set service watchdogs state: yes
 def when_free(ask):
     """The first answer to `ask()` that is not the busy page.
 
-    After a complete download the daemon is free for another archive at once. After one that was broken off, it is
-    busy for a little longer.
+    After a complete download the daemon is free for another archive at once. After one that was broken off,
+    it is busy for a little longer.
     """
 
     def answer():
@@ -65,7 +65,8 @@ class Control:
         return browser
 
     def push(self, dump):
-        """Sends a core as the core handler does. Returns what the daemon sends until it closes the connection."""
+        """Sends a core as the core handler does. Returns what the daemon sends until it closes the
+        connection."""
         with socket.socket(socket.AF_UNIX) as handler:
             handler.settimeout(PATIENCE)
             handler.connect(self.segfault_socket)

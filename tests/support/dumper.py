@@ -19,7 +19,8 @@ RELEASED_EARLY = "had to go on before its memory was read"
 
 
 def run_dcore(pid, *words, status=0):
-    """The core and the text after the control line. Checks that the control line announces the core's length."""
+    """The core and the text after the control line. Checks that the control line announces the core's
+    length."""
     ran = subprocess.run([DCORE, *words, str(pid)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                          stderr=subprocess.PIPE, timeout=PATIENCE)
     length, text = announced(ran.stderr)

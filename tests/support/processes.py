@@ -17,7 +17,8 @@ def processes():
 
 
 def process_stat(pid):
-    """The fields of /proc/PID/stat after the name: state, parent, group, session... None if the process is gone."""
+    """The fields of /proc/PID/stat after the name: state, parent, group, session... None if the process is
+    gone."""
     try:
         text = pathlib.Path(f"/proc/{pid}/stat").read_text()
     except (FileNotFoundError, ProcessLookupError):
@@ -59,8 +60,8 @@ def running_copies():
 
 
 def has_command_line(pid):
-    """False for a moment after Popen has returned: it returns when exec closes its descriptors, and the kernel sets up
-    the new command line after that."""
+    """False for a moment after Popen has returned: it returns when exec closes its descriptors, and the
+    kernel sets up the new command line after that."""
     return pathlib.Path(f"/proc/{pid}/cmdline").read_bytes() != b""
 
 
@@ -99,7 +100,8 @@ def end_by(process, sig):
 
 @contextlib.contextmanager
 def started():
-    """A function that starts programs, which are killed at the end. Their standard input and output are pipes."""
+    """A function that starts programs, which are killed at the end. Their standard input and output are
+    pipes."""
     programs = []
 
     def start(*words):
@@ -122,6 +124,7 @@ def in_mount_namespace(script):
 
 
 def without_trace_programs():
-    """Words that run a command where no program of a resource trace can be started, even if it is installed."""
+    """Words that run a command where no program of a resource trace can be started, even if it is
+    installed."""
     hide = (f"[ ! -e /usr/bin/{name} ] || mount --bind /dev/null /usr/bin/{name}" for name in TRACE_PROGRAMS)
     return in_mount_namespace("\n".join(hide))

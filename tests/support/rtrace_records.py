@@ -3,9 +3,10 @@
 import dataclasses
 import struct
 
-IOSTAT, SMAPS, STATUS, GROUP, FOLLOWED, SMAPSTOT, FILENR, MEMINFO, DISKINFO, PAGETYPEINFO, PELLORA, EVENT, PIDSTAT = range(
-    1, 14
-)
+(
+    IOSTAT, SMAPS, STATUS, GROUP, FOLLOWED, SMAPSTOT, FILENR, MEMINFO, DISKINFO, PAGETYPEINFO, PELLORA, EVENT,
+    PIDSTAT,
+) = range(1, 14)  # fmt: skip
 HEADER = struct.Struct("<IIqB3s")
 DISKS_HEADING = b"Filesystem          \tUsed\tAvail\tMounted on\n"
 
@@ -40,7 +41,8 @@ def split(stream):
 
 
 def read_until(receive, enough, head):
-    """Reads records after `head` until `enough(records)`. Returns the records, and the stream after the head."""
+    """Reads records after `head` until `enough(records)`. Returns the records, and the stream after the
+    head."""
     stream = b""
     while not (stream[: len(head)] == head and enough(split(stream[len(head) :]))):
         piece = receive(1 << 16)

@@ -56,7 +56,8 @@ def sharing_mounts_of(pid):
 
 
 def in_mask(pid, mask, number):
-    """True if a mask of /proc/PID/status has the signal. ShdPnd: it is pending. SigBlk: the process blocks it."""
+    """True if a mask of /proc/PID/status has the signal. ShdPnd: it is pending. SigBlk: the process blocks
+    it."""
     text = re.search(rf"^{mask}:\s*(\w+)", pathlib.Path(f"/proc/{pid}/status").read_text(), re.MULTILINE)[1]
     return bool(int(text, 16) & 1 << number - 1)
 

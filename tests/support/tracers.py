@@ -20,7 +20,8 @@ def program(name):
 
 
 def calls_of(text):
-    """(name, arguments, result) of each line about a system call. On entry to the call, the result is None."""
+    """(name, arguments, result) of each line about a system call. On entry to the call, the result is
+    None."""
     found = [LINE.fullmatch(line) for line in text.splitlines()]
     return [(match[5], match[6], match[7] and match[7][3:]) for match in found if match]
 
@@ -47,7 +48,8 @@ class Tracer:
 
     def has_ended(self):
         if SANITIZE == "thread":
-            # The thread sanitizer delays a signal until the next blocking call, which nothing else may interrupt.
+            # The thread sanitizer delays a signal until the next blocking call, which nothing else may
+            # interrupt.
             self.process.send_signal(signal.SIGINT)
         return self.process.poll() is not None
 

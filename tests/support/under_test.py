@@ -12,6 +12,6 @@ REMOTE_URL = os.environ.get("ZARVO_URL", "").rstrip("/")  # another machine to t
 
 
 def without_leak_check():
-    """An environment in which the address sanitizer does not look for leaks at exit. That check needs descriptors, may
-    hang without them, and complains when the program is killed meanwhile."""
+    """An environment in which the address sanitizer does not look for leaks at exit. That check needs
+    descriptors, may hang without them, and complains when the program is killed meanwhile."""
     return dict(os.environ, ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0")

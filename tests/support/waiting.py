@@ -10,10 +10,11 @@ ATTEMPTS = 20
 
 
 def wait_for(condition, what, seconds=PATIENCE, poll_s=POLL_S):
-    """Returns the first true value of `condition()`. Fails with `what`, a text or a function that returns one.
+    """Returns the first true value of `condition()`. Fails with `what`, a text or a function that returns
+    one.
 
-    The condition is evaluated at least ATTEMPTS times, so a machine that stalls for longer than the timeout does not
-    fail the test.
+    The condition is evaluated at least ATTEMPTS times, so a machine that stalls for longer than the timeout
+    does not fail the test.
     """
     end = time.monotonic() + seconds
     attempts = 0

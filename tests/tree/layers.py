@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Checks that folders include only from lower layers, and that each include names its folder.
 
-Usage: layers.py ROOT. Prints one line for each include that breaks the rule, and exits with 1 if there is one.
+Usage: layers.py ROOT. Prints one line for each include that breaks the rule, and exits with 1 if there is
+one.
 """
 import pathlib
 import re

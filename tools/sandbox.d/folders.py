@@ -1,7 +1,8 @@
-"""The file system of the command: its own /proc, /run and /dev, and the device's files in the machine's folders.
+"""The file system of the command: its own /proc, /run and /dev, and the device's files in the machine's
+folders.
 
-Runs in the first process of the new namespaces. Everything is written to tmpfs mounts of the private mount namespace,
-which the kernel drops when its last process ends.
+Runs in the first process of the new namespaces. Everything is written to tmpfs mounts of the private mount
+namespace, which the kernel drops when its last process ends.
 """
 
 import os
@@ -20,7 +21,8 @@ LOG_FILE = "/run/log/messages"
 
 
 def set_up(dcore, overlay, net):
-    """Sets up everything. Raises OSError if a step fails. What was mounted until then disappears with this process."""
+    """Sets up everything. Raises OSError if a step fails. What was mounted until then disappears with this
+    process."""
     folders = EXTENDED + (["/usr/bin"] if dcore else [])
     inner = inner_mounts(folders)
     resolver = hidden_resolver()
@@ -94,8 +96,8 @@ def overlay_over(lower, folder, upper):
 
 
 def extend(folder, dcore, overlay):
-    """Adds the device's files to a folder. Returns False if it made a folder of links, whose targets must then appear in
-    /run/machine."""
+    """Adds the device's files to a folder. Returns False if it made a folder of links, whose targets must
+    then appear in /run/machine."""
     upper = STAGING + "/upper" + folder
     make_folder_like(upper, folder)
     add_device_files(folder, upper)
@@ -187,7 +189,8 @@ def make_run(machine):
 
 
 def make_dev():
-    """A private /dev, for a private /dev/log. The terminals are the machine's, since the caller's is one of them."""
+    """A private /dev, for a private /dev/log. The terminals are the machine's, since the caller's is one of
+    them."""
     nodes = []
     for name in DEVICE_NODES:
         if os.path.exists("/dev/" + name):
@@ -217,7 +220,8 @@ def make_ptmx():
 
 
 def make_proc(net):
-    """Kernel settings are read-only, because they are the machine's. Those of a private network are writable."""
+    """Kernel settings are read-only, because they are the machine's. Those of a private network are
+    writable."""
     linux.mount("proc", "/proc", "proc", linux.MS_NOSUID | linux.MS_NODEV | linux.MS_NOEXEC)
     linux.bind("/proc/sys", "/proc/sys", read_only=True)
     if net:

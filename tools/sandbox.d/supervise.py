@@ -1,12 +1,12 @@
 """The two processes around the command: a supervisor outside its PID namespace and the init inside.
 
-unshare(1) runs this file in the new mount namespace. The supervisor has the process id that the caller knows. It
-receives signals and returns the exit status. Its only child, init, is process 1 of the new PID namespace. Init sets up
-the file system, starts the command, collects syslog messages and reaps orphans. When init ends, the kernel kills all
-other processes in the namespace before it wakes the supervisor.
+unshare(1) runs this file in the new mount namespace. The supervisor has the process id that the caller knows.
+It receives signals and returns the exit status. Its only child, init, is process 1 of the new PID namespace.
+Init sets up the file system, starts the command, collects syslog messages and reaps orphans. When init ends,
+the kernel kills all other processes in the namespace before it wakes the supervisor.
 
-The supervisor writes to init through a pipe. A byte is the number of a signal for the command. End of file means that
-the supervisor is gone.
+The supervisor writes to init through a pipe. A byte is the number of a signal for the command. End of file
+means that the supervisor is gone.
 """
 
 import marshal
@@ -32,7 +32,8 @@ def exit_status(wait_status):
 
 
 def keep_only(kept):
-    """Closes the caller's other descriptors. Otherwise a pipe would stay open after the command has closed its end."""
+    """Closes the caller's other descriptors. Otherwise a pipe would stay open after the command has closed
+    its end."""
     null = os.open("/dev/null", os.O_RDWR)
     for number in range(3):
         os.dup2(null, number)
@@ -60,8 +61,8 @@ def foreground_terminal():
 def take_back(terminal):
     """Makes our process group the foreground job again.
 
-    A shell in the sandbox may have made its own group the foreground job. It cannot restore ours, which has no
-    number in its PID namespace.
+    A shell in the sandbox may have made its own group the foreground job. It cannot restore ours, which has
+    no number in its PID namespace.
     """
     try:
         os.killpg(os.tcgetpgrp(terminal), 0)
@@ -199,7 +200,8 @@ def pass_on(number, command_pid):
 
 
 def attend(command_pid, control, log, log_file, woken):
-    """Handles signals, messages and orphans until the command or the supervisor ends. Returns our exit status."""
+    """Handles signals, messages and orphans until the command or the supervisor ends. Returns our exit
+    status."""
     poll = select.poll()
     for number in (control, log.fileno(), woken):
         poll.register(number, select.POLLIN)

@@ -1,11 +1,11 @@
-// Does things in the page as its users would, in a real browser.
+// Uses the page as a user would, in a real browser.
 //
 //   node browse.mjs MODULES BROWSER
 //
 // MODULES is the folder that contains node_modules. Each line of the input is JSON and starts a scenario: its name as
-// "scenario", the front's "url", "patience" in seconds, and the scenario's own parameters. The answer to each is a line
-// of JSON: what the scenario "found", or "failed" with the reason; the "complaints" that the browser logged; and the
-// requests to "strangers", hosts other than the front.
+// "scenario", the front's "url", "patience" in seconds, and the scenario's own parameters. The answer is a line of JSON:
+// the result of the scenario as "found", or the reason why it "failed"; the "errors" that the browser logged; and the
+// "foreign" requests, to other hosts than the front.
 import {readFileSync} from "node:fs";
 import {createRequire} from "node:module";
 import {createInterface} from "node:readline";
@@ -19,7 +19,7 @@ const FLAGS = [
 const NO_PICKER = () => {
     delete window.showSaveFilePicker;
 };
-// A picker that returns a file of the page's own storage without asking, since nobody can click in a dialog here.
+// A picker that returns a file in the page's own storage without a dialog.
 const OWN_PICKER = () => {
     window.showSaveFilePicker = async ({suggestedName}) => {
         const folder = await navigator.storage.getDirectory();
@@ -31,8 +31,8 @@ const CLOSING_PICKER = () => {
 };
 
 let given = {};
-let complaints = [];
-let strangers = [];
+let errors = [];
+let foreign = [];
 
 async function newPage(browser, {init = NO_PICKER, ...how} = {}) {
     const context = await browser.newContext({
@@ -43,13 +43,13 @@ async function newPage(browser, {init = NO_PICKER, ...how} = {}) {
     const page = await context.newPage();
     page.on("console", (message) => {
         if (message.type() === "error" || message.type() === "warning") {
-            complaints.push(`${message.text()} ${message.location().url}`);
+            errors.push(`${message.text()} ${message.location().url}`);
         }
     });
-    page.on("pageerror", (error) => complaints.push(String(error)));
+    page.on("pageerror", (error) => errors.push(String(error)));
     context.on("request", (request) => {
         if (!/^(data|blob):/.test(request.url()) && new URL(request.url()).origin !== new URL(given.url).origin) {
-            strangers.push(request.url());
+            foreign.push(request.url());
         }
     });
     await page.goto(given.url);
@@ -70,7 +70,7 @@ async function fill(page, kind, fields) {
     }
 }
 
-// Fills in the form, submits it and waits for the end of its request. Returns what the page then says.
+// Fills in the form, submits it and waits for the end of its request. Returns the state that the page shows.
 async function ask(page, kind, fields = {}, button = null) {
     const before = await page.locator(".job").count();
     await fill(page, kind, fields);
@@ -86,10 +86,10 @@ async function readDownload(download) {
 }
 
 const scenarios = {
-    // Sends each given request. Returns for each what the page says and the name of the saved file.
+    // Sends each given request. Returns what the page shows for each, and the name of the saved file.
     async forms(browser) {
         const page = await newPage(browser);
-        const said = [];
+        const shown = [];
         let name = "";
         page.on("download", (download) => {
             name = download.suggestedFilename();
@@ -98,9 +98,9 @@ const scenarios = {
             name = "";
             const state = await ask(page, kind, fields, button);
             const classes = await newestJob(page, kind).getAttribute("class");
-            said.push({kind, state, classes, text: await newestJob(page, kind).innerText(), name});
+            shown.push({kind, state, classes, text: await newestJob(page, kind).innerText(), name});
         }
-        return said;
+        return shown;
     },
 
     async without_script(browser) {
@@ -124,7 +124,7 @@ const scenarios = {
         return {names, targets, hidden, note: await page.locator("noscript").innerText()};
     },
 
-    // A download straight into a file: what the file contains at the end.
+    // Downloads straight into a file. Returns the checksum of its content.
     async into_a_file(browser) {
         const page = await newPage(browser, {init: OWN_PICKER});
         let downloads = 0;
@@ -168,7 +168,7 @@ const scenarios = {
         return {asked, saved: await readDownload(download)};
     },
 
-    // The list of processes: what it shows, sorts and filters, and the requests that it starts.
+    // Sorts and filters the list of processes, and starts requests from it.
     async list(browser) {
         const page = await newPage(browser);
         const column = (name) => page.locator(`#table tbody tr:visible ${name}`).allInnerTexts();
@@ -193,7 +193,7 @@ const scenarios = {
         return found;
     },
 
-    // Only the keyboard: it reaches each control and sends a request.
+    // Reaches each control and sends a request with the keyboard only.
     async keyboard(browser) {
         const page = await newPage(browser);
         const reachable = await page.evaluate(() => [...document.querySelectorAll("a, button, input:not([type=hidden])")]
@@ -226,7 +226,7 @@ const scenarios = {
         return {reachable, reached: seen.size, nameless};
     },
 
-    // Widths and contrasts in each given look, with all kinds of content in the page.
+    // Measures widths and contrasts in each given look, with all kinds of content in the page.
     async looks(browser) {
         const found = {};
         for (const [name, how] of Object.entries(given.looks)) {
@@ -241,7 +241,7 @@ const scenarios = {
         return found;
     },
 
-    // With a real daemon: an archive, and the answer to a second request during it.
+    // Downloads an archive of a real daemon, and sends a second request meanwhile.
     async archive(browser) {
         const page = await newPage(browser);
         await page.getByRole("button", {name: "Download debug.tar"}).click();
@@ -263,7 +263,7 @@ const scenarios = {
                 name: download.suggestedFilename()};
     },
 
-    // A trace started from the list, paused, filtered, stopped and saved.
+    // Starts a trace from the list, and pauses, filters, stops and saves it.
     async trace(browser) {
         const page = await newPage(browser);
         await page.locator("#filter").fill("caller");
@@ -332,9 +332,9 @@ function measure() {
 const browser = await chromium.launch({executablePath: program, args: FLAGS});
 for await (const line of createInterface({input: process.stdin})) {
     given = JSON.parse(line);
-    complaints = [];
-    strangers = [];
-    const answer = {complaints, strangers};
+    errors = [];
+    foreign = [];
+    const answer = {errors, foreign};
     try {
         answer.found = await scenarios[given.scenario](browser);
     } catch (error) {

@@ -1,6 +1,6 @@
-// A process to be dumped; the tests build it themselves, for this machine and for the board.
+// A process to be dumped. The tests compile it themselves, for this machine and for the board.
 //
-// usage: dumped KIND [NUMBER]; says what there is to know in one line, then goes on until its input ends.
+// usage: dumped KIND [NUMBER]; prints one line that describes the process, and runs until its input ends.
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -29,7 +29,7 @@
 #include <linux/io_uring.h>
 #endif
 
-// What the debugger is asked for.
+// The tests ask the debugger for these.
 extern "C" {
 volatile int known_global = 0x1234567;
 volatile double known_double = 2.5;
@@ -57,7 +57,7 @@ namespace {
 
 const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
 
-void tell_and_wait(const char* text) {
+void print_and_wait(const char* text) {
     puts(text);
     fflush(stdout);
     main_waits();
@@ -79,10 +79,10 @@ void with_threads(long count) {
     while (parked < count) {
         sched_yield();
     }
-    tell_and_wait("ready");
+    print_and_wait("ready");
 }
 
-// Reserves NUMBER MB, of which every 1/1280 has one page.
+// Reserves NUMBER MB and touches 1280 pages of them at equal distances.
 void sparse(long megabytes) {
     size_t length = static_cast<size_t>(megabytes) << 20;
     unsigned char* memory = map(length, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE);
@@ -91,10 +91,10 @@ void sparse(long megabytes) {
     }
     char line[64];
     snprintf(line, sizeof line, "%lx", reinterpret_cast<unsigned long>(memory));
-    tell_and_wait(line);
+    print_and_wait(line);
 }
 
-// 60,000 mappings, and every second page of one of 30,000: more segments than an ELF header can count.
+// Makes 60,000 mappings, and touches every second page of 30,000: more segments than an ELF header can count.
 void many() {
     unsigned char *mappings = map(60000 * page), *scattered = map(30000 * page);
     madvise(scattered, 30000 * page, MADV_NOHUGEPAGE);
@@ -106,10 +106,10 @@ void many() {
     }
     char line[64];
     snprintf(line, sizeof line, "%lx", reinterpret_cast<unsigned long>(scattered));
-    tell_and_wait(line);
+    print_and_wait(line);
 }
 
-// NUMBER MB with its own content.
+// Fills NUMBER MB.
 void full(long megabytes) {
     size_t length = static_cast<size_t>(megabytes) << 20;
     unsigned char* memory = map(length);
@@ -118,12 +118,11 @@ void full(long megabytes) {
     }
     char line[64];
     snprintf(line, sizeof line, "%lx", reinterpret_cast<unsigned long>(memory));
-    tell_and_wait(line);
+    print_and_wait(line);
 }
 
-// Two pages of each kind: left out by request; out of the process's own reach; shared, written by a child;
-// of a file that is no longer as long; of a file, the first of them written to; shared, of a file with a
-// name.
+// Maps two pages of each kind: MADV_DONTDUMP; PROT_NONE; shared, written by a child; of a file that has been
+// truncated; of a file, with the first page written to; shared, of a file with a name.
 void kinds() {
     char name[] = "/tmp/dumpedXXXXXX";
     int file = mkstemp(name);
@@ -161,12 +160,12 @@ void kinds() {
     snprintf(line, sizeof line, "%p %p %p %p %p %p", static_cast<void*>(secret), static_cast<void*>(closed),
              static_cast<void*>(shared), static_cast<void*>(cut), static_cast<void*>(written),
              static_cast<void*>(of_file));
-    tell_and_wait(line);
+    print_and_wait(line);
     unlink(name_of_shared);
 }
 
-// Huge pages, private and shared, each with its own content: reserved ones, or (nil) where there are none,
-// and one that the kernel may make of small ones.
+// Fills huge pages: a private and a shared reserved one, or (nil) if none are reserved, and a transparent
+// one.
 unsigned char* huge_page(int flags, int content) {
     constexpr size_t length = 2 << 20;
     void* memory = mmap(nullptr, 2 * length, PROT_READ | PROT_WRITE, flags | MAP_ANONYMOUS, -1, 0);
@@ -185,10 +184,10 @@ void huge() {
     snprintf(line, sizeof line, "%p %p %p", static_cast<void*>(huge_page(MAP_PRIVATE | MAP_HUGETLB, 'p')),
              static_cast<void*>(huge_page(MAP_SHARED | MAP_HUGETLB, 's')),
              static_cast<void*>(huge_page(MAP_PRIVATE, 't')));
-    tell_and_wait(line);
+    print_and_wait(line);
 }
 
-// Counts as fast as it can in one word of each of its NUMBER MB's pages, the first first.
+// Increments one word in each page of NUMBER MB in turn, as fast as it can.
 void counts(long megabytes) {
     size_t pages = (static_cast<size_t>(megabytes) << 20) / page;
     unsigned char* memory = map(pages * page);
@@ -203,7 +202,7 @@ void counts(long megabytes) {
     }
 }
 
-// Threads come and go.
+// Starts threads, which end at once.
 void churns() {
     puts("ready");
     fflush(stdout);
@@ -227,7 +226,7 @@ void first_ends() {
     pthread_exit(nullptr);
 }
 
-// The child holds its parent up until the input ends.
+// vfork: the child delays its parent until the input ends.
 void vforks() {
     pid_t child = vfork();
     if (child == 0) {
@@ -241,8 +240,7 @@ void vforks() {
     puts("went on");
 }
 
-// Each image starts NUMBER threads, and one thread, any of them, runs the program again, until the input
-// ends.
+// Each image starts NUMBER threads, and any one of them executes the program again, until the input ends.
 void* run_again(void* number) {
     execl("/proc/self/exe", "dumped", "execs", static_cast<char*>(number), "again",
           static_cast<char*>(nullptr));
@@ -263,7 +261,7 @@ void execs(char* number, bool is_first) {
     long chosen = now.tv_nsec / 64 % (count + 1);
     for (long i = 0; i < count; i++) {
         pthread_t thread;
-        // While another thread runs the program again none can be started; then this one ends as well.
+        // No thread can be started during the exec of another thread, which also ends this one.
         pthread_create(&thread, nullptr, i == chosen ? run_again : outlives, number);
     }
     if (chosen == count) {
@@ -273,20 +271,20 @@ void execs(char* number, bool is_first) {
     pause();
 }
 
-// One signal waits, as it is blocked.
+// Has a blocked, pending signal.
 void has_pending() {
     sigset_t blocked;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGUSR2);
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
     kill(getpid(), SIGUSR2);
-    tell_and_wait("ready");
+    print_and_wait("ready");
     siginfo_t info;
     printf("%s\n",
            sigwaitinfo(&blocked, &info) == SIGUSR2 && info.si_pid == getpid() ? "still there" : "lost");
 }
 
-// Counts the signals that it handles, and has NUMBER MB.
+// Fills NUMBER MB, and counts the signals that it handles.
 volatile sig_atomic_t usual_signals, queued_signals;
 void count_usual(int) {
     usual_signals = usual_signals + 1;
@@ -302,11 +300,11 @@ void counts_signals(long megabytes) {
     action.sa_handler = count_queued;
     sigaction(SIGRTMIN, &action, nullptr);
     memset(map(static_cast<size_t>(megabytes) << 20), 'm', static_cast<size_t>(megabytes) << 20);
-    tell_and_wait("ready");
+    print_and_wait("ready");
     printf("%d %d\n", static_cast<int>(usual_signals), static_cast<int>(queued_signals));
 }
 
-// Runs another program, itself, when there is a byte of input; threads wait beside it.
+// Executes itself when there is a byte of input, while other threads are waiting.
 void execs_when_told(long count) {
     for (long i = 0; i < count; i++) {
         std::thread(parked_outer).detach();
@@ -319,8 +317,8 @@ void execs_when_told(long count) {
     }
 }
 
-// Known values in the registers of floating-point numbers and vectors during a call that waits. Byte I of
-// vector register N is N * 7 + I + 1; floating-point register N is N + 0.5.
+// Has known values in the floating-point and vector registers during a blocking call. Byte I of vector
+// register N is N * 7 + I + 1; floating-point register N is N + 0.5.
 #if defined(__x86_64__)
 void has_registers() {
     alignas(64) static unsigned char rows[17][64];
@@ -373,8 +371,8 @@ void has_registers() {
 }
 #endif
 
-// Calls that wait, and what they say in the end. What wakes them is a byte of input or, where there is no
-// way, time: more than a machine that is short of it takes for the dumps.
+// Blocking calls, whose results are printed at the end. A byte of input wakes them. Calls that cannot be
+// woken so time out, after longer than the dumps take on a busy machine.
 int waits_epoll() {
     int epoll = epoll_create1(EPOLL_CLOEXEC);
     epoll_event event = {};
@@ -394,7 +392,7 @@ int waits_sleep() {
     timespec time = {5, 0};
     return nanosleep(&time, nullptr) == 0 ? 1 : -1;
 }
-// Runs `wake` on a thread of its own as soon as there is a byte of input.
+// Calls `wake` on a thread of its own when there is a byte of input.
 template <typename wake_call>
 void on_input(wake_call wake) {
     std::thread([wake] {
@@ -454,8 +452,8 @@ void connect_pair(int (&pair)[2]) {
     pair[1] = accept(listener, nullptr, nullptr);
 }
 
-// A socket with a timeout that takes no more until there is a byte of input. It is full when it has been for
-// a while: at first the kernel makes space in one of its two buffers through the other.
+// A socket with a timeout, which stays full until there is a byte of input. It counts as full when it has
+// been full for a while, because at first the kernel moves data from one of its two buffers to the other.
 int full_socket() {
     int pair[2];
     connect_pair(pair);
@@ -468,7 +466,7 @@ int full_socket() {
             full = 0;
         }
         for (clock_t end = clock() + CLOCKS_PER_SEC / 50; clock() < end;) {
-            sched_yield();  // asleep would mean that the call waits
+            sched_yield();  // not sleep: the test takes a sleeping process for one in the blocking call
         }
     }
     on_input([other = pair[1]] {
@@ -498,7 +496,8 @@ int waits_splice() {
 }
 
 #ifdef IORING_SETUP_CQSIZE
-// A ring into which nothing is put until there is a byte of input; -2 where the kernel gives none.
+// Waits for a completion in an io_uring, which comes with a byte of input. -2: the kernel does not support
+// io_uring.
 int waits_uring() {
     io_uring_params params = {};
     int ring = static_cast<int>(syscall(SYS_io_uring_setup, 1, &params));
@@ -511,7 +510,7 @@ int waits_uring() {
                 mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, ring, what));
         };
         unsigned char* queue = at(params.sq_off.array + sizeof(unsigned), IORING_OFF_SQ_RING);
-        at(sizeof(io_uring_sqe), IORING_OFF_SQES);  // all zeros: does nothing
+        at(sizeof(io_uring_sqe), IORING_OFF_SQES);  // all zeros: a request that does nothing
         unsigned one = 1;
         memcpy(queue + params.sq_off.tail, &one, sizeof one);
         syscall(SYS_io_uring_enter, ring, 1, 0, 0, nullptr, 0);

@@ -1,4 +1,4 @@
-// exec_chain COUNT: replaces itself by itself COUNT times and then ends with status 5.
+// exec_chain COUNT: executes itself COUNT times, and then exits with status 5.
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>

@@ -1,4 +1,5 @@
-// Sends itself signals that it handles, ignores and dies of: SIGUSR1, SIGUSR2, SIGTERM.
+// Sends itself a signal that it handles, one that it ignores and one that kills it: SIGUSR1, SIGUSR2,
+// SIGTERM.
 #include <signal.h>
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// sockets PATH: listens and connects over loopback and at PATH, sends "hello" each way round, and says its
-// ports on standard output: "LISTENER CLIENT".
+// sockets PATH: connects to itself over loopback and at PATH, sends "hello" in both directions, and prints
+// its ports: "LISTENER CLIENT".
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <stdio.h>

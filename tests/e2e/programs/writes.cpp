@@ -1,4 +1,4 @@
-// writes: writes 3, 64, 65 and a million bytes to descriptor 3, which it opens on /dev/null.
+// writes: writes 3, 64, 65 and a million bytes to descriptor 3, which is /dev/null.
 #include <fcntl.h>
 #include <string.h>
 #include <unistd.h>
