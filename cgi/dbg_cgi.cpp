@@ -10,7 +10,6 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -19,7 +18,9 @@
 #include "archive/pipeline.h"
 #include "cgi/listener.h"
 #include "common/ending.h"
+#include "common/standard_fds.h"
 #include "common/unique_fd.h"
+#include "common/unix_address.h"
 #include "dump/dumper.h"
 #include "monitor/monitor.h"
 #include "platform/qorlink.h"
@@ -91,18 +92,6 @@ bool parse_options(int argc, char** argv, daemon_options* options) {
     return true;
 }
 
-// A closed standard descriptor would be given to the next socket or pipe, and a child or a message would
-// then write into it.
-void fill_standard_descriptors() {
-    int fd;
-    do {
-        fd = open("/dev/null", O_RDWR);
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd >= 0) {
-        close(fd);
-    }
-}
-
 void raise_descriptor_limit() {
     rlimit limit;
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < wanted_descriptors) {
@@ -172,11 +161,8 @@ unique_fd open_segfault_socket(const char* path) {
     if (!server) {
         return server;
     }
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, path, strnlen(path, sizeof address.sun_path));
-    if (bind(server.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) < 0 ||
-        listen(server.get(), segfault_backlog) < 0) {
+    const unix_address address(path);  // one that is too long is cut; deliberate
+    if (bind(server.get(), address.get(), address.size()) < 0 || listen(server.get(), segfault_backlog) < 0) {
         syslog(LOG_ERR, "Could not open %s: %m", path);
         return unique_fd();
     }
@@ -216,7 +202,7 @@ int run_daemon(const daemon_options& options) {
 
 int run_dbg_cgi(int argc, char** argv) {
     const bool has_output = fcntl(STDOUT_FILENO, F_GETFD) >= 0;
-    fill_standard_descriptors();
+    standard_fds_fill(O_RDWR);
     openlog("dbg-cgi", LOG_PID, LOG_DAEMON);
     daemon_options options;
     if (!parse_options(argc, argv, &options)) {

@@ -12,6 +12,7 @@
 #include "cgi/request.h"
 #include "cgi/stored_dump.h"
 #include "cgi/waiting_browser.h"
+#include "common/exhaustion.h"
 #include "common/unique_fd.h"
 #include "platform/qorlink.h"
 
@@ -51,7 +52,7 @@ void prepare_connection(int fd) {
 
 // Pauses when the last call failed for want of something that only time brings back.
 void pause_if_exhausted() {
-    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+    if (is_exhaustion(errno)) {
         usleep(exhausted_pause_us);
     }
 }

@@ -9,7 +9,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -18,7 +17,9 @@
 #include <string_view>
 
 #include "common/safe_io.h"
+#include "common/standard_fds.h"
 #include "common/unique_fd.h"
+#include "common/unix_address.h"
 #include "platform/mirnel.h"
 
 namespace {
@@ -67,27 +68,8 @@ bool find_handler(mirnel_cfg* cfg, mirnel_entry& entry) {
 }
 
 bool connect_to(int sock, const char* path) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    size_t length = strlen(path);
-    if (length >= sizeof address.sun_path) {
-        return false;
-    }
-    memcpy(address.sun_path, path, length);
-    return connect(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-}
-
-// The kernel opens nothing but standard input for us. What we open must not get the number of another
-// standard descriptor, or a line for standard error could end up in the core. Not readable, so that a missing
-// standard input stays one that can't be read.
-void fill_standard_descriptors() {
-    int fd = 0;
-    while (fd >= 0 && fd <= STDERR_FILENO) {
-        fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
+    const unix_address address(path);
+    return address.has_whole_path() && connect(sock, address.get(), address.size()) == 0;
 }
 
 // Copying from what can't be read at all would never end.
@@ -203,7 +185,9 @@ void cored_mgm_close(int sock) {
 }
 
 int run_coredump_handler(int argc, char** argv) {
-    fill_standard_descriptors();
+    // The kernel opens only standard input. It is filled for writing only, so that reading a closed one still
+    // fails.
+    standard_fds_fill(O_WRONLY | O_CLOEXEC);
     core_arguments arguments;
     if (const char* wrong = core_arguments_parse(argc, argv, arguments)) {
         syslog(LOG_ERR, "%s", wrong);

@@ -6,11 +6,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "common/deadline.h"
 #include "common/unique_fd.h"
+#include "common/unix_address.h"
 
 #pragma GCC visibility push(default)
 #include "platform/qorlink.h"
@@ -49,22 +49,17 @@ bool wait_until(int fd, short events, const deadline& end) {
     }
 }
 
-// False with errno set if `path` cannot be a socket's name.
-bool fill_address(sockaddr_un* address, const char* path) {
-    size_t length = strlen(path);
-    if (length == 0 || length >= sizeof(address->sun_path)) {
-        // An empty name would become an abstract address, outside the file system.
-        errno = length == 0 ? ENOENT : ENAMETOOLONG;
+// False with errno set if the address cannot be a socket's.
+bool check_address(const unix_address& address, const char* path) {
+    if (*path == '\0') {
+        errno = ENOENT;  // it would be an abstract address, outside the file system
         return false;
     }
-    memset(address, 0, sizeof(*address));
-    address->sun_family = AF_UNIX;
-    memcpy(address->sun_path, path, length + 1);
+    if (!address.has_whole_path()) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
     return true;
-}
-
-const sockaddr* generic(const sockaddr_un* address) {
-    return reinterpret_cast<const sockaddr*>(address);
 }
 
 // Accepts the next connection, as a non-blocking socket; -1 with errno set if none comes in time. `sock` is
@@ -147,7 +142,7 @@ int receive_rest(int conn, char* buf, int len, const deadline& end) {
 
 // Connects, and waits while the daemon's queue is full. poll cannot wait for that, but the send timeout
 // applies to it.
-bool connect_until(int sock, const sockaddr_un* address, const deadline& end) {
+bool connect_until(int sock, const unix_address& address, const deadline& end) {
     for (;;) {
         const int left_ms = end.left_ms();
         if (left_ms == 0) {
@@ -160,7 +155,7 @@ bool connect_until(int sock, const sockaddr_un* address, const deadline& end) {
         if (setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
             return false;
         }
-        if (connect(sock, generic(address), sizeof(*address)) == 0) {
+        if (connect(sock, address.get(), address.size()) == 0) {
             return true;
         }
         if (errno != EINTR && errno != EAGAIN) {
@@ -216,12 +211,12 @@ bool open_for_business(int sock, const char* path, int mode) {
 }  // namespace
 
 int qorlink_server_socket(const char* path, int mode) {
-    sockaddr_un address;
-    if (!fill_address(&address, path)) {
+    const unix_address address(path);
+    if (!check_address(address, path)) {
         return -1;
     }
     unique_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!sock || bind(sock.get(), generic(&address), sizeof(address)) != 0 ||
+    if (!sock || bind(sock.get(), address.get(), address.size()) != 0 ||
         !open_for_business(sock.get(), path, mode)) {
         return -1;
     }
@@ -257,8 +252,8 @@ int qorlink_recv(int sock, void* buf, int len, int* fd) {
 }
 
 int qorlink_send(const char* path, const void* buf, int len, int fd) {
-    sockaddr_un address;
-    if (!fill_address(&address, path)) {
+    const unix_address address(path);
+    if (!check_address(address, path)) {
         return -1;
     }
     if (len < 1) {
@@ -271,7 +266,7 @@ int qorlink_send(const char* path, const void* buf, int len, int fd) {
     }
     const deadline end(send_limit_ms);
     unique_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!sock || !connect_until(sock.get(), &address, end) ||
+    if (!sock || !connect_until(sock.get(), address, end) ||
         !send_until(sock.get(), static_cast<const char*>(buf), static_cast<size_t>(len), fd, end)) {
         return -1;
     }

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/exhaustion.h"
 #include "tools/webfront/answer.h"
 #include "tools/webfront/connection.h"
 #include "tools/webfront/handover.h"
@@ -148,7 +149,7 @@ private:
         for (int i = 0; i < accepts_per_round; i++) {
             unique_fd fd(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
             if (!fd) {
-                if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                if (is_exhaustion(errno)) {
                     paused_until_ = steady::now() + accept_pause;
                 }
                 return;

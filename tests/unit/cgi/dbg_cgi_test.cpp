@@ -6,11 +6,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 
 #include <filesystem>
 #include <vector>
 
+#include "common/unix_address.h"
 #include "platform/qorlink.h"
 #include "proc/proc_list.h"
 #include "tests/unit/cgi/browser.h"
@@ -230,10 +230,8 @@ void end_daemon(pid_t pid) {
 
 unique_fd connect_to(const std::string& path) {
     unique_fd peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path);
-    if (connect(peer.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    const unix_address address(path);
+    if (connect(peer.get(), address.get(), address.size()) != 0) {
         peer.reset();
     }
     return peer;

@@ -4,13 +4,13 @@
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <vector>
 
 #include "cgi/waiting_browser.h"
 #include "cgi/worker_archive.h"
 #include "common/monotonic.h"
+#include "common/unix_address.h"
 #include "platform/qorlink.h"
 #include "tests/unit/cgi/browser.h"
 #include "tests/unit/support/signals.h"
@@ -22,13 +22,6 @@ unique_fd unix_socket(int flags = 0) {
     return unique_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
 }
 
-sockaddr_un address_of(const std::string& path) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    return address;
-}
-
 // Both control sockets, real, in a folder of their own. An archive is always being made already.
 class listener : public testing::Test {
 protected:
@@ -37,9 +30,9 @@ protected:
         archive_busy = 1;
         cgi.reset(qorlink_server_socket(cgi_path.c_str(), 0600));
         segfault = unix_socket(SOCK_NONBLOCK);
-        sockaddr_un address = address_of(segfault_path);
+        const unix_address address(segfault_path);
         ASSERT_TRUE(cgi);
-        ASSERT_EQ(bind(segfault.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        ASSERT_EQ(bind(segfault.get(), address.get(), address.size()), 0);
         ASSERT_EQ(listen(segfault.get(), 2), 0);
     }
     void TearDown() override {
@@ -58,8 +51,8 @@ protected:
     // The far end of a connection to one of the sockets, with `bytes` sent on it.
     static unique_fd connection_to(const std::string& path, const std::string& bytes) {
         unique_fd peer = unix_socket();
-        sockaddr_un address = address_of(path);
-        EXPECT_EQ(connect(peer.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const unix_address address(path);
+        EXPECT_EQ(connect(peer.get(), address.get(), address.size()), 0);
         EXPECT_EQ(write(peer.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
         return peer;
     }

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <atomic>
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/unix_address.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/pipes.h"
@@ -65,10 +65,8 @@ core_destination destination_of(std::string_view config) {
 
 struct listening_socket {
     explicit listening_socket(const std::string& path) : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        strcpy(address.sun_path, path.c_str());
-        EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const unix_address address(path);
+        EXPECT_EQ(bind(fd.get(), address.get(), address.size()), 0);
         EXPECT_EQ(listen(fd.get(), 2), 0);
     }
     unique_fd fd;

@@ -8,7 +8,6 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "common/unix_address.h"
 #include "platform/qorlink.h"
 
 using std::chrono::milliseconds;
@@ -75,11 +75,8 @@ struct test_pipe {
 class peer {
 public:
     explicit peer(const std::string& path) : sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        EXPECT_EQ(connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0)
-            << strerror(errno);
+        const unix_address address(path);
+        EXPECT_EQ(connect(sock, address.get(), address.size()), 0) << strerror(errno);
     }
     peer(const peer&) = delete;
     ~peer() { hang_up(); }

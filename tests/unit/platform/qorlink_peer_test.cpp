@@ -264,10 +264,8 @@ TEST_F(qorlink_peer, receiver_that_hangs_up_does_not_kill_the_sender) {
 TEST_F(qorlink_peer, stuck_receiver_holds_the_sender_for_ten_seconds) {
     std::string full_path = folder + "/full";
     int full = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    full_path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    ASSERT_EQ(bind(full, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const unix_address address(full_path);
+    ASSERT_EQ(bind(full, address.get(), address.size()), 0);
     ASSERT_EQ(listen(full, 0), 0);
     peer fills_the_queue(full_path);
     test_pipe passed;

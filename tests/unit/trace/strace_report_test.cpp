@@ -9,13 +9,13 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "common/unix_address.h"
 #include "proc/proc_fd.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
@@ -89,10 +89,8 @@ unique_fd null_device() {
 // A Unix socket that listens at `path`.
 unique_fd listening_at(const std::string& path) {
     unique_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(sock.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const unix_address address(path);
+    EXPECT_EQ(bind(sock.get(), address.get(), address.size()), 0);
     EXPECT_EQ(listen(sock.get(), 1), 0);
     return sock;
 }
