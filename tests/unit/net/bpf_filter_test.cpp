@@ -73,7 +73,7 @@ test_address loopback(int family, bool any_address) {
     return address;
 }
 
-// A browser of one family at a server of another; nothing when this machine does not have them.
+// Connects a browser of one family to a server of another. Empty if this machine lacks one of them.
 std::optional<connection> connect_over_loopback(int browser_family, int server_family) {
     bool mixed = browser_family != server_family;
     unique_fd listener(socket(server_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -83,7 +83,7 @@ std::optional<connection> connect_over_loopback(int browser_family, int server_f
         return std::nullopt;
     }
     test_address target = loopback(browser_family, false);
-    target.v4.sin_port = htons(port_of(listener.get()));  // both families have it in the same place
+    target.v4.sin_port = htons(port_of(listener.get()));  // at the same offset in both families
     unique_fd browser(socket(browser_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     size = browser_family == AF_INET ? sizeof target.v4 : sizeof target.v6;
     if (connect(browser.get(), &target.any, size) != 0) {
@@ -157,7 +157,7 @@ public:
         EXPECT_EQ(setsockopt(ends_.b.get(), SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter), 0);
     }
     bool accepts(const std::string& frame) const {
-        (void)!send(ends_.a.get(), frame.data(), frame.size(), 0);  // fails where the filter drops it
+        (void)!send(ends_.a.get(), frame.data(), frame.size(), 0);  // fails if the filter drops it
         std::string got(frame.size() + 1, '\0');
         ssize_t size = recv(ends_.b.get(), got.data(), got.size(), MSG_DONTWAIT);
         EXPECT_TRUE(size < 0 || static_cast<size_t>(size) == frame.size()) << "cut";
@@ -185,7 +185,7 @@ kernel_filter connection_filter(const connection& c) {
 
 }  // namespace
 
-TEST(bpf_port_program, every_instruction_is_the_wanted_one) {
+TEST(bpf_port_program, has_the_24_documented_instructions) {
     const sock_filter wanted[] = {
         /*  0 */ {ldh, 0, 0, 12},
         /*  1 */ {jeq, 0, 8, 0x86dd},
@@ -233,7 +233,7 @@ TEST(bpf_port_program, port_of_ipv6_stays_22) {
     EXPECT_TRUE(filter.accepts(ipv4(tcp, ports(22, 5))));
 }
 
-TEST(bpf_port_program, accepts_what_has_no_ports) {
+TEST(bpf_port_program, accepts_packets_without_ports) {
     kernel_filter filter(port_program(22));
     EXPECT_TRUE(filter.accepts(ipv4(icmp, ports(22, 22))));
     EXPECT_TRUE(filter.accepts(ipv6(58, ports(22, 22))));
@@ -241,7 +241,7 @@ TEST(bpf_port_program, accepts_what_has_no_ports) {
     EXPECT_TRUE(filter.accepts(vlan(ipv4(tcp, ports(22, 22)))));
 }
 
-TEST(bpf_port_program, finds_ports_behind_ip_options) {
+TEST(bpf_port_program, finds_ports_after_ip_options) {
     kernel_filter filter(port_program(22));
     for (unsigned words : {1u, 5u, 10u}) {
         EXPECT_FALSE(filter.accepts(ipv4(tcp, ports(5, 22), {.option_words = words}))) << words;
@@ -249,7 +249,7 @@ TEST(bpf_port_program, finds_ports_behind_ip_options) {
     }
 }
 
-TEST(bpf_port_program, first_fragment_has_ports_and_later_ones_have_none) {
+TEST(bpf_port_program, drops_only_the_first_fragment) {
     kernel_filter filter(port_program(22));
     constexpr unsigned more = 0x2000;
     EXPECT_FALSE(filter.accepts(ipv4(udp, ports(5, 22), {.fragment = more})));
@@ -258,7 +258,7 @@ TEST(bpf_port_program, first_fragment_has_ports_and_later_ones_have_none) {
     EXPECT_FALSE(filter.accepts(ipv4(udp, ports(5, 22), {.fragment = 0x4000})));
 }
 
-TEST(bpf_port_program, frame_too_short_to_look_at_is_dropped) {
+TEST(bpf_port_program, drops_frames_that_are_too_short) {
     kernel_filter filter(port_program(22));
     EXPECT_FALSE(filter.accepts(std::string(13, 'x')));
     EXPECT_FALSE(filter.accepts(ethernet(0x800, "")));
@@ -271,7 +271,7 @@ TEST(filter_me, ipv4_program_compares_both_ports_at_once) {
     expect_ipv4_program(*c);
 }
 
-TEST(filter_me, ipv4_in_an_ipv6_address_is_ipv4_on_the_wire) {
+TEST(filter_me, ipv4_mapped_address_gives_the_ipv4_program) {
     auto c = connect_over_loopback(AF_INET, AF_INET6);
     if (!c) {
         GTEST_SKIP() << "needs IPv6";
@@ -279,7 +279,7 @@ TEST(filter_me, ipv4_in_an_ipv6_address_is_ipv4_on_the_wire) {
     expect_ipv4_program(*c);
 }
 
-TEST(filter_me, ipv6_program_looks_at_tcp_alone) {
+TEST(filter_me, ipv6_program_matches_only_tcp) {
     auto c = connect_over_loopback(AF_INET6, AF_INET6);
     if (!c) {
         GTEST_SKIP() << "needs IPv6";
@@ -294,13 +294,13 @@ TEST(filter_me, ipv6_program_looks_at_tcp_alone) {
     expect_same({program.get(), static_cast<size_t>(count)}, wanted);
 }
 
-TEST(filter_me, count_may_be_unwanted) {
+TEST(filter_me, count_may_be_null) {
     auto c = connect_over_loopback(AF_INET, AF_INET);
     ASSERT_TRUE(c);
     EXPECT_TRUE(filter_of(c->server, nullptr));
 }
 
-TEST(filter_me, nothing_without_a_connection_over_ip) {
+TEST(filter_me, returns_null_without_an_ip_connection) {
     int count = 5;
     test_pipe pipe;
     test_socketpair pair;
@@ -312,7 +312,7 @@ TEST(filter_me, nothing_without_a_connection_over_ip) {
     EXPECT_EQ(count, 5);
 }
 
-TEST(filter_me, drops_both_directions_of_the_connection_alone) {
+TEST(filter_me, drops_only_the_two_directions_of_the_connection) {
     auto c = connect_over_loopback(AF_INET, AF_INET);
     ASSERT_TRUE(c);
     unsigned near_port = port_of(c->server.get());
@@ -327,7 +327,7 @@ TEST(filter_me, drops_both_directions_of_the_connection_alone) {
     EXPECT_TRUE(filter.accepts(ethernet(0x806, std::string(40, '\0'))));
 }
 
-TEST(filter_me, ipv4_protocol_does_not_matter) {
+TEST(filter_me, ipv4_program_ignores_the_protocol) {
     auto c = connect_over_loopback(AF_INET, AF_INET);
     ASSERT_TRUE(c);
     std::string same_ports = ports(port_of(c->server.get()), port_of(c->browser.get()));
@@ -335,7 +335,7 @@ TEST(filter_me, ipv4_protocol_does_not_matter) {
     EXPECT_FALSE(connection_filter(*c).accepts(ipv4(tcp, same_ports, {.fragment = 7})));
 }
 
-TEST(filter_me, ipv6_drops_tcp_of_the_connection_alone) {
+TEST(filter_me, ipv6_program_drops_only_tcp_of_the_connection) {
     auto c = connect_over_loopback(AF_INET6, AF_INET6);
     if (!c) {
         GTEST_SKIP() << "needs IPv6";

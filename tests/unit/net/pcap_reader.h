@@ -1,4 +1,4 @@
-// A small reader of pcap streams of this machine's byte order, written from the format's own description.
+// A small reader of pcap streams in this machine's byte order, written from the format's documentation.
 #pragma once
 
 #include <stdint.h>
@@ -11,7 +11,7 @@ struct pcap_record {
     uint32_t ts_sec = 0;
     uint32_t ts_usec = 0;
     uint32_t orig_len = 0;
-    std::string data;  // as long as the header says
+    std::string data;  // incl_len bytes
 
     bool is_padding() const {
         return ts_sec == 0 && ts_usec == 0 && orig_len == data.size() && data == std::string(orig_len, '\0');
@@ -22,9 +22,9 @@ struct pcap_record {
 struct pcap_content {
     std::string file_header;  // its 24 bytes
     std::vector<pcap_record> records;
-    std::string rest;  // behind the last whole record
+    std::string rest;  // after the last whole record
 
-    // What was captured, without the padding.
+    // The records without the padding.
     std::vector<pcap_record> frames() const {
         std::vector<pcap_record> found;
         for (const pcap_record& record : records) {
@@ -78,11 +78,11 @@ inline pcap_content pcap_read(const std::string& stream) {
 // The header that every stream must have, byte for byte on a little-endian machine.
 inline std::string pcap_expected_file_header() {
     std::string header(24, '\0');
-    auto put = [&header](size_t at, auto number) { memcpy(header.data() + at, &number, sizeof number); };
-    put(0, uint32_t{0xa1b2c3d4});
-    put(4, uint16_t{2});
-    put(6, uint16_t{4});
-    put(16, uint32_t{65535});
-    put(20, uint32_t{1});
+    auto set = [&header](size_t at, auto number) { memcpy(header.data() + at, &number, sizeof number); };
+    set(0, uint32_t{0xa1b2c3d4});
+    set(4, uint16_t{2});
+    set(6, uint16_t{4});
+    set(16, uint32_t{65535});
+    set(20, uint32_t{1});
     return header;
 }

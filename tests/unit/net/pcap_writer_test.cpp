@@ -25,7 +25,7 @@ TEST(pcap_write_file_header, is_the_24_bytes_of_the_format) {
     EXPECT_EQ(padded(24), pcap_expected_file_header());
 }
 
-TEST(pcap_pad, below_the_header_there_is_the_header_alone) {
+TEST(pcap_pad, size_below_the_file_header_gives_that_header) {
     for (uint32_t total = 0; total <= 24; total++) {
         EXPECT_EQ(padded(total).size(), 24u) << total;
     }
@@ -59,7 +59,7 @@ TEST(pcap_pad, sizes_around_every_boundary_are_exact) {
     }
 }
 
-TEST(pcap_pad, rest_of_32770_bytes_is_two_records) {
+TEST(pcap_pad, remainder_of_32770_bytes_is_two_records) {
     EXPECT_EQ(pcap_read(padded(24 + 32770)).padding_sizes(), (std::vector<size_t>{16383, 16387}));
 }
 
@@ -78,7 +78,7 @@ TEST(pcap_write, short_writes_lose_nothing) {
     EXPECT_EQ(reader.text(), first + second);
 }
 
-TEST(pcap_write, failure_is_told_with_its_reason) {
+TEST(pcap_write, failure_leaves_errno) {
     unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     ASSERT_TRUE(full);
     pcap_writer out = {full.get(), 0};
@@ -88,7 +88,7 @@ TEST(pcap_write, failure_is_told_with_its_reason) {
     EXPECT_EQ(out.written, 0u);
 }
 
-TEST(pcap_write_zeros, any_number_is_possible) {
+TEST(pcap_write_zeros, writes_any_number_of_zeros) {
     for (uint64_t count : {0ull, 1ull, 1536ull, 1537ull, 33792ull, 33793ull, 100000ull}) {
         unique_fd file = memory_file();
         pcap_writer out = {file.get(), 0};

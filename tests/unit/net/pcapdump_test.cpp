@@ -30,7 +30,7 @@ int run_applet(std::vector<std::string> words) {
     return run_pcapdump(static_cast<int>(words.size()), argv.data());
 }
 
-// Starts the applet in a process of its own. A test may have been started with these signals ignored.
+// Starts the applet in a child process. The test may have inherited these signals as ignored.
 pid_t start_applet(const std::vector<std::string>& words) {
     return fork_child([&words] {
         for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
@@ -40,7 +40,7 @@ pid_t start_applet(const std::vector<std::string>& words) {
     });
 }
 
-// Sends the signal again and again until the process has ended; its status.
+// Sends the signal repeatedly until the process has ended. Returns its status.
 int signal_until_it_ends(pid_t pid, int sig) {
     int status = -1;
     bool has_ended = eventually([&] {
@@ -54,7 +54,7 @@ int signal_until_it_ends(pid_t pid, int sig) {
     return status;
 }
 
-// The applet in a process of its own, capturing on near0 into a file.
+// The applet in a child process, capturing near0 into a file.
 class running_applet {
 public:
     explicit running_applet(std::vector<std::string> port = {}) : file_(dir_.path("dump.cap")) {
@@ -68,7 +68,7 @@ public:
         (void)stat(file_.c_str(), &status);
         return status.st_size;
     }
-    // Waits until the file has that many bytes, interrupts the applet and returns what is in the file.
+    // Waits until the file has `wanted` bytes, interrupts the applet and returns the file's content.
     pcap_content finish(off_t wanted, int sig = SIGINT) {
         EXPECT_TRUE(eventually([&] { return size() >= wanted; })) << size();
         kill(pid_, sig);
@@ -88,9 +88,9 @@ private:
     pid_t pid_;
 };
 
-// The thread sanitizer may put a signal off for as long as the program waits for its next frame.
+// The thread sanitizer may delay a signal until the program receives its next frame.
 #if defined(__SANITIZE_THREAD__)
-#define SKIP_WITHOUT_PROMPT_SIGNALS() GTEST_SKIP() << "the sanitizer puts signals off"
+#define SKIP_WITHOUT_PROMPT_SIGNALS() GTEST_SKIP() << "the thread sanitizer delays signals"
 #else
 #define SKIP_WITHOUT_PROMPT_SIGNALS() static_assert(true)
 #endif
@@ -104,7 +104,7 @@ std::string tcp_frame(unsigned port) {
     return frame;
 }
 
-// Which of the frames from ports 22, 80 and 8080 are captured when `port` is on the command line.
+// Sends frames from ports 22, 80 and 8080. Returns those that are captured with `port` on the command line.
 std::vector<unsigned> captured_ports(const std::vector<std::string>& port, size_t expected) {
     running_applet applet(port);
     frame_sender wire("far0");
@@ -122,7 +122,7 @@ using port_list = std::vector<unsigned>;
 
 }  // namespace
 
-TEST(run_pcapdump, says_how_it_is_used) {
+TEST(run_pcapdump, prints_its_usage) {
     for (std::vector<std::string> words : {std::vector<std::string>{"pcapdump"}, {"pcapdump", "eth0"}}) {
         std::string out = capture_stdout([&] { EXPECT_EQ(run_applet(words), 1); });
         EXPECT_EQ(out, "USAGE: pcapdump netif dumpname [filter_portnumber]\n");
@@ -130,13 +130,13 @@ TEST(run_pcapdump, says_how_it_is_used) {
 }
 
 TEST(run_pcapdump, file_that_cannot_be_opened_is_reported) {
-    std::string said = capture_stderr([] {
+    std::string reported = capture_stderr([] {
         EXPECT_EQ(run_applet({"pcapdump", "lo", "/nonexistent/file"}), 1);
     });
-    EXPECT_EQ(said, std::string("/nonexistent/file: ") + strerror(ENOENT) + "\n");
+    EXPECT_EQ(reported, std::string("/nonexistent/file: ") + strerror(ENOENT) + "\n");
 }
 
-NETWORK_TEST(run_pcapdump, signals_end_it_at_a_whole_record) {
+NETWORK_TEST(run_pcapdump, signals_end_it_after_a_whole_record) {
     for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         running_applet applet;
         EXPECT_TRUE(is_promiscuous("near0"));
@@ -151,7 +151,7 @@ NETWORK_TEST(run_pcapdump, signals_end_it_at_a_whole_record) {
     }
 }
 
-NETWORK_TEST(run_pcapdump, further_signals_neither_kill_it_nor_cost_a_frame) {
+NETWORK_TEST(run_pcapdump, further_signals_do_not_kill_it_or_lose_frames) {
     SKIP_WITHOUT_PROMPT_SIGNALS();
     running_applet applet;
     std::vector<std::string> sent;
@@ -166,7 +166,7 @@ NETWORK_TEST(run_pcapdump, further_signals_neither_kill_it_nor_cost_a_frame) {
     EXPECT_FALSE(is_promiscuous("near0"));
 }
 
-NETWORK_TEST(run_pcapdump, further_signals_end_one_whose_reader_takes_nothing) {
+NETWORK_TEST(run_pcapdump, second_signal_ends_it_if_its_output_blocks) {
     SKIP_WITHOUT_PROMPT_SIGNALS();
     temp_dir dir;
     std::string fifo = dir.path("fifo");
@@ -186,29 +186,29 @@ NETWORK_TEST(run_pcapdump, further_signals_end_one_whose_reader_takes_nothing) {
     EXPECT_FALSE(is_promiscuous("near0"));
 }
 
-NETWORK_TEST(run_pcapdump, capture_that_could_only_be_killed_is_not_begun) {
+NETWORK_TEST(run_pcapdump, fails_without_a_descriptor_for_its_stop_pipe) {
     temp_dir dir;
     std::string file = dir.path("dump.cap");
     unique_fd older(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(write(older.get(), "older", 5), 5);
     int status = run_in_child([&file] {
         int result = 0;
-        std::string said = capture_stderr([&] {
+        std::string reported = capture_stderr([&] {
             int next = dup(STDERR_FILENO);
-            rlimit none_left = {static_cast<rlim_t>(next) + 1, 4096};  // one, which is not enough
+            rlimit one_left = {static_cast<rlim_t>(next) + 1, 4096};  // a pipe needs two
             close(next);
-            setrlimit(RLIMIT_NOFILE, &none_left);
+            setrlimit(RLIMIT_NOFILE, &one_left);
             result = run_applet({"pcapdump", "near0", file});
             rlimit enough = {4096, 4096};
             setrlimit(RLIMIT_NOFILE, &enough);
         });
-        return result == 1 && said == std::string("pipe: ") + strerror(EMFILE) + "\n" ? 0 : 2;
+        return result == 1 && reported == std::string("pipe: ") + strerror(EMFILE) + "\n" ? 0 : 2;
     });
     EXPECT_TRUE(exited_with(status, 0)) << status;
     EXPECT_EQ(content_of(older.get()), "older");
 }
 
-NETWORK_TEST(run_pcapdump, file_is_private_and_older_content_is_gone) {
+NETWORK_TEST(run_pcapdump, file_is_private_and_truncated) {
     SKIP_WITHOUT_PROMPT_SIGNALS();
     running_applet applet;
     struct stat status = {};
@@ -217,14 +217,14 @@ NETWORK_TEST(run_pcapdump, file_is_private_and_older_content_is_gone) {
     EXPECT_EQ(applet.finish(24).records.size(), 0u);
 }
 
-NETWORK_TEST(run_pcapdump, port_is_left_out) {
+NETWORK_TEST(run_pcapdump, port_is_excluded) {
     SKIP_WITHOUT_PROMPT_SIGNALS();
     EXPECT_EQ(captured_ports({"8080"}, 2), (port_list{22, 80}));
     EXPECT_EQ(captured_ports({"22"}, 2), (port_list{80, 8080}));
     EXPECT_EQ(captured_ports({"80 and text"}, 2), (port_list{22, 8080}));
 }
 
-NETWORK_TEST(run_pcapdump, without_a_usable_port_everything_is_captured) {
+NETWORK_TEST(run_pcapdump, without_a_valid_port_everything_is_captured) {
     SKIP_WITHOUT_PROMPT_SIGNALS();
     EXPECT_EQ(captured_ports({}, 3), (port_list{22, 80, 8080}));
     for (const char* port : {"0", "65536", "-22", "text", "", "99999999999999999999"}) {
@@ -232,7 +232,7 @@ NETWORK_TEST(run_pcapdump, without_a_usable_port_everything_is_captured) {
     }
 }
 
-TEST(run_pcapdump, capture_that_cannot_begin_is_no_failure) {
+TEST(run_pcapdump, exit_status_is_0_if_no_interface_can_be_opened) {
     temp_dir dir;
     std::string file = dir.path("dump.cap");
     EXPECT_EQ(chmod(dir.path().c_str(), 0777), 0);
@@ -241,8 +241,8 @@ TEST(run_pcapdump, capture_that_cannot_begin_is_no_failure) {
             return 77;
         }
         int result = 1;
-        std::string said = capture_stderr([&] { result = run_applet({"pcapdump", "lo", file}); });
-        return result == 0 && said == std::string("socket: : ") + strerror(EPERM) + "\n" ? 0 : 2;
+        std::string reported = capture_stderr([&] { result = run_applet({"pcapdump", "lo", file}); });
+        return result == 0 && reported == std::string("socket: : ") + strerror(EPERM) + "\n" ? 0 : 2;
     });
     EXPECT_TRUE(exited_with(status, 0)) << status;
 }

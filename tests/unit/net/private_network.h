@@ -1,4 +1,4 @@
-// A network of a test's own: two wires, each with a near end that is captured and a far end that sends.
+// A private network for one test: two wires, each with a near end that is captured and a far end that sends.
 #pragma once
 
 #include <arpa/inet.h>
@@ -35,7 +35,7 @@ inline bool run_command(const std::string& command) {
     return system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-// Near ends are near0 and near1, far ends far0 and far1. No stack speaks on them by itself.
+// Near ends are near0 and near1, far ends far0 and far1. The kernel sends nothing on them by itself.
 inline bool make_wires() {
     for (std::string number : {"0", "1"}) {
         std::string near_end = "near" + number;
@@ -52,7 +52,7 @@ inline bool make_wires() {
     return true;
 }
 
-// Runs `work` on a thread that has a network of its own, with the wires in it. False when that can't be made.
+// Runs `work` on a thread in a private network that has the wires. Returns false if that cannot be created.
 template <typename Work>
 bool in_private_network(Work work) {
     bool made = false;
@@ -77,7 +77,7 @@ inline bool private_network_works() {
         }                                                                                 \
     } while (false)
 
-// A test whose body runs in a network of its own.
+// A test whose body runs in a private network.
 #define NETWORK_TEST(suite, name)                                     \
     static void suite##_##name##_in_network();                        \
     TEST(suite, name) {                                               \
@@ -86,11 +86,11 @@ inline bool private_network_works() {
     }                                                                 \
     static void suite##_##name##_in_network()
 
-// Makes rings of packet sockets fail, as on a kernel without them, for the rest of this thread's life and for
-// the threads that it starts.
+// Makes the creation of receive rings fail, as on a kernel without them, for the rest of this thread's life
+// and for the threads that it starts.
 inline bool forbid_rings() {
     constexpr uint32_t missing = SECCOMP_RET_ERRNO | ENOPROTOOPT;
-    // The lower half of an argument, on a little-endian machine.
+    // The lower half of an argument on a little-endian machine.
     constexpr auto argument = [](uint32_t i) {
         return static_cast<uint32_t>(offsetof(seccomp_data, args)) + 8 * i;
     };
@@ -109,7 +109,7 @@ inline bool forbid_rings() {
            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-// The same test twice: with the memory that the kernel shares, and where it shares none.
+// Defines two tests with the same body: with a receive ring, and without.
 #define CAPTURE_TEST(suite, name)                       \
     static void suite##_##name##_either_way();          \
     NETWORK_TEST(suite, name) {                         \
@@ -121,7 +121,7 @@ inline bool forbid_rings() {
     }                                                   \
     static void suite##_##name##_either_way()
 
-// Sends frames as they are over an interface.
+// Sends raw frames over an interface.
 class frame_sender {
 public:
     explicit frame_sender(const char* interface) : sock_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0)) {
@@ -133,8 +133,8 @@ public:
     void send(const std::string& frame) {
         EXPECT_EQ(::send(sock_.get(), frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
     }
-    // Sends a frame that the other end of the wire takes for one received at `time_us`, by the clock of
-    // gettimeofday. Where the kernel does not pass the time on, it is received now.
+    // Sends a frame whose timestamp at the other end of the wire is `time_us`, by the clock of gettimeofday.
+    // If the kernel does not pass the timestamp on, it is the current time.
     void send_at(const std::string& frame, uint64_t time_us) {
         sock_txtime clock = {CLOCK_REALTIME, 0};
         EXPECT_EQ(setsockopt(sock_.get(), SOL_SOCKET, SO_TXTIME, &clock, sizeof clock), 0);
@@ -158,7 +158,7 @@ private:
     unique_fd sock_;
 };
 
-// Both ends of a TCP connection over the loopback of this thread's network.
+// Both ends of a TCP connection over the loopback interface of this thread's network.
 struct tcp_connection {
     unique_fd browser{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     unique_fd server;
@@ -179,7 +179,7 @@ struct tcp_connection {
     }
 };
 
-// A frame of `size` bytes that nobody understands, filled with `fill`.
+// A frame of `size` bytes with an experimental Ethernet type, filled with `fill`.
 inline std::string frame_of(size_t size, char fill) {
     std::string frame(size, fill);
     frame.replace(0, 12, std::string(12, '\x02'));
@@ -187,7 +187,7 @@ inline std::string frame_of(size_t size, char fill) {
     return frame;
 }
 
-// Packet sockets of this thread's network that take every protocol.
+// Counts the packet sockets of this thread's network that receive all protocols.
 inline int capturing_sockets() {
     std::ifstream lines("/proc/thread-self/net/packet");
     std::string line;
@@ -202,7 +202,7 @@ inline int capturing_sockets() {
     return count;
 }
 
-// Rings of packet sockets that are in the memory of this process, and their bytes.
+// Counts the receive rings mapped by this process, and their bytes.
 inline std::pair<int, size_t> count_rings() {
     std::ifstream maps("/proc/self/maps");
     std::pair<int, size_t> found;

@@ -17,7 +17,7 @@ captured_frame frame_in(const std::string& bytes) {
             {4000000000, 999999}};
 }
 
-// The records of frames, behind a file header.
+// A file header and the records of `frames`.
 pcap_content recorded(const std::vector<std::string>& frames, unsigned snaplen) {
     unique_fd file = memory_file();
     pcap_writer out = {file.get(), 0};
@@ -47,7 +47,7 @@ TEST(record_queue, whole_frames_have_their_own_length_and_timestamp) {
     }
 }
 
-TEST(record_queue, frames_around_the_length_that_is_copied_come_whole) {
+TEST(record_queue, frames_around_the_limit_for_copying_are_complete) {
     std::vector<std::string> frames;
     for (unsigned size : {1u, record_queue::copied_limit - 1, record_queue::copied_limit,
                           record_queue::copied_limit + 1, 1u, 1536u, 1u}) {
@@ -56,14 +56,14 @@ TEST(record_queue, frames_around_the_length_that_is_copied_come_whole) {
     EXPECT_EQ(recorded(frames, 0).frame_bytes(), frames);
 }
 
-TEST(record_queue, cut_frame_keeps_its_length_in_the_header) {
+TEST(record_queue, header_of_a_cut_frame_has_its_full_length) {
     pcap_content content = recorded({"a frame"}, 3);
     ASSERT_EQ(content.records.size(), 1u);
     EXPECT_EQ(content.records[0].data, "a f");
     EXPECT_EQ(content.records[0].orig_len, 7u);
 }
 
-TEST(record_queue, zeros_follow_a_frame_that_is_shorter_than_its_record) {
+TEST(record_queue, frame_shorter_than_its_record_is_followed_by_zeros) {
     for (unsigned snaplen : {8u, 1536u, 1543u, 1544u, 5000u, 100000u}) {
         pcap_content content = recorded({"a frame", "another"}, snaplen);
         std::string first("a frame");
@@ -75,7 +75,7 @@ TEST(record_queue, zeros_follow_a_frame_that_is_shorter_than_its_record) {
     }
 }
 
-TEST(record_queue, as_many_as_it_holds_are_written_at_once) {
+TEST(record_queue, holds_its_capacity_of_the_largest_records) {
     for (unsigned snaplen : {0u, 1536u}) {
         std::vector<std::string> frames(record_queue::capacity, std::string(1536, 'x'));
         EXPECT_EQ(recorded(frames, snaplen).frame_bytes(), frames);
@@ -84,7 +84,7 @@ TEST(record_queue, as_many_as_it_holds_are_written_at_once) {
     EXPECT_EQ(recorded(frames, 0).frame_bytes(), frames);
 }
 
-TEST(record_queue, failed_write_is_told) {
+TEST(record_queue, failed_write_is_reported) {
     unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     pcap_writer out = {full.get(), 0};
     auto queue = std::make_unique<record_queue>();
