@@ -33,28 +33,42 @@ void answer_fixed(const unique_fd& client, std::string_view answer) {
 }
 
 template <typename Record>
-unique_malloc<Record> new_record() {
-    return unique_malloc<Record>(static_cast<Record*>(calloc(1, sizeof(Record))));
+void set_client(Record* record, unique_fd client) {
+    record->client = std::move(client);
 }
 
-// Hands the record, with the client in it, to a worker. Without one the client is told so; returns whether
-// there is one. The parameters have been copied by now and are released.
 template <typename Record>
-bool hand_over(unique_fd client, unique_malloc<Record> record, void* (*entry)(void*)) {
+unique_fd take_client(Record* record) {
+    return std::move(record->client);
+}
+
+// The system-call trace's record holds its connection as a number.
+void set_client(strace_request* record, unique_fd client) {
+    record->client_fd = client.release();
+}
+
+unique_fd take_client(strace_request* record) {
+    return unique_fd(record->client_fd);
+}
+
+// Starts a worker with the record and the client. If that fails, answers the client and returns false. The
+// parameters have been copied by now and are released.
+template <typename Record>
+bool start_worker(unique_fd client, unique_worker_record<Record> record, void* (*entry)(void*)) {
     CGI_cleanup();
     if (record) {
-        record->client_fd = client.get();
+        set_client(record.get(), std::move(client));
         if (worker_start(entry, record.get())) {
-            (void)client.release();
             (void)record.release();
             return true;
         }
+        client = take_client(record.get());
     }
     answer_fixed(client, http_server_error);
     return false;
 }
 
-// The process that `text` names by number or by name; a negative one when there is none.
+// The process that `text` gives by number or by name; negative if there is none.
 pid_t wanted_pid(const char* text) {
     pid_t pid = query_number(text);
     if (pid != -1) {
@@ -75,8 +89,8 @@ bool is_alive(pid_t pid) {
 void request_coredump(unique_fd client) {
     const char* text = CGI_get_value("pid");
     if (!text) {
-        // Waits for a pushed core; whether a stored one would do is as the last such request said.
-        set_listener(client.release());
+        // Waits for a pushed core, or for a stored one if the last such request asked for that; deliberate.
+        set_listener(std::move(client));
         CGI_cleanup();
         return;
     }
@@ -84,7 +98,7 @@ void request_coredump(unique_fd client) {
     if (pid < 0 || !is_alive(pid)) {
         answer_fixed(client, http_bad_request);
     } else {
-        // Here, on the listener's thread: one such dump at a time.
+        // On the listener's thread, so there is one such dump at a time.
         (void)stream_http_header(client.get(), "application/octet-stream", "core");
         coredump(client.get(), pid);
     }
@@ -93,7 +107,7 @@ void request_coredump(unique_fd client) {
 }
 
 void request_pcapdump(unique_fd client) {
-    auto record = new_record<pcap_request>();
+    auto record = worker_new_record<pcap_request>();
     if (record) {
         record->duration = query_limit(CGI_get_value("duration"));
         record->total_size = query_limit(CGI_get_value("totalsize"));
@@ -101,7 +115,7 @@ void request_pcapdump(unique_fd client) {
         std::string_view name = interface ? interface : "";
         (void)name.copy(record->interface, pcap_request::interface_capacity - 1);
     }
-    hand_over(std::move(client), std::move(record), run_pcap_request);
+    start_worker(std::move(client), std::move(record), run_pcap_request);
 }
 
 void request_ps(unique_fd client) {
@@ -116,7 +130,7 @@ void request_ps(unique_fd client) {
     }
 }
 
-// Adds the processes that one item of the list stands for.
+// Adds the processes that one item of the list names.
 void add_wanted_pids(const char* item, strace_request* record) {
     pid_t found[pids_of_one_name];
     int count = 0;
@@ -143,7 +157,7 @@ void select_pids(const char* list, strace_request* record) {
 }
 
 void request_strace(unique_fd client) {
-    auto record = new_record<strace_request>();
+    auto record = worker_new_record<strace_request>();
     if (record) {
         record->running = 1;
         select_pids(CGI_get_value("pid"), record.get());
@@ -153,21 +167,21 @@ void request_strace(unique_fd client) {
             return;
         }
     }
-    hand_over(std::move(client), std::move(record), run_strace_request);
+    start_worker(std::move(client), std::move(record), run_strace_request);
 }
 
 void request_rtrace(unique_fd client) {
     constexpr int32_t default_interval = 10;
-    auto record = new_record<rtrace_request>();
+    auto record = worker_new_record<rtrace_request>();
     if (record) {
         const char* interval = CGI_get_value("interval");
         record->interval = interval ? query_number(interval) : default_interval;
         record->mask = query_trace_mask(CGI_get_value("trace"));
     }
-    hand_over(std::move(client), std::move(record), run_rtrace_request);
+    start_worker(std::move(client), std::move(record), run_rtrace_request);
 }
 
-// What "cmd" asks for; a longer value with the same beginning matches too.
+// The values of "cmd". A longer value with the same beginning matches too; deliberate.
 constexpr struct {
     std::string_view prefix;
     void (*serve)(unique_fd client);
@@ -193,16 +207,16 @@ void request_archive(unique_fd client, bool compress) {
         return;
     }
     archive_busy = 1;
-    auto record = new_record<archive_request>();
+    auto record = worker_new_record<archive_request>();
     if (record) {
         record->compress = compress;
     }
-    if (!hand_over(std::move(client), std::move(record), run_archive_request)) {
+    if (!start_worker(std::move(client), std::move(record), run_archive_request)) {
         archive_busy = 0;
     }
 }
 
-// A request without a command: the path names a download, the query may ask to wait for a dump instead.
+// A request without a command: the path names a download, unless the query asks to wait for a dump.
 void request_download(unique_fd client, std::string_view path, std::string_view query) {
     CGI_cleanup();
     size_t slash = path.rfind('/');
@@ -213,7 +227,7 @@ void request_download(unique_fd client, std::string_view path, std::string_view 
     std::string_view name = path.substr(slash + 1);
     bool pop = query.starts_with("pop");
     if (pop || query.starts_with("listen")) {
-        set_listener(client.release());
+        set_listener(std::move(client));
         set_pop(pop);
         return;
     }

@@ -7,7 +7,6 @@
 #include "cgi/http.h"
 #include "common/deadline.h"
 #include "common/safe_io.h"
-#include "common/unique_fd.h"
 
 namespace {
 
@@ -16,10 +15,10 @@ constexpr unsigned push_block = 2048;
 unique_fd listener;
 bool pop = false;
 
-// Reads what has come. Returns 0 at the end of the input, and -1 when reading fails or nothing comes for too
-// long: a core handler that hangs would hold all requests.
+// Reads what has arrived. Returns 0 at the end of file; -1 on failure, and on a timeout, since a core handler
+// that hangs would hold all requests.
 ssize_t read_patiently(int fd, char* block, size_t size) {
-    const deadline patience(silent_dump_ms);
+    const deadline patience(waiting_browser_patience_ms);
     for (;;) {
         pollfd input = {fd, POLLIN, 0};
         const int ready = poll(&input, 1, patience.left_ms());
@@ -33,7 +32,7 @@ ssize_t read_patiently(int fd, char* block, size_t size) {
     }
 }
 
-// Copies to the end of the input; false as soon as either side fails.
+// Copies to the end of file; false as soon as either side fails.
 bool forward(int in_fd, int out_fd) {
     char block[push_block];
     for (;;) {
@@ -49,8 +48,8 @@ bool forward(int in_fd, int out_fd) {
 
 }  // namespace
 
-void set_listener(int client_fd) {
-    listener.reset(client_fd);
+void set_listener(unique_fd client) {
+    listener = std::move(client);
 }
 
 bool is_pop() {

@@ -3,20 +3,22 @@
 // Listener thread only.
 #pragma once
 
-// How long whatever sends a dump may be silent.
-constexpr int silent_dump_ms = 10000;
+#include "common/unique_fd.h"
 
-// Keeps `client_fd` (taken over) as the waiting browser; one that waited before is closed unanswered.
-void set_listener(int client_fd);
+// A dump of which nothing arrives for this long is given up.
+constexpr int waiting_browser_patience_ms = 10000;
 
-// Whether the waiting browser asked for a stored dump; set_pop says so.
+// Keeps `client` as the waiting browser. One that waited before is closed without an answer.
+void set_listener(unique_fd client);
+
+// True if the waiting browser asked for a stored dump; set_pop stores that.
 bool is_pop();
 void set_pop(bool wanted);
 
-// Closes the waiting browser's connection, if there is one.
+// Closes the waiting browser's connection, if a browser waits.
 void close_listener();
 
-// Forwards the dump read from `in_fd` (taken over) to the waiting browser as a download called `name`, and
-// closes both. Returns 0, or 1 when no browser waits or the transfer failed, also because nothing came from
-// `in_fd` for silent_dump_ms; the browser keeps what it has got by then.
+// Forwards the dump from `in_fd` (taken over) to the waiting browser as a download called `name`, and closes
+// both. Returns 0, or 1 if no browser waits or the transfer failed or timed out
+// (waiting_browser_patience_ms). The browser keeps what it has received.
 int handle_request_push(int in_fd, const char* name);

@@ -3,14 +3,16 @@
 
 #include <atomic>
 
+#include "common/unique_fd.h"
+
 struct archive_request {
-    int client_fd;
-    int compress;
+    unique_fd client;
+    bool compress = false;
 };
 
-// 1 while an archive is being made: the listener sets it before it starts the worker, the worker clears it
+// 1 while an archive is being made. The listener sets it before it starts the worker; the worker clears it
 // just before it closes the connection.
 extern std::atomic<int> archive_busy;
 
-// Thread entry; takes over the archive_request (from malloc) and its connection.
+// Thread entry; takes over the archive_request (from worker_new_record).
 void* run_archive_request(void* record);

@@ -3,13 +3,15 @@
 
 #include <stdint.h>
 
+#include "common/unique_fd.h"
+
 struct pcap_request {
     static constexpr int interface_capacity = 48;
-    int client_fd;
-    int32_t duration;                    // seconds; 0: the capture's default
-    int32_t total_size;                  // bytes; 0: the capture's default
-    char interface[interface_capacity];  // ended by a NUL; empty: the capture's default
+    unique_fd client;
+    int32_t duration = 0;                     // seconds; 0: the capture's default
+    int32_t total_size = 0;                   // bytes; 0: the capture's default
+    char interface[interface_capacity] = {};  // ends in a NUL; empty: the capture's default
 };
 
-// Thread entry; takes over the pcap_request (from malloc) and its connection.
+// Thread entry; takes over the pcap_request (from worker_new_record).
 void* run_pcap_request(void* record);

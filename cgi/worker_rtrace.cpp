@@ -4,7 +4,6 @@
 
 #include "cgi/http.h"
 #include "cgi/worker.h"
-#include "common/unique_fd.h"
 #include "monitor/rtrace.h"
 
 namespace {
@@ -15,22 +14,22 @@ struct trace_destroyer {
 using unique_trace = std::unique_ptr<rtrace_context, trace_destroyer>;
 
 void stream_samples(const rtrace_request& req) {
-    unique_trace trace(rtrace_create(req.client_fd, req.interval, req.mask));
+    const int client_fd = req.client.get();
+    unique_trace trace(rtrace_create(client_fd, req.interval, req.mask));
     if (!trace) {
-        http_write_fixed(req.client_fd, http_server_error);
+        http_write_fixed(client_fd, http_server_error);
         return;
     }
-    // Whether the client is still there is the trace's to see.
-    (void)stream_http_header(req.client_fd, "application/octet-stream", "rtrace");
+    // If the browser has gone, the trace notices.
+    (void)stream_http_header(client_fd, "application/octet-stream", "rtrace");
     rtrace_run(trace.get());
 }
 
 }  // namespace
 
 void* run_rtrace_request(void* record) {
-    unique_malloc<rtrace_request> req(static_cast<rtrace_request*>(record));
-    unique_fd client(req->client_fd);
-    if (worker_detach(client.get())) {
+    unique_worker_record<rtrace_request> req(static_cast<rtrace_request*>(record));
+    if (worker_detach(req->client.get())) {
         stream_samples(*req);
     }
     return nullptr;

@@ -3,12 +3,14 @@
 
 #include <stdint.h>
 
+#include "common/unique_fd.h"
+
 struct rtrace_request {
-    int client_fd;
-    int32_t interval;  // seconds; -1 when the request's was invalid
-    uint32_t mask;     // sources
+    unique_fd client;
+    int32_t interval = 0;  // seconds; -1 if the request's was invalid
+    uint32_t mask = 0;     // sources
 };
 
-// Thread entry; takes over the rtrace_request (from malloc) and its connection. The trace ends when the
-// browser goes, which is noticed within a second also between two samples.
+// Thread entry; takes over the rtrace_request (from worker_new_record). The trace ends within a second after
+// the browser has closed the connection, also between two samples.
 void* run_rtrace_request(void* record);

@@ -178,7 +178,7 @@ TEST_F(listener, goes_on_after_a_message_that_makes_no_sense) {
 
 TEST_F(listener, looks_at_no_core_in_a_round_with_a_message_that_makes_no_sense) {
     browser client;
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     post_without_descriptor();
     unique_fd handler = core_handler("core bytes");
     round();

@@ -27,7 +27,7 @@ protected:
     // Lets a new browser wait and pops for it; says what it got. The log's lines are in `log`.
     std::string pop(const std::string& dir) {
         browser client;
-        set_listener(client.hand_over());
+        set_listener(unique_fd(client.hand_over()));
         log = capture_stderr([&dir] { pop_stored_dump(dir.c_str()); });
         return client.answer();
     }
@@ -171,7 +171,7 @@ TEST_F(stored_dump, that_may_not_be_read_is_kept_and_nothing_is_sent) {
 TEST_F(stored_dump, is_kept_when_the_browser_has_gone) {
     dumps.write_file("core", "bytes");
     browser client;
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     client.go_away();
     log = capture_stderr([this] { pop_stored_dump(dumps.path().c_str()); });
     EXPECT_EQ(log, checked() + "test: Failed to send dump: core\n");
@@ -201,7 +201,7 @@ void pop_from_default_folders() {
     ASSERT_EQ(mount("tmpfs", "/var", "tmpfs", 0, nullptr), 0);
     std::string log = capture_stderr([] {
         browser client;
-        set_listener(client.hand_over());
+        set_listener(unique_fd(client.hand_over()));
         pop_stored_dump(nullptr);
         EXPECT_EQ(client.answer(), "");
     });
@@ -213,7 +213,7 @@ void pop_from_default_folders() {
         ASSERT_EQ(write(file.get(), dir.data(), dir.size()), static_cast<ssize_t>(dir.size()));
         file.reset();
         browser client;
-        set_listener(client.hand_over());
+        set_listener(unique_fd(client.hand_over()));
         log = capture_stderr([] { pop_stored_dump(nullptr); });
         EXPECT_EQ(client.answer(), dump_head("core") + dir);
         EXPECT_EQ(log, "test: Check dir: " + dir + "\ntest: Dump dir empty\n");
@@ -234,7 +234,7 @@ void pop_from_a_missing_folder() {
     std::filesystem::create_directories("/var/volatile/tmp/dumps");
     unique_fd file(open("/var/volatile/tmp/dumps/core", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     browser client;
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     EXPECT_EQ(capture_stderr([] { pop_stored_dump("/var/nowhere"); }), "test: No dump dir\n");
     EXPECT_EQ(client.answer(), "");
     EXPECT_EQ(access("/var/volatile/tmp/dumps/core", F_OK), 0);

@@ -25,22 +25,22 @@ bool is_open(int fd) {
 
 TEST_F(waiting_browser, is_kept_without_an_answer) {
     browser client;
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     EXPECT_TRUE(client.is_waiting());
 }
 
 TEST_F(waiting_browser, is_replaced_by_the_next_and_closed_unanswered) {
     browser first;
     browser second;
-    set_listener(first.hand_over());
-    set_listener(second.hand_over());
+    set_listener(unique_fd(first.hand_over()));
+    set_listener(unique_fd(second.hand_over()));
     EXPECT_EQ(first.answer(), "");
     EXPECT_TRUE(second.is_waiting());
 }
 
 TEST_F(waiting_browser, is_closed_unanswered_on_demand) {
     browser client;
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     close_listener();
     EXPECT_EQ(client.answer(), "");
 }
@@ -57,7 +57,7 @@ TEST_F(waiting_browser, asks_for_a_stored_dump_as_last_said) {
     set_pop(true);
     EXPECT_TRUE(is_pop());
     browser client;
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     close_listener();
     EXPECT_TRUE(is_pop());
     set_pop(false);
@@ -70,7 +70,7 @@ TEST_F(waiting_browser, gets_a_pushed_dump_byte_by_byte_whatever_its_size) {
         std::string bytes = odd_bytes(size);
         int in_fd = dump_of(bytes);
         int out_fd = client.daemon_end();
-        set_listener(client.hand_over());
+        set_listener(unique_fd(client.hand_over()));
         EXPECT_EQ(handle_request_push(in_fd, "core"), 0);
         EXPECT_FALSE(is_open(in_fd));
         EXPECT_FALSE(is_open(out_fd));
@@ -82,7 +82,7 @@ TEST_F(waiting_browser, gets_a_dump_that_arrives_in_pieces) {
     browser client;
     test_pipe source;
     std::string bytes = odd_bytes(3 * 1000 + 17);
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     std::thread writer([&source, &bytes] {
         for (size_t at = 0; at < bytes.size(); at += 1000) {
             std::string piece = bytes.substr(at, 1000);
@@ -99,7 +99,7 @@ TEST_F(waiting_browser, gets_a_dump_that_arrives_in_pieces) {
 TEST_F(waiting_browser, gets_a_dump_larger_than_its_connection_holds) {
     browser client;
     std::string bytes = odd_bytes(3 << 20);
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     std::string answer;
     std::thread reader([&] { answer = client.answer(); });
     EXPECT_EQ(handle_request_push(dump_of(bytes), "core"), 0);
@@ -109,14 +109,14 @@ TEST_F(waiting_browser, gets_a_dump_larger_than_its_connection_holds) {
 
 TEST_F(waiting_browser, gets_the_dumps_own_name_made_quotable) {
     browser client;
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     EXPECT_EQ(handle_request_push(dump_of("x"), "a\"b\r\nc"), 0);
     EXPECT_EQ(client.answer(), dump_head("a_b__c") + "x");
 }
 
 TEST_F(waiting_browser, waits_for_one_dump_only) {
     browser client;
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     EXPECT_EQ(handle_request_push(dump_of("one"), "core"), 0);
     int second = dump_of("two");
     EXPECT_EQ(handle_request_push(second, "core"), 1);
@@ -138,7 +138,7 @@ TEST_F(waiting_browser, that_has_gone_before_the_push_makes_it_fail) {
     browser client;
     int in_fd = dump_of("core bytes");
     int out_fd = client.daemon_end();
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     client.go_away();
     EXPECT_EQ(handle_request_push(in_fd, "core"), 1);
     EXPECT_FALSE(is_open(in_fd));
@@ -149,7 +149,7 @@ TEST_F(waiting_browser, that_goes_in_the_middle_makes_the_push_fail) {
     browser client;
     int in_fd = dump_of(odd_bytes(3 << 20));
     int out_fd = client.daemon_end();
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     std::thread leaver([&client] {
         char some[100];
         EXPECT_GT(recv(client.own_end(), some, sizeof some, 0), 0);
@@ -167,10 +167,10 @@ std::string pushed_by_a_silent_handler(const std::string& sent) {
     browser client;
     test_socketpair handler;
     EXPECT_EQ(write(handler.a.get(), sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     const int64_t began_ns = monotonic_ns();
     EXPECT_EQ(handle_request_push(handler.b.release(), "core"), 1);
-    EXPECT_GE(monotonic_ns() - began_ns, silent_dump_ms * int64_t{1000000});
+    EXPECT_GE(monotonic_ns() - began_ns, waiting_browser_patience_ms * int64_t{1000000});
     return client.answer();
 }
 
@@ -185,8 +185,8 @@ TEST_F(waiting_browser, keeps_what_came_before_a_core_handler_fell_silent) {
 TEST_F(waiting_browser, gets_all_of_a_core_that_comes_slowly) {
     browser client;
     test_socketpair handler;
-    set_listener(client.hand_over());
-    const int pieces = silent_dump_ms / 1000 + 2;
+    set_listener(unique_fd(client.hand_over()));
+    const int pieces = waiting_browser_patience_ms / 1000 + 2;
     std::thread writer([&] {
         for (int i = 0; i < pieces; i++) {
             EXPECT_EQ(write(handler.a.get(), "x", 1), 1);
@@ -202,7 +202,7 @@ TEST_F(waiting_browser, gets_all_of_a_core_that_comes_slowly) {
 TEST_F(waiting_browser, gets_a_header_alone_when_the_dump_can_not_be_read) {
     browser client;
     int in_fd = open(folder.path().c_str(), O_RDONLY | O_CLOEXEC);
-    set_listener(client.hand_over());
+    set_listener(unique_fd(client.hand_over()));
     EXPECT_EQ(handle_request_push(in_fd, "core"), 1);
     EXPECT_FALSE(is_open(in_fd));
     EXPECT_EQ(client.answer(), dump_head("core"));

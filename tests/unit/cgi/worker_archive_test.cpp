@@ -1,7 +1,5 @@
 #include "cgi/worker_archive.h"
 
-#include <stdlib.h>
-
 #include "cgi/worker.h"
 #include "tests/unit/cgi/browser.h"
 #include "tests/unit/cgi/private_machine.h"
@@ -11,10 +9,11 @@ namespace {
 
 constexpr size_t ustar_at = 257;
 
-archive_request* new_request(int client_fd, int compress) {
-    auto* request = static_cast<archive_request*>(malloc(sizeof(archive_request)));
-    *request = {client_fd, compress};
-    return request;
+archive_request* new_request(int client_fd, bool compress) {
+    auto request = worker_new_record<archive_request>();
+    request->client = unique_fd(client_fd);
+    request->compress = compress;
+    return request.release();
 }
 
 // Whole archives run through every phase, a capture of 5 seconds among them.

@@ -1,8 +1,8 @@
 #include "cgi/worker_pcap.h"
 
 #include <signal.h>
-#include <stdlib.h>
 
+#include "cgi/worker.h"
 #include "tests/unit/cgi/browser.h"
 #include "tests/unit/cgi/threads.h"
 
@@ -10,9 +10,9 @@ namespace {
 
 TEST(pcap_worker, that_can_not_detach_answers_a_broken_server) {
     browser client;
-    auto* request = static_cast<pcap_request*>(calloc(1, sizeof(pcap_request)));
-    request->client_fd = client.hand_over();
-    start_detached(run_pcap_request, request);
+    auto request = worker_new_record<pcap_request>();
+    request->client = unique_fd(client.hand_over());
+    start_detached(run_pcap_request, request.release());
     EXPECT_EQ(client.answer(), broken_server_answer);
     wait_for_workers();
 }

@@ -1,6 +1,5 @@
 #include "cgi/worker_rtrace.h"
 
-#include <stdlib.h>
 #include <sys/socket.h>
 
 #include <chrono>
@@ -19,11 +18,11 @@ const std::string head = download_head("application/octet-stream", "rtrace");
 
 // Only sources that tell nothing about other processes and start no program: these tests run on any machine.
 rtrace_request* new_request(int client_fd, int32_t interval, uint32_t mask) {
-    auto* request = static_cast<rtrace_request*>(calloc(1, sizeof(rtrace_request)));
-    request->client_fd = client_fd;
+    auto request = worker_new_record<rtrace_request>();
+    request->client = unique_fd(client_fd);
     request->interval = interval;
     request->mask = mask;
-    return request;
+    return request.release();
 }
 
 void start(browser& client, int32_t interval, uint32_t mask) {
