@@ -22,6 +22,14 @@ if os.environ.get("ZARVO_SANITIZE"):
     REPORTS.mkdir(parents=True, exist_ok=True)
 
 
+def pytest_collection_modifyitems(config, items):
+    """ZARVO_PART=N/M: keeps every Mth test, beginning with the Nth, so that M processes share the tests of a file."""
+    number, parts = map(int, os.environ.get("ZARVO_PART", "1/1").split("/"))
+    others = [item for index, item in enumerate(items) if index % parts != number - 1]
+    items[:] = items[number - 1 :: parts]
+    config.hook.pytest_deselected(items=others)
+
+
 @pytest.fixture(autouse=True)
 def no_sanitizer_report():
     """Set up first and so torn down last, when the processes of the test have ended."""

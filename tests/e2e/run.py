@@ -35,6 +35,7 @@ def parse():
     parser.add_argument("file", help="a test file of this folder")
     parser.add_argument("--report", type=pathlib.Path, help="file for the JUnit report")
     parser.add_argument("-k", dest="only", help="run only the tests whose names match, as in pytest")
+    parser.add_argument("--part", default="1/1", metavar="N/M", help="run every Mth test, beginning with the Nth")
     return parser.parse_args()
 
 
@@ -63,12 +64,12 @@ def end_with_parent():
     ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
 
 
-def run(test_file, report, only, folder):
+def run(test_file, report, only, part, folder):
     sandbox = sandbox_words(test_file)
     scratch = "/run" if sandbox else folder
     reports = f"{scratch}/sanitizer"
     environment = dict(os.environ, PYTHONDONTWRITEBYTECODE="1", PYTHONUNBUFFERED="1",
-                       ZARVO_SANITIZER_REPORTS=reports)
+                       ZARVO_SANITIZER_REPORTS=reports, ZARVO_PART=part)
     if os.environ.get("ZARVO_SANITIZE"):
         environment |= sanitizer_environment(reports)
     # -v: each test is named before it begins, so the log of a killed run shows how far it came.
@@ -102,7 +103,7 @@ def main():
     try:
         # A file that is written in the sandbox is only sure to be visible outside if it is below /tmp.
         report = pathlib.Path(folder, "report.xml")
-        status = run(test_file, report, options.only, folder)
+        status = run(test_file, report, options.only, options.part, folder)
         if status == 0 and all_skipped(report):
             status = SKIPPED
         if options.report and report.exists():
