@@ -60,8 +60,7 @@ def frames_in(file, size):
 
 
 def capture(command, file, size, rate):
-    """Captures one load. At the highest rate only the size is kept, because writing files would be measured
-    otherwise."""
+    """Captures one load. At the highest rate the file is not kept, so the disk is not measured."""
     target = "/dev/null" if rate == 0 else file
     process = subprocess.Popen(command(target), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     try:

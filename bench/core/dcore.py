@@ -56,8 +56,7 @@ def peak_of(pid):
 
 
 def descendants(pid):
-    """A process and all below it. gcore is a script, and the memory is that of the debugger that it
-    starts."""
+    """A process and all below it. gcore is a script, which starts the debugger that needs the memory."""
     found = [pid]
     try:
         for task in os.listdir(f"/proc/{pid}/task"):

@@ -20,8 +20,7 @@ def assert_tcpdump_reads(stream, count):
 
 
 def assert_capinfos_reads(stream, count, folder):
-    """capinfos uses another library than tcpdump, and complains about a file that it cannot read to the
-    end."""
+    """capinfos uses another library, and complains about a file that it cannot read to the end."""
     if not shutil.which("capinfos"):
         pytest.skip("needs capinfos, to read the capture")
     file = folder / "read-back.pcap"

@@ -14,8 +14,7 @@ NUMBERS = ("countdown", "lasting", "poll_error", "polls")  # as in the source
 
 
 class Faults:
-    """The numbers in the file that the preloaded library shares with the test. The source says what they
-    mean."""
+    """The numbers in the file that the library shares with the test. The source explains them."""
 
     def __init__(self, path):
         path.write_bytes(bytes(8 * len(NUMBERS)))

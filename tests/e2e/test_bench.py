@@ -14,8 +14,7 @@ TO_BUILD = {"g++", "cmake", "ninja-build"}
 
 @pytest.fixture
 def bare_machine(tmp_path):
-    """An environment in which no package is installed and none can be installed, and the file that lists the
-    requested ones."""
+    """An environment without packages, where none can be installed, and the file with the requests."""
     requested = tmp_path / "requested"
     programs = {
         "dpkg-query": "exit 1",

@@ -10,8 +10,8 @@ import pytest
 from support.answers import PLAIN_HEAD, body_of, download_head
 from support.archives import CAPTURE_SIZE, TRACE_SIZE, assert_whole
 from support.board_daemon import pids_of, served_board, wait_for_board
-from support.web import http_get, http_open
 from support.captures import FILE_HEADER, ICMP, TCP, frames_of
+from support.web import http_get, http_open
 
 STATUS = "/var/run/dbg-cgi/dbg-monitor.txt"
 BUSY = "while :; do read x < /dev/null; done"

@@ -37,8 +37,7 @@ while piece := peer.recv(65536):
 
 
 class BoardWithFtp(emulated.Board):
-    """A board for which ports of FTP_HOST are forwarded to this machine's loopback. Each connection has its
-    own relay."""
+    """A board whose connections to ports of FTP_HOST are relayed to this machine's loopback."""
 
     def __init__(self, *arguments, ports, relay, **more):
         super().__init__(*arguments, **more)

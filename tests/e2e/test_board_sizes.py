@@ -7,13 +7,13 @@ import subprocess
 import pytest
 
 import image
+from prepare import find_tool
 from support.answers import COMPRESSED_HEAD
 from support.archives import assert_compressed_whole
 from support.board_daemon import pids_of, wait_for_board
 from support.connections import SMALL_BUFFER, receive_all
 from support.under_test import ROOT
 from support.web import http_open
-from prepare import find_tool
 
 BUILD = ROOT / "build/mipsel"
 PROGRAM = BUILD / "bin/zarvo"

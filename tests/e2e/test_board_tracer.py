@@ -174,8 +174,7 @@ def put_calls(machine, tmp_path):
 
 
 def traced(machine):
-    """Traces /tmp/calls. Returns the lines about system calls without their heads, the whole output, and the
-    messages."""
+    """Traces /tmp/calls: the lines about calls without their heads, the whole output, the messages."""
     done = machine.run("tstrace /tmp/calls")
     assert done.status == 0
     text = done.out.decode()

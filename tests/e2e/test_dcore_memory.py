@@ -28,8 +28,7 @@ def test_memory_is_that_of_the_process(start_target):
 
 
 def test_all_memory_is_from_the_same_moment(start_target):
-    """The target increments a number in each of its pages in turn, so no two of them ever differ by more than
-    1."""
+    """The target increments a number in each page in turn, so no two ever differ by more than 1."""
     target = start_target("counts", 16)
     address = int(target.said, 16)
     for _ in range(5):

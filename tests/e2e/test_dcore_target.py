@@ -337,14 +337,12 @@ def stays_stopped(pid):
 
 
 def send_to_thread(pid, tid, number):
-    """A signal for the whole process might go to the thread that this test traces, where it would stay
-    pending."""
+    """A signal for the process might go to the thread that this test traces, and stay pending."""
     assert ctypes.CDLL(None).tgkill(pid, tid, number) == 0
 
 
 def test_process_runs_until_its_tracer_is_gone_and_is_then_dumped(start_target):
-    """This test traces one thread. The dumper has already attached to the others, which still handle
-    signals."""
+    """This test traces one thread. The dumper is attached to the others, which still handle signals."""
     target = start_target("exec_when_told", 1)
     [thread] = [tid for tid in threads_of(target.pid) if tid != target.pid]
     with contextlib.ExitStack() as tracer:

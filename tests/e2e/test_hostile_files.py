@@ -28,8 +28,7 @@ def daemon_with(start):
 
 @pytest.fixture
 def daemon_with_tmp(start, tmp_path):
-    """Starts a daemon whose /tmp is a tmpfs with the given options. The programs may be below the usual /tmp
-    themselves."""
+    """Starts a daemon whose /tmp is a tmpfs. Its programs may be below the machine's /tmp."""
     programs = tmp_path / "programs"
     programs.mkdir()
 

@@ -8,8 +8,7 @@ import pytest
 
 from support.answers import BUSY_PAGE, COMPRESSED_HEAD, PLAIN_HEAD, PS_HEAD, body_of
 from support.archives import assert_compressed_whole, assert_whole
-from support.connections import Browser, send_message
-from support.connections import SMALL_BUFFER
+from support.connections import SMALL_BUFFER, Browser, send_message
 from support.daemon import OFF, ON, temporary_leftovers, when_free
 from support.waiting import PATIENCE, wait_for
 
@@ -33,8 +32,7 @@ pytestmark = pytest.mark.usefixtures("no_trace_left")
 
 
 def browser_when_free(daemon, path, head, **kind):
-    """A browser that has received the head, or as much of it as its buffer holds, of an archive of its
-    own."""
+    """A browser with an archive of its own, which has received the head or a part of it."""
 
     def begin():
         browser = daemon.ask(path, **kind)

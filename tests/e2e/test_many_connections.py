@@ -8,8 +8,7 @@ import pytest
 
 from support.answers import BAD_REQUEST, CORE_HEAD, PLAIN_HEAD, PS_HEAD, body_of
 from support.archives import assert_whole
-from support.connections import Browser, send_message
-from support.connections import SMALL_BUFFER
+from support.connections import SMALL_BUFFER, Browser, send_message
 from support.processes import in_mount_namespace
 from support.under_test import SANITIZE
 from support.waiting import wait_for

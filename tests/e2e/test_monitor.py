@@ -130,8 +130,7 @@ signal.pause()
 
 @pytest.fixture
 def hold(clean_sandbox):
-    """Starts a process that holds descriptors: of files, of sockets, and two for each pipe. Returns its
-    pid."""
+    """Starts a process with descriptors: of files, of sockets, two for each pipe. Returns its pid."""
     started = []
 
     def start_one(plain=0, sockets=0, pipes=0, name="/x/holder", **how):

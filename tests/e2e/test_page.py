@@ -152,8 +152,7 @@ def real():
 
 @pytest.fixture
 def play(socket_path):
-    """play(answer) starts a daemon that answers with `answer(message)`, which is bytes or a sequence of
-    bytes."""
+    """play(answer) starts a daemon that answers with `answer(message)`, bytes or a sequence of them."""
     started = []
 
     def start(answer):

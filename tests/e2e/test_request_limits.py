@@ -36,8 +36,7 @@ def traced(pids):
 
 
 def assert_traced_count(daemon, pids, query, wanted):
-    """One process too many would be traced right after the others, since the trace attaches in the order of
-    the list."""
+    """One process too many would be traced soon: the trace attaches in the order of the list."""
     with daemon.ask(b"/x", b"cmd=strace&pid=" + query) as browser:
         assert browser.read(len(TRACE_HEAD)) == TRACE_HEAD
         wait_for(lambda: len(traced(pids)) >= wanted, lambda: f"{wanted} traced, but {len(traced(pids))}", 4 * PATIENCE)

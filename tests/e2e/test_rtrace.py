@@ -13,8 +13,9 @@ import pytest
 from support.answers import PLAIN_HEAD, body_of, download_head
 from support.archives import assert_whole
 from support.connections import SMALL_BUFFER
-from support.processes import children_of, in_mount_namespace, process_stat, without_trace_programs
-from support.processes import threads_of
+from support.processes import (
+    children_of, in_mount_namespace, process_stat, threads_of, without_trace_programs,
+)  # fmt: skip
 from support.rtrace_records import (
     DISKINFO, DISKS_HEADING, EVENT, FILENR, GROUP, IOSTAT, MEMINFO, PELLORA, PIDSTAT, SMAPS, STATUS, count,
     read_until, split,

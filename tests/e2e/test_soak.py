@@ -9,8 +9,7 @@ from support.answers import (
     BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, CORE_HEAD, PLAIN_HEAD, PS_HEAD, SERVER_ERROR, body_of,
 )  # fmt: skip
 from support.archives import assert_compressed_whole, assert_whole
-from support.connections import Browser, send_message
-from support.connections import SMALL_BUFFER
+from support.connections import SMALL_BUFFER, Browser, send_message
 from support.daemon import OFF, ON, temporary_leftovers
 from support.under_test import SANITIZE
 from support.waiting import wait_for

@@ -32,8 +32,7 @@ SIGNALS = [signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT, signal.SIGKILL]
 
 
 def final_state(pid, tid):
-    """The state of a thread without a tracer. S: asleep, T: stopped, None: neither yet, or a stop is
-    pending."""
+    """S: the thread, which has no tracer, is asleep, T: it is stopped, None: neither for good."""
     text = status_of(pid, tid)
     assert "TracerPid:\t0\n" in text, text
     pending = [int(mask, 16) for mask in re.findall(r"^(?:SigPnd|ShdPnd):\t(\w+)$", text, re.MULTILINE)]

@@ -32,8 +32,7 @@ pytestmark = pytest.mark.skipif(not WEBFRONT.exists(), reason=f"{WEBFRONT} is no
 
 
 def assert_error(answer, status, words):
-    """The answer is a complete error page: a valid head, and one sentence in plain text that contains these
-    words."""
+    """The answer is a complete error page: a valid head, and one sentence with these words."""
     head, _, body = answer.partition(b"\r\n\r\n")
     lines = head.decode().split("\r\n")
     assert lines[0].startswith(f"HTTP/1.0 {status} "), answer

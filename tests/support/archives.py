@@ -85,8 +85,7 @@ def kind_of(name):
 
 
 def assert_snapshot(names):
-    """A snapshot of /proc has one timestamp, and its directories are in the fixed order. Returns the
-    timestamp."""
+    """A snapshot has one timestamp, which is returned, and its directories are in the fixed order."""
     timestamps = {found[1] for name in names if (found := TIMESTAMPED.fullmatch(name))}
     assert len(timestamps) == 1, timestamps
     order = [SNAPSHOT_DIRS.index(name[: name.rindex("/") + 1]) for name in names if kind_of(name) == "P"]

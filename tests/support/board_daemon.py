@@ -27,7 +27,6 @@ DEVICE_FILES = ROOT / "tools" / "sandbox.d" / "device"
 START_LIMIT = 60  # seconds until a program on the board must have started
 POLL_S = 0.1
 
-
 # Sends its standard input to the stream socket at a path, shuts the sending side down and waits for the end
 # of the connection, as the core handler does. Busybox has no such program.
 SEND_SOURCE = r"""
@@ -90,8 +89,7 @@ def start_daemon(board, *options):
 
 
 def start_front(board):
-    """Starts a web front for the daemon at the usual socket. Returns its address, without a slash at the
-    end."""
+    """Starts a web front for the daemon at the usual socket. Returns its address, without a last slash."""
     url = f"http://127.0.0.1:{board.http_port}"
     board.check(f"webfront --port 80 --forwarded-from {board.http_port} </dev/null >/tmp/webfront.log 2>&1 &")
 
@@ -119,8 +117,7 @@ def put_sender(board, remote="/tmp/send-to-socket"):
 
 @contextlib.contextmanager
 def served_board(build):
-    """A board with the device's files, a daemon at the usual sockets and a web front: `board`, `pid`,
-    `url`."""
+    """A board with the device's files, a daemon and a web front. Yields `board`, `pid` and `url`."""
     with emulated.Board(build, http=True) as board:
         put_device_files(board)
         pid = start_daemon(board)

@@ -1,4 +1,4 @@
-"""Capture files, taken apart, the frames that the tests send, and a running pcapdump."""
+"""Capture files, the frames that the tests send, and a running pcapdump."""
 
 import pathlib
 import signal
@@ -37,7 +37,8 @@ def ports(source, destination):
 
 def ipv4(protocol, body, options=b"", fragment=0):
     length = 20 + len(options)
-    head = struct.pack("!BBHHHBBH8s", 0x40 | length // 4, 0, length + len(body), 0, fragment, 64, protocol, 0, b"\7" * 8)
+    version_and_length, total, addresses = 0x40 | length // 4, length + len(body), b"\7" * 8
+    head = struct.pack("!BBHHHBBH8s", version_and_length, 0, total, 0, fragment, 64, protocol, 0, addresses)
     return ethernet(0x800, head + options + body)
 
 
@@ -54,20 +55,20 @@ def tagged(frame):
 
 def split_capture(stream):
     """[(header, frame)...] of a stream, which must consist of whole records."""
-    assert stream[:24] == FILE_HEADER
-    records, at = [], 24
+    assert stream[:HEADER_SIZE] == FILE_HEADER
+    records, at = [], HEADER_SIZE
     while at < len(stream):
         header = struct.unpack_from("<4I", stream, at)
-        frame = stream[at + 16 : at + 16 + header[2]]
+        begin = at + RECORD_HEADER_SIZE
+        frame = stream[begin : begin + header[2]]
         assert len(frame) == header[2], "the last record is truncated"
         records.append((header, frame))
-        at += 16 + len(frame)
+        at = begin + len(frame)
     return records
 
 
 def frames_of(stream):
-    """The captured frames in their original lengths. The rest of their records, and padding records, must be
-    zero."""
+    """The captured frames in their original lengths. The rest of their records, and padding, must be zero."""
     frames = []
     for (seconds, microseconds, _, length), frame in split_capture(stream):
         assert not any(frame[length:])
@@ -80,7 +81,7 @@ def frames_of(stream):
 
 def record_bytes(frames):
     """The size of the records of these frames."""
-    return sum(16 + len(frame) for frame in frames)
+    return sum(RECORD_HEADER_SIZE + len(frame) for frame in frames)
 
 
 # pcapdump.
@@ -93,7 +94,7 @@ class Applet:
         self.file = pathlib.Path(file)
         self.process = subprocess.Popen([BIN / "pcapdump", interface, file, *words], stderr=subprocess.PIPE, **how)
         wait_for(lambda: capturing_sockets() == sockets, "capturing")
-        wait_for(lambda: self.size() >= 24, "the file's header")
+        wait_for(lambda: self.size() >= HEADER_SIZE, "the file's header")
 
     def size(self):
         return self.file.stat().st_size
@@ -103,7 +104,7 @@ class Applet:
         _, errors = self.process.communicate(timeout=PATIENCE)
         return self.process.returncode, errors
 
-    def finish(self, size=24):
+    def finish(self, size=HEADER_SIZE):
         """Interrupts it when the file has `size` bytes. Returns the file's content."""
         wait_for(lambda: self.size() >= size, lambda: f"{size} bytes: {self.size()}")
         self.process.send_signal(signal.SIGINT)

@@ -12,8 +12,7 @@ SMALL_BUFFER = 4096  # bytes that a connection holds when nobody reads it; the k
 
 
 def tcp_pair(buffer_size):
-    """Two ends of a connection over loopback, with buffers of about `buffer_size` bytes (None: the kernel's
-    default)."""
+    """Two ends of a connection over loopback. buffer_size: of each end; None: the kernel's default."""
     with socket.socket() as listener:
         if buffer_size:
             listener.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, buffer_size)

@@ -77,8 +77,7 @@ class Core:
             at = begin + (length + 3 & ~3)
 
     def notes_of(self, kind):
-        """The contents of the notes of one kind, in the file's order. Registers have one note for each
-        thread."""
+        """The contents of the notes of one kind. Registers have one note for each thread."""
         return [content for found, content in self.notes if found == kind]
 
     def at(self, address, length):

@@ -65,8 +65,7 @@ class Control:
         return browser
 
     def push(self, dump):
-        """Sends a core as the core handler does. Returns what the daemon sends until it closes the
-        connection."""
+        """Sends a core as the core handler does. Returns what the daemon sends before it hangs up."""
         with socket.socket(socket.AF_UNIX) as handler:
             handler.settimeout(PATIENCE)
             handler.connect(self.segfault_socket)

@@ -19,8 +19,7 @@ RELEASED_EARLY = "had to go on before its memory was read"
 
 
 def run_dcore(pid, *words, status=0):
-    """The core and the text after the control line. Checks that the control line announces the core's
-    length."""
+    """The core, whose length the control line must announce, and the text after the control line."""
     ran = subprocess.run([DCORE, *words, str(pid)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                          stderr=subprocess.PIPE, timeout=PATIENCE)
     length, text = announced(ran.stderr)
@@ -98,6 +97,7 @@ def kernel_xstate(pid):
     ptrace(PTRACE_DETACH, pid)
     return buffer.raw[: vector[1]]
 
+
 class Stalled:
     """A dumper whose reader has read only the beginning of the core. It still holds the target."""
 
@@ -127,4 +127,3 @@ class Stalled:
 def queue_signals(pid, count):
     for _ in range(count):
         os.kill(pid, signal.SIGRTMIN)
-

@@ -16,15 +16,17 @@ def ip(*words):
 def private_network():
     """Moves this thread into a network namespace of its own. Programs that it starts are in that one, too."""
     libc = ctypes.CDLL(None, use_errno=True)
-    with open("/proc/thread-self/ns/net") as before:
-        if libc.unshare(CLONE_NEWNET) != 0:
+
+    def check(result):
+        if result != 0:
             raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()))
+
+    with open("/proc/thread-self/ns/net") as before:
+        check(libc.unshare(CLONE_NEWNET))
         try:
             yield
         finally:
-            back = libc.setns(before.fileno(), CLONE_NEWNET)
-        if back != 0:
-            raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()))
+            check(libc.setns(before.fileno(), CLONE_NEWNET))
 
 
 def add_quiet_wire(near, far):
@@ -35,7 +37,7 @@ def add_quiet_wire(near, far):
 
 
 def capturing_sockets():
-    """How many packet sockets of this network receive all protocols."""
+    """The number of packet sockets in this network that receive all protocols."""
     with open("/proc/thread-self/net/packet") as table:
         return sum(line.split()[3] == "0003" for line in table.readlines()[1:])
 

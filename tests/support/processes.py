@@ -17,8 +17,7 @@ def processes():
 
 
 def process_stat(pid):
-    """The fields of /proc/PID/stat after the name: state, parent, group, session... None if the process is
-    gone."""
+    """The fields of /proc/PID/stat after the name: state, parent, group... None: no such process."""
     try:
         text = pathlib.Path(f"/proc/{pid}/stat").read_text()
     except (FileNotFoundError, ProcessLookupError):
@@ -100,8 +99,7 @@ def end_by(process, sig):
 
 @contextlib.contextmanager
 def started():
-    """A function that starts programs, which are killed at the end. Their standard input and output are
-    pipes."""
+    """A function that starts programs with pipes for input and output. They are killed at the end."""
     programs = []
 
     def start(*words):
@@ -124,7 +122,6 @@ def in_mount_namespace(script):
 
 
 def without_trace_programs():
-    """Words that run a command where no program of a resource trace can be started, even if it is
-    installed."""
+    """Words that run a command where no program of a resource trace can be started."""
     hide = (f"[ ! -e /usr/bin/{name} ] || mount --bind /dev/null /usr/bin/{name}" for name in TRACE_PROGRAMS)
     return in_mount_namespace("\n".join(hide))

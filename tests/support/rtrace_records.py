@@ -41,8 +41,7 @@ def split(stream):
 
 
 def read_until(receive, enough, head):
-    """Reads records after `head` until `enough(records)`. Returns the records, and the stream after the
-    head."""
+    """Reads `head` and records until `enough(records)`. Returns the records, and their bytes."""
     stream = b""
     while not (stream[: len(head)] == head and enough(split(stream[len(head) :]))):
         piece = receive(1 << 16)

@@ -3,11 +3,10 @@
 import contextlib
 import os
 import pathlib
-import re
 import subprocess
 import time
 
-from support.processes import process_stat, processes
+from support.processes import process_stat, processes, status_field
 from support.under_test import ROOT
 from support.waiting import wait_for
 
@@ -56,10 +55,8 @@ def sharing_mounts_of(pid):
 
 
 def in_mask(pid, mask, number):
-    """True if a mask of /proc/PID/status has the signal. ShdPnd: it is pending. SigBlk: the process blocks
-    it."""
-    text = re.search(rf"^{mask}:\s*(\w+)", pathlib.Path(f"/proc/{pid}/status").read_text(), re.MULTILINE)[1]
-    return bool(int(text, 16) & 1 << number - 1)
+    """True if a mask of /proc/PID/status has the signal. ShdPnd: pending. SigBlk: blocked."""
+    return bool(int(status_field(pid, mask), 16) & 1 << number - 1)
 
 
 def make_marker():

@@ -20,8 +20,7 @@ def program(name):
 
 
 def calls_of(text):
-    """(name, arguments, result) of each line about a system call. On entry to the call, the result is
-    None."""
+    """(name, arguments, result) of each line about a system call. result: None on entry."""
     found = [LINE.fullmatch(line) for line in text.splitlines()]
     return [(match[5], match[6], match[7] and match[7][3:]) for match in found if match]
 

@@ -21,8 +21,7 @@ LOG_FILE = "/run/log/messages"
 
 
 def set_up(dcore, overlay, net):
-    """Sets up everything. Raises OSError if a step fails. What was mounted until then disappears with this
-    process."""
+    """Sets up everything. Raises OSError if a step fails; the mounts end with this process."""
     folders = EXTENDED + (["/usr/bin"] if dcore else [])
     inner = inner_mounts(folders)
     resolver = hidden_resolver()
@@ -189,8 +188,7 @@ def make_run(machine):
 
 
 def make_dev():
-    """A private /dev, for a private /dev/log. The terminals are the machine's, since the caller's is one of
-    them."""
+    """A private /dev, for /dev/log. The terminals are the machine's, as the caller's is one of them."""
     nodes = []
     for name in DEVICE_NODES:
         if os.path.exists("/dev/" + name):
@@ -220,8 +218,7 @@ def make_ptmx():
 
 
 def make_proc(net):
-    """Kernel settings are read-only, because they are the machine's. Those of a private network are
-    writable."""
+    """Kernel settings are the machine's, so read-only. Those of a private network are writable."""
     linux.mount("proc", "/proc", "proc", linux.MS_NOSUID | linux.MS_NODEV | linux.MS_NOEXEC)
     linux.bind("/proc/sys", "/proc/sys", read_only=True)
     if net:

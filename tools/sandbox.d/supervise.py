@@ -32,8 +32,7 @@ def exit_status(wait_status):
 
 
 def keep_only(kept):
-    """Closes the caller's other descriptors. Otherwise a pipe would stay open after the command has closed
-    its end."""
+    """Closes the caller's descriptors. A pipe must end when the command has closed its end."""
     null = os.open("/dev/null", os.O_RDWR)
     for number in range(3):
         os.dup2(null, number)
@@ -200,8 +199,7 @@ def pass_on(number, command_pid):
 
 
 def attend(command_pid, control, log, log_file, woken):
-    """Handles signals, messages and orphans until the command or the supervisor ends. Returns our exit
-    status."""
+    """Handles signals, messages and orphans until the command or the supervisor ends."""
     poll = select.poll()
     for number in (control, log.fileno(), woken):
         poll.register(number, select.POLLIN)
