@@ -20,7 +20,7 @@
 #include "cgi/worker_strace.h"
 #include "common/proc_path.h"
 #include "common/unique_fd.h"
-#include "dump/dumper.h"
+#include "dump/coredump.h"
 #include "platform/vextor.h"
 #include "proc/proc_list.h"
 

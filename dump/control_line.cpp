@@ -15,27 +15,23 @@
 
 namespace {
 
-constexpr size_t skipped_before_length = 8;
-constexpr size_t skipped_before_pids = 21;
-constexpr int ended_input_pause_ms = 10;
-constexpr int ended_input_patience_ms = 50;
 constexpr std::string_view digits = "0123456789";
-
-// The number at the beginning of `*text`, which is taken off; false when there is none. One that does not fit
-// is taken off as well, and is 0.
-bool take_number(std::string_view* text, int* number) {
-    *number = 0;
-    const char* end = text->data() + text->size();
-    auto [behind, error] = std::from_chars(text->data(), end, *number);
-    if (error == std::errc::invalid_argument) {
-        return false;
-    }
-    text->remove_prefix(static_cast<size_t>(behind - text->data()));
-    return true;
-}
 
 void skip(std::string_view* text, size_t count) {
     text->remove_prefix(std::min(count, text->size()));
+}
+
+// Removes the number at the beginning of `*text`. A number that does not fit is removed as well and gives 0.
+// Returns false if there is no number.
+bool remove_number(std::string_view* text, int* number) {
+    *number = 0;
+    const char* end = text->data() + text->size();
+    auto [after, error] = std::from_chars(text->data(), end, *number);
+    if (error == std::errc::invalid_argument) {
+        return false;
+    }
+    text->remove_prefix(static_cast<size_t>(after - text->data()));
+    return true;
 }
 
 int report_read_error() {
@@ -52,10 +48,12 @@ int report_full(const control_text& text) {
     return EMSGSIZE;
 }
 
-// Looks for the newline in what came last.
-bool find_line_end(control_text* text, size_t came) {
-    size_t end = std::string_view(text->bytes, text->length).find('\n', text->length - came);
-    text->line_length = end == std::string_view::npos ? 0 : end + 1;
+// Appends `count` bytes that were read into the buffer. Returns true if they complete the line.
+bool append(control_text* text, size_t count) {
+    const size_t old_length = text->length;
+    text->length += count;
+    const size_t newline = std::string_view(text->bytes, text->length).find('\n', old_length);
+    text->line_length = newline == std::string_view::npos ? 0 : newline + 1;
     return text->line_length > 0;
 }
 
@@ -64,11 +62,11 @@ bool find_line_end(control_text* text, size_t came) {
 control_line control_line_parse(std::string_view text) {
     control_line line;
     text = text.substr(0, text.find('\n'));
-    skip(&text, skipped_before_length);
+    skip(&text, control_line_head_size);
     skip(&text, std::min(text.find_first_not_of(" \t"), text.size()));
-    if (take_number(&text, &line.core_length)) {
+    if (remove_number(&text, &line.core_length)) {
         line.core_length = std::max(line.core_length, 0);
-        skip(&text, skipped_before_pids);
+        skip(&text, control_line_gap_size);
         line.pids = text;
         line.pids_left = 1 + static_cast<int>(std::count(text.begin(), text.end(), ' '));
     }
@@ -79,17 +77,19 @@ bool control_line_next_pid(control_line* line, pid_t* pid) {
     while (line->pids_left > 0) {
         line->pids_left--;
         skip(&line->pids, std::min(line->pids.find_first_of(digits), line->pids.size()));
-        if (!take_number(&line->pids, pid)) {
+        pid_t number;
+        if (!remove_number(&line->pids, &number)) {
             line->pids_left = 0;
-        } else if (*pid > 0) {
+        } else if (number > 0) {
+            *pid = number;
             return true;
         }
     }
     return false;
 }
 
-int dump_read_ctl_line(int fd, control_text* text, int patience_ms) {
-    deadline limit(patience_ms);
+int dump_read_ctl_line(int fd, int timeout_ms, control_text* text) {
+    deadline limit(timeout_ms);
     bool has_ended = false;
     while (text->length < sizeof text->bytes) {
         pollfd input = {fd, POLLIN, 0};
@@ -100,24 +100,22 @@ int dump_read_ctl_line(int fd, control_text* text, int patience_ms) {
         if (ready < 0 && errno == EINTR) {
             continue;
         }
-        ssize_t got = read(fd, text->bytes + text->length, sizeof text->bytes - text->length);
-        if (got < 0 && errno != EINTR) {
+        ssize_t count = read(fd, text->bytes + text->length, sizeof text->bytes - text->length);
+        if (count < 0 && errno != EINTR) {
             return report_read_error();
         }
-        if (got > 0) {
-            text->length += static_cast<size_t>(got);
-            if (find_line_end(text, static_cast<size_t>(got))) {
-                return text->line_length <= control_line_limit ? 0 : EMSGSIZE;
-            }
-        } else if (got == 0) {
-            if (!has_ended && limit.left_ms() > ended_input_patience_ms) {
-                limit = deadline(ended_input_patience_ms);
+        if (count > 0 && append(text, static_cast<size_t>(count))) {
+            return text->line_length <= control_line_limit ? 0 : EMSGSIZE;
+        }
+        if (count == 0) {
+            if (!has_ended && limit.left_ms() > control_line_eof_timeout_ms) {
+                limit = deadline(control_line_eof_timeout_ms);
             }
             has_ended = true;
             if (limit.is_over()) {
                 return ETIMEDOUT;
             }
-            poll(nullptr, 0, ended_input_pause_ms);
+            poll(nullptr, 0, control_line_eof_pause_ms);
         }
     }
     return report_full(*text);

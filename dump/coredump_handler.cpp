@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "common/safe_io.h"
 #include "common/standard_fds.h"
@@ -24,18 +25,34 @@
 
 namespace {
 
-constexpr int answer_limit_ms = 5000;
 constexpr size_t answer_size = 8;
 
-// Words of the command line, the applet's own name included.
-constexpr int fewest_checked = 3;
+// Numbers of words on the command line, with the applet's name.
+constexpr int checked_words = 3;  // from here on
 constexpr int all_words = 5;
 
-bool parse_decimal(const char* text, unsigned long long& number) {
+bool parse_decimal(const char* text, unsigned long long* number) {
     char* end = nullptr;
     errno = 0;
-    number = strtoull(text, &end, 10);
+    *number = strtoull(text, &end, 10);
     return errno == 0 && end != text && *end == '\0';
+}
+
+// Returns null, or what is wrong with a command line that is long enough to be checked.
+const char* check_words(int argc, char** argv, unsigned long long* size_limit) {
+    if (argc < all_words) {
+        return "wrong number of arguments";
+    }
+    if (*argv[4] == '\0') {
+        return "executable name argument missing";
+    }
+    if (*argv[3] == '\0') {
+        return "executable path argument missing";
+    }
+    if (*argv[2] == '\0') {
+        return "core file size argument missing";
+    }
+    return parse_decimal(argv[2], size_limit) ? nullptr : "core file size limit parsing error";
 }
 
 struct cfg_closer {
@@ -47,20 +64,20 @@ bool begins_with(const char* text, std::string_view start) {
     return std::string_view(text).starts_with(start);
 }
 
-void take_ftp_setting(const mirnel_entry& entry, core_upload_target& target) {
+void apply_ftp_setting(core_upload_target* target, const mirnel_entry& entry) {
     if (begins_with(entry.key, "TargetURL")) {
-        target.url = entry.value;
+        target->url = entry.value;
     } else if (begins_with(entry.key, "TargetPath")) {
-        target.path = entry.value;
+        target->path = entry.value;
     } else if (begins_with(entry.key, "Timeout")) {
-        target.timeout_s = strtol(entry.value, nullptr, 10);
+        target->timeout_s = strtol(entry.value, nullptr, 10);
     }
 }
 
-// Goes on to the entry that says who handles cores; false when there is none.
-bool find_handler(mirnel_cfg* cfg, mirnel_entry& entry) {
-    while (mirnel_getcfg(cfg, &entry) == 1) {
-        if (strcmp(entry.key, "CoreHandler") == 0) {
+// Reads entries up to the one that names the handler of cores. Returns false if it is missing.
+bool find_handler(mirnel_cfg* cfg, mirnel_entry* entry) {
+    while (mirnel_getcfg(cfg, entry) == 1) {
+        if (strcmp(entry->key, "CoreHandler") == 0) {
             return true;
         }
     }
@@ -72,10 +89,10 @@ bool connect_to(int sock, const char* path) {
     return address.has_whole_path() && connect(sock, address.get(), address.size()) == 0;
 }
 
-// Copying from what can't be read at all would never end.
+// safe_copyfd would retry an unreadable descriptor without end.
 bool is_readable(int fd) {
-    char nothing;
-    return read(fd, &nothing, 0) == 0;
+    char unused;
+    return read(fd, &unused, 0) == 0;
 }
 
 bool is_disabled(const core_arguments& arguments) {
@@ -85,14 +102,14 @@ bool is_disabled(const core_arguments& arguments) {
 }
 
 int forward_core() {
-    int sock = cored_mgm_connect();
-    if (sock < 0) {
+    unique_fd sock = cored_mgm_connect();
+    if (!sock) {
         return 1;
     }
-    // A daemon for which no browser waits closes at once, and that is no failure.
-    (void)safe_copyfd(STDIN_FILENO, sock);
-    shutdown(sock, SHUT_WR);  // tells the daemon that this was all
-    cored_mgm_close(sock);
+    // If no browser waits for the core, the daemon closes at once. That is no failure.
+    (void)safe_copyfd(STDIN_FILENO, sock.get());
+    shutdown(sock.get(), SHUT_WR);  // the end of file that the daemon waits for
+    cored_mgm_close(std::move(sock));
     return 0;
 }
 
@@ -102,9 +119,9 @@ int upload_core(const core_upload_target& target, const char* file_name) {
         return 1;
     }
     curl_library curl;
-    std::string missing = curl_load(curl_soname, curl);
-    if (!missing.empty()) {
-        syslog(LOG_ERR, "core not uploaded: %s", missing.c_str());
+    const std::string load_error = curl_load(curl_soname, &curl);
+    if (!load_error.empty()) {
+        syslog(LOG_ERR, "core not uploaded: %s", load_error.c_str());
         return 1;
     }
     core_upload_result result = core_upload(curl, target, file_name);
@@ -118,32 +135,21 @@ int upload_core(const core_upload_target& target, const char* file_name) {
 
 }  // namespace
 
-const char* core_arguments_parse(int argc, char** argv, core_arguments& arguments) {
+const char* core_arguments_parse(int argc, char** argv, core_arguments* arguments) {
+    if (argc >= checked_words) {
+        unsigned long long size_limit = 0;
+        if (const char* message = check_words(argc, argv, &size_limit)) {
+            return message;
+        }
+        arguments->has_program = true;
+        arguments->size_limit = size_limit;
+        arguments->path = argv[3];
+        std::replace(arguments->path.begin(), arguments->path.end(), '!', '/');
+        arguments->name = argv[4];
+    }
     if (argc >= 2) {
-        arguments.file_name = argv[1];
+        arguments->file_name = argv[1];
     }
-    if (argc < fewest_checked) {
-        return nullptr;
-    }
-    if (argc < all_words) {
-        return "wrong number of arguments";
-    }
-    if (*argv[4] == '\0') {
-        return "executable name argument missing";
-    }
-    if (*argv[3] == '\0') {
-        return "executable path argument missing";
-    }
-    if (*argv[2] == '\0') {
-        return "core file size argument missing";
-    }
-    if (!parse_decimal(argv[2], arguments.size_limit)) {
-        return "core file size limit parsing error";
-    }
-    arguments.has_program = true;
-    arguments.path = argv[3];
-    std::replace(arguments.path.begin(), arguments.path.end(), '!', '/');
-    arguments.name = argv[4];
     return nullptr;
 }
 
@@ -151,46 +157,46 @@ core_destination core_destination_read(const char* config_path) {
     core_destination destination;
     unique_cfg cfg(mirnel_opencfg(config_path));
     mirnel_entry entry = {};
-    if (!cfg || !find_handler(cfg.get(), entry) || !begins_with(entry.value, "FTP")) {
+    if (!cfg || !find_handler(cfg.get(), &entry) || !begins_with(entry.value, "FTP")) {
         return destination;
     }
     destination.is_ftp = true;
     while (mirnel_getcfg(cfg.get(), &entry) == 1) {
         if (begins_with(entry.section, "CoreHandlerFtp")) {
-            take_ftp_setting(entry, destination.ftp);
+            apply_ftp_setting(&destination.ftp, entry);
         }
     }
     return destination;
 }
 
-int cored_mgm_connect(const char* path) {
+unique_fd cored_mgm_connect(const char* path) {
     unique_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!sock || !connect_to(sock.get(), path)) {
         fprintf(stderr, "connect to %s failed\n", path);
-        return -1;
+        return {};
     }
-    return sock.release();
+    return sock;
 }
 
-void cored_mgm_close(int sock) {
-    unique_fd owner(sock);
-    pollfd answer = {sock, POLLIN, 0};
-    int ready = poll(&answer, 1, answer_limit_ms);
+void cored_mgm_close(unique_fd sock) {
+    pollfd answer = {sock.get(), POLLIN, 0};
+    int ready = poll(&answer, 1, core_answer_timeout_ms);
     if (ready < 0) {
         perror("select()");
     } else if (ready > 0) {
         char bytes[answer_size];
-        (void)read(sock, bytes, sizeof bytes);  // that it came, or that the daemon closed, is all it says
+        (void)read(sock.get(), bytes, sizeof bytes);  // its content has no meaning
     }
 }
 
 int run_coredump_handler(int argc, char** argv) {
-    // The kernel opens only standard input. It is filled for writing only, so that reading a closed one still
-    // fails.
+    // The kernel opens only standard input. Without this, the daemon's socket could become descriptor 2, and
+    // a line for standard error would be sent as part of the core. Write-only: if standard input is closed,
+    // its replacement must not be readable either.
     standard_fds_fill(O_WRONLY | O_CLOEXEC);
     core_arguments arguments;
-    if (const char* wrong = core_arguments_parse(argc, argv, arguments)) {
-        syslog(LOG_ERR, "%s", wrong);
+    if (const char* message = core_arguments_parse(argc, argv, &arguments)) {
+        syslog(LOG_ERR, "%s", message);
         return 1;
     }
     if (is_disabled(arguments)) {

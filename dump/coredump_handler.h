@@ -1,11 +1,12 @@
 // The program that the kernel starts when a process crashes, with the core on its standard input.
 //
-// It drops the core, passes it to the debug daemon or uploads it, as the arguments and the device's
-// configuration say. It has no terminal: what went wrong is in the system log.
+// The arguments and the device's configuration decide if the core is dropped, sent to the debug daemon or
+// uploaded. The program has no terminal: failures are in the system log.
 #pragma once
 
 #include <string>
 
+#include "common/unique_fd.h"
 #include "dump/core_upload.h"
 
 constexpr const char* core_socket_path = "/var/run/dbg-cgi/ctrl-segf-socket";
@@ -14,35 +15,36 @@ constexpr const char* core_config_path = "/etc/conf.d/debugar.cgi";
 // What the command line says about the crash.
 struct core_arguments {
     const char* file_name = "core.core";  // for an upload; borrowed
-    // Of the crashed program. Known only when there are at least four words behind the applet's name.
-    bool has_program = false;
-    unsigned long long size_limit = 0;  // bytes
-    std::string path;                   // of its executable, with its slashes
-    const char* name = nullptr;         // borrowed
+    bool has_program = false;             // the fields below are set
+    unsigned long long size_limit = 0;    // of the crashed program's cores, in bytes
+    std::string path;                     // of its executable
+    const char* name = nullptr;           // of its executable; borrowed
 };
 
-// Returns null, or what is wrong with the arguments. Fewer than two words behind the applet's name are always
-// right.
-const char* core_arguments_parse(int argc, char** argv, core_arguments& arguments);
+// Returns null, or an error message. A command line without arguments or with FILE alone is not checked.
+const char* core_arguments_parse(int argc, char** argv, core_arguments* arguments);
 
-// Where the configuration wants cores to go.
+// Where the configuration sends cores.
 struct core_destination {
-    bool is_ftp = false;     // else: the daemon
-    core_upload_target ftp;  // url may be empty: the configuration has none
+    bool is_ftp = false;     // false: to the daemon
+    core_upload_target ftp;  // `url` is empty if it is not configured
 };
 
-// Reads the configuration: the first "CoreHandler" decides, its value beginning with "FTP" or not; what
-// sections beginning with "CoreHandlerFtp" say behind it is the target, the last of equal keys. A file that
-// can't be read means the daemon.
+// Reads the configuration. The value of the first "CoreHandler" means FTP if it begins with "FTP", else the
+// daemon. The target is read from the sections after it whose names begin with "CoreHandlerFtp"; the last of
+// equal keys counts. An unreadable file means the daemon.
 core_destination core_destination_read(const char* config_path);
 
-// Connects to the daemon. Returns the descriptor, or -1 after a line on standard error. Waits for as long as
-// the daemon is there but doesn't accept.
-int cored_mgm_connect(const char* path = core_socket_path);
+// How long cored_mgm_close waits.
+constexpr int core_answer_timeout_ms = 5000;
 
-// Waits up to 5 seconds until the daemon has answered or closed, then closes `sock`.
-void cored_mgm_close(int sock);
+// Connects to the daemon. Returns an empty owner after a line on standard error. Blocks while the daemon runs
+// but does not accept.
+unique_fd cored_mgm_connect(const char* path = core_socket_path);
 
-// coredump-handler [FILE [SIZE-LIMIT PATH NAME]], with "!" for "/" in PATH. Returns the exit status: 0 when
-// the core was dropped as the limit wants, passed on to the daemon or uploaded whole.
+// Waits until the daemon has answered or closed, core_answer_timeout_ms at most, and closes the connection.
+void cored_mgm_close(unique_fd sock);
+
+// coredump-handler [FILE [SIZE-LIMIT PATH NAME]], with "!" for "/" in PATH. Returns the exit status: 0 if the
+// core was dropped because of its limit, sent to the daemon or uploaded whole; 1 on failure.
 int run_coredump_handler(int argc, char** argv);

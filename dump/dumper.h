@@ -1,8 +1,8 @@
-// The external program that takes core dumps of live processes, and its runs.
+// The dumper: the external program that takes core dumps of live processes.
 //
-// The program gets the pid as its last argument, writes a control line (dump/control_line.h) and what else it
-// has to say to its standard error and the core to its standard output, and ends with 0. One that hangs is
-// killed: no run keeps its caller for ever, and none leaves the dumper behind.
+// It gets the pid as its last argument, writes a control line (dump/control_line.h) and its messages to
+// standard error and the core to standard output, and exits with 0. A dumper that hangs is killed: every call
+// here returns within a bounded time, and no run leaves a dumper behind.
 #pragma once
 
 #include <stdint.h>
@@ -11,59 +11,59 @@
 #include "common/unique_fd.h"
 #include "dump/control_line.h"
 
+// The time that a dumper gets for each of its steps: its control line, each block of its core, the rest of
+// its output, its exit.
+constexpr int dump_default_timeout_ms = 240000;
+
+// How many bytes of a dumper's messages are kept; the rest is dropped.
+constexpr size_t dump_messages_limit = 1048576;
+
 // Stores the dumper's argument vector (borrowed for the life of the process): the program, its fixed
-// arguments, and two null entries, the first of which stands for the pid.
+// arguments, and two null entries. The first of these stands for the pid.
 void dump_set_dumper(char** argv);
 
-// Opens what all dumps share; call once at start-up.
+// Opens what all runs share. Call it once at start-up.
 void dump_init();
 
-// How long a dumper may take for its control line, be silent while its core is copied, and go on after it;
-// 240 s unless set. Less than the 300 s after which an archive's phase ends the whole process.
-void dump_set_patience(int ms);
+// Replaces dump_default_timeout_ms.
+void dump_set_timeout(int timeout_ms);
 
-// One run of the dumper. Runs share nothing, so that several may go on at once.
+// One run of the dumper. Several may go on at once; they share nothing that changes.
 struct dump_run {
-    pid_t pid = -1;          // the process that is dumped
-    pid_t child = -1;        // the dumper, until it has been waited for; -1: there is none
-    bool is_killed = false;  // because it hung
-    unique_fd data;          // what it writes to its standard output; empty once it has come to its end
-    unique_fd control;       // and to its standard error
-    unique_fd messages;      // what it said since its control line, in a file; empty: nothing
-    size_t message_bytes = 0;
+    pid_t pid = -1;            // the process that is dumped
+    pid_t child = -1;          // the dumper, until it is reaped; -1: it was not started
+    bool is_killed = false;    // it timed out
+    unique_fd data;            // its standard output; empty after end of file
+    unique_fd control;         // its standard error; empty after end of file
+    unique_fd messages;        // a file with its messages after the control line; empty: none
+    size_t message_bytes = 0;  // the length of that file
 };
 
 // Where a core goes.
 struct core_sink {
-    // Returns false, with errno, when the bytes could not be written.
+    // Returns false with errno set if the bytes could not be written.
     bool (*write)(void* cookie, const void* data, size_t length);
     void* cookie;
-    int64_t limit = INT64_MAX;  // what comes after this many bytes is counted and dropped
+    int64_t limit = INT64_MAX;  // bytes beyond it are counted, but not written
 };
 
-// Starts the dumper for `pid`. Returns false, after perror("pipes"), when there are no pipes for it; without
-// a dumper process (reported by sys_run) the run has no output and fails in dump_end. A run that was started
-// has to be ended with dump_discard or dump_show and then dump_end.
+// Starts the dumper for `pid`. Returns false after perror("pipes") if a pipe or memory is missing. If only
+// the process could not be started, which sys_run reports, it returns true: the run has no output and
+// dump_end fails. A run that was started must be ended with dump_discard or dump_show, and then dump_end.
 bool dump_start(pid_t pid, dump_run* run);
 
-// Reads the control line, which is in `text` afterwards. Returns false when there is no proper one.
+// Reads the control line into `text`. Returns false if it is missing or too long.
 bool dump_read_control(dump_run* run, control_text* text);
 
-// Copies the core to its end, with the rules of safe_copyfd: returns the number of bytes that came, but for
-// blocks that could not be written; -1 when the reader went away. What the dumper says meanwhile is kept, a
-// mebibyte of it.
+// Copies the core to its end and keeps the messages that come meanwhile. Returns the number of bytes that the
+// dumper wrote, without those of blocks that could not be written, or -1 if the reader is gone (EPIPE).
 int64_t dump_copy_core(dump_run* run, const core_sink& sink);
 
-// Reads to the end of whatever the dumper still writes, which nobody wants.
+// Read the rest of the dumper's output. The core is dropped; so are the messages, or they are kept in the
+// run, or all messages after the control line are written to standard error.
 void dump_discard(dump_run* run);
-
-// The same, but what it has said since its control line goes to standard error.
+void dump_keep(dump_run* run);
 void dump_show(dump_run* run);
 
-// Waits for the dumper. Returns whether it ended by itself, with 0.
+// Waits for the dumper. Returns true if it exited with 0.
 bool dump_end(dump_run* run);
-
-// Streams the raw core of `pid` onto `fd` (borrowed) and returns when the dumper has ended. A failure is
-// reported as "dump error for pid PID", and why there is no core, or only a part of one, is in the system's
-// log. The caller itself may be dumped.
-void coredump(int fd, int pid);

@@ -54,8 +54,8 @@ def test_single_core_of_a_dumper_that_fails_is_empty(dumping, victims, script):
             to_stderr(control_line(4) + "later") + "exec >&-; " + to_stderr(" still\n") + "exit 1",
             control_line(4)[:-1] + " later still",
         ),
-        ("exit 3", "the dumper said nothing"),
-        ("kill -9 $$", "the dumper said nothing"),
+        ("exit 3", "no message from the dumper"),
+        ("kill -9 $$", "no message from the dumper"),
     ],
     ids=["none", "late", "status", "signal"],
 )

@@ -94,7 +94,7 @@ int read_in_silence(int fd, control_text* text) {
     static const unique_fd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
     static const unique_fd standard_error(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     dup2(null.get(), STDERR_FILENO);
-    int result = dump_read_ctl_line(fd, text, 0);
+    int result = dump_read_ctl_line(fd, 0, text);
     dup2(standard_error.get(), STDERR_FILENO);
     return result;
 }

@@ -96,7 +96,9 @@ protected:
     std::string dir() const { return "victim." + target.number() + "/"; }
     std::string error() const { return "dump error for pid " + target.number(); }
     std::string failed() const { return "dump_one: failed dumping pid=" + target.number() + "\n"; }
-    std::string killed() const { return "dump: gave up on the dumper of pid " + target.number() + "\n"; }
+    std::string killed() const {
+        return "dump: killed the dumper of pid " + target.number() + ": timed out\n";
+    }
     std::string warning(const std::string& err, const std::string& announced) const {
         return "WARNING: err=" + err + " clen=" + announced + " pid=" + target.number() + "\n";
     }
@@ -303,7 +305,7 @@ TEST_F(dump_one_of, a_dumper_that_is_killed_before_its_line_stores_nothing) {
 }
 
 TEST_F(dump_one_of, a_dumper_that_hangs_after_its_line_is_killed) {
-    fake_dumper dumper(announce(10) + hang, 200);
+    fake_dumper dumper(announce(10) + hang, 1000);
     EXPECT_EQ(dump(), 0);
     EXPECT_EQ(said, killed() + warning("0", "10") + error());
     ASSERT_GE(archive.bytes().size(), 512u);

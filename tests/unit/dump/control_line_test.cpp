@@ -32,19 +32,19 @@ int length_of(const std::string& number) {
     return control_line_parse(core_announcement(number)).core_length;
 }
 
-// What reading gives of `bytes`, whose writer stays there.
+// The result of reading `bytes` from a pipe that stays open.
 struct reading {
     int result;
     control_text text;
-    std::string said;
+    std::string messages;
 };
 
-reading read_of(const std::string& bytes, int patience_ms = 20000) {
+reading read_of(const std::string& bytes, int timeout_ms = 20000) {
     test_pipe pipe;
     EXPECT_EQ(write(pipe.in.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     reading got;
-    got.said =
-        capture_stderr([&] { got.result = dump_read_ctl_line(pipe.out.get(), &got.text, patience_ms); });
+    got.messages =
+        capture_stderr([&] { got.result = dump_read_ctl_line(pipe.out.get(), timeout_ms, &got.text); });
     return got;
 }
 
@@ -62,7 +62,7 @@ double cpu_seconds() {
 
 }  // namespace
 
-TEST(control_line_parse, length_stands_behind_8_characters) {
+TEST(control_line_parse, length_follows_8_characters) {
     EXPECT_EQ(control_line_parse("12345678910 bytes\n").core_length, 910);
     EXPECT_EQ(length_of("4096"), 4096);
     EXPECT_EQ(length_of("0"), 0);
@@ -71,7 +71,7 @@ TEST(control_line_parse, length_stands_behind_8_characters) {
     EXPECT_EQ(length_of("  12"), 12);
 }
 
-TEST(control_line_parse, without_a_usable_number_no_core_comes) {
+TEST(control_line_parse, missing_or_invalid_length_is_0) {
     for (const char* number : {"", "x", "-1", "-5", "- 5", "2147483648", "4294967297", "12345678901234567890",
                                "99999999999999999999999999", "-99999999999999999999"}) {
         EXPECT_EQ(length_of(number), 0) << number;
@@ -97,7 +97,7 @@ TEST(control_line_parse, number_may_end_the_line) {
               std::vector<pid_t>());
 }
 
-TEST(control_line_next_pid, pids_stand_behind_21_characters) {
+TEST(control_line_next_pid, pids_follow_21_characters) {
     const std::string head =
         "12345678"
         "55";
@@ -108,14 +108,14 @@ TEST(control_line_next_pid, pids_stand_behind_21_characters) {
     EXPECT_EQ(pids_of(head + std::string(5, 'x') + "\n"), std::vector<pid_t>());
 }
 
-TEST(control_line_next_pid, gives_each_one_once) {
+TEST(control_line_next_pid, returns_each_pid_once) {
     EXPECT_EQ(covered_by(""), std::vector<pid_t>());
     EXPECT_EQ(covered_by("7"), std::vector<pid_t>{7});
     EXPECT_EQ(covered_by("7 8 9"), (std::vector<pid_t>{7, 8, 9}));
     EXPECT_EQ(covered_by(" 7  8 "), (std::vector<pid_t>{7, 8}));
 }
 
-TEST(control_line_next_pid, passes_over_what_is_no_digit) {
+TEST(control_line_next_pid, skips_everything_but_digits) {
     EXPECT_EQ(covered_by("a12 b34c d"), (std::vector<pid_t>{12, 34}));
     EXPECT_EQ(covered_by("-5 6"), (std::vector<pid_t>{5, 6}));
     EXPECT_EQ(covered_by("x y z"), std::vector<pid_t>());
@@ -128,13 +128,13 @@ TEST(control_line_next_pid, reads_one_number_more_than_there_are_blanks) {
     EXPECT_EQ(covered_by("1a2b3"), std::vector<pid_t>{1});
 }
 
-TEST(control_line_next_pid, leaves_out_numbers_that_are_no_pid) {
+TEST(control_line_next_pid, skips_numbers_that_cannot_be_pids) {
     EXPECT_EQ(covered_by("0 5"), std::vector<pid_t>{5});
     EXPECT_EQ(covered_by("99999999999999999999 5"), std::vector<pid_t>{5});
     EXPECT_EQ(covered_by("2147483648 2147483647"), std::vector<pid_t>{2147483647});
 }
 
-TEST(control_line_next_pid, does_not_look_behind_the_newline) {
+TEST(control_line_next_pid, ignores_everything_after_the_newline) {
     EXPECT_EQ(covered_by("7\n8 9"), std::vector<pid_t>{7});
     EXPECT_EQ(pids_of(core_announcement("1", "7 8") + "9 10 11\n"), (std::vector<pid_t>{7, 8}));
 }
@@ -144,10 +144,10 @@ TEST(dump_read_ctl_line, ends_at_the_newline) {
     EXPECT_EQ(got.result, 0);
     EXPECT_EQ(got.text.line(), "the line\n");
     EXPECT_EQ(got.text.rest(), "and 12 34\nmore");
-    EXPECT_EQ(got.said, "");
+    EXPECT_EQ(got.messages, "");
 }
 
-TEST(dump_read_ctl_line, puts_pieces_together) {
+TEST(dump_read_ctl_line, joins_the_pieces_of_a_line) {
     test_pipe pipe;
     std::thread writer([&] {
         for (const char* piece : {"th", "e", " line", "\n"}) {
@@ -156,33 +156,33 @@ TEST(dump_read_ctl_line, puts_pieces_together) {
         }
     });
     control_text text;
-    EXPECT_EQ(dump_read_ctl_line(pipe.out.get(), &text, 20000), 0);
+    EXPECT_EQ(dump_read_ctl_line(pipe.out.get(), 20000, &text), 0);
     writer.join();
     EXPECT_EQ(text.line(), "the line\n");
     EXPECT_EQ(text.rest(), "");
 }
 
-TEST(dump_read_ctl_line, takes_511_bytes_with_the_newline) {
+TEST(dump_read_ctl_line, accepts_511_bytes_with_the_newline) {
     for (size_t length : {1, 510, 511}) {
         std::string line = length == 1 ? "\n" : line_of(length);
         reading got = read_of(line + std::string(600, 'x'));
         EXPECT_EQ(got.result, 0) << length;
         EXPECT_EQ(got.text.line(), line);
-        EXPECT_EQ(got.said, "");
+        EXPECT_EQ(got.messages, "");
     }
 }
 
-TEST(dump_read_ctl_line, refuses_512_bytes_with_the_newline_in_silence) {
+TEST(dump_read_ctl_line, rejects_512_bytes_with_the_newline_silently) {
     reading got = read_of(line_of(512));
     EXPECT_EQ(got.result, EMSGSIZE);
-    EXPECT_EQ(got.said, "");
+    EXPECT_EQ(got.messages, "");
 }
 
 TEST(dump_read_ctl_line, reports_512_bytes_without_a_newline) {
     for (size_t length : {513, 5000}) {
         reading got = read_of(line_of(length));
         EXPECT_EQ(got.result, EMSGSIZE);
-        EXPECT_EQ(got.said,
+        EXPECT_EQ(got.messages,
                   "dump_read_ctl_line: Failed to read ctl line. Read length: 512."
                   "Buffer is too small, current buffer size: 512\n");
     }
@@ -192,20 +192,20 @@ TEST(dump_read_ctl_line, reports_an_input_that_cannot_be_read) {
     unique_fd folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     control_text text;
     int result = 0;
-    std::string said = capture_stderr([&] { result = dump_read_ctl_line(folder.get(), &text, 20000); });
+    std::string messages = capture_stderr([&] { result = dump_read_ctl_line(folder.get(), 20000, &text); });
     EXPECT_EQ(result, EISDIR);
-    EXPECT_EQ(said, "dump_read_ctl_line: read error: Is a directory\n");
+    EXPECT_EQ(messages, "dump_read_ctl_line: read error: Is a directory\n");
 }
 
-TEST(dump_read_ctl_line, gives_up_on_a_writer_that_says_nothing) {
+TEST(dump_read_ctl_line, times_out_if_the_writer_writes_no_line) {
     for (const char* bytes : {"", "half a line"}) {
         reading got = read_of(bytes, 50);
         EXPECT_EQ(got.result, ETIMEDOUT) << bytes;
-        EXPECT_EQ(got.said, "");
+        EXPECT_EQ(got.messages, "");
     }
 }
 
-TEST(dump_read_ctl_line, goes_on_at_the_end_of_the_input_without_spinning) {
+TEST(dump_read_ctl_line, reads_again_after_end_of_file_without_spinning) {
     for (const char* bytes : {"", "half a line"}) {
         test_pipe pipe;
         EXPECT_EQ(write(pipe.in.get(), bytes, strlen(bytes)), static_cast<ssize_t>(strlen(bytes)));
@@ -213,24 +213,25 @@ TEST(dump_read_ctl_line, goes_on_at_the_end_of_the_input_without_spinning) {
         control_text text;
         double before = cpu_seconds();
         auto begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(dump_read_ctl_line(pipe.out.get(), &text, 40), ETIMEDOUT);
+        EXPECT_EQ(dump_read_ctl_line(pipe.out.get(), 40, &text), ETIMEDOUT);
         EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(40));
         EXPECT_LT(cpu_seconds() - before, 0.02);
         EXPECT_EQ(text.length, strlen(bytes));
     }
 }
 
-TEST(dump_read_ctl_line, does_not_wait_long_behind_the_end_of_the_input) {
+TEST(dump_read_ctl_line, gives_up_50_ms_after_end_of_file) {
     test_pipe pipe;
     pipe.in.reset();
     control_text text;
     auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(dump_read_ctl_line(pipe.out.get(), &text, 60000), ETIMEDOUT);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
+    EXPECT_EQ(dump_read_ctl_line(pipe.out.get(), 60000, &text), ETIMEDOUT);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin,
+              std::chrono::milliseconds(control_line_eof_timeout_ms));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(30000));
 }
 
-TEST(dump_read_ctl_line, takes_a_line_that_comes_after_an_end_of_the_input) {
+TEST(dump_read_ctl_line, accepts_a_line_that_is_completed_after_end_of_file) {
     temp_dir dir;
     std::string path = dir.path("fifo");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
@@ -242,7 +243,7 @@ TEST(dump_read_ctl_line, takes_a_line_that_comes_after_an_end_of_the_input) {
         }
     });
     control_text text;
-    EXPECT_EQ(dump_read_ctl_line(out.get(), &text, 20000), 0);
+    EXPECT_EQ(dump_read_ctl_line(out.get(), 20000, &text), 0);
     writer.join();
     EXPECT_EQ(text.line(), "half a line\n");
 }

@@ -16,7 +16,7 @@ const core_upload_target server = {"ftp://host", "/dumps", 0};
 
 core_upload_names names_for(const core_upload_target& target, std::string_view name) {
     core_upload_names names;
-    EXPECT_TRUE(core_upload_names_for(target, name, names)) << name;
+    EXPECT_TRUE(core_upload_names_for(target, name, &names)) << name;
     return names;
 }
 
@@ -51,9 +51,7 @@ core_upload_result upload(const curl_library& curl, const std::string& core, con
 
 }  // namespace
 
-// Names.
-
-TEST(core_upload_names_for, puts_url_path_and_name_together) {
+TEST(core_upload_names_for, joins_url_path_and_name) {
     core_upload_names names = names_for({"ftp://u:p@host:2121", "/a/b", 0}, "core.app-1_2~x");
     EXPECT_EQ(names.url, "ftp://u:p@host:2121/a/b/core.app-1_2~x");
     EXPECT_EQ(names.command, "RNFR /a/b/core.app-1_2~x");
@@ -65,18 +63,18 @@ TEST(core_upload_names_for, missing_path_is_empty) {
     EXPECT_EQ(names.command, "RNFR /core.core");
 }
 
-TEST(core_upload_names_for, url_escapes_what_the_command_has_plain) {
+TEST(core_upload_names_for, name_is_escaped_in_the_url_but_not_in_the_command) {
     core_upload_names names = names_for(server, "a b\"c'd%e%41f#g?h;i\\j\xe4");
     EXPECT_EQ(names.url, "ftp://host/dumps/a%20b%22c%27d%25e%2541f%23g%3Fh%3Bi%5Cj%E4");
     EXPECT_EQ(names.command, "RNFR /dumps/a b\"c'd%e%41f#g?h;i\\j\xe4");
 }
 
-TEST(core_upload_names_for, slashes_of_the_name_cannot_change_the_url_s_folders) {
+TEST(core_upload_names_for, slash_in_the_name_does_not_select_another_folder) {
     EXPECT_EQ(names_for(server, "../x").url, "ftp://host/dumps/..%2Fx");
     EXPECT_EQ(names_for(server, "a/b").command, "RNFR /dumps/a/b");
 }
 
-TEST(core_upload_names_for, path_goes_into_both_as_it_stands) {
+TEST(core_upload_names_for, path_is_not_escaped) {
     core_upload_names names = names_for({"ftp://host", "/my%20dumps/50%25/", 0}, "x y");
     EXPECT_EQ(names.url, "ftp://host/my%20dumps/50%25//x%20y");
     EXPECT_EQ(names.command, "RNFR /my%20dumps/50%25//x y");
@@ -89,15 +87,13 @@ TEST(core_upload_names_for, long_names_are_not_cut) {
     EXPECT_EQ(names_for(server, name).command, "RNFR /dumps/" + name);
 }
 
-TEST(core_upload_names_for, control_characters_are_refused) {
+TEST(core_upload_names_for, control_characters_are_rejected) {
     core_upload_names names;
     for (const char* name : {"x\r\nDELE y", "\n", "a\tb", "a\x7f"}) {
-        EXPECT_FALSE(core_upload_names_for(server, name, names)) << name;
+        EXPECT_FALSE(core_upload_names_for(server, name, &names)) << name;
     }
-    EXPECT_FALSE(core_upload_names_for({"ftp://host", "/a\nb", 0}, "x", names));
+    EXPECT_FALSE(core_upload_names_for({"ftp://host", "/a\nb", 0}, "x", &names));
 }
-
-// Uploads.
 
 TEST(core_upload, sends_standard_input_to_its_end) {
     curl_library curl = fake_curl();
@@ -109,13 +105,13 @@ TEST(core_upload, sends_standard_input_to_its_end) {
     EXPECT_EQ(fake.last_read, 0u);
 }
 
-TEST(core_upload, empty_core_is_stored_too) {
+TEST(core_upload, empty_core_is_stored) {
     curl_library curl = fake_curl();
     EXPECT_EQ(upload(curl, "", server).outcome, core_upload_outcome::stored);
     EXPECT_EQ(fake.stored, "");
 }
 
-TEST(core_upload, sets_its_options_in_their_order) {
+TEST(core_upload, sets_its_options_in_order) {
     curl_library curl = fake_curl();
     upload(curl, "x", {"ftp://host", "/dumps", 17}, "core.9");
     EXPECT_EQ(fake.options, (std::vector<CURLoption>{CURLOPT_READFUNCTION, CURLOPT_UPLOAD, CURLOPT_URL,
@@ -126,42 +122,42 @@ TEST(core_upload, sets_its_options_in_their_order) {
     EXPECT_EQ(fake.timeout_s, 17);
 }
 
-TEST(core_upload, every_option_that_is_refused_ends_it) {
+TEST(core_upload, stops_at_the_first_option_that_fails) {
     for (CURLoption option :
          {CURLOPT_READFUNCTION, CURLOPT_UPLOAD, CURLOPT_URL, CURLOPT_POSTQUOTE, CURLOPT_TIMEOUT}) {
         curl_library curl = fake_curl();
-        fake.refused = option;
+        fake.failing_option = option;
         EXPECT_EQ(upload(curl, "x", server).outcome, core_upload_outcome::failed);
         EXPECT_EQ(fake.options.back(), option);
         EXPECT_EQ(fake.stored, "");
-        EXPECT_EQ(fake.given_back, (std::vector<std::string>{"list", "handle", "global"}));
+        EXPECT_EQ(fake.freed, (std::vector<std::string>{"list", "handle", "global"}));
     }
 }
 
-TEST(core_upload, gives_everything_back_after_a_success) {
+TEST(core_upload, frees_everything_after_a_success) {
     curl_library curl = fake_curl();
     upload(curl, "x", server);
-    EXPECT_EQ(fake.given_back, (std::vector<std::string>{"list", "handle", "global"}));
+    EXPECT_EQ(fake.freed, (std::vector<std::string>{"list", "handle", "global"}));
 }
 
-TEST(core_upload, gives_back_only_what_it_got) {
+TEST(core_upload, frees_only_what_it_has_created) {
     curl_library curl = fake_curl();
     fake.global_result = CURLE_FAILED_INIT;
     EXPECT_EQ(upload(curl, "x", server).outcome, core_upload_outcome::failed);
-    EXPECT_EQ(fake.given_back, std::vector<std::string>());
+    EXPECT_EQ(fake.freed, std::vector<std::string>());
     curl = fake_curl();
     fake.has_handle = false;
     EXPECT_EQ(upload(curl, "x", server).outcome, core_upload_outcome::failed);
-    EXPECT_EQ(fake.given_back, std::vector<std::string>{"global"});
+    EXPECT_EQ(fake.freed, std::vector<std::string>{"global"});
 }
 
-TEST(core_upload, time_that_is_up_truncates) {
+TEST(core_upload, timeout_truncates) {
     curl_library curl = fake_curl();
     fake.transfer_result = CURLE_OPERATION_TIMEDOUT;
     EXPECT_EQ(upload(curl, "x", server).outcome, core_upload_outcome::truncated);
 }
 
-TEST(core_upload, other_errors_fail_with_the_library_s_reason) {
+TEST(core_upload, other_errors_fail_with_the_reason_of_libcurl) {
     curl_library curl = fake_curl();
     fake.transfer_result = CURLE_LOGIN_DENIED;
     core_upload_result result = upload(curl, "x", server);
@@ -169,7 +165,7 @@ TEST(core_upload, other_errors_fail_with_the_library_s_reason) {
     EXPECT_EQ(result.reason, "went wrong");
 }
 
-TEST(core_upload, input_that_cannot_be_read_aborts) {
+TEST(core_upload, unreadable_input_aborts) {
     curl_library curl = fake_curl();
     unique_fd folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     standard_input input(folder.get());
@@ -177,28 +173,26 @@ TEST(core_upload, input_that_cannot_be_read_aborts) {
     EXPECT_EQ(fake.last_read, static_cast<size_t>(CURL_READFUNC_ABORT));
 }
 
-TEST(core_upload, name_with_control_characters_is_not_even_begun) {
+TEST(core_upload, name_with_control_characters_starts_no_upload) {
     curl_library curl = fake_curl();
     EXPECT_EQ(upload(curl, "x", server, "a\nb").outcome, core_upload_outcome::failed);
     EXPECT_TRUE(fake.options.empty());
-    EXPECT_TRUE(fake.given_back.empty());
+    EXPECT_TRUE(fake.freed.empty());
 }
 
-// Loading.
-
-TEST(curl_load, says_which_library_is_missing) {
+TEST(curl_load, names_the_missing_library) {
     curl_library curl;
-    EXPECT_NE(curl_load("libnosuch.so.4", curl).find("libnosuch.so.4"), std::string::npos);
+    EXPECT_NE(curl_load("libnosuch.so.4", &curl).find("libnosuch.so.4"), std::string::npos);
 }
 
-TEST(curl_load, says_which_call_a_library_lacks) {
+TEST(curl_load, names_the_missing_function) {
     curl_library curl;
-    EXPECT_NE(curl_load("libc.so.6", curl).find("curl_global_init"), std::string::npos);
+    EXPECT_NE(curl_load("libc.so.6", &curl).find("curl_global_init"), std::string::npos);
 }
 
-TEST(curl_load, finds_every_call_of_the_real_one) {
+TEST(curl_load, finds_every_function_of_the_real_library) {
     curl_library curl;
-    std::string missing = curl_load(curl_soname, curl);
+    std::string missing = curl_load(curl_soname, &curl);
     if (missing.find("cannot open shared object file") != std::string::npos) {
         GTEST_SKIP() << missing;
     }

@@ -20,7 +20,7 @@
 
 namespace {
 
-// The words behind the applet's name, as a vector that lives as long as what is parsed from it.
+// The words after the applet's name. Must live longer than what is parsed from them.
 struct command_line {
     explicit command_line(std::vector<std::string> given) : words(std::move(given)) {
         words.insert(words.begin(), "coredump-handler");
@@ -34,18 +34,18 @@ struct command_line {
     std::vector<char*> argv;
 };
 
-std::string complaint(std::vector<std::string> words) {
+std::string error_of(std::vector<std::string> words) {
     command_line line(std::move(words));
     core_arguments arguments;
-    const char* wrong = core_arguments_parse(line.argc(), line.argv.data(), arguments);
-    return wrong ? wrong : "";
+    const char* message = core_arguments_parse(line.argc(), line.argv.data(), &arguments);
+    return message ? message : "";
 }
 
-// The limit that a command line with this size argument has.
+// The limit of a command line with this size argument.
 unsigned long long limit_of(const std::string& size) {
     command_line line({"core", size, "!bin!app", "app"});
     core_arguments arguments;
-    EXPECT_STREQ(core_arguments_parse(line.argc(), line.argv.data(), arguments), nullptr) << size;
+    EXPECT_STREQ(core_arguments_parse(line.argc(), line.argv.data(), &arguments), nullptr) << size;
     EXPECT_TRUE(arguments.has_program);
     return arguments.size_limit;
 }
@@ -83,47 +83,45 @@ double seconds_for(Work work) {
 
 }  // namespace
 
-// Arguments.
-
 TEST(core_arguments_parse, fewer_than_three_words_are_not_checked) {
-    EXPECT_EQ(complaint({}), "");
-    EXPECT_EQ(complaint({""}), "");
-    EXPECT_EQ(complaint({"core.7"}), "");
+    EXPECT_EQ(error_of({}), "");
+    EXPECT_EQ(error_of({""}), "");
+    EXPECT_EQ(error_of({"core.7"}), "");
 }
 
-TEST(core_arguments_parse, file_name_is_taken_when_it_is_there) {
+TEST(core_arguments_parse, file_name_has_a_default) {
     command_line none({});
     core_arguments arguments;
-    core_arguments_parse(none.argc(), none.argv.data(), arguments);
+    core_arguments_parse(none.argc(), none.argv.data(), &arguments);
     EXPECT_STREQ(arguments.file_name, "core.core");
     EXPECT_FALSE(arguments.has_program);
     command_line one({"core.7"});
-    core_arguments_parse(one.argc(), one.argv.data(), arguments);
+    core_arguments_parse(one.argc(), one.argv.data(), &arguments);
     EXPECT_STREQ(arguments.file_name, "core.7");
     EXPECT_FALSE(arguments.has_program);
 }
 
-TEST(core_arguments_parse, three_or_four_words_are_the_wrong_number) {
-    EXPECT_EQ(complaint({"core", "1"}), "wrong number of arguments");
-    EXPECT_EQ(complaint({"core", "1", "!a"}), "wrong number of arguments");
-    EXPECT_EQ(complaint({"", ""}), "wrong number of arguments");
+TEST(core_arguments_parse, three_or_four_words_are_rejected) {
+    EXPECT_EQ(error_of({"core", "1"}), "wrong number of arguments");
+    EXPECT_EQ(error_of({"core", "1", "!a"}), "wrong number of arguments");
+    EXPECT_EQ(error_of({"", ""}), "wrong number of arguments");
 }
 
-TEST(core_arguments_parse, complains_about_the_last_empty_word_first) {
-    EXPECT_EQ(complaint({"core", "", "", ""}), "executable name argument missing");
-    EXPECT_EQ(complaint({"core", "", "", "app"}), "executable path argument missing");
-    EXPECT_EQ(complaint({"core", "", "!a", "app"}), "core file size argument missing");
-    EXPECT_EQ(complaint({"core", "x", "", "app"}), "executable path argument missing");
+TEST(core_arguments_parse, reports_the_last_empty_word_first) {
+    EXPECT_EQ(error_of({"core", "", "", ""}), "executable name argument missing");
+    EXPECT_EQ(error_of({"core", "", "", "app"}), "executable path argument missing");
+    EXPECT_EQ(error_of({"core", "", "!a", "app"}), "core file size argument missing");
+    EXPECT_EQ(error_of({"core", "x", "", "app"}), "executable path argument missing");
 }
 
-TEST(core_arguments_parse, words_beyond_the_fifth_do_not_matter) {
-    EXPECT_EQ(complaint({"core", "1", "!a", "app", "more", ""}), "");
+TEST(core_arguments_parse, ignores_words_beyond_the_fifth) {
+    EXPECT_EQ(error_of({"core", "1", "!a", "app", "more", ""}), "");
 }
 
-TEST(core_arguments_parse, size_has_to_be_a_whole_decimal_number) {
+TEST(core_arguments_parse, size_must_be_a_decimal_number) {
     for (const char* size :
          {"12k", "k", "0x10", "1.5", "1 ", " ", "-", "18446744073709551616", "99999999999999999999999"}) {
-        EXPECT_EQ(complaint({"core", size, "!a", "app"}), "core file size limit parsing error") << size;
+        EXPECT_EQ(error_of({"core", size, "!a", "app"}), "core file size limit parsing error") << size;
     }
 }
 
@@ -139,13 +137,13 @@ TEST(core_arguments_parse, size_is_a_64_bit_number) {
 TEST(core_arguments_parse, exclamation_marks_of_the_path_become_slashes) {
     command_line line({"core", "1", "!usr!bin!app", "a!b"});
     core_arguments arguments;
-    EXPECT_STREQ(core_arguments_parse(line.argc(), line.argv.data(), arguments), nullptr);
+    EXPECT_STREQ(core_arguments_parse(line.argc(), line.argv.data(), &arguments), nullptr);
     EXPECT_EQ(arguments.path, "/usr/bin/app");
     EXPECT_STREQ(arguments.name, "a!b");
     EXPECT_EQ(line.words[3], "!usr!bin!app");
 }
 
-TEST(run_coredump_handler, wrong_arguments_end_with_1_and_leave_the_core) {
+TEST(run_coredump_handler, wrong_arguments_return_1_and_leave_the_core_unread) {
     test_pipe pipe;
     ASSERT_EQ(write(pipe.in.get(), "core", 4), 4);
     EXPECT_TRUE(exited_with(run_in_a_child({"core", "12k", "!a", "app"}, pipe.out.get()), 1));
@@ -153,7 +151,7 @@ TEST(run_coredump_handler, wrong_arguments_end_with_1_and_leave_the_core) {
     EXPECT_EQ(pipe.finish(), "core");
 }
 
-TEST(run_coredump_handler, limit_below_a_page_ends_with_0_and_leaves_the_core) {
+TEST(run_coredump_handler, limit_below_a_page_returns_0_and_leaves_the_core_unread) {
     test_pipe pipe;
     ASSERT_EQ(write(pipe.in.get(), "core", 4), 4);
     EXPECT_TRUE(exited_with(run_in_a_child({"core", "0", "!a", "app"}, pipe.out.get()), 0));
@@ -162,7 +160,7 @@ TEST(run_coredump_handler, limit_below_a_page_ends_with_0_and_leaves_the_core) {
     EXPECT_EQ(pipe.finish(), "core");
 }
 
-TEST(run_coredump_handler, input_that_cannot_be_read_ends_with_1) {
+TEST(run_coredump_handler, unreadable_input_returns_1) {
     unique_fd folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     EXPECT_TRUE(exited_with(run_in_a_child({"core"}, folder.get()), 1));
     int status = run_in_child([] {
@@ -175,14 +173,12 @@ TEST(run_coredump_handler, input_that_cannot_be_read_ends_with_1) {
     EXPECT_TRUE(exited_with(status, 1));
 }
 
-// Configuration.
-
 TEST(core_destination_read, missing_configuration_means_the_daemon) {
     EXPECT_FALSE(core_destination_read("/nonexistent/config").is_ftp);
     EXPECT_FALSE(core_destination_read("/").is_ftp);
 }
 
-TEST(core_destination_read, only_a_handler_beginning_with_ftp_uploads) {
+TEST(core_destination_read, only_handlers_that_begin_with_FTP_upload) {
     EXPECT_TRUE(destination_of("CoreHandler = FTP\n").is_ftp);
     EXPECT_TRUE(destination_of("CoreHandler = FTPS\n").is_ftp);
     EXPECT_TRUE(destination_of("CoreHandler=\"FTP\"").is_ftp);
@@ -193,12 +189,12 @@ TEST(core_destination_read, only_a_handler_beginning_with_ftp_uploads) {
     }
 }
 
-TEST(core_destination_read, first_handler_decides_in_whichever_section_it_is) {
+TEST(core_destination_read, first_handler_of_any_section_counts) {
     EXPECT_TRUE(destination_of("[x]\nCoreHandler = FTP\nCoreHandler = CGI\n").is_ftp);
     EXPECT_FALSE(destination_of("CoreHandler = CGI\nCoreHandler = FTP\n").is_ftp);
 }
 
-TEST(core_destination_read, takes_the_target_from_its_section) {
+TEST(core_destination_read, reads_the_target_from_its_section) {
     core_destination found = destination_of(
         "[General]\nCoreHandler = FTP\n[CoreHandlerFtp]\nTargetURL = ftp://u:p@host:21\n"
         "TargetPath = /my dumps\nTimeout = 30\n");
@@ -207,7 +203,7 @@ TEST(core_destination_read, takes_the_target_from_its_section) {
     EXPECT_EQ(found.ftp.timeout_s, 30);
 }
 
-TEST(core_destination_read, what_is_missing_is_empty_and_without_limit) {
+TEST(core_destination_read, missing_keys_are_empty_and_the_timeout_is_0) {
     core_destination found = destination_of("CoreHandler = FTP\n[CoreHandlerFtp]\n");
     EXPECT_TRUE(found.is_ftp);
     EXPECT_EQ(found.ftp.url, "");
@@ -215,14 +211,14 @@ TEST(core_destination_read, what_is_missing_is_empty_and_without_limit) {
     EXPECT_EQ(found.ftp.timeout_s, 0);
 }
 
-TEST(core_destination_read, target_has_to_follow_the_handler) {
+TEST(core_destination_read, ignores_a_target_before_the_handler) {
     core_destination found =
         destination_of("[CoreHandlerFtp]\nTargetURL = ftp://early\n[x]\nCoreHandler = FTP\n");
     EXPECT_TRUE(found.is_ftp);
     EXPECT_EQ(found.ftp.url, "");
 }
 
-TEST(core_destination_read, other_sections_do_not_count) {
+TEST(core_destination_read, ignores_other_sections) {
     core_destination found = destination_of(
         "CoreHandler = FTP\nTargetURL = ftp://none\n[Other]\nTargetURL = ftp://other\n"
         "[CoreHandlerFt]\nTargetURL = ftp://short\n[CoreHandlerFtp]\nTargetPath = /d\n");
@@ -230,7 +226,7 @@ TEST(core_destination_read, other_sections_do_not_count) {
     EXPECT_EQ(found.ftp.path, "/d");
 }
 
-TEST(core_destination_read, section_and_keys_are_compared_by_their_beginnings) {
+TEST(core_destination_read, compares_only_the_beginnings_of_section_and_keys) {
     core_destination found = destination_of(
         "CoreHandler = FTP\n[CoreHandlerFtpBackup]\nTargetURLs = ftp://host\nTargetPathName = /d\n"
         "TimeoutSeconds = 9\nTarget = x\n");
@@ -239,7 +235,7 @@ TEST(core_destination_read, section_and_keys_are_compared_by_their_beginnings) {
     EXPECT_EQ(found.ftp.timeout_s, 9);
 }
 
-TEST(core_destination_read, last_of_equal_keys_wins) {
+TEST(core_destination_read, last_of_equal_keys_counts) {
     core_destination found = destination_of(
         "CoreHandler = FTP\n[CoreHandlerFtp]\nTargetURL = ftp://a\nTargetURL = ftp://b\n"
         "[x]\n[CoreHandlerFtp]\nTimeout = 1\nTimeout = 2\n");
@@ -247,20 +243,20 @@ TEST(core_destination_read, last_of_equal_keys_wins) {
     EXPECT_EQ(found.ftp.timeout_s, 2);
 }
 
-TEST(core_destination_read, ends_of_lines_of_either_kind_and_none_at_all) {
+TEST(core_destination_read, accepts_crlf_and_a_last_line_without_a_newline) {
     core_destination found =
         destination_of("CoreHandler = FTP\r\n[CoreHandlerFtp]\r\nTargetURL = ftp://h\r\nTargetPath = /p");
     EXPECT_EQ(found.ftp.url, "ftp://h");
     EXPECT_EQ(found.ftp.path, "/p");
 }
 
-TEST(core_destination_read, long_values_are_whole) {
+TEST(core_destination_read, long_values_are_not_cut) {
     std::string value(4096, 'v');
     core_destination found = destination_of("CoreHandler = FTP\n[CoreHandlerFtp]\nTargetPath = /" + value);
     EXPECT_EQ(found.ftp.path, "/" + value);
 }
 
-TEST(core_destination_read, time_limit_is_read_as_far_as_it_is_a_number) {
+TEST(core_destination_read, timeout_is_the_number_at_the_beginning_of_its_value) {
     auto timeout_of = [](const std::string& text) {
         return destination_of("CoreHandler = FTP\n[CoreHandlerFtp]\nTimeout = " + text).ftp.timeout_s;
     };
@@ -270,12 +266,10 @@ TEST(core_destination_read, time_limit_is_read_as_far_as_it_is_a_number) {
     EXPECT_EQ(timeout_of("-3"), -3);
 }
 
-// The daemon's socket.
-
 TEST(cored_mgm_connect, connects_to_the_daemon) {
     temp_dir folder;
     listening_socket daemon(folder.path("socket"));
-    unique_fd sock(cored_mgm_connect(folder.path("socket").c_str()));
+    unique_fd sock = cored_mgm_connect(folder.path("socket").c_str());
     ASSERT_TRUE(sock);
     EXPECT_TRUE(is_cloexec(sock.get()));
     unique_fd accepted(accept(daemon.fd.get(), nullptr, nullptr));
@@ -285,39 +279,39 @@ TEST(cored_mgm_connect, connects_to_the_daemon) {
     EXPECT_EQ(read_all(accepted.get()), "hello");
 }
 
-TEST(cored_mgm_connect, says_where_it_could_not_connect) {
+TEST(cored_mgm_connect, reports_the_path_that_it_could_not_connect_to) {
     temp_dir folder;
     std::string missing = folder.path("socket");
     std::string too_long = folder.path(std::string(120, 'x'));
     for (const std::string& path : {missing, too_long, folder.write_file("plain", "")}) {
         int before = count_open_fds();
-        int sock = 0;
-        std::string said = capture_stderr([&] { sock = cored_mgm_connect(path.c_str()); });
-        EXPECT_EQ(sock, -1);
-        EXPECT_EQ(said, "connect to " + path + " failed\n");
+        unique_fd sock;
+        std::string messages = capture_stderr([&] { sock = cored_mgm_connect(path.c_str()); });
+        EXPECT_FALSE(sock);
+        EXPECT_EQ(messages, "connect to " + path + " failed\n");
         EXPECT_EQ(count_open_fds(), before);
     }
 }
 
-TEST(cored_mgm_close, returns_at_once_when_the_daemon_has_answered_or_closed) {
+TEST(cored_mgm_close, returns_at_once_if_the_daemon_has_answered_or_closed) {
     test_socketpair answered;
     ASSERT_EQ(write(answered.b.get(), "more than 8 bytes", 17), 17);
-    EXPECT_LT(seconds_for([&] { cored_mgm_close(answered.a.release()); }), 4);
+    EXPECT_LT(seconds_for([&] { cored_mgm_close(std::move(answered.a)); }), 4);
     test_socketpair closed;
     closed.b.reset();
-    EXPECT_LT(seconds_for([&] { cored_mgm_close(closed.a.release()); }), 4);
+    EXPECT_LT(seconds_for([&] { cored_mgm_close(std::move(closed.a)); }), 4);
 }
 
 TEST(cored_mgm_close, closes_its_socket) {
     test_socketpair pair;
     ASSERT_EQ(write(pair.b.get(), "ok", 2), 2);
-    int sock = pair.a.release();
-    cored_mgm_close(sock);
-    EXPECT_EQ(fcntl(sock, F_GETFD), -1);
+    const int number = pair.a.get();
+    cored_mgm_close(std::move(pair.a));
+    EXPECT_EQ(fcntl(number, F_GETFD), -1);
     EXPECT_EQ(read_all(pair.b.get()), "");
 }
 
-TEST(cored_mgm_close, waits_until_the_answer_comes) {
+TEST(cored_mgm_close, waits_for_the_answer) {
     test_socketpair pair;
     std::atomic<bool> answered = false;
     pid_t handler = thread_id();
@@ -326,15 +320,15 @@ TEST(cored_mgm_close, waits_until_the_answer_comes) {
         answered = true;
         EXPECT_EQ(write(pair.b.get(), "ok", 2), 2);
     });
-    std::string said = capture_stderr([&] { cored_mgm_close(pair.a.release()); });
+    std::string messages = capture_stderr([&] { cored_mgm_close(std::move(pair.a)); });
     EXPECT_TRUE(answered);
     daemon.join();
-    EXPECT_EQ(said, "");
+    EXPECT_EQ(messages, "");
 }
 
 TEST(cored_mgm_close, gives_up_on_a_silent_daemon_after_5_seconds) {
     test_socketpair pair;
-    double waited = seconds_for([&] { cored_mgm_close(pair.a.release()); });
+    double waited = seconds_for([&] { cored_mgm_close(std::move(pair.a)); });
     EXPECT_GE(waited, 4.9);
     EXPECT_LT(waited, 15);
     EXPECT_EQ(read_all(pair.b.get()), "");

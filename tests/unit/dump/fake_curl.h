@@ -1,4 +1,4 @@
-// A libcurl that notes what it is told and reads the upload to its end.
+// A libcurl that records its calls and reads the upload to its end.
 #pragma once
 
 #include <stdarg.h>
@@ -10,13 +10,13 @@
 #include "dump/core_upload.h"
 
 struct fake_curl_state {
-    // What it does.
+    // Its behaviour.
     CURLcode global_result = CURLE_OK;
     bool has_handle = true;
-    CURLoption refused = CURLOPT_LASTENTRY;
+    CURLoption failing_option = CURLOPT_LASTENTRY;
     CURLcode transfer_result = CURLE_OK;
     size_t block = 7;
-    // What it saw.
+    // What it has recorded.
     std::vector<CURLoption> options;
     std::string url;
     std::string command;
@@ -24,7 +24,7 @@ struct fake_curl_state {
     long upload = -1;
     std::string stored;
     size_t last_read = 0;
-    std::vector<std::string> given_back;  // in order
+    std::vector<std::string> freed;  // in order
 };
 
 inline fake_curl_state fake;
@@ -47,7 +47,7 @@ inline CURLcode fake_setopt(CURL*, CURLoption option, ...) {
         fake.timeout_s = va_arg(values, long);
     }
     va_end(values);
-    return option == fake.refused ? CURLE_BAD_FUNCTION_ARGUMENT : CURLE_OK;
+    return option == fake.failing_option ? CURLE_BAD_FUNCTION_ARGUMENT : CURLE_OK;
 }
 
 inline CURLcode fake_perform(CURL*) {
@@ -66,21 +66,21 @@ inline curl_slist* fake_append(curl_slist* list, const char* text) {
 }
 
 inline void fake_free_list(curl_slist* list) {
-    fake.given_back.push_back("list");
+    fake.freed.push_back("list");
     delete list;
 }
 
-// A fresh one.
+// Resets the fake.
 inline curl_library fake_curl() {
     fake = fake_curl_state();
     fake_reader = nullptr;
     curl_library curl;
     curl.global_init = [](long) { return fake.global_result; };
-    curl.global_cleanup = [] { fake.given_back.push_back("global"); };
+    curl.global_cleanup = [] { fake.freed.push_back("global"); };
     curl.easy_init = []() -> CURL* { return fake.has_handle ? &fake : nullptr; };
     curl.easy_setopt = fake_setopt;
     curl.easy_perform = fake_perform;
-    curl.easy_cleanup = [](CURL*) { fake.given_back.push_back("handle"); };
+    curl.easy_cleanup = [](CURL*) { fake.freed.push_back("handle"); };
     curl.easy_strerror = [](CURLcode) { return "went wrong"; };
     curl.slist_append = fake_append;
     curl.slist_free_all = fake_free_list;

@@ -1,4 +1,4 @@
-// Dumpers for tests: shell scripts that say what a test wants to hear.
+// Dumpers for tests: shell scripts.
 #pragma once
 
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include "dump/dumper.h"
 #include "tests/unit/support/temp_dir.h"
 
-// A control line as a dumper writes it, with its newline.
+// A control line with its newline.
 inline std::string core_announcement(const std::string& length, const std::string& pids = "") {
     return "Core of:" + length + " bytes; and covered: " + pids + "\n";
 }
@@ -22,25 +22,25 @@ inline std::string announce(size_t length, const std::string& pids = "") {
     return say(core_announcement(std::to_string(length), pids));
 }
 
-// Is the process' dumper as long as it lives. The script finds the pid in "$3".
+// While it lives, the dumper of this process is a script, which gets the pid as "$3".
 class fake_dumper {
 public:
-    // Long enough for a loaded machine, and no test waits for it unless it says so.
-    static constexpr int usual_patience_ms = 20000;
+    // Long enough for a loaded machine. A test that waits for the timeout sets its own.
+    static constexpr int usual_timeout_ms = 20000;
 
-    explicit fake_dumper(const std::string& script, int patience_ms = usual_patience_ms)
+    explicit fake_dumper(const std::string& script, int timeout_ms = usual_timeout_ms)
         : path_(dir_.write_file("dumper", "#!/bin/sh\n" + script)) {
         EXPECT_EQ(chmod(path_.c_str(), 0755), 0);
-        use(path_, patience_ms);
+        use(path_, timeout_ms);
     }
     fake_dumper(const fake_dumper&) = delete;
     fake_dumper& operator=(const fake_dumper&) = delete;
-    ~fake_dumper() { use("/nonexistent/dumper", usual_patience_ms); }
+    ~fake_dumper() { use("/nonexistent/dumper", usual_timeout_ms); }
 
     std::string path(std::string_view name) const { return dir_.path(name); }
 
-    // A program that needs no file of the test's.
-    static void use(const std::string& program, int patience_ms = usual_patience_ms) {
+    // Makes an existing program, or a missing one, the dumper of this process.
+    static void use(const std::string& program, int timeout_ms = usual_timeout_ms) {
         static std::string name;
         static char option[] = "-c";
         static char output[] = "/dev/stdout";
@@ -50,7 +50,7 @@ public:
         name = program;
         argv[0] = name.data();
         dump_set_dumper(argv);
-        dump_set_patience(patience_ms);
+        dump_set_timeout(timeout_ms);
     }
 
 private:
