@@ -20,8 +20,10 @@
 namespace {
 
 constexpr int process_limit = 1024;
+constexpr int capture_seconds = 5;
+constexpr unsigned capture_bytes = 512000;
 
-// Archives that this process has begun.
+// How many archives this process has begun.
 std::atomic<unsigned> archive_count{0};
 
 // The archive that is being made.
@@ -33,52 +35,52 @@ struct archive_run {
     int pid_count;
 };
 
-// The results of these three say that memory or a descriptor was missing, which is no reason to go without
-// the members after them.
-int store_monitor_status(archive_run& run) {
-    (void)stream_file_unknownsize(run.tar, run.fd, "dbg-monitor.txt", "/var/run/dbg-cgi/dbg-monitor.txt", 0);
+// Status, configuration and /proc fail if memory or descriptors run out. The members after them may still
+// succeed, so these failures do not end the archive.
+int store_monitor_status(archive_run* run) {
+    (void)stream_file_unknownsize(run->tar, run->fd, "dbg-monitor.txt", "/var/run/dbg-cgi/dbg-monitor.txt",
+                                  0);
     return 0;
 }
 
-int store_media_configuration(archive_run& run) {
-    (void)stream_file_unknownsize(run.tar, run.fd, "media.conf", "/etc/ws/onvif/media/media.conf", 0);
+int store_media_configuration(archive_run* run) {
+    (void)stream_file_unknownsize(run->tar, run->fd, "media.conf", "/etc/ws/onvif/media/media.conf", 0);
     return 0;
 }
 
-int store_proc(archive_run& run) {
-    (void)stream_proc(run.tar, run.fd);
+int store_proc(archive_run* run) {
+    (void)stream_proc(run->tar, run->fd);
     return 0;
 }
 
-int store_trace(archive_run& run) {
-    return stream_strace_log(run.tar, run.pids, run.pid_count);
+int store_trace(archive_run* run) {
+    return stream_strace_log(run->tar, run->pids, run->pid_count);
 }
 
-int store_capture(archive_run& run) {
-    return stream_pcap_dump(run.tar, run.fd, "any", 5, 512000, run.browser_fd);
+int store_capture(archive_run* run) {
+    return stream_pcap_dump(run->tar, run->fd, "any", capture_seconds, capture_bytes, run->browser_fd);
 }
 
-int store_server_report(archive_run& run) {
-    return stream_server_report(run.tar, run.fd);
+int store_server_report(archive_run* run) {
+    return stream_server_report(run->tar, run->fd);
 }
 
-int store_oopslog(archive_run& run) {
-    return stream_oopslog(run.tar, run.fd);
+int store_oopslog(archive_run* run) {
+    return stream_oopslog(run->tar, run->fd);
 }
 
-int store_kcore(archive_run& run) {
-    return stream_kcore(run.tar, run.fd);
+int store_kcore(archive_run* run) {
+    return stream_kcore(run->tar, run->fd);
 }
 
-// Never fails: a client that goes away in the middle of a dump ends this member, and the archive is closed as
-// after the last one.
-int store_cores(archive_run& run) {
-    for (int i = 0; i < run.pid_count && run.tar->error == 0; i++) {
-        if (run.pids[i] == -1) {
+// Never fails: if the client goes away during a dump, the archive is closed as after the last core.
+int store_cores(archive_run* run) {
+    for (int i = 0; i < run->pid_count && run->tar->error == 0; i++) {
+        if (run->pids[i] == -1) {
             continue;
         }
         phase_begin();
-        if (dump_one(run.tar, run.fd, run.pids, i, run.pid_count) == dump_client_gone) {
+        if (dump_one(run->tar, run->fd, run->pids, i, run->pid_count) == dump_client_gone) {
             break;
         }
     }
@@ -86,11 +88,11 @@ int store_cores(archive_run& run) {
 }
 
 struct archive_member {
-    bool new_phase;  // the time limit starts anew before it
-    int (*store)(archive_run& run);
+    bool begins_phase;
+    int (*store)(archive_run* run);  // a result other than 0 ends the archive
 };
 
-// The order of an archive.
+// In the order of the archive.
 constexpr archive_member archive_members[] = {
     {false, store_monitor_status}, {false, store_media_configuration},
     {false, store_proc},           {false, store_trace},
@@ -99,12 +101,12 @@ constexpr archive_member archive_members[] = {
     {false, store_proc},           {false, store_cores},
 };
 
-bool store_members(archive_run& run) {
+bool store_members(archive_run* run) {
     for (const archive_member& member : archive_members) {
-        if (run.tar->error != 0) {
+        if (run->tar->error != 0) {
             return false;
         }
-        if (member.new_phase) {
+        if (member.begins_phase) {
             phase_begin();
         }
         if (member.store(run) != 0) {
@@ -120,10 +122,10 @@ tar_handle* open_archive(int fd) {
     return tar_new(fd, top);
 }
 
-// Ends the archive, with its last padding when it is `complete`. Returns 0 or the errno of why it is not
-// whole.
-int end_archive(tar_handle* tar, bool complete) {
-    if (complete) {
+// Frees the handle; writes the last padding if all members were stored. Returns 0, or the errno of the first
+// failure.
+int end_archive(tar_handle* tar, bool is_complete) {
+    if (is_complete) {
         return tar_close(tar);
     }
     const int error = tar->error;
@@ -135,13 +137,13 @@ int end_archive(tar_handle* tar, bool complete) {
 
 int stream_debug_archive(int fd, int skip_pid, int browser_fd) {
     phase_begin();
-    (void)disable_watchdogs();  // reported by itself; an archive with the watchdogs on beats none
+    (void)disable_watchdogs();  // it reports a failure; the archive is made all the same
     archive_run run;
     run.fd = fd;
     run.browser_fd = browser_fd;
     run.pid_count = proc_list(run.pids, process_limit, skip_pid);
     run.tar = open_archive(fd);
-    const int error = run.tar ? end_archive(run.tar, store_members(run)) : ENOMEM;
+    const int error = run.tar ? end_archive(run.tar, store_members(&run)) : ENOMEM;
     enable_watchdogs();
     phase_end();
     return error;

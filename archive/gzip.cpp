@@ -17,7 +17,7 @@ constexpr unsigned char gzip_header[10] = {0x1f, 0x8b, 8, 0, 0, 0, 0, 0, 0, 3};
 struct compressor {
     z_stream stream;
     uint32_t crc;
-    uint32_t length;  // modulo 2^32, as the trailer wants it
+    uint32_t length;  // modulo 2^32, as in the trailer
     unsigned char input[buffer_size];
     unsigned char output[buffer_size];
 };
@@ -33,43 +33,41 @@ bool write_little_endian(uint32_t value) {
     return write_all(bytes, sizeof bytes);
 }
 
-// One call of deflate and the writing of what it gave. `*result` is deflate's own.
-bool deflate_some(compressor* gz, int flush, int* result) {
+// Calls deflate once, stores its result in `*result` and writes its output.
+bool deflate_block(compressor* gz, int flush, int* result) {
     gz->stream.next_out = gz->output;
     gz->stream.avail_out = buffer_size;
     *result = deflate(&gz->stream, flush);
-    unsigned produced = buffer_size - gz->stream.avail_out;
-    return produced == 0 || write_all(gz->output, produced);
+    const unsigned output_size = buffer_size - gz->stream.avail_out;
+    return output_size == 0 || write_all(gz->output, output_size);
 }
 
-// What became of the input.
-enum class input_end { whole, broken, output_failed };
+enum class input_result { end_of_file, read_failed, write_failed };
 
-input_end compress_input(compressor* gz) {
+input_result compress_input(compressor* gz) {
     for (;;) {
-        ssize_t got = safe_read(STDIN_FILENO, gz->input, buffer_size);
-        if (got <= 0) {
-            return got == 0 ? input_end::whole : input_end::broken;
+        const ssize_t length = safe_read(STDIN_FILENO, gz->input, buffer_size);
+        if (length <= 0) {
+            return length == 0 ? input_result::end_of_file : input_result::read_failed;
         }
-        unsigned count = static_cast<unsigned>(got);
-        gz->length += count;
-        gz->crc = static_cast<uint32_t>(crc32(gz->crc, gz->input, count));
+        gz->length += static_cast<uint32_t>(length);
+        gz->crc = static_cast<uint32_t>(crc32(gz->crc, gz->input, static_cast<uInt>(length)));
         gz->stream.next_in = gz->input;
-        gz->stream.avail_in = count;
+        gz->stream.avail_in = static_cast<uInt>(length);
         while (gz->stream.avail_in > 0) {
             int result;
-            if (!deflate_some(gz, Z_NO_FLUSH, &result)) {
-                return input_end::output_failed;
+            if (!deflate_block(gz, Z_NO_FLUSH, &result)) {
+                return input_result::write_failed;
             }
         }
     }
 }
 
-// What has been compressed goes out; the trailer does only when all of the input was there.
+// Writes the rest of the compressed data and, unless the input is incomplete, the trailer.
 bool finish(compressor* gz, bool with_trailer) {
     int result;
     do {
-        if (!deflate_some(gz, Z_FINISH, &result)) {
+        if (!deflate_block(gz, Z_FINISH, &result)) {
             return false;
         }
     } while (result != Z_STREAM_END);
@@ -80,15 +78,15 @@ int compress(compressor* gz, bool (*is_whole)(void* context), void* context) {
     if (!write_all(gzip_header, sizeof gzip_header)) {
         return errno;
     }
-    const input_end end = compress_input(gz);
-    if (end == input_end::output_failed) {
+    const input_result input = compress_input(gz);
+    if (input == input_result::write_failed) {
         return errno;
     }
-    const bool whole = !is_whole || (end == input_end::whole && is_whole(context));
-    if (!finish(gz, whole)) {
+    const bool with_trailer = !is_whole || (input == input_result::end_of_file && is_whole(context));
+    if (!finish(gz, with_trailer)) {
         return errno;
     }
-    return whole ? 0 : EIO;
+    return with_trailer ? 0 : EIO;
 }
 
 }  // namespace
@@ -108,7 +106,7 @@ int stream_gzip(bool (*is_whole)(void* context), void* context) {
     }
     const int error = compress(&gz, is_whole, context);
     if (error != 0) {
-        // The builder at the other end of the pipe learns by EPIPE that nobody wants the rest.
+        // The next write of the builder, at the other end of the pipe, fails with EPIPE.
         close(STDIN_FILENO);
     }
     deflateEnd(&gz.stream);

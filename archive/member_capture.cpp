@@ -2,6 +2,7 @@
 
 #include "archive/member_copy.h"
 #include "archive/output.h"
+#include "archive/phase.h"
 #include "common/padding.h"
 #include "net/pcap_stream.h"
 
@@ -9,7 +10,7 @@ namespace {
 
 void count_progress(void* has_begun) {
     *static_cast<bool*>(has_begun) = true;
-    output_progress();
+    phase_progress();
 }
 
 // A capture that fails before its first byte, because memory or an interface is missing, is stored as zeros.
@@ -20,7 +21,7 @@ int store_capture(tar_handle* t, const char* interface, int seconds, unsigned ma
     const int32_t written =
         pcap_dump_excluding(t->fd, interface, seconds, max_bytes, excluded_fd, {count_progress, &has_begun});
     if (written < 0 && has_begun) {
-        output_failed(t);
+        output_set_error(t);
         return 1;
     }
     if (!output_pad(t, size - (written < 0 ? 0 : written))) {

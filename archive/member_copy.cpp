@@ -22,16 +22,17 @@ int member_size(int64_t size) {
 
 int64_t member_copy(tar_handle* t, int in_fd, int64_t size) {
     char block[copy_block];
+    int64_t read_bytes = 0;
     int64_t copied = 0;
-    int64_t taken = 0;
-    while (taken < size) {
-        ssize_t got = safe_read(in_fd, block, static_cast<unsigned>(std::min(size - taken, copy_block)));
-        if (got <= 0) {
+    while (read_bytes < size) {
+        const int64_t wanted = std::min(size - read_bytes, copy_block);
+        const ssize_t length = safe_read(in_fd, block, static_cast<unsigned>(wanted));
+        if (length <= 0) {
             break;
         }
-        taken += got;
-        if (output_write(t, block, static_cast<size_t>(got))) {
-            copied += got;
+        read_bytes += length;
+        if (output_write(t, block, static_cast<size_t>(length))) {
+            copied += length;
         } else if (errno == EPIPE) {
             return -1;
         }

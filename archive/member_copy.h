@@ -15,5 +15,6 @@ int member_size(int64_t size);
 int64_t member_copy(tar_handle* t, int in_fd, int64_t size);
 
 // Stores the whole file `in_fd` as member `name`. If the file shrinks meanwhile, the rest is zero bytes. If
-// its size cannot be read, there is no member. Returns 0, or 1 if a write failed.
+// its size cannot be read, there is no member. Returns 0, or 1 if the reader is gone or the zero bytes could
+// not be written.
 int member_store(tar_handle* t, const char* name, int in_fd);

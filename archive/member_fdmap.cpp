@@ -9,12 +9,12 @@
 
 namespace {
 
-void list_onto(int fd, pid_t pid) {
+void list_descriptors(pid_t pid, int out_fd) {
     char program[] = "/bin/ls";
     char option[] = "-l";
     proc_path path(pid, "fd");
     char* const argv[] = {program, option, path.text, nullptr};
-    (void)sys_run(program, argv, STDIN_FILENO, fd, fd, 0);
+    (void)sys_run(program, argv, STDIN_FILENO, out_fd, out_fd, 0);
 }
 
 }  // namespace
@@ -22,7 +22,7 @@ void list_onto(int fd, pid_t pid) {
 void proc_append_fdmap(tar_handle* t, const char* name, pid_t pid, int /*fd*/) {
     unique_fd file = temp_file_unlinked("/tmp/.fdmapXXXXXX");
     if (file) {
-        list_onto(file.get(), pid);
-        (void)member_store(t, name, file.get());  // a broken output shows in the handle
+        list_descriptors(pid, file.get());
+        (void)member_store(t, name, file.get());  // the handle keeps a write error
     }
 }

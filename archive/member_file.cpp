@@ -8,16 +8,17 @@
 
 #include <algorithm>
 #include <iterator>
+#include <optional>
 #include <string_view>
 
 #include "archive/member_copy.h"
 #include "archive/member_name.h"
-#include "common/monotonic.h"
+#include "common/deadline.h"
 #include "common/unique_fd.h"
 
 namespace {
 
-// Files that not even root can read, sorted.
+// Files that not even root can open, sorted.
 constexpr std::string_view proc_sys_unreadable[] = {
     "/proc/sys/fs/protected_fifos",   "/proc/sys/fs/protected_hardlinks",
     "/proc/sys/fs/protected_regular", "/proc/sys/fs/protected_symlinks",
@@ -30,42 +31,42 @@ static_assert(std::ranges::is_sorted(proc_sys_unreadable));
 
 constexpr int retry_pause_ms = 10;
 
-// Waits until the non-blocking `fd` has something to say, `patience_ms` at most.
-bool wait_readable(int fd, int64_t patience_ms) {
-    pollfd wanted = {fd, POLLIN, 0};
-    return patience_ms > 0 && poll(&wanted, 1, static_cast<int>(patience_ms)) > 0;
+bool wait_readable(int fd, int timeout_ms) {
+    pollfd input = {fd, POLLIN, 0};
+    return timeout_ms > 0 && poll(&input, 1, timeout_ms) > 0;
 }
 
-// Reads the non-blocking `fd` until the buffer is full, the end, or the end of patience, which counts as the
-// end. Returns the bytes read or -1.
+// Reads the non-blocking `fd` until the buffer is full, end of file or the timeout, which counts as end of
+// file. Returns the number of bytes, or -1.
 ssize_t read_bounded(int fd, char* buf, size_t size) {
-    size_t done = 0;
-    int64_t deadline = 0;  // set by the first wait: most files never need the clock
-    bool waited = false;   // and nothing has come since
-    while (done < size) {
-        ssize_t got = read(fd, buf + done, size - done);
-        if (got == 0) {
+    size_t length = 0;
+    std::optional<deadline> limit;  // set by the first wait: most files never need the clock
+    bool has_waited = false;        // since the last byte
+    while (length < size) {
+        const ssize_t count = read(fd, buf + length, size - length);
+        if (count == 0) {
             break;
         }
-        if (got > 0) {
-            done += static_cast<size_t>(got);
-            waited = false;
+        if (count > 0) {
+            length += static_cast<size_t>(count);
+            has_waited = false;
         } else if (errno == EAGAIN) {
-            int64_t now = monotonic_ms();
-            deadline = deadline ? deadline : now + member_read_patience_ms;
-            if (!wait_readable(fd, deadline - now)) {
+            if (!limit) {
+                limit.emplace(member_read_timeout_ms);
+            }
+            if (!wait_readable(fd, limit->left_ms())) {
                 break;
             }
-            if (waited) {
-                // It calls itself readable without being so, as a file without a poll method does.
+            if (has_waited) {
+                // A file without a poll method is always reported as readable. Do not spin on it.
                 poll(nullptr, 0, retry_pause_ms);
             }
-            waited = true;
+            has_waited = true;
         } else if (errno != EINTR) {
             return -1;
         }
     }
-    return static_cast<ssize_t>(done);
+    return static_cast<ssize_t>(length);
 }
 
 struct read_buffer {
@@ -78,21 +79,21 @@ struct read_buffer {
     }
 };
 
-// Stores the file `at` in the directory `dir_fd`, whose whole path is `path`.
-void store_file(tar_handle* t, const char* name, int dir_fd, const char* at, const char* path,
+// Stores the file `file_name` of the directory `dir_fd`. `path` is its whole path, for messages.
+void store_file(tar_handle* t, const char* name, int dir_fd, const char* file_name, const char* path,
                 const read_buffer& buffer) {
-    unique_fd file(openat(dir_fd, at, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    unique_fd file(openat(dir_fd, file_name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!file) {
         if (!std::ranges::binary_search(proc_sys_unreadable, std::string_view(path))) {
             perror(path);
         }
         return;
     }
-    ssize_t got = read_bounded(file.get(), buffer.memory.get(), buffer.size);
-    if (got > 0) {
-        tar_addfile(t, name, member_size(got));
-        tar_write(t, buffer.memory.get(), static_cast<size_t>(got));
-    } else if (got < 0 && errno != EISDIR) {
+    const ssize_t length = read_bounded(file.get(), buffer.memory.get(), buffer.size);
+    if (length > 0) {
+        tar_addfile(t, name, member_size(length));
+        tar_write(t, buffer.memory.get(), static_cast<size_t>(length));
+    } else if (length < 0 && errno != EISDIR) {
         perror(path);
     }
 }
@@ -129,7 +130,7 @@ int stream_dir_unknownsize(tar_handle* t, int /*fd*/, const char* name_prefix, c
     }
     char path[512];
     while (const dirent* entry = readdir(dir.get())) {
-        // A directory could only be opened to find that it can't be read.
+        // Reading a directory would fail with EISDIR; this saves the open.
         if (entry->d_type == DT_DIR || is_listed(entry->d_name, skip_names)) {
             continue;
         }

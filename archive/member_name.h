@@ -5,7 +5,7 @@
 
 #include "archive/tar.h"
 
-// The longest member name, including the archive's prefix, that all tar readers accept.
+// The longest member name, with the archive's prefix, that all tar readers accept.
 constexpr size_t longest_member_name = 99;
 
 struct member_name {

@@ -15,7 +15,7 @@
 
 namespace {
 
-// Memory images, and a log that a read would take from the system's logger.
+// Memory images, and the kernel log: a line that is read there is missing in the system log.
 constexpr const char* proc_skip_names[] = {"kcore", "vmcore", "kmem", "kmsg", nullptr};
 
 constexpr const char* proc_snapshot_dirs[] = {
@@ -55,7 +55,7 @@ int stream_proc(tar_handle* t, int fd) {
     snprintf(name, sizeof name, "proc.%s/", time_stamp_now().text);
     int result = stream_dir_unknownsize(t, fd, name, "/proc/", proc_skip_names);
     for (const char* dir : proc_snapshot_dirs) {
-        (void)stream_dir_unknownsize(t, fd, dir + 1, dir, nullptr);  // not every kernel has each of them
+        (void)stream_dir_unknownsize(t, fd, dir + 1, dir, nullptr);  // kernels lack some of them
     }
     return result;
 }
@@ -72,12 +72,12 @@ int stream_kcore_from(tar_handle* t, int /*fd*/, const char* path) {
     }
     char first;
     if (pread(file.get(), &first, 1, 0) < 0) {
-        return 0;  // a member of zeros would tell nobody anything
+        return 0;  // the member would consist of zero bytes
     }
-    int size = static_cast<int>(status.st_size);
+    const int size = static_cast<int>(status.st_size);
     tar_addfile(t, "kcore", size);
     lseek(file.get(), 0, SEEK_SET);
-    int64_t copied = member_copy(t, file.get(), size);
+    const int64_t copied = member_copy(t, file.get(), size);
     if (copied < 0) {
         return 1;
     }

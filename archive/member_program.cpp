@@ -14,12 +14,6 @@ constexpr program_member oopslog_member = {"/tmp/.oopslogXXXXXX", oopslog_argv, 
 constexpr const char* report_argv[] = {"/usr/sbin/gen_serverreport.sh", nullptr};
 constexpr program_member report_member = {"/tmp/.sreportXXXXXX", report_argv, "serverreport.txt"};
 
-// Runs a program of the tables above with both its outputs on `fd` and waits for it.
-void run_onto(const char* const* argv, int fd) {
-    // execve does not write to the vector, its type is only older than const.
-    (void)sys_run(argv[0], const_cast<char* const*>(argv), STDIN_FILENO, fd, fd, 0);
-}
-
 }  // namespace
 
 int stream_program(tar_handle* t, int /*fd*/, const program_member& member) {
@@ -27,7 +21,9 @@ int stream_program(tar_handle* t, int /*fd*/, const program_member& member) {
     if (!file) {
         return 0;
     }
-    run_onto(member.argv, file.get());
+    // execve does not change the vector; its prototype lacks the const.
+    char* const* argv = const_cast<char* const*>(member.argv);
+    (void)sys_run(argv[0], argv, STDIN_FILENO, file.get(), file.get(), 0);
     return member_store(t, member.name, file.get());
 }
 

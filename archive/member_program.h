@@ -3,16 +3,17 @@
 
 #include "archive/tar.h"
 
-// Run the oops log reader or the server report script with output to an unlinked temporary file in /tmp, and
-// store it as "oopslog" or "serverreport.txt". If no temporary file can be made, there is no member. Return
-// 0, or 1 if a write failed.
-int stream_oopslog(tar_handle* t, int fd);
-int stream_server_report(tar_handle* t, int fd);
-
-// One such member.
+// A member made of the output of a program.
 struct program_member {
-    const char* temp_template;
-    const char* const* argv;  // argv[0] is the program's absolute path; ends with null
+    const char* temp_template;  // for temp_file_unlinked
+    const char* const* argv;    // argv[0] is the program's absolute path; ends with null
     const char* name;
 };
+
+// Runs the program with both outputs to a temporary file and stores that. If no temporary file can be made,
+// there is no member. Returns what member_store returns.
 int stream_program(tar_handle* t, int fd, const program_member& member);
+
+// The oops log reader's output, as "oopslog", and the server report script's, as "serverreport.txt".
+int stream_oopslog(tar_handle* t, int fd);
+int stream_server_report(tar_handle* t, int fd);

@@ -21,7 +21,6 @@ ssize_t output_write_some(tar_handle* t, const char* data, size_t length);
 bool output_pad(tar_handle* t, int count);
 bool output_pad_text(tar_handle* t, int count);
 
-// For routines that write to the handle's descriptor themselves: report that bytes were written, or that a
-// write failed with errno.
-void output_progress();
-void output_failed(tar_handle* t);
+// For callers that write to the handle's descriptor themselves: stores errno as the handle's error if that is
+// the first one. Such callers report their progress with phase_progress.
+void output_set_error(tar_handle* t);

@@ -8,7 +8,7 @@ void phase_begin() {
 
 void phase_progress() {
     if (alarm(phase_seconds) == 0) {
-        alarm(0);
+        alarm(0);  // no phase was running
     }
 }
 

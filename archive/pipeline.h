@@ -2,7 +2,7 @@
 #pragma once
 
 // Writes the debug archive to `fd` (borrowed), as tar inside gzip. Returns after the compressor, a child
-// process, has been reaped. If pipe or fork fails, writes "pipes" or "fork" and the system's error to
+// process, has been reaped. If mmap, pipe or fork fails, writes "mmap", "pipes" or "fork" and the error to
 // standard error and nothing to `fd`. Returns 0 if the whole archive was written, else the errno of the
 // failure; the gzip stream then has no trailer.
 int stream_tgz(int fd);

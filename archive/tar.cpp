@@ -37,15 +37,15 @@ struct ustar_header {
 static_assert(sizeof(ustar_header) == block_size);
 
 void set_name(ustar_header* header, const tar_handle* t, const char* name) {
-    size_t room = sizeof header->name;
-    size_t prefix_length = std::min<size_t>(t->prefix_len, room);
+    const size_t capacity = sizeof header->name;
+    const size_t prefix_length = std::min<size_t>(t->prefix_len, capacity);
     if (prefix_length > 0) {
         memcpy(header->name, t->prefix, prefix_length);
     }
-    memcpy(header->name + prefix_length, name, strnlen(name, room - prefix_length));
+    memcpy(header->name + prefix_length, name, strnlen(name, capacity - prefix_length));
 }
 
-// The sum of all bytes with blanks in the checksum's own place, as six digits, a NUL and a blank.
+// The checksum is the sum of all bytes with blanks in its own field: six digits, a NUL and a blank.
 void set_checksum(ustar_header* header) {
     memset(header->chksum, ' ', sizeof header->chksum);
     const unsigned char* bytes = reinterpret_cast<const unsigned char*>(header);
@@ -57,9 +57,9 @@ void set_checksum(ustar_header* header) {
 }
 
 void pad_to_block(tar_handle* t) {
-    size_t beyond = t->member_bytes % block_size;
-    if (beyond != 0) {
-        tar_write(t, zero_block, block_size - beyond);
+    const size_t excess = t->member_bytes % block_size;
+    if (excess != 0) {
+        tar_write(t, zero_block, block_size - excess);
     }
 }
 

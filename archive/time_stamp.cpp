@@ -8,7 +8,7 @@ namespace {
 
 pthread_mutex_t zone_lock = PTHREAD_MUTEX_INITIALIZER;
 
-// The broken-down local time. localtime_r by itself looks at the zone only once in a process' life.
+// localtime_r alone would use the time zone that the process started with.
 tm local_time(time_t now) {
     tm local = {};
     pthread_mutex_lock(&zone_lock);

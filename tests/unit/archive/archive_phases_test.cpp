@@ -90,9 +90,9 @@ TEST(archive_phases, begin_with_the_archive_and_before_capture_report_and_oops_l
     SKIP_WITHOUT_PRIVATE_WORLD();
     unique_fd archive = memory_file();
     unique_fd notes = memory_file();
-    unique_fd said = memory_file();
+    unique_fd messages = memory_file();
     int status = run_in_private_world([&] {
-        redirect_outputs(said.get(), said.get());
+        redirect_outputs(messages.get(), messages.get());
         if (!install_reports()) {
             return 3;
         }
@@ -100,7 +100,7 @@ TEST(archive_phases, begin_with_the_archive_and_before_capture_report_and_oops_l
         archive_fd = archive.get();
         return stream_debug_archive(archive.get(), no_pid);
     });
-    ASSERT_EQ(status, 0) << content_of(said.get());
+    ASSERT_EQ(status, 0) << content_of(messages.get());
     const std::map<size_t, int> settings = settings_in(content_of(notes.get()));
     tar_listing listing = tar_read(content_of(archive.get()));
     ASSERT_EQ(listing.trouble, "");
@@ -125,11 +125,11 @@ bool read_more(int fd, size_t wanted) {
 }  // namespace
 
 // However slow the reader is: what it takes within the limit, this much at least, renews it.
-TEST(archive_phases, each_40000_bytes_that_are_read_renew_the_limit) {
+TEST(archive_phases, every_40000_bytes_read_by_the_client_renew_the_limit) {
     SKIP_WITHOUT_PRIVATE_WORLD();
-    unique_fd said = memory_file();
+    unique_fd messages = memory_file();
     int status = run_in_private_world([&] {
-        redirect_outputs(said.get(), said.get());
+        redirect_outputs(messages.get(), messages.get());
         if (!install_script("/usr/sbin/gen_serverreport.sh", "head -c 300000 /dev/zero")) {
             return 3;
         }
@@ -154,5 +154,5 @@ TEST(archive_phases, each_40000_bytes_that_are_read_renew_the_limit) {
         alarm(0);
         return error == 0 && not_renewed == 0 && at > 1000000 ? 0 : 1;
     });
-    EXPECT_EQ(status, 0) << content_of(said.get());
+    EXPECT_EQ(status, 0) << content_of(messages.get());
 }

@@ -169,7 +169,7 @@ bool read_until_capture(int fd) {
 
 }  // namespace
 
-TEST(stream_debug_archive, members_come_in_their_order) {
+TEST(stream_debug_archive, members_have_a_fixed_order) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     const outcome& seen = one_archive();
     ASSERT_EQ(seen.exit_code, 0);
@@ -183,7 +183,7 @@ TEST(stream_debug_archive, members_come_in_their_order) {
     }
 }
 
-TEST(stream_debug_archive, members_hold_what_the_device_has) {
+TEST(stream_debug_archive, members_hold_the_files_of_the_device) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     const outcome& seen = one_archive();
     ASSERT_EQ(seen.exit_code, 0);
@@ -203,7 +203,7 @@ TEST(stream_debug_archive, members_hold_what_the_device_has) {
     EXPECT_EQ(data("proc/sys/kernel/ostype"), "Linux\n");
 }
 
-TEST(stream_debug_archive, second_snapshot_is_the_later_one) {
+TEST(stream_debug_archive, second_snapshot_has_the_later_time) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     const outcome& seen = one_archive();
     std::vector<std::string> snapshots;
@@ -223,7 +223,7 @@ TEST(stream_debug_archive, second_snapshot_is_the_later_one) {
     EXPECT_EQ(std::count_if(names.begin(), names.end(), is_ostype), 2);
 }
 
-TEST(stream_debug_archive, top_directory_has_the_time_and_counts_archives) {
+TEST(stream_debug_archive, top_directory_has_the_time_and_the_number_of_the_archive) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     constexpr size_t archives = effort(3, 2);
     outcome seen = run_on_device([](int fd) {
@@ -245,7 +245,7 @@ TEST(stream_debug_archive, top_directory_has_the_time_and_counts_archives) {
     }
 }
 
-TEST(stream_debug_archive, missing_files_leave_their_members_out) {
+TEST(stream_debug_archive, missing_files_have_no_member) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = run_on_device([](int fd) {
         unlink("/etc/ws/onvif/media/media.conf");
@@ -287,7 +287,7 @@ TEST(stream_debug_archive, watchdogs_are_switched_once_each_when_that_works) {
     EXPECT_EQ(seen.err.find("Error setting service watchdogs"), std::string::npos) << seen.err;
 }
 
-TEST(stream_debug_archive, watchdogs_are_tried_until_they_are_on) {
+TEST(stream_debug_archive, watchdogs_are_switched_until_they_are_on) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = run_on_device([](int fd) {
         setenv("HOLLISK_FAIL_COUNT", "4", 1);
@@ -328,7 +328,7 @@ TEST(stream_debug_archive, time_limit_is_300_seconds) {
     EXPECT_EQ(seen.exit_code, 0);
 }
 
-TEST(stream_debug_archive, nothing_is_left_open_or_unreaped) {
+TEST(stream_debug_archive, leaves_no_descriptors_and_no_children) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     EXPECT_EQ(one_archive().exit_code, all_is_well);
 }
@@ -373,7 +373,7 @@ TEST(stream_debug_archive, client_that_goes_after_the_capture_ends_it_at_the_nex
     EXPECT_EQ(seen.out, line_off + line_on);
 }
 
-TEST(stream_debug_archive, members_without_memory_for_them_are_left_out) {
+TEST(stream_debug_archive, skips_members_that_lack_memory) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     SKIP_WITHOUT_MEMORY_LIMIT();
     outcome seen = run_on_device([](int fd) {
@@ -387,7 +387,7 @@ TEST(stream_debug_archive, members_without_memory_for_them_are_left_out) {
     EXPECT_EQ(seen.out, line_off + line_on);
 }
 
-TEST(stream_debug_archive, members_without_a_descriptor_for_them_are_left_out) {
+TEST(stream_debug_archive, skips_members_that_lack_a_descriptor) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = run_on_device([](int fd) {
         const int highest = dup(fd);
@@ -401,7 +401,7 @@ TEST(stream_debug_archive, members_without_a_descriptor_for_them_are_left_out) {
     EXPECT_EQ(kinds(seen.listing()), (std::vector<std::string>{"strace.log", "netdump.cap"}));
 }
 
-TEST(stream_debug_archive, archive_that_cannot_be_begun_is_an_error) {
+TEST(stream_debug_archive, returns_ENOMEM_if_the_archive_cannot_begin) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     SKIP_WITHOUT_MEMORY_LIMIT();
     outcome seen = run_on_device([](int fd) {
@@ -413,7 +413,7 @@ TEST(stream_debug_archive, archive_that_cannot_be_begun_is_an_error) {
     EXPECT_EQ(seen.out, line_off + line_on);
 }
 
-TEST(stream_debug_archive, full_disk_is_an_error_and_ends_it) {
+TEST(stream_debug_archive, full_disk_ends_it_with_ENOSPC) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = run_on_device([](int) {
         unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));

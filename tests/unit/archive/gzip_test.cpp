@@ -119,12 +119,12 @@ TEST(stream_gzip, trailer_is_checksum_and_length_in_little_endian) {
               little_endian(crc_of(std::string(300, 'q'))) + "\x2c\x01\0\0"s);
 }
 
-TEST(stream_gzip, empty_input_is_the_empty_stream) {
+TEST(stream_gzip, empty_input_gives_the_empty_stream) {
     EXPECT_EQ(compressed(""), empty_stream);
     EXPECT_EQ(gunzip(compressed("")), "");
 }
 
-TEST(stream_gzip, gives_what_zlib_gives_around_the_buffer_size) {
+TEST(stream_gzip, output_equals_that_of_zlib_around_the_buffer_size) {
     for (size_t size : {1, 2, 16383, 16384, 16385, 32767, 32768, 32769, 65536}) {
         expect_whole_stream(noise(size));
         expect_whole_stream(std::string(size, '\0'));
@@ -132,13 +132,13 @@ TEST(stream_gzip, gives_what_zlib_gives_around_the_buffer_size) {
     }
 }
 
-TEST(stream_gzip, gives_what_zlib_gives_for_megabytes) {
+TEST(stream_gzip, output_equals_that_of_zlib_for_megabytes) {
     expect_whole_stream(noise(effort(5000001, 1000001)));
     expect_whole_stream(std::string(7340033, '\0'));
     expect_whole_stream(repeated("line of a log ", effort(3000000, 1000000)));
 }
 
-TEST(stream_gzip, input_that_trickles_in_gives_the_same_stream) {
+TEST(stream_gzip, input_in_small_pieces_gives_the_same_stream) {
     std::string bytes = noise(40000);
     test_pipe trickle;
     unique_fd out = memory_file();
@@ -158,7 +158,7 @@ TEST(stream_gzip, input_that_trickles_in_gives_the_same_stream) {
     EXPECT_TRUE(content_of(out.get()) == compressed(bytes));
 }
 
-TEST(stream_gzip, gzip_program_finds_no_fault) {
+TEST(stream_gzip, gzip_accepts_the_output) {
     if (system("command -v gzip >/dev/null 2>&1") != 0) {
         GTEST_SKIP() << "no gzip here";
     }
@@ -197,14 +197,14 @@ TEST(stream_gzip, length_counts_modulo_4_gib) {
     EXPECT_EQ(packed.substr(packed.size() - 8), little_endian(static_cast<uint32_t>(crc)) + "\x05\0\0\0"s);
 }
 
-TEST(stream_gzip, read_error_counts_as_the_end_of_input) {
+TEST(stream_gzip, read_error_counts_as_end_of_file) {
     unique_fd directory(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     unique_fd out = memory_file();
     EXPECT_EQ(compress_between(directory.get(), out.get()), input_open);
     EXPECT_EQ(content_of(out.get()), empty_stream);
 }
 
-TEST(stream_gzip, closed_input_counts_as_the_end_of_input) {
+TEST(stream_gzip, closed_input_counts_as_end_of_file) {
     unique_fd out = memory_file();
     int status = run_in_child([&out] {
         dup2(out.get(), STDOUT_FILENO);
@@ -216,7 +216,7 @@ TEST(stream_gzip, closed_input_counts_as_the_end_of_input) {
     EXPECT_EQ(content_of(out.get()), empty_stream);
 }
 
-TEST(stream_gzip, input_that_is_not_whole_stays_without_a_trailer) {
+TEST(stream_gzip, incomplete_input_has_no_trailer) {
     std::string bytes = noise(100000);
     unique_fd in = memory_file_with(bytes);
     unique_fd out = memory_file();
@@ -230,7 +230,7 @@ TEST(stream_gzip, input_that_is_not_whole_stays_without_a_trailer) {
     EXPECT_EQ(gunzip(content_of(out.get())), std::nullopt);
 }
 
-TEST(stream_gzip, read_error_leaves_no_trailer_where_it_matters) {
+TEST(stream_gzip, read_error_has_no_trailer_if_completeness_is_asked_for) {
     unique_fd directory(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     unique_fd out = memory_file();
     int status = run_in_child([&] {
@@ -242,14 +242,14 @@ TEST(stream_gzip, read_error_leaves_no_trailer_where_it_matters) {
     EXPECT_EQ(content_of(out.get()), gzip_header + "\x03\0"s);
 }
 
-TEST(stream_gzip, reader_that_has_gone_ends_an_endless_input) {
+TEST(stream_gzip, stops_an_endless_input_if_the_reader_has_gone) {
     unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     test_pipe broken;
     broken.out.reset();
     EXPECT_EQ(compress_between(endless.get(), broken.in.get()), input_closed);
 }
 
-TEST(stream_gzip, reader_that_goes_midway_ends_an_endless_input) {
+TEST(stream_gzip, stops_an_endless_input_when_the_reader_goes) {
     unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     test_socketpair pair;
     pid_t reader = fork_child([&pair] {
@@ -262,7 +262,7 @@ TEST(stream_gzip, reader_that_goes_midway_ends_an_endless_input) {
     EXPECT_TRUE(exited_with(wait_status(reader), 0));
 }
 
-TEST(stream_gzip, any_other_write_error_ends_it_too) {
+TEST(stream_gzip, stops_at_other_write_errors) {
     unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     EXPECT_EQ(compress_between(endless.get(), full.get()), input_closed);
@@ -283,7 +283,7 @@ TEST(stream_gzip, write_error_in_the_last_bytes_closes_the_input) {
     }
 }
 
-TEST(stream_gzip, failure_is_not_reported) {
+TEST(stream_gzip, prints_no_failure) {
     ignore_broken_pipes();
     unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     test_pipe broken;

@@ -36,7 +36,7 @@ struct test_output {
 
 }  // namespace
 
-TEST(member_size, is_what_a_header_can_promise) {
+TEST(member_size, is_at_most_INT_MAX) {
     EXPECT_EQ(member_size(0), 0);
     EXPECT_EQ(member_size(INT_MAX), INT_MAX);
     EXPECT_EQ(member_size(int64_t{INT_MAX} + 1), INT_MAX);
@@ -44,7 +44,7 @@ TEST(member_size, is_what_a_header_can_promise) {
     EXPECT_EQ(member_size(INT64_MAX), INT_MAX);
 }
 
-TEST(member_copy, stops_at_the_promised_size_though_the_file_has_grown) {
+TEST(member_copy, stops_at_the_promised_size_of_a_file_that_has_grown) {
     for (size_t size : {0, 1, 16383, 16384, 16385, 40000}) {
         unique_fd input = file_with(std::string(50000, 'x'));
         test_archive output;
@@ -53,21 +53,21 @@ TEST(member_copy, stops_at_the_promised_size_though_the_file_has_grown) {
     }
 }
 
-TEST(member_copy, says_how_much_a_shorter_file_had) {
+TEST(member_copy, returns_the_length_of_a_shorter_file) {
     unique_fd input = file_with("short");
     test_archive output;
     EXPECT_EQ(member_copy(output.handle(), input.get(), 100), 5);
     EXPECT_EQ(output.bytes(), "short");
 }
 
-TEST(member_copy, takes_a_read_error_for_the_end) {
+TEST(member_copy, read_error_counts_as_end_of_file) {
     unique_fd folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     test_archive output;
     EXPECT_EQ(member_copy(output.handle(), folder.get(), 100), 0);
     EXPECT_EQ(output.bytes(), "");
 }
 
-TEST(member_copy, ends_when_the_reader_has_gone) {
+TEST(member_copy, stops_if_the_reader_has_gone) {
     ignore_broken_pipes();
     unique_fd input = file_with("text");
     test_pipe pipe;
@@ -97,7 +97,7 @@ TEST(member_store, stores_a_file_from_its_beginning) {
     EXPECT_EQ(listing.entries[0].data, "whole");
 }
 
-TEST(member_store, file_that_shrinks_meanwhile_is_filled_with_zeros) {
+TEST(member_store, pads_a_file_that_shrinks_meanwhile_with_zeros) {
     constexpr size_t size = 300000;
     constexpr size_t left = 1000;
     unique_fd input = file_with(std::string(size, 'x'));
@@ -122,7 +122,7 @@ TEST(member_store, file_that_shrinks_meanwhile_is_filled_with_zeros) {
     EXPECT_EQ(listing.entries[0].data.back(), '\0');
 }
 
-TEST(member_store, file_of_3_gib_is_promised_and_cut_to_the_largest_size) {
+TEST(member_store, stores_INT_MAX_bytes_of_a_file_of_3_gib) {
     ignore_broken_pipes();
     unique_fd input = memory_file();
     ASSERT_EQ(ftruncate(input.get(), int64_t{3} << 30), 0);

@@ -85,7 +85,7 @@ protected:
     }
     int dump_at(int index) {
         int result = -1;
-        said = capture_stderr([&] {
+        messages = capture_stderr([&] {
             result =
                 dump_one(archive.handle(), archive.fd(), pids.data(), index, static_cast<int>(pids.size()));
         });
@@ -102,18 +102,18 @@ protected:
     std::string warning(const std::string& err, const std::string& announced) const {
         return "WARNING: err=" + err + " clen=" + announced + " pid=" + target.number() + "\n";
     }
-    // No member, and the line that says so; `before` and `after` are said round it.
+    // Expects no member, and the message about it between `before` and `after`.
     void expect_refused(const std::string& what, const std::string& before = "",
                         const std::string& after = "") {
         EXPECT_EQ(dump(), 0) << what;
         EXPECT_EQ(archive.bytes(), "") << what;
-        EXPECT_EQ(said, before + failed() + after) << what;
+        EXPECT_EQ(messages, before + failed() + after) << what;
     }
 
     sleeper target{"/usr/lib/victim"};
     test_archive archive{"top/"};
     std::vector<pid_t> pids;
-    std::string said;
+    std::string messages;
 
 private:
     std::set<int> before_;
@@ -128,7 +128,7 @@ const std::string hang = "exec sleep 1000\n";
 TEST_F(dump_one_of, a_process_stores_its_core_and_its_descriptors) {
     fake_dumper dumper(announce(4) + "printf core");
     EXPECT_EQ(dump(), 0);
-    EXPECT_EQ(said, "");
+    EXPECT_EQ(messages, "");
     tar_listing listing = archive.finish();
     EXPECT_EQ(listing.trouble, "");
     ASSERT_EQ(listing.names(), (strings{"top/" + dir() + "core", "top/" + dir() + "fdmap"}));
@@ -137,7 +137,7 @@ TEST_F(dump_one_of, a_process_stores_its_core_and_its_descriptors) {
     EXPECT_EQ(pids, std::vector<pid_t>{target.pid()});
 }
 
-TEST_F(dump_one_of, a_process_passes_its_pid_behind_the_fixed_arguments) {
+TEST_F(dump_one_of, a_process_passes_its_pid_after_the_fixed_arguments) {
     fake_dumper dumper(
         "text=\"$# $1 $2 $3\"\nprintf 'Core of:%s bytes; and covered: \\n' ${#text} >&2\n"
         "printf '%s' \"$text\"");
@@ -145,11 +145,11 @@ TEST_F(dump_one_of, a_process_passes_its_pid_behind_the_fixed_arguments) {
     EXPECT_EQ(archive.finish().entries.at(0).data, "3 -c /dev/stdout " + target.number());
 }
 
-TEST_F(dump_one_of, cores_of_all_sizes_keep_the_archive_in_step) {
+TEST_F(dump_one_of, cores_of_all_sizes_are_padded_correctly) {
     for (size_t size : {1, 511, 512, 513, 16384, 70000, 300000}) {
         fake_dumper dumper(announce(size) + "head -c " + std::to_string(size) + " /dev/zero");
         EXPECT_EQ(dump(), 0);
-        EXPECT_EQ(said, "");
+        EXPECT_EQ(messages, "");
     }
     tar_listing listing = archive.finish();
     EXPECT_EQ(listing.trouble, "");
@@ -200,7 +200,7 @@ TEST_F(dump_one_of, a_process_whose_command_line_cannot_be_read_is_unknown) {
     EXPECT_EQ(archive.finish().names(), (strings{folder + "core", folder + "fdmap"}));
 }
 
-TEST_F(dump_one_of, a_process_drops_the_further_pids_that_it_covers) {
+TEST_F(dump_one_of, a_process_removes_the_other_pids_that_its_dump_covers) {
     std::string own = target.number();
     fake_dumper dumper(announce(1, "30 10 " + own + " 99") + "printf c");
     pids = {10, target.pid(), 20, 30, -1, 30};
@@ -210,31 +210,31 @@ TEST_F(dump_one_of, a_process_drops_the_further_pids_that_it_covers) {
     EXPECT_EQ(archive.finish().names(), (strings{"top/" + dir() + "core", "top/" + dir() + "fdmap"}));
 }
 
-TEST_F(dump_one_of, pids_said_after_the_line_are_not_dropped) {
+TEST_F(dump_one_of, pids_after_the_line_are_not_removed) {
     fake_dumper dumper(say(core_announcement("1", "7") + "8 9\n") + "printf c");
     pids = {target.pid(), 7, 8, 9};
     EXPECT_EQ(dump_at(0), 0);
     EXPECT_EQ(pids, (std::vector<pid_t>{target.pid(), -1, 8, 9}));
-    EXPECT_EQ(said, "");
+    EXPECT_EQ(messages, "");
 }
 
-TEST_F(dump_one_of, a_line_with_letters_among_the_pids_drops_the_numbers) {
+TEST_F(dump_one_of, a_line_with_letters_among_the_pids_removes_the_numbers) {
     fake_dumper dumper(announce(1, "a7 b8x 9") + "printf c");
     pids = {target.pid(), 7, 8, 9};
     EXPECT_EQ(dump_at(0), 0);
     EXPECT_EQ(pids, (std::vector<pid_t>{target.pid(), -1, -1, -1}));
 }
 
-TEST_F(dump_one_of, a_length_of_0_stores_nothing_but_drops_what_is_covered) {
+TEST_F(dump_one_of, a_length_of_0_stores_nothing_but_removes_covered_pids) {
     fake_dumper dumper(announce(0, "7") + say("no such process\n"));
     pids = {target.pid(), 7};
     EXPECT_EQ(dump_at(0), 0);
     EXPECT_EQ(archive.bytes(), "");
-    EXPECT_EQ(said, failed());
+    EXPECT_EQ(messages, failed());
     EXPECT_EQ(pids, (std::vector<pid_t>{target.pid(), -1}));
 }
 
-TEST_F(dump_one_of, lines_without_a_usable_length_store_nothing) {
+TEST_F(dump_one_of, lines_without_a_valid_length_store_nothing) {
     for (const char* line : {"\n", "short\n", "Core of:\n", "Core of:none\n", "Core of:-5 bytes\n",
                              "Core of:12345678901234567890 bytes\n", "Core of:2147483648 bytes\n"}) {
         fake_dumper dumper(say(line) + "printf core");
@@ -248,7 +248,7 @@ TEST_F(dump_one_of, a_line_of_511_bytes_is_the_longest) {
     ASSERT_EQ(longest.size(), 511u);
     fake_dumper dumper(say(longest) + "printf c");
     EXPECT_EQ(dump(), 0);
-    EXPECT_EQ(said, "");
+    EXPECT_EQ(messages, "");
     EXPECT_EQ(archive.finish().entries.size(), 2u);
 }
 
@@ -276,21 +276,21 @@ TEST_F(dump_one_of, a_line_of_more_than_512_bytes_is_reported) {
     }
 }
 
-TEST_F(dump_one_of, a_line_that_is_followed_by_more_than_fits_is_taken) {
+TEST_F(dump_one_of, a_line_before_more_text_than_the_buffer_holds_is_accepted) {
     fake_dumper dumper(say(core_announcement("1") + std::string(600, 'm')) + "printf c");
     EXPECT_EQ(dump(), 0);
-    EXPECT_EQ(said, "");
+    EXPECT_EQ(messages, "");
     EXPECT_EQ(archive.finish().entries.size(), 2u);
 }
 
-TEST_F(dump_one_of, a_dumper_that_ends_without_a_newline_is_waited_for_in_vain) {
+TEST_F(dump_one_of, a_dumper_that_exits_without_a_newline_times_out) {
     for (const char* text : {"", "Core of:4 bytes; and covered: "}) {
         fake_dumper dumper(say(text), 200);
         expect_refused(text, killed());
     }
 }
 
-TEST_F(dump_one_of, a_dumper_that_never_says_a_line_is_killed) {
+TEST_F(dump_one_of, a_dumper_that_never_writes_a_line_is_killed) {
     fake_dumper dumper(hang, 200);
     expect_refused("hang", killed(), error());
 }
@@ -307,7 +307,7 @@ TEST_F(dump_one_of, a_dumper_that_is_killed_before_its_line_stores_nothing) {
 TEST_F(dump_one_of, a_dumper_that_hangs_after_its_line_is_killed) {
     fake_dumper dumper(announce(10) + hang, 1000);
     EXPECT_EQ(dump(), 0);
-    EXPECT_EQ(said, killed() + warning("0", "10") + error());
+    EXPECT_EQ(messages, killed() + warning("0", "10") + error());
     ASSERT_GE(archive.bytes().size(), 512u);
     EXPECT_EQ(archive.bytes().substr(0, 512),
               tar_expected_header("top/" + dir() + "core", 10, tar_octal_field(archive.bytes(), 136, 12)));
@@ -317,7 +317,7 @@ TEST_F(dump_one_of, a_short_core_is_filled_with_zeros_and_its_messages_are_shown
     fake_dumper dumper(say(core_announcement("1000") + "first\n") + "head -c 600 /dev/zero | tr '\\0' c\n" +
                        say("last\n"));
     EXPECT_EQ(dump(), 0);
-    EXPECT_EQ(said, warning("600", "1000") + "first\nlast\n");
+    EXPECT_EQ(messages, warning("600", "1000") + "first\nlast\n");
     tar_listing listing = archive.finish();
     EXPECT_EQ(listing.trouble, "");
     ASSERT_EQ(listing.names(), (strings{"top/" + dir() + "core", "top/" + dir() + "fdmap"}));
@@ -327,18 +327,18 @@ TEST_F(dump_one_of, a_short_core_is_filled_with_zeros_and_its_messages_are_shown
 TEST_F(dump_one_of, a_core_that_is_too_long_is_cut) {
     fake_dumper dumper(announce(4) + "printf corerest");
     EXPECT_EQ(dump(), 0);
-    EXPECT_EQ(said, warning("8", "4"));
+    EXPECT_EQ(messages, warning("8", "4"));
     tar_listing listing = archive.finish();
     EXPECT_EQ(listing.trouble, "");
     ASSERT_EQ(listing.names(), (strings{"top/" + dir() + "core", "top/" + dir() + "fdmap"}));
     EXPECT_EQ(listing.entries[0].data, "core");
 }
 
-TEST_F(dump_one_of, a_dumper_that_dies_in_its_core_leaves_the_next_member_readable) {
+TEST_F(dump_one_of, a_dumper_that_dies_during_its_core_leaves_the_next_member_readable) {
     fake_dumper dumper(announce(143360) + "head -c 50001 /dev/zero | tr '\\0' c\n" + say("dying\n") +
                        "kill -9 $$");
     EXPECT_EQ(dump(), 0);
-    EXPECT_EQ(said, warning("50001", "143360") + "dying\n" + error());
+    EXPECT_EQ(messages, warning("50001", "143360") + "dying\n" + error());
     tar_addfile(archive.handle(), "next", 0);
     tar_listing listing = archive.finish();
     EXPECT_EQ(listing.trouble, "");
@@ -346,7 +346,7 @@ TEST_F(dump_one_of, a_dumper_that_dies_in_its_core_leaves_the_next_member_readab
     EXPECT_EQ(listing.entries[0].data, std::string(50001, 'c') + std::string(143360 - 50001, '\0'));
 }
 
-TEST_F(dump_one_of, a_wait_that_fails_within_the_core_leaves_the_next_member_readable) {
+TEST_F(dump_one_of, a_wait_that_fails_during_the_core_leaves_the_next_member_readable) {
     constexpr int no_filters = 77;
     fake_dumper dumper(announce(100000) + "head -c 100000 /dev/zero");
     int status = run_in_child([this] {
@@ -355,7 +355,7 @@ TEST_F(dump_one_of, a_wait_that_fails_within_the_core_leaves_the_next_member_rea
         }
         const int result = dump();
         tar_addfile(archive.handle(), "next", 0);
-        return result == 0 && said.find("WARNING: err=") != std::string::npos ? 0 : 1;
+        return result == 0 && messages.find("WARNING: err=") != std::string::npos ? 0 : 1;
     });
     if (exited_with(status, no_filters)) {
         GTEST_SKIP() << "this kernel filters no system calls";
@@ -371,23 +371,23 @@ TEST_F(dump_one_of, a_wait_that_fails_within_the_core_leaves_the_next_member_rea
 TEST_F(dump_one_of, a_dumper_that_fails_after_its_core_gets_no_map) {
     fake_dumper dumper(announce(4) + "printf core; exit 1");
     EXPECT_EQ(dump(), 0);
-    EXPECT_EQ(said, error());
+    EXPECT_EQ(messages, error());
     tar_listing listing = archive.finish();
     EXPECT_EQ(listing.trouble, "");
     EXPECT_EQ(listing.names(), strings{"top/" + dir() + "core"});
 }
 
-TEST_F(dump_one_of, a_mebibyte_of_messages_within_the_core_holds_nothing_up) {
+TEST_F(dump_one_of, a_megabyte_of_messages_during_the_core_does_not_block_it) {
     fake_dumper dumper(announce(200000) + "head -c 100000 /dev/zero\nhead -c 1000000 /dev/zero >&2\n" +
                        "head -c 100000 /dev/zero\n");
     EXPECT_EQ(dump(), 0);
-    EXPECT_EQ(said, "");
+    EXPECT_EQ(messages, "");
     tar_listing listing = archive.finish();
     EXPECT_EQ(listing.trouble, "");
     EXPECT_EQ(listing.entries.size(), 2u);
 }
 
-TEST_F(dump_one_of, a_client_that_goes_within_the_core_is_said_once_and_ends_the_archive) {
+TEST_F(dump_one_of, a_client_that_goes_during_the_core_is_reported_once_and_ends_the_archive) {
     fake_dumper dumper(say(core_announcement("3000000") + "reason\n") + "head -c 3000000 /dev/zero\n");
     test_pipe client;
     tar_handle* tar = tar_new(client.in.get(), nullptr);
@@ -398,11 +398,11 @@ TEST_F(dump_one_of, a_client_that_goes_within_the_core_is_said_once_and_ends_the
     });
     pid_t pid = target.pid();
     int result = 0;
-    said = capture_stderr([&] { result = dump_one(tar, client.in.get(), &pid, 0, 1); });
+    messages = capture_stderr([&] { result = dump_one(tar, client.in.get(), &pid, 0, 1); });
     reader.join();
     tar_abandon(tar);
     EXPECT_EQ(result, 32);
-    EXPECT_EQ(said, "ABORT!\nreason\n");
+    EXPECT_EQ(messages, "ABORT!\nreason\n");
 }
 
 TEST_F(dump_one_of, names_of_long_programs_are_shortened_and_their_files_stay_together) {
@@ -424,7 +424,7 @@ TEST_F(dump_one_of, names_of_long_programs_are_shortened_and_their_files_stay_to
     }
 }
 
-TEST_F(dump_one_of, a_core_that_goes_out_renews_the_time_limit) {
+TEST_F(dump_one_of, a_core_that_is_written_renews_the_time_limit) {
     fake_dumper dumper(announce(4) + "printf core");
     alarm(20);
     EXPECT_EQ(dump(), 0);
@@ -466,10 +466,10 @@ TEST_F(dump_one_of, each_step_of_the_dumper_renews_the_time_limit) {
     EXPECT_EQ(dump(), 0);
     watcher.join();
     EXPECT_GT(alarm(0), 290u) << "by the end of the dumper";
-    EXPECT_EQ(said, "");
+    EXPECT_EQ(messages, "");
 }
 
-TEST_F(dump_one_of, a_process_that_is_left_running_and_untouched) {
+TEST_F(dump_one_of, a_process_leaves_it_running) {
     fake_dumper dumper(announce(4) + "printf core");
     EXPECT_EQ(dump(), 0);
     siginfo_t info = {};

@@ -23,7 +23,7 @@ TEST(proc_append_fdmap, lists_the_descriptors_of_a_process) {
     EXPECT_NE(text.find(" " + std::to_string(zero.get()) + " -> /dev/zero\n"), std::string::npos) << text;
 }
 
-TEST(proc_append_fdmap, what_ls_says_of_a_process_that_has_gone_is_the_member) {
+TEST(proc_append_fdmap, stores_the_error_of_ls_for_a_process_that_has_gone) {
     pid_t gone = fork_child([] { return 0; });
     wait_status(gone);
     test_archive archive;

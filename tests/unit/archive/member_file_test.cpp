@@ -32,7 +32,7 @@ using std::chrono::steady_clock;
 
 struct outcome {
     int result = -1;
-    std::string said;  // on standard error
+    std::string messages;  // on standard error
     tar_listing listing;
     milliseconds took{0};
 };
@@ -42,7 +42,7 @@ outcome stored(Store store) {
     outcome seen;
     test_archive archive;
     auto start = steady_clock::now();
-    seen.said = capture_stderr([&] { seen.result = store(archive.handle(), archive.fd()); });
+    seen.messages = capture_stderr([&] { seen.result = store(archive.handle(), archive.fd()); });
     seen.took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
     seen.listing = archive.finish();
     EXPECT_EQ(seen.listing.trouble, "");
@@ -61,15 +61,15 @@ outcome stored_dir(const std::string& path, const char* const* skip = nullptr, c
 
 void expect_only_member(const outcome& seen, const std::string& data) {
     EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.said, "");
+    EXPECT_EQ(seen.messages, "");
     ASSERT_EQ(seen.listing.names(), std::vector<std::string>{"member"});
     EXPECT_EQ(seen.listing.entries[0].size, data.size());
     EXPECT_TRUE(seen.listing.entries[0].data == data);
 }
 
-void expect_no_member(const outcome& seen, const std::string& said) {
+void expect_no_member(const outcome& seen, const std::string& messages) {
     EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.said, said);
+    EXPECT_EQ(seen.messages, messages);
     EXPECT_TRUE(seen.listing.entries.empty());
 }
 
@@ -87,7 +87,7 @@ struct held_fifo {
     unique_fd writer;
 };
 
-constexpr milliseconds patience(member_read_patience_ms);
+constexpr milliseconds timeout(member_read_timeout_ms);
 constexpr milliseconds scheduling_slack(5000);
 
 }  // namespace
@@ -109,7 +109,7 @@ TEST(stream_file_unknownsize, default_bound_is_102400_bytes) {
     }
 }
 
-TEST(stream_file_unknownsize, bound_of_the_caller_cuts_in_silence) {
+TEST(stream_file_unknownsize, cuts_at_the_limit_of_the_caller_silently) {
     temp_dir folder;
     std::string path = folder.write_file("file", "0123456789");
     expect_only_member(stored_file(path, 1), "0");
@@ -133,7 +133,7 @@ TEST(stream_file_unknownsize, file_that_reports_no_size_is_read_to_its_end) {
     expect_only_member(stored_file("/proc/version"), content_of(file.get()));
 }
 
-TEST(stream_file_unknownsize, name_is_put_behind_the_prefix_of_the_archive) {
+TEST(stream_file_unknownsize, name_follows_the_prefix_of_the_archive) {
     temp_dir folder;
     test_archive archive("top/");
     std::string path = folder.write_file("file", "x");
@@ -141,13 +141,13 @@ TEST(stream_file_unknownsize, name_is_put_behind_the_prefix_of_the_archive) {
     EXPECT_EQ(archive.finish().names(), std::vector<std::string>{"top/a/b.txt"});
 }
 
-TEST(stream_file_unknownsize, empty_file_is_left_out) {
+TEST(stream_file_unknownsize, skips_empty_files) {
     temp_dir folder;
     expect_no_member(stored_file(folder.write_file("empty", "")), "");
     expect_no_member(stored_file("/dev/null"), "");
 }
 
-TEST(stream_file_unknownsize, directory_is_left_out_in_silence) {
+TEST(stream_file_unknownsize, skips_directories_silently) {
     temp_dir folder;
     expect_no_member(stored_file(folder.path()), "");
 }
@@ -165,7 +165,7 @@ TEST(stream_file_unknownsize, read_error_is_reported_once) {
     expect_no_member(stored_file(path), error_line(path, EIO));
 }
 
-TEST(stream_file_unknownsize, files_that_nobody_can_read_are_passed_over_in_silence) {
+TEST(stream_file_unknownsize, skips_files_that_nobody_can_open_silently) {
     int tried = 0;
     for (const char* path : {"/proc/sys/vm/compact_memory", "/proc/sys/net/ipv4/route/flush",
                              "/proc/sys/net/ipv6/route/flush"}) {
@@ -180,7 +180,7 @@ TEST(stream_file_unknownsize, files_that_nobody_can_read_are_passed_over_in_sile
     }
 }
 
-TEST(stream_file_unknownsize, silence_is_for_the_exact_path_only) {
+TEST(stream_file_unknownsize, reports_unreadable_files_of_other_paths) {
     temp_dir folder;
     std::string link = folder.path("compact_memory");
     ASSERT_EQ(symlink("/proc/sys/vm/compact_memory", link.c_str()), 0);
@@ -205,7 +205,7 @@ TEST(stream_file_unknownsize, closes_what_it_opens) {
     EXPECT_EQ(open_fds(), before);
 }
 
-TEST(stream_file_unknownsize, broken_output_does_not_show_in_the_result) {
+TEST(stream_file_unknownsize, broken_output_does_not_change_the_result) {
     ignore_broken_pipes();
     temp_dir folder;
     std::string path = folder.write_file("file", "x");
@@ -216,7 +216,7 @@ TEST(stream_file_unknownsize, broken_output_does_not_show_in_the_result) {
     tar_abandon(t);
 }
 
-TEST(stream_file_unknownsize, memory_that_runs_out_gives_1) {
+TEST(stream_file_unknownsize, returns_1_if_memory_runs_out) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "a sanitizer's allocator does not live with a limit";
 #endif
@@ -235,13 +235,13 @@ TEST(stream_file_unknownsize, memory_that_runs_out_gives_1) {
     EXPECT_EQ(content_of(err.get()), "");
 }
 
-TEST(stream_file_unknownsize, fifo_without_a_writer_is_left_out_at_once) {
+TEST(stream_file_unknownsize, skips_a_fifo_without_a_writer_at_once) {
     temp_dir folder;
     std::string path = folder.path("fifo");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     outcome seen = stored_file(path);
     expect_no_member(seen, "");
-    EXPECT_LT(seen.took, patience);
+    EXPECT_LT(seen.took, timeout);
 }
 
 TEST(stream_file_unknownsize, silent_fifo_is_given_up_after_the_patience) {
@@ -249,17 +249,17 @@ TEST(stream_file_unknownsize, silent_fifo_is_given_up_after_the_patience) {
     held_fifo fifo(folder.path("fifo"));
     outcome seen = stored_file(folder.path("fifo"));
     expect_no_member(seen, "");
-    EXPECT_GE(seen.took, patience - milliseconds(100));
-    EXPECT_LT(seen.took, patience + scheduling_slack);
+    EXPECT_GE(seen.took, timeout - milliseconds(100));
+    EXPECT_LT(seen.took, timeout + scheduling_slack);
 }
 
-TEST(stream_file_unknownsize, what_a_fifo_gave_before_it_fell_silent_is_the_member) {
+TEST(stream_file_unknownsize, stores_the_bytes_that_a_fifo_had_before_the_timeout) {
     temp_dir folder;
     held_fifo fifo(folder.path("fifo"));
     ASSERT_EQ(write(fifo.writer.get(), "half", 4), 4);
     outcome seen = stored_file(folder.path("fifo"));
     expect_only_member(seen, "half");
-    EXPECT_LT(seen.took, patience + scheduling_slack);
+    EXPECT_LT(seen.took, timeout + scheduling_slack);
 }
 
 TEST(stream_file_unknownsize, fifo_is_read_until_its_writer_closes) {
@@ -278,7 +278,7 @@ TEST(stream_file_unknownsize, fifo_is_read_until_its_writer_closes) {
     expect_only_member(seen, "first second");
 }
 
-TEST(stream_file_unknownsize, fifo_that_keeps_trickling_is_bounded_too) {
+TEST(stream_file_unknownsize, timeout_includes_a_fifo_with_a_slow_writer) {
     temp_dir folder;
     held_fifo fifo(folder.path("fifo"));
     std::atomic<bool> stop{false};
@@ -293,16 +293,16 @@ TEST(stream_file_unknownsize, fifo_that_keeps_trickling_is_bounded_too) {
     writer.join();
     EXPECT_EQ(seen.result, 0);
     ASSERT_EQ(seen.listing.entries.size(), 1u);
-    EXPECT_LT(seen.took, patience + scheduling_slack);
+    EXPECT_LT(seen.took, timeout + scheduling_slack);
 }
 
-TEST(stream_dir_unknownsize, stores_each_file_under_prefix_and_name) {
+TEST(stream_dir_unknownsize, stores_each_file_as_prefix_and_name) {
     temp_dir folder;
     folder.write_file("one", "1");
     folder.write_file("two", "22");
     outcome seen = stored_dir(folder.path() + "/", nullptr, "some/where/");
     EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.said, "");
+    EXPECT_EQ(seen.messages, "");
     ASSERT_EQ(seen.listing.entries.size(), 2u);
     ASSERT_NE(seen.listing.find("some/where/one"), nullptr);
     EXPECT_EQ(seen.listing.find("some/where/one")->data, "1");
@@ -310,7 +310,7 @@ TEST(stream_dir_unknownsize, stores_each_file_under_prefix_and_name) {
     EXPECT_EQ(seen.listing.find("some/where/two")->data, "22");
 }
 
-TEST(stream_dir_unknownsize, order_is_that_of_the_directory) {
+TEST(stream_dir_unknownsize, keeps_the_order_of_the_directory) {
     temp_dir folder;
     for (int i = 0; i < 60; i++) {
         folder.write_file("file" + std::to_string(i * 7919 % 60), "x");
@@ -326,18 +326,18 @@ TEST(stream_dir_unknownsize, order_is_that_of_the_directory) {
     EXPECT_EQ(stored_dir(folder.path() + "/").listing.names(), expected);
 }
 
-TEST(stream_dir_unknownsize, subdirectories_are_not_entered) {
+TEST(stream_dir_unknownsize, does_not_enter_subdirectories) {
     temp_dir folder;
     folder.write_file("plain", "x");
     folder.write_file("sub/hidden", "x");
     ASSERT_EQ(symlink(folder.path("sub").c_str(), folder.path("link").c_str()), 0);
     outcome seen = stored_dir(folder.path() + "/");
     EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.said, "");
+    EXPECT_EQ(seen.messages, "");
     EXPECT_EQ(seen.listing.names(), std::vector<std::string>{"in/plain"});
 }
 
-TEST(stream_dir_unknownsize, names_of_the_list_are_passed_over) {
+TEST(stream_dir_unknownsize, skips_the_names_of_the_list) {
     temp_dir folder;
     for (const char* name : {"kcore", "kcore2", "kcor", "kmsg", "other"}) {
         folder.write_file(name, "x");
@@ -351,7 +351,7 @@ TEST(stream_dir_unknownsize, names_of_the_list_are_passed_over) {
     EXPECT_EQ(stored_dir(folder.path() + "/", nothing).listing.entries.size(), 5u);
 }
 
-TEST(stream_dir_unknownsize, names_that_are_passed_over_are_not_opened) {
+TEST(stream_dir_unknownsize, does_not_open_skipped_files) {
     temp_dir folder;
     held_fifo fifo(folder.path("kmsg"));
     ASSERT_EQ(write(fifo.writer.get(), "log", 3), 3);
@@ -362,7 +362,7 @@ TEST(stream_dir_unknownsize, names_that_are_passed_over_are_not_opened) {
     EXPECT_EQ(waiting, 3);
 }
 
-TEST(stream_dir_unknownsize, unreadable_and_empty_files_do_not_stop_it) {
+TEST(stream_dir_unknownsize, continues_after_unreadable_and_empty_files) {
     temp_dir folder;
     folder.write_file("a", "1");
     folder.write_file("empty", "");
@@ -370,23 +370,23 @@ TEST(stream_dir_unknownsize, unreadable_and_empty_files_do_not_stop_it) {
     ASSERT_EQ(symlink("nowhere", folder.path("m").c_str()), 0);
     outcome seen = stored_dir(folder.path() + "/");
     EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.said, error_line(folder.path("m"), ENOENT));
+    EXPECT_EQ(seen.messages, error_line(folder.path("m"), ENOENT));
     EXPECT_EQ(seen.listing.entries.size(), 2u);
 }
 
-TEST(stream_dir_unknownsize, silent_fifo_does_not_stop_it) {
+TEST(stream_dir_unknownsize, continues_after_a_silent_fifo) {
     temp_dir folder;
     folder.write_file("a", "1");
     held_fifo fifo(folder.path("m"));
     folder.write_file("z", "2");
     outcome seen = stored_dir(folder.path() + "/");
     EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.said, "");
+    EXPECT_EQ(seen.messages, "");
     EXPECT_EQ(seen.listing.entries.size(), 2u);
-    EXPECT_LT(seen.took, patience + scheduling_slack);
+    EXPECT_LT(seen.took, timeout + scheduling_slack);
 }
 
-TEST(stream_dir_unknownsize, long_files_are_cut_at_the_default_bound) {
+TEST(stream_dir_unknownsize, cuts_long_files_at_the_default_bound) {
     temp_dir folder;
     folder.write_file("long", noise(150000));
     tar_listing listing = stored_dir(folder.path() + "/").listing;
@@ -394,7 +394,7 @@ TEST(stream_dir_unknownsize, long_files_are_cut_at_the_default_bound) {
     EXPECT_TRUE(listing.entries[0].data == noise(150000).substr(0, 102400));
 }
 
-TEST(stream_dir_unknownsize, longest_file_names_are_read) {
+TEST(stream_dir_unknownsize, stores_files_with_the_longest_names) {
     temp_dir folder;
     std::string file = folder.write_file(std::string(255, 'n'), "x");
     struct stat status = {};
@@ -404,17 +404,17 @@ TEST(stream_dir_unknownsize, longest_file_names_are_read) {
     EXPECT_EQ(listing.names(), std::vector<std::string>{"in/" + std::string(99 - 3 - end.size(), 'n') + end});
 }
 
-TEST(stream_dir_unknownsize, empty_directory_gives_nothing) {
+TEST(stream_dir_unknownsize, empty_directory_stores_nothing) {
     temp_dir folder;
     expect_no_member(stored_dir(folder.path() + "/"), "");
 }
 
-TEST(stream_dir_unknownsize, missing_directory_gives_1_and_nothing_else) {
+TEST(stream_dir_unknownsize, missing_directory_returns_1_silently) {
     temp_dir folder;
     for (const std::string& path : {folder.path("missing/"), folder.write_file("file", "x")}) {
         outcome seen = stored_dir(path);
         EXPECT_EQ(seen.result, 1);
-        EXPECT_EQ(seen.said, "");
+        EXPECT_EQ(seen.messages, "");
         EXPECT_TRUE(seen.listing.entries.empty());
     }
 }

@@ -23,14 +23,14 @@ std::string of_process(const char* prefix, const std::string& program, pid_t pid
 
 }  // namespace
 
-TEST(member_name_in_folder, is_folder_and_file_as_far_as_they_fit) {
+TEST(member_name_in_folder, joins_folder_and_file_if_they_fit) {
     EXPECT_EQ(in_folder("proc/net/", "dev", 7), "proc/net/dev");
     const size_t left = 99 - std::string(top).size() - std::string("proc/net/").size();
     const std::string longest(left, 'n');
     EXPECT_EQ(in_folder("proc/net/", longest, 7), "proc/net/" + longest);
 }
 
-TEST(member_name_in_folder, longer_names_with_the_same_beginning_stay_apart) {
+TEST(member_name_in_folder, longer_names_with_the_same_beginning_stay_distinct) {
     const size_t left = 99 - std::string(top).size() - std::string("proc/net/").size();
     for (size_t length : {left + 1, left + 2, size_t{255}}) {
         std::string one = in_folder("proc/net/", std::string(length, 'n') + "1", 4026531840);
@@ -39,12 +39,12 @@ TEST(member_name_in_folder, longer_names_with_the_same_beginning_stay_apart) {
     }
 }
 
-TEST(member_name_in_folder, folder_that_leaves_no_space_is_survived) {
+TEST(member_name_in_folder, cuts_a_folder_that_is_too_long) {
     EXPECT_EQ(in_folder(std::string(98, 'd') + "/", "file", ULLONG_MAX).size(), 99u);
     EXPECT_EQ(in_folder(std::string(300, 'd') + "/", "file", 1).size(), 99u);
 }
 
-TEST(member_name_of_process, leaves_pid_and_file_whole) {
+TEST(member_name_of_process, keeps_pid_and_file_whole) {
     for (pid_t pid : {1, 4194304, INT_MAX}) {
         for (size_t length : {0, 1, 50, 60, 80}) {
             std::string core = of_process(top, std::string(length, 'n'), pid, "core");
@@ -58,7 +58,7 @@ TEST(member_name_of_process, leaves_pid_and_file_whole) {
     }
 }
 
-TEST(member_name_of_process, prefix_that_leaves_no_space_leaves_the_program_out) {
+TEST(member_name_of_process, drops_the_program_if_the_prefix_leaves_no_space) {
     EXPECT_EQ(of_process(std::string(98, 'p').c_str(), "program", 12, "core"), ".12/core");
     EXPECT_EQ(of_process(std::string(300, 'p').c_str(), "program", 12, "fdmap"), ".12/fdmap");
 }

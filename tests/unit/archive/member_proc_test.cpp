@@ -62,7 +62,7 @@ struct snapshot {
     int result = -1;
     std::string earliest;  // the name that its directory may have, from
     std::string latest;    // and to
-    std::string said;      // on standard error
+    std::string messages;  // on standard error
     tar_listing listing;
 
     std::string top() const {
@@ -90,7 +90,7 @@ snapshot take_snapshot() {
     taken.latest = local_stamp(time(nullptr));
     unsetenv("TZ");
     tzset();
-    taken.said = content_of(err.get());
+    taken.messages = content_of(err.get());
     taken.listing = tar_read(archive.bytes());
     return taken;
 }
@@ -131,7 +131,7 @@ void expect_nothing_stored(const std::string& path) {
 
 }  // namespace
 
-TEST(stream_proc, files_of_proc_itself_stand_below_the_local_time) {
+TEST(stream_proc, files_of_proc_itself_are_in_a_folder_named_after_the_local_time) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     snapshot taken = take_snapshot();
     EXPECT_EQ(taken.result, 0);
@@ -147,7 +147,7 @@ TEST(stream_proc, files_of_proc_itself_stand_below_the_local_time) {
     EXPECT_EQ(taken.listing.find(taken.top() + "version")->data, content_of(version.get()));
 }
 
-TEST(stream_proc, directories_follow_in_their_order_under_their_own_names) {
+TEST(stream_proc, directories_follow_in_a_fixed_order_under_their_own_names) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     snapshot taken = take_snapshot();
     ASSERT_FALSE(taken.listing.entries.empty());
@@ -172,7 +172,7 @@ TEST(stream_proc, directories_follow_in_their_order_under_their_own_names) {
     EXPECT_EQ(taken.listing.find("proc/sys/kernel/ostype")->data, "Linux\n");
 }
 
-TEST(stream_proc, stream_is_whole_and_its_members_are_bounded) {
+TEST(stream_proc, stream_is_complete_and_its_members_are_bounded) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     snapshot taken = take_snapshot();
     EXPECT_EQ(taken.listing.trouble, "");
@@ -182,7 +182,7 @@ TEST(stream_proc, stream_is_whole_and_its_members_are_bounded) {
     }
 }
 
-TEST(stream_proc, large_file_is_its_first_102400_bytes) {
+TEST(stream_proc, stores_the_first_102400_bytes_of_a_large_file) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     unique_fd file(open("/proc/kallsyms", O_RDONLY | O_CLOEXEC));
     std::string symbols = file ? read_all(file.get()) : "";
@@ -196,7 +196,7 @@ TEST(stream_proc, large_file_is_its_first_102400_bytes) {
     EXPECT_TRUE(entry->data == symbols.substr(0, 102400));
 }
 
-TEST(stream_proc, memory_images_and_the_kernel_log_are_not_read) {
+TEST(stream_proc, skips_memory_images_and_the_kernel_log) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     snapshot taken = take_snapshot();
     ASSERT_FALSE(taken.listing.entries.empty());
@@ -205,17 +205,17 @@ TEST(stream_proc, memory_images_and_the_kernel_log_are_not_read) {
     }
 }
 
-TEST(stream_proc, unreadable_files_are_reported_but_for_those_that_nobody_can_read) {
+TEST(stream_proc, does_not_report_files_that_nobody_can_open) {
     SKIP_WITHOUT_PRIVATE_WORLD();
-    std::string said = take_snapshot().said;
+    std::string messages = take_snapshot().messages;
     for (const char* silent :
          {"/proc/sys/vm/compact_memory:", "/proc/sys/net/ipv4/route/flush:",
           "/proc/sys/net/ipv6/route/flush:", "/proc/sys/vm/drop_caches:", "/proc/sys/vm/stat_refresh:"}) {
-        EXPECT_EQ(said.find(silent), std::string::npos) << said;
+        EXPECT_EQ(messages.find(silent), std::string::npos) << messages;
     }
 }
 
-TEST(stream_proc, second_snapshot_stores_the_directories_again_under_the_same_names) {
+TEST(stream_proc, second_snapshot_repeats_the_names_of_the_directories) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     test_archive archive;
     unique_fd err = memory_file();
@@ -230,7 +230,7 @@ TEST(stream_proc, second_snapshot_stores_the_directories_again_under_the_same_na
     EXPECT_EQ(std::count(names.begin(), names.end(), "proc/net/dev"), 2);
 }
 
-TEST(stream_proc, each_directory_of_the_table_is_read_in_its_turn) {
+TEST(stream_proc, reads_the_directories_in_the_order_of_the_table) {
     SKIP_WITHOUT_ROOT();
     temp_dir root;
     std::vector<std::string> expected = {"version"};
@@ -268,7 +268,7 @@ TEST(stream_proc, each_directory_of_the_table_is_read_in_its_turn) {
     EXPECT_EQ(names, expected);
 }
 
-TEST(stream_proc, machine_without_proc_gives_1) {
+TEST(stream_proc, returns_1_without_proc) {
     SKIP_WITHOUT_ROOT();
     temp_dir empty;
     test_archive archive;
@@ -286,7 +286,7 @@ TEST(stream_kcore, limit_is_10_mebibytes) {
     EXPECT_EQ(kcore_limit, 10485760);
 }
 
-TEST(stream_kcore, file_up_to_the_limit_is_stored_whole) {
+TEST(stream_kcore, stores_a_file_up_to_the_limit_whole) {
     temp_dir folder;
     for (size_t size : {1, 511, 512, 20000, 10485760}) {
         std::string bytes = noise(size);
@@ -301,24 +301,24 @@ TEST(stream_kcore, file_up_to_the_limit_is_stored_whole) {
     }
 }
 
-TEST(stream_kcore, empty_or_larger_file_is_left_out) {
+TEST(stream_kcore, skips_an_empty_or_larger_file) {
     temp_dir folder;
     expect_nothing_stored(sparse_file(folder, 0));
     expect_nothing_stored(sparse_file(folder, 10485761));
     expect_nothing_stored(sparse_file(folder, (off_t{1} << 32) + 1000));
 }
 
-TEST(stream_kcore, missing_file_is_left_out_in_silence) {
+TEST(stream_kcore, skips_a_missing_file_silently) {
     temp_dir folder;
     expect_nothing_stored(folder.path("kcore"));
 }
 
-TEST(stream_kcore, file_that_can_not_be_read_is_left_out) {
+TEST(stream_kcore, skips_an_unreadable_file) {
     temp_dir folder;
     expect_nothing_stored(folder.path());
 }
 
-TEST(stream_kcore, short_copy_is_filled_with_zeros_and_counted_as_copied) {
+TEST(stream_kcore, pads_a_short_copy_with_zeros_but_counts_only_the_copied_bytes) {
     std::string path = small_sysfs_file();
     if (path.empty()) {
         GTEST_SKIP() << "no file here that is shorter than its size says";
@@ -360,7 +360,7 @@ TEST(stream_kcore, closes_what_it_opens) {
     EXPECT_EQ(open_fds(), before);
 }
 
-TEST(stream_kcore, takes_the_kernel_core_when_it_is_small_enough) {
+TEST(stream_kcore, stores_the_kernel_core_if_it_is_small_enough) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     test_archive archive;
     off_t size = 0;

@@ -25,7 +25,7 @@ namespace {
 
 struct outcome {
     int result = -1;
-    std::string said;  // on standard error
+    std::string messages;  // on standard error
     tar_listing listing;
 
     // The data of the only member; a remark when there is not exactly one.
@@ -44,7 +44,8 @@ outcome stored_output(const std::vector<const char*>& arguments) {
     program_member member = {temp_template, argv.data(), "output.txt"};
     outcome seen;
     test_archive archive("top/");
-    seen.said = capture_stderr([&] { seen.result = stream_program(archive.handle(), archive.fd(), member); });
+    seen.messages =
+        capture_stderr([&] { seen.result = stream_program(archive.handle(), archive.fd(), member); });
     seen.listing = archive.finish();
     return seen;
 }
@@ -66,7 +67,7 @@ outcome stored_in_private_world(Store store) {
         tar_close(archive.handle());
         return result;
     });
-    seen.said = content_of(err.get());
+    seen.messages = content_of(err.get());
     seen.listing = tar_read(archive.bytes());
     return seen;
 }
@@ -89,27 +90,27 @@ bool remount_tmp(unsigned long flags, const char* options) {
 
 }  // namespace
 
-TEST(stream_program, both_outputs_are_the_member) {
+TEST(stream_program, stores_both_outputs) {
     outcome seen = shell_output("echo out; echo err >&2; echo again");
     EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.said, "");
+    EXPECT_EQ(seen.messages, "");
     EXPECT_EQ(seen.listing.names(), std::vector<std::string>{"top/output.txt"});
     EXPECT_EQ(seen.data(), "out\nerr\nagain\n");
     EXPECT_EQ(seen.listing.entries[0].size, 14u);
 }
 
-TEST(stream_program, arguments_arrive_as_given) {
+TEST(stream_program, passes_the_arguments_unchanged) {
     EXPECT_EQ(stored_output({"/bin/sh", "-c", "printf '<%s>' \"$@\"", "name", "a b", "", "c"}).data(),
               "<a b><><c>");
 }
 
-TEST(stream_program, program_sees_an_empty_environment) {
+TEST(stream_program, program_gets_an_empty_environment) {
     outcome seen = stored_output({"/usr/bin/env"});
     EXPECT_EQ(seen.result, 0);
     EXPECT_EQ(seen.data(), "");
 }
 
-TEST(stream_program, program_that_says_nothing_gives_an_empty_member) {
+TEST(stream_program, program_without_output_has_an_empty_member) {
     outcome seen = shell_output(":");
     EXPECT_EQ(seen.result, 0);
     EXPECT_EQ(seen.listing.names(), std::vector<std::string>{"top/output.txt"});
@@ -130,7 +131,7 @@ TEST(stream_program, long_output_is_stored_whole) {
     EXPECT_TRUE(seen.data() == expected);
 }
 
-TEST(stream_program, failing_program_gives_what_it_said) {
+TEST(stream_program, stores_the_output_of_a_failing_program) {
     outcome seen = shell_output("echo before; exit 3");
     EXPECT_EQ(seen.result, 0);
     EXPECT_EQ(seen.data(), "before\n");
@@ -139,16 +140,16 @@ TEST(stream_program, failing_program_gives_what_it_said) {
     EXPECT_EQ(killed.data(), "before\n");
 }
 
-TEST(stream_program, missing_program_gives_the_message_of_its_start) {
+TEST(stream_program, stores_the_execve_error_of_a_missing_program) {
     temp_dir folder;
     std::string missing = folder.path("missing");
     outcome seen = stored_output({missing.c_str()});
     EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.said, "");
+    EXPECT_EQ(seen.messages, "");
     EXPECT_EQ(seen.data(), std::string("execve: ") + strerror(ENOENT) + "\n");
 }
 
-TEST(stream_program, file_that_is_no_program_gives_the_message_of_its_start) {
+TEST(stream_program, stores_the_execve_error_of_a_file_that_is_no_program) {
     temp_dir folder;
     std::string text = folder.write_file("text", "not to be run");
     EXPECT_EQ(stored_output({text.c_str()}).data(), std::string("execve: ") + strerror(EACCES) + "\n");
@@ -169,14 +170,14 @@ TEST(stream_program, standard_input_is_inherited) {
     EXPECT_EQ(archive.bytes().substr(512), "asked");
 }
 
-TEST(stream_program, temporary_file_has_no_name_left_while_the_program_runs) {
+TEST(stream_program, temporary_file_has_no_name_while_the_program_runs) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = shell_output_in_private_world([] { return true; }, "ls -A /tmp; echo done");
     EXPECT_EQ(seen.result, 0);
     EXPECT_EQ(seen.data(), "done\n");
 }
 
-TEST(stream_program, temporary_file_is_made_from_the_template) {
+TEST(stream_program, temporary_file_has_the_name_of_the_template) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = stored_in_private_world([](tar_handle* t, int fd) {
         const char* const argv[] = {"/bin/readlink", "/proc/self/fd/1", nullptr};
@@ -188,7 +189,7 @@ TEST(stream_program, temporary_file_is_made_from_the_template) {
     EXPECT_EQ(seen.data().substr(21), " (deleted)\n");
 }
 
-TEST(stream_program, nothing_is_left_open_or_behind) {
+TEST(stream_program, leaves_no_descriptors_no_children_and_no_files) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = stored_in_private_world([](tar_handle* t, int fd) {
         std::set<int> before = open_fds();
@@ -201,21 +202,21 @@ TEST(stream_program, nothing_is_left_open_or_behind) {
     EXPECT_EQ(seen.data(), "text\n");
 }
 
-TEST(stream_program, no_room_for_temporary_files_gives_no_member) {
+TEST(stream_program, has_no_member_without_a_temporary_file) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = shell_output_in_private_world([] { return remount_tmp(MS_RDONLY, nullptr); }, "echo text");
     EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.said, "");
+    EXPECT_EQ(seen.messages, "");
     EXPECT_TRUE(seen.listing.entries.empty());
     EXPECT_EQ(seen.listing.trouble, "");
 }
 
-TEST(stream_program, full_file_system_gives_what_fitted) {
+TEST(stream_program, stores_the_part_that_fits_in_a_full_file_system) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = shell_output_in_private_world([] { return remount_tmp(0, "size=4k"); },
                                                  "head -c 100000 /dev/zero 2>/dev/null");
     EXPECT_EQ(seen.result, 0);
-    EXPECT_EQ(seen.said, "");
+    EXPECT_EQ(seen.messages, "");
     EXPECT_EQ(seen.listing.trouble, "");
     ASSERT_EQ(seen.listing.entries.size(), 1u);
     size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -259,7 +260,7 @@ TEST(stream_server_report, is_the_output_of_the_report_script) {
     EXPECT_EQ(seen.data().substr(22), " (deleted)\n");
 }
 
-TEST(stream_server_report, machine_without_the_script_gives_the_message_of_its_start) {
+TEST(stream_server_report, stores_the_execve_error_of_a_missing_script) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome report = stored_in_private_world(stream_server_report);
     EXPECT_EQ(report.result, 0);

@@ -89,18 +89,18 @@ void expect_early(clock_type::time_point begun) {
     EXPECT_LT(clock_type::now() - begun, std::chrono::seconds(strace_seconds - 1));
 }
 
-// Traces a busy child into `fd`, where nothing can be written, and returns what that is said to be.
-std::string said_of_broken_output(int fd) {
+// Traces a busy child into `fd`, where nothing can be written, and returns the messages.
+std::string report_of_broken_output(int fd) {
     busy_child child;
     const int pids[] = {child.pid()};
     tar_handle* t = tar_new(fd, nullptr);
     int result = -1;
     clock_type::time_point begun = clock_type::now();
-    std::string said = capture_stderr([&] { result = stream_strace_log(t, pids, 1); });
+    std::string messages = capture_stderr([&] { result = stream_strace_log(t, pids, 1); });
     expect_early(begun);
     EXPECT_EQ(result, 1);
     tar_abandon(t);
-    return said;
+    return messages;
 }
 
 }  // namespace
@@ -121,7 +121,7 @@ TEST(stream_strace_log, trace_of_no_process_is_filler_lines) {
     EXPECT_TRUE(listing.entries[0].data == filler(204800));
 }
 
-TEST(stream_strace_log, removed_pids_are_passed_over) {
+TEST(stream_strace_log, skips_removed_pids) {
     test_archive archive;
     const int pids[] = {-1, -1, -1};
     EXPECT_EQ(stream_strace_log(archive.handle(), pids, 3), 0);
@@ -130,7 +130,7 @@ TEST(stream_strace_log, removed_pids_are_passed_over) {
     EXPECT_TRUE(listing.entries[0].data == filler(204800));
 }
 
-TEST(stream_strace_log, list_of_pids_is_not_changed) {
+TEST(stream_strace_log, does_not_change_the_list_of_pids) {
     idle_child child;
     pid_t ended = fork_child([] { return 0; });
     EXPECT_TRUE(exited_with(wait_status(ended), 0));
@@ -165,7 +165,7 @@ TEST(stream_strace_log, next_member_follows_directly) {
     EXPECT_EQ(listing.names(), (std::vector<std::string>{"strace.log", "next"}));
 }
 
-TEST(stream_strace_log, is_left_out_without_memory_for_it) {
+TEST(stream_strace_log, has_no_member_without_memory) {
     SKIP_WITHOUT_MEMORY_LIMIT();
     test_archive archive;
     int status = run_in_child([&] {
@@ -177,7 +177,7 @@ TEST(stream_strace_log, is_left_out_without_memory_for_it) {
     EXPECT_EQ(archive.bytes(), "");
 }
 
-TEST(stream_strace_log, broken_output_without_a_trace_is_left_to_the_next_member) {
+TEST(stream_strace_log, does_not_report_broken_output_without_a_trace) {
     ignore_broken_pipes();
     test_pipe broken;
     broken.out.reset();
@@ -192,13 +192,13 @@ TEST(stream_strace_log, broken_output_ends_the_trace_and_is_reported) {
     ignore_broken_pipes();
     test_pipe broken;
     broken.out.reset();
-    EXPECT_EQ(said_of_broken_output(broken.in.get()), "stream_strace_log: write failed: Broken pipe\n");
+    EXPECT_EQ(report_of_broken_output(broken.in.get()), "stream_strace_log: write failed: Broken pipe\n");
     unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
-    EXPECT_EQ(said_of_broken_output(full.get()),
+    EXPECT_EQ(report_of_broken_output(full.get()),
               "stream_strace_log: write failed: No space left on device\n");
 }
 
-TEST(stream_strace_log, trace_that_is_longer_than_the_budget_is_ended_and_cut) {
+TEST(stream_strace_log, ends_and_cuts_a_trace_at_the_budget) {
     test_archive archive;
     {
         busy_child child;
@@ -217,7 +217,7 @@ TEST(stream_strace_log, trace_that_is_longer_than_the_budget_is_ended_and_cut) {
     EXPECT_EQ(text.find(filler(80)), std::string::npos);
 }
 
-TEST(stream_strace_log, shorter_trace_is_followed_by_filler_lines) {
+TEST(stream_strace_log, pads_a_shorter_trace_with_filler_lines) {
     test_pipe gate;
     pid_t pid = fork_child([&gate] {
         gate.in.reset();

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-TEST(phase, begins_with_the_whole_limit_and_ends_with_none) {
+TEST(phase, begin_sets_the_limit_and_end_clears_it) {
     phase_begin();
     EXPECT_EQ(alarm(0), phase_seconds);
     phase_begin();
@@ -11,13 +11,13 @@ TEST(phase, begins_with_the_whole_limit_and_ends_with_none) {
     EXPECT_EQ(alarm(0), 0u);
 }
 
-TEST(phase, progress_starts_the_limit_anew) {
+TEST(phase, progress_restarts_the_limit) {
     alarm(20);
     phase_progress();
     EXPECT_EQ(alarm(0), phase_seconds);
 }
 
-TEST(phase, progress_outside_of_an_archive_sets_no_limit) {
+TEST(phase, progress_outside_an_archive_sets_no_limit) {
     alarm(0);
     phase_progress();
     EXPECT_EQ(alarm(0), 0u);

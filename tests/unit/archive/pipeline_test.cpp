@@ -92,14 +92,14 @@ TEST(stream_compressed, builder_that_writes_nothing_gives_an_empty_stream) {
     EXPECT_EQ(compressed_in_memory(""), "\x1f\x8b\x08\0\0\0\0\0\0\x03\x03\0\0\0\0\0\0\0\0\0"s);
 }
 
-TEST(stream_compressed, what_is_built_arrives_whole) {
+TEST(stream_compressed, decompressed_stream_equals_the_built_bytes) {
     for (size_t size : {1, 16384, 100000, 3000000}) {
         std::string bytes = noise(size);
         EXPECT_TRUE(gunzip(compressed_in_memory(bytes)) == bytes) << size;
     }
 }
 
-TEST(stream_compressed, builder_runs_in_the_caller_and_knows_the_compressor) {
+TEST(stream_compressed, builder_runs_in_the_caller_and_gets_the_pid_of_the_compressor) {
     unique_fd out = memory_file();
     int compressor = -1;
     pid_t builder_pid = -1;
@@ -115,7 +115,7 @@ TEST(stream_compressed, builder_runs_in_the_caller_and_knows_the_compressor) {
     EXPECT_TRUE(is_gone(compressor));
 }
 
-TEST(stream_compressed, returns_when_the_compressor_has_been_reaped) {
+TEST(stream_compressed, reaps_the_compressor_before_it_returns) {
     EXPECT_TRUE(exited_with(run_in_child([] {
                                 unique_fd out = memory_file();
                                 compress_onto(out.get(), [](int fd, int) { put(fd, noise(50000)); });
@@ -125,7 +125,7 @@ TEST(stream_compressed, returns_when_the_compressor_has_been_reaped) {
                             0));
 }
 
-TEST(stream_compressed, other_children_are_left_to_their_owner) {
+TEST(stream_compressed, does_not_reap_other_children) {
     pid_t other = fork_child([] { return 7; });
     siginfo_t info;
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(other), &info, WEXITED | WNOWAIT), 0);
@@ -133,7 +133,7 @@ TEST(stream_compressed, other_children_are_left_to_their_owner) {
     EXPECT_TRUE(exited_with(wait_status(other), 7));
 }
 
-TEST(stream_compressed, descriptors_are_as_before) {
+TEST(stream_compressed, leaves_no_descriptors_and_the_output_open) {
     unique_fd out = memory_file();
     std::set<int> before = open_fds();
     compress_onto(out.get(), [](int fd, int) { put(fd, "text"); });
@@ -141,14 +141,14 @@ TEST(stream_compressed, descriptors_are_as_before) {
     EXPECT_EQ(write(out.get(), "x", 1), 1);
 }
 
-TEST(stream_compressed, pipe_does_not_reach_programs_that_the_builder_starts) {
+TEST(stream_compressed, pipe_is_close_on_exec) {
     unique_fd out = memory_file();
     bool cloexec = false;
     compress_onto(out.get(), [&cloexec](int fd, int) { cloexec = is_cloexec(fd); });
     EXPECT_TRUE(cloexec);
 }
 
-TEST(stream_compressed, compressor_holds_the_standard_descriptors_only) {
+TEST(stream_compressed, compressor_has_only_the_standard_descriptors) {
     test_pipe inheritable(0);
     unique_fd out = memory_file();
     bool settled = false;
@@ -158,7 +158,7 @@ TEST(stream_compressed, compressor_holds_the_standard_descriptors_only) {
     EXPECT_TRUE(settled);
 }
 
-TEST(stream_compressed, ends_where_descriptors_can_neither_be_closed_as_a_range_nor_be_listed) {
+TEST(stream_compressed, ends_although_descriptors_can_be_neither_closed_as_a_range_nor_listed) {
     constexpr int no_filters = 77;
     unique_fd out = memory_file();
     pid_t child = fork_child([&out] {
@@ -194,7 +194,7 @@ TEST(stream_compressed, other_downloads_end_while_it_runs) {
     EXPECT_TRUE(ended);
 }
 
-TEST(stream_compressed, client_that_has_gone_ends_the_building_with_a_broken_pipe) {
+TEST(stream_compressed, builder_gets_EPIPE_if_the_client_has_gone) {
     ignore_broken_pipes();
     test_pipe client;
     client.out.reset();
@@ -210,7 +210,7 @@ TEST(stream_compressed, client_that_has_gone_ends_the_building_with_a_broken_pip
     EXPECT_EQ(open_fds(), before);
 }
 
-TEST(stream_compressed, client_that_goes_midway_ends_the_building_with_a_broken_pipe) {
+TEST(stream_compressed, builder_gets_EPIPE_when_the_client_goes) {
     ignore_broken_pipes();
     test_socketpair pair;
     std::thread client([end = std::move(pair.b)] {
@@ -228,7 +228,7 @@ TEST(stream_compressed, client_that_goes_midway_ends_the_building_with_a_broken_
     EXPECT_TRUE(is_gone(compressor));
 }
 
-TEST(stream_compressed, whole_stream_gives_0) {
+TEST(stream_compressed, complete_stream_returns_0) {
     unique_fd out = memory_file();
     EXPECT_EQ(compress_onto(out.get(), [](int fd, int) { put(fd, "built"); }), 0);
 }
@@ -260,7 +260,7 @@ TEST(stream_compressed, builder_that_is_killed_leaves_a_stream_without_its_trail
     EXPECT_EQ(gunzip(stream), std::nullopt);
 }
 
-TEST(stream_compressed, failing_output_is_the_error_that_is_returned) {
+TEST(stream_compressed, returns_the_error_of_a_failing_output) {
     ignore_broken_pipes();
     auto error_of = [](int fd) {
         auto build = [](void* /*unused*/, int pipe_fd, int /*pid*/) {
@@ -276,21 +276,21 @@ TEST(stream_compressed, failing_output_is_the_error_that_is_returned) {
     EXPECT_EQ(compress_onto(full.get(), [](int, int) {}), ENOSPC) << "the builder has noticed nothing";
 }
 
-TEST(stream_compressed, compressor_that_is_killed_is_an_error) {
+TEST(stream_compressed, returns_ECANCELED_if_the_compressor_is_killed) {
     unique_fd out = memory_file();
     EXPECT_EQ(compress_onto(out.get(), [](int, int pid) { kill(pid, SIGKILL); }), ECANCELED);
 }
 
-TEST(stream_compressed, missing_memory_is_reported_and_nothing_written) {
+TEST(stream_compressed, reports_missing_memory_and_writes_nothing) {
     SKIP_WITHOUT_MEMORY_LIMIT();
     unique_fd out = memory_file();
     int error = 0;
-    std::string said = capture_stderr([&] {
+    std::string messages = capture_stderr([&] {
         scoped_memory_limit limit(0);
         error = compress_onto(out.get(), [](int, int) {});
     });
     EXPECT_EQ(error, ENOMEM);
-    EXPECT_EQ(said, std::string("mmap: ") + strerror(ENOMEM) + "\n");
+    EXPECT_EQ(messages, std::string("mmap: ") + strerror(ENOMEM) + "\n");
     EXPECT_EQ(content_of(out.get()), "");
 }
 
@@ -301,7 +301,7 @@ TEST(stream_compressed, standard_output_can_be_the_destination) {
     EXPECT_TRUE(gunzip(seen) == bytes);
 }
 
-TEST(stream_compressed, text_buffered_before_comes_once_and_in_front) {
+TEST(stream_compressed, buffered_text_is_written_once_before_the_stream) {
     std::string seen = capture_stdout([] {
         printf("said before");
         compress_onto(STDOUT_FILENO, [](int fd, int) { put(fd, "built"); });
@@ -310,7 +310,7 @@ TEST(stream_compressed, text_buffered_before_comes_once_and_in_front) {
     EXPECT_EQ(gunzip(seen.substr(11)), "built");
 }
 
-TEST(stream_compressed, text_buffered_before_stays_out_of_another_destination) {
+TEST(stream_compressed, buffered_text_does_not_get_into_another_destination) {
     unique_fd out = memory_file();
     std::string seen = capture_stdout([&out] {
         printf("said before");
@@ -352,7 +352,7 @@ TEST(stream_compressed, signals_do_not_make_it_return_early) {
     EXPECT_TRUE(exited_with(status, 0));
 }
 
-TEST(stream_compressed, missing_pipe_is_reported_and_nothing_written) {
+TEST(stream_compressed, reports_a_missing_pipe_and_writes_nothing) {
     unique_fd out = memory_file();
     unique_fd err = memory_file();
     int status = run_in_child([&] {
@@ -368,7 +368,7 @@ TEST(stream_compressed, missing_pipe_is_reported_and_nothing_written) {
     EXPECT_EQ(content_of(out.get()), "");
 }
 
-TEST(stream_compressed, missing_child_is_reported_and_nothing_written) {
+TEST(stream_compressed, reports_a_failed_fork_and_writes_nothing) {
     SKIP_WITHOUT_ROOT();
     unique_fd out = memory_file();
     unique_fd err = memory_file();
@@ -392,10 +392,10 @@ TEST(stream_compressed, missing_child_is_reported_and_nothing_written) {
 TEST(stream_tgz, is_a_tar_stream_inside_one_gzip_member) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     unique_fd out = memory_file();
-    unique_fd said = memory_file();
+    unique_fd messages = memory_file();
     int status = run_in_private_world([&] {
         ignore_broken_pipes();
-        redirect_outputs(said.get(), said.get());
+        redirect_outputs(messages.get(), messages.get());
         std::set<int> before = open_fds();
         int error = stream_tgz(out.get());
         return error == 0 && has_no_children() && open_fds() == before ? 0 : 1;
@@ -414,10 +414,10 @@ TEST(stream_tgz, is_a_tar_stream_inside_one_gzip_member) {
 TEST(stream_tgz, compressor_is_not_among_the_dumped_processes) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     unique_fd out = memory_file();
-    unique_fd said = memory_file();
+    unique_fd messages = memory_file();
     int status = run_in_private_world([&] {
         ignore_broken_pipes();
-        redirect_outputs(said.get(), said.get());
+        redirect_outputs(messages.get(), messages.get());
         stream_tgz(out.get());
         return 0;
     });
@@ -432,10 +432,10 @@ TEST(stream_tgz, compressor_is_not_among_the_dumped_processes) {
 
 TEST(stream_tgz, client_that_has_gone_ends_it) {
     SKIP_WITHOUT_PRIVATE_WORLD();
-    unique_fd said = memory_file();
+    unique_fd messages = memory_file();
     int status = run_in_private_world([&] {
         ignore_broken_pipes();
-        redirect_outputs(said.get(), said.get());
+        redirect_outputs(messages.get(), messages.get());
         test_pipe client;
         client.out.reset();
         int error = stream_tgz(client.in.get());
@@ -447,9 +447,9 @@ TEST(stream_tgz, client_that_has_gone_ends_it) {
 TEST(stream_tar, is_a_plain_tar_stream) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     unique_fd out = memory_file();
-    unique_fd said = memory_file();
+    unique_fd messages = memory_file();
     int status = run_in_private_world([&] {
-        redirect_outputs(said.get(), said.get());
+        redirect_outputs(messages.get(), messages.get());
         int error = stream_tar(out.get());
         return error == 0 && has_no_children() ? 0 : 1;
     });

@@ -112,7 +112,7 @@ void expect_extracted(const temp_dir& folder) {
 
 }  // namespace
 
-TEST(tar_new, keeps_an_own_copy_of_the_prefix) {
+TEST(tar_new, copies_the_prefix) {
     char prefix[] = "top/";
     tar_handle* t = tar_new(7, prefix);
     ASSERT_NE(t, nullptr);
@@ -136,7 +136,7 @@ TEST(tar_new, null_or_empty_prefix_means_none) {
     }
 }
 
-TEST(tar_close, tells_of_the_first_write_that_failed) {
+TEST(tar_close, returns_the_error_of_the_first_failed_write) {
     ignore_broken_pipes();
     unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     tar_handle* t = tar_new(full.get(), nullptr);
@@ -149,7 +149,7 @@ TEST(tar_close, tells_of_the_first_write_that_failed) {
     EXPECT_EQ(tar_close(t), ENOSPC);
 }
 
-TEST(tar_close, tells_of_a_last_padding_that_failed) {
+TEST(tar_close, returns_the_error_of_a_failed_last_padding) {
     unique_fd file = memory_file();
     unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     tar_handle* t = tar_new(file.get(), nullptr);
@@ -172,7 +172,7 @@ TEST(tar_close, leaves_the_descriptor_open) {
     EXPECT_EQ(write(archive.fd(), "x", 1), 1);
 }
 
-TEST(tar_close, writes_no_end_marker_behind_the_last_padding) {
+TEST(tar_close, writes_no_end_marker_after_the_last_padding) {
     test_archive archive;
     tar_addfile(archive.handle(), "a", 5);
     tar_write(archive.handle(), "hello", 5);
@@ -202,7 +202,7 @@ TEST(tar_addfile, header_is_the_expected_block) {
     }
 }
 
-TEST(tar_addfile, fields_stand_at_their_offsets) {
+TEST(tar_addfile, fields_are_at_their_offsets) {
     using namespace std::string_literals;
     std::string header = header_of("top/", "name", 8);
     EXPECT_EQ(header.substr(0, 100), "top/name" + std::string(92, '\0'));
@@ -275,7 +275,7 @@ TEST(tar_addfile, member_of_size_0_is_followed_directly_by_the_next_header) {
     EXPECT_EQ(archive.bytes().size(), 1024u);
 }
 
-TEST(tar_addfile, counting_starts_anew) {
+TEST(tar_addfile, count_restarts) {
     test_archive archive;
     tar_addfile(archive.handle(), "first", 700);
     tar_fakewrite(archive.handle(), 700);
@@ -297,7 +297,7 @@ TEST(tar_addfile, same_name_twice_is_two_members) {
     EXPECT_EQ(listing.entries[1].data, "2");
 }
 
-TEST(tar_addfile, pads_the_member_before_with_zeros_to_a_block) {
+TEST(tar_addfile, pads_the_previous_member_with_zeros_to_a_block) {
     for (size_t size : {1, 2, 511, 512, 513, 1023, 1024, 1025}) {
         test_archive archive;
         std::string data(size, 'd');
@@ -338,7 +338,7 @@ TEST(tar_fakewrite, counts_modulo_512) {
     EXPECT_EQ(padding_after(UINT32_MAX), 1u);
 }
 
-TEST(tar_fakewrite, counts_add_up_also_beyond_32_bits) {
+TEST(tar_fakewrite, counts_add_up_beyond_32_bits) {
     test_archive archive;
     tar_addfile(archive.handle(), "huge", 0);
     tar_fakewrite(archive.handle(), UINT32_MAX);
@@ -374,18 +374,18 @@ TEST(tar, header_and_padding_are_one_write_each) {
     EXPECT_EQ(sizes, (std::vector<ssize_t>{512, 5, 507, 512, 512, 512, 512, 1, 2, 509, 512, 1}));
 }
 
-TEST(tar, broken_output_is_survived_in_silence) {
+TEST(tar, broken_output_is_not_reported) {
     ignore_broken_pipes();
     test_pipe broken;
     broken.out.reset();
-    std::string said = capture_stderr([&broken] {
+    std::string messages = capture_stderr([&broken] {
         tar_handle* t = tar_new(broken.in.get(), "top/");
         tar_addfile(t, "a", 5);
         tar_write(t, "12345", 5);
         tar_addfile(t, "b", 5);
         tar_close(t);
     });
-    EXPECT_EQ(said, "");
+    EXPECT_EQ(messages, "");
 }
 
 TEST(tar, gnu_tar_lists_and_extracts_it) {
@@ -400,9 +400,9 @@ TEST(tar, gnu_tar_lists_and_extracts_it) {
     EXPECT_NE(text.find("-rw-r--r-- 64/64 "), std::string::npos) << text;
     EXPECT_NE(text.find(" top/dir/member5000\n"), std::string::npos) << text;
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 6) << text;
-    auto [extracted, said] = run_shell("tar --no-same-owner -xf " + sample + " -C " + out);
+    auto [extracted, messages] = run_shell("tar --no-same-owner -xf " + sample + " -C " + out);
     EXPECT_EQ(extracted, 0);
-    EXPECT_EQ(said, "");
+    EXPECT_EQ(messages, "");
     expect_extracted(folder);
 }
 
@@ -418,9 +418,9 @@ TEST(tar, bsdtar_lists_and_extracts_it) {
     EXPECT_EQ(text,
               "top/dir/member0\ntop/dir/member1\ntop/dir/member511\ntop/dir/member512\ntop/dir/member513\n"
               "top/dir/member5000\n");
-    auto [extracted, said] = run_shell("bsdtar -xf " + sample + " -C " + out);
+    auto [extracted, messages] = run_shell("bsdtar -xf " + sample + " -C " + out);
     EXPECT_EQ(extracted, 0);
-    EXPECT_EQ(said, "");
+    EXPECT_EQ(messages, "");
     expect_extracted(folder);
 }
 

@@ -25,7 +25,7 @@ TEST(time_stamp_now, is_the_local_time) {
     EXPECT_LE(stamp, expected(time(nullptr)));
 }
 
-TEST(time_stamp_now, follows_a_zone_that_is_set_later) {
+TEST(time_stamp_now, follows_a_time_zone_that_is_set_later) {
     setenv("TZ", "UTC-3", 1);
     time_stamp first = time_stamp_now();
     setenv("TZ", "UTC+9", 1);
