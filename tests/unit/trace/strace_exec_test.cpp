@@ -1,10 +1,10 @@
 // Programs with several threads of which one calls exec: it takes the number of its process.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,11 +39,7 @@ public:
     void open_gate() { EXPECT_EQ(write(gate_.in.get(), "x", 1), 1); }
     // Its threads, the one that calls exec last.
     std::vector<pid_t> threads() const {
-        std::vector<pid_t> found;
-        for (const auto& entry :
-             std::filesystem::directory_iterator("/proc/" + std::to_string(pid()) + "/task")) {
-            found.push_back(atoi(entry.path().filename().c_str()));
-        }
+        std::vector<pid_t> found = threads_of(pid());
         std::ranges::sort(found, {}, [this](pid_t tid) { return tid == thread_ ? 1 : 0; });
         return found;
     }
@@ -108,4 +104,50 @@ TEST(strace_exec, thread_that_execs_while_it_is_let_go_is_not_left_stopped) {
         trace.run();
         process.end_if_left();
     }
+}
+
+TEST(strace_exec, process_keeps_its_name_when_it_execs) {
+    traced_child child([] {
+        execl("/bin/sh", "sh", "-c", "exit 9", nullptr);
+        return 1;
+    });
+    static std::vector<int> codes;
+    codes.clear();
+    child.trace.ctx.on_exit = [](strace_ctx*, void*, pid_t, int kind, int code, void*) {
+        if (kind == strace_exit_call) {
+            codes.push_back(code);
+        }
+    };
+    child.run();
+    EXPECT_EQ(codes, std::vector<int>{9});
+    EXPECT_TRUE(child.trace.has(" " + own_name() + "] "));
+    EXPECT_TRUE(child.trace.has("exit_group(9)\n"));
+    EXPECT_FALSE(child.trace.has("SIGTRAP"));
+    child.child.end();
+}
+
+TEST(strace_exec, process_runs_on_after_an_attach_in_the_middle_of_an_exec) {
+    const char* again = "exec /bin/sh -c \"$0\" \"$0\"";  // for ever
+    tracee restless([again] { return execl("/bin/sh", "sh", "-c", again, again, nullptr); });
+    for (int round = 0; round < 200; round++) {
+        traced_text trace({restless.pid()}, strace_signals);
+        trace.goes_on = [round](const traced_text& now) { return now.polls <= round % 4; };
+        EXPECT_EQ(trace.run(), "");
+        ASSERT_FALSE(is_traced(restless.pid()));
+        ASSERT_TRUE(eventually([&] { return strchr("RSD", state_of(restless.pid())) != nullptr; }))
+            << state_of(restless.pid());
+    }
+}
+
+TEST(strace_exec, exec_by_an_untraced_thread_does_not_stop_the_process) {
+    traced_child child([] {
+        std::thread([] { execl("/bin/sleep", "sleep", "1000", nullptr); }).join();
+        return 1;
+    });
+    child.trace.ctx.seconds = 1;
+    pid_t pid = child.pid();
+    child.run();
+    EXPECT_TRUE(eventually([pid] { return status_field(pid, "Name") == "sleep" && state_of(pid) == 'S'; }))
+        << status_field(pid, "Name") << ' ' << state_of(pid);
+    expect_free(pid);
 }

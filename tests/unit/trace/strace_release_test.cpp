@@ -1,4 +1,5 @@
-// What becomes of the processes when a trace can't begin, is cut short or fails.
+#include "trace/strace_release.h"
+
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ptrace.h>
@@ -6,10 +7,14 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "common/ending.h"
+#include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/failing_calls.h"
 #include "tests/unit/support/memory_limit.h"
@@ -18,6 +23,9 @@
 #include "trace/tstrace.h"
 
 namespace {
+
+using namespace std::chrono_literals;
+using clock_type = std::chrono::steady_clock;
 
 constexpr int no_limit_ms = 600000;
 
@@ -157,4 +165,178 @@ TEST(strace_release, command_is_ended_when_there_is_no_memory_for_its_trace) {
         return has_no_children() ? 0 : 2;
     });
     EXPECT_TRUE(exited_with(status, 0)) << status;
+}
+
+TEST(strace_release, detaches_a_process_that_gets_sigcont_all_the_time) {
+    tracee busy(sleep_for_ever);
+    ASSERT_TRUE(busy.asleep());
+    std::atomic<bool> done{false};
+    std::thread sender([&done, &busy] {
+        while (!done) {
+            kill(busy.pid(), SIGCONT);
+            usleep(50);
+        }
+    });
+    for (int round = 0; round < 50; round++) {
+        traced_text trace({busy.pid()});
+        trace.goes_on = [round](const traced_text& now) { return now.polls <= round % 5; };
+        trace.run();
+        EXPECT_FALSE(is_traced(busy.pid()));
+    }
+    done = true;
+    sender.join();
+    kill(busy.pid(), SIGCONT);
+    expect_free(busy.pid());
+}
+
+TEST(strace_release, signal_pending_at_the_end_of_the_trace_is_delivered) {
+    for (int i = 0; i < 20; i++) {
+        traced_child child([] {
+            raise(SIGTERM);
+            return 0;
+        });
+        // Ends at the very stop that the signal makes: nothing has been said of it yet.
+        child.trace.goes_on = [pid = child.pid()](const traced_text&) {
+            siginfo_t info = {};
+            return ptrace(PTRACE_GETSIGINFO, pid, nullptr, &info) != 0 || info.si_signo != SIGTERM;
+        };
+        child.run();
+        EXPECT_TRUE(killed_by(child.child.end(), SIGTERM));
+    }
+}
+
+TEST(strace_release, process_with_constant_signals_is_not_left_stopped) {
+    static std::atomic<int> ticks{0};
+    tracee busy([] {
+        signal(SIGUSR1, [](int) { ticks++; });
+        return sleep_for_ever();
+    });
+    ASSERT_TRUE(busy.asleep());
+    ASSERT_TRUE(eventually([&busy] { return status_field(busy.pid(), "SigCgt") != "0000000000000000"; }));
+    std::atomic<bool> done{false};
+    std::thread sender([&done, &busy] {
+        while (!done) {
+            kill(busy.pid(), SIGUSR1);
+        }
+    });
+    for (int i = 0; i < 100; i++) {
+        traced_text trace({busy.pid()});
+        trace.goes_on = [i](const traced_text& now) { return now.polls < i % 7; };
+        trace.run();
+        EXPECT_FALSE(trace.has("SIGSTOP"));
+        expect_free(busy.pid());
+    }
+    done = true;
+    sender.join();
+}
+
+TEST(strace_release, process_may_be_killed_at_any_time) {
+    for (int i = 0; i < 50; i++) {
+        tracee busy(call_for_ever);
+        traced_text trace({busy.pid()});
+        trace.goes_on = [&busy, i](const traced_text& now) {
+            if (now.polls == i + 5) {
+                kill(busy.pid(), SIGKILL);
+            }
+            return now.polls < i + 200;
+        };
+        capture_stdout([&trace] { trace.run(); });
+        busy.end_if_left();
+        EXPECT_TRUE(has_no_children());
+    }
+}
+
+TEST(strace_release, gives_up_on_a_process_in_uninterruptible_sleep_without_stopping_it) {
+    SKIP_WITHOUT_VFORK();
+    unreachable_tracee sleeper;
+    traced_text trace({sleeper.pid()});
+    trace.ctx.seconds = 1;
+    auto start = clock_type::now();
+    clock_type::duration taken{};
+    std::thread([&] {
+        trace.run();
+        taken = clock_type::now() - start;
+    }).join();
+    EXPECT_GT(taken, 3900ms);  // with the time limit of 1 s before
+    EXPECT_LT(taken, 10s);
+    EXPECT_TRUE(eventually([&sleeper] { return !is_traced(sleeper.pid()); }));
+    EXPECT_EQ(state_of(sleeper.pid()), 'D');
+    sleeper.make_reachable();
+    ASSERT_TRUE(eventually([&sleeper] { return state_of(sleeper.pid()) != 'D'; }));
+    expect_free(sleeper.pid());
+}
+
+TEST(strace_release, first_thread_may_have_ended_before_the_others) {
+    tracee headless([] {
+        std::thread([] { sleep_for_ever(); }).detach();
+        return static_cast<int>(syscall(SYS_exit, 0));
+    });
+    ASSERT_TRUE(eventually([&headless] { return state_of(headless.pid()) == 'Z'; }));
+    traced_text trace({headless.pid()});
+    trace.ctx.seconds = 1;
+    auto start = clock_type::now();
+    capture_stdout([&trace] { trace.run(); });
+    EXPECT_LT(clock_type::now() - start, 10s);
+}
+
+TEST(strace_release, first_thread_may_end_during_the_trace) {
+    traced_child headless([] {
+        std::thread([] { sleep_for_ever(); }).detach();
+        return static_cast<int>(syscall(SYS_exit, 0));
+    });
+    headless.trace.ctx.seconds = 1;
+    auto start = clock_type::now();
+    capture_stdout([&headless] { headless.run(); });
+    EXPECT_LT(clock_type::now() - start, 10s);
+    EXPECT_TRUE(eventually([&headless] { return state_of(headless.pid()) == 'Z'; }));
+}
+
+TEST(strace_release, detaches_a_process_whose_stop_another_thread_waited_for) {
+    tracee sleeper(sleep_for_ever);
+    traced_text trace({sleeper.pid()}, strace_calls);
+    trace.ctx.seconds = 1;
+    std::atomic<bool> over{false};
+    std::thread thief([&] {
+        EXPECT_TRUE(eventually([&sleeper] { return is_traced(sleeper.pid()) && sleeper.asleep(); }));
+        while (!over) {
+            (void)waitpid(sleeper.pid(), nullptr, WNOHANG);
+            usleep(100);
+        }
+    });
+    auto start = clock_type::now();
+    trace.run();
+    EXPECT_LT(clock_type::now() - start, 10s);
+    over = true;
+    thief.join();
+    expect_free(sleeper.pid());
+}
+
+TEST(strace_release, killed_tracer_leaves_its_processes_running) {
+    for (int i = 0; i < 20; i++) {
+        tracee busy([] {
+            for (;;) {
+                getppid();
+                sched_yield();
+            }
+            return 0;
+        });
+        pid_t pid = busy.pid();
+        // Not before it has begun: the stop signal of an attach that is not complete outlives the tracer.
+        test_pipe begun;
+        int begun_fd = begun.in.get();
+        tracee tracer([pid, begun_fd] {
+            traced_text trace({pid});
+            trace.goes_on = [begun_fd](const traced_text& now) {
+                return now.polls != 1 || write(begun_fd, "x", 1);
+            };
+            trace.run();
+            return 0;
+        });
+        char byte;
+        ASSERT_EQ(read(begun.out.get(), &byte, 1), 1);
+        usleep(static_cast<useconds_t>(i) * 100);
+        kill(tracer.pid(), SIGKILL);
+        EXPECT_TRUE(killed_by(tracer.end(), SIGKILL));
+        expect_free(pid);
+    }
 }

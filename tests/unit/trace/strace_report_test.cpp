@@ -344,3 +344,19 @@ TEST(strace_exit, is_told_of_also_when_there_is_no_memory_for_the_list) {
     EXPECT_STREQ(made.ctx.buf, "a line");
     EXPECT_EQ(made.ctx.bufsize, 1 << 30);
 }
+
+TEST(strace_printf, writes_text_that_fits) {
+    traced_text trace({-1});
+    char room[16];
+    trace.ctx.buf = room;
+    trace.ctx.bufsize = sizeof room;
+    EXPECT_EQ(strace_printf(&trace.ctx, "%s %d", "pid", 4711), 8);
+    EXPECT_EQ(trace.text, "pid 4711");
+    EXPECT_EQ(strace_printf(&trace.ctx, "%s", "exactly 16 bytes"), 16);
+    EXPECT_EQ(strace_printf(&trace.ctx, "%s", ""), 0);
+    EXPECT_EQ(trace.text, "pid 4711");
+    EXPECT_EQ(strace_printf(&trace.ctx, "%s", ", fifteen bytes"), 15);
+    EXPECT_EQ(trace.text, "pid 4711, fifteen bytes");
+    trace.ctx.write = nullptr;
+    EXPECT_EQ(strace_printf(&trace.ctx, "x"), 1);
+}

@@ -1,4 +1,4 @@
-// Children of a test that are traced, and what became of them.
+// Processes for a test to trace, and checks of their state.
 #pragma once
 
 #include <fcntl.h>
@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -23,8 +24,7 @@
 #include "tests/unit/support/pipes.h"
 #include "trace/strace.h"
 
-// The value of a line of /proc/PID/status, from its first character that is no blank on; empty when it is
-// gone.
+// The value of a line of /proc/PID/status without leading blanks; empty if the process is gone.
 inline std::string status_field(pid_t pid, const std::string& key) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(file, line);) {
@@ -45,19 +45,27 @@ inline bool is_traced(pid_t pid) {
     return status_field(pid, "TracerPid") != "0";
 }
 
-// A process that goes on as if nothing had been: not traced, and not stopped either.
+inline std::vector<pid_t> threads_of(pid_t pid) {
+    std::vector<pid_t> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        found.push_back(atoi(entry.path().filename().c_str()));
+    }
+    return found;
+}
+
+// The process is neither traced nor stopped.
 inline void expect_free(pid_t pid) {
     EXPECT_EQ(status_field(pid, "TracerPid"), "0");
     EXPECT_TRUE(eventually([pid] { return state_of(pid) == 'S' || state_of(pid) == 'R'; })) << state_of(pid);
 }
 
-// A child that runs `work` and is killed at the end of its owner's life, if it is still there then.
+// A child that runs `work`. Killed at the end of its owner's life unless it has been reaped.
 class tracee {
 public:
     template <typename Work>
     explicit tracee(Work work) : pid_(fork_child(work)) {
         if (pid_ < 2) {
-            abort();  // a signal for a number that is no process could reach all there are
+            abort();  // kill(2) with -1 would reach all processes
         }
     }
     tracee(const tracee&) = delete;
@@ -70,20 +78,20 @@ public:
     }
     pid_t pid() const {
         if (pid_ < 2) {
-            abort();  // it has ended
+            abort();  // it was reaped
         }
         return pid_;
     }
     bool asleep() const {
         return eventually([this] { return state_of(pid_) == 'S'; });
     }
-    // Waits for its end.
+    // Waits for its end. Returns the wait status.
     int end() {
         int status = wait_status(pid_);
         pid_ = -1;
         return status;
     }
-    // The same for one whose end the tracer may have taken, as it may when it was killed in the middle.
+    // The same for a child that the tracer may have reaped, as it does when the child is killed.
     void end_if_left() {
         EXPECT_TRUE(eventually([this] { return waitpid(pid_, nullptr, WNOHANG) != 0; }));
         pid_ = -1;
@@ -112,7 +120,7 @@ inline int spin() {
     }
 }
 
-// A grandchild of the test that nobody but the tracer waits for; killed at the end.
+// A grandchild of the test. Only a tracer can wait for it. Killed at the end of its owner's life.
 class stranger {
 public:
     explicit stranger(int (*work)()) {
@@ -132,7 +140,7 @@ public:
         } while (got < 0 && errno == EINTR);
         wait_status(parent);
         if (got != static_cast<ssize_t>(sizeof pid_) || pid_ < 2) {
-            abort();  // a signal for a number that is no process could reach all there are
+            abort();  // kill(2) with -1 would reach all processes
         }
     }
     stranger(const stranger&) = delete;
@@ -152,8 +160,8 @@ private:
     } while (false)
 #endif
 
-// A process that sleeps where no signal reaches it, as the parent of a vfork does until its child is done,
-// and then where signals do.
+// A process in an uninterruptible sleep, as the parent of a vfork is until its child ends, and then in an
+// interruptible one.
 class unreachable_tracee {
 public:
     unreachable_tracee()
@@ -172,7 +180,7 @@ public:
     unreachable_tracee& operator=(const unreachable_tracee&) = delete;
     ~unreachable_tracee() { make_reachable(); }
     pid_t pid() const { return parent_.pid(); }
-    // A byte, since closing the pipe does nothing while another child has it as well.
+    // Writes a byte: another child may hold the pipe open as well.
     void make_reachable() {
         if (gate_.in) {
             EXPECT_EQ(write(gate_.in.get(), "x", 1), 1);
@@ -193,7 +201,7 @@ inline size_t count_in(const std::string& text, const std::string& what) {
     return found;
 }
 
-// One trace with its text in memory.
+// A trace that keeps its text in memory.
 struct traced_text {
     strace_ctx ctx = {};
     std::vector<pid_t> pids;
@@ -213,7 +221,7 @@ struct traced_text {
     traced_text(const traced_text&) = delete;
     traced_text& operator=(const traced_text&) = delete;
 
-    // Traces until `goes_on` says no or the processes have ended; returns the text.
+    // Traces until `goes_on` returns false or the processes have ended. Returns the text.
     const std::string& run() {
         do_strace(&ctx);
         EXPECT_EQ(ctx.buf, nullptr);
@@ -230,7 +238,7 @@ struct traced_text {
     }
 };
 
-// A child that waits, then does `work`, then waits again.
+// A child that does `work` when its gate is opened.
 struct gated_child {
     test_pipe gate;
     tracee child;
@@ -249,7 +257,7 @@ struct gated_child {
     pid_t pid() const { return child.pid(); }
 };
 
-// Lets the child go as soon as it is traced.
+// A child and its trace. The gate opens as soon as the child is traced.
 template <typename Work>
 struct traced_child : gated_child {
     traced_text trace;
@@ -257,7 +265,7 @@ struct traced_child : gated_child {
 
     explicit traced_child(Work work, uint32_t flags = strace_everything)
         : gated_child(work), trace({gated_child::pid()}, flags) {
-        trace.ctx.seconds = 20;  // what keeps a test that fails from hanging
+        trace.ctx.seconds = 20;  // a failing test does not hang
         opener_ = std::thread([this] {
             eventually([this] { return is_traced(gated_child::pid()); });
             open_gate();
@@ -279,7 +287,7 @@ private:
     std::thread opener_;
 };
 
-// A command line as a main function gets it.
+// A command line as main gets it.
 struct words {
     explicit words(std::vector<std::string> list) : list_(std::move(list)) {
         for (std::string& word : list_) {
@@ -295,8 +303,8 @@ private:
     std::vector<char*> argv_;
 };
 
-// Starts a program that asks to be traced by this one, with nothing to read and nowhere to write; it stops
-// before its first instruction. The program is the command line's first word where it is not named.
+// Starts a program that this process traces, with /dev/null as its standard descriptors. It stops before its
+// first instruction. Without `program`, the first word of the command line is the program.
 inline pid_t start_traced(const std::vector<std::string>& list, const char* program = nullptr) {
     words given(list);
     unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
@@ -306,14 +314,13 @@ inline pid_t start_traced(const std::vector<std::string>& list, const char* prog
     return pid;
 }
 
-// What a trace calls this program: the last part of the first 31 bytes of how it was called, which depends on
-// where it was built.
+// The short name of this program in a trace: the last part of the first 31 bytes of its own path.
 inline std::string own_name() {
     std::string begin = std::string(program_invocation_name).substr(0, 31);
     return begin.substr(begin.rfind('/') + 1);
 }
 
-// Keeps this thread, and what it starts, on one processor for the length of a block.
+// Keeps this thread and its children on one processor for the length of a block.
 class scoped_processor {
 public:
     scoped_processor() {

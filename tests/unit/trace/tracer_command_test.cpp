@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,6 +58,22 @@ constexpr const char* tstrace_usage =
 constexpr const char* stopper_usage =
     "USAGE: stopper [ -ppid ] [ command [ arg ... ] ]\n\n-p<pid>\tAdd a pid to stop at exit\n";
 
+// What tracer_find_program finds for a path of `length` bytes.
+std::string found_by_path_of(size_t length) {
+    struct {
+        char path[tracer_path_size];
+        char guard[16];
+    } space = {};
+    const std::string guard(sizeof space.guard, '#');
+    guard.copy(space.guard, guard.size());
+    const std::string program = "bin/sh";
+    // The lookup in the root puts "//" before a name.
+    std::string name = std::string(length - 2 - program.size(), '/') + program;
+    bool found = tracer_find_program(name.c_str(), space.path);
+    EXPECT_EQ(std::string(space.guard, sizeof space.guard), guard);
+    return found ? std::string(space.path, strnlen(space.path, sizeof space.path)) : "";
+}
+
 }  // namespace
 
 TEST(tracer_parse, command_begins_at_the_first_argument_without_a_dash) {
@@ -64,7 +81,7 @@ TEST(tracer_parse, command_begins_at_the_first_argument_without_a_dash) {
     EXPECT_EQ(command_of(parsed({"tstrace", "/bin/true"})), "/bin/true;");
 }
 
-TEST(tracer_parse, pids_are_taken_from_the_arguments_behind) {
+TEST(tracer_parse, pid_is_the_argument_after_p) {
     tracer_options options = parsed({"tstrace", "-p", "12", "-p", "0x10", "-p", "010"});
     ASSERT_EQ(options.pid_count, 3);
     EXPECT_EQ(options.pids[0], 12);
@@ -73,17 +90,17 @@ TEST(tracer_parse, pids_are_taken_from_the_arguments_behind) {
     EXPECT_EQ(options.command, nullptr);
 }
 
-TEST(tracer_parse, what_stands_in_the_option_itself_is_not_looked_at) {
+TEST(tracer_parse, rest_of_the_option_is_ignored) {
     tracer_options options = parsed({"tstrace", "-p99", "12"});
     ASSERT_EQ(options.pid_count, 1);
     EXPECT_EQ(options.pids[0], 12);
 }
 
-TEST(tracer_parse, text_that_is_no_number_is_pid_zero) {
+TEST(tracer_parse, text_that_is_not_a_number_is_pid_zero) {
     EXPECT_EQ(parsed({"tstrace", "-p", "init"}).pids[0], 0);
 }
 
-TEST(tracer_parse, command_behind_pids_is_ignored) {
+TEST(tracer_parse, command_after_pids_is_ignored) {
     tracer_options options = parsed({"tstrace", "-p", "123", "ls"});
     EXPECT_EQ(options.pid_count, 1);
     EXPECT_EQ(options.command, nullptr);
@@ -94,7 +111,7 @@ TEST(tracer_parse, last_p_without_a_pid_ends_the_options) {
     parsed({"tstrace", "-p"}, false);
 }
 
-TEST(tracer_parse, other_options_and_nothing_at_all_want_the_usage) {
+TEST(tracer_parse, other_options_and_no_arguments_are_refused) {
     parsed({"tstrace"}, false);
     parsed({"tstrace", "-x"}, false);
     parsed({"tstrace", "-"}, false);
@@ -102,7 +119,7 @@ TEST(tracer_parse, other_options_and_nothing_at_all_want_the_usage) {
     parsed({"tstrace", "-p", "5", "-q"}, false);
 }
 
-TEST(tracer_parse, pids_beyond_the_first_hundred_are_counted) {
+TEST(tracer_parse, counts_the_pids_after_the_first_hundred) {
     for (int count : {99, 100, 101, 250}) {
         std::vector<std::string> list = {"tstrace"};
         for (int i = 0; i < count; i++) {
@@ -154,7 +171,7 @@ TEST(tracer_find_program, empty_part_of_path_is_an_empty_directory_name) {
     EXPECT_EQ(found("bin/sh"), "/bin/sh");
 }
 
-TEST(tracer_find_program, without_path_the_usual_directories_are_tried) {
+TEST(tracer_find_program, tries_the_usual_directories_without_path) {
     scoped_path path(nullptr);
     EXPECT_EQ(found("sh"), "/bin/sh");
     EXPECT_EQ(found("env"), access("/bin/env", F_OK) == 0 ? "/bin/env" : "/usr/bin/env");
@@ -165,6 +182,15 @@ TEST(tracer_find_program, names_that_are_too_long_are_not_found) {
         EXPECT_EQ(found(std::string(length, 'x')), "");
         EXPECT_EQ(found("/" + std::string(length, 'x')), "");
         EXPECT_EQ(found("." + std::string(length, 'x')), "");
+    }
+}
+
+TEST(tracer_find_program, path_may_fill_its_buffer) {
+    for (size_t length : {100, tracer_path_size - 2, tracer_path_size - 1}) {
+        EXPECT_EQ(found_by_path_of(length).size(), length);
+    }
+    for (size_t length : {tracer_path_size, tracer_path_size + 1, tracer_path_size + 2}) {
+        EXPECT_EQ(found_by_path_of(length), "");
     }
 }
 
