@@ -126,7 +126,7 @@ bool ask_for_known(const socket_cache* cache, unsigned long inode, socket_row* r
         return false;
     }
     *row = recall(*known);
-    return socket_diag_refresh_tcp(cache->diag.get(), row) == socket_answer::found;
+    return socket_diag_refresh_tcp(cache->diag.get(), row);
 }
 
 int by_inode(const void* left, const void* right) {
@@ -166,8 +166,7 @@ bool find_now(socket_cache* cache, table_kind table, unsigned long inode, socket
     if (table == table_kind::unix_domain) {
         row->inode = inode;
         row->from = table;
-        return socket_diag_refresh_unix(cache->diag.get(), row) == socket_answer::found ||
-               read_table(cache, table, inode, row);
+        return socket_diag_refresh_unix(cache->diag.get(), row) || read_table(cache, table, inode, row);
     }
     if (!list_sockets(cache, table)) {
         return read_table(cache, table, inode, row);

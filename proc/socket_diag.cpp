@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
 
 namespace {
 
@@ -41,16 +42,40 @@ ssize_t receive_some(int diag_fd, void* buffer, size_t size) {
     return got;
 }
 
-// Receives one answer into `buffer` (answer_size bytes). Returns its header, which at least `size` bytes
-// follow; null for an error.
-const nlmsghdr* receive(int diag_fd, void* buffer, size_t size) {
-    ssize_t got = receive_some(diag_fd, buffer, answer_size);
-    const nlmsghdr* head = static_cast<const nlmsghdr*>(buffer);
+struct answer_buffer {
+    alignas(nlmsghdr) char bytes[answer_size];
+};
+
+template <typename Message>
+struct socket_answer {
+    bool is_valid = false;
+    Message message = {};
+    std::string_view attributes;  // in the buffer
+};
+
+// Asks about one socket. An error, or an answer of another kind, is not valid.
+template <typename Message, typename Request>
+socket_answer<Message> ask_one(int diag_fd, const Request& request, answer_buffer* buffer) {
+    socket_answer<Message> answer;
+    ssize_t got = ask(diag_fd, request) ? receive_some(diag_fd, buffer->bytes, sizeof buffer->bytes) : -1;
+    const nlmsghdr* head = reinterpret_cast<const nlmsghdr*>(buffer->bytes);
     if (got < static_cast<ssize_t>(NLMSG_HDRLEN) || head->nlmsg_type != SOCK_DIAG_BY_FAMILY ||
-        head->nlmsg_len > static_cast<size_t>(got) || head->nlmsg_len < NLMSG_LENGTH(size)) {
-        return nullptr;
+        head->nlmsg_len > static_cast<size_t>(got) || head->nlmsg_len < NLMSG_SPACE(sizeof(Message))) {
+        return answer;
     }
-    return head;
+    memcpy(&answer.message, NLMSG_DATA(head), sizeof(Message));
+    answer.attributes = {buffer->bytes + NLMSG_SPACE(sizeof(Message)),
+                         head->nlmsg_len - NLMSG_SPACE(sizeof(Message))};
+    answer.is_valid = true;
+    return answer;
+}
+
+inet_diag_req_v2 tcp_request(socket_row::table table, uint32_t states) {
+    inet_diag_req_v2 request = {};
+    request.sdiag_family = table == socket_row::table::tcp4 ? AF_INET : AF_INET6;
+    request.sdiag_protocol = IPPROTO_TCP;
+    request.idiag_states = states;
+    return request;
 }
 
 // Sets the path as /proc/net/unix lists it: NULs become '@', except the one that ends a path.
@@ -80,7 +105,7 @@ socket_row row_of(const inet_diag_msg& answer, socket_row::table table) {
     return row;
 }
 
-enum class listing : uint8_t { goes_on, complete, broken };
+enum class listing : uint8_t { incomplete, complete, broken };
 
 // Adds the sockets of one piece of a list.
 listing take_piece(const char* at, size_t left, socket_row::table table,
@@ -106,11 +131,23 @@ listing take_piece(const char* at, size_t left, socket_row::table table,
         at += whole;
         left -= whole;
     }
-    return listing::goes_on;
+    return listing::incomplete;
 }
 
-int family_of(socket_row::table table) {
-    return table == socket_row::table::tcp4 ? AF_INET : AF_INET6;
+// Updates the row's path from the attributes of an answer.
+void take_path(socket_row* row, std::string_view attributes) {
+    row->has_path = false;
+    rtattr head;
+    while (attributes.size() >= sizeof head) {
+        memcpy(&head, attributes.data(), sizeof head);
+        if (head.rta_len < sizeof head || head.rta_len > attributes.size()) {
+            return;
+        }
+        if (head.rta_type == UNIX_DIAG_NAME) {
+            set_path(row, attributes.data() + RTA_LENGTH(0), head.rta_len - RTA_LENGTH(0));
+        }
+        attributes.remove_prefix(std::min<size_t>(RTA_ALIGN(head.rta_len), attributes.size()));
+    }
 }
 
 }  // namespace
@@ -119,32 +156,25 @@ unique_fd socket_diag_open() {
     return unique_fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
 }
 
-socket_answer socket_diag_refresh_tcp(int diag_fd, socket_row* row) {
-    inet_diag_req_v2 request = {};
-    request.sdiag_family = static_cast<uint8_t>(family_of(row->from));
-    request.sdiag_protocol = IPPROTO_TCP;
-    request.idiag_states = ~0U;
+bool socket_diag_refresh_tcp(int diag_fd, socket_row* row) {
+    inet_diag_req_v2 request = tcp_request(row->from, ~0U);
     request.id.idiag_sport = htons(row->local_port);
     request.id.idiag_dport = htons(row->remote_port);
     memcpy(request.id.idiag_src, row->local, sizeof row->local);
     memcpy(request.id.idiag_dst, row->remote, sizeof row->remote);
     request.id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
     request.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
-    alignas(nlmsghdr) char buffer[answer_size];
-    const nlmsghdr* head = ask(diag_fd, request) ? receive(diag_fd, buffer, sizeof(inet_diag_msg)) : nullptr;
-    if (!head) {
-        return socket_answer::unknown;
+    answer_buffer buffer;
+    auto answer = ask_one<inet_diag_msg>(diag_fd, request, &buffer);
+    if (!answer.is_valid || answer.message.idiag_inode != row->inode ||
+        answer.message.idiag_family != request.sdiag_family) {
+        return false;
     }
-    inet_diag_msg answer;
-    memcpy(&answer, NLMSG_DATA(head), sizeof answer);
-    if (answer.idiag_inode != row->inode || answer.idiag_family != request.sdiag_family) {
-        return socket_answer::unknown;
-    }
-    row->state = answer.idiag_state;
-    return socket_answer::found;
+    row->state = answer.message.idiag_state;
+    return true;
 }
 
-socket_answer socket_diag_refresh_unix(int diag_fd, socket_row* row) {
+bool socket_diag_refresh_unix(int diag_fd, socket_row* row) {
     unix_diag_req request = {};
     request.sdiag_family = AF_UNIX;
     request.udiag_states = ~0U;
@@ -152,42 +182,18 @@ socket_answer socket_diag_refresh_unix(int diag_fd, socket_row* row) {
     request.udiag_show = UDIAG_SHOW_NAME;
     request.udiag_cookie[0] = ~0U;
     request.udiag_cookie[1] = ~0U;
-    alignas(nlmsghdr) char buffer[answer_size];
-    const nlmsghdr* head = ask(diag_fd, request) ? receive(diag_fd, buffer, sizeof(unix_diag_msg)) : nullptr;
-    if (!head) {
-        return socket_answer::unknown;
+    answer_buffer buffer;
+    auto answer = ask_one<unix_diag_msg>(diag_fd, request, &buffer);
+    if (!answer.is_valid || answer.message.udiag_ino != row->inode) {
+        return false;
     }
-    unix_diag_msg answer;
-    memcpy(&answer, NLMSG_DATA(head), sizeof answer);
-    if (answer.udiag_ino != row->inode) {
-        return socket_answer::unknown;
-    }
-    const char* at = static_cast<const char*>(NLMSG_DATA(head)) + NLMSG_ALIGN(sizeof answer);
-    size_t left = head->nlmsg_len - NLMSG_LENGTH(NLMSG_ALIGN(sizeof answer));
-    row->has_path = false;
-    while (left >= sizeof(rtattr)) {
-        rtattr attribute;
-        memcpy(&attribute, at, sizeof attribute);
-        if (attribute.rta_len < sizeof attribute || attribute.rta_len > left) {
-            break;
-        }
-        if (attribute.rta_type == UNIX_DIAG_NAME) {
-            set_path(row, at + RTA_LENGTH(0), attribute.rta_len - RTA_LENGTH(0));
-        }
-        size_t whole = std::min<size_t>(RTA_ALIGN(attribute.rta_len), left);
-        at += whole;
-        left -= whole;
-    }
-    return socket_answer::found;
+    take_path(row, answer.attributes);
+    return true;
 }
 
 bool socket_diag_list_tcp(int diag_fd, socket_row::table table, void (*add)(void*, const socket_row&),
                           void* context) {
-    inet_diag_req_v2 request = {};
-    request.sdiag_family = static_cast<uint8_t>(family_of(table));
-    request.sdiag_protocol = IPPROTO_TCP;
-    request.idiag_states = listed_states;
-    if (!ask(diag_fd, request, NLM_F_DUMP)) {
+    if (!ask(diag_fd, tcp_request(table, listed_states), NLM_F_DUMP)) {
         return false;
     }
     listing state;
@@ -195,6 +201,6 @@ bool socket_diag_list_tcp(int diag_fd, socket_row::table table, void (*add)(void
         alignas(nlmsghdr) char buffer[list_size];
         ssize_t got = receive_some(diag_fd, buffer, sizeof buffer);
         state = got > 0 ? take_piece(buffer, static_cast<size_t>(got), table, add, context) : listing::broken;
-    } while (state == listing::goes_on);
+    } while (state == listing::incomplete);
     return state == listing::complete;
 }
