@@ -10,8 +10,8 @@ constexpr uint32_t default_buckets = 16;
 constexpr int not_in_table = -2;
 constexpr size_t head_size = sizeof(void*);
 
-// Copies a key and returns its bucket. `length` is a constant where that is called most.
-inline ehash_node** take_key(ehash* table, unsigned char* copy, const void* key, uint32_t length) {
+// Copies a key and returns its bucket. The most frequent call passes a constant length.
+inline ehash_node** copy_key(ehash* table, unsigned char* copy, const void* key, uint32_t length) {
     memcpy(copy, key, length);
     return &table->buckets[ehash_bucket_of(table, copy, length)];
 }
@@ -25,11 +25,10 @@ ehash* ehash_new(uint32_t hint) {
     }
     uint32_t buckets = hint ? 1U << std::bit_width(hint) : default_buckets;
     constexpr size_t most_buckets = (SIZE_MAX - sizeof(ehash)) / head_size - 1;
-    if (size_t{buckets} > most_buckets) {  // where a size has 32 bits
+    if (size_t{buckets} > most_buckets) {  // possible if size_t has 32 bits
         return nullptr;
     }
-    void* block = calloc(1, sizeof(ehash) + (size_t{buckets} + 1) * head_size);
-    ehash* table = static_cast<ehash*>(block);
+    ehash* table = static_cast<ehash*>(calloc(1, sizeof(ehash) + (size_t{buckets} + 1) * head_size));
     if (table) {
         table->bucket_count = buckets;
     }
@@ -56,7 +55,7 @@ int ehash_insert_e(ehash* table, const void* key, uint32_t length, ehash_node* n
     }
     constexpr uint32_t usual = sizeof(int32_t);
     ehash_node** head =
-        length == usual ? take_key(table, copy, key, usual) : take_key(table, copy, key, length);
+        length == usual ? copy_key(table, copy, key, usual) : copy_key(table, copy, key, length);
     *node = {*head, copy, length};
     *head = node;
     table->count++;

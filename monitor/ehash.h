@@ -1,9 +1,9 @@
 // A chained hash table whose nodes are embedded in the caller's records.
 //
-// The table owns its copies of the keys; the records are the caller's, who allocates them, keeps them where
-// they are while they are in the table and frees them. A key is a byte pointer and a length; a length of 0
-// means a zero-terminated string, whose terminator is not part of the key. The number of buckets is fixed.
-// `offset` is the position of the node in the record: offsetof(record, node).
+// The table owns its copies of the keys. The caller owns the records, which must not move while they are in
+// the table. A key is a byte pointer and a length. A length of 0 means a string that ends in a NUL, which is
+// not part of the key. The number of buckets is fixed. `offset` is the position of the node in the record:
+// offsetof(record, node).
 #pragma once
 
 #include <stddef.h>
@@ -11,56 +11,55 @@
 #include <string.h>
 
 struct ehash_node {
-    ehash_node* next;    // of the same chain; null at its end
-    unsigned char* key;  // the table's copy, `length` bytes without a terminator
+    ehash_node* next;    // in the same chain; null at its end
+    unsigned char* key;  // the table's copy, `length` bytes
     uint32_t length;
 };
 
 struct ehash {
     uint32_t count;         // nodes in the table
     uint32_t bucket_count;  // a power of two
-    ehash_node* buckets[];  // bucket_count chains, then a null on which an iteration ends
+    ehash_node* buckets[];  // bucket_count chains, then a null that ends an iteration
 };
 
-// All zero before the first step. A table that grew meanwhile may or may not show the new nodes; the node
-// that was returned last may be removed as long as its memory stays valid until the next step.
+// All zero before the first step. Nodes that are added during an iteration may or may not be returned. The
+// node that was returned last may be removed, but its memory must stay valid until the next step.
 struct ehash_iterator {
     uint32_t bucket;
     ehash_node* node;
 };
 
-// A table with the smallest power of two of buckets above `hint`, 16 for a hint of 0. Null when there is no
-// memory for it.
+// Creates a table. The number of buckets is the smallest power of two above `hint`, or 16 if `hint` is 0.
+// Null if memory runs out.
 ehash* ehash_new(uint32_t hint);
 
-// Frees the table and its key copies, none of the records. Null is accepted.
+// Frees the table, which may be null, and its copies of the keys, but no records.
 void ehash_free(ehash* table);
 
-// Puts `node` into the table, in front of those with an equal key. Returns 0, or -1 when there is no memory
-// for the copy of the key; the table is then unchanged.
+// Adds `node` before all nodes with an equal key. Returns 0, or -1 if memory runs out; the table is then
+// unchanged.
 int ehash_insert_e(ehash* table, const void* key, uint32_t length, ehash_node* node);
 
-// Takes `node` out; its `next` stays as it was. Returns 0, or -2 when it is not in the table, which is then
+// Removes `node`; its `next` does not change. Returns 0, or -2 if it is not in the table, which is then
 // unchanged.
 int ehash_remove(ehash* table, ehash_node* node);
 
-// The record with this key that was inserted last; null when there is none.
+// Returns the record with this key that was added last; null if there is none.
 inline void* ehash_lookup_e(const ehash* table, const void* key, uint32_t length, size_t offset);
 
-// The next record, in no particular order; null at the end. Its key, which stays the table's, is stored
-// through `key_out` and `length_out` where these are not null.
+// Returns the next record, in no particular order; null at the end. Stores its key, which the table owns, and
+// the key's length through the two pointers, which may be null.
 inline void* ehash_iterate_e(const ehash* table, ehash_iterator* iterator, const void** key_out,
                              uint32_t* length_out, size_t offset);
 
-// What is called most is defined here, so that a key of a fixed length is hashed and compared in a few
-// instructions.
+// Inline, because a key of constant length is then hashed and compared in a few instructions.
 
 inline uint32_t ehash_length_of(const void* key, uint32_t length) {
     return length ? length : static_cast<uint32_t>(strlen(static_cast<const char*>(key)));
 }
 
-// The number whose digits to the base of 65599 are the key's bytes. Four digits at a time, so that only one
-// multiplication in four has to wait for the one before it.
+// The number whose digits in base 65599 are the key's bytes. Takes four digits in one step: only one
+// multiplication per step then depends on the step before.
 inline uint32_t ehash_hash(const void* key, uint32_t length) {
     constexpr uint32_t base = 65599;
     constexpr uint32_t base2 = base * base;

@@ -17,44 +17,44 @@ namespace {
 constexpr const char* status_path = "/tmp/dbg-report.txt";
 constexpr unsigned long default_interval_us = 1000;
 
-volatile sig_atomic_t stop_wanted = 0;
+volatile sig_atomic_t stop_requested = 0;
 
-void want_stop(int /*sig*/) {
-    stop_wanted = 1;
+void request_stop(int /*sig*/) {
+    stop_requested = 1;
 }
 
-// Lets SIGINT in only while the monitor sleeps, so that none comes too late to end the sleep, however long
-// that is. Returns the signals to let in.
-sigset_t hold_interrupt() {
+// Blocks SIGINT except while the monitor sleeps: one that arrived between the check of stop_requested and the
+// sleep would not end the sleep. Returns the signal mask for the sleep.
+sigset_t block_interrupt() {
     struct sigaction action = {};
-    action.sa_handler = want_stop;
+    action.sa_handler = request_stop;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
 
-    sigset_t held;
+    sigset_t blocked;
     sigset_t before;
-    sigemptyset(&held);
-    sigaddset(&held, SIGINT);
-    sigprocmask(SIG_BLOCK, &held, &before);
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGINT);
+    sigprocmask(SIG_BLOCK, &blocked, &before);
     sigdelset(&before, SIGINT);
     return before;
 }
 
-// Sleeps until SIGINT, or for the interval. Where ppoll fails for good it waits for the signal itself, so
-// that rounds do not follow each other without a pause.
-void pause_for(const timespec& interval, const sigset_t& while_asleep) {
-    if (ppoll(nullptr, 0, &interval, &while_asleep) == 0 || errno == EINTR) {
+// Sleeps until SIGINT, or for the interval. If ppoll fails for another reason, waits for the signal with
+// sigtimedwait instead, so that there is always a pause between rounds.
+void sleep_interval(const timespec& interval, const sigset_t& sleep_mask) {
+    if (ppoll(nullptr, 0, &interval, &sleep_mask) == 0 || errno == EINTR) {
         return;
     }
     sigset_t interrupt;
     sigemptyset(&interrupt);
     sigaddset(&interrupt, SIGINT);
     if (sigtimedwait(&interrupt, nullptr, &interval) == SIGINT) {
-        stop_wanted = 1;
+        stop_requested = 1;
     }
 }
 
-timespec from_microseconds(unsigned long us) {
+timespec timespec_of(unsigned long us) {
     constexpr unsigned long us_per_s = 1000000;
     timespec time = {};
     time.tv_sec = static_cast<time_t>(us / us_per_s);
@@ -65,16 +65,16 @@ timespec from_microseconds(unsigned long us) {
 }  // namespace
 
 int mon_watch(const char* root, const char* path, unsigned long interval_us) {
-    const sigset_t while_asleep = hold_interrupt();
-    const timespec interval = from_microseconds(interval_us);
+    const sigset_t sleep_mask = block_interrupt();
+    const timespec interval = timespec_of(interval_us);
     monitor* m = monitor_create_at(root, path);
     if (!m) {
         perror("monitor_create");
         return 1;
     }
-    while (!stop_wanted) {
+    while (!stop_requested) {
         monitor_run(m);
-        pause_for(interval, while_asleep);
+        sleep_interval(interval, sleep_mask);
     }
     fputs("\nCleanup and exit.\n", stderr);
     monitor_destroy(m);

@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "common/proc_path.h"
+#include "common/unique_fd.h"
 #include "monitor/ehash.h"
 #include "monitor/process_record.h"
 #include "monitor/sample.h"
@@ -28,28 +29,26 @@ monitor* monitor_create(const char* path) {
 }
 
 monitor* monitor_create_at(const char* root, const char* path) {
-    monitor* m = static_cast<monitor*>(malloc(sizeof(monitor)));
-    ehash* table = ehash_new(table_hint);
-    if (!m || !table) {
-        free(m);
-        ehash_free(table);
+    unique_malloc<monitor> m = calloc_one<monitor>();
+    ehash* table = m ? ehash_new(table_hint) : nullptr;
+    if (!table) {
         return nullptr;
     }
     *m = {root, path, table, 1};
-    return m;
+    return m.release();
 }
 
 void monitor_run(monitor* m) {
     status_report status;
-    // Without memory for it there is no status file this round.
-    if (m->status_path && status_report_begin(&status) == 0) {
+    // If memory runs out, this round writes no status file.
+    if (m->status_path && status_report_begin(&status)) {
         fprintf(status.stream, "Debug monitor status round=%lx\n\n", static_cast<unsigned long>(m->round));
     }
     monitor_sample(m);
     monitor_score(m, status.stream);
     m->round++;
     if (status.stream) {
-        // A report that can't be put in place is skipped; the next round tries again.
+        // A failed replacement is ignored; the next round tries again.
         (void)status_report_publish(&status, m->status_path);
     }
 }

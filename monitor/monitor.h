@@ -1,7 +1,7 @@
-// The leak monitor: watches all processes for descriptors and children that run away.
+// The leak monitor watches all processes for growing numbers of descriptors and children.
 //
-// Each round samples every process, prints a line on standard error for each score that has jumped and
-// replaces the status file. A monitor belongs to one thread.
+// Each round samples every process, prints a line on standard error for each score that has jumped, and
+// replaces the status file. A monitor is used by one thread at a time.
 #pragma once
 
 #include <stdint.h>
@@ -10,27 +10,27 @@ struct ehash;
 struct process_record;
 
 struct monitor {
-    const char* root;         // the proc file system that is watched; borrowed
-    const char* status_path;  // where the status file goes, null for none; borrowed
+    const char* root;         // the proc file system to watch; borrowed
+    const char* status_path;  // the status file; null: none; borrowed
     ehash* table;             // the process_record of each process
-    uint32_t round;           // the next round's number, from 1; wraps round
+    uint32_t round;           // number of the next round, from 1; wraps to 0
 };
 
-// The most processes that one round looks at.
+// The most processes that one round samples.
 constexpr int monitor_capacity = 1024;
 
-// A monitor of /proc, or of the proc file system at `root`, whose status file is at `path` (null: there is
-// none). Both texts are borrowed and must live as long as the monitor. Null when there is no memory.
+// Creates a monitor of /proc, or of the proc file system at `root`, with its status file at `path` (null: no
+// status file). Both texts must outlive the monitor. Null if memory runs out.
 monitor* monitor_create(const char* path);
 monitor* monitor_create_at(const char* root, const char* path);
 
-// One round. A status file that can't be written is left as it is, silently. Processes that vanish meanwhile
-// are dropped in this round or the next.
+// Runs one round. A status file that cannot be replaced stays as it is, without a message. A process that
+// ends during the round is dropped in this round or the next.
 void monitor_run(monitor* m);
 
-// Null is accepted.
+// Frees the monitor, which may be null.
 void monitor_destroy(monitor* m);
 
-// Thread entry of the daemon's monitor: a round an hour at idle priority, for ever. The argument is not used.
-// Returns only when the thread can't be given that priority.
+// Thread entry of the daemon's monitor: one round an hour at idle priority. The argument is not used. Returns
+// only if the thread cannot get that priority or memory runs out.
 void* monitor_thread_run(void* unused);

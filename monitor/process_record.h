@@ -1,4 +1,4 @@
-// What the leak monitor knows about one process.
+// The leak monitor's record of one process.
 #pragma once
 
 #include <stdint.h>
@@ -15,21 +15,20 @@ struct fd_counts {
 
 constexpr int history_length = 4;
 
-// Comes from calloc; all zero means nothing known. The averages are over four rounds, the older three of them
-// 32 rounds apart. There is no pointer to the parent's record: that is looked up when it is needed, so
-// that none can outlive the record.
+// From calloc; a new record is all zero. An average covers four rounds; the three older ones are 32 rounds
+// apart. The parent's record is looked up when it is needed, since a pointer to it could outlive it.
 struct process_record {
     pid_t pid;
     pid_t ppid;       // as read in the latest round
     ehash_node node;  // the key is the bytes of `pid`
     char name[128];
     fd_counts fds[history_length];       // this round and the three before it
-    fd_counts averages[history_length];  // this round's and three older ones
-    int32_t previous_fd_score;           // of the last round
-    int32_t reported_fd_score;           // at the last report
+    fd_counts averages[history_length];  // of this round and three older ones
+    int32_t previous_fd_score;           // of the round before
+    int32_t reported_fd_score;           // when it was last reported
     int32_t children;                    // counted in the latest round
-    int32_t previous_children;           // of the last round
-    int32_t reported_children;           // at the last report
-    uint32_t children_mark;              // one more than the round in which `children` was last touched
-    uint32_t seen_round;                 // the round in which the process was last listed
+    int32_t previous_children;           // of the round before
+    int32_t reported_children;           // when they were last reported
+    uint32_t children_mark;              // the round that last changed `children`, plus 1
+    uint32_t seen_round;                 // the last round that listed the process
 };

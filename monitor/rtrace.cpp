@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "common/unique_fd.h"
 #include "monitor/rtrace_apps.h"
 #include "monitor/rtrace_samplers.h"
 #include "monitor/rtrace_wait.h"
@@ -11,7 +12,7 @@
 namespace {
 
 rtrace_sink sink_of(rtrace_context& trace) {
-    return {trace.fd, trace.room};
+    return {trace.fd, trace.buffer};
 }
 
 bool sample_system_file(rtrace_context& trace, const char* name, rtrace_type type) {
@@ -57,7 +58,7 @@ bool sample_pagetypeinfo(rtrace_context& trace) {
     return sample_system_file(trace, "/proc/pagetypeinfo", rtrace_type_pagetypeinfo);
 }
 
-// What one sample consists of, in order; a step is taken when one of its sources is selected.
+// The steps of a sample, in order. A step is taken if one of its sources is selected.
 constexpr struct {
     uint32_t sources;
     bool (*take)(rtrace_context& trace);
@@ -82,7 +83,7 @@ bool take_sample(rtrace_context& trace) {
     return true;
 }
 
-// As sleep(3) takes its seconds: unsigned. False when the client went.
+// The interval is unsigned, as for sleep(3). False if the client closed its side.
 bool sleep_interval(const rtrace_context& trace) {
     pollfd client = rtrace_client(trace.fd);
     return rtrace_poll(&client, 1, deadline(static_cast<uint32_t>(trace.interval) * int64_t{1000})) >= 0;
@@ -91,14 +92,14 @@ bool sleep_interval(const rtrace_context& trace) {
 }  // namespace
 
 rtrace_context* rtrace_create(int fd, int interval, unsigned mask) {
-    rtrace_context* trace = static_cast<rtrace_context*>(calloc(1, sizeof(rtrace_context)));
+    unique_malloc<rtrace_context> trace = calloc_one<rtrace_context>();
     if (trace) {
         trace->interval = interval;
         trace->fd = fd;
         trace->mask = mask;
         trace->root = "";
     }
-    return trace;
+    return trace.release();
 }
 
 void rtrace_destroy(rtrace_context* context) {

@@ -1,5 +1,5 @@
-// The resource trace: typed records of what the machine's processes, memory, descriptors and disks are doing,
-// written to one descriptor at an interval until nobody takes them any more (rtrace_record.h).
+// The resource trace samples the machine's processes, memory, descriptors and disks at an interval. It writes
+// records (rtrace_record.h) to one descriptor until its client closes its side.
 #pragma once
 
 #include <stdint.h>
@@ -7,7 +7,7 @@
 #include "monitor/rtrace_disks.h"
 #include "monitor/rtrace_record.h"
 
-// What a trace samples. Requests name the sources (query_trace_bit).
+// The sources of a trace. Requests select them by name (query_trace_bit).
 enum rtrace_source : uint32_t {
     rtrace_smaps = 0x1,
     rtrace_status = 0x2,
@@ -29,25 +29,25 @@ struct rtrace_context {
     int fd;            // borrowed
     uint32_t mask;     // sources
 
-    // The trace's own.
-    const char* root;  // borrowed; in front of /proc and of the programs: "", or a fixture tree
+    // Private.
+    const char* root;  // borrowed; prefix of /proc and of the programs' paths: "", or a fixture tree
     rtrace_mounts mounts;
-    rtrace_apps* unread;  // programs whose output nobody reads, since not all of them could be started
-    char room[rtrace_sink::room_size];
+    rtrace_apps* unread;  // programs whose output is not read, because a later one could not be started
+    char buffer[rtrace_sink::buffer_size];
 };
 
-// A trace of the sources in `mask` onto `fd` (borrowed), or null without memory. Any interval will do: with 0
-// samples follow each other without a pause, and a negative one ends a trace with programs after its first
-// sample and leaves another one waiting for 2^32 seconds less that many.
+// Creates a trace of the sources in `mask` that writes to `fd` (borrowed). Null if memory runs out. Any
+// interval is accepted. With 0 there is no pause between samples. A negative one ends a trace with programs
+// after its first sample; without programs it counts as unsigned, so the trace sleeps for more than 60 years.
 rtrace_context* rtrace_create(int fd, int interval, unsigned mask);
 
 // Frees the context, which may be null.
 void rtrace_destroy(rtrace_context* context);
 
-// Starts the programs that are selected and samples until a write fails or the client closes its side, which
-// is noticed at once also between samples. Ends the programs (rtrace_end_apps) before it returns 0.
+// Starts the selected programs and samples until a write fails or the client closes its side, which is
+// noticed at once even between samples. Ends the programs (rtrace_end_apps), then returns 0.
 int rtrace_run(rtrace_context* context);
 
-// Samples the one file at `path` in records of rtrace_type_followed at each interval, until a write fails or
-// the client closes its side. Returns 0.
+// Samples only the file at `path`, as records of rtrace_type_followed, until a write fails or the client
+// closes its side. Returns 0.
 int rtrace_follow(rtrace_context* context, const char* path);

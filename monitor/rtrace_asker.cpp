@@ -15,20 +15,20 @@
 #include "common/unique_fd.h"
 #include "monitor/rtrace_wait.h"
 
-// A thread that asks. Between two questions it is the trace's. One whose file system hangs is abandoned: it
-// is in the list of those, and frees itself when the answer comes.
+// A thread that calls statfs. It belongs to one trace. When its file system hangs, the trace abandons it: it
+// goes onto a list and frees itself when the answer comes.
 struct rtrace_asker {
     sem_t next_question;
-    bool ends;  // instead of asking
+    bool ends;  // the next question tells the thread to end
     int (*statfs_call)(const char*, struct statfs*);
     char source[PATH_MAX];
     char folder[PATH_MAX];
 
-    // Both sides' from here on, with askers_lock.
+    // Shared with the thread; protected by askers_lock.
     rtrace_asker* next_abandoned;
     bool is_abandoned;
     bool has_answered;
-    int done_fd;  // readable when it has answered
+    int done_fd;  // eventfd; readable after an answer
     int result;
     struct statfs usage;
 };
@@ -60,7 +60,7 @@ void abandon(rtrace_asker* asker) {
     abandoned_count++;
 }
 
-void take_off_the_list(rtrace_asker* asker) {
+void unlist(rtrace_asker* asker) {
     rtrace_asker** link = &abandoned;
     while (*link != asker) {
         link = &(*link)->next_abandoned;
@@ -69,7 +69,7 @@ void take_off_the_list(rtrace_asker* asker) {
     abandoned_count--;
 }
 
-// Whether nobody may be asked about this mount now.
+// Whether this mount may not be asked now.
 bool is_hanging(const char* source, const char* folder) {
     const lock_held held;
     bool found = abandoned_count >= rtrace_hanging_limit;
@@ -79,11 +79,11 @@ bool is_hanging(const char* source, const char* folder) {
     return found;
 }
 
-// False when nobody waits for the answer any more.
+// Stores the answer for the trace. False if the trace has abandoned the thread.
 bool give_answer(rtrace_asker* asker, int result, const struct statfs& usage) {
     const lock_held held;
     if (asker->is_abandoned) {
-        take_off_the_list(asker);
+        unlist(asker);
         return false;
     }
     asker->result = result;
@@ -95,7 +95,7 @@ bool give_answer(rtrace_asker* asker, int result, const struct statfs& usage) {
 
 void* answer_questions(void* argument) {
     auto* asker = static_cast<rtrace_asker*>(argument);
-    // A signal to the process is for a thread that may not hang.
+    // Signals to the process go to other threads, which do not hang.
     sigset_t all;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, nullptr);
@@ -115,7 +115,7 @@ bool start_thread(rtrace_asker* asker) {
     if (pthread_attr_init(&attributes) != 0) {
         return false;
     }
-    // A machine that wants more keeps its default.
+    // On failure (the machine needs a larger stack) the default applies.
     (void)pthread_attr_setstacksize(&attributes, asker_stack);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_t thread;
@@ -126,7 +126,7 @@ bool start_thread(rtrace_asker* asker) {
 
 rtrace_asker* start_asker() {
     unique_fd done(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    unique_malloc<rtrace_asker> memory(static_cast<rtrace_asker*>(calloc(1, sizeof(rtrace_asker))));
+    unique_malloc<rtrace_asker> memory = calloc_one<rtrace_asker>();
     if (!done || !memory) {
         return nullptr;
     }
@@ -153,8 +153,8 @@ bool copy_name(char (&to)[PATH_MAX], const char* name) {
     return true;
 }
 
-// False when a name is too long.
-bool put_question(rtrace_asker* asker, const rtrace_mounts& mounts, const char* source, const char* folder) {
+// Sends a question to the thread. False if a name is too long.
+bool send_question(rtrace_asker* asker, const rtrace_mounts& mounts, const char* source, const char* folder) {
     if (!copy_name(asker->source, source) || !copy_name(asker->folder, folder)) {
         return false;
     }
@@ -173,7 +173,7 @@ rtrace_answer rtrace_ask_mount(rtrace_mounts& mounts, const char* source, const 
     }
     mounts.asker = mounts.asker ? mounts.asker : start_asker();
     rtrace_asker* asker = mounts.asker;
-    if (!asker || !put_question(asker, mounts, source, folder)) {
+    if (!asker || !send_question(asker, mounts, source, folder)) {
         return rtrace_answer::none;
     }
     pollfd waiting[] = {rtrace_client(client_fd), {asker->done_fd, POLLIN, 0}};
@@ -185,11 +185,14 @@ rtrace_answer rtrace_ask_mount(rtrace_mounts& mounts, const char* source, const 
     }
     eventfd_t count;
     eventfd_read(asker->done_fd, &count);
-    *usage = asker->usage;
     if (ready < 0) {
         return rtrace_answer::client_gone;
     }
-    return asker->result == 0 ? rtrace_answer::usage : rtrace_answer::none;
+    if (asker->result != 0) {
+        return rtrace_answer::none;
+    }
+    *usage = asker->usage;
+    return rtrace_answer::usage;
 }
 
 void rtrace_forget_mounts(rtrace_mounts& mounts) {

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr size_t mount_line_room = 4096;
+constexpr size_t mount_line_size = 4096;
 
 bool is_remote(const mntent& entry) {
     std::string_view source = entry.mnt_fsname;
@@ -24,14 +24,14 @@ long kib_of(uint64_t blocks, uint64_t block_size) {
     return static_cast<long>(static_cast<uint32_t>(blocks) * static_cast<uint32_t>(block_size) / 1024);
 }
 
-// The text of the table, which grows in the room of a record.
+// The text of the table, in the data of a record.
 struct table {
     char* text;
     size_t size = 0;
 
     bool is_full() const { return size == rtrace_data_capacity; }
 
-    // As printf; what does not fit is cut off.
+    // Like printf. Text that does not fit is cut.
     [[gnu::format(printf, 2, 3)]] void append(const char* format, ...) {
         size_t left = rtrace_data_capacity - size;
         va_list values;
@@ -57,10 +57,10 @@ unique_mounts_file open_mounts(const char* root) {
     return unique_mounts_file(fits ? setmntent(path, "r") : nullptr);
 }
 
-// False when the client went.
+// False if the client closed its side.
 bool append_mounts(table& table, rtrace_mounts& mounts, FILE* file, int client_fd) {
     mntent entry;
-    char strings[mount_line_room];
+    char strings[mount_line_size];
     while (!table.is_full() && getmntent_r(file, &entry, strings, sizeof strings)) {
         struct statfs usage;
         rtrace_answer found =

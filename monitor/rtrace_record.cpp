@@ -13,8 +13,8 @@ int64_t wall_clock_ms() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_usec / 1000;
 }
 
-// Puts header and process id in front of the data; returns where the record begins.
-char* put_front(const rtrace_sink& sink, rtrace_type type, pid_t pid, unsigned size, uint8_t more) {
+// Stores the header and the process id before the data. Returns the begin of the record.
+char* prepend_head(const rtrace_sink& sink, rtrace_type type, pid_t pid, unsigned size, uint8_t more) {
     char* start = rtrace_data(sink);
     if (pid != rtrace_no_pid) {
         const int32_t number = pid;
@@ -43,15 +43,15 @@ void rtrace_put_header(char* to, const rtrace_header& header) {
 }
 
 char* rtrace_data(const rtrace_sink& sink) {
-    return sink.room + rtrace_header_size + rtrace_pid_size;
+    return sink.buffer + rtrace_header_size + rtrace_pid_size;
 }
 
 bool rtrace_write_data(const rtrace_sink& sink, rtrace_type type, pid_t pid, unsigned size, uint8_t more) {
-    return write_all(sink, put_front(sink, type, pid, size, more), rtrace_data(sink) + size);
+    return write_all(sink, prepend_head(sink, type, pid, size, more), rtrace_data(sink) + size);
 }
 
 bool rtrace_write_last_piece(const rtrace_sink& sink, rtrace_type type, pid_t pid, unsigned size) {
-    const char* start = put_front(sink, type, pid, size, 1);
+    const char* start = prepend_head(sink, type, pid, size, 1);
     char* closing = rtrace_data(sink) + size;
     rtrace_put_header(closing, {type, 0, wall_clock_ms(), 0});
     return write_all(sink, start, closing + rtrace_header_size);

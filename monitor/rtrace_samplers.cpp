@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr size_t name_room = 200;
+constexpr size_t path_size = 200;
 
 bool is_folder(int dir_fd, const dirent& entry) {
     if (entry.d_type != DT_UNKNOWN) {
@@ -26,7 +26,7 @@ bool is_number(const char* name) {
     return *name != '\0' && name[strspn(name, "0123456789")] == '\0';
 }
 
-// Fills the room for data, or less at the end of the file or where it can't be read on.
+// Reads up to a full piece. Sets `*ended` at the end of the file or at a read error.
 unsigned read_piece(int file, char* to, bool* ended) {
     unsigned size = 0;
     while (size < rtrace_data_capacity && !*ended) {
@@ -61,10 +61,10 @@ bool sample_at(const rtrace_sink& sink, int dir_fd, const char* path, rtrace_typ
     return !file || sample_open_file(sink, file.get(), type, pid);
 }
 
-// The file of the process that an entry stands for; an entry that stands for none has nothing to write.
+// Samples the file of the process that an entry names. Other entries are skipped. False if a write fails.
 bool sample_entry(const rtrace_sink& sink, int dir_fd, const dirent& entry, rtrace_type type,
                   const char* name) {
-    char path[name_room];
+    char path[path_size];
     if (!is_number(entry.d_name) || !is_folder(dir_fd, entry)) {
         return true;
     }

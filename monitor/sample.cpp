@@ -3,6 +3,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <utility>
+
 #include "common/unique_fd.h"
 #include "monitor/ehash.h"
 #include "monitor/monitor.h"
@@ -12,7 +14,7 @@
 
 namespace {
 
-constexpr pid_t nobody = -1;
+constexpr pid_t skip_none = -1;
 constexpr uint32_t rounds_between_averages = 32;
 static_assert((rounds_between_averages & (rounds_between_averages - 1)) == 0);
 
@@ -27,9 +29,9 @@ bool has_same_name(const monitor* m, const process_record* record) {
            strcmp(name, record->name) == 0;
 }
 
-// A new process for `record`, which is all zero and in no table; takes it over. Null when the process has no
-// name, as it has gone.
-process_record* enter_process(const monitor* m, unique_malloc<process_record> record, pid_t pid) {
+// Adds a process to the table, with `record`, which is all zero. Null if the process has no name because it
+// is gone, or if memory runs out.
+process_record* add_process(const monitor* m, unique_malloc<process_record> record, pid_t pid) {
     record->pid = pid;
     if (proc_get_pidname_at(m->root, pid, record->name, sizeof record->name) != 1 ||
         ehash_insert_e(m->table, &pid, sizeof pid, &record->node) != 0) {
@@ -38,9 +40,9 @@ process_record* enter_process(const monitor* m, unique_malloc<process_record> re
     return record.release();
 }
 
-// The record of `pid`. One whose process has another name by now starts afresh: its pid was given to another
-// process. Null when there is no such process, or no memory.
-process_record* record_of(const monitor* m, pid_t pid) {
+// The record of `pid`, new or known. If the name has changed, another process has the pid now and the record
+// starts afresh. Null if there is no such process or memory runs out.
+process_record* update_record(const monitor* m, pid_t pid) {
     process_record* known = find_record(m, pid);
     if (known && has_same_name(m, known)) {
         return known;
@@ -48,19 +50,18 @@ process_record* record_of(const monitor* m, pid_t pid) {
     if (known) {
         ehash_remove(m->table, &known->node);
         *known = {};
-        return enter_process(m, unique_malloc<process_record>(known), pid);
+        return add_process(m, unique_malloc<process_record>(known), pid);
     }
-    void* fresh = calloc(1, sizeof(process_record));
-    return fresh ? enter_process(m, unique_malloc<process_record>(static_cast<process_record*>(fresh)), pid)
-                 : nullptr;
+    unique_malloc<process_record> fresh = calloc_one<process_record>();
+    return fresh ? add_process(m, std::move(fresh), pid) : nullptr;
 }
 
-// Moves each entry one place towards the older ones; the newest stays where it is as well.
-void age(fd_counts (&history)[history_length]) {
+// Moves the entries down by one. The newest is then in the first two.
+void shift(fd_counts (&history)[history_length]) {
     memmove(history + 1, history, sizeof history - sizeof history[0]);
 }
 
-// The average of one kind over the history. Unsigned, as the sum of four counts may not fit otherwise.
+// The average of one kind over the history. The sum is unsigned because four counts may not fit in an int.
 int32_t average(const fd_counts (&history)[history_length], int32_t fd_counts::*kind) {
     uint32_t sum = 0;
     for (const fd_counts& counts : history) {
@@ -71,9 +72,9 @@ int32_t average(const fd_counts (&history)[history_length], int32_t fd_counts::*
 
 void sample_descriptors(const monitor* m, process_record* record) {
     if (m->round % rounds_between_averages == 0) {
-        age(record->averages);
+        shift(record->averages);
     }
-    age(record->fds);
+    shift(record->fds);
     fd_counts& now = record->fds[0];
     now.all = proc_nr_fd2_at(m->root, record->pid, &now.sockets, &now.pipes);
     for (int32_t fd_counts::*kind : {&fd_counts::all, &fd_counts::sockets, &fd_counts::pipes}) {
@@ -81,9 +82,9 @@ void sample_descriptors(const monitor* m, process_record* record) {
     }
 }
 
-// Counts the process as a child of its parent. Parents and children come in any order, so whoever touches a
-// count first in a round begins it anew, a child with itself.
-void sample_family(const monitor* m, process_record* record) {
+// Counts the process as a child of its parent. Either may come first in a round: the first one to touch the
+// parent's count resets it.
+void count_child(const monitor* m, process_record* record) {
     const uint32_t touched = m->round + 1;
     if (record->children_mark == m->round) {
         record->children = 0;
@@ -101,13 +102,13 @@ void sample_family(const monitor* m, process_record* record) {
 
 void monitor_sample(monitor* m) {
     pid_t pids[monitor_capacity];
-    int count = proc_list_at(m->root, pids, monitor_capacity, nobody);
+    int count = proc_list_at(m->root, pids, monitor_capacity, skip_none);
     for (int i = 0; i < count; i++) {
-        process_record* record = record_of(m, pids[i]);
+        process_record* record = update_record(m, pids[i]);
         if (record) {
             record->seen_round = m->round;
             sample_descriptors(m, record);
-            sample_family(m, record);
+            count_child(m, record);
         }
     }
 }

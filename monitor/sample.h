@@ -1,7 +1,7 @@
-// The first half of a round: what every process has now.
+// The first half of a round of the leak monitor: sampling.
 #pragma once
 
 struct monitor;
 
-// Lists the processes and brings the record of each up to date; those without a readable name get none.
+// Lists the processes and updates the record of each. A process without a readable name gets no record.
 void monitor_sample(monitor* m);

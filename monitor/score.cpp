@@ -15,15 +15,15 @@ constexpr int32_t fd_report_step = 32;
 constexpr int32_t fork_step = 16;
 constexpr int32_t kernel_fork_step = 32;
 
-// How old the entries of the two histories are said to be. These labels are fixed, whatever the interval is.
+// The ages that are printed for the entries of the two histories. They are fixed, whatever the interval is.
 constexpr int fds_labels[history_length] = {0, 1, 2, 3};
 constexpr int averages_labels[history_length] = {4, 37, 70, 103};
 
-int32_t fd_score_of(const fd_counts& counts) {
+int32_t fd_score(const fd_counts& counts) {
     return (counts.all - counts.sockets - counts.pipes) / 32 + counts.pipes / 32 + counts.sockets / 8;
 }
 
-const char* sign_of(int32_t delta) {
+const char* plus_sign(int32_t delta) {
     return delta >= 1 ? "+" : "";
 }
 
@@ -36,12 +36,12 @@ void print_history(FILE* status, const fd_counts (&history)[history_length],
 }
 
 void score_descriptors(process_record* record, FILE* status) {
-    const int32_t score = fd_score_of(record->fds[0]);
+    const int32_t score = fd_score(record->fds[0]);
     if (score > record->reported_fd_score + fd_report_step) {
         int32_t delta = score - record->previous_fd_score;
         record->reported_fd_score = score;
         fprintf(stderr, "pid %d name %s fd_score %d [%s%d] sk=%d\n", record->pid, record->name, score,
-                sign_of(delta), delta, record->fds[0].sockets);
+                plus_sign(delta), delta, record->fds[0].sockets);
     }
     record->previous_fd_score = score;
     if (status && score >= high_fd_score) {
@@ -58,7 +58,7 @@ void report_children(const monitor* m, process_record* record, FILE* status) {
         int32_t delta = score - record->previous_children;
         record->reported_children = score;
         fprintf(stderr, "pid %d name %s fork_score %d [%s%d]\n", record->pid, record->name, score,
-                sign_of(delta), delta);
+                plus_sign(delta), delta);
     }
     if (status && score >= step) {
         fprintf(status, "forkstats for pid=%ld: score=%d nr_childs=%d\n", static_cast<long>(record->pid),
@@ -67,7 +67,7 @@ void report_children(const monitor* m, process_record* record, FILE* status) {
 }
 
 void score_children(const monitor* m, process_record* record, FILE* status) {
-    // Below the smaller of the two steps it makes no difference what kind of process it is.
+    // Below the smaller step nothing is printed for either kind of process.
     if (record->children >= fork_step) {
         report_children(m, record, status);
     }
@@ -77,9 +77,10 @@ void score_children(const monitor* m, process_record* record, FILE* status) {
 }  // namespace
 
 void monitor_score(monitor* m, FILE* status) {
-    ehash_iterator walk = {};
-    unique_malloc<process_record> gone;  // kept until the walk has gone on from it
-    while (void* next = ehash_iterate_e(m->table, &walk, nullptr, nullptr, offsetof(process_record, node))) {
+    ehash_iterator iterator = {};
+    unique_malloc<process_record> gone;  // freed only after the iterator has left it
+    while (void* next =
+               ehash_iterate_e(m->table, &iterator, nullptr, nullptr, offsetof(process_record, node))) {
         process_record* record = static_cast<process_record*>(next);
         if (record->seen_round == m->round) {
             score_descriptors(record, status);

@@ -1,10 +1,11 @@
-// The second half of a round: who has too much, and who has gone.
+// The second half of a round of the leak monitor: scoring.
 #pragma once
 
 #include <stdio.h>
 
 struct monitor;
 
-// Scores each process of this round, prints what has jumped on standard error and the details of every high
-// score on `status` (null: nowhere). Frees the records of the processes that this round did not see.
+// Scores the processes that this round has sampled. Prints a line on standard error for each score that has
+// jumped, and the details of each high score on `status` (null: no details). Removes the records of all other
+// processes.
 void monitor_score(monitor* m, FILE* status);

@@ -20,17 +20,16 @@ status_report::~status_report() {
     free(text);
 }
 
-int status_report_begin(status_report* report) {
+bool status_report_begin(status_report* report) {
     report->stream = open_memstream(&report->text, &report->length);
-    return report->stream ? 0 : -1;
+    return report->stream != nullptr;
 }
 
 int status_report_publish(status_report* report, const char* path) {
     bool is_whole = !ferror(report->stream);
     is_whole = fclose(std::exchange(report->stream, nullptr)) == 0 && is_whole;
     if (!is_whole) {
-        errno = ENOMEM;
-        return -1;
+        return ENOMEM;
     }
-    return replace_file(path, {report->text, report->length}, private_mode);
+    return replace_file(path, {report->text, report->length}, private_mode) == 0 ? 0 : errno;
 }

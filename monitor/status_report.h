@@ -1,11 +1,11 @@
-// A report that is collected in memory and then put in place in one step.
+// A report that is built in memory and then replaces a file in one step.
 #pragma once
 
 #include <stddef.h>
 #include <stdio.h>
 
 struct status_report {
-    FILE* stream = nullptr;  // what is printed here becomes the report; null: there is none
+    FILE* stream = nullptr;  // text that is printed here becomes the report; null: no report
     char* text = nullptr;
     size_t length = 0;
 
@@ -15,9 +15,9 @@ struct status_report {
     ~status_report();
 };
 
-// Opens `report->stream`. Returns 0, or -1 when there is no memory for it.
-int status_report_begin(status_report* report);
+// Opens `report->stream`. False if memory runs out.
+bool status_report_begin(status_report* report);
 
-// Ends the report and makes it the content of the file at `path`, for its owner alone, in one step
-// (replace_file). Returns 0, or -1 with errno set; the earlier file then stands.
+// Closes the report and replaces the file at `path` by it (replace_file), readable by its owner only. Returns
+// 0 or an errno; the earlier file is then unchanged.
 int status_report_publish(status_report* report, const char* path);

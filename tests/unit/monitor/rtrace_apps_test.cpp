@@ -124,11 +124,13 @@ TEST_F(rtrace_programs, are_started_in_order_and_recorded) {
     rtrace_apps* block = start(all_apps);
     ASSERT_NE(block, nullptr);
     EXPECT_EQ(block->count, 4);
-    EXPECT_EQ(std::vector<uint32_t>(block->types, block->types + 4), (std::vector<uint32_t>{1, 11, 12, 13}));
-    std::vector<pid_t> pids(block->pids, block->pids + 4);
+    const uint32_t types[] = {1, 11, 12, 13};
+    std::vector<pid_t> pids;
     for (int i = 0; i < 4; i++) {
-        EXPECT_GT(pids[i], 0);
-        EXPECT_TRUE(is_cloexec(block->pipes[i][0]) && is_cloexec(block->pipes[i][1]));
+        EXPECT_EQ(block->apps[i].type, types[i]);
+        EXPECT_GT(block->apps[i].pid, 0);
+        pids.push_back(block->apps[i].pid);
+        EXPECT_TRUE(is_cloexec(block->apps[i].read_end.get()) && is_cloexec(block->apps[i].write_end.get()));
     }
     end(block);
     for (pid_t pid : pids) {
@@ -194,11 +196,11 @@ TEST_F(rtrace_programs, output_becomes_a_record_of_their_type) {
 TEST_F(rtrace_programs, are_read_once_in_an_interval) {
     put_program("pidstat", "echo one\nexec sleep 1000\n");
     rtrace_apps* block = start(rtrace_pidstat, 1);
-    pollfd talks = {block->pipes[0][0], POLLIN, 0};
+    pollfd talks = {block->apps[0].read_end.get(), POLLIN, 0};
     ASSERT_EQ(poll(&talks, 1, 10000), 1);
     std::thread second([block] {
         std::this_thread::sleep_for(200ms);
-        (void)!write(block->pipes[0][1], "two\n", 4);
+        (void)!write(block->apps[0].write_end.get(), "two\n", 4);
     });
     auto begun = clock_type::now();
     EXPECT_TRUE(rtrace_read_apps(*trace_, *block));
@@ -216,7 +218,7 @@ TEST_F(rtrace_programs, that_write_a_megabyte_at_once_wait_for_the_next_interval
     rtrace_apps* block = start(rtrace_pidstat, 0);
     reader_thread client(unique_fd(client_.a.release()));
     ASSERT_TRUE(eventually([this, block] {
-        pollfd full = {block->pipes[0][1], POLLOUT, 0};
+        pollfd full = {block->apps[0].write_end.get(), POLLOUT, 0};
         return poll(&full, 1, 0) == 0;
     }));
     EXPECT_TRUE(rtrace_read_apps(*trace_, *block));
@@ -232,13 +234,13 @@ TEST_F(rtrace_programs, that_write_a_megabyte_at_once_wait_for_the_next_interval
 TEST_F(rtrace_programs, output_beyond_204799_bytes_is_left_for_the_next_record) {
     put_program("pidstat", "exec sleep 1000\n");
     rtrace_apps* block = start(rtrace_pidstat, 0);
-    if (fcntl(block->pipes[0][1], F_SETPIPE_SZ, 1 << 20) < 0) {
+    if (fcntl(block->apps[0].write_end.get(), F_SETPIPE_SZ, 1 << 20) < 0) {
         end(block);
         GTEST_SKIP() << "no pipe of 1 MiB";
     }
     reader_thread client(unique_fd(client_.a.release()));
     std::string text(300000, 'x');
-    ASSERT_EQ(write(block->pipes[0][1], text.data(), text.size()), 300000);
+    ASSERT_EQ(write(block->apps[0].write_end.get(), text.data(), text.size()), 300000);
     EXPECT_TRUE(rtrace_read_apps(*trace_, *block));
     EXPECT_TRUE(rtrace_read_apps(*trace_, *block));
     end(block);
@@ -297,9 +299,9 @@ TEST_F(rtrace_programs, are_not_waited_for_when_the_client_has_gone) {
 TEST_F(rtrace_programs, that_ignore_sigterm_are_killed_after_their_time) {
     put_program("pidstat", "trap '' TERM\necho ready\nwhile :; do sleep 0.01; done\n");
     rtrace_apps* block = start(rtrace_pidstat, 1);
-    pollfd talks = {block->pipes[0][0], POLLIN, 0};
+    pollfd talks = {block->apps[0].read_end.get(), POLLIN, 0};
     ASSERT_EQ(poll(&talks, 1, 10000), 1);
-    pid_t pid = block->pids[0];
+    pid_t pid = block->apps[0].pid;
     auto begun = clock_type::now();
     end(block);
     auto took = clock_type::now() - begun;
@@ -312,7 +314,7 @@ TEST_F(rtrace_programs, that_ignore_sigterm_are_killed_after_their_time) {
 TEST_F(rtrace_programs, that_are_stopped_are_killed_after_their_time) {
     put_program("pidstat", "exec sleep 1000\n");
     rtrace_apps* block = start(rtrace_pidstat, 1);
-    ASSERT_EQ(kill(block->pids[0], SIGSTOP), 0);
+    ASSERT_EQ(kill(block->apps[0].pid, SIGSTOP), 0);
     end(block);
     EXPECT_TRUE(has_no_children());
 }
@@ -320,7 +322,7 @@ TEST_F(rtrace_programs, that_are_stopped_are_killed_after_their_time) {
 TEST_F(rtrace_programs, whose_stops_are_for_a_tracer_are_ended_nevertheless) {
     put_program("pidstat", "exec sleep 1000\n");
     rtrace_apps* block = start(rtrace_pidstat, 1);
-    const pid_t pid = block->pids[0];
+    const pid_t pid = block->apps[0].pid;
     std::atomic<bool> over{false};
     std::thread tracer([&] {
         EXPECT_EQ(ptrace(PTRACE_ATTACH, pid, nullptr, nullptr), 0);
@@ -345,9 +347,9 @@ TEST_F(rtrace_programs, whose_pipe_cannot_be_made_leave_the_others_running_until
     EXPECT_EQ(block, nullptr);
     ASSERT_NE(trace_->unread, nullptr);
     EXPECT_EQ(trace_->unread->count, 1);
-    pollfd talks = {trace_->unread->pipes[0][0], POLLIN, 0};
+    pollfd talks = {trace_->unread->apps[0].read_end.get(), POLLIN, 0};
     EXPECT_EQ(poll(&talks, 1, 10000), 1);
-    EXPECT_TRUE(is_alive(trace_->unread->pids[0]));
+    EXPECT_TRUE(is_alive(trace_->unread->apps[0].pid));
     end(std::exchange(trace_->unread, nullptr));
     EXPECT_TRUE(has_no_children());
 }
@@ -358,10 +360,9 @@ TEST_F(rtrace_programs, that_never_became_a_process_are_not_sent_a_signal) {
         // In a process group of its own, so that a signal to a group or to everyone is noticed here.
         setpgid(0, 0);
         signal(SIGTERM, [](int) { _exit(9); });
-        auto* block = static_cast<rtrace_apps*>(calloc(1, sizeof(rtrace_apps)));
+        rtrace_apps* block = rtrace_new_apps();
         block->count = 1;
-        block->pids[0] = 0;
-        (void)!pipe2(block->pipes[0], O_CLOEXEC);
+        block->apps[0].pid = 0;
         return rtrace_end_apps(trace_.get(), block) == 0 ? 0 : 1;
     });
     EXPECT_TRUE(exited_with(status, 0));
@@ -374,7 +375,7 @@ TEST_F(rtrace_programs, end_of_nothing_is_refused) {
     put_talkers();
     rtrace_apps* block = start(rtrace_iostat);
     EXPECT_EQ(rtrace_end_apps(nullptr, block), -1);
-    EXPECT_TRUE(is_alive(block->pids[0]));
+    EXPECT_TRUE(is_alive(block->apps[0].pid));
     end(block);
 }
 

@@ -213,7 +213,7 @@ TEST_F(rtrace_disks, that_hang_do_not_keep_the_client_s_end_from_being_noticed) 
     }
     root_.write_file("proc/mounts", lines);
     test_socketpair client;
-    std::string room(rtrace_sink::room_size, '\0');
+    std::string room(rtrace_sink::buffer_size, '\0');
     client.a.reset();
     auto begun = std::chrono::steady_clock::now();
     EXPECT_FALSE(rtrace_sample_disks({client.b.get(), room.data()}, mounts_, root_.path().c_str()));

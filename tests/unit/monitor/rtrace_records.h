@@ -104,7 +104,7 @@ inline trace_record record_of(uint32_t type, std::string data, int more) {
 // A sink whose stream is collected; what samplers write must fit, so a thread empties it.
 class collected_sink {
 public:
-    collected_sink() : room_(rtrace_sink::room_size, 'X'), reader_(unique_fd(pipe_.out.release())) {}
+    collected_sink() : room_(rtrace_sink::buffer_size, 'X'), reader_(unique_fd(pipe_.out.release())) {}
     collected_sink(const collected_sink&) = delete;
     collected_sink& operator=(const collected_sink&) = delete;
     ~collected_sink() { pipe_.in.reset(); }
@@ -126,7 +126,7 @@ private:
 // A sink that nobody reads from any more.
 class closed_sink {
 public:
-    closed_sink() : room_(rtrace_sink::room_size, 'X') {
+    closed_sink() : room_(rtrace_sink::buffer_size, 'X') {
         signal(SIGPIPE, SIG_IGN);
         pipe_.out.reset();
     }
