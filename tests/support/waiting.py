@@ -10,8 +10,7 @@ ATTEMPTS = 20
 
 
 def wait_for(condition, what, seconds=PATIENCE, poll_s=POLL_S):
-    """Returns the first true value of `condition()`. Fails with `what`, a text or a function that returns
-    one.
+    """Returns the first true value of `condition()`. Fails with `what`, a text or a function that makes it.
 
     The condition is evaluated at least ATTEMPTS times, so a machine that stalls for longer than the timeout
     does not fail the test.
@@ -21,6 +20,6 @@ def wait_for(condition, what, seconds=PATIENCE, poll_s=POLL_S):
     while not (value := condition()):
         attempts += 1
         timed_out = attempts >= ATTEMPTS and time.monotonic() >= end
-        assert not timed_out, f"after {seconds} s still not: {what() if callable(what) else what}"
+        assert not timed_out, f"not within {seconds} s: {what() if callable(what) else what}"
         time.sleep(poll_s)
     return value
