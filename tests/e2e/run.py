@@ -97,8 +97,9 @@ def main():
     if not test_file.exists():
         sys.exit(f"run.py: no such test file: {test_file}")
     signal.signal(signal.SIGTERM, lambda number, frame: sys.exit(128 + number))
-    # A shell starts background jobs with SIGINT ignored, which all programs here would inherit.
+    # A shell starts background jobs with SIGINT and SIGQUIT ignored, which all programs here would inherit.
     signal.signal(signal.SIGINT, signal.default_int_handler)
+    signal.signal(signal.SIGQUIT, signal.SIG_DFL)
     folder = tempfile.mkdtemp(prefix="zarvo-e2e-")
     try:
         # A file that is written in the sandbox is only sure to be visible outside if it is below /tmp.
