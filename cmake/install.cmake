@@ -1,12 +1,12 @@
-# What `cmake --install` and cpack make of a build.
+# The components that `cmake --install` and cpack install.
 #
-#   device   zarvo, a link for each applet but ctest, their manual pages
-#   ctest    the link and the page of that applet: a development machine's CMake has a program of that name
+#   device   zarvo, a link for each applet except ctest, and their manual pages
+#   ctest    the link and the page of that applet, since CMake has a program of that name
 #   tools    webfront, dcore, rtraceview and their pages
-#   standin  the platform libraries for a machine without them, where only zarvo and webfront look
+#   standin  platform libraries for a machine without them, in a folder that only zarvo and webfront search
 #
-# The device gets the first two, and the tools only when they are asked for by name; it has platform libraries
-# of its own. A development machine gets all of them, its Debian package all but ctest.
+# The device gets the first two, and the tools only if they are named; it has its own platform libraries.
+# A development machine gets all of them, its Debian package all except ctest.
 
 get_target_property(applets zarvo ZARVO_APPLETS)
 set(tools webfront dcore)
@@ -18,8 +18,8 @@ else()
   set_target_properties(zarvo webfront PROPERTIES INSTALL_RPATH "$ORIGIN/../lib/zarvo")
 endif()
 
-# zarvo_install_pages(COMPONENT NAMES...): the programs' manual pages, compressed as Debian wants them. Further
-# words go to install().
+# zarvo_install_pages(COMPONENT NAMES... [EXCLUDE_FROM_ALL]): installs the programs' manual pages, compressed as
+# Debian requires.
 find_program(ZARVO_GZIP gzip REQUIRED)
 function(zarvo_install_pages component)
   cmake_parse_arguments(arg "EXCLUDE_FROM_ALL" "" "" ${ARGN})
@@ -40,7 +40,7 @@ function(zarvo_install_pages component)
   install(FILES ${pages} DESTINATION share/man/man1 COMPONENT ${component} ${when})
 endfunction()
 
-# What is installed has no symbols; the build folder's programs keep theirs.
+# Installed programs are stripped; those in the build folder keep their symbols.
 install(CODE "set(CMAKE_INSTALL_DO_STRIP TRUE)" ALL_COMPONENTS)
 
 install(TARGETS zarvo RUNTIME DESTINATION bin COMPONENT device)
@@ -68,7 +68,7 @@ zarvo_install_pages(device ${device_pages})
 zarvo_install_pages(ctest ctest)
 zarvo_install_pages(tools ${tools} ${when_asked})
 
-# A tarball to be unpacked in the device's root folder, or a Debian package for a development machine.
+# A tarball to unpack in the device's root folder, or a Debian package for a development machine.
 set(CPACK_PACKAGE_VENDOR "zarvo")
 set(CPACK_PACKAGE_CONTACT "zarvo <root@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
@@ -88,7 +88,7 @@ else()
   set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
   set(CPACK_DEBIAN_PACKAGE_SECTION devel)
   set(CPACK_DEBIAN_PACKAGE_RECOMMENDS libcurl4)
-  # What the programs are linked with says what the package depends on; the stand-ins are its own.
+  # The package depends on the libraries that its programs are linked with, except its own stand-ins.
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
 endif()

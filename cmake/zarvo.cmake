@@ -1,4 +1,4 @@
-# Settings that every target shares, and the functions with which the folders declare theirs.
+# Settings for all targets, and the functions with which folders declare their targets.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -16,14 +16,14 @@ option(ZARVO_FUZZ "Build the fuzz targets (clang only)" OFF)
 
 find_program(ZARVO_CCACHE ccache)
 if(ZARVO_CCACHE)
-  # Paths below the tree count as relative, so that clones share what they compile.
+  # Paths in the tree are hashed as relative ones, so that clones share compiled objects.
   set(CMAKE_CXX_COMPILER_LAUNCHER
     ${CMAKE_COMMAND} -E env "CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}" CCACHE_NOHASHDIR=1 "${ZARVO_CCACHE}")
 endif()
 
 find_package(Threads REQUIRED)
 
-# What the whole tree is compiled with, tests and tools included.
+# Options for the whole tree, including tests and tools.
 add_library(zarvo_common_options INTERFACE)
 target_include_directories(zarvo_common_options INTERFACE "${PROJECT_SOURCE_DIR}")
 target_compile_definitions(zarvo_common_options INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
@@ -34,7 +34,7 @@ if(ZARVO_SANITIZE)
     "-fsanitize=${ZARVO_SANITIZE}" -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(zarvo_common_options INTERFACE "-fsanitize=${ZARVO_SANITIZE}")
   if(ZARVO_SANITIZE MATCHES thread)
-    # gcc warns about fences, which the thread sanitizer does not follow; the standard library has some.
+    # gcc warns that the thread sanitizer does not support fences; the standard library has some.
     target_compile_options(zarvo_common_options INTERFACE -Wno-tsan)
   endif()
 endif()
@@ -42,7 +42,7 @@ if(ZARVO_FUZZ)
   target_compile_options(zarvo_common_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# What goes onto the device: no exceptions, no run-time type information, unused sections dropped.
+# Options for code on the device: no exceptions, no run-time type information, separate sections.
 add_library(zarvo_product_options INTERFACE)
 target_link_libraries(zarvo_product_options INTERFACE zarvo_common_options)
 target_compile_options(zarvo_product_options INTERFACE

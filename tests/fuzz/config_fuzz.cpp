@@ -1,6 +1,6 @@
-// Any bytes as a configuration file: each entry is whole, keys are real, and the reading ends.
+// Reads any bytes as a configuration file: each entry is complete, its key is valid, and there are no more
+// entries than lines.
 #include <stdint.h>
-#include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -8,16 +8,11 @@
 #include <string>
 
 #include "platform/mirnel.h"
+#include "tests/fuzz/require.h"
 
 namespace {
 
-void require(bool fact) {
-    if (!fact) {
-        abort();
-    }
-}
-
-// A key: not empty, one line, no blank at either end, nothing that would have made it something else.
+// A key is one line without blanks at its ends, and not a comment or a section.
 bool is_key(const std::string& key) {
     return !key.empty() && key.find_first_of("=\n") == std::string::npos &&
            key.find_first_of(" \t\r\v\f") != 0 && key.find_last_of(" \t\r\v\f") + 1 != key.size() &&

@@ -1,5 +1,5 @@
-// Any bytes as what a dumper says: the line is what a plain reading of the bytes says, and reading it from a
-// pipe gives the same.
+// Parses any bytes as a dumper's control line: the result is that of a simple reference parser, and a pipe
+// delivers the same line.
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -15,35 +15,30 @@
 
 #include "common/unique_fd.h"
 #include "dump/control_line.h"
+#include "tests/fuzz/require.h"
 
 namespace {
-
-void require(bool fact) {
-    if (!fact) {
-        abort();
-    }
-}
 
 bool is_digit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// What the C library makes of the decimal number at `at`, within the 32 bits of the device's int; 0 when it
-// does not fit.
+// Converts the decimal number at `at` with the C library. Returns 0 if it does not fit into 32 bits, the
+// device's int.
 int number_at(const std::string& text, size_t at, size_t* end) {
-    char* behind = nullptr;
+    char* after = nullptr;
     errno = 0;
-    long long value = strtoll(text.c_str() + at, &behind, 10);
-    *end = static_cast<size_t>(behind - text.c_str());
+    long long value = strtoll(text.c_str() + at, &after, 10);
+    *end = static_cast<size_t>(after - text.c_str());
     return errno == 0 && value <= INT_MAX && value >= INT_MIN ? static_cast<int>(value) : 0;
 }
 
-struct reading {
+struct parsed_line {
     int core_length = 0;
     std::vector<pid_t> pids;
 };
 
-// Blanks and tabs may stand before the length, a sign other than '-' may not.
+// The length may have blanks and tabs before it, and '-', but no other sign.
 bool has_number(const std::string& text, size_t* at) {
     while (*at < text.size() && (text[*at] == ' ' || text[*at] == '\t')) {
         (*at)++;
@@ -52,8 +47,8 @@ bool has_number(const std::string& text, size_t* at) {
     return digit < text.size() && is_digit(text[digit]);
 }
 
-reading plain_reading(std::string text) {
-    reading found;
+parsed_line parse_reference(std::string text) {
+    parsed_line found;
     text.resize(std::min(text.find('\n'), text.size()));
     size_t at = 8;
     if (text.size() < at || !has_number(text, &at)) {
@@ -61,8 +56,8 @@ reading plain_reading(std::string text) {
     }
     found.core_length = std::max(0, number_at(text, at, &at));
     at = std::min(at + 21, text.size());
-    for (auto left = 1 + std::count(text.begin() + static_cast<std::ptrdiff_t>(at), text.end(), ' ');
-         left > 0; left--) {
+    const auto limit = 1 + std::count(text.begin() + static_cast<std::ptrdiff_t>(at), text.end(), ' ');
+    for (auto i = limit; i > 0; i--) {
         while (at < text.size() && !is_digit(text[at])) {
             at++;
         }
@@ -77,11 +72,11 @@ reading plain_reading(std::string text) {
     return found;
 }
 
-// In memory of its own length, so that reading further is found.
-reading parsed(const std::string& text) {
+// Parses a copy of exactly its length, so that the address sanitizer detects a read beyond it.
+parsed_line parse(const std::string& text) {
     std::vector<char> exact(text.begin(), text.end());
     control_line line = control_line_parse({exact.data(), exact.size()});
-    reading found;
+    parsed_line found;
     found.core_length = line.core_length;
     for (pid_t pid; control_line_next_pid(&line, &pid);) {
         found.pids.push_back(pid);
@@ -89,8 +84,8 @@ reading parsed(const std::string& text) {
     return found;
 }
 
-// The reports of lines that are too long would drown what the fuzzer says.
-int read_in_silence(int fd, control_text* text) {
+// Discards the reports of lines that are too long, which would hide the fuzzer's own output.
+int read_silently(int fd, control_text* text) {
     static const unique_fd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
     static const unique_fd standard_error(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     dup2(null.get(), STDERR_FILENO);
@@ -99,20 +94,20 @@ int read_in_silence(int fd, control_text* text) {
     return result;
 }
 
-void check_pipe(const std::string& said) {
+void check_pipe(const std::string& sent) {
     constexpr size_t fits_into_a_pipe = 4096;
     int ends[2];
     require(pipe2(ends, O_CLOEXEC) == 0);
     unique_fd out(ends[0]);
     unique_fd in(ends[1]);
-    size_t length = std::min(said.size(), fits_into_a_pipe);
-    require(write(in.get(), said.data(), length) == static_cast<ssize_t>(length));
+    size_t length = std::min(sent.size(), fits_into_a_pipe);
+    require(write(in.get(), sent.data(), length) == static_cast<ssize_t>(length));
     in.reset();
     control_text text;
-    int result = read_in_silence(out.get(), &text);
-    size_t newline = said.substr(0, length).find('\n');
+    int result = read_silently(out.get(), &text);
+    size_t newline = sent.substr(0, length).find('\n');
     require(text.length <= sizeof text.bytes && text.line_length <= text.length);
-    require(said.compare(0, text.length, text.bytes, text.length) == 0);
+    require(sent.compare(0, text.length, text.bytes, text.length) == 0);
     if (newline < control_line_limit) {
         require(result == 0 && text.line_length == newline + 1);
     } else {
@@ -123,11 +118,11 @@ void check_pipe(const std::string& said) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::string said(reinterpret_cast<const char*>(data), size);
-    reading wanted = plain_reading(said);
-    reading got = parsed(said);
+    std::string sent(reinterpret_cast<const char*>(data), size);
+    const parsed_line wanted = parse_reference(sent);
+    const parsed_line got = parse(sent);
     require(got.core_length == wanted.core_length);
     require(got.pids == wanted.pids);
-    check_pipe(said);
+    check_pipe(sent);
     return 0;
 }

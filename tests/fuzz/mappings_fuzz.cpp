@@ -1,10 +1,10 @@
-// Any bytes as the files of a process that the dumper reads: mappings, stat, status. What is understood makes
-// sense, and a plan made of it adds up.
+// Parses any bytes as the files of a process that the dumper reads: mappings, stat and status. Parsed values
+// are valid, and the sizes of a core planned from them add up.
 #include <stdint.h>
-#include <stdlib.h>
 
 #include <string_view>
 
+#include "tests/fuzz/require.h"
 #include "tools/dcore/filter.h"
 #include "tools/dcore/layout.h"
 #include "tools/dcore/mappings.h"
@@ -14,13 +14,8 @@ namespace {
 
 constexpr uint64_t page = 4096;
 
-void require(bool fact) {
-    if (!fact) {
-        abort();
-    }
-}
-
-// Mappings in order and on page boundaries, as the kernel has them, with every second page as content.
+// Plans mappings in order and on page boundaries, as the kernel lists them, with every second page as
+// content.
 void plan(core_layout& layout, const core_mapping& mapping, uint64_t& last_end) {
     if (mapping.start % page != 0 || mapping.end % page != 0 || mapping.start < last_end) {
         return;

@@ -1,5 +1,5 @@
-// Any bytes as a flash partition: the newest record is one that is printed, both directions print the same
-// records, and each text stays inside its page.
+// Reads any bytes as a flash partition: the newest record is printed, both directions print the same records,
+// and no text is longer than its page.
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -11,19 +11,14 @@
 
 #include "oops/flash_device.h"
 #include "oops/oopslog.h"
+#include "tests/fuzz/require.h"
 
 namespace {
 
-constexpr size_t short_page = 64;  // of the input's bytes; the rest of a page repeats them
+constexpr size_t short_page = 64;  // bytes of the input for each page, which repeats them
 
-void require(bool fact) {
-    if (!fact) {
-        abort();
-    }
-}
-
-// Small inputs shall make rings of several pages: each piece of the input is spread over a whole page. A page
-// whose piece is cut off can't be read.
+// Repeats each piece of the input over a whole page, so that small inputs give rings of several pages. A page
+// with an incomplete piece is unreadable.
 struct spread_flash {
     const uint8_t* data;
     size_t size;
@@ -50,7 +45,7 @@ void check_page(const uint8_t* data, size_t size) {
     require(page.is_erased == (page.count == 0xffffffff));
 }
 
-// The letters of all that is printed, in an order that doesn't depend on the records'.
+// The characters of the whole output, sorted, so that they do not depend on the order of the records.
 std::string sorted_print(const oops_ring& ring, int64_t newest, int step) {
     char* text = nullptr;
     size_t size = 0;

@@ -1,25 +1,19 @@
-// Any registers and any memory as a system call: the line is one line, within its buffer, and has the call's
-// name.
+// Prints a system call with any registers and any memory: the output is one line with the call's name, and
+// stays within its buffer.
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
 #include <string_view>
 #include <vector>
 
+#include "tests/fuzz/require.h"
 #include "trace/print_syscall.h"
 #include "trace/syscall_names.h"
 
 namespace {
 
-void require(bool fact) {
-    if (!fact) {
-        abort();
-    }
-}
-
-// Memory from the input; every address has some, the first bytes following the last, but for a hole.
+// Memory that repeats the input at every address. A read stops at the end of the input.
 struct random_memory {
     std::string_view bytes;
 
@@ -54,13 +48,13 @@ int describe(const syscall_view& view, int fd, char* buf, size_t len) {
 }
 
 void check(const syscall_view& view, syscall_record call, bool entry, size_t size) {
-    std::vector<char> room(size + 1, '#');
-    int length = print_syscall(view, &call, entry, room.data(), static_cast<int>(size));
-    require(room[size] == '#' && length > 0);
-    size_t shown = strnlen(room.data(), size);
+    std::vector<char> buffer(size + 1, '#');
+    int length = print_syscall(view, &call, entry, buffer.data(), static_cast<int>(size));
+    require(buffer[size] == '#' && length > 0);
+    size_t shown = strnlen(buffer.data(), size);
     require(shown < size && shown <= static_cast<size_t>(length));
     if (static_cast<size_t>(length) < size) {
-        std::string_view line(room.data(), shown);
+        std::string_view line(buffer.data(), shown);
         require(line.size() == static_cast<size_t>(length));
         require(line.starts_with("[42 name] ["));
         require(call.number == 4102 ||
@@ -81,8 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                             random_memory::read_file};
     syscall_view view = {42, "name", &memory, describe, nullptr, &bytes};
     for (bool entry : {true, false}) {
-        for (size_t room : {1, 40, 130, 4096}) {
-            check(view, call, entry, room);
+        for (size_t buffer_size : {1, 40, 130, 4096}) {
+            check(view, call, entry, buffer_size);
         }
     }
     return 0;

@@ -1,6 +1,5 @@
-// Any bytes as a query: what CGI_get_value says must be what a plain decoder, written the slow way, says.
+// Parses any bytes as a query: CGI_get_value returns what a simple reference decoder returns.
 #include <stdint.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <string>
@@ -8,6 +7,7 @@
 #include <vector>
 
 #include "platform/vextor.h"
+#include "tests/fuzz/require.h"
 
 namespace {
 
@@ -15,12 +15,6 @@ struct reference_pair {
     std::string name;
     std::string value;
 };
-
-void require(bool fact) {
-    if (!fact) {
-        abort();
-    }
-}
 
 int digit_value(char digit) {
     constexpr std::string_view digits = "0123456789abcdef0123456789ABCDEF";
@@ -90,8 +84,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     CGI_save_env();
     for (const reference_pair& one : pairs) {
-        compare(pairs, one.name.c_str(), query.size());   // cut at a NUL: may be nobody's name
-        compare(pairs, one.value.c_str(), query.size());  // most often nobody's name
+        compare(pairs, one.name.c_str(), query.size());   // cut at a NUL, so possibly not a name
+        compare(pairs, one.value.c_str(), query.size());  // rarely a name
     }
     compare(pairs, "", query.size());
     compare(pairs, query, query.size());

@@ -1,7 +1,7 @@
-// Any bytes as a request message: what the browser gets must be what a plain reading of the message says.
+// Serves any bytes as a request message: the browser gets the answer that a simple reference parser expects.
 //
-// No thread can be started, so no worker runs and every answer is there when the call returns. Processes are
-// looked for on a private machine; without the rights for one, requests that look for them are passed over.
+// No thread can be started, so no worker runs, and the answer is complete when the call returns. Processes
+// are searched in private namespaces. Without the privilege for those, requests that search them are skipped.
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -28,6 +28,7 @@
 #include "common/unique_fd.h"
 #include "platform/vextor.h"
 #include "proc/proc_list.h"
+#include "tests/fuzz/require.h"
 
 namespace {
 
@@ -45,16 +46,10 @@ constexpr std::string_view busy =
     "Another Crash Report generation is in progress. Please try again later ...\r\n"
     "</BODY></HTML>\r\n\r\n";
 
-bool on_private_machine = false;
+bool in_private_namespaces = false;
 
-void require(bool fact) {
-    if (!fact) {
-        abort();
-    }
-}
-
-// Waits for `child` and every orphan, then ends as it did.
-[[noreturn]] void end_as(pid_t child) {
+// Waits for `child`, reaping orphans, and exits with its status.
+[[noreturn]] void exit_with_status_of(pid_t child) {
     for (;;) {
         int status = 0;
         pid_t ended = wait(&status);
@@ -64,25 +59,25 @@ void require(bool fact) {
     }
 }
 
-// Forks; the parent stays behind to end as the child does, the child goes on.
-void go_on_in_child() {
+// Forks and returns in the child. The parent exits with the child's status.
+void continue_in_child() {
     pid_t child = fork();
     require(child >= 0);
     if (child > 0) {
-        end_as(child);
+        exit_with_status_of(child);
     }
     prctl(PR_SET_PDEATHSIG, SIGKILL);
 }
 
-void enter_private_machine() {
+void enter_private_namespaces() {
     if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0) {
         return;
     }
-    go_on_in_child();
+    continue_in_child();
     require(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
             mount("proc", "/proc", "proc", 0, nullptr) == 0);
-    go_on_in_child();
-    on_private_machine = true;
+    continue_in_child();
+    in_private_namespaces = true;
 }
 
 void forbid_new_threads() {
@@ -92,14 +87,14 @@ void forbid_new_threads() {
     require(pthread_setattr_default_np(&attributes) == 0);
 }
 
-// What has to become of a request.
+// The expected result of a request.
 struct outcome {
-    bool is_skipped = false;  // it would really dump, or look at the machine's processes
+    bool is_skipped = false;  // it would dump a process, or search this machine's processes
     bool is_kept = false;     // the browser waits
     bool sets_pop = false;    // the pop flag becomes `pop`
     bool pop = false;
     std::string_view answer;
-    std::string_view or_answer;  // just as good; empty for none
+    std::string_view or_answer;  // also accepted, if not empty
 };
 
 outcome answered(std::string_view answer, std::string_view or_answer = {}) {
@@ -115,7 +110,7 @@ outcome skipped() {
     return result;
 }
 
-// Whether a core request with this "pid" finds a process.
+// True if a core request with this "pid" finds a process.
 bool finds_process(const char* text) {
     pid_t pid = query_number(text);
     if (pid != -1) {
@@ -133,7 +128,7 @@ outcome expected_of_core(const char* pid) {
         waits.is_kept = true;
         return waits;
     }
-    return !on_private_machine || finds_process(pid) ? skipped() : answered(bad_request);
+    return !in_private_namespaces || finds_process(pid) ? skipped() : answered(bad_request);
 }
 
 outcome expected_of_command(std::string_view cmd) {
@@ -142,7 +137,7 @@ outcome expected_of_command(std::string_view cmd) {
         return expected_of_core(pid);
     }
     if (cmd.starts_with("strace")) {
-        return on_private_machine ? answered(bad_request, broken_server) : skipped();
+        return in_private_namespaces ? answered(bad_request, broken_server) : skipped();
     }
     bool is_known = cmd.starts_with("pcapdump") || cmd.starts_with("ps") || cmd.starts_with("rtrace");
     return answered(is_known ? broken_server : bad_request);
@@ -178,13 +173,13 @@ outcome expected_of(const std::string& message, bool is_busy) {
     return result;
 }
 
-// All that has been written onto a connection that is closed by now.
+// Returns everything written to a connection, which must be closed.
 std::string answer_on(int fd) {
     std::string all;
     char block[1024];
     for (;;) {
         ssize_t got = recv(fd, block, sizeof block, MSG_DONTWAIT);
-        require(got >= 0);  // -1: still open
+        require(got >= 0);  // fails if it is still open
         if (got == 0) {
             return all;
         }
@@ -209,7 +204,8 @@ int lowest_free_descriptor() {
     return unique_fd(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)).get();
 }
 
-// The message in memory of its own length, with the zero byte behind it, so that reading further is found.
+// Serves a copy of exactly the message and its terminating zero, so that the address sanitizer detects a read
+// beyond it.
 void serve(int client_fd, const std::string& message) {
     unique_malloc<char> text(static_cast<char*>(malloc(message.size() + 1)));
     memcpy(text.get(), message.c_str(), message.size() + 1);
@@ -220,16 +216,16 @@ void serve(int client_fd, const std::string& message) {
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     signal(SIGPIPE, SIG_IGN);
-    enter_private_machine();
+    enter_private_namespaces();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool has_no_threads = (forbid_new_threads(), true);
-    require(has_no_threads);
+    static const bool is_forbidden = (forbid_new_threads(), true);
+    require(is_forbidden);
     std::string message(reinterpret_cast<const char*>(data), std::min(size, longest_message));
     if (message.empty()) {
-        return 0;  // the listener never passes one on
+        return 0;  // the listener passes on no empty message
     }
     bool is_busy = message.size() % 2 == 0;
     outcome wanted = expected_of(message, is_busy);
@@ -251,6 +247,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         check_answered(browser.get(), wanted);
     }
     browser.reset();
-    require(lowest_free_descriptor() == free_before);  // what is left open takes the lowest
+    require(lowest_free_descriptor() == free_before);  // nothing was left open
     return 0;
 }

@@ -1,5 +1,5 @@
-// Any bytes as a resource trace, in all views. However the bytes are handed out, the same comes out, and what
-// is complained about lies within them.
+// Shows any bytes as a resource trace, in all views: the output does not depend on the sizes of the reads,
+// and offsets in remarks are within the trace.
 #include <stdint.h>
 #include <stdlib.h>
 
@@ -7,15 +7,10 @@
 #include <cstring>
 #include <string>
 
+#include "tests/fuzz/require.h"
 #include "tools/rtraceview/view.h"
 
 namespace {
-
-void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 struct viewed {
     std::string text;
@@ -26,8 +21,8 @@ viewed view(const uint8_t* data, size_t size, view_format format, size_t piece) 
     viewed all;
     size_t offset = 0;
     text_output out([&all](std::string_view text) { all.text.append(text); });
-    auto source = [&](char* to, size_t room) {
-        size_t count = std::min({room, piece, size - offset});
+    auto source = [&](char* to, size_t limit) {
+        size_t count = std::min({limit, piece, size - offset});
         memcpy(to, data + offset, count);
         offset += count;
         return count;
@@ -45,7 +40,7 @@ viewed view(const uint8_t* data, size_t size, view_format format, size_t piece) 
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (view_format format : {view_format::text, view_format::json, view_format::csv, view_format::html}) {
-        // The page is large whatever is in it, which would take most of the time.
+        // Even an empty page is large and would take most of the time.
         if (format == view_format::html && size % 8 != 0) {
             continue;
         }

@@ -1,33 +1,27 @@
-// Any bytes as lines of a socket table: the row is within its bounds, and its text is whole or cut, never
-// beyond.
+// Parses any bytes as lines of a socket table: the row is within its limits, and its text is complete or cut,
+// and stays within its buffer.
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <string_view>
 
 #include "proc/socket_table.h"
 #include "proc/socket_text.h"
+#include "tests/fuzz/require.h"
 
 namespace {
 
-void require(bool fact) {
-    if (!fact) {
-        abort();
-    }
-}
-
-void check_text(const socket_row& row, size_t room) {
+void check_text(const socket_row& row, size_t size) {
     char buf[256];
     memset(buf, '#', sizeof buf);
-    int length = socket_row_text(row, buf, room);
-    require(length >= 0 && buf[room] == '#');
-    if (length > 0 && room > 0) {
-        size_t shown = strnlen(buf, room);
-        require(shown < room);
-        require(static_cast<size_t>(length) < room ? shown == static_cast<size_t>(length)
-                                                   : shown == room - 1);
-        require(buf[0] == '[' || room == 1);
+    int length = socket_row_text(row, buf, size);
+    require(length >= 0 && buf[size] == '#');
+    if (length > 0 && size > 0) {
+        size_t shown = strnlen(buf, size);
+        require(shown < size);
+        require(static_cast<size_t>(length) < size ? shown == static_cast<size_t>(length)
+                                                   : shown == size - 1);
+        require(buf[0] == '[' || size == 1);
     }
 }
 
@@ -39,8 +33,8 @@ void check_line(socket_row::table table, std::string_view line) {
     if (has_inode) {
         require(row.inode == inode && row.from == table);
         require(strnlen(row.path, sizeof row.path) < sizeof row.path && !strchr(row.path, '\n'));
-        for (size_t room : {0, 1, 2, 20, 60, 255}) {
-            check_text(row, room);
+        for (size_t size : {0, 1, 2, 20, 60, 255}) {
+            check_text(row, size);
         }
     }
 }
