@@ -175,4 +175,4 @@ def test_killed_dumper_releases_the_process(machine):
 def test_kernel_thread_is_refused(machine):
     done = machine.run("dcore 2")
     length, text = announced(done.err)
-    assert (done.status, done.out, length, text) == (1, b"", 0, "dcore: 2: is a thread of the kernel\n")
+    assert (done.status, done.out, length, text) == (1, b"", 0, "dcore: 2: is a kernel thread\n")

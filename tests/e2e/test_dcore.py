@@ -210,7 +210,7 @@ def test_full_file_system_is_reported(start_target):
 def test_missing_process_is_refused():
     gone = subprocess.Popen(["true"])
     gone.wait()
-    assert refusal(gone.pid) == "there is no such process"
+    assert refusal(gone.pid) == "no such process"
 
 
 def test_zombie_is_refused():
@@ -223,7 +223,7 @@ def test_zombie_is_refused():
 def test_kernel_thread_is_refused():
     if not pathlib.Path("/proc/2/stat").exists() or process_stat(2)[0] == "Z" or os.path.exists("/proc/2/exe"):
         pytest.skip("no kernel thread is visible in this PID namespace")
-    assert refusal(2) == "is a thread of the kernel"
+    assert refusal(2) == "is a kernel thread"
 
 
 def test_thread_other_than_the_first_is_refused(start_target):
@@ -236,7 +236,7 @@ def test_process_that_stays_traced_is_refused_after_6_seconds(start_target):
     target = start_target("threads", 0)
     with traced(target.pid):
         began = time.monotonic()
-        assert refusal(target.pid) == f"is traced already, by process {os.getpid()}"
+        assert refusal(target.pid) == f"is already traced by process {os.getpid()}"
         assert time.monotonic() - began >= 6
 
 
@@ -249,4 +249,4 @@ def test_process_of_another_user_is_refused(start_target, program):
                              extra_groups=[])  # fmt: skip
     length, text = announced(ran.stderr)
     assert (ran.returncode, ran.stdout, length) == (1, b"", 0)
-    assert text == f"dcore: {target.pid}: can't be stopped: Operation not permitted\n"
+    assert text == f"dcore: {target.pid}: cannot be stopped: Operation not permitted\n"

@@ -16,20 +16,20 @@ constexpr uint64_t page = 4096;
 
 // Plans mappings in order and on page boundaries, as the kernel lists them, with every second page as
 // content.
-void plan(core_layout& layout, const core_mapping& mapping, uint64_t& last_end) {
-    if (mapping.start % page != 0 || mapping.end % page != 0 || mapping.start < last_end) {
+void plan(core_layout* layout, const core_mapping& mapping, uint64_t* last_end) {
+    if (mapping.start % page != 0 || mapping.end % page != 0 || mapping.start < *last_end) {
         return;
     }
-    last_end = mapping.end;
-    layout_mapping(layout, mapping.start, mapping.end, 0);
+    *last_end = mapping.end;
+    layout_add_mapping(layout, mapping.start, mapping.end, 0);
     if (filter_choose(mapping, 0x33) != core_content::none) {
         for (uint64_t at = mapping.start; at < mapping.end && at < mapping.start + 16 * page;
              at += 2 * page) {
-            layout_content(layout, at, at + page);
+            layout_add_content(layout, at, at + page);
         }
     }
     if (mapping.is_file) {
-        layout_file(layout, mapping.start, mapping.end, mapping.offset, mapping.path);
+        layout_add_file(layout, mapping.start, mapping.end, mapping.offset, mapping.path);
     }
 }
 
@@ -57,20 +57,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     while (!rest.empty()) {
         std::string_view line = rest.substr(0, rest.find('\n'));
         rest.remove_prefix(line.size() < rest.size() ? line.size() + 1 : rest.size());
-        if (mapping_parse_head(line, mapping)) {
+        if (mapping_parse_head(line, &mapping)) {
             require(mapping.start < mapping.end && mapping.path.size() <= line.size());
-            plan(layout, mapping, last_end);
+            plan(&layout, mapping, &last_end);
         } else {
-            mapping_parse_detail(line, mapping);
+            mapping_add_detail(&mapping, line);
         }
     }
     check_plan(layout);
     process_stat stat;
-    if (process_parse_stat(text, stat)) {
+    if (process_parse_stat(text, &stat)) {
         require(stat.name.size() < size && stat.parent >= INT32_MIN);
     }
     process_status status;
-    if (process_parse_status(text, status)) {
+    if (process_parse_status(text, &status)) {
         require(status.process != 0);
     }
     (void)process_parse_filter(text);

@@ -7,7 +7,7 @@
 
 namespace {
 
-enum { r0 = 6, r2 = r0 + 2, r7 = r0 + 7, r29 = r0 + 29, epc = 40 };  // places in the kernel's elf_gregset_t
+enum { r0 = 6, r2 = r0 + 2, r7 = r0 + 7, r29 = r0 + 29, epc = 40 };  // indexes in the kernel's elf_gregset_t
 enum { user_r0 = 0, user_r2 = 2 };                                   // addresses of PTRACE_PEEKUSER
 
 constexpr long restart_without_handler = 514;  // the kernel's ERESTARTNOHAND
@@ -22,21 +22,21 @@ std::string arch_regset_layout(unsigned, std::span<const unsigned char>) {
     return {};
 }
 
-void arch_set_position(arch_registers& registers, core_word stack, core_word program_counter) {
-    registers.value[r29] = stack;
-    registers.value[epc] = program_counter;
+void arch_set_position(arch_registers* registers, core_word stack, core_word program_counter) {
+    registers->value[r29] = stack;
+    registers->value[epc] = program_counter;
 }
 
 void arch_keep_call(pid_t tid, const arch_registers& registers) {
     if (registers.value[r2] != EINTR || registers.value[r7] != 1) {
         return;
     }
-    // After a failed call the kernel keeps its number where register 0 would be; else there is a 0.
+    // After a failed call, the kernel keeps its number in the slot of register 0, which is otherwise 0.
     errno = 0;
     long number = ptrace(PTRACE_PEEKUSER, tid, user_r0, nullptr);
     if (errno == 0 && arch_call_can_be_kept(number)) {
         (void)ptrace(PTRACE_POKEUSER, tid, user_r2,
-                     restart_without_handler);  // a thread that was killed needs it no more
+                     restart_without_handler);  // fails if the thread was killed
     }
 }
 

@@ -1,4 +1,4 @@
-// Looks through a process's mappings and plans its core file.
+// Plans a core file from a process's mappings.
 #pragma once
 
 #include <sys/types.h>
@@ -6,5 +6,5 @@
 #include "tools/dcore/layout.h"
 #include "tools/dcore/memory.h"
 
-// `tid`: a thread of the process, which stands still. `filter`: the bits of its coredump_filter file.
-core_layout collect_layout(pid_t tid, target_memory& memory, uint64_t filter);
+// `tid` is a stopped thread of the process. `filter` holds the bits of its coredump_filter file.
+core_layout collect_layout(target_memory* memory, pid_t tid, uint64_t filter);

@@ -6,15 +6,15 @@
 namespace {
 
 constexpr std::string_view before_length = "length: ";
-constexpr std::string_view behind_length = " bytes; others in it:";
-static_assert(before_length.size() == 8 && behind_length.size() == 21);
+constexpr std::string_view after_length = " bytes; others in it:";
+static_assert(before_length.size() == 8 && after_length.size() == 21);
 
 }  // namespace
 
 std::string control_line(uint64_t length) {
     std::string line(before_length);
     line += std::to_string(length);
-    line += behind_length;
+    line += after_length;
     line += '\n';
     return line;
 }
@@ -26,7 +26,7 @@ std::string control_remark(int pid, std::string_view text) {
     return line;
 }
 
-void control_say(int fd, std::string_view text) {
+void control_write(int fd, std::string_view text) {
     while (!text.empty()) {
         ssize_t wrote = write(fd, text.data(), text.size());
         if (wrote < 0 && errno != EINTR) {

@@ -1,4 +1,4 @@
-// What the dumper says on standard error: the control line first, then, for people, what else there is.
+// The dumper's messages on standard error: first the control line, then messages for people.
 #pragma once
 
 #include <stdint.h>
@@ -6,13 +6,13 @@
 #include <string>
 #include <string_view>
 
-// The line that comes before the first byte of the core: 8 characters, the core's length in bytes, 21
-// characters, then the pids of the further processes that the core covers. A core covers one process, so that
-// there are none.
+// Returns the line that precedes the first byte of the core: 8 characters, the core's length in bytes, 21
+// characters, then the pids of other processes in the core. This dumper's cores have one process, so the list
+// is empty.
 std::string control_line(uint64_t length);
 
-// A line for people: "dcore: PID: TEXT".
+// Returns "dcore: PID: TEXT" and a newline.
 std::string control_remark(int pid, std::string_view text);
 
-// Writes all of `text` to `fd`; what can't be written is lost.
-void control_say(int fd, std::string_view text);
+// Writes all of `text` to `fd`. Gives up on an error.
+void control_write(int fd, std::string_view text);

@@ -6,7 +6,7 @@
 #include "tools/dcore/memory.h"
 #include "tools/dcore/stream.h"
 
-// Puts the whole file into the stream, exactly places.length bytes. The process is let go once its memory is
-// read. Returns 0, or the errno of the write that failed.
-int core_write(const core_notes& notes, const core_places& places, target_memory& memory,
-               core_stream& stream);
+// Writes the whole file to the stream, exactly places.length bytes. Detaches the process as soon as its
+// memory has been read. Returns 0, or the errno of the write that failed.
+int core_write(core_stream* stream, target_memory* memory, const core_notes& notes,
+               const core_places& places);

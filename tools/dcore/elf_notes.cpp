@@ -7,12 +7,14 @@
 #include <algorithm>
 #include <memory>
 
+#include "tools/dcore/note_writer.h"
 #include "tools/dcore/proc_text.h"
+#include "tools/dcore/registers.h"
 
 namespace {
 
-// The kernel's elf_prstatus, elf_prpsinfo. The C library's own have times of another size where a word has 32
-// bits.
+// The kernel's elf_prstatus and elf_prpsinfo. The C library's structures have times of another size on 32-bit
+// machines.
 struct word_time {
     core_word seconds, microseconds;
 };
@@ -37,53 +39,28 @@ static_assert(sizeof(note_status) == (core_is_64 ? 336 : 256) || arch_elf_machin
 static_assert(sizeof(note_process) == (core_is_64 ? 136 : 128));
 static_assert(sizeof(siginfo_t) == 128);
 
-constexpr size_t owner_room = 8;  // "CORE" and "LINUX" with their NUL, up to the next multiple of 4
 constexpr size_t regset_limit = 1 << 16;
-
-uint64_t align(uint64_t length) {
-    return (length + 3) & ~3ull;
-}
-
-uint64_t note_length(uint64_t content) {
-    return sizeof(core_nhdr) + owner_room + align(content);
-}
-
-void put_head(core_stream& stream, unsigned type, const char* owner, uint64_t content) {
-    char name[owner_room] = {};
-    size_t length = strlen(owner) + 1;
-    memcpy(name, owner, length);
-    core_nhdr head = {static_cast<Elf32_Word>(length), static_cast<Elf32_Word>(content), type};
-    stream_put(stream, &head, sizeof head);
-    stream_put(stream, name, align(length));
-    stream_put_zeros(stream, owner_room - align(length));
-}
-
-void put_note(core_stream& stream, unsigned type, const char* owner, const void* content, size_t length) {
-    put_head(stream, type, owner, length);
-    stream_put(stream, content, length);
-    stream_put_zeros(stream, align(length) - length);
-}
 
 word_time time_of(uint64_t ticks) {
     auto rate = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
     return {static_cast<core_word>(ticks / rate), static_cast<core_word>(ticks % rate * (1'000'000 / rate))};
 }
 
-// The first thread's times are those of the process, as the kernel has it.
+// As in the kernel's core files, the times of the first thread are those of the process.
 process_stat stat_of(const core_notes& notes, const held_thread& thread) {
     process_stat stat = notes.facts->stat;
     if (thread.tid != notes.hold->pid) {
         char name[64];
         snprintf(name, sizeof name, "task/%d/stat", thread.tid);
-        process_parse_stat(proc_text(notes.hold->pid, name, 1024), stat);
+        process_parse_stat(proc_text(notes.hold->pid, name, 1024), &stat);
     }
     return stat;
 }
 
-void put_status(const core_notes& notes, const held_thread& thread, core_stream& stream) {
+void write_status(core_stream* stream, const core_notes& notes, const held_thread& thread) {
     process_stat stat = stat_of(notes, thread);
     note_status note;
-    memset(&note, 0, sizeof note);  // the gaps between fields, too
+    memset(&note, 0, sizeof note);  // including the gaps between fields
     note.pending = static_cast<core_word>(thread.pending);
     note.blocked = static_cast<core_word>(thread.blocked);
     note.pid = thread.tid;
@@ -96,10 +73,10 @@ void put_status(const core_notes& notes, const held_thread& thread, core_stream&
     note.children_system = time_of(stat.children_system);
     note.registers = thread.registers;
     note.has_floats = thread.has_registers && notes.regset_size[0] > 0;
-    put_note(stream, NT_PRSTATUS, "CORE", &note, sizeof note);
+    note_write(stream, NT_PRSTATUS, "CORE", &note, sizeof note);
 }
 
-void put_process(const core_notes& notes, core_stream& stream) {
+void write_process(core_stream* stream, const core_notes& notes) {
     const process_stat& stat = notes.facts->stat;
     constexpr std::string_view states = "RSDTZW";
     note_process note;
@@ -119,7 +96,7 @@ void put_process(const core_notes& notes, core_stream& stream) {
     stat.name.copy(note.name, sizeof note.name - 1);
     size_t length = notes.command_line.copy(note.arguments, sizeof note.arguments - 1);
     std::replace(note.arguments, note.arguments + length, '\0', ' ');
-    put_note(stream, NT_PRPSINFO, "CORE", &note, sizeof note);
+    note_write(stream, NT_PRPSINFO, "CORE", &note, sizeof note);
 }
 
 uint64_t files_length(const core_layout& layout) {
@@ -130,29 +107,29 @@ uint64_t files_length(const core_layout& layout) {
     return length;
 }
 
-void put_word(core_stream& stream, uint64_t value) {
+void write_word(core_stream* stream, uint64_t value) {
     auto word = static_cast<core_word>(value);
-    stream_put(stream, &word, sizeof word);
+    stream_write(stream, &word, sizeof word);
 }
 
-void put_files(const core_layout& layout, core_stream& stream) {
+void write_files(core_stream* stream, const core_layout& layout) {
     uint64_t length = files_length(layout);
-    put_head(stream, NT_FILE, "CORE", length);
-    put_word(stream, layout.files.size());
-    put_word(stream, layout.page);
+    note_begin(stream, NT_FILE, "CORE", length);
+    write_word(stream, layout.files.size());
+    write_word(stream, layout.page);
     for (const core_file_mapping& file : layout.files) {
-        put_word(stream, file.start);
-        put_word(stream, file.end);
-        put_word(stream, file.offset_pages);
+        write_word(stream, file.start);
+        write_word(stream, file.end);
+        write_word(stream, file.offset_pages);
     }
     for (const core_file_mapping& file : layout.files) {
-        stream_put(stream, layout.names.data() + file.name, file.name_length);
-        stream_put_zeros(stream, 1);
+        stream_write(stream, layout.names.data() + file.name, file.name_length);
+        stream_write_zeros(stream, 1);
     }
-    stream_put_zeros(stream, align(length) - length);
+    note_end(stream, length);
 }
 
-void put_regsets(const core_notes& notes, const held_thread& thread, core_stream& stream) {
+void write_regsets(core_stream* stream, const core_notes& notes, const held_thread& thread) {
     if (!thread.has_registers) {
         return;
     }
@@ -160,8 +137,8 @@ void put_regsets(const core_notes& notes, const held_thread& thread, core_stream
         size_t size = notes.regset_size[i];
         if (size > 0) {
             auto content = std::make_unique<unsigned char[]>(size);
-            threads_regset(thread, arch_regsets[i].type, content.get(), size);
-            put_note(stream, arch_regsets[i].type, arch_regsets[i].owner, content.get(), size);
+            registers_read_set(thread, arch_regsets[i].type, content.get(), size);
+            note_write(stream, arch_regsets[i].type, arch_regsets[i].owner, content.get(), size);
         }
     }
 }
@@ -174,14 +151,14 @@ uint64_t regsets_length(const core_notes& notes) {
     return length;
 }
 
-void measure_regsets(core_notes& notes) {
+void measure_regsets(core_notes* notes) {
     static_assert(arch_regset_count_max >= 2);
-    auto room = std::make_unique<unsigned char[]>(regset_limit);
-    auto whole = std::ranges::find(notes.hold->threads, true, &held_thread::has_registers);
-    for (size_t i = 0; whole != notes.hold->threads.end() && i < arch_regsets.size(); i++) {
-        size_t size = threads_regset(*whole, arch_regsets[i].type, room.get(), regset_limit);
-        notes.regset_size[i] = size;
-        notes.regset_layout += arch_regset_layout(arch_regsets[i].type, {room.get(), size});
+    auto buffer = std::make_unique<unsigned char[]>(regset_limit);
+    auto whole = std::ranges::find(notes->hold->threads, true, &held_thread::has_registers);
+    for (size_t i = 0; whole != notes->hold->threads.end() && i < arch_regsets.size(); i++) {
+        size_t size = registers_read_set(*whole, arch_regsets[i].type, buffer.get(), regset_limit);
+        notes->regset_size[i] = size;
+        notes->regset_layout += arch_regset_layout(arch_regsets[i].type, {buffer.get(), size});
     }
 }
 
@@ -195,7 +172,7 @@ core_notes notes_prepare(const process_facts& facts, const thread_hold& hold, co
     pid_t tid = hold.threads.front().tid;
     notes.command_line = proc_text(tid, "cmdline", sizeof note_process::arguments);
     notes.auxv = proc_text(tid, "auxv", 4096);
-    measure_regsets(notes);
+    measure_regsets(&notes);
     return notes;
 }
 
@@ -210,20 +187,20 @@ uint64_t notes_length(const core_notes& notes) {
     return length;
 }
 
-void notes_put(const core_notes& notes, core_stream& stream) {
+void notes_write(core_stream* stream, const core_notes& notes) {
     bool first = true;
     for (const held_thread& thread : notes.hold->threads) {
-        put_status(notes, thread, stream);
+        write_status(stream, notes, thread);
         if (first) {
-            put_process(notes, stream);
-            put_note(stream, NT_SIGINFO, "CORE", &notes.hold->pending, sizeof notes.hold->pending);
-            put_note(stream, NT_AUXV, "CORE", notes.auxv.data(), notes.auxv.size());
-            put_files(*notes.layout, stream);
+            write_process(stream, notes);
+            note_write(stream, NT_SIGINFO, "CORE", &notes.hold->pending, sizeof notes.hold->pending);
+            note_write(stream, NT_AUXV, "CORE", notes.auxv.data(), notes.auxv.size());
+            write_files(stream, *notes.layout);
             first = false;
         }
-        put_regsets(notes, thread, stream);
+        write_regsets(stream, notes, thread);
     }
     if (const std::string& layout = notes.regset_layout; !layout.empty()) {
-        put_note(stream, arch_layout_note, "LINUX", layout.data(), layout.size());
+        note_write(stream, arch_layout_note, "LINUX", layout.data(), layout.size());
     }
 }

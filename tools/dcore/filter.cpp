@@ -12,15 +12,15 @@ enum filter_bit : uint64_t {
     shared_huge = 1 << 6,
 };
 
-// A mapping of a file that was written to is a few pages of variables as a rule; it is taken as it is, so
-// that a debugger needs the file for none of them. A larger one is taken as far as it is in memory.
+// A file mapping that was written to usually holds a few pages of variables. It is included whole, so that a
+// debugger does not need the file. A larger one is included as far as it is in memory.
 constexpr uint64_t whole_limit = 1 << 20;
 
 core_content file_content(const core_mapping& mapping) {
     return mapping.end - mapping.start <= whole_limit ? core_content::whole : core_content::touched;
 }
 
-// Written to, so that it has pages of its own.
+// True if the mapping has pages of its own.
 bool was_written(const core_mapping& mapping) {
     return mapping.has_details ? mapping.anonymous_kb + mapping.swapped_kb > 0 : mapping.writable;
 }
@@ -42,19 +42,19 @@ core_content filter_choose(const core_mapping& mapping, uint64_t filter) {
     if (mapping.path == "[vdso]" || mapping.path == "[vsyscall]") {
         return core_content::whole;
     }
-    if (mapping.device) {
+    if (mapping.is_device) {
         return core_content::left_out;
     }
     if (mapping.do_not_dump) {
         return core_content::none;
     }
-    if (mapping.huge) {
+    if (mapping.is_huge) {
         return filter & (mapping.shared ? shared_huge : private_huge) ? core_content::touched
                                                                       : core_content::none;
     }
     if (mapping.shared) {
-        return filter & (mapping.deleted ? shared_anonymous : shared_file) ? core_content::touched
-                                                                           : core_content::none;
+        return filter & (mapping.is_deleted ? shared_anonymous : shared_file) ? core_content::touched
+                                                                              : core_content::none;
     }
     return private_content(mapping, filter);
 }

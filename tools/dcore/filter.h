@@ -1,4 +1,5 @@
-// What of a mapping goes into a core file; the rules are the kernel's (core(5), /proc/PID/coredump_filter).
+// Chooses the part of a mapping that goes into a core file. The rules are the kernel's (core(5),
+// /proc/PID/coredump_filter).
 #pragma once
 
 #include <stdint.h>
@@ -6,12 +7,12 @@
 #include "tools/dcore/mappings.h"
 
 enum class core_content {
-    left_out,  // not even a segment
+    left_out,  // no segment
     none,      // a segment without content
     head,      // the first page, if a program or library begins there
-    touched,   // what has memory of its own
+    touched,   // the pages that have memory
     whole,
 };
 
-// `filter`: the bits of the process's coredump_filter file.
+// `filter` holds the bits of the process's coredump_filter file.
 core_content filter_choose(const core_mapping& mapping, uint64_t filter);

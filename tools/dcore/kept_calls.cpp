@@ -6,8 +6,8 @@
 
 namespace {
 
-// signal(7) lists the calls that a stop interrupts. When they say EINTR they have done nothing, and nothing
-// is lost by asking again; only a time-out begins anew.
+// signal(7) lists the calls that a stop interrupts. A call that fails with EINTR has done nothing, so it can
+// be repeated; only its timeout starts from the beginning.
 constexpr long kept_calls[] = {
 #ifdef SYS_epoll_wait
     SYS_epoll_wait,
@@ -40,9 +40,9 @@ constexpr long kept_calls[] = {
     SYS_io_uring_enter,
 #endif
 #ifdef SYS_ipc
-    SYS_ipc,  // the semaphores, where they have no calls of their own
+    SYS_ipc,  // semaphores, on processors where they have no calls of their own
 #endif
-// Sockets with a time-out of their own.
+// Sockets with a timeout of their own.
 #ifdef SYS_socketcall
     SYS_socketcall,
 #endif

@@ -9,24 +9,24 @@ namespace {
 constexpr uint64_t mapping_mark = 8;
 static_assert((mapping_mark & (PF_R | PF_W | PF_X)) == 0);
 
-// Joins `next` to `last` when both are of one mapping and little lies between their contents.
-bool join(core_segment& last, const core_segment& next, uint64_t gap) {
-    if (next.begins_mapping() || next.start() - (last.start() + last.content) > gap) {
+// Joins `next` to `*last` if both are in one mapping and the gap between their contents is small.
+bool join(core_segment* last, const core_segment& next, uint64_t gap) {
+    if (next.begins_mapping() || next.start() - (last->start() + last->content) > gap) {
         return false;
     }
-    last.content = next.start() + next.content - last.start();
-    last.end = next.end;
+    last->content = next.start() + next.content - last->start();
+    last->end = next.end;
     return true;
 }
 
-void join_neighbours(core_layout& layout) {
+void join_neighbours(core_layout* layout) {
     size_t kept = 0;
-    for (const core_segment& segment : layout.segments) {
-        if (kept == 0 || !join(layout.segments[kept - 1], segment, layout.merge_gap)) {
-            layout.segments[kept++] = segment;
+    for (const core_segment& segment : layout->segments) {
+        if (kept == 0 || !join(&layout->segments[kept - 1], segment, layout->merge_gap)) {
+            layout->segments[kept++] = segment;
         }
     }
-    layout.segments.resize(kept);
+    layout->segments.resize(kept);
 }
 
 bool has_too_many(const core_layout& layout) {
@@ -49,40 +49,41 @@ core_layout layout_new(uint64_t page) {
     return layout;
 }
 
-void layout_mapping(core_layout& layout, uint64_t start, uint64_t end, unsigned flags) {
-    layout.mappings++;
-    layout.segments.push_back({start | flags | mapping_mark, end, 0});
+void layout_add_mapping(core_layout* layout, uint64_t start, uint64_t end, unsigned flags) {
+    layout->mappings++;
+    layout->segments.push_back({start | flags | mapping_mark, end, 0});
 }
 
-void layout_content(core_layout& layout, uint64_t from, uint64_t to) {
-    core_segment& last = layout.segments.back();
+void layout_add_content(core_layout* layout, uint64_t from, uint64_t to) {
+    core_segment& last = layout->segments.back();
     core_segment fresh = {from | last.flags(), last.end, to - from};
     bool at_start = last.content == 0 && from == last.start();
-    if (at_start || join(last, fresh, layout.merge_gap)) {
+    if (at_start || join(&last, fresh, layout->merge_gap)) {
         last.content = to - last.start();
         return;
     }
     last.end = from;
-    layout.segments.push_back(fresh);
-    while (has_too_many(layout)) {
-        layout.merge_gap = std::max(layout.page, layout.merge_gap * 2);
+    layout->segments.push_back(fresh);
+    while (has_too_many(*layout)) {
+        layout->merge_gap = std::max(layout->page, layout->merge_gap * 2);
         join_neighbours(layout);
     }
 }
 
-void layout_file(core_layout& layout, uint64_t start, uint64_t end, uint64_t offset, std::string_view name) {
-    // Neighbours are mostly of the same file.
-    size_t place = layout.names.size();
-    if (!layout.files.empty()) {
-        const core_file_mapping& last = layout.files.back();
-        if (std::string_view(layout.names).substr(last.name, last.name_length) == name) {
-            place = last.name;
+void layout_add_file(core_layout* layout, uint64_t start, uint64_t end, uint64_t offset,
+                     std::string_view name) {
+    // Neighbours are usually mappings of the same file.
+    size_t at = layout->names.size();
+    if (!layout->files.empty()) {
+        const core_file_mapping& last = layout->files.back();
+        if (std::string_view(layout->names).substr(last.name, last.name_length) == name) {
+            at = last.name;
         }
     }
-    if (place == layout.names.size()) {
-        layout.names += name;
+    if (at == layout->names.size()) {
+        layout->names += name;
     }
-    layout.files.push_back({start, end, offset / layout.page, place, name.size()});
+    layout->files.push_back({start, end, offset / layout->page, at, name.size()});
 }
 
 core_places layout_places(const core_layout& layout, uint64_t notes_length) {

@@ -1,8 +1,7 @@
-// The plan of a core file: which stretches of memory become segments, what of them has content, and so how
-// long the file is.
+// The plan of a core file: its segments, the part of each that has content, and the length of the file.
 //
-// The file: ELF header, program headers, notes, then from a page boundary on the content of the segments, one
-// behind the other. Layout: elf(5).
+// The file consists of the ELF header, the program headers, the notes and, from a page boundary on, the
+// content of one segment after the other. Layout: elf(5).
 #pragma once
 
 #include <elf.h>
@@ -27,10 +26,10 @@ using core_shdr = Elf32_Shdr;
 using core_nhdr = Elf32_Nhdr;
 #endif
 
-// A stretch of one mapping: content first, then a rest that has none. There may be very many, hence the
-// packing.
+// A range of one mapping: first bytes with content, then bytes without. There may be very many segments, so
+// the fields are packed.
 struct core_segment {
-    uint64_t start_and_flags;  // PF_ bits, and whether a mapping begins here, below the page
+    uint64_t start_and_flags;  // below the page: PF_ bits, and a bit if a mapping begins here
     uint64_t end;
     uint64_t content;  // bytes
 
@@ -46,43 +45,42 @@ struct core_file_mapping {
 };
 
 struct core_layout {
-    size_t spare_segments = 16384;  // beyond one for each mapping; see layout_content
+    size_t spare_segments = 16384;  // allowed beyond one for each mapping; see layout_add_content
     uint64_t page;                  // bytes
-    uint64_t merge_gap = 0;         // stretches without content up to this length are taken as content
+    uint64_t merge_gap = 0;         // gaps of up to this length count as content
     size_t mappings = 0;
     std::deque<core_segment> segments;
     std::deque<core_file_mapping> files;
-    std::string names;  // not ended by a NUL each
+    std::string names;  // without NULs between them
 };
 
 core_layout layout_new(uint64_t page);
 
-// Begins a mapping, for now without content; mappings come in the order of their addresses. `flags`: PF_
+// Adds a mapping without content. Mappings must be added in the order of their addresses. `flags` are PF_
 // bits.
-void layout_mapping(core_layout& layout, uint64_t start, uint64_t end, unsigned flags);
+void layout_add_mapping(core_layout* layout, uint64_t start, uint64_t end, unsigned flags);
 
-// Gives a stretch of the mapping that was begun last content; stretches come in order. When memory is so
-// scattered that the segments get too many, neighbours are joined and what lies between them counts as
-// content.
-void layout_content(core_layout& layout, uint64_t from, uint64_t to);
+// Adds content to the last mapping. Ranges must be added in order. When there are too many segments, joins
+// neighbours; the gap between them then counts as content.
+void layout_add_content(core_layout* layout, uint64_t from, uint64_t to);
 
 // Adds a mapping to the list of mapped files.
-void layout_file(core_layout& layout, uint64_t start, uint64_t end, uint64_t offset, std::string_view name);
+void layout_add_file(core_layout* layout, uint64_t start, uint64_t end, uint64_t offset,
+                     std::string_view name);
 
-// Where things are in the file, in bytes from its beginning.
+// Offsets in the file, in bytes.
 struct core_places {
     uint64_t notes = 0;
     uint64_t notes_length = 0;
     uint64_t content = 0;
-    uint64_t section =
-        0;                // the one section header, which says how many program headers there are; 0 for none
-    uint64_t length = 0;  // of the whole file
+    uint64_t section = 0;  // the section header with the number of program headers; 0: none
+    uint64_t length = 0;   // of the whole file
 };
 core_places layout_places(const core_layout& layout, uint64_t notes_length);
 
 core_ehdr layout_ehdr(const core_layout& layout, const core_places& places);
 core_phdr layout_notes_phdr(const core_places& places);
-// `offset`: of the segment's content in the file.
+// `offset` is that of the segment's content in the file.
 core_phdr layout_phdr(const core_layout& layout, const core_segment& segment, uint64_t offset);
-// For places.section: more program headers than the ELF header can count.
+// The header at places.section, which is needed if the ELF header cannot count the program headers.
 core_shdr layout_shdr(const core_layout& layout);

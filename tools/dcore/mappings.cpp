@@ -18,14 +18,14 @@ std::string unescape(std::string_view text) {
     return path;
 }
 
-bool parse_permissions(std::string_view word, core_mapping& mapping) {
+bool parse_permissions(std::string_view word, core_mapping* mapping) {
     if (word.size() != 4) {
         return false;
     }
-    mapping.readable = word[0] == 'r';
-    mapping.writable = word[1] == 'w';
-    mapping.executable = word[2] == 'x';
-    mapping.shared = word[3] == 's';
+    mapping->readable = word[0] == 'r';
+    mapping->writable = word[1] == 'w';
+    mapping->executable = word[2] == 'x';
+    mapping->shared = word[3] == 's';
     return true;
 }
 
@@ -42,19 +42,19 @@ constexpr struct {
     std::string_view name;
     bool core_mapping::*field;
 } vm_flags[] = {
-    {"io", &core_mapping::device},       // memory-mapped input and output
-    {"pf", &core_mapping::device},       // pages that the kernel does not manage
+    {"io", &core_mapping::is_device},    // memory-mapped input and output
+    {"pf", &core_mapping::is_device},    // pages that the kernel does not manage
     {"dd", &core_mapping::do_not_dump},  // madvise(MADV_DONTDUMP)
-    {"ht", &core_mapping::huge},
+    {"ht", &core_mapping::is_huge},
 };
 
-void parse_vm_flags(std::string_view rest, core_mapping& mapping) {
-    mapping.has_details = true;
+void add_vm_flags(core_mapping* mapping, std::string_view rest) {
+    mapping->has_details = true;
     while (!rest.empty()) {
-        std::string_view word = take_word(rest);
+        std::string_view word = take_word(&rest);
         for (const auto& flag : vm_flags) {
             if (word == flag.name) {
-                mapping.*flag.field = true;
+                mapping->*flag.field = true;
             }
         }
     }
@@ -62,41 +62,41 @@ void parse_vm_flags(std::string_view rest, core_mapping& mapping) {
 
 }  // namespace
 
-bool mapping_parse_head(std::string_view line, core_mapping& mapping) {
+bool mapping_parse_head(std::string_view line, core_mapping* mapping) {
     core_mapping found;
-    if (!take_number(line, found.start, 16) || !take_prefix(line, "-") || !take_number(line, found.end, 16) ||
-        found.end <= found.start || !parse_permissions(take_word(line), found) ||
-        !take_number(line, found.offset, 16)) {
+    if (!take_hex(&line, &found.start) || !take_prefix(&line, "-") || !take_hex(&line, &found.end) ||
+        found.end <= found.start || !parse_permissions(take_word(&line), &found) ||
+        !take_hex(&line, &found.offset)) {
         return false;
     }
     uint64_t inode = 0;
-    if (take_word(line).empty() || !take_number(line, inode)) {
+    if (take_word(&line).empty() || !take_number(&line, &inode)) {
         return false;
     }
     found.path = unescape(line);
     found.is_file = inode != 0 || found.path.starts_with('/');
-    found.deleted = found.is_file && found.path.ends_with(" (deleted)");
-    mapping = std::move(found);
+    found.is_deleted = found.is_file && found.path.ends_with(" (deleted)");
+    *mapping = std::move(found);
     return true;
 }
 
-void mapping_parse_detail(std::string_view line, core_mapping& mapping) {
-    if (take_prefix(line, "VmFlags:")) {
-        parse_vm_flags(line, mapping);
+void mapping_add_detail(core_mapping* mapping, std::string_view line) {
+    if (take_prefix(&line, "VmFlags:")) {
+        add_vm_flags(mapping, line);
         return;
     }
     for (const auto& counter : counters) {
-        if (take_prefix(line, counter.key)) {
-            take_number(line, mapping.*counter.field);
+        if (take_prefix(&line, counter.key)) {
+            take_number(&line, &(mapping->*counter.field));
         }
     }
 }
 
-void mapping_guess_details(core_mapping& mapping) {
-    std::string_view path = mapping.path;
-    mapping.device = path == "[vvar]" || path == "[vvar_vclock]" ||
-                     (path.starts_with("/dev/") && !path.starts_with("/dev/shm/") && !mapping.deleted &&
-                      path != "/dev/zero");
+void mapping_guess_details(core_mapping* mapping) {
+    std::string_view path = mapping->path;
+    mapping->is_device = path == "[vvar]" || path == "[vvar_vclock]" ||
+                         (path.starts_with("/dev/") && !path.starts_with("/dev/shm/") &&
+                          !mapping->is_deleted && path != "/dev/zero");
 }
 
 size_t mappings_walk(pid_t pid, mapping_taker take, void* cookie) {
@@ -110,18 +110,18 @@ size_t mappings_walk(pid_t pid, mapping_taker take, void* cookie) {
     auto finish = [&] {
         if (mapping.end != 0) {
             if (!mapping.has_details) {
-                mapping_guess_details(mapping);
+                mapping_guess_details(&mapping);
             }
             take(mapping, cookie);
             count++;
         }
     };
-    for (std::string_view line; lines->next(line);) {
-        if (mapping_parse_head(line, next)) {
+    for (std::string_view line; lines->next(&line);) {
+        if (mapping_parse_head(line, &next)) {
             finish();
             std::swap(mapping, next);
         } else {
-            mapping_parse_detail(line, mapping);
+            mapping_add_detail(&mapping, line);
         }
     }
     finish();

@@ -33,22 +33,22 @@ void read_from_file(const target_memory& memory, memory_piece piece, unsigned ch
     }
 }
 
-// One call for up to pieces_at_once pieces. Returns how many bytes of their beginning were read, which may be
-// none.
-size_t read_at_once(target_memory& memory, std::span<const memory_piece> pieces, unsigned char* out) {
+// Reads up to pieces_at_once pieces with one call. Returns how many bytes were read before the first that
+// could not be.
+size_t read_at_once(target_memory* memory, std::span<const memory_piece> pieces, unsigned char* out) {
     iovec remote[pieces_at_once];
     size_t total = 0;
     for (size_t i = 0; i < pieces.size(); i++) {
-        // An address beyond `long` is none of a process of our own kind.
+        // The process has this program's word size, so its addresses fit.
         auto address = static_cast<uintptr_t>(pieces[i].address);
         remote[i].iov_base = reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
         remote[i].iov_len = pieces[i].length;
         total += pieces[i].length;
     }
     iovec local = {out, total};
-    ssize_t got = process_vm_readv(memory.tid, &local, 1, remote, pieces.size(), 0);
+    ssize_t got = process_vm_readv(memory->tid, &local, 1, remote, pieces.size(), 0);
     if (got < 0 && errno != EFAULT) {
-        memory.at_once = false;
+        memory->at_once = false;
     }
     return got > 0 ? static_cast<size_t>(got) : 0;
 }
@@ -62,22 +62,22 @@ target_memory memory_open(pid_t tid) {
     return memory;
 }
 
-void memory_use_file(target_memory& memory) {
-    memory.at_once = false;
+void memory_use_file(target_memory* memory) {
+    memory->at_once = false;
 }
 
-void memory_read(target_memory& memory, std::span<const memory_piece> pieces, unsigned char* out) {
+void memory_read(target_memory* memory, std::span<const memory_piece> pieces, unsigned char* out) {
     while (!pieces.empty()) {
         size_t asked = std::min(pieces.size(), pieces_at_once);
-        size_t got = memory.at_once ? read_at_once(memory, pieces.first(asked), out) : 0;
+        size_t got = memory->at_once ? read_at_once(memory, pieces.first(asked), out) : 0;
         for (; asked > 0 && got >= pieces.front().length; asked--) {
             got -= pieces.front().length;
             out += pieces.front().length;
             pieces = pieces.subspan(1);
         }
-        // The file also gives what the process itself may not read.
+        // The file also reads memory that the process itself may not read.
         if (asked > 0) {
-            read_from_file(memory, {pieces.front().address + got, pieces.front().length - got}, out + got);
+            read_from_file(*memory, {pieces.front().address + got, pieces.front().length - got}, out + got);
             out += pieces.front().length;
             pieces = pieces.subspan(1);
         }

@@ -1,4 +1,4 @@
-// The memory of the process that is dumped.
+// Reads the memory of the process that is dumped.
 #pragma once
 
 #include <stddef.h>
@@ -11,11 +11,11 @@
 
 struct target_memory {
     pid_t tid = 0;   // a living thread of the process
-    unique_fd file;  // its memory file, which stays that of this memory when the process runs another program
-    bool at_once = true;  // large reads without the file are possible and allowed
+    unique_fd file;  // its memory file; still that of this memory after the process has run another program
+    bool at_once = true;  // process_vm_readv works and is allowed
 };
 
-// A stretch of memory.
+// A range of addresses.
 struct memory_piece {
     uint64_t address;
     size_t length;
@@ -23,9 +23,9 @@ struct memory_piece {
 
 target_memory memory_open(pid_t tid);
 
-// From now on the process may run, and so may become another program: reads only what belongs to this memory.
-void memory_use_file(target_memory& memory);
+// Must be called before the process runs on: it may then become another program, and only the file still
+// reads the memory that belongs to this one.
+void memory_use_file(target_memory* memory);
 
-// Fills `out` with the pieces, one behind the other, whose lengths add up to what it has room for. What can't
-// be read becomes zeros, page by page.
-void memory_read(target_memory& memory, std::span<const memory_piece> pieces, unsigned char* out);
+// Copies the pieces to `out`, one after the other. Pages that cannot be read become zeros.
+void memory_read(target_memory* memory, std::span<const memory_piece> pieces, unsigned char* out);

@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <string>
+
 extern const char dcore_usage[];
 
 struct dcore_options {
@@ -10,5 +12,5 @@ struct dcore_options {
     const char* file = nullptr;  // borrowed from the command line; null for standard output
 };
 
-// Fills `options`. Returns null, or what is wrong with the command line.
-const char* options_parse(int argc, char** argv, dcore_options& options);
+// Returns an empty string on success, else what is wrong with the command line.
+std::string options_parse(int argc, char** argv, dcore_options* options);

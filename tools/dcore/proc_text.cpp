@@ -14,8 +14,18 @@ namespace {
 
 constexpr std::string_view blanks = " \t";
 
-void skip_blanks(std::string_view& text) {
-    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+void skip_blanks(std::string_view* text) {
+    text->remove_prefix(std::min(text->find_first_not_of(blanks), text->size()));
+}
+
+bool take_digits(std::string_view* text, int base, uint64_t* value) {
+    auto [rest, error] = std::from_chars(text->data(), text->data() + text->size(), *value, base);
+    if (error != std::errc()) {
+        return false;
+    }
+    text->remove_prefix(static_cast<size_t>(rest - text->data()));
+    skip_blanks(text);
+    return true;
 }
 
 }  // namespace
@@ -46,7 +56,7 @@ bool line_reader::skip_rest_of_line() {
     for (;;) {
         if (const void* newline = memchr(buffer_ + begin_, '\n', end_ - begin_)) {
             begin_ = static_cast<size_t>(static_cast<const char*>(newline) - buffer_) + 1;
-            cut_ = false;
+            is_cut_ = false;
             return true;
         }
         begin_ = end_ = 0;
@@ -56,8 +66,8 @@ bool line_reader::skip_rest_of_line() {
     }
 }
 
-bool line_reader::next(std::string_view& line) {
-    if (cut_ && !skip_rest_of_line()) {
+bool line_reader::next(std::string_view* line) {
+    if (is_cut_ && !skip_rest_of_line()) {
         return false;
     }
     size_t searched = 0;
@@ -65,42 +75,40 @@ bool line_reader::next(std::string_view& line) {
         const char* start = buffer_ + begin_;
         size_t have = end_ - begin_;
         if (const void* newline = memchr(start + searched, '\n', have - searched)) {
-            line = {start, static_cast<size_t>(static_cast<const char*>(newline) - start)};
-            begin_ += line.size() + 1;
+            *line = {start, static_cast<size_t>(static_cast<const char*>(newline) - start)};
+            begin_ += line->size() + 1;
             return true;
         }
         searched = have;
-        cut_ = have == sizeof buffer_;
-        if (cut_ || !fill()) {
-            line = {buffer_ + begin_, have};
+        is_cut_ = have == sizeof buffer_;
+        if (is_cut_ || !fill()) {
+            *line = {buffer_ + begin_, have};
             begin_ = end_;
             return have > 0;
         }
     }
 }
 
-bool take_number(std::string_view& text, uint64_t& value, int base) {
-    auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-    if (error != std::errc()) {
-        return false;
-    }
-    text.remove_prefix(static_cast<size_t>(rest - text.data()));
-    skip_blanks(text);
-    return true;
+bool take_number(std::string_view* text, uint64_t* value) {
+    return take_digits(text, 10, value);
 }
 
-std::string_view take_word(std::string_view& text) {
-    std::string_view word = text.substr(0, text.find_first_of(blanks));
-    text.remove_prefix(word.size());
+bool take_hex(std::string_view* text, uint64_t* value) {
+    return take_digits(text, 16, value);
+}
+
+std::string_view take_word(std::string_view* text) {
+    std::string_view word = text->substr(0, text->find_first_of(blanks));
+    text->remove_prefix(word.size());
     skip_blanks(text);
     return word;
 }
 
-bool take_prefix(std::string_view& text, std::string_view prefix) {
-    if (!text.starts_with(prefix)) {
+bool take_prefix(std::string_view* text, std::string_view prefix) {
+    if (!text->starts_with(prefix)) {
         return false;
     }
-    text.remove_prefix(prefix.size());
+    text->remove_prefix(prefix.size());
     skip_blanks(text);
     return true;
 }

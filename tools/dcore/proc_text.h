@@ -10,20 +10,20 @@
 
 #include "common/unique_fd.h"
 
-// Opens /proc/PID/NAME for reading; owns nothing when that fails (errno says why).
+// Opens /proc/PID/NAME for reading. The result is empty on failure, with errno set.
 unique_fd proc_open(pid_t pid, const char* name);
 
-// Up to `limit` bytes of /proc/PID/NAME; empty when it can't be read.
+// Returns up to `limit` bytes of /proc/PID/NAME; an empty string when it cannot be read.
 std::string proc_text(pid_t pid, const char* name, size_t limit = 4096);
 
-// Reads a file line by line through a buffer of its own, whatever the file's length. Of a line longer than
-// the buffer only the beginning is given out.
+// Reads a file of any length line by line. A line longer than the buffer is cut.
 class line_reader {
 public:
     explicit line_reader(int fd) : fd_(fd) {}  // borrows `fd`
 
-    // The next line without its newline, valid until the next call; false at the end or when reading fails.
-    bool next(std::string_view& line);
+    // Stores the next line without its newline, valid until the next call. Returns false at the end, and when
+    // reading fails.
+    bool next(std::string_view* line);
 
 private:
     bool fill();
@@ -31,17 +31,18 @@ private:
 
     int fd_;
     size_t begin_ = 0, end_ = 0;
-    bool cut_ = false;       // the line that was given out last goes on
-    char buffer_[24 << 10];  // a path of 4096 bytes, each written as 4, and what stands before it
+    bool is_cut_ = false;    // the rest of the last line has to be skipped
+    char buffer_[24 << 10];  // a path of 4096 bytes, each written as 4, and the fields before it
 };
 
-// Takes the number at the front of `text` and the blanks behind it. False, with `text` as it was, when there
-// is none or it is too large.
-bool take_number(std::string_view& text, uint64_t& value, int base = 10);
+// Removes the decimal or hexadecimal number at the front of `*text`, with the blanks after it. Returns false,
+// and changes nothing, if there is no number or it is too large.
+bool take_number(std::string_view* text, uint64_t* value);
+bool take_hex(std::string_view* text, uint64_t* value);
 
-// Takes everything up to the first blank, and the blanks behind it.
-std::string_view take_word(std::string_view& text);
+// Removes the text before the first blank, with the blanks after it, and returns it.
+std::string_view take_word(std::string_view* text);
 
-// Takes `prefix` and the blanks behind it from the front of `text`; false, with `text` as it was, when it
-// does not begin so.
-bool take_prefix(std::string_view& text, std::string_view prefix);
+// Removes `prefix` from the front of `*text`, with the blanks after it. Returns false, and changes nothing,
+// if the text does not begin with it.
+bool take_prefix(std::string_view* text, std::string_view prefix);

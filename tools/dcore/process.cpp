@@ -17,61 +17,62 @@ namespace {
 constexpr uint64_t kernel_thread_flag = 0x00200000;  // PF_KTHREAD
 constexpr uint64_t usual_filter = 0x33;
 
-// Takes a field that may be negative.
-bool take_int(std::string_view& text, int& value) {
-    bool negative = text.starts_with('-');
-    std::string_view rest = text.substr(negative ? 1 : 0);
+// Removes a number that may be negative.
+bool take_int(std::string_view* text, int* value) {
+    bool negative = text->starts_with('-');
+    std::string_view rest = text->substr(negative ? 1 : 0);
     uint64_t number = 0;
-    if (!take_number(rest, number) || number > INT32_MAX) {
+    if (!take_number(&rest, &number) || number > INT32_MAX) {
         return false;
     }
-    text = rest;
-    value = negative ? -static_cast<int>(number) : static_cast<int>(number);
+    *text = rest;
+    *value = negative ? -static_cast<int>(number) : static_cast<int>(number);
     return true;
 }
 
-bool take_after_name(std::string_view rest, process_stat& stat) {
-    std::string_view state = take_word(rest);
+bool parse_after_name(std::string_view rest, process_stat* stat) {
+    std::string_view state = take_word(&rest);
     if (state.size() != 1) {
         return false;
     }
-    stat.state = state[0];
-    if (!take_int(rest, stat.parent) || !take_int(rest, stat.group) || !take_int(rest, stat.session)) {
+    stat->state = state[0];
+    if (!take_int(&rest, &stat->parent) || !take_int(&rest, &stat->group) ||
+        !take_int(&rest, &stat->session)) {
         return false;
     }
-    take_word(rest);  // the terminal
-    take_word(rest);  // its foreground group
+    take_word(&rest);  // the terminal
+    take_word(&rest);  // its foreground group
     uint64_t faults[4];
-    if (!take_number(rest, stat.flags)) {
+    if (!take_number(&rest, &stat->flags)) {
         return false;
     }
     for (uint64_t& each : faults) {
-        if (!take_number(rest, each)) {
+        if (!take_number(&rest, &each)) {
             return false;
         }
     }
-    if (!take_number(rest, stat.user) || !take_number(rest, stat.system)) {
+    if (!take_number(&rest, &stat->user) || !take_number(&rest, &stat->system)) {
         return false;
     }
-    if (!take_number(rest, stat.children_user) || !take_number(rest, stat.children_system)) {
+    if (!take_number(&rest, &stat->children_user) || !take_number(&rest, &stat->children_system)) {
         return false;
     }
-    take_word(rest);  // the priority
-    return take_int(rest, stat.nice) && take_number(rest, stat.threads);
+    take_word(&rest);  // the priority
+    return take_int(&rest, &stat->nice) && take_number(&rest, &stat->threads);
 }
 
-bool take_status_line(std::string_view line, process_status& status) {
+bool parse_status_line(std::string_view line, process_status* status) {
     uint64_t number = 0;
-    if (take_prefix(line, "Tgid:")) {
-        return take_int(line, status.process);
+    if (take_prefix(&line, "Tgid:")) {
+        return take_int(&line, &status->process);
     }
-    if (take_prefix(line, "TracerPid:")) {
-        return take_int(line, status.tracer);
+    if (take_prefix(&line, "TracerPid:")) {
+        return take_int(&line, &status->tracer);
     }
-    if (take_prefix(line, "Uid:") && take_number(line, number)) {
-        status.uid = static_cast<unsigned>(number);
-    } else if (take_prefix(line, "Gid:") && take_number(line, number)) {
-        status.gid = static_cast<unsigned>(number);
+    if (take_prefix(&line, "Uid:") && take_number(&line, &number)) {
+        status->uid = static_cast<unsigned>(number);
+    } else if (take_prefix(&line, "Gid:") && take_number(&line, &number)) {
+        status->gid = static_cast<unsigned>(number);
     }
     return true;
 }
@@ -83,54 +84,55 @@ bool reads_here(int folder, const char* number, const struct stat& pipe) {
            target.st_ino == pipe.st_ino;
 }
 
-// A first thread whose place is taken by another that starts a program looks like this for a moment.
+// When another thread starts a program, it replaces the first thread, which looks like a zombie for a moment.
 constexpr char is_zombie[] = "is a zombie";
-constexpr useconds_t second_look_us = 10'000;
+constexpr char no_process[] = "no such process";
+constexpr useconds_t second_try_us = 10'000;
 
-std::string look_once(pid_t pid, process_facts& facts) {
+std::string read_once(pid_t pid, process_facts* facts) {
     process_facts found;
-    if (!process_parse_stat(proc_text(pid, "stat"), found.stat) ||
-        !process_parse_status(proc_text(pid, "status"), found.status)) {
-        return "there is no such process";
+    if (!process_parse_stat(proc_text(pid, "stat"), &found.stat) ||
+        !process_parse_status(proc_text(pid, "status"), &found.status)) {
+        return no_process;
     }
     if (found.status.process != pid) {
         return "is a thread of process " + std::to_string(found.status.process);
     }
     if (pid == getpid()) {
-        return "is this dumper itself";
+        return "is the dumper itself";
     }
     if (found.stat.flags & kernel_thread_flag) {
-        return "is a thread of the kernel";
+        return "is a kernel thread";
     }
-    // A first thread that has ended leaves a process that goes on.
+    // The first thread may have ended before others.
     if (strchr("ZXx", found.stat.state) && found.stat.threads < 2) {
         return is_zombie;
     }
-    facts = std::move(found);
+    *facts = std::move(found);
     return {};
 }
 
 }  // namespace
 
-bool process_parse_stat(std::string_view text, process_stat& stat) {
+bool process_parse_stat(std::string_view text, process_stat* stat) {
     size_t open = text.find('('), close = text.rfind(") ");
     if (open == text.npos || close == text.npos || close < open) {
         return false;
     }
     process_stat found;
     found.name = text.substr(open + 1, close - open - 1);
-    if (!take_after_name(text.substr(close + 2), found)) {
+    if (!parse_after_name(text.substr(close + 2), &found)) {
         return false;
     }
-    stat = std::move(found);
+    *stat = std::move(found);
     return true;
 }
 
-bool process_parse_status(std::string_view text, process_status& status) {
+bool process_parse_status(std::string_view text, process_status* status) {
     process_status found;
     while (!text.empty()) {
         size_t end = text.find('\n');
-        if (!take_status_line(text.substr(0, end), found)) {
+        if (!parse_status_line(text.substr(0, end), &found)) {
             return false;
         }
         text.remove_prefix(end == text.npos ? text.size() : end + 1);
@@ -138,36 +140,36 @@ bool process_parse_status(std::string_view text, process_status& status) {
     if (found.process == 0) {
         return false;
     }
-    status = found;
+    *status = found;
     return true;
 }
 
 uint64_t process_parse_filter(std::string_view text) {
     uint64_t bits = 0;
-    return take_number(text, bits, 16) ? bits : usual_filter;
+    return take_hex(&text, &bits) ? bits : usual_filter;
 }
 
-std::string process_look(pid_t pid, process_facts& facts) {
-    std::string reason = look_once(pid, facts);
+std::string process_read(pid_t pid, process_facts* facts) {
+    std::string reason = read_once(pid, facts);
     if (reason == is_zombie) {
-        usleep(second_look_us);
-        reason = look_once(pid, facts);
+        usleep(second_try_us);
+        reason = read_once(pid, facts);
     }
     return reason;
 }
 
-std::string process_why_not(int error, pid_t tracer) {
+std::string process_stop_error(int error, pid_t tracer) {
     switch (error) {
         case ESRCH:
-            return "there is no such process";
+            return no_process;
         case EBUSY:
-            return "is traced already, by process " + std::to_string(tracer);
+            return "is already traced by process " + std::to_string(tracer);
         case ETIMEDOUT:
-            return "is starting another program and does not come to an end of it";
+            return "is starting another program, which does not finish";
         case EMEDIUMTYPE:
             return "is a program for another kind of processor";
         default:
-            return std::string("can't be stopped: ") + strerror(error);
+            return std::string("cannot be stopped: ") + strerror(error);
     }
 }
 

@@ -1,4 +1,4 @@
-// What /proc tells about a process or a thread as a whole, and whether there is anything to dump.
+// Facts about a process or a thread from /proc, and the reasons why a process cannot be dumped.
 #pragma once
 
 #include <stdint.h>
@@ -7,9 +7,9 @@
 #include <string>
 #include <string_view>
 
-// From the stat file; times are in clock ticks.
+// From the stat file. Times are in clock ticks.
 struct process_stat {
-    std::string name;  // without the parentheses; may hold blanks and parentheses of its own
+    std::string name;  // without the parentheses; may contain blanks and parentheses of its own
     char state = '?';
     int parent = 0, group = 0, session = 0;
     uint64_t flags = 0;  // the kernel's PF_ bits
@@ -20,16 +20,16 @@ struct process_stat {
 
 // From the status file.
 struct process_status {
-    int process = 0;  // the process that a thread belongs to
+    int process = 0;  // the process of the thread
     int tracer = 0;   // 0: none
     unsigned uid = 0, gid = 0;
 };
 
-// Understand the text of a file; false, with nothing changed, when it makes no sense.
-bool process_parse_stat(std::string_view text, process_stat& stat);
-bool process_parse_status(std::string_view text, process_status& status);
+// Parse the text of a file. Return false for malformed text.
+bool process_parse_stat(std::string_view text, process_stat* stat);
+bool process_parse_status(std::string_view text, process_status* status);
 
-// The bits of a coredump_filter file; what the kernel starts with when the text makes no sense.
+// Returns the bits of a coredump_filter file, or the kernel's default for malformed text.
 uint64_t process_parse_filter(std::string_view text);
 
 struct process_facts {
@@ -37,12 +37,13 @@ struct process_facts {
     process_status status;
 };
 
-// Looks at `pid`. Returns an empty text, or why it can't be dumped.
-std::string process_look(pid_t pid, process_facts& facts);
+// Reads the facts about `pid`. Returns an empty string, or why the process cannot be dumped.
+std::string process_read(pid_t pid, process_facts* facts);
 
-// Why the process can't be held: what threads_seize() or threads_stop() returned, and the other tracer.
-std::string process_why_not(int error, pid_t tracer);
+// Returns why the process cannot be stopped. `error` is what threads_seize() or threads_stop() returned;
+// `tracer` is the other tracer.
+std::string process_stop_error(int error, pid_t tracer);
 
-// True when `pid` has the reading end of the pipe that `fd` writes into: as long as it is stopped, a full
-// pipe stays full.
+// True if `pid` has the reading end of the pipe that `fd` writes to. If such a process is stopped, the pipe
+// fills up and stays full.
 bool process_reads(pid_t pid, int fd);

@@ -14,7 +14,7 @@
 
 namespace {
 
-// Of <linux/fs.h> since Linux 6.7; declared here for older headers.
+// In <linux/fs.h> since Linux 6.7; declared here for older headers.
 struct scan_request {
     uint64_t size, flags, start, end, walk_end, regions, region_count, max_pages;
     uint64_t inverted, all_of, any_of, returned;
@@ -35,8 +35,8 @@ uint64_t page_size() {
     return static_cast<uint64_t>(getpagesize());
 }
 
-// Returns how far it came: the mapping's end, or its start when the kernel can't do it.
-uint64_t scan(const page_map& map, const core_mapping& mapping, stretch_taker take, void* cookie) {
+// Returns the end of the scanned part: the mapping's end, or an address before it if the kernel cannot scan.
+uint64_t scan(const page_map& map, const core_mapping& mapping, range_taker take, void* cookie) {
     scan_region regions[regions_at_once];
     uint64_t at = mapping.start;
     while (at < mapping.end) {
@@ -60,8 +60,8 @@ uint64_t scan(const page_map& map, const core_mapping& mapping, stretch_taker ta
     return at;
 }
 
-// Looks at every page. What the kernel does not tell counts as having content.
-void look_at_pages(const page_map& map, uint64_t from, uint64_t end, stretch_taker take, void* cookie) {
+// Reads the entry of every page. Pages whose entry cannot be read count as having content.
+void walk_pages(const page_map& map, uint64_t from, uint64_t end, range_taker take, void* cookie) {
     uint64_t entries[entries_at_once];
     uint64_t page = page_size();
     while (from < end) {
@@ -86,9 +86,9 @@ void look_at_pages(const page_map& map, uint64_t from, uint64_t end, stretch_tak
     }
 }
 
-// What a file has, which for shared memory is what any process has written to it. False when it can't be
-// asked.
-bool look_into_file(pid_t tid, const core_mapping& mapping, stretch_taker take, void* cookie) {
+// Finds the ranges of the mapped file that have data. In shared memory, any process may have written them.
+// Returns false if the file cannot be opened.
+bool walk_file(pid_t tid, const core_mapping& mapping, range_taker take, void* cookie) {
     char name[64];
     snprintf(name, sizeof name, "map_files/%llx-%llx", static_cast<unsigned long long>(mapping.start),
              static_cast<unsigned long long>(mapping.end));
@@ -100,7 +100,7 @@ bool look_into_file(pid_t tid, const core_mapping& mapping, stretch_taker take, 
     for (uint64_t at = 0; at < length;) {
         off64_t data = lseek64(file.get(), static_cast<off64_t>(mapping.offset + at), SEEK_DATA);
         if (data < 0) {
-            return errno == ENXIO;  // nothing more
+            return errno == ENXIO;  // no more data
         }
         off64_t hole = lseek64(file.get(), data, SEEK_HOLE);
         uint64_t from = (static_cast<uint64_t>(data) - mapping.offset) / page * page;
@@ -116,7 +116,7 @@ bool look_into_file(pid_t tid, const core_mapping& mapping, stretch_taker take, 
 }
 
 bool is_empty(const core_mapping& mapping) {
-    return mapping.has_details && !mapping.huge && mapping.resident_kb + mapping.swapped_kb == 0;
+    return mapping.has_details && !mapping.is_huge && mapping.resident_kb + mapping.swapped_kb == 0;
 }
 
 }  // namespace
@@ -128,18 +128,18 @@ page_map residence_open(pid_t tid) {
     return map;
 }
 
-void residence_walk(page_map& map, const core_mapping& mapping, stretch_taker take, void* cookie) {
-    if (mapping.shared && look_into_file(map.tid, mapping, take, cookie)) {
+void residence_walk(page_map* map, const core_mapping& mapping, range_taker take, void* cookie) {
+    if (mapping.shared && walk_file(map->tid, mapping, take, cookie)) {
         return;
     }
     if (!mapping.shared && is_empty(mapping)) {
         return;
     }
-    if (!map.file) {
+    if (!map->file) {
         take(mapping.start, mapping.end, cookie);
         return;
     }
-    uint64_t done = map.can_scan ? scan(map, mapping, take, cookie) : mapping.start;
-    map.can_scan = map.can_scan && done == mapping.end;
-    look_at_pages(map, done, mapping.end, take, cookie);
+    uint64_t done = map->can_scan ? scan(*map, mapping, take, cookie) : mapping.start;
+    map->can_scan = map->can_scan && done == mapping.end;
+    walk_pages(*map, done, mapping.end, take, cookie);
 }

@@ -1,4 +1,4 @@
-// Which pages of a mapping have content: those in memory or swapped out.
+// Finds the pages of a mapping that have content: those in memory or swapped out.
 #pragma once
 
 #include <stdint.h>
@@ -9,12 +9,13 @@
 
 struct page_map {
     pid_t tid = 0;
-    unique_fd file;        // /proc/TID/pagemap; when it can't be opened, every page counts as having content
-    bool can_scan = true;  // the kernel skips empty stretches by itself (since Linux 6.7)
+    unique_fd file;        // /proc/TID/pagemap; if it is missing, every page counts as having content
+    bool can_scan = true;  // the kernel finds the pages itself (since Linux 6.7)
 };
 
 page_map residence_open(pid_t tid);
 
-// Calls `take(from, to, cookie)` for stretches of addresses with content, in their order; some may touch.
-using stretch_taker = void (*)(uint64_t from, uint64_t to, void* cookie);
-void residence_walk(page_map& map, const core_mapping& mapping, stretch_taker take, void* cookie);
+// Calls `take(from, to, cookie)` for ranges of addresses with content, in order. Adjacent ranges are
+// possible.
+using range_taker = void (*)(uint64_t from, uint64_t to, void* cookie);
+void residence_walk(page_map* map, const core_mapping& mapping, range_taker take, void* cookie);

@@ -26,11 +26,11 @@ core_mapping file(uint64_t written_kb, uint64_t size = large) {
 core_mapping shared(bool deleted) {
     core_mapping mapping = private_memory();
     mapping.is_file = mapping.shared = true;
-    mapping.deleted = deleted;
+    mapping.is_deleted = deleted;
     return mapping;
 }
 
-// The content for each of the kernel's bits alone, from the lowest on.
+// Checks the content for each of the kernel's bits alone. `bits` are those that give `content`.
 void expect_bits(const core_mapping& mapping, uint64_t bits, core_content content,
                  core_content otherwise = core_content::none) {
     for (int bit = 0; bit < 9; bit++) {
@@ -51,7 +51,7 @@ TEST(dcore_filter, shared_memory_is_bit_1_and_shared_files_are_bit_3) {
 
 TEST(dcore_filter, huge_pages_are_bits_5_and_6) {
     core_mapping mapping = private_memory();
-    mapping.huge = true;
+    mapping.is_huge = true;
     expect_bits(mapping, 0x20, core_content::touched);
     mapping.shared = mapping.is_file = true;
     expect_bits(mapping, 0x40, core_content::touched);
@@ -89,19 +89,19 @@ TEST(dcore_filter, without_details_a_writable_file_counts_as_written_to) {
     EXPECT_EQ(filter_choose(mapping, 1), core_content::none);
 }
 
-TEST(dcore_filter, what_asked_to_be_left_out_has_no_content) {
+TEST(dcore_filter, memory_marked_not_to_be_dumped_has_no_content) {
     core_mapping mapping = private_memory();
     mapping.do_not_dump = true;
     EXPECT_EQ(filter_choose(mapping, everything), core_content::none);
 }
 
-TEST(dcore_filter, devices_are_left_out_whatever_else_they_are) {
+TEST(dcore_filter, devices_have_no_segment) {
     core_mapping mapping = shared(false);
-    mapping.device = mapping.do_not_dump = true;
+    mapping.is_device = mapping.do_not_dump = true;
     EXPECT_EQ(filter_choose(mapping, everything), core_content::left_out);
 }
 
-TEST(dcore_filter, the_kernel_s_own_code_is_always_whole) {
+TEST(dcore_filter, the_kernels_code_is_always_whole) {
     for (const char* name : {"[vdso]", "[vsyscall]"}) {
         core_mapping mapping = private_memory();
         mapping.path = name;

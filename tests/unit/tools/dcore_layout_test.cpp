@@ -27,21 +27,21 @@ std::vector<plain_segment> segments_of(const core_layout& layout) {
     return segments;
 }
 
-void add_mapping(core_layout& layout, uint64_t from, uint64_t to, unsigned flags = PF_R) {
-    layout_mapping(layout, from * page, to * page, flags);
+void add_mapping(core_layout* layout, uint64_t from, uint64_t to, unsigned flags = PF_R) {
+    layout_add_mapping(layout, from * page, to * page, flags);
 }
 
-void add_content(core_layout& layout, uint64_t from, uint64_t to) {
-    layout_content(layout, from * page, to * page);
+void add_content(core_layout* layout, uint64_t from, uint64_t to) {
+    layout_add_content(layout, from * page, to * page);
 }
 
 // Every second page of one mapping of `pages` pages.
 core_layout scattered(uint64_t pages, size_t spare) {
     core_layout layout = layout_new(page);
     layout.spare_segments = spare;
-    add_mapping(layout, 100, 100 + pages);
+    add_mapping(&layout, 100, 100 + pages);
     for (uint64_t i = 0; i < pages; i += 2) {
-        add_content(layout, 100 + i, 101 + i);
+        add_content(&layout, 100 + i, 101 + i);
     }
     return layout;
 }
@@ -50,15 +50,15 @@ core_layout scattered(uint64_t pages, size_t spare) {
 
 TEST(dcore_layout, a_mapping_without_content_is_one_segment) {
     core_layout layout = layout_new(page);
-    add_mapping(layout, 16, 20, PF_R | PF_X);
+    add_mapping(&layout, 16, 20, PF_R | PF_X);
     EXPECT_EQ(segments_of(layout), (std::vector<plain_segment>{{16, 20, 0, PF_R | PF_X}}));
 }
 
 TEST(dcore_layout, stretches_with_content_begin_segments_whose_rest_has_none) {
     core_layout layout = layout_new(page);
-    add_mapping(layout, 16, 32, PF_R | PF_W);
-    add_content(layout, 18, 20);
-    add_content(layout, 25, 26);
+    add_mapping(&layout, 16, 32, PF_R | PF_W);
+    add_content(&layout, 18, 20);
+    add_content(&layout, 25, 26);
     EXPECT_EQ(segments_of(layout),
               (std::vector<plain_segment>{
                   {16, 18, 0, PF_R | PF_W}, {18, 25, 2, PF_R | PF_W}, {25, 32, 1, PF_R | PF_W}}));
@@ -66,18 +66,18 @@ TEST(dcore_layout, stretches_with_content_begin_segments_whose_rest_has_none) {
 
 TEST(dcore_layout, stretches_that_touch_are_one) {
     core_layout layout = layout_new(page);
-    add_mapping(layout, 16, 32);
-    add_content(layout, 16, 20);
-    add_content(layout, 20, 24);
+    add_mapping(&layout, 16, 32);
+    add_content(&layout, 16, 20);
+    add_content(&layout, 20, 24);
     EXPECT_EQ(segments_of(layout), (std::vector<plain_segment>{{16, 32, 8, PF_R}}));
 }
 
 TEST(dcore_layout, mappings_that_touch_stay_apart) {
     core_layout layout = layout_new(page);
-    add_mapping(layout, 16, 20);
-    add_content(layout, 16, 20);
-    add_mapping(layout, 20, 24);
-    add_content(layout, 20, 24);
+    add_mapping(&layout, 16, 20);
+    add_content(&layout, 16, 20);
+    add_mapping(&layout, 20, 24);
+    add_content(&layout, 20, 24);
     EXPECT_EQ(segments_of(layout), (std::vector<plain_segment>{{16, 20, 4, PF_R}, {20, 24, 4, PF_R}}));
 }
 
@@ -105,9 +105,9 @@ TEST(dcore_layout, joining_does_not_reach_over_mappings) {
     core_layout layout = layout_new(page);
     layout.spare_segments = 0;
     for (uint64_t i = 0; i < 10; i++) {
-        add_mapping(layout, 100 + 10 * i, 110 + 10 * i);
-        add_content(layout, 101 + 10 * i, 102 + 10 * i);
-        add_content(layout, 108 + 10 * i, 109 + 10 * i);
+        add_mapping(&layout, 100 + 10 * i, 110 + 10 * i);
+        add_content(&layout, 101 + 10 * i, 102 + 10 * i);
+        add_content(&layout, 108 + 10 * i, 109 + 10 * i);
     }
     ASSERT_EQ(layout.segments.size(), 10u);
     for (const plain_segment& each : segments_of(layout)) {
@@ -118,8 +118,8 @@ TEST(dcore_layout, joining_does_not_reach_over_mappings) {
 
 TEST(dcore_layout_places, content_begins_on_a_page_and_everything_adds_up) {
     core_layout layout = layout_new(page);
-    add_mapping(layout, 16, 32);
-    add_content(layout, 18, 20);
+    add_mapping(&layout, 16, 32);
+    add_content(&layout, 18, 20);
     core_places places = layout_places(layout, 1000);
     EXPECT_EQ(places.notes, sizeof(core_ehdr) + 3 * sizeof(core_phdr));
     EXPECT_EQ(places.notes_length, 1000u);
@@ -141,8 +141,8 @@ TEST(dcore_layout_places, notes_that_end_on_a_page_need_no_padding) {
 
 TEST(dcore_layout_headers, a_segment_says_what_of_it_is_in_the_file) {
     core_layout layout = layout_new(page);
-    add_mapping(layout, 16, 32, PF_R | PF_W);
-    add_content(layout, 16, 20);
+    add_mapping(&layout, 16, 32, PF_R | PF_W);
+    add_content(&layout, 16, 20);
     core_phdr head = layout_phdr(layout, layout.segments[0], 0x5000);
     EXPECT_EQ(head.p_type, static_cast<Elf32_Word>(PT_LOAD));
     EXPECT_EQ(head.p_flags, static_cast<Elf32_Word>(PF_R | PF_W));
@@ -157,7 +157,7 @@ TEST(dcore_layout_headers, more_segments_than_the_header_counts_are_counted_in_a
     for (uint64_t count : {65533u, 65534u, 70000u}) {
         core_layout layout = layout_new(page);
         for (uint64_t i = 0; i < count; i++) {
-            add_mapping(layout, 16 + 2 * i, 17 + 2 * i);
+            add_mapping(&layout, 16 + 2 * i, 17 + 2 * i);
         }
         core_places places = layout_places(layout, 0);
         core_ehdr head = layout_ehdr(layout, places);
@@ -177,10 +177,10 @@ TEST(dcore_layout_headers, more_segments_than_the_header_counts_are_counted_in_a
 
 TEST(dcore_layout_files, keep_their_names_once_where_neighbours_share_them) {
     core_layout layout = layout_new(page);
-    layout_file(layout, page, 2 * page, 0, "/a");
-    layout_file(layout, 2 * page, 3 * page, 3 * page, "/a");
-    layout_file(layout, 3 * page, 4 * page, 0, "/ab");
-    layout_file(layout, 4 * page, 5 * page, 0, "");
+    layout_add_file(&layout, page, 2 * page, 0, "/a");
+    layout_add_file(&layout, 2 * page, 3 * page, 3 * page, "/a");
+    layout_add_file(&layout, 3 * page, 4 * page, 0, "/ab");
+    layout_add_file(&layout, 4 * page, 5 * page, 0, "");
     EXPECT_EQ(layout.names, "/a/ab");
     ASSERT_EQ(layout.files.size(), 4u);
     EXPECT_EQ(layout.files[1].offset_pages, 3u);

@@ -9,7 +9,7 @@
 TEST(dcore_mapping_head, has_every_field) {
     core_mapping mapping;
     ASSERT_TRUE(mapping_parse_head(
-        "55e8383de000-55e8383df000 r-xp 00001000 fe:01 42                 /bin/a b", mapping));
+        "55e8383de000-55e8383df000 r-xp 00001000 fe:01 42                 /bin/a b", &mapping));
     EXPECT_EQ(mapping.start, 0x55e8383de000u);
     EXPECT_EQ(mapping.end, 0x55e8383df000u);
     EXPECT_EQ(mapping.offset, 0x1000u);
@@ -20,44 +20,44 @@ TEST(dcore_mapping_head, has_every_field) {
 
 TEST(dcore_mapping_head, may_have_no_name) {
     core_mapping mapping;
-    ASSERT_TRUE(mapping_parse_head("7ffd0000-7ffe0000 rw-s 00000000 00:00 0 ", mapping));
+    ASSERT_TRUE(mapping_parse_head("7ffd0000-7ffe0000 rw-s 00000000 00:00 0 ", &mapping));
     EXPECT_TRUE(mapping.writable && mapping.shared && !mapping.is_file);
     EXPECT_EQ(mapping.path, "");
-    ASSERT_TRUE(mapping_parse_head("7ffd0000-7ffe0000 rw-p 00000000 00:00 0", mapping));
+    ASSERT_TRUE(mapping_parse_head("7ffd0000-7ffe0000 rw-p 00000000 00:00 0", &mapping));
 }
 
-TEST(dcore_mapping_head, knows_files_without_a_name_left) {
+TEST(dcore_mapping_head, recognizes_deleted_files) {
     core_mapping mapping;
-    ASSERT_TRUE(mapping_parse_head("1000-2000 rw-s 00000000 00:01 7 /memfd:x (deleted)", mapping));
-    EXPECT_TRUE(mapping.is_file && mapping.deleted);
-    ASSERT_TRUE(mapping_parse_head("1000-2000 rw-p 00000000 00:00 0 [heap]", mapping));
-    EXPECT_FALSE(mapping.is_file || mapping.deleted);
+    ASSERT_TRUE(mapping_parse_head("1000-2000 rw-s 00000000 00:01 7 /memfd:x (deleted)", &mapping));
+    EXPECT_TRUE(mapping.is_file && mapping.is_deleted);
+    ASSERT_TRUE(mapping_parse_head("1000-2000 rw-p 00000000 00:00 0 [heap]", &mapping));
+    EXPECT_FALSE(mapping.is_file || mapping.is_deleted);
 }
 
-TEST(dcore_mapping_head, undoes_the_kernel_s_writing_of_a_newline) {
+TEST(dcore_mapping_head, decodes_a_newline_in_a_name) {
     core_mapping mapping;
-    ASSERT_TRUE(mapping_parse_head("1000-2000 r--p 00000000 00:01 7 /a\\012b", mapping));
+    ASSERT_TRUE(mapping_parse_head("1000-2000 r--p 00000000 00:01 7 /a\\012b", &mapping));
     EXPECT_EQ(mapping.path, "/a\nb");
 }
 
-TEST(dcore_mapping_head, is_none_of_the_other_lines) {
+TEST(dcore_mapping_head, rejects_other_lines) {
     for (const char* line :
          {"", "Size:                  4 kB", "VmFlags: rd ex mr mw me", "1000-2000", "2000-1000 rw-p 0 0:0 0",
           "1000-1000 rw-p 0 0:0 0", "1000-2000 rw-p", "1000-2000 rw 0 0:0 0", "1000-2000 rw-p x 0:0 0",
           "AnonHugePages: 0 kB", "1000-2000 rw-p 0 00:00", "fffffffffffffffff-2 rw-p 0 0 0"}) {
         core_mapping mapping;
         mapping.path = "kept";
-        EXPECT_FALSE(mapping_parse_head(line, mapping)) << line;
+        EXPECT_FALSE(mapping_parse_head(line, &mapping)) << line;
         EXPECT_EQ(mapping.path, "kept");
     }
 }
 
-TEST(dcore_mapping_detail, counts_what_is_in_memory) {
+TEST(dcore_mapping_detail, adds_up_memory_and_swap) {
     core_mapping mapping;
     for (const char* line :
          {"Rss:                  12 kB", "Anonymous:             8 kB", "Swap:                  4 kB",
           "SwapPss:               1 kB", "Size:                 99 kB"}) {
-        mapping_parse_detail(line, mapping);
+        mapping_add_detail(&mapping, line);
     }
     EXPECT_EQ(mapping.resident_kb, 12u);
     EXPECT_EQ(mapping.anonymous_kb, 8u);
@@ -65,7 +65,7 @@ TEST(dcore_mapping_detail, counts_what_is_in_memory) {
     EXPECT_FALSE(mapping.has_details);
 }
 
-TEST(dcore_mapping_detail, knows_the_flags_that_matter) {
+TEST(dcore_mapping_detail, reads_the_flags) {
     struct {
         const char* line;
         bool device, do_not_dump, huge;
@@ -80,15 +80,15 @@ TEST(dcore_mapping_detail, knows_the_flags_that_matter) {
     };
     for (const auto& each : cases) {
         core_mapping mapping;
-        mapping_parse_detail(each.line, mapping);
+        mapping_add_detail(&mapping, each.line);
         EXPECT_TRUE(mapping.has_details);
-        EXPECT_EQ(mapping.device, each.device) << each.line;
+        EXPECT_EQ(mapping.is_device, each.device) << each.line;
         EXPECT_EQ(mapping.do_not_dump, each.do_not_dump) << each.line;
-        EXPECT_EQ(mapping.huge, each.huge) << each.line;
+        EXPECT_EQ(mapping.is_huge, each.huge) << each.line;
     }
 }
 
-TEST(dcore_mapping_guess, takes_device_files_for_devices_but_not_shared_memory) {
+TEST(dcore_mapping_guess, recognizes_device_files_but_not_shared_memory) {
     for (auto [path, device] : {std::pair{"/dev/mem", true},
                                 {"/dev/dri/card0", true},
                                 {"[vvar]", true},
@@ -98,12 +98,12 @@ TEST(dcore_mapping_guess, takes_device_files_for_devices_but_not_shared_memory) 
                                 {"", false}}) {
         core_mapping mapping;
         mapping.path = path;
-        mapping_guess_details(mapping);
-        EXPECT_EQ(mapping.device, device) << path;
+        mapping_guess_details(&mapping);
+        EXPECT_EQ(mapping.is_device, device) << path;
     }
 }
 
-TEST(dcore_mappings_walk, finds_a_mapping_of_our_own_with_its_details) {
+TEST(dcore_mappings_walk, finds_a_mapping_with_its_details) {
     size_t page = static_cast<size_t>(getpagesize());
     void* memory = mmap(nullptr, 4 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(memory, MAP_FAILED);
@@ -136,7 +136,7 @@ TEST(dcore_mappings_walk, finds_a_mapping_of_our_own_with_its_details) {
     EXPECT_EQ(search.found.end - search.found.start, 4 * page);
 }
 
-TEST(dcore_mappings_walk, finds_none_of_a_process_that_is_not_there) {
+TEST(dcore_mappings_walk, finds_nothing_for_a_missing_process) {
     EXPECT_EQ(mappings_walk(
                   0x7fffffff, [](const core_mapping&, void*) { ADD_FAILURE(); }, nullptr),
               0u);

@@ -7,7 +7,7 @@
 
 namespace {
 
-const char* parse(std::vector<std::string> words, dcore_options& options) {
+std::string parse(std::vector<std::string> words, dcore_options* options) {
     static std::vector<std::string> kept;  // the options borrow from it
     kept = std::move(words);
     kept.insert(kept.begin(), "dcore");
@@ -21,30 +21,30 @@ const char* parse(std::vector<std::string> words, dcore_options& options) {
 
 }  // namespace
 
-TEST(dcore_options, a_pid_alone_goes_to_standard_output) {
+TEST(dcore_options, select_standard_output_for_a_pid_alone) {
     dcore_options options;
-    ASSERT_EQ(parse({"42"}, options), nullptr);
+    ASSERT_EQ(parse({"42"}, &options), "");
     EXPECT_EQ(options.pid, 42);
     EXPECT_EQ(options.file, nullptr);
 }
 
-TEST(dcore_options, a_file_is_named_before_the_pid) {
+TEST(dcore_options, accept_a_file_before_the_pid) {
     dcore_options options;
-    ASSERT_EQ(parse({"-c", "core.42", "42"}, options), nullptr);
+    ASSERT_EQ(parse({"-c", "core.42", "42"}, &options), "");
     EXPECT_STREQ(options.file, "core.42");
-    ASSERT_EQ(parse({"-ccore", "42"}, options), nullptr);
+    ASSERT_EQ(parse({"-ccore", "42"}, &options), "");
     EXPECT_STREQ(options.file, "core");
 }
 
-TEST(dcore_options, standard_output_has_names) {
+TEST(dcore_options, accept_names_of_standard_output) {
     for (const char* name : {"/dev/stdout", "-"}) {
         dcore_options options;
-        ASSERT_EQ(parse({"-c", name, "42"}, options), nullptr);
+        ASSERT_EQ(parse({"-c", name, "42"}, &options), "");
         EXPECT_EQ(options.file, nullptr) << name;
     }
 }
 
-TEST(dcore_options, what_is_wrong_is_said_and_changes_nothing) {
+TEST(dcore_options, are_unchanged_by_a_wrong_command_line) {
     const std::vector<std::vector<std::string>> wrong = {
         {},     {"-c"}, {"-c", "x"}, {"-x", "1"}, {"1", "2"},      {"0"},
         {"-1"}, {"1x"}, {""},        {" 1"},      {"99999999999"}, {"0x10"},
@@ -52,7 +52,14 @@ TEST(dcore_options, what_is_wrong_is_said_and_changes_nothing) {
     for (const auto& words : wrong) {
         dcore_options options;
         options.pid = 7;
-        EXPECT_NE(parse(words, options), nullptr) << testing::PrintToString(words);
+        EXPECT_NE(parse(words, &options), "") << testing::PrintToString(words);
         EXPECT_EQ(options.pid, 7);
     }
+}
+
+TEST(dcore_options, name_the_wrong_word) {
+    dcore_options options;
+    EXPECT_EQ(parse({"-x", "1"}, &options), "unknown option '-x'");
+    EXPECT_EQ(parse({"-c"}, &options), "missing file after '-c'");
+    EXPECT_EQ(parse({"1x"}, &options), "'1x' is not a process id");
 }

@@ -22,7 +22,7 @@ std::vector<std::string> lines_of(const std::string& text) {
     });
     std::vector<std::string> lines;
     auto reader = std::make_unique<line_reader>(out.get());
-    for (std::string_view line; reader->next(line);) {
+    for (std::string_view line; reader->next(&line);) {
         lines.emplace_back(line);
     }
     writer.join();
@@ -31,16 +31,16 @@ std::vector<std::string> lines_of(const std::string& text) {
 
 }  // namespace
 
-TEST(dcore_line_reader, gives_each_line_without_its_newline) {
+TEST(dcore_line_reader, returns_each_line_without_its_newline) {
     EXPECT_EQ(lines_of("one\n\nthree\n"), (std::vector<std::string>{"one", "", "three"}));
 }
 
-TEST(dcore_line_reader, gives_a_last_line_that_has_no_newline) {
+TEST(dcore_line_reader, returns_a_last_line_without_newline) {
     EXPECT_EQ(lines_of("one\ntwo"), (std::vector<std::string>{"one", "two"}));
     EXPECT_TRUE(lines_of("").empty());
 }
 
-TEST(dcore_line_reader, finds_lines_across_its_buffer_s_end) {
+TEST(dcore_line_reader, finds_lines_across_the_end_of_its_buffer) {
     std::string text;
     std::vector<std::string> want;
     for (int i = 0; i < 3000; i++) {
@@ -50,7 +50,7 @@ TEST(dcore_line_reader, finds_lines_across_its_buffer_s_end) {
     EXPECT_EQ(lines_of(text), want);
 }
 
-TEST(dcore_line_reader, cuts_a_line_longer_than_its_buffer_and_goes_on_with_the_next) {
+TEST(dcore_line_reader, cuts_a_line_longer_than_its_buffer_and_continues) {
     std::string endless(100000, 'y');
     std::vector<std::string> lines = lines_of("one\n" + endless + "\ntwo\n");
     ASSERT_EQ(lines.size(), 3u);
@@ -60,34 +60,34 @@ TEST(dcore_line_reader, cuts_a_line_longer_than_its_buffer_and_goes_on_with_the_
     EXPECT_EQ(lines[2], "two");
 }
 
-TEST(dcore_take_number, takes_the_number_and_the_blanks_behind_it) {
+TEST(dcore_take_number, removes_the_number_and_the_blanks_after_it) {
     std::string_view text = "7f00 \t12";
     uint64_t value = 0;
-    EXPECT_TRUE(take_number(text, value, 16));
+    EXPECT_TRUE(take_hex(&text, &value));
     EXPECT_EQ(value, 0x7f00u);
-    EXPECT_TRUE(take_number(text, value));
+    EXPECT_TRUE(take_number(&text, &value));
     EXPECT_EQ(value, 12u);
     EXPECT_EQ(text, "");
 }
 
-TEST(dcore_take_number, leaves_what_is_no_number_or_too_large) {
+TEST(dcore_take_number, leaves_other_text_and_large_numbers_alone) {
     for (std::string_view text : {"", "x1", " 1", "99999999999999999999"}) {
         std::string_view rest = text;
         uint64_t value = 5;
-        EXPECT_FALSE(take_number(rest, value)) << text;
+        EXPECT_FALSE(take_number(&rest, &value)) << text;
         EXPECT_EQ(rest, text);
     }
 }
 
 TEST(dcore_take_word, ends_at_a_blank) {
     std::string_view text = "rw-p  0000";
-    EXPECT_EQ(take_word(text), "rw-p");
+    EXPECT_EQ(take_word(&text), "rw-p");
     EXPECT_EQ(text, "0000");
-    EXPECT_EQ(take_word(text), "0000");
-    EXPECT_EQ(take_word(text), "");
+    EXPECT_EQ(take_word(&text), "0000");
+    EXPECT_EQ(take_word(&text), "");
 }
 
-TEST(dcore_proc_text, is_empty_for_a_process_that_is_not_there) {
+TEST(dcore_proc_text, is_empty_for_a_missing_process) {
     EXPECT_EQ(proc_text(0x7fffffff, "stat"), "");
     EXPECT_FALSE(proc_text(getpid(), "stat").empty());
     EXPECT_EQ(proc_text(getpid(), "stat", 3).size(), 3u);
