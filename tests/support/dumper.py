@@ -15,7 +15,7 @@ DCORE = str(BIN / "dcore")
 PAGE = os.sysconf("SC_PAGE_SIZE")
 PTRACE_SEIZE, PTRACE_INTERRUPT, PTRACE_DETACH, PTRACE_GETREGSET = 0x4206, 0x4207, 17, 0x4204
 WALL = 0x40000000
-RELEASED_EARLY = "had to go on before its memory was read"
+RELEASED_EARLY = "was resumed before its memory was read"
 
 
 def run_dcore(pid, *words, status=0):
