@@ -4,9 +4,9 @@
 #include "app/applets.h"
 
 int main(int argc, char** argv) {
-    // A reader that goes away shows as EPIPE, in every applet.
+    // In every applet, a write without a reader fails with EPIPE.
     signal(SIGPIPE, SIG_IGN);
-    // A starter that ignores SIGCHLD would have the kernel reap the children that the applets wait for.
+    // If the parent process ignored SIGCHLD, the kernel would reap the children that applets wait for.
     signal(SIGCHLD, SIG_DFL);
     return app_dispatch(argc, argv, app_table);
 }

@@ -1,6 +1,5 @@
-// What the C++ library throws where there are no exceptions: running out of memory and misuse of a container
-// end the program. Without these replacements the library's own versions bring the whole unwinder along, ten
-// times the size of the code that uses it.
+// Replaces what throws in the C++ library: without memory, or if a container is misused, the program ends.
+// The library's own versions would link the whole unwinder, ten times the size of the code that uses it.
 #include <stdlib.h>
 
 #include <cstddef>

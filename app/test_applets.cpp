@@ -10,7 +10,7 @@
 
 namespace {
 
-// The number in argv[index] in any base, 0 for text that is none; `fallback` when it is not given.
+// The number in argv[index], in any base; 0 if it is not a number, `fallback` if it is missing.
 unsigned long number_argument(int argc, char** argv, int index, unsigned long fallback) {
     return argc > index ? strtoul(argv[index], nullptr, 0) : fallback;
 }
@@ -70,7 +70,7 @@ int run_fdleak(int argc, char** argv) {
     }
 }
 
-// The sanitizers are told to let it crash.
+// The undefined behaviour sanitizer must let it crash.
 __attribute__((no_sanitize("undefined"))) int run_segfault(int /*argc*/, char** /*argv*/) {
     volatile int* volatile nowhere = nullptr;
     *nowhere = 0;  // NOLINT(clang-analyzer-core.NullDereference): what the applet is for

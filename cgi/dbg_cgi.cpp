@@ -44,7 +44,7 @@ constexpr int segfault_backlog = 2;
 // Browsers and traces may hold far more connections than the usual soft limit allows.
 constexpr rlim_t wanted_descriptors = 4096;
 
-// What an ending daemon still has to do gets this long, whatever hangs.
+// After this time a daemon that has received a signal ends, even if something hangs.
 constexpr int ending_limit_ms = 10000;
 
 struct daemon_options {
@@ -57,7 +57,7 @@ struct daemon_options {
     const char* dump_dir = nullptr;
 };
 
-// Fills in what the command line says; false when help is due.
+// Fills in the options of the command line. Returns false if the help text has to be printed.
 bool parse_options(int argc, char** argv, daemon_options* options) {
     for (int option; (option = getopt(argc, argv, "di:np:s:c:k:ht")) != -1;) {
         switch (option) {
@@ -100,8 +100,7 @@ void raise_descriptor_limit() {
     }
 }
 
-// The program, its fixed arguments and the two empty places that the dumper wants behind them; for the life
-// of the process.
+// The program and its fixed arguments. The entry after them is for the pid. They live as long as the process.
 void configure_dumper(const char* program) {
     static char write_option[] = "-c";
     static char output[] = "/dev/stdout";
@@ -111,16 +110,16 @@ void configure_dumper(const char* program) {
     dump_init();
 }
 
-// Before the signals that end the daemon do so, its archive switches the watchdogs on. The alarm of an
-// archive is the guard against a hang, whatever the starter ignored.
+// When a signal ends the daemon during an archive, the watchdogs are switched on first. The alarm is reset to
+// its default, because it ends an archive that hangs, even if the parent process ignored it.
 void catch_ending_signals() {
     constexpr int signals[] = {SIGALRM, SIGTERM, SIGHUP, SIGINT, SIGQUIT};
     signal(SIGALRM, SIG_DFL);
-    (void)ending_catch(signals, ending_limit_ms);  // without a thread for it they end the daemon as they are
+    (void)ending_catch(signals, ending_limit_ms);  // on failure, the signals end the daemon at once
 }
 
-// Standard output is the archive's alone: what anything else prints meanwhile goes to standard error. Returns
-// 0 or the errno of why the archive is not whole.
+// Only the archive goes to standard output: all other prints go to standard error meanwhile. Returns 0, or
+// the errno of the reason why the archive is not complete.
 int write_direct(bool compress) {
     fflush(stdout);
     unique_fd output(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
@@ -131,11 +130,11 @@ int write_direct(bool compress) {
     const int error = (compress ? stream_tgz : stream_tar)(output.get());
     fflush(stdout);
     dup2(output.get(), STDOUT_FILENO);
-    // Some file systems tell only now that they are full.
+    // Some file systems report only now that they are full.
     return close(output.release()) != 0 && error == 0 ? errno : error;
 }
 
-// The exit status. Without an output of its own there is nothing to write an archive to.
+// Returns the exit status. If standard output was closed, no archive can be written.
 int run_direct(bool has_output, bool compress) {
     const int error = has_output ? write_direct(compress) : EBADF;
     if (error != 0) {
@@ -150,7 +149,7 @@ unique_fd open_cgi_socket(const char* path) {
     if (!server) {
         syslog(LOG_ERR, "Could not open %s: %m", path);
     } else {
-        fcntl(server.get(), F_SETFD, FD_CLOEXEC);  // whatever the library does about it
+        fcntl(server.get(), F_SETFD, FD_CLOEXEC);  // the library may not have done it
     }
     return server;
 }
@@ -210,7 +209,7 @@ int run_dbg_cgi(int argc, char** argv) {
         exit(1);
     }
     configure_dumper(options.dumper);
-    (void)mallopt(M_ARENA_MAX, 1);  // a heap for each thread would stay behind when the thread has gone
+    (void)mallopt(M_ARENA_MAX, 1);  // the memory of a heap for each thread would stay after the thread's end
     if (options.direct) {
         catch_ending_signals();
         return run_direct(has_output, options.compress);

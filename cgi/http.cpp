@@ -18,7 +18,7 @@ constexpr char page_format[] =
     "HTTP/1.0 %s\r\n" HTTP_NEVER_CACHED
     "Content-Type: text/html\r\n\r\n<HTML><HEAD></HEAD>\r\n<BODY>\r\n%s\r\n</BODY></HTML>\r\n\r\n";
 
-// Formats with two texts and writes the result; false when either fails.
+// Inserts two texts into a format and writes the result. Returns false if either fails.
 bool write_formatted(int fd, const char* format, const char* first, const char* second) {
     char* formatted = nullptr;
 #pragma GCC diagnostic push
@@ -32,7 +32,7 @@ bool write_formatted(int fd, const char* format, const char* first, const char* 
     return safe_write(fd, text.get(), static_cast<unsigned>(length)) >= 0;
 }
 
-// Replaces what would break the quoted name, and with it the head.
+// Replaces the characters that would end the quoted name or the header.
 void make_quotable(char* name) {
     for (; *name; name++) {
         unsigned char c = static_cast<unsigned char>(*name);

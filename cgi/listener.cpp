@@ -20,50 +20,50 @@ namespace {
 
 constexpr int receive_limit = 4095;
 
-// A browser that stops reading fails its writer after this time, long before an archive phase's alarm would
-// end the daemon. One that is slow but goes on reading is served to the end.
+// A write to a browser that has stopped reading fails after this time, long before an archive phase's alarm
+// would end the daemon. A slow browser that keeps reading is served to the end.
 constexpr unsigned stalled_browser_ms = 120000;
 
-// A writer that waits for space goes on when the browser has taken about this much more. By itself the kernel
-// lets it wait until a third of the send buffer is free, which grows to megabytes: a browser that reads 1
-// kB/s would seem to stand still for longer than an archive's phase may take.
+// A writer that waits for space continues after the browser has read about this much more. By default the
+// kernel wakes it only when a third of the send buffer is free, and that buffer grows to megabytes: a browser
+// that reads 1 kB/s would seem to have stopped for longer than an archive's phase may take.
 constexpr int unsent_limit = 65536;
 
-// The pause after a failure that leaves the connection in the queue, such as no descriptor being free:
-// without it the loop would spin until a worker has ended.
+// The pause after a failure that leaves the connection in the queue, such as no free descriptor. Without it
+// the loop would spin until a worker has ended.
 constexpr useconds_t exhausted_pause_us = 10000;
 
-// The pause after a failure of the wait itself, which may last.
+// The pause after poll(2) has failed or a socket reports an error, which may not pass soon.
 constexpr useconds_t broken_pause_us = 100000;
 
-// One byte more than is received, for the zero that ends the query.
+// One byte more than the limit, for the zero byte that ends the query.
 char request_text[receive_limit + 1];
 
 void prepare_connection(int fd) {
     fcntl(fd, F_SETFD, FD_CLOEXEC);
-    // The writers retry EAGAIN at once: on a non-blocking connection they would spin.
+    // Writers retry EAGAIN at once, so they would spin on a non-blocking connection.
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
     int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    // These fail harmlessly where the connection is not TCP.
+    // On other connections than TCP these fail, which does no harm.
     setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &stalled_browser_ms, sizeof stalled_browser_ms);
     setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsent_limit, sizeof unsent_limit);
 }
 
-// Pauses when the last call failed for want of something that only time brings back.
+// Pauses if the last call found no free descriptor or memory.
 void pause_if_exhausted() {
     if (is_exhaustion(errno)) {
         usleep(exhausted_pause_us);
     }
 }
 
-// Serves one request; false when there was none to be had.
+// Serves one request. Returns false if no message was received.
 bool serve_request(const listener_options& options) {
     int client_fd = -1;
     errno = 0;
     int length = qorlink_recv(options.cgi_socket, request_text, receive_limit, &client_fd);
     if (length < 1 || client_fd < 0) {
-        unique_fd(client_fd).reset();  // not every library takes back what came with a bad message
+        unique_fd(client_fd).reset();  // some libraries leave the descriptor of a bad message open
         pause_if_exhausted();
         return false;
     }
@@ -82,7 +82,7 @@ void serve_push(int segfault_socket) {
         pause_if_exhausted();
         return;
     }
-    (void)handle_request_push(connection, "core");  // nobody waiting, or gone meanwhile: the core is dropped
+    (void)handle_request_push(connection, "core");  // if no browser waits, the core is dropped
 }
 
 }  // namespace

@@ -26,7 +26,7 @@ bool is_blank(char c) {
     return isspace(static_cast<unsigned char>(c)) != 0;
 }
 
-// Takes the text up to the next comma off `*rest`.
+// Removes the text up to the next comma from `*rest`.
 std::string_view take_until_comma(std::string_view* rest) {
     size_t comma = rest->find(',');
     std::string_view taken = rest->substr(0, comma);

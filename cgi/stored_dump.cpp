@@ -20,7 +20,7 @@ constexpr const char* default_dump_dirs[] = {
     nullptr,
 };
 
-// Opens the first of `dirs` that can be opened and says in `*found` which it was.
+// Opens the first of `dirs` that can be opened and stores its name in `*found`.
 unique_fd open_first(const char* const* dirs, const char** found) {
     for (; *dirs; dirs++) {
         unique_fd dir(open(*dirs, O_RDONLY | O_CLOEXEC));
@@ -32,7 +32,7 @@ unique_fd open_first(const char* const* dirs, const char** found) {
     return unique_fd();
 }
 
-// The next entry that is a dump: any but the directory itself and its parent. Null at the end.
+// The next entry except "." and ".."; null at the end.
 const dirent* next_dump(DIR* dir) {
     const dirent* entry = readdir(dir);
     while (entry && (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)) {
@@ -41,7 +41,7 @@ const dirent* next_dump(DIR* dir) {
     return entry;
 }
 
-// A FIFO is no dump: its reader would wait for whoever may write into it.
+// A FIFO is not a dump: reading it would wait for a process that writes into it.
 bool is_fifo(int fd) {
     struct stat info;
     return fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
@@ -49,7 +49,7 @@ bool is_fifo(int fd) {
 
 enum class delivery { done, failed, no_dump };
 
-// Sends the dump `name` and deletes it. When that fails it is still there.
+// Sends the dump `name` and deletes it. On failure, the file stays.
 delivery deliver(int dir_fd, const char* name) {
     unique_fd file(openat(dir_fd, name, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file) {
@@ -70,7 +70,7 @@ delivery deliver(int dir_fd, const char* name) {
     return delivery::done;
 }
 
-// Delivers the first dump, if there is one; false when that failed.
+// Delivers the first dump, if any. Returns false on failure.
 bool deliver_from(DIR* dir) {
     delivery result = delivery::no_dump;
     const dirent* entry;

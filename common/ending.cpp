@@ -15,7 +15,7 @@ namespace {
 
 constexpr int signal_exit_base = 128;
 
-// What the handler reads: set before the first signal can come.
+// The handler reads these. They are set before the first signal can arrive.
 std::atomic<pid_t> owner{0};
 std::atomic<int> first_signal{0};
 sem_t end_is_due;
@@ -43,13 +43,13 @@ void unblock(int sig) {
     signal(sig, SIG_DFL);
     unblock(sig);
     raise(sig);
-    _exit(signal_exit_base + sig);  // the first process of a namespace survives its own signals
+    _exit(signal_exit_base + sig);  // the first process of a PID namespace survives its own signals
 }
 
 void on_signal(int sig, siginfo_t* info, void* /*context*/) {
     int saved = errno;
     if (getpid() != owner) {
-        die_by(sig);  // a forked child, whose parent the semaphore is not to end
+        die_by(sig);  // a forked child, which has no thread to end it in order
     }
     if (info->si_code == SI_TIMER) {
         die_by(first_signal);
@@ -61,7 +61,7 @@ void on_signal(int sig, siginfo_t* info, void* /*context*/) {
     errno = saved;
 }
 
-// Keeps the lock, so that no work is added any more.
+// Keeps the lock: no more work can be added.
 void do_works() {
     pthread_mutex_lock(&works_lock);
     for (auto* work : works) {
@@ -71,7 +71,7 @@ void do_works() {
     }
 }
 
-// Keeps the lock, so that no hold begins any more.
+// Keeps the lock: no more holds can begin.
 void wait_for_holds() {
     pthread_mutex_lock(&holds_lock);
     closing = true;
@@ -125,9 +125,9 @@ void catch_signal(int sig) {
 
 void replace_work(void (*old)(), void (*wanted)()) {
     pthread_mutex_lock(&works_lock);
-    auto* place = std::find(std::begin(works), std::end(works), old);
-    if (place != std::end(works)) {
-        *place = wanted;
+    auto* entry = std::find(std::begin(works), std::end(works), old);
+    if (entry != std::end(works)) {
+        *entry = wanted;
     }
     pthread_mutex_unlock(&works_lock);
 }

@@ -11,7 +11,7 @@
 
 namespace {
 
-// One number of all architectures; older kernel headers do not name it.
+// Older kernel headers have no name for it.
 constexpr long close_range_number =
 #ifdef SYS_close_range
     SYS_close_range;
@@ -19,11 +19,11 @@ constexpr long close_range_number =
     -1;
 #endif
 
-// Where the kernel allows a process millions of descriptors, nobody wants to wait for as many closes. New
-// descriptors get the lowest free number, so one above this would be the 65537th.
+// Some kernels allow millions of descriptors, and closing each of them takes too long. A new descriptor gets
+// the lowest free number, so a process with a descriptor above this has had 65536 others open.
 constexpr rlim_t highest_count = 65536;
 
-// Closes what /proc/self/fd lists. Returns false when the list could not be read to its end.
+// Closes the descriptors in /proc/self/fd. Returns false if the list could not be read to its end.
 bool close_listed(unsigned first) {
     const unique_dir dir(opendir("/proc/self/fd"));
     if (!dir) {

@@ -1,4 +1,4 @@
-// What a child that goes on without an exec tells its parent.
+// Memory through which a child that does not exec reports to its parent.
 #pragma once
 
 #include <sys/mman.h>
@@ -6,8 +6,8 @@
 #include <new>
 #include <type_traits>
 
-// An object of type T, with its initial values, that stays one and the same for processes forked later. Empty
-// when there is no memory for it.
+// An object of type T, with its initial values, that is shared with processes forked later. Empty if memory
+// runs out.
 template <typename T>
 class shared_object {
 public:

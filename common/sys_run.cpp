@@ -33,17 +33,17 @@ constexpr int longest_end_pause_ms = 50;
     if (is_traced) {
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
         if (getppid() != parent) {
-            _exit(
-                1);  // the parent died before: another process is the tracer now, and would leave it stopped
+            // The parent died before. The new parent is the tracer now, and would leave this process stopped.
+            _exit(1);
         }
     }
     execve(path, argv, envp);
     perror("execve");
-    // Not exit(): the copy of the parent's buffers and exit handlers is not this process's to run.
+    // exit() would write the parent's buffers again and run its exit handlers.
     _exit(1);
 }
 
-// Waits for any child of the caller, but not for ever: one of them may be waiting for the caller in turn.
+// Waits for any child of the caller, for a limited time: a child may in turn be waiting for the caller.
 void wait_for_any(int* status) {
     for (int waited_ms = 0; waited_ms < any_child_patience_ms; waited_ms += any_child_pause_ms) {
         if (waitpid(-1, status, WNOHANG | __WNOTHREAD) != 0) {

@@ -1,4 +1,4 @@
-// Temporary files without a name, which disappear even after a crash.
+// Temporary files without a name, which vanish even if the program crashes.
 #pragma once
 
 #include "common/unique_fd.h"

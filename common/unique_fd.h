@@ -1,4 +1,4 @@
-// Owners that release what they hold, so that an early return is safe.
+// Owners, which release what they own at the end of their life.
 #pragma once
 
 #include <dirent.h>
@@ -10,7 +10,7 @@
 #include <memory>
 #include <utility>
 
-// A descriptor that is closed at the end of its owner's life; -1 owns nothing. Closing keeps errno.
+// Owns a descriptor, or nothing if it is -1. Closing keeps errno.
 class unique_fd {
 public:
     unique_fd() = default;

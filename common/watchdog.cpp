@@ -23,7 +23,7 @@ void report_state(int enable) {
     fflush(stdout);
 }
 
-// Returns null, or the platform's error. Only the error record tells whether it worked.
+// Returns null, or the platform's error. The return value of the platform's call means nothing.
 const hollisk_error* switch_platform(int enable) {
     hollisk_error* error = nullptr;
     (void)hollisk_set_service_watchdogs(enable, &error);
@@ -39,8 +39,8 @@ int32_t report_result(int enable, const hollisk_error* error) {
     return -1;
 }
 
-// The report comes after the switch here: the output may be what the process hangs on. The lock stays held,
-// so that an attempt to switch them off comes before this or never.
+// Reports after the switch, because the process may be hanging in a write to its output. Keeps the lock, so
+// no thread can switch the watchdogs off afterwards.
 void enable_at_the_end() {
     pthread_mutex_lock(&off_lock);
     for (;;) {
