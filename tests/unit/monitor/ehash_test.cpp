@@ -80,7 +80,7 @@ TEST(ehash_new, has_the_smallest_power_of_two_above_the_hint) {
     EXPECT_EQ(buckets_for(512), 1024U);
 }
 
-TEST(ehash_new, starts_empty_and_with_a_null_behind_the_last_bucket) {
+TEST(ehash_new, is_empty_and_has_a_null_after_the_last_bucket) {
     ehash* table = ehash_new(7);
     EXPECT_EQ(table->count, 0U);
     ASSERT_EQ(table->bucket_count, 8U);
@@ -280,7 +280,7 @@ TEST_F(ehash_table, iteration_reaches_the_last_bucket) {
     EXPECT_EQ(table_->buckets[16], nullptr);
 }
 
-TEST_F(ehash_table, iteration_shows_keys_to_whoever_asks) {
+TEST_F(ehash_table, iteration_returns_keys_on_request) {
     insert_text("three");
     ehash_iterator at = {};
     const void* key = nullptr;

@@ -1,4 +1,4 @@
-// A made-up proc file system and a monitor that watches it.
+// An invented proc file system and a monitor that watches it.
 #pragma once
 
 #include <gtest/gtest.h>

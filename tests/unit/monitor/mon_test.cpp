@@ -28,7 +28,7 @@ bool refuse_poll() {
 #endif
 }
 
-// `mon` over a made-up tree, in a child whose standard error goes into memory.
+// `mon` on a fixture tree, in a child whose standard error is kept in memory.
 class mon_child : public testing::Test {
 protected:
     void SetUp() override {

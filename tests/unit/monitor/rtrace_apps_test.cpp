@@ -156,7 +156,7 @@ TEST_F(rtrace_programs, get_exactly_their_words_and_their_environment) {
 }
 
 TEST_F(rtrace_programs, of_the_media_server_have_three_variables) {
-    // The loader complains about the library that is not there, which nobody hears, and goes on.
+    // The loader warns about the missing library and continues.
     std::string said = root_.path("said");
     put_program("pellora", "tr '\\0' '\\n' < /proc/$$/environ 2>/dev/null > " + said + "\nexec sleep 1000\n");
     const std::string wanted = "GSTTL_LOG_NAME=-\nGSTTL_SHOW=gap\nLD_PRELOAD=/tmp/libgsttracelib.so\n";

@@ -172,7 +172,7 @@ TEST_F(rtrace_disks, that_hang_are_left_out_and_not_asked_again_until_they_answe
     EXPECT_EQ(table_of(lines), heading + good);
     EXPECT_EQ(asked, 3);
     hanging = false;
-    // The thread that waited ends; the one that goes on asking stays.
+    // The thread that waited ends; the one that still asks stays.
     EXPECT_TRUE(eventually([] { return threads() <= threads_at_rest + 1; }));
     EXPECT_EQ(table_of(lines), heading + "h                   \t1600\t2000\t/hang\n" + good);
 }

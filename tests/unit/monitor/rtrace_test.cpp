@@ -212,7 +212,7 @@ TEST_F(rtrace, without_room_for_all_pipes_goes_on_and_still_ends_what_it_started
     put_script(root_, "usr/bin/pidstat", "echo x\nexec sleep 1000\n");
     int status = run_in_child([this] {
         unique_trace trace = create(1000, rtrace_iostat | rtrace_pidstat | rtrace_meminfo);
-        // The client sends nothing more, so that the trace ends behind its first sample.
+        // The client closes its sending side, so the trace ends after its first sample.
         shutdown(client_.a.get(), SHUT_WR);
         {
             few_fds_left for_the_first_pipe_and_a_file(3);

@@ -42,7 +42,7 @@ protected:
     }
     ~monitor_score_call() override { free(text_); }
 
-    // What is printed on standard error.
+    // The text on standard error.
     std::string score() {
         return capture_stderr([this] {
             free(text_);

@@ -57,7 +57,7 @@ void with_own_mounts(Work work) {
 
 }  // namespace
 
-TEST(status_report, becomes_a_file_that_was_not_there) {
+TEST(status_report, creates_a_missing_file) {
     temp_dir dir;
     EXPECT_EQ(publish(dir.path("status"), "all is well\n"), 0);
     EXPECT_EQ(content(dir.path("status")), "all is well\n");
@@ -81,7 +81,7 @@ TEST(status_report, may_be_empty_and_may_be_large) {
     EXPECT_EQ(content(dir.path("large")), large);
 }
 
-TEST(status_report, is_for_its_owner_alone) {
+TEST(status_report, is_readable_by_its_owner_only) {
     temp_dir dir;
     ASSERT_EQ(publish(dir.path("status"), "x"), 0);
     struct stat status;
@@ -112,7 +112,7 @@ TEST(status_report, a_path_without_a_folder_is_in_the_working_directory) {
     EXPECT_EQ(content(dir.path("status")), "here");
 }
 
-TEST(status_report, replaces_a_link_and_not_what_it_points_at) {
+TEST(status_report, replaces_a_link_but_not_its_target) {
     temp_dir dir;
     dir.write_file("precious", "precious");
     ASSERT_EQ(symlink("precious", dir.path("status").c_str()), 0);
@@ -127,14 +127,14 @@ TEST(status_report, a_missing_folder_is_an_error) {
     EXPECT_EQ(names_in(dir.path()), names{});
 }
 
-TEST(status_report, a_folder_in_the_place_of_the_file_is_an_error_and_nothing_is_left) {
+TEST(status_report, a_folder_at_the_path_is_an_error) {
     temp_dir dir;
     dir.make_folder("status");
     EXPECT_EQ(publish(dir.path("status"), "x"), EISDIR);
     EXPECT_EQ(names_in(dir.path()), names{"status"});
 }
 
-TEST(status_report, a_name_that_is_too_long_with_its_mark_is_an_error) {
+TEST(status_report, a_name_that_is_too_long_with_its_suffix_is_an_error) {
     temp_dir dir;
     EXPECT_EQ(publish(dir.path(std::string(250, 'n')), "x"), ENAMETOOLONG);
     EXPECT_EQ(names_in(dir.path()), names{});
@@ -177,11 +177,11 @@ TEST(status_report, a_read_only_folder_keeps_the_earlier_file) {
     EXPECT_EQ(names_in(dir.path()), names{"status"});
 }
 
-TEST(status_report, without_a_proc_file_system_it_is_written_under_its_temporary_name) {
+TEST(status_report, without_proc_it_is_written_under_its_temporary_name) {
     temp_dir dir;
     std::string path = dir.write_file("status", "earlier");
     with_own_mounts([&] {
-        // Nothing in /proc, so that a file without a name can't be given one.
+        // Without /proc, an unnamed file cannot get a name.
         if (mount("none", "/proc", "tmpfs", 0, nullptr) != 0) {
             return no_namespace;
         }
@@ -213,7 +213,7 @@ TEST(status_report, waits_for_no_disk) {
     EXPECT_EQ(content(dir.path("status")), "at once");
 }
 
-TEST(status_report, closes_all_that_it_opens) {
+TEST(status_report, leaves_no_descriptor_open) {
     temp_dir dir;
     int before = count_open_fds();
     publish(dir.path("status"), "x");
@@ -221,7 +221,7 @@ TEST(status_report, closes_all_that_it_opens) {
     EXPECT_EQ(count_open_fds(), before);
 }
 
-TEST(status_report, one_that_was_begun_and_dropped_leaves_nothing) {
+TEST(status_report, a_report_that_is_not_published_leaves_nothing) {
     temp_dir dir;
     {
         status_report report;

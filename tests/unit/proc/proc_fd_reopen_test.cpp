@@ -16,7 +16,7 @@ std::string folder_that_goes;
 
 }  // namespace
 
-// In the place of the C library's, for the whole of this program: the folder goes between two links.
+// Replaces the C library's function in this whole program: the folder vanishes between two links.
 extern "C" ssize_t readlinkat(int dir_fd, const char* name, char* buf, size_t len) noexcept {
     if (links_until_gone > 0 && --links_until_gone == 0) {
         std::error_code ignored;

@@ -22,7 +22,7 @@
 
 namespace {
 
-// A made-up process whose descriptors are links.
+// An invented process whose descriptors are links.
 class proc_fd_tree : public testing::Test {
 protected:
     void SetUp() override { dir_.make_folder("5/fd"); }
@@ -63,7 +63,7 @@ TEST_F(proc_fdinfo_lookup_tree, is_the_link_s_target) {
     EXPECT_EQ(describe(4), "pipe:[4711]");
 }
 
-TEST_F(proc_fdinfo_lookup_tree, socket_has_its_endpoint_right_behind) {
+TEST_F(proc_fdinfo_lookup_tree, socket_is_followed_by_its_endpoints) {
     add(3, "socket:[81234]");
     add(4, "socket:[5]");
     dir_.write_file("net/unix", "Num\n0: 2 0 10000 1 1 81234 /run/it\n");
@@ -197,7 +197,7 @@ TEST_F(proc_nr_fd2_tree, pipe_as_the_kernel_writes_it_is_no_pipe) {
 }
 
 TEST_F(proc_nr_fd2_tree, without_counts_no_link_is_read) {
-    // Files in the place of links: reading them as links would fail, over and over.
+    // Files instead of links: reading them as links would fail each time.
     dir_.write_file("5/fd/0", "");
     dir_.write_file("5/fd/1", "");
     EXPECT_EQ(count(nullptr, nullptr), 2);

@@ -21,7 +21,7 @@ namespace {
 
 using std::string_literals::operator""s;
 
-// A made-up proc file system.
+// An invented proc file system.
 class proc_tree : public testing::Test {
 protected:
     const char* root() const { return dir_.path().c_str(); }
@@ -151,7 +151,7 @@ TEST(read_file_once, closes_its_file) {
     int before = count_open_fds();
     char byte;
     EXPECT_EQ(read_file_once(path.c_str(), &byte, 1), 1);
-    EXPECT_EQ(read_file_once(dir.path().c_str(), &byte, 1), -1);  // opens, but can't be read
+    EXPECT_EQ(read_file_once(dir.path().c_str(), &byte, 1), -1);  // opens but cannot be read
     EXPECT_EQ(count_open_fds(), before);
 }
 
@@ -202,7 +202,7 @@ TEST_F(proc_get_pidname_at_tree, command_field_begins_at_the_last_opening_mark) 
     EXPECT_EQ(name_of(7), "odd) name");
 }
 
-TEST_F(proc_get_pidname_at_tree, closing_mark_needs_a_blank_behind_it) {
+TEST_F(proc_get_pidname_at_tree, closing_mark_needs_a_blank_after_it) {
     add_process(7, "", "7 (x)S 1 ");
     EXPECT_EQ(name_of(7), "<none>");
     add_process(8, "", "8 (x)");
@@ -244,12 +244,12 @@ TEST_F(proc_get_pidname_at_tree, without_any_file_the_buffer_is_parsed_as_it_sta
     EXPECT_EQ(name_of(5), "<none>");
 }
 
-TEST_F(proc_get_pidname_at_tree, buffer_ends_at_its_last_byte_and_not_behind_the_command_line) {
+TEST_F(proc_get_pidname_at_tree, buffer_ends_at_its_last_byte_not_after_the_command_line) {
     add_cmdline(7, "/bin/ab");  // no NUL of its own
     EXPECT_EQ(name_of(7, 12, 'z'), "abzzzz");
 }
 
-TEST_F(proc_get_pidname_at_tree, buffer_ends_at_its_last_byte_and_not_behind_the_stat_line) {
+TEST_F(proc_get_pidname_at_tree, buffer_ends_at_its_last_byte_not_after_the_stat_line) {
     add_process(3, "0123456789 (old) tail", "3 (new) S");  // which overwrites only the first bytes
     EXPECT_EQ(name_of(3), "old");
 }
@@ -263,11 +263,11 @@ TEST_F(proc_get_pidname_at_tree, short_buffer_cuts_the_name) {
 
 TEST_F(proc_get_pidname_at_tree, buffer_too_short_for_the_name_falls_back_to_what_it_has_of_the_stat_line) {
     add_process(7, "/usr/bin/pellora\0"s, "7 (x) S 1 ");
-    EXPECT_EQ(name_of(7, 10), "x");   // "/usr/bin/" has nothing behind its last slash
+    EXPECT_EQ(name_of(7, 10), "x");   // "/usr/bin/" has nothing after its last slash
     EXPECT_EQ(name_of(7, 5), "usr");  // "/usr"
     add_process(8, "sh\0"s, "8 (long name) S 1 ");
     EXPECT_EQ(name_of(8, 9), "<none>");   // no closing mark is in it
-    EXPECT_EQ(name_of(8, 14), "<none>");  // the blank behind the closing mark is not in it
+    EXPECT_EQ(name_of(8, 14), "<none>");  // the blank after the closing mark is not in it
     EXPECT_EQ(name_of(8, 15), "long name");
 }
 
@@ -276,7 +276,7 @@ TEST_F(proc_get_pidname_at_tree, buffer_of_one_byte_has_no_room_for_a_name) {
     EXPECT_EQ(name_of(7, 1), "<none>");
 }
 
-TEST_F(proc_get_pidname_at_tree, bytes_behind_the_buffer_stay_as_they_are) {
+TEST_F(proc_get_pidname_at_tree, bytes_after_the_buffer_do_not_change) {
     add_process(7, "/usr/bin/pellora\0-v\0"s, "7 (x) S 1 ");
     std::string buffer(16, '#');
     EXPECT_EQ(proc_get_pidname_at(root(), 7, buffer.data(), 12), 1);
@@ -345,7 +345,7 @@ TEST_F(proc_ppid_at_tree, text_that_ends_before_the_field_is_minus_one) {
     EXPECT_EQ(proc_ppid_at(root(), 42), -1);
     add_stat(43, "43");
     EXPECT_EQ(proc_ppid_at(root(), 43), -1);
-    add_stat(44, "44 (" + std::string(300, 'x') + ") S 17 ");  // behind what one read takes
+    add_stat(44, "44 (" + std::string(300, 'x') + ") S 17 ");  // beyond the bytes of one read
     EXPECT_EQ(proc_ppid_at(root(), 44), -1);
 }
 

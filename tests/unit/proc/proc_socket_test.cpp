@@ -29,7 +29,7 @@ std::string unix_line(const std::string& inode, const std::string& path) {
     return "0000000000000000: 00000002 00000000 00010000 0001 01 " + inode + path + "\n";
 }
 
-// A made-up proc file system with nothing but socket tables.
+// An invented proc file system with only socket tables.
 class proc_skinfo_lookup_at_tree : public testing::Test {
 protected:
     void add(const std::string& name, const std::string& text) { dir_.write_file("net/" + name, text); }
