@@ -3,18 +3,18 @@
 say() { printf '\033[1m==>\033[0m %s\n' "$*" >&2; }
 die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
 
-# become_root REASON ARGUMENT...: goes on as root, through sudo where there is one.
+# become_root REASON ARGUMENT...: restarts the script as root, with sudo, unless it runs as root already.
 become_root() {
     local reason=$1
     shift
     [ "$(id -u)" -ne 0 ] || return 0
     echo "${0##*/}: needs root: $reason" >&2
-    command -v sudo >/dev/null || die "there is no sudo here; start it as root"
-    echo "${0##*/}: going on through sudo" >&2
+    command -v sudo >/dev/null || die "sudo is missing; start it as root"
+    echo "${0##*/}: restarting with sudo" >&2
     exec sudo -- "$0" "$@"
 }
 
-# need_packages ROLE...: installs what is missing of the packages that the list names for these roles.
+# need_packages ROLE...: installs the missing packages that the list names for these roles.
 need_packages() {
     local role package missing=() wanted=" $* "
     while read -r role package _; do
@@ -30,7 +30,7 @@ need_packages() {
         || die "a package could not be installed (apt-get, above)"
 }
 
-# build PRESET [TARGET...]: configures when that is due, then builds, with the build tool's own progress.
+# build PRESET [TARGET...]: configures and builds, showing the build tool's progress.
 build() {
     local preset=$1 targets=()
     shift
