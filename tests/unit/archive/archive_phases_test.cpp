@@ -1,4 +1,4 @@
-// The time limit of an archive: what renews it, and when.
+// The time limit of an archive: when it is renewed.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -23,13 +23,13 @@ namespace {
 
 constexpr int no_pid = -1;
 
-// Where each call of alarm(2) is noted, and the file whose position is noted with it; -1: nowhere.
+// Each call of alarm(2) is noted in notes_fd, with the position of archive_fd. -1: it is not noted.
 int notes_fd = -1;
 int archive_fd = -1;
 
 }  // namespace
 
-// Stands in for the C library's in this program, and does the same.
+// Replaces the function of the C library in this program and does the same.
 extern "C" unsigned alarm(unsigned seconds) noexcept {
     if (notes_fd >= 0) {
         dprintf(notes_fd, "%ld %u\n", static_cast<long>(lseek(archive_fd, 0, SEEK_CUR)), seconds);
@@ -63,8 +63,8 @@ std::map<size_t, int> settings_in(const std::string& notes) {
     return count;
 }
 
-// Settings from the end of a member's data (or of its header) to the end of its padding. Its last write is
-// one, its padding another; what is more has been set before the member after it.
+// How often the limit was set between a member's data and the next header, apart from progress: the last
+// write of the member and its padding set it once each.
 int further_settings(const std::map<size_t, int>& settings, const tar_entry& entry) {
     const size_t end = entry.header_at + 512 + entry.size;
     const size_t padded = (end + 511) / 512 * 512;
@@ -124,7 +124,7 @@ bool read_more(int fd, size_t wanted) {
 
 }  // namespace
 
-// However slow the reader is: what it takes within the limit, this much at least, renews it.
+// A slow client is served to the end if it reads this much within the limit.
 TEST(archive_phases, every_40000_bytes_read_by_the_client_renew_the_limit) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     unique_fd messages = memory_file();

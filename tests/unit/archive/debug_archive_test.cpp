@@ -31,7 +31,7 @@ constexpr int no_pid = -1;
 const std::string line_off = "Set service watchdogs state: no\n";
 const std::string line_on = "Set service watchdogs state: yes\n";
 
-// What a device has that a development machine lacks. The scripts leave a mark when they run.
+// Files that a development machine lacks. The scripts leave a mark when they run.
 bool install_device() {
     return install_file("/var/run/dbg-cgi/dbg-monitor.txt", "status of the monitor\n") &&
            install_file("/etc/ws/onvif/media/media.conf", "[media]\n") &&
@@ -65,7 +65,7 @@ outcome run_on_device(const std::function<int(int fd)>& work) {
     return seen;
 }
 
-// In what state a process is that has made an archive; none is an exit code of anything else here.
+// The state of a process after an archive. Nothing else here uses these exit codes.
 enum aftermath : int {
     all_is_well = 0,
     time_limit_is_left = 20,
@@ -89,8 +89,7 @@ aftermath aftermath_of_an_archive(int fd) {
     return has_no_children() ? all_is_well : children_are_left;
 }
 
-// An archive takes seconds, so those that only look at it in different ways have one between them. Its exit
-// code is an aftermath.
+// An archive takes seconds, so tests that only examine one share it. Its exit code is an aftermath.
 const outcome& one_archive() {
     static const outcome seen = run_on_device(aftermath_of_an_archive);
     return seen;
@@ -100,8 +99,8 @@ std::string top_of(const std::string& name) {
     return name.substr(0, name.find('/') + 1);
 }
 
-// The kinds of members in their order: runs of the same kind are one. Names are cut behind the top directory,
-// those of a snapshot behind their first dot or slash.
+// The kinds of members in their order, without repetitions: names below the top directory, those of a
+// snapshot up to their first dot or slash.
 std::vector<std::string> kinds(const tar_listing& listing) {
     std::vector<std::string> order;
     for (const tar_entry& entry : listing.entries) {
@@ -116,7 +115,7 @@ std::vector<std::string> kinds(const tar_listing& listing) {
     return order;
 }
 
-// Whether the machine's kernel core is one that goes into an archive.
+// Returns true if an archive of this machine has its kernel core.
 bool has_small_kcore() {
     struct stat status;
     return stat("/proc/kcore", &status) == 0 && status.st_size > 0 && status.st_size <= 10485760;
@@ -132,7 +131,7 @@ std::vector<std::string> expected_kinds() {
     return order;
 }
 
-// Programs are run without more memory, and the capture needs its size alone.
+// Programs need no memory of this process, and the capture is stored as zeros without memory.
 std::vector<std::string> members_without_a_buffer() {
     std::vector<std::string> order = {"netdump.cap", "serverreport.txt", "oopslog"};
     if (has_small_kcore()) {
@@ -149,7 +148,7 @@ size_t count_of(const std::string& text, const std::string& piece) {
     return count;
 }
 
-// Reads until the member "netdump.cap" is all there; false when the stream ends before.
+// Reads to the end of the member "netdump.cap". Returns false at an earlier end of file.
 bool read_until_capture(int fd) {
     std::string stream;
     std::string block(65536, '\0');
@@ -308,7 +307,7 @@ TEST(stream_debug_archive, time_limit_is_lifted_at_the_end) {
 
 TEST(stream_debug_archive, time_limit_is_300_seconds) {
     SKIP_WITHOUT_PRIVATE_WORLD();
-    // A client that takes nothing holds the archive in one of its first members; meanwhile its timer is read.
+    // A client that reads nothing blocks the archive in one of its first members. Its timer is read then.
     outcome seen = run_on_device([](int) {
         test_pipe client;
         std::string junk(1 << 20, 'x');
@@ -352,7 +351,7 @@ TEST(stream_debug_archive, client_that_has_gone_ends_it) {
 TEST(stream_debug_archive, client_that_goes_after_the_capture_ends_it_at_the_next_member) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = run_on_device([](int) {
-        // More than a pipe holds, so that the report can't be copied to its end.
+        // More than a pipe holds: the report cannot be copied to its end.
         if (!install_script("/usr/sbin/gen_serverreport.sh",
                             "head -c 4000000 /dev/zero; : > /tmp/report-ran")) {
             return 3;

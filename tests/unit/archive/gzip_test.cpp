@@ -28,7 +28,7 @@ const std::string empty_stream = gzip_header + "\x03\0"s + std::string(8, '\0');
 
 enum stdin_state { input_open = 10, input_closed = 11 };
 
-// Runs the compressor between two descriptors in a process of its own; whether it left its input open.
+// Runs the compressor between two descriptors in a child. Returns a stdin_state.
 int compress_between(int in_fd, int out_fd) {
     int status = run_in_child([in_fd, out_fd] {
         ignore_broken_pipes();
@@ -38,14 +38,6 @@ int compress_between(int in_fd, int out_fd) {
         return fcntl(STDIN_FILENO, F_GETFD) < 0 ? input_closed : input_open;
     });
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-unique_fd memory_file_with(const std::string& bytes) {
-    unique_fd file = memory_file();
-    EXPECT_EQ(safe_write(file.get(), bytes.data(), static_cast<unsigned>(bytes.size())),
-              static_cast<ssize_t>(bytes.size()));
-    lseek(file.get(), 0, SEEK_SET);
-    return file;
 }
 
 std::string compressed(const std::string& bytes) {
@@ -68,8 +60,7 @@ uint32_t crc_of(const std::string& bytes) {
         crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size())));
 }
 
-// What zlib makes of the bytes at its fastest level when it gets them in blocks of 16384 bytes and is never
-// asked to flush.
+// The output of zlib at its fastest level for blocks of 16384 bytes, without a flush.
 std::string raw_deflate(const std::string& bytes) {
     z_stream stream = {};
     EXPECT_EQ(deflateInit2(&stream, 1, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY), Z_OK);
@@ -98,7 +89,7 @@ std::string repeated(const std::string& text, size_t size) {
     return bytes;
 }
 
-// Header, deflate data and trailer are exactly the expected ones, and zlib's own reader agrees.
+// Compares header, deflate data and trailer, and decompresses them with zlib.
 void expect_whole_stream(const std::string& bytes) {
     std::string packed = compressed(bytes);
     std::string trailer = little_endian(crc_of(bytes)) + little_endian(static_cast<uint32_t>(bytes.size()));

@@ -18,14 +18,7 @@
 
 namespace {
 
-unique_fd file_with(const std::string& content) {
-    unique_fd file = memory_file();
-    EXPECT_EQ(write(file.get(), content.data(), content.size()), static_cast<ssize_t>(content.size()));
-    lseek(file.get(), 0, SEEK_SET);
-    return file;
-}
-
-// A handle on a descriptor that a test brings.
+// A handle for a borrowed descriptor.
 struct test_output {
     explicit test_output(int fd) : tar(tar_new(fd, nullptr)) {}
     test_output(const test_output&) = delete;
@@ -46,7 +39,7 @@ TEST(member_size, is_at_most_INT_MAX) {
 
 TEST(member_copy, stops_at_the_promised_size_of_a_file_that_has_grown) {
     for (size_t size : {0, 1, 16383, 16384, 16385, 40000}) {
-        unique_fd input = file_with(std::string(50000, 'x'));
+        unique_fd input = memory_file_with(std::string(50000, 'x'));
         test_archive output;
         EXPECT_EQ(member_copy(output.handle(), input.get(), static_cast<int64_t>(size)), size);
         EXPECT_EQ(output.bytes(), std::string(size, 'x'));
@@ -54,7 +47,7 @@ TEST(member_copy, stops_at_the_promised_size_of_a_file_that_has_grown) {
 }
 
 TEST(member_copy, returns_the_length_of_a_shorter_file) {
-    unique_fd input = file_with("short");
+    unique_fd input = memory_file_with("short");
     test_archive output;
     EXPECT_EQ(member_copy(output.handle(), input.get(), 100), 5);
     EXPECT_EQ(output.bytes(), "short");
@@ -69,7 +62,7 @@ TEST(member_copy, read_error_counts_as_end_of_file) {
 
 TEST(member_copy, stops_if_the_reader_has_gone) {
     ignore_broken_pipes();
-    unique_fd input = file_with("text");
+    unique_fd input = memory_file_with("text");
     test_pipe pipe;
     pipe.out.reset();
     test_output output(pipe.in.get());
@@ -78,16 +71,16 @@ TEST(member_copy, stops_if_the_reader_has_gone) {
 }
 
 TEST(member_copy, does_not_count_a_block_that_could_not_be_written) {
-    unique_fd input = file_with(std::string(40000, 'x'));
+    unique_fd input = memory_file_with(std::string(40000, 'x'));
     unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     test_output output(full.get());
     EXPECT_EQ(member_copy(output.tar, input.get(), 40000), 0);
-    EXPECT_EQ(lseek(input.get(), 0, SEEK_CUR), 40000) << "it goes on to the end all the same";
+    EXPECT_EQ(lseek(input.get(), 0, SEEK_CUR), 40000) << "the copy continues to the end";
     EXPECT_EQ(output.tar->error, ENOSPC);
 }
 
 TEST(member_store, stores_a_file_from_its_beginning) {
-    unique_fd input = file_with("whole");
+    unique_fd input = memory_file_with("whole");
     lseek(input.get(), 3, SEEK_SET);
     test_archive output;
     EXPECT_EQ(member_store(output.handle(), "name", input.get()), 0);
@@ -100,10 +93,11 @@ TEST(member_store, stores_a_file_from_its_beginning) {
 TEST(member_store, pads_a_file_that_shrinks_meanwhile_with_zeros) {
     constexpr size_t size = 300000;
     constexpr size_t left = 1000;
-    unique_fd input = file_with(std::string(size, 'x'));
+    unique_fd input = memory_file_with(std::string(size, 'x'));
     test_pipe pipe;
     std::string all;
-    // The header is in the pipe when the reader makes the file smaller; the pipe holds less than the file.
+    // The reader cuts the file after the header. The pipe is smaller than the file, so the copy is not
+    // complete then.
     std::thread reader([&] {
         char header[512];
         EXPECT_EQ(safe_read(pipe.out.get(), header, sizeof header), 512);

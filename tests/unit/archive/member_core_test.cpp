@@ -24,10 +24,11 @@
 
 namespace {
 
-// The test program itself is what sleeps: others may choose by their first word what they are.
+// The sleeper is the test program itself: a program such as busybox would choose its applet by the first
+// word.
 constexpr const char* sleeper_request = "ZARVO_TEST_SLEEPER";
 
-const bool sleeper_is_not_wanted = [] {
+const bool is_no_sleeper = [] {
     if (getenv(sleeper_request) != nullptr) {
         char byte;
         _exit(static_cast<int>(read(STDIN_FILENO, &byte, 1)));
@@ -35,11 +36,11 @@ const bool sleeper_is_not_wanted = [] {
     return true;
 }();
 
-// Sleeps until its test is over. Its command line is `first_word` and nothing else.
+// Sleeps until its test is over. Its command line is only `first_word`.
 class sleeper {
 public:
     explicit sleeper(const std::string& first_word) {
-        EXPECT_TRUE(sleeper_is_not_wanted);
+        EXPECT_TRUE(is_no_sleeper);
         int in_fd = input_.out.get();
         pid_ = fork_child([&first_word, in_fd] {
             dup2(in_fd, STDIN_FILENO);
@@ -69,7 +70,7 @@ private:
     pid_t pid_ = -1;
 };
 
-// One process to be dumped into an archive in memory, of which nothing but the archive may be left.
+// Dumps one process into an archive in memory. Checks that no descriptor is left.
 class dump_one_of : public testing::Test {
 protected:
     void SetUp() override {
@@ -181,7 +182,7 @@ TEST_F(dump_one_of, processes_are_named_after_their_first_argument) {
 }
 
 TEST_F(dump_one_of, a_process_without_a_command_line_has_a_folder_of_dot_and_pid) {
-    // A zombie has none, as a kernel thread has none.
+    // A zombie has none, like a kernel thread.
     fake_dumper dumper(announce(1) + "printf c");
     pid_t zombie = fork_child([] { return 0; });
     siginfo_t info;
@@ -205,7 +206,7 @@ TEST_F(dump_one_of, a_process_removes_the_other_pids_that_its_dump_covers) {
     fake_dumper dumper(announce(1, "30 10 " + own + " 99") + "printf c");
     pids = {10, target.pid(), 20, 30, -1, 30};
     EXPECT_EQ(dump_at(1), 0);
-    // Only from its own place on, itself included, and only the first of two.
+    // From its own index on, itself included, and only the first of two.
     EXPECT_EQ(pids, (std::vector<pid_t>{10, -1, 20, -1, -1, 30}));
     EXPECT_EQ(archive.finish().names(), (strings{"top/" + dir() + "core", "top/" + dir() + "fdmap"}));
 }
@@ -433,10 +434,10 @@ TEST_F(dump_one_of, a_core_that_is_written_renews_the_time_limit) {
     EXPECT_LE(left, 300u);
 }
 
-// A dumper may take its whole patience for each of its steps, so that two of them take longer than the limit.
+// Each step of a dumper may take its whole timeout, and two of those are longer than the limit.
 TEST_F(dump_one_of, each_step_of_the_dumper_renews_the_time_limit) {
-    // A gate for each step: the word for a second one could be lost in the pipe of a first that is still
-    // open.
+    // A FIFO for each step: with one for all, the script could read the word for the second step together
+    // with the first and lose it.
     fake_dumper dumper("gate() { read line < \"${0%/*}/gate$1\"; }\n" + announce(4) +
                        "gate 1; printf core; gate 2; exec >&-; gate 3; exec 2>&-; gate 4");
     auto gate = [&dumper](int number) { return dumper.path("gate" + std::to_string(number)); };

@@ -77,7 +77,7 @@ std::string error_line(const std::string& path, int error) {
     return path + ": " + strerror(error) + "\n";
 }
 
-// A FIFO that this process holds open for writing: its reader finds no end.
+// A FIFO that this process holds open for writing: its reader gets no end of file.
 struct held_fifo {
     explicit held_fifo(const std::string& path) {
         EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
@@ -268,7 +268,7 @@ TEST(stream_file_unknownsize, fifo_is_read_until_its_writer_closes) {
     ASSERT_EQ(write(fifo.writer.get(), "first ", 6), 6);
     std::thread writer([&fifo] {
         int waiting = 1;
-        // The second part comes when the first has been taken, so that the reader has to wait for it.
+        // The second part is written after the first was read: the reader has to wait for it.
         eventually([&] { return ioctl(fifo.writer.get(), FIONREAD, &waiting) == 0 && waiting == 0; });
         EXPECT_EQ(write(fifo.writer.get(), "second", 6), 6);
         fifo.writer.reset();

@@ -60,8 +60,8 @@ std::string local_stamp(time_t when) {
 
 struct snapshot {
     int result = -1;
-    std::string earliest;  // the name that its directory may have, from
-    std::string latest;    // and to
+    std::string earliest;  // possible name of its directory
+    std::string latest;
     std::string messages;  // on standard error
     tar_listing listing;
 
@@ -73,7 +73,7 @@ struct snapshot {
 
 constexpr const char* test_zone = "TST-9:30";
 
-// One snapshot of the proc file system of a private world, in a time zone that is not the machine's.
+// Takes a snapshot in a private world, in another time zone than the machine's.
 snapshot take_snapshot() {
     snapshot taken;
     test_archive archive;
@@ -84,7 +84,7 @@ snapshot take_snapshot() {
     taken.result = run_in_private_world([&] {
         dup2(err.get(), STDERR_FILENO);
         int result = stream_proc(archive.handle(), archive.fd());
-        tar_close(archive.handle());  // it was this process that counted
+        tar_close(archive.handle());  // here, because this process counted the bytes
         return result;
     });
     taken.latest = local_stamp(time(nullptr));
@@ -99,7 +99,7 @@ std::string directory_of(const std::string& name) {
     return name.substr(0, name.rfind('/') + 1);
 }
 
-// A file of `size` bytes that takes no room.
+// A sparse file of `size` bytes.
 std::string sparse_file(const temp_dir& folder, off_t size) {
     std::string path = folder.write_file("kcore", "");
     EXPECT_EQ(truncate(path.c_str(), size), 0);
@@ -151,7 +151,7 @@ TEST(stream_proc, directories_follow_in_a_fixed_order_under_their_own_names) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     snapshot taken = take_snapshot();
     ASSERT_FALSE(taken.listing.entries.empty());
-    // Index of the directory that each member is from; that of proc itself comes first.
+    // The directories of the members, that of proc itself first.
     std::vector<std::string> order = {taken.top()};
     order.insert(order.end(), snapshot_dirs.begin(), snapshot_dirs.end());
     size_t at = 0;
@@ -244,7 +244,7 @@ TEST(stream_proc, reads_the_directories_in_the_order_of_the_table) {
         root.write_file(dir + "marker", dir);
         expected.push_back(dir + "marker");
     }
-    // The names that are left out at the top are ordinary ones below.
+    // The names that are skipped at the top are not skipped below.
     root.write_file("proc/net/vlan/kmsg", "text");
     unlink(root.path("proc/net/vlan/marker").c_str());
     expected.back() = "proc/net/vlan/kmsg";

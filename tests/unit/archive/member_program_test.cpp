@@ -28,7 +28,7 @@ struct outcome {
     std::string messages;  // on standard error
     tar_listing listing;
 
-    // The data of the only member; a remark when there is not exactly one.
+    // The data of the only member, or a remark if the archive has not exactly one.
     std::string data() const {
         return listing.entries.size() == 1 && listing.trouble.empty() ? listing.entries[0].data
                                                                       : "<not one whole member>";
@@ -54,7 +54,7 @@ outcome shell_output(const char* script) {
     return stored_output({"/bin/sh", "-c", script});
 }
 
-// Runs `store` in a private world and reads back what it put into the archive.
+// Runs `store` in a private world and reads its archive.
 template <typename Store>
 outcome stored_in_private_world(Store store) {
     outcome seen;

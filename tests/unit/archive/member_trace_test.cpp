@@ -24,7 +24,7 @@
 
 namespace {
 
-// Lines of 79 blanks as far as `size` bytes go.
+// `size` bytes of lines of 79 blanks.
 std::string filler(size_t size) {
     std::string lines;
     while (lines.size() < size) {
@@ -34,7 +34,7 @@ std::string filler(size_t size) {
     return lines;
 }
 
-// A child that does nothing until its parent lets go of it.
+// A child that sleeps until its parent closes the pipe.
 class idle_child {
 public:
     idle_child() {
@@ -60,7 +60,7 @@ private:
     pid_t pid_ = -1;
 };
 
-// A child that does nothing but system calls.
+// A child that makes system calls without end.
 class busy_child {
 public:
     busy_child()
@@ -84,12 +84,12 @@ private:
 
 using clock_type = std::chrono::steady_clock;
 
-// A trace that ends by itself does so well before its time is over.
+// Expects that the trace ended well before its time limit.
 void expect_early(clock_type::time_point begun) {
     EXPECT_LT(clock_type::now() - begun, std::chrono::seconds(strace_seconds - 1));
 }
 
-// Traces a busy child into `fd`, where nothing can be written, and returns the messages.
+// Traces a busy child into `fd`, to which writes fail. Returns the messages.
 std::string report_of_broken_output(int fd) {
     busy_child child;
     const int pids[] = {child.pid()};

@@ -44,7 +44,7 @@ bool put(int fd, const std::string& bytes) {
     return safe_write(fd, bytes.data(), static_cast<unsigned>(bytes.size())) >= 0;
 }
 
-// What arrives when `bytes` are built.
+// The compressed stream of `bytes`.
 std::string compressed_in_memory(const std::string& bytes) {
     unique_fd out = memory_file();
     compress_onto(out.get(), [&bytes](int pipe_fd, int) { EXPECT_TRUE(put(pipe_fd, bytes)); });
@@ -66,7 +66,7 @@ bool is_gone(int pid) {
     return kill(pid, 0) < 0 && errno == ESRCH;
 }
 
-// Writes until the other end has gone; the error of the last write.
+// Writes until a write fails. Returns its errno.
 int error_of_endless_writing(int pipe_fd) {
     std::string bytes = noise(16384);
     while (put(pipe_fd, bytes)) {
@@ -74,7 +74,6 @@ int error_of_endless_writing(int pipe_fd) {
     return errno;
 }
 
-// A signal that interrupts whatever waits, again and again.
 std::atomic<int> interruptions{0};
 
 void interrupt_every_10_ms() {
@@ -189,7 +188,8 @@ TEST(stream_compressed, other_downloads_end_while_it_runs) {
     bool ended = false;
     compress_onto(out.get(), [&](int, int) {
         download.a.reset();
-        ended = read_all(download.b.get()).empty();  // returns only when nobody holds the other end
+        ended =
+            read_all(download.b.get()).empty();  // returns only after all copies of the other end are closed
     });
     EXPECT_TRUE(ended);
 }
@@ -240,7 +240,7 @@ TEST(stream_compressed, builder_that_fails_leaves_a_stream_without_its_trailer) 
         return ENOMEM;
     };
     EXPECT_EQ(stream_compressed(out.get(), build, nullptr), ENOMEM);
-    EXPECT_GT(content_of(out.get()).size(), 50000u) << "what was built arrives";
+    EXPECT_GT(content_of(out.get()).size(), 50000u) << "the built bytes are in the stream";
     EXPECT_EQ(gunzip(content_of(out.get())), std::nullopt);
 }
 
@@ -273,7 +273,7 @@ TEST(stream_compressed, returns_the_error_of_a_failing_output) {
     test_pipe broken;
     broken.out.reset();
     EXPECT_EQ(error_of(broken.in.get()), EPIPE);
-    EXPECT_EQ(compress_onto(full.get(), [](int, int) {}), ENOSPC) << "the builder has noticed nothing";
+    EXPECT_EQ(compress_onto(full.get(), [](int, int) {}), ENOSPC) << "the builder has seen no error";
 }
 
 TEST(stream_compressed, returns_ECANCELED_if_the_compressor_is_killed) {
@@ -329,7 +329,7 @@ TEST(stream_compressed, signals_do_not_make_it_return_early) {
         sigaddset(&alarm_only, SIGALRM);
         pthread_sigmask(SIG_BLOCK, &alarm_only, nullptr);
         std::atomic<bool> built{false};
-        // More than the client's pipe holds: the compressor lives until the client reads.
+        // More than the client's pipe holds: the compressor runs until the client reads.
         std::thread client([&] {
             eventually([&built] { return built.load(); });
             int seen = interruptions;
@@ -426,7 +426,7 @@ TEST(stream_tgz, compressor_is_not_among_the_dumped_processes) {
     ASSERT_TRUE(stream);
     tar_listing listing = tar_read(*stream);
     ASSERT_FALSE(listing.entries.empty());
-    // Dumps would come behind the second snapshot; this world has no other process to dump.
+    // Dumps would come after the second snapshot; this world has no other process to dump.
     EXPECT_NE(listing.entries.back().name.find("/proc/"), std::string::npos) << listing.entries.back().name;
 }
 

@@ -28,12 +28,12 @@ std::string header_of(const char* prefix, const std::string& name, int size) {
     return archive.bytes();
 }
 
-// The header as it must be, with the time that `header` has.
+// The expected header, with the time of `header`.
 std::string expected_like(const std::string& header, const std::string& whole_name, long long size) {
     return tar_expected_header(whole_name, size, tar_octal_field(header, 136, 12));
 }
 
-// How many bytes stand behind the data of a member for which `counted` bytes were announced.
+// The size of the padding after a member of `counted` bytes.
 size_t padding_after(size_t counted) {
     test_archive archive;
     tar_addfile(archive.handle(), "member", 0);
@@ -57,12 +57,11 @@ std::vector<ssize_t> write_sizes(Work work) {
     return sizes;
 }
 
-// Whether the shell finds `program`.
 bool is_installed(const std::string& program) {
     return system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-// Whether `program` is GNU's; busybox has one that takes other options.
+// The same program of busybox has other options.
 bool is_gnus(const std::string& program) {
     return system((program + " --version 2>/dev/null | grep -q GNU").c_str()) == 0;
 }
@@ -79,7 +78,7 @@ std::pair<int, std::string> run_shell(const std::string& command) {
     return {pipe ? pclose(pipe) : -1, text};
 }
 
-// An archive with members of sizes around the block's, in a file.
+// A file with an archive of members whose sizes are around the block size.
 std::string write_sample(const temp_dir& folder) {
     test_archive archive("top/");
     for (int size : {0, 1, 511, 512, 513, 5000}) {
@@ -92,7 +91,7 @@ std::string write_sample(const temp_dir& folder) {
     return folder.write_file("sample.tar", archive.bytes());
 }
 
-// What readers must say about the sample: name, size and so on, one line for each member.
+// The expected listing of the sample: name, size, owner and mode, one line for each member.
 std::string sample_listing() {
     std::string text;
     for (int size : {0, 1, 511, 512, 513, 5000}) {

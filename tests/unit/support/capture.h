@@ -30,6 +30,14 @@ inline unique_fd memory_file() {
     return file;
 }
 
+// A file in memory with these bytes, at its beginning.
+inline unique_fd memory_file_with(const std::string& bytes) {
+    unique_fd file = memory_file();
+    EXPECT_EQ(write(file.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    EXPECT_EQ(lseek(file.get(), 0, SEEK_SET), 0);
+    return file;
+}
+
 // Points standard descriptor `fd` at `target` for the length of a block. The stdio buffers are flushed on
 // both sides, so that nothing gets to the wrong place.
 class redirection {
