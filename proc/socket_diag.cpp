@@ -58,7 +58,8 @@ template <typename Message, typename Request>
 socket_answer<Message> ask_one(int diag_fd, const Request& request, answer_buffer* buffer) {
     socket_answer<Message> answer;
     ssize_t got = ask(diag_fd, request) ? receive_some(diag_fd, buffer->bytes, sizeof buffer->bytes) : -1;
-    const nlmsghdr* head = reinterpret_cast<const nlmsghdr*>(buffer->bytes);
+    // The buffer is aligned; the compiler for MIPS warns about a direct cast.
+    const auto* head = static_cast<const nlmsghdr*>(static_cast<const void*>(buffer->bytes));
     if (got < static_cast<ssize_t>(NLMSG_HDRLEN) || head->nlmsg_type != SOCK_DIAG_BY_FAMILY ||
         head->nlmsg_len > static_cast<size_t>(got) || head->nlmsg_len < NLMSG_SPACE(sizeof(Message))) {
         return answer;
