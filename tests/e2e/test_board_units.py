@@ -5,8 +5,10 @@ cases. They share one board. Several run at a time: while the cases of one wait,
 processor.
 """
 
+import contextlib
 import dataclasses
 import functools
+import os
 import xml.etree.ElementTree
 
 import pytest
@@ -26,6 +28,7 @@ cd /tmp
 timeout -s KILL {PROGRAM_LIMIT} "$1" --gtest_output=xml:"/tmp/$1.xml" > "/tmp/$1.out" 2>&1
 echo $? > "/tmp/$1.status"
 """
+NICENESS = -10  # of the emulator: some tests have limits of a second, which other tests must not use up
 SHOWN = 4000  # bytes of the output of a program that ended without a report
 
 
@@ -86,6 +89,8 @@ def all_cases():
     if reason := why_nothing_runs():
         return [Case("board", skipped=reason)]
     programs = sorted(path.name for path in BUILD.glob("bin/unit_*"))
+    with contextlib.suppress(PermissionError):
+        os.nice(NICENESS)
     try:
         with emulated.Board(BUILD) as board:
             run_all(board, programs)
