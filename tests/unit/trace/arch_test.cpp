@@ -32,13 +32,6 @@ std::string function_at(int64_t address) {
     return found && info.dli_sname ? info.dli_sname : "";
 }
 
-bool is_in_this_program(int64_t address) {
-    Dl_info found = {};
-    Dl_info own = {};
-    return dladdr(reinterpret_cast<void*>(static_cast<uintptr_t>(address)), &found) != 0 &&
-           dladdr(reinterpret_cast<void*>(ask_for_the_parent), &own) != 0 && found.dli_fbase == own.dli_fbase;
-}
-
 syscall_record record_at(const arch_regs& regs, int64_t number) {
     return {regs.pc, regs.ra, number, {101, 102, 103, 104, 105, 106}, number, 1};
 }
@@ -58,10 +51,11 @@ TEST(arch_read_regs, entry_has_number_arguments_and_the_place_of_the_call) {
         EXPECT_EQ(regs.arg[i], i + 1);
     }
     EXPECT_FALSE(regs.unnumbered);
-    EXPECT_EQ(function_at(regs.pc), "syscall");
     if (has_stack_args) {
-        EXPECT_TRUE(is_in_this_program(regs.ra));
+        EXPECT_EQ(function_at(regs.pc), "__mips_syscall6");  // of the C library
+        EXPECT_EQ(function_at(regs.ra), "syscall");
     } else {
+        EXPECT_EQ(function_at(regs.pc), "syscall");
         EXPECT_EQ(regs.ra, 0);
     }
     int64_t here = static_cast<int64_t>(reinterpret_cast<uintptr_t>(&regs));
