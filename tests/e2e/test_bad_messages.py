@@ -51,7 +51,7 @@ def test_descriptor_after_the_first_byte_is_closed(daemon):
         assert browser.read_all() == b""
 
 
-def test_descriptor_that_is_no_connection_harms_nobody(daemon):
+def test_descriptor_that_is_not_a_connection_does_no_harm(daemon):
     null = os.open("/dev/null", os.O_RDONLY)
     folder = os.open("/", os.O_RDONLY)
     for fd in (null, folder):
@@ -155,7 +155,7 @@ def test_random_messages_are_answered_or_closed(daemon):
         return rng.choice(words) if rng.random() < 0.8 else rng.randbytes(3).replace(b"/", b"")
 
     for _ in range(300):
-        # Without a slash, so never an archive.
+        # A path without a slash never starts an archive.
         message = b"no-slash" + b"".join(piece() for _ in range(rng.randint(1, 12)))
         answer = b"" if may_wait(message) else daemon.ask_raw(message).read_all()
         assert answer == b"" or answer.startswith(b"HTTP/1.0 ")

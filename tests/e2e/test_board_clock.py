@@ -33,7 +33,7 @@ def members(taken):
 
 
 def timestamp(seconds):
-    """As in names. The board's local time is UTC."""
+    """The time in the format of member names. The board's local time is UTC."""
     return time.strftime("%Y%m%d-%H%M%S", time.gmtime(seconds))
 
 

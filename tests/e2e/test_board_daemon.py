@@ -170,7 +170,7 @@ def test_foreground_daemon_can_have_other_sockets(board, served):
         assert sorted(pids_of(board, "debugar.cgi")) == sorted([served.pid, pid])
         assert board.check(f"readlink /proc/{pid}/cwd") == b"/usr\n"
         assert board.check(f"readlink /proc/{pid}/fd/1") == b"/tmp/own.log\n"
-        # Only reports of its leak monitor, such as that about the kernel threads, which all have one parent.
+        # Its log has only reports of the leak monitor, such as the one about the parent of all kernel threads.
         assert re.sub(rb"pid \d+ name .* (fd|fork)_score .*\n", b"", board.get("/tmp/own.log")) == b""
         assert http_get(served.url, "/x?cmd=none") == BAD_REQUEST
     finally:
@@ -375,7 +375,7 @@ def test_direct_mode_writes_a_complete_archive(board, options, check, through):
     assert re.findall(r"Set service watchdogs state: \w+\n", board.get("/tmp/errors").decode()) == [OFF, ON]
 
 
-# Last, after all requests.
+# The last test, after all requests.
 
 
 def test_daemon_still_runs_and_has_no_children(board, served):

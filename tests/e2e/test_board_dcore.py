@@ -17,7 +17,7 @@ EM_MIPS = 8
 PAGE = 4096
 SIGUSR2 = 17  # on MIPS
 
-# Starts the target, whose input descriptor 9 holds open, and waits for its first line.
+# Starts the target, keeps its input open with descriptor 9, and waits for its first line.
 START = """
     rm -f /tmp/in /tmp/said; mkfifo /tmp/in
     /tmp/dumped %s < /tmp/in > /tmp/said & target=$!

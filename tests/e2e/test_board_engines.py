@@ -145,8 +145,8 @@ def test_leak_is_reported(served):
         board.run(f"kill -9 {leaker}")  # it has ended if it has reached its limit of descriptors
 
 
-def test_cost_of_a_trace(served, record_property):
-    """Has no limit. Reports how much slower a program is that does nothing but system calls."""
+def test_slowdown_by_a_trace_is_reported(served, record_property):
+    """Checks no limit. Reports by how much a trace slows a program that does nothing but system calls."""
     work = "dd if=/dev/zero of=/dev/null bs=1 count=2000 2> /dev/null"
     times = []
     for words in (work, f"tstrace {work} > /tmp/trace"):
@@ -155,5 +155,5 @@ def test_cost_of_a_trace(served, record_property):
         times.append(time.monotonic() - began)
     # Two lines for each call, and two calls for each byte.
     assert int(served.board.check("grep -cE '(read|write)\\(' /tmp/trace")) >= 8000
-    record_property("traced_through_untraced", times[1] / times[0])
+    record_property("traced_to_untraced", times[1] / times[0])
     print(f"traced / untraced: {times[1]:.2f} s / {times[0]:.2f} s = {times[1] / times[0]:.0f}")

@@ -113,7 +113,7 @@ class WaitingBrowser(threading.Thread):
 
 
 def assert_core_of_the_crash(core, folder):
-    """Other programs find the processor, the signal and the place of the crash in the core."""
+    """Other programs find the processor, the signal and the location of the crash in the core."""
     (folder / "core").write_bytes(core)
     words = ["readelf", "-h", folder / "core"]
     read = subprocess.run(words, capture_output=True, text=True, check=True).stdout

@@ -18,8 +18,8 @@ HEAD = download_head("application/octet-stream", "rtrace")
 TARGET = "/debugar.cgi?cmd=rtrace&interval=1&trace=all"
 PATIENCE = 120
 
-# Busybox has neither iostat nor pidstat. These print numbers of the kernel in the same format. They have no
-# PATH.
+# Busybox has neither iostat nor pidstat. These scripts print the kernel's numbers in the same format. They run
+# without PATH.
 IOSTAT_TEXT = r"""
 while read name user nice system idle wait irq soft steal rest < /proc/stat; do
     all=$((user + nice + system + idle + wait + irq + soft + steal))

@@ -159,7 +159,7 @@ def test_port_is_forwarded_to_the_boards_port_80(machine):
 
 
 def test_line_and_network_card_can_be_busy_at_the_same_time(machine):
-    """They share an interrupt. Lost interrupts, and a crash of the emulator, have ended the board here."""
+    """They share an interrupt line. This load has lost interrupts and crashed the emulator."""
     machine.put(EVERY_BYTE, "/tmp/www/bytes")
     machine.check("httpd -p 80 -h /tmp/www")
     url = f"http://127.0.0.1:{machine.http_port}/bytes"

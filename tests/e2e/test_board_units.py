@@ -103,7 +103,7 @@ def pytest_generate_tests(metafunc):
     metafunc.parametrize("case", all_cases(), ids=lambda case: case.name)
 
 
-def test_on_the_board(case):
+def test_case_passes_on_the_board(case):
     if case.skipped is not None:
         pytest.skip(case.skipped)
     if case.failure is not None:

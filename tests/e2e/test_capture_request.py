@@ -69,7 +69,7 @@ def test_small_download_has_the_exact_size(base_url, size):
 
 
 @pytest.mark.parametrize("size", ["0", "-5", "text", ""])
-def test_invalid_size_is_the_default(base_url, size):
+def test_invalid_size_gives_the_default(base_url, size):
     assert len(capture_of(download(base_url, duration=1, totalsize=size, interface="lo"))) == 5120000
 
 

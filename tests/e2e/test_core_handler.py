@@ -164,7 +164,7 @@ def read_to_end(connection, count=0):
     return count
 
 
-def test_daemon_that_never_answers_delays_it_by_5_seconds():
+def test_daemon_that_never_answers_delays_the_handler_by_5_seconds():
     with fake_daemon() as listener:
         process = start_handler("core", *PROGRAM)
         process.stdin.write(b"fits into the socket")
@@ -177,7 +177,7 @@ def test_daemon_that_never_answers_delays_it_by_5_seconds():
         process.stderr.close()
 
 
-def test_daemon_that_dies_halfway_ends_it():
+def test_daemon_that_dies_halfway_ends_the_handler():
     with fake_daemon() as listener, open("/dev/zero", "rb") as endless:
         process = start_handler("core", *PROGRAM, stdin=endless)
         with accept(listener) as connection:

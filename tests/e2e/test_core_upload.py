@@ -172,7 +172,7 @@ def test_core_is_truncated_when_a_stalled_server_exceeds_the_time_limit(ftp):
     assert log.wait(1) == [logged(WARNING, "coredump truncated.")]
 
 
-def test_silent_server_is_given_up_at_the_time_limit():
+def test_upload_to_a_silent_server_ends_at_the_time_limit():
     log = Log()
     with socket.socket() as silent:
         silent.bind(("127.0.0.1", 0))

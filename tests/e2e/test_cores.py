@@ -193,7 +193,7 @@ def test_dumper_that_dies_within_its_core_affects_no_other_member(dumping, victi
 
 @pytest.mark.parametrize("tool", ["tar", "bsdtar"])
 def test_programs_with_long_names_affect_no_other_member(dumping, victims, tool, tmp_path):
-    # A member name of more than 100 bytes would be cut: within the pid, before its last part, or within that.
+    # A member name over 100 bytes would be cut within the pid, before the last part of the name, or within it.
     names = ["n" * length for length in (60, 64, 65, 66, 67, 68, 70, 79)]
     for name in names:
         victims.add(name, GOOD)

@@ -179,7 +179,7 @@ def test_control_line_announces_the_length_for_every_kind_of_output(start_target
 
 @pytest.mark.parametrize("words", [[], ["-c"], ["-c", "x"], ["-x", "1"], ["1", "2"], ["0"], ["-1"], ["1x"], [""],
                                    ["99999999999"]], ids=str)  # fmt: skip
-def test_bad_command_line_is_status_2_and_usage(words, tmp_path):
+def test_bad_command_line_gives_status_2_and_the_usage(words, tmp_path):
     ran = subprocess.run([DCORE, *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, cwd=tmp_path)
     assert (ran.returncode, ran.stdout) == (2, "")
     assert "\nusage: dcore [-c FILE] PID\n" in ran.stderr

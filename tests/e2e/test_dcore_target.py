@@ -138,7 +138,7 @@ def test_program_that_keeps_calling_exec_is_dumped_and_continues(start_target, t
 
 @signals_interrupt_calls
 @pytest.mark.skipif(FAST, reason="takes a minute (left out by --fast)")
-def test_3000_dumps_of_programs_that_keep_calling_exec(start_target):
+def test_nearly_all_of_3000_dumps_of_programs_that_keep_calling_exec_are_complete(start_target):
     target, other = start_target("execs", 4), start_target("execs", 30)
     times = 1500 // (10 if SANITIZE else 1)
     complete = [0, 0]
@@ -332,7 +332,7 @@ def test_different_processes_can_be_dumped_at_once(start_target):
     assert [found.get(target.pid) == want for target in targets] == [True] * 6
 
 def stays_stopped(pid):
-    """Stopped for longer than the dumper's polling interval."""
+    """True if the process is stopped for longer than the dumper's polling interval."""
     return all(process_stat(pid)[0] in "tT" and time.sleep(0.01) is None for _ in range(20))
 
 

@@ -28,7 +28,7 @@ def daemon_with(start):
 
 @pytest.fixture
 def daemon_with_tmp(start, tmp_path):
-    """Starts a daemon whose /tmp is a tmpfs. Its programs may be below the machine's /tmp."""
+    """Starts a daemon whose /tmp is a tmpfs. The programs are mounted elsewhere first: it may hide the build."""
     programs = tmp_path / "programs"
     programs.mkdir()
 
@@ -101,7 +101,7 @@ def test_missing_program_is_reported_in_its_member(daemon_with):
     assert named(members, "oopslog") == [b"execve: No such file or directory\n"]
 
 
-def test_blocking_proc_file_is_given_up(daemon_with, tmp_path):
+def test_blocking_proc_file_is_left_out_after_a_timeout(daemon_with, tmp_path):
     fifo = tmp_path / "blocks"
     os.mkfifo(fifo)
     writer = os.open(fifo, os.O_RDWR)  # a FIFO that has a writer blocks its reader

@@ -303,7 +303,7 @@ def test_interval_is_read_in_any_base(mon, argument, seconds):
     assert time.monotonic() - start >= 2 * seconds
 
 
-def test_interrupt_ends_it_with_a_message_and_keeps_the_status_file(mon):
+def test_interrupt_ends_the_monitor_with_a_message_and_keeps_the_status_file(mon):
     watcher = mon("1000000000")
     wait_for(lambda: watcher.round() == 1, watcher.said)
     folder = os.open(f"/proc/{watcher.pid}/root/tmp", os.O_RDONLY)
@@ -331,7 +331,7 @@ def test_reports_continue_if_the_status_cannot_be_written(mon, hold):
     assert watcher.folder() == []
 
 
-def test_it_does_not_watch_itself_or_its_parent(mon):
+def test_monitor_does_not_watch_itself_or_its_parent(mon):
     held = [socket.socket() for _ in range(300)]
     watcher = mon()
     watcher.wait_for_rounds(3)

@@ -95,17 +95,17 @@ def test_flash_without_records_has_no_logs(flash, image):
     record(1, b"alone"), ring(3, 1) + record(200, b"cut off")[:2048], record(1, b"z" * (PAGE - 8)),
     record(1, bytes(range(255))) + ERASED,
 ], ids=["one page", "truncated", "full page", "every byte"])  # fmt: skip
-def test_odd_flash(flash, image):
+def test_unusual_records_are_printed(flash, image):
     assert_prints(flash(image), image)
 
 
 @pytest.mark.parametrize("seed", range(8))
-def test_random_flash(flash, seed):
+def test_random_flash_is_printed(flash, seed):
     image = random_flash(12, seed)
     assert_prints(flash(image), image)
 
 
-def test_large_flash(flash):
+def test_large_flash_is_printed(flash):
     image = ring(2048, 1500)
     device = flash(image)
     assert_prints(device, image)

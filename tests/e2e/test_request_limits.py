@@ -105,7 +105,7 @@ def test_interface_list_is_truncated_after_47_characters(loopback, start, length
     assert found == is_kept
 
 
-def test_negative_duration_is_the_default(loopback, start):
+def test_negative_duration_gives_the_default(loopback, start):
     daemon = start()
     begin = time.monotonic()
     answer = daemon.answer(b"/x", b"cmd=pcapdump&duration=-5&totalsize=2000&interface=lo")

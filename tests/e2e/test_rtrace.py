@@ -100,7 +100,7 @@ def test_sample_of_all_has_every_process_between_two_marks(daemon, idle):
     assert b"/zarvo\n" in smaps[0].data and smaps[0].data.count(b"\nRss:") > 10
 
 
-def test_default_is_the_fast_sources(daemon, idle):
+def test_fast_sources_are_the_default(daemon, idle):
     with daemon.ask(b"/x", b"cmd=rtrace") as browser:
         records = records_until(browser, lambda records: count(records, DISKINFO) == 1)
     # The kernel has no smapstot, and no program can be started.
@@ -138,7 +138,7 @@ def test_trace_with_an_odd_interval_samples_and_ends_with_its_browser(daemon, id
     assert time.monotonic() - left < PROMPT
 
 
-def test_negative_interval_with_a_program_is_one_sample(daemon, idle):
+def test_negative_interval_with_a_program_gives_one_sample(daemon, idle):
     records = split(body_of(daemon.answer(b"/x", trace_query(-1, "meminfo", "event")), HEAD))
     assert [(record.type, record.more) for record in records] == [(MEMINFO, 1), (MEMINFO, 0)]
 

@@ -271,7 +271,7 @@ def test_page_plots_a_point_for_each_sample(page, trace, tmp_path):
     assert re.fullmatch(r"\d\d[:.][\d:.]+", found[3]), found[3]  # a time of day, or a fraction of a minute
 
 
-def test_page_ignores_times_that_are_no_dates(tmp_path):
+def test_page_ignores_impossible_times(tmp_path):
     stream = b""
     for number, time_ms in enumerate([TIME_MS, (1 << 63) - 1, -(1 << 63), -1, 253402300799999, 1 << 53, TIME_MS + 1000]):
         stream += made_file(MEMINFO, b"MemFree: %d kB\n" % number, time_ms)

@@ -65,7 +65,7 @@ def test_exit_status_is_that_of_the_command(status):
 
 @needs_root
 @pytest.mark.parametrize("name", ["KILL", "SEGV", "TERM", "INT"])
-def test_status_of_a_killed_command_is_128_and_the_signal(name):
+def test_status_of_a_killed_command_is_128_plus_the_signal(name):
     done = run("sh", "-c", f"ulimit -c 0; kill -{name} $$")
     assert done.returncode == 128 + signal.Signals[f"SIG{name}"]
 
@@ -153,7 +153,7 @@ def test_working_directory_below_an_overlay_is_the_private_one():
 
 
 @needs_root
-def test_only_its_own_processes_are_visible():
+def test_only_processes_of_the_sandbox_are_visible():
     listing = output("ps", "-eo", "pid=,args=").splitlines()
     assert len(listing) == 2
     assert re.search(r"^ *1 .*supervise\.py", listing[0])
@@ -161,7 +161,7 @@ def test_only_its_own_processes_are_visible():
 
 
 @needs_root
-def test_its_own_command_line_is_not_repeated_in_process_1():
+def test_process_1_does_not_repeat_the_command_line_of_the_command():
     assert output("sh", "-c", "cat /proc/1/cmdline; : unlikely-word").count("unlikely-word") == 0
 
 

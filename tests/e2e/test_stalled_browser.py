@@ -61,7 +61,7 @@ def test_stalled_browser_is_dropped_after_120_s_and_a_slow_one_is_served_to_the_
     reader = threading.Thread(target=read_slowly, args=(slow, pieces))
     reader.start()
     wait_for(lambda: all([plain.has_ended(), compressed.has_ended()]), "both dropped", LATEST, poll_s=0.2)
-    # The slow browser has read only a part by now. It reads on at full speed soon.
+    # The slow browser has read only a part so far. Soon it will read the rest at full speed.
     assert slow_daemon.switches() == OFF
     assert slow_daemon.answer(b"/x/debug.tar") == BUSY_PAGE
     for stalled in (plain, compressed):

@@ -143,7 +143,7 @@ def trace_member(members):
 
 
 def read_archive(daemon):
-    """Reads on another thread than the test's first one, which the archive traces like every process."""
+    """Reads on a second thread. The archive's trace stops the first thread of the test, as of every process."""
     with concurrent.futures.ThreadPoolExecutor(1) as pool:
         return pool.submit(daemon.answer, b"/x/debug.tar").result(4 * PATIENCE)
 
@@ -217,7 +217,7 @@ def test_archive_is_made_while_everything_is_traced(daemon, service, name, head,
 
 
 def test_browser_that_is_traced_itself_gets_a_plain_archive(daemon):
-    """With small buffers, the archive continues only when the test's own thread reads, which is traced."""
+    """The buffers are small: the archive continues only when this thread, which it traces, reads."""
     with daemon.ask(b"/x/debug.tar", buffer_size=SMALL_BUFFER) as browser:
         assert_whole(body_of(browser.read_all(), PLAIN_HEAD))
 

@@ -39,7 +39,7 @@ def test_bad_command_line_prints_the_usage(words):
 
 
 @pytest.mark.parametrize("name", ["no-such-program", "/no/such/program", "./no-such-program", "", "x" * 5000])
-def test_missing_command_is_status_1_without_a_message(name):
+def test_missing_command_gives_status_1_without_a_message(name):
     ran = subprocess.run([TSTRACE, name], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     assert (ran.returncode, ran.stdout) == (1, b"")
 
@@ -193,7 +193,7 @@ def test_process_continues_after_its_tracer_is_killed(tmp_path, service):
 
 
 def test_sigint_to_the_tracer_ends_its_command():
-    """A script sends it to the tracer only, not to its command."""
+    """Unlike Ctrl-C, the signal goes to the tracer only, not to its command."""
     tracer = subprocess.Popen([TSTRACE, "sleep", "1000"], stdout=subprocess.PIPE)
     while b"nanosleep(" not in tracer.stdout.readline():
         pass

@@ -24,15 +24,15 @@ pytestmark = pytest.mark.usefixtures("clean_sandbox")
 
 SEED = 7
 SLEEPERS, THREADS = 40, 11
-# How often each is ended: a tracer, a daemon that traces for a browser, one that makes an archive; 1000 times
-# in all.
+# How often each test ends a tracer, a daemon that traces for a browser, and a daemon that makes an archive. The
+# larger numbers add up to 1000 for all tests and signals.
 ENDS, DAEMON_ENDS, ARCHIVE_ENDS = (10, 3, 2) if FAST or SANITIZE else (95, 28, 4)
 STOP = 1 << (signal.SIGSTOP - 1)
 SIGNALS = [signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT, signal.SIGKILL]
 
 
 def final_state(pid, tid):
-    """S: the thread, which has no tracer, is asleep, T: it is stopped, None: neither for good."""
+    """S: the thread is asleep, T: it is stopped, None: that may still change. It must not have a tracer."""
     text = status_of(pid, tid)
     assert "TracerPid:\t0\n" in text, text
     pending = [int(mask, 16) for mask in re.findall(r"^(?:SigPnd|ShdPnd):\t(\w+)$", text, re.MULTILINE)]
@@ -74,7 +74,7 @@ class Crowd:
         return not self.all_detached()
 
     def stopped(self):
-        """The processes that are stopped. A sleeping one has no stop ahead: a signal would have woken it."""
+        """The processes that are stopped. A sleeping one stays asleep: a pending stop would have woken it."""
         return {pid for pid, tid in self.threads() if wait_for(lambda: final_state(pid, tid), "asleep or stopped") == "T"}
 
     def check(self, sig):
@@ -115,7 +115,7 @@ def seconds(action):
 
 
 def end_tracer(sig, tracer):
-    """Ends a tracer, which may be ending already."""
+    """Ends a tracer, which may have begun to end by itself."""
     assert end_by(tracer, sig) in (-sig, 0)
 
 

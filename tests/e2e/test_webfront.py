@@ -269,8 +269,8 @@ def test_stuck_daemon_delays_only_its_own_clients(front, socket_path):
         assert b"200 OK" in front.get("/")
         assert_error(front.get("/debug.tgz", method="POST"), 405, "GET")
         assert time.monotonic() - start < HEAD_TIME / 2
-        # The front tries 16 at a time, for 10 seconds each. A client that has waited for longer gets its
-        # error at once.
+        # The front passes on webfront_handover_threads connections at a time, for up to 10 seconds each. Others
+        # that have waited longer than webfront_queue_time get their error at once.
         answered = []
         while len(answered) < len(waiting) - 1:
             ready = select.select([c for c in waiting if c not in answered], [], [], PATIENCE)[0]
@@ -336,7 +336,7 @@ def test_clients_beyond_the_connection_limit_get_503(front, daemon):
 # Start and end.
 
 
-def test_it_prints_one_line_and_listens_only_on_the_loopback_address(front):
+def test_front_prints_one_line_and_listens_only_on_the_loopback_address(front):
     table = pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]
     listening = [row.split()[1] for row in table if row.split()[3] == "0A"]
     assert [address for address in listening if address.endswith(f":{front.port:04X}")] == [
@@ -346,7 +346,7 @@ def test_it_prints_one_line_and_listens_only_on_the_loopback_address(front):
     assert front.process.stdout.read() == b""  # the fixture checks the rest
 
 
-def test_its_sockets_are_close_on_exec(front, daemon):
+def test_sockets_of_the_front_are_close_on_exec(front, daemon):
     with front.connect() as client:
         client.sendall(b"GET")
         assert front.get("/debug.tgz") == echoed(b"/debug.tgz\0")
@@ -361,7 +361,7 @@ def test_its_sockets_are_close_on_exec(front, daemon):
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
-def test_signal_ends_it_at_once_even_with_a_stuck_daemon(front, socket_path, number):
+def test_signal_ends_the_front_at_once_even_with_a_stuck_daemon(front, socket_path, number):
     with contextlib.ExitStack() as stack:
         stuck = stack.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_STREAM))
         stuck.bind(str(socket_path))
@@ -395,7 +395,7 @@ def test_port_can_be_used_again_at_once_but_not_twice(front, socket_path):
 
 
 @pytest.mark.parametrize("words", [["--port"], ["--port", "x"], ["--port", "65536"], ["--bogus"], ["word"]])
-def test_bad_options_are_status_2_and_usage(words):
+def test_bad_options_give_status_2_and_the_usage(words):
     done = subprocess.run([WEBFRONT, *words], capture_output=True, text=True, timeout=PATIENCE)
     assert (done.returncode, done.stdout) == (2, "")
     assert "usage: webfront [--port N] [--socket PATH]" in done.stderr
