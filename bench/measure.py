@@ -94,7 +94,7 @@ class Report:
         }
 
     def ratio(self, what, ours, peer, cost, unit="s", bound=None, note=""):
-        """Adds a ratio ours/peer. `ours` and `peer`: a name and its Turns. `cost`: a number for a Turn."""
+        """Adds a ratio ours/peer. `ours` and `peer`: a name and its Turns. `cost`: maps a Turn to a number."""
         (our_name, our_turns), (peer_name, peer_turns) = ours, peer
         our_costs, peer_costs = list(map(cost, our_turns)), list(map(cost, peer_turns))
         if len(our_costs) != len(peer_costs) or not all(peer_costs):

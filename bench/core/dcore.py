@@ -56,7 +56,7 @@ def peak_of(pid):
 
 
 def descendants(pid):
-    """A process and all below it. gcore is a script, which starts the debugger that needs the memory."""
+    """A process and its descendants. gcore is a script; the debugger that it starts needs the memory."""
     found = [pid]
     try:
         for task in os.listdir(f"/proc/{pid}/task"):

@@ -54,8 +54,8 @@ def stall():
 
 @pytest.fixture
 def hold(stall):
-    """Starts a dumper that stalls and holds the target. It releases the target after a while, so if this test
-    was too slow, it tries again."""
+    """Starts a dumper that stalls and holds the target. A stalled dumper releases the target after a while. If
+    that was before the check here, another one is started."""
 
     def start_one(pid):
         dumper = stall(pid)

@@ -60,7 +60,7 @@ def sanitizer_environment(folder):
 
 
 def end_with_parent():
-    """A sandbox must end with a test that is killed because it takes too long."""
+    """Makes a child end with this process, which is killed if the file takes too long."""
     ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
 
 
@@ -102,7 +102,7 @@ def main():
     signal.signal(signal.SIGQUIT, signal.SIG_DFL)
     folder = tempfile.mkdtemp(prefix="zarvo-e2e-")
     try:
-        # A file that is written in the sandbox is only sure to be visible outside if it is below /tmp.
+        # A file written in the sandbox may be invisible outside, unless it is below /tmp.
         report = pathlib.Path(folder, "report.xml")
         status = run(test_file, report, options.only, options.part, folder)
         if status == 0 and all_skipped(report):

@@ -38,7 +38,7 @@ struct parsed_line {
     std::vector<pid_t> pids;
 };
 
-// The length may have blanks and tabs before it, and '-', but no other sign.
+// Skips blanks and tabs. True if a number follows, which may begin with '-' but not with '+'.
 bool has_number(const std::string& text, size_t* at) {
     while (*at < text.size() && (text[*at] == ' ' || text[*at] == '\t')) {
         (*at)++;

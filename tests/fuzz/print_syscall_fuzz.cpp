@@ -1,5 +1,5 @@
-// Prints a system call with any registers and any memory: the output is one line with the call's name, and
-// stays within its buffer.
+// Prints a system call with any registers and any memory: the output stays within its buffer. If it fits, it
+// begins with the process, has the call's name, and ends as a line of an entry or of an exit does.
 #include <stdint.h>
 #include <string.h>
 

@@ -60,7 +60,7 @@ int main(int argc, char** argv) {
 
 
 def wait_for_board(condition, what, seconds=START_LIMIT):
-    """As wait_for(), at the board's speed."""
+    """Like wait_for(), with a longer timeout for the slow board."""
     return wait_for(condition, f"on the board: {what}", seconds, POLL_S)
 
 

@@ -69,7 +69,7 @@ class Browser:
         return data
 
     def is_silent(self, seconds=0.0):
-        """No byte and no end of the connection has come, and none comes in the next `seconds`."""
+        """True if neither a byte nor the end of the connection has arrived, or arrives within `seconds`."""
         poll = select.poll()
         poll.register(self.near, select.POLLIN)
         return not poll.poll(seconds * 1000)
@@ -80,7 +80,7 @@ def send_message(path, message, descriptors, end=True):
     may hang up as soon as it has received enough.
     """
     connection = socket.socket(socket.AF_UNIX)
-    # With a timeout of Python's, connecting would fail at once while the daemon's queue is full.
+    # Python's own timeout makes the socket non-blocking: connecting would fail while the daemon's queue is full.
     connection.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("ll", PATIENCE, 0))
     connection.connect(str(path))
     rights = [(socket.SOL_SOCKET, socket.SCM_RIGHTS, array.array("i", descriptors))] if descriptors else []

@@ -12,7 +12,7 @@ from support.connections import receive_all
 from support.under_test import BIN
 from support.waiting import PATIENCE
 
-HTTP_PATIENCE = 240  # an emulated board on a busy machine may compress for long before the first block is ready
+HTTP_PATIENCE = 240  # on a busy machine, an emulated board may take this long to compress the first block
 
 
 class Front:

@@ -157,7 +157,7 @@ def link_to_machine(folder, upper):
 
 
 def cover_inner_mount(path, descriptor):
-    """Shows a mount below a folder that is now an overlay again, protected from writes."""
+    """Restores a mount that an overlay above it hides, and protects the original from writes."""
     mode = os.fstat(descriptor).st_mode
     original = f"/proc/self/fd/{descriptor}"
     if stat.S_ISREG(mode):

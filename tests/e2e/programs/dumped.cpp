@@ -82,7 +82,7 @@ void with_threads(long count) {
     print_and_wait("ready");
 }
 
-// Reserves NUMBER MB and touches 1280 pages of them at equal distances.
+// Reserves NUMBER MB, and touches 1280 pages at equal distances.
 void sparse(long megabytes) {
     size_t length = static_cast<size_t>(megabytes) << 20;
     unsigned char* memory = map(length, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE);
@@ -371,8 +371,8 @@ void has_registers() {
 }
 #endif
 
-// Blocking calls, whose results are printed at the end. A byte of input wakes them. Calls that cannot be
-// woken so time out, after longer than the dumps take on a busy machine.
+// Blocking calls, whose results are printed at the end. A byte of input wakes them. Calls that it
+// cannot wake time out, but not before the dumps have ended on a busy machine.
 int waits_epoll() {
     int epoll = epoll_create1(EPOLL_CLOEXEC);
     epoll_event event = {};
@@ -466,7 +466,7 @@ int full_socket() {
             full = 0;
         }
         for (clock_t end = clock() + CLOCKS_PER_SEC / 50; clock() < end;) {
-            sched_yield();  // not sleep: the test takes a sleeping process for one in the blocking call
+            sched_yield();  // a sleep would look to the test like the blocking call
         }
     }
     on_input([other = pair[1]] {
@@ -496,8 +496,8 @@ int waits_splice() {
 }
 
 #ifdef IORING_SETUP_CQSIZE
-// Waits for a completion in an io_uring, which comes with a byte of input. -2: the kernel does not support
-// io_uring.
+// Waits for a completion in an io_uring, which comes with a byte of input. Returns -2 if the kernel
+// does not support io_uring.
 int waits_uring() {
     io_uring_params params = {};
     int ring = static_cast<int>(syscall(SYS_io_uring_setup, 1, &params));

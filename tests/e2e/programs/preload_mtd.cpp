@@ -44,7 +44,7 @@ extern "C" int fstat(int fd, struct stat* status) noexcept {
 
 static int block_request(int fd, unsigned long request, void* value) {
     struct stat info;
-    if (request == MEMGETBADBLOCK) {  // must not be asked for
+    if (request == MEMGETBADBLOCK) {  // the program must not ask a block device for this
         return listed("BAD", *static_cast<long long*>(value));
     }
     if (request != BLKGETSIZE || getenv("NO_SIZE")) {
