@@ -54,7 +54,7 @@ int64_t o32_number(int twin) {
 }
 
 // Reads only what describes the stop, which is faster than reading all registers (Linux 5.3 or later). At an
-// exit it has no number and no arguments, which are not used there.
+// exit the kernel gives no number and no arguments; they are not used there.
 bool read_syscall_info(pid_t pid, arch_regs* regs) {
     __ptrace_syscall_info info = {};
     void* size = ptrace_data(sizeof info);

@@ -80,7 +80,7 @@ pid_t wait_for_event(detach* d, int* status) {
         if (got != 0) {
             return got;
         }
-        // Threads that end together do so one after the other.
+        // The first thread may be a zombie for a moment only: threads that end together do so one by one.
         seen_as_zombie += proc_state(d->pid) == 'Z';
         if ((usleep(pause) != 0 && d->done) || seen_as_zombie == zombie_checks) {
             return 0;

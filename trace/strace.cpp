@@ -23,7 +23,7 @@
 namespace {
 
 constexpr long turn_poll_ns = 20000000;  // between two attempts to begin while another trace runs
-constexpr int timer_patience_ms = 100;   // a caller that ignores SIGINT has a timer that ignores it
+constexpr int timer_patience_ms = 100;   // then SIGKILL: the timer inherits an ignored SIGINT
 
 pthread_mutex_t strace_lock = PTHREAD_MUTEX_INITIALIZER;
 

@@ -42,7 +42,7 @@ std::string write_back(pid_t pid, syscall_record* call) {
 
 }  // namespace
 
-TEST(arch_read_regs, entry_has_number_arguments_and_the_place_of_the_call) {
+TEST(arch_read_regs, entry_has_number_arguments_and_address_of_the_call) {
     self_traced_child child(ask_for_the_parent);
     arch_regs regs = {};
     ASSERT_TRUE(run_to_entry(child.pid(), o32_getppid, &regs));
@@ -80,7 +80,7 @@ TEST(arch_read_regs, reads_a_stop_for_a_signal) {
     EXPECT_NE(regs.sp, 0);
 }
 
-TEST(arch_read_regs, leaves_the_snapshot_alone_if_the_process_is_not_traced) {
+TEST(arch_read_regs, leaves_the_registers_unchanged_if_the_process_is_not_traced) {
     tracee child(sleep_for_ever);
     arch_regs regs = {.pc = 1, .ra = 2, .number = 3, .result = 4, .sp = 5, .arg = {6}, .unnumbered = true};
     const arch_regs before = regs;
@@ -132,7 +132,7 @@ TEST(arch_writeback_sc, writes_number_and_arguments_of_the_record_into_the_proce
         EXPECT_EQ(now.arg[i], 101 + i);
     }
     EXPECT_EQ(now.sp, regs.sp);
-    // The child asked for its parent and is told its own number.
+    // The child called getppid and gets the result of getpid.
     ASSERT_EQ(trace_cont(child.pid(), 0), 0);
     EXPECT_TRUE(exited_with(child.end(), 0));
 }

@@ -1,4 +1,4 @@
-// The state of a trace of one process, for tests of what needs no running trace.
+// The state of a trace of one process, for tests of code that needs no running trace.
 #pragma once
 
 #include <string.h>

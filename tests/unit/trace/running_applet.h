@@ -1,4 +1,4 @@
-// The tracer applets as processes of their own.
+// Runs a tracer applet in a child.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@
 
 using main_function = int (*)(int argc, char** argv);
 
-// A running applet that writes into memory.
+// A running applet whose standard output goes into memory.
 class running_applet {
 public:
     running_applet(main_function run, const std::vector<std::string>& list)
@@ -27,11 +27,11 @@ public:
     bool has(const std::string& what) const { return text().find(what) != std::string::npos; }
     // Waits for its end. Returns its wait status.
     int end() { return process_.end(); }
-    // Ends the applet as Ctrl-C does. Returns its wait status.
+    // Sends SIGINT until the applet ends. Returns its wait status.
     int interrupt() {
         int status = -1;
         EXPECT_TRUE(eventually([&] {
-            // A sanitizer postpones a signal that comes between two calls, and may lose it.
+            // A sanitizer defers a signal that arrives between two calls, and may lose it.
             kill(pid(), SIGINT);
             return waitpid(pid(), &status, WNOHANG) == pid();
         }));

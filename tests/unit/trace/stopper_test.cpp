@@ -43,7 +43,7 @@ TEST(run_stopper, ignores_exits_after_its_interrupt) {
         run_stopper, {"stopper", "-p", std::to_string(first.pid()), "-p", std::to_string(second.pid())});
     first.settle();
     second.settle();
-    // It is stopped itself while both are killed, and finds both at their exit.
+    // The stopper is stopped while both are killed, so it finds both at their exit.
     kill(stopper.pid(), SIGSTOP);
     ASSERT_TRUE(eventually([&stopper] { return state_of(stopper.pid()) == 'T'; }));
     for (const settled_child* child : {&first, &second}) {

@@ -52,7 +52,7 @@ TEST(strace_attach, traces_the_others_if_one_cannot_be_traced) {
 TEST(strace_attach, stopped_process_stays_stopped_after_the_trace) {
     for (int sig : {SIGSTOP, SIGTSTP}) {
         tracee sleeper([] {
-            setpgid(0, 0);  // SIGTSTP stops nobody in a group that has no parent in the session outside it
+            setpgid(0, 0);  // SIGTSTP stops no process of an orphaned process group
             return sleep_for_ever();
         });
         ASSERT_TRUE(sleeper.asleep());
@@ -103,7 +103,8 @@ TEST(strace_attach, traces_a_vfork_child_while_its_parent_is_attached_to) {
     pid_t child = -1;
     ASSERT_EQ(read(report.out.get(), &child, sizeof child), static_cast<ssize_t>(sizeof child));
     ASSERT_TRUE(eventually([child] { return state_of(child) == 'S'; }));
-    // The child first: it stops at its next call while the parent, which only it can wake, is attached to.
+    // The child is attached to first. It stops at its next call during the attach to its parent, which sleeps
+    // until the child ends.
     traced_text trace({child, parent.pid()}, strace_calls);
     std::thread opener([&gate, &parent] {
         eventually([&parent] { return is_traced(parent.pid()); });
@@ -135,14 +136,14 @@ TEST(strace_attach, caller_may_end_the_trace_between_attaches) {
         return false;
     };
     auto start = clock_type::now();
-    // The end of the thread sets the first one free.
+    // The kernel detaches the first process when the tracing thread ends.
     std::thread([&trace] { trace.run(); }).join();
     EXPECT_LT(clock_type::now() - start, 10s);
     EXPECT_EQ(attached, "100");
     EXPECT_EQ(trace.polls, 1);
     EXPECT_EQ(trace.pids, (std::vector<pid_t>{first.pid(), -1, -1}));
     EXPECT_EQ(trace.count(" open fds:\n"), 1u) << trace.text;
-    // Who joins a thread does not wait for the very end of it.
+    // join() may return before the kernel has detached for the thread.
     EXPECT_TRUE(eventually([&first] { return !is_traced(first.pid()); }));
     first.make_reachable();
     second.make_reachable();

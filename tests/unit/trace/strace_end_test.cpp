@@ -1,4 +1,4 @@
-// How a trace comes to its end, and what its caller sees of that.
+// How a trace ends, and how often it polls its caller then.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
@@ -15,7 +15,7 @@
 
 namespace {
 
-// Counts how often the caller is asked when the end of `pid` has been waited for.
+// Counts how often a trace polls its caller after `pid` has been reaped.
 class polls_after_end {
 public:
     polls_after_end(traced_text* trace, pid_t pid) {
@@ -47,7 +47,7 @@ int polls_after_end_of(Work work) {
 
 }  // namespace
 
-TEST(do_strace, ends_with_the_exit_of_the_last_process_but_with_one_more_wait_when_it_was_killed) {
+TEST(do_strace, polls_once_more_after_the_end_of_the_last_process_if_it_was_killed) {
     EXPECT_EQ(polls_after_end_of([] { return 3; }), 1);
     EXPECT_EQ(polls_after_end_of([] { return raise(SIGKILL); }), 2);
 }
@@ -59,7 +59,7 @@ TEST(do_strace, process_that_cannot_be_resumed_still_counts_as_live) {
     traced_text trace({pid, other.pid()}, strace_signals);
     polls_after_end polls(&trace, other.pid());
     trace.goes_on = [&, count = trace.goes_on, killed = false](const traced_text& now) mutable {
-        if (!killed && now.has("SIGUSR1")) {  // told of it, it is not resumed yet
+        if (!killed && now.has("SIGUSR1")) {  // the signal is reported, but the process is not resumed yet
             killed = true;
             kill(pid, SIGKILL);
             EXPECT_TRUE(eventually([pid] { return state_of(pid) == 'Z'; })) << state_of(pid);
@@ -73,7 +73,7 @@ TEST(do_strace, process_that_cannot_be_resumed_still_counts_as_live) {
         EXPECT_TRUE(eventually([&] { return is_traced(pid) && is_traced(other.pid()); }));
         doomed.open_gate();
         eventually([pid] { return state_of(pid) == '-'; });
-        kill(other.pid(), SIGCONT);  // an event, at which the gate is opened
+        kill(other.pid(), SIGCONT);  // an event: the poll after it opens the gate
     });
     std::string said = capture_stdout([&trace] { trace.run(); });
     opener.join();
@@ -84,7 +84,7 @@ TEST(do_strace, process_that_cannot_be_resumed_still_counts_as_live) {
     other.child.was_reaped();
 }
 
-TEST(do_strace, caller_is_asked_twice_when_a_signal_interrupts_the_wait) {
+TEST(do_strace, polls_twice_if_a_signal_interrupts_the_wait) {
     scoped_signal handler(SIGUSR1, count_signal);
     tracee sleeper(sleep_for_ever);
     ASSERT_TRUE(sleeper.asleep());
@@ -100,7 +100,7 @@ TEST(do_strace, caller_is_asked_twice_when_a_signal_interrupts_the_wait) {
         tid = thread_id();
         trace.run();
     });
-    // The first poll follows the stop at the process's next system call; it makes no other.
+    // The first poll follows the stop at the sleeper's restarted call; it makes no other.
     EXPECT_TRUE(eventually([&] { return polls >= 1 && sleeper.asleep(); }));
     for (int i = 0; i < 5; i++) {
         EXPECT_TRUE(eventually([&] { return thread_state(tid) == 'S'; }));
@@ -115,8 +115,8 @@ TEST(do_strace, caller_is_asked_twice_when_a_signal_interrupts_the_wait) {
     expect_free(sleeper.pid());
 }
 
-TEST(do_strace, timer_is_ended_with_sigint) {
-    // Not a child of this program, which would be told of two deaths at once and learn of one.
+TEST(do_strace, interrupts_the_timer_with_sigint) {
+    // Not a child of this program, so the timer's death is the only one that it is notified of.
     stranger busy(call_for_ever);
     scoped_death_watch watch;
     traced_text trace({busy.pid()});
@@ -128,7 +128,7 @@ TEST(do_strace, timer_is_ended_with_sigint) {
     expect_free(busy.pid());
 }
 
-TEST(do_strace, without_a_callback_goes_on_to_the_end_in_silence) {
+TEST(do_strace, without_a_callback_traces_to_the_end_silently) {
     static std::vector<int> codes;
     codes.clear();
     traced_child child([] {
@@ -143,7 +143,7 @@ TEST(do_strace, without_a_callback_goes_on_to_the_end_in_silence) {
     EXPECT_TRUE(exited_with(child.child.end(), 3));
 }
 
-TEST(do_strace, without_a_callback_ends_with_its_time_and_lets_the_processes_go) {
+TEST(do_strace, without_a_callback_ends_at_the_time_limit_and_detaches_the_processes) {
     tracee sleeper(sleep_for_ever);
     traced_text trace({sleeper.pid()});
     trace.ctx.write = nullptr;

@@ -65,7 +65,7 @@ TEST(strace_take_event, only_one_stop_signal_is_the_trace_s_own) {
     EXPECT_EQ(strace_take_event(&trace.process(), stop_by(SIGSTOP)).kind, strace_event_kind::other_signal);
 }
 
-// Here every request fails with ESRCH, so each stop looks like the delivery of a signal.
+// Every ptrace request fails with ESRCH here, so each stop looks like the delivery of a signal.
 TEST(strace_take_event, first_stop_may_come_before_the_stop_signal_of_the_attach) {
     for (int sig : {SIGSTOP, SIGUSR1}) {
         pid_t pid = getpid();

@@ -1,4 +1,4 @@
-// Programs with several threads of which one calls exec: it takes the number of its process.
+// Traces of programs in which one of several threads calls exec. That thread takes its process's id.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
@@ -16,7 +16,7 @@
 
 namespace {
 
-// A process of three threads of which the last one calls exec when it is told to.
+// A process of three threads. The last one calls exec when the gate is opened.
 class process_that_execs {
 public:
     process_that_execs()
@@ -37,7 +37,7 @@ public:
     pid_t thread() const { return thread_; }
     void end_if_left() { child_.end_if_left(); }
     void open_gate() { EXPECT_EQ(write(gate_.in.get(), "x", 1), 1); }
-    // Its threads, the one that calls exec last.
+    // Its threads; the one that calls exec comes last.
     std::vector<pid_t> threads() const {
         std::vector<pid_t> found = threads_of(pid());
         std::ranges::sort(found, {}, [this](pid_t tid) { return tid == thread_ ? 1 : 0; });
@@ -51,9 +51,9 @@ private:
     pid_t thread_ = -1;
 };
 
-// Traces these threads; the exec comes when all are traced.
+// Runs the trace and opens the gate when all of its threads are traced.
 void run_with_exec(process_that_execs* process, traced_text* trace) {
-    trace->ctx.seconds = 20;  // what keeps a test that fails from hanging
+    trace->ctx.seconds = 20;  // keeps a failing test from hanging
     std::thread opener([=, pids = trace->pids] {
         eventually([&pids] { return std::ranges::all_of(pids, is_traced); });
         process->open_gate();
@@ -64,7 +64,7 @@ void run_with_exec(process_that_execs* process, traced_text* trace) {
 
 }  // namespace
 
-TEST(strace_exec, thread_that_is_traced_alone_goes_on_under_the_number_of_its_process) {
+TEST(strace_exec, thread_traced_alone_continues_under_the_id_of_its_process) {
     process_that_execs process;
     traced_text trace({process.thread()}, strace_calls | strace_signals);
     run_with_exec(&process, &trace);
@@ -75,7 +75,7 @@ TEST(strace_exec, thread_that_is_traced_alone_goes_on_under_the_number_of_its_pr
     process.end_if_left();
 }
 
-TEST(strace_exec, thread_that_execs_goes_on_when_all_threads_are_traced) {
+TEST(strace_exec, thread_that_execs_stays_traced_if_all_threads_are_traced) {
     for (uint32_t flags : {strace_calls, strace_everything}) {
         for (int round = 0; round < 5; round++) {
             process_that_execs process;
@@ -89,7 +89,7 @@ TEST(strace_exec, thread_that_execs_goes_on_when_all_threads_are_traced) {
     }
 }
 
-TEST(strace_exec, thread_that_execs_while_it_is_let_go_is_not_left_stopped) {
+TEST(strace_exec, thread_that_execs_during_its_detach_is_not_left_stopped) {
     for (int round = 0; round < 40; round++) {
         process_that_execs process;
         traced_text trace(process.threads(), strace_calls);
@@ -100,7 +100,7 @@ TEST(strace_exec, thread_that_execs_while_it_is_let_go_is_not_left_stopped) {
             }
             return now.polls < 1 + round % 20;
         };
-        kill(process.pid(), SIGWINCH);  // an event
+        kill(process.pid(), SIGWINCH);  // an event that makes the trace poll
         trace.run();
         process.end_if_left();
     }

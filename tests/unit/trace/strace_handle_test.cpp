@@ -53,7 +53,7 @@ std::string name_of(const std::vector<std::string>& command_line) {
     return name_in(trace);
 }
 
-// Kills the processes at the poll number `polls` of the trace.
+// Makes the trace kill the processes at its poll number `polls`.
 void kill_all_at(int polls, traced_text* trace, std::vector<pid_t> pids) {
     trace->goes_on = [polls, pids, killed = false](const traced_text& now) mutable {
         for (pid_t pid : now.polls >= polls && !killed ? pids : std::vector<pid_t>()) {
@@ -122,8 +122,8 @@ TEST(strace_handle, reports_an_exit_twice_with_its_code) {
 }
 
 TEST(strace_handle, reports_the_exit_of_busy_processes_that_are_killed) {
-    static std::set<pid_t> told;
-    told.clear();
+    static std::set<pid_t> reported;
+    reported.clear();
     constexpr int rounds = effort(10, 3);
     constexpr int together = 8;
     for (int round = 0; round < rounds; round++) {
@@ -137,7 +137,7 @@ TEST(strace_handle, reports_the_exit_of_busy_processes_that_are_killed) {
         trace.ctx.seconds = 20;
         trace.ctx.on_exit = [](strace_ctx*, void*, pid_t pid, int kind, int, void*) {
             if (kind == strace_exit_stop) {
-                told.insert(pid);
+                reported.insert(pid);
             }
         };
         kill_all_at(300 + round, &trace, pids);
@@ -146,8 +146,8 @@ TEST(strace_handle, reports_the_exit_of_busy_processes_that_are_killed) {
             one->end_if_left();
         }
     }
-    // One that is killed between the last look at it and the call that resumes it is missed.
-    EXPECT_GE(told.size(), size_t{rounds * together * 9 / 10});
+    // A process killed after the check for its exit stop, but before it is resumed, is missed.
+    EXPECT_GE(reported.size(), size_t{rounds * together * 9 / 10});
 }
 
 TEST(strace_handle, ends_when_a_process_with_threads_is_killed) {
@@ -170,7 +170,7 @@ TEST(strace_handle, ends_when_a_process_with_threads_is_killed) {
 
 TEST(strace_handle, lists_all_descriptors_before_the_line_of_the_exit_call) {
     traced_child child([] {
-        // With the descriptors of the test itself besides.
+        // The list also has the descriptors of the test itself.
         return dup2(open("/dev/zero", O_RDONLY | O_CLOEXEC), 300) == 300 ? 0 : 1;
     });
     pid_t pid = child.pid();
@@ -221,7 +221,7 @@ TEST(strace_handle, process_dies_of_its_signal) {
     EXPECT_TRUE(has_no_children());
 }
 
-TEST(strace_handle, real_trap_counts_as_an_exit_and_is_delivered) {
+TEST(strace_handle, trap_of_the_process_is_reported_as_an_exit_and_delivered) {
     static std::atomic<int> traps{0};
     traced_child child([] {
         signal(SIGTRAP, [](int) { traps++; });
@@ -348,7 +348,7 @@ TEST(strace_handle, name_is_the_last_part_of_the_first_argument) {
 TEST(strace_handle, process_with_an_unreadable_command_line_has_no_name) {
     test_pipe report;
     tracee nameless([&report] {
-        // Keeps what is used on the stack away from the page of the command line.
+        // Keeps the stack of the calls below away from the page of the command line.
         [[maybe_unused]] volatile char apart[1 << 16];
         apart[0] = '\0';
         return hide_words_and_call(report.in.get());

@@ -29,7 +29,7 @@ using clock_type = std::chrono::steady_clock;
 
 constexpr int no_limit_ms = 600000;
 
-// A process that traces `pid` for ever and dies of SIGTERM in good order.
+// The work of a process that traces `pid` for ever. It catches SIGTERM and dies of it after the detach.
 auto tracing(pid_t pid) {
     return [pid] {
         constexpr std::array signals = {SIGTERM};
@@ -48,8 +48,8 @@ bool has_pending_stop(pid_t pid) {
            (std::stoull(mask.substr(mask.size() - 16), nullptr, 16) >> (SIGSTOP - 1) & 1) != 0;
 }
 
-// Traces `pid` for a moment in a process of its own in which a request of ptrace fails. Returns its status: 0
-// when the process was traced, 1 when not, 77 when calls can't be made to fail.
+// Traces `pid` for a moment in a child in which a ptrace request fails. Returns the child's wait status; its
+// exit code is 0 if the process was traced, 1 if it was not, 77 if calls cannot be made to fail.
 int failed_trace(pid_t pid, int request, int error) {
     return run_in_child([=] {
         alarm(60);
@@ -66,7 +66,7 @@ int failed_trace(pid_t pid, int request, int error) {
 
 }  // namespace
 
-TEST(strace_release, process_that_cannot_be_given_options_is_let_go) {
+TEST(strace_release, process_whose_options_cannot_be_set_is_detached) {
     tracee busy(call_for_ever);
     int status = failed_trace(busy.pid(), PTRACE_SETOPTIONS, EIO);
     if (exited_with(status, 77)) {
@@ -76,7 +76,7 @@ TEST(strace_release, process_that_cannot_be_given_options_is_let_go) {
     expect_free(busy.pid());
 }
 
-TEST(strace_release, process_whose_stop_cannot_be_looked_at_is_let_go) {
+TEST(strace_release, process_whose_stop_cannot_be_examined_is_detached) {
     for (int error : {EIO, EINVAL}) {
         tracee sleeper(sleep_for_ever);
         ASSERT_TRUE(sleeper.asleep());
@@ -102,7 +102,7 @@ TEST(strace_release, end_of_the_tracer_waits_for_the_stop_of_an_attach) {
     expect_free(sleeper.pid());
 }
 
-TEST(strace_release, process_that_did_not_stop_in_time_is_not_stopped_when_its_tracer_is_killed) {
+TEST(strace_release, killed_tracer_does_not_stop_a_process_that_did_not_stop_in_time) {
     SKIP_WITHOUT_VFORK();
     unreachable_tracee sleeper;
     tracee tracer(tracing(sleeper.pid()));
@@ -115,7 +115,7 @@ TEST(strace_release, process_that_did_not_stop_in_time_is_not_stopped_when_its_t
     expect_free(sleeper.pid());
 }
 
-TEST(strace_release, process_that_stops_late_joins_and_sees_nothing_of_it) {
+TEST(strace_release, process_that_stops_late_joins_and_receives_no_sigcont) {
     SKIP_WITHOUT_VFORK();
     static volatile sig_atomic_t continued = 0;
     test_pipe gate;
@@ -150,7 +150,7 @@ TEST(strace_release, process_that_stops_late_joins_and_sees_nothing_of_it) {
     EXPECT_EQ(state_of(late.pid()), 'R');
 }
 
-TEST(strace_release, command_is_ended_when_there_is_no_memory_for_its_trace) {
+TEST(strace_release, ends_the_command_if_there_is_no_memory_for_its_trace) {
     SKIP_WITHOUT_MEMORY_LIMIT();
     int status = run_in_child([] {
         alarm(30);
@@ -195,7 +195,7 @@ TEST(strace_release, signal_pending_at_the_end_of_the_trace_is_delivered) {
             raise(SIGTERM);
             return 0;
         });
-        // Ends at the very stop that the signal makes: nothing has been said of it yet.
+        // Ends the trace at the stop for the signal, before the signal is reported.
         child.trace.goes_on = [pid = child.pid()](const traced_text&) {
             siginfo_t info = {};
             return ptrace(PTRACE_GETSIGINFO, pid, nullptr, &info) != 0 || info.si_signo != SIGTERM;
@@ -257,7 +257,7 @@ TEST(strace_release, gives_up_on_a_process_in_uninterruptible_sleep_without_stop
         trace.run();
         taken = clock_type::now() - start;
     }).join();
-    EXPECT_GT(taken, 3900ms);  // with the time limit of 1 s before
+    EXPECT_GT(taken, 3900ms);  // the time limit of 1 s, then strace_release_patience_ms
     EXPECT_LT(taken, 10s);
     EXPECT_TRUE(eventually([&sleeper] { return !is_traced(sleeper.pid()); }));
     EXPECT_EQ(state_of(sleeper.pid()), 'D');
@@ -321,7 +321,7 @@ TEST(strace_release, killed_tracer_leaves_its_processes_running) {
             return 0;
         });
         pid_t pid = busy.pid();
-        // Not before it has begun: the stop signal of an attach that is not complete outlives the tracer.
+        // The tracer is killed only after the attach: a stop signal that is still pending would outlive it.
         test_pipe begun;
         int begun_fd = begun.in.get();
         tracee tracer([pid, begun_fd] {

@@ -32,7 +32,7 @@ const char* failing_format = nullptr;
 
 }  // namespace
 
-// In the place of the C library's, for the whole of this program: nothing else makes formatting fail.
+// Replaces the C library's in the whole test program: nothing else makes formatting fail.
 extern "C" int vsnprintf(char* out, size_t size, const char* format, va_list args) noexcept {
     using formatter = int (*)(char*, size_t, const char*, va_list);
     static const auto real = reinterpret_cast<formatter>(dlsym(RTLD_NEXT, "vsnprintf"));
@@ -42,9 +42,9 @@ extern "C" int vsnprintf(char* out, size_t size, const char* format, va_list arg
 
 namespace {
 
-constexpr int shown_fd = 500;  // above all others of a test
+constexpr int shown_fd = 500;  // above all other descriptors of a test
 
-// The context of a trace in which this program is one process, "me", that a report is made of.
+// A trace whose one process is this program, named "me". Keeps the text that it writes.
 struct report {
     pid_t pid = getpid();
     std::vector<char> buffer = std::vector<char>(strace_buffer_size);
@@ -62,7 +62,7 @@ struct report {
     report(const report&) = delete;
     report& operator=(const report&) = delete;
 
-    // Lists the descriptors of this program; returns what was said on standard error.
+    // Lists the descriptors of this program. Returns what was printed on standard error.
     std::string list() {
         return capture_stderr([this] { strace_show_fdinfo_all(&ctx, getpid()); });
     }
@@ -95,7 +95,7 @@ unique_fd listening_at(const std::string& path) {
     return sock;
 }
 
-// Has `opened` as descriptor `number` for the length of a block.
+// Keeps `opened` open as descriptor `number`.
 class numbered_fd {
 public:
     explicit numbered_fd(int number, unique_fd opened = null_device()) {
@@ -112,8 +112,9 @@ std::string heading(pid_t pid, const std::string& name, int count) {
     return "\n[" + std::to_string(pid) + " " + name + "] " + std::to_string(count) + " open fds:\n";
 }
 
-// What is said when formatting with `format` fails while a descriptor that has just gone is listed.
-std::string said_when_formatting_fails(report* made, const char* format) {
+// Lists the descriptors while one of them vanishes and formatting with `format` fails. Returns what was
+// printed on standard error.
+std::string messages_when_formatting_fails(report* made, const char* format) {
     numbered_fd vanishing(shown_fd);
     numbered_fd next(shown_fd + 1);
     made->answer = [&vanishing](const std::string&) {
@@ -134,7 +135,7 @@ std::string lookup_failed(const report& made, int index) {
 
 }  // namespace
 
-TEST(strace_write_later, keeps_text_until_the_pending_text_is_written) {
+TEST(strace_write_later, buffers_text_until_the_pending_text_is_written) {
     report made;
     made.trace.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
     strace_write_later(&made.ctx, "one\n", 4);
@@ -146,7 +147,7 @@ TEST(strace_write_later, keeps_text_until_the_pending_text_is_written) {
     EXPECT_EQ(made.pieces.size(), 1u);
 }
 
-TEST(strace_write_later, kept_text_comes_before_what_is_written_at_once) {
+TEST(strace_write_later, buffered_text_comes_before_text_written_at_once) {
     report made;
     made.trace.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
     strace_write_later(&made.ctx, "one\n", 4);
@@ -154,7 +155,7 @@ TEST(strace_write_later, kept_text_comes_before_what_is_written_at_once) {
     EXPECT_EQ(made.pieces, std::vector<std::string>({"one\n", "2\n"}));
 }
 
-TEST(strace_write_later, text_for_which_there_is_no_room_follows_what_was_kept) {
+TEST(strace_write_later, text_that_does_not_fit_follows_the_buffered_text) {
     report made;
     made.trace.state.pending.reset(static_cast<char*>(malloc(strace_buffer_size)));
     const std::string most(strace_buffer_size - 1, 'a');
@@ -166,13 +167,13 @@ TEST(strace_write_later, text_for_which_there_is_no_room_follows_what_was_kept) 
     EXPECT_EQ(made.pieces, std::vector<std::string>({most, whole, more}));
 }
 
-TEST(strace_write_later, writes_at_once_without_memory_to_keep_text_in) {
+TEST(strace_write_later, writes_at_once_without_a_buffer) {
     report made;
     strace_write_later(&made.ctx, "one\n", 4);
     EXPECT_EQ(made.pieces, std::vector<std::string>({"one\n"}));
 }
 
-TEST(strace_show_fdinfo_all, lists_each_descriptor_in_a_line_of_its_own) {
+TEST(strace_show_fdinfo_all, lists_each_descriptor_on_its_own_line) {
     numbered_fd null(shown_fd);
     report made;
     EXPECT_EQ(made.list(), "");
@@ -192,7 +193,7 @@ TEST(strace_show_fdinfo_all, process_that_is_not_in_the_list_has_no_name) {
     EXPECT_EQ(made.pieces.at(0), heading(sleeper.pid(), "", made.listed()));
 }
 
-TEST(strace_show_fdinfo_all, process_that_has_gone_has_an_empty_list) {
+TEST(strace_show_fdinfo_all, ended_process_has_an_empty_list) {
     report made;
     made.pid = fork_child([] { return 0; });
     wait_status(made.pid);
@@ -212,7 +213,7 @@ TEST(strace_show_fdinfo_all, at_most_1024_descriptors_are_listed) {
     for (int i = 0; i < 1100; i++) {
         many.emplace_back(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
         if (!many.back()) {
-            GTEST_SKIP() << "this process may not open as many";
+            GTEST_SKIP() << "this process may not open so many descriptors";
         }
     }
     report made;
@@ -221,7 +222,7 @@ TEST(strace_show_fdinfo_all, at_most_1024_descriptors_are_listed) {
     EXPECT_EQ(made.pieces.at(0), heading(getpid(), "me", 1024));
 }
 
-TEST(strace_show_fdinfo_all, descriptor_that_vanishes_meanwhile_is_said_and_has_an_empty_line) {
+TEST(strace_show_fdinfo_all, vanished_descriptor_is_reported_and_has_no_description) {
     numbered_fd vanishing(shown_fd);
     report made;
     made.answer = [&vanishing](const std::string&) {
@@ -234,12 +235,12 @@ TEST(strace_show_fdinfo_all, descriptor_that_vanishes_meanwhile_is_said_and_has_
     EXPECT_TRUE(text.ends_with("\n500\t\n")) << text;
 }
 
-TEST(strace_show_fdinfo_all, description_that_fills_the_work_buffer_is_said_and_left_out) {
+TEST(strace_show_fdinfo_all, description_that_does_not_fit_is_reported_and_omitted) {
     temp_dir folder;
     numbered_fd listener(shown_fd, listening_at(folder.path("socket")));
-    char room[256];
-    int length = proc_fdinfo_lookup(getpid(), shown_fd, room, sizeof room);
-    std::string described = room;
+    char buffer[256];
+    int length = proc_fdinfo_lookup(getpid(), shown_fd, buffer, sizeof buffer);
+    std::string described = buffer;
     ASSERT_TRUE(described.starts_with("socket:[") && described.ends_with("/socket]")) << described;
     ASSERT_EQ(static_cast<int>(described.size()), length);
     std::string message = "strace_show_fdinfo_all: Unexpected length: " + std::to_string(length) + "\n";
@@ -247,11 +248,11 @@ TEST(strace_show_fdinfo_all, description_that_fills_the_work_buffer_is_said_and_
     fits.ctx.bufsize = length + 1;
     EXPECT_EQ(fits.list().find(message), std::string::npos);
     EXPECT_TRUE(fits.text().ends_with("\n500\t" + described + "\n")) << fits.text();
-    report fits_not;
-    fits_not.ctx.bufsize = length;
-    std::string said = fits_not.list();
+    report too_small;
+    too_small.ctx.bufsize = length;
+    std::string said = too_small.list();
     EXPECT_TRUE(said.ends_with(message)) << said;
-    EXPECT_TRUE(fits_not.text().ends_with("\n500\t\n")) << fits_not.text();
+    EXPECT_TRUE(too_small.text().ends_with("\n500\t\n")) << too_small.text();
 }
 
 TEST(strace_show_fdinfo_all, failed_write_of_a_description_ends_the_list) {
@@ -265,25 +266,25 @@ TEST(strace_show_fdinfo_all, failed_write_of_a_description_ends_the_list) {
     }
 }
 
-TEST(strace_show_fdinfo_all, heading_that_can_not_be_formatted_ends_the_list) {
+TEST(strace_show_fdinfo_all, failed_formatting_of_the_heading_ends_the_list) {
     report made;
-    EXPECT_EQ(said_when_formatting_fails(&made, "\n[%d %s] %d open fds:\n"),
+    EXPECT_EQ(messages_when_formatting_fails(&made, "\n[%d %s] %d open fds:\n"),
               "strace_show_fdinfo_all:225 strace_printf failed\n");
     EXPECT_EQ(made.text(), "");
 }
 
-TEST(strace_show_fdinfo_all, number_that_can_not_be_formatted_ends_the_list) {
+TEST(strace_show_fdinfo_all, failed_formatting_of_a_number_ends_the_list) {
     report made;
-    std::string said = said_when_formatting_fails(&made, "%d\t");
+    std::string said = messages_when_formatting_fails(&made, "%d\t");
     EXPECT_EQ(said,
               lookup_failed(made, made.listed() - 2) + "strace_show_fdinfo_all:232 strace_printf failed\n");
     EXPECT_EQ(made.text().find("\n500"), std::string::npos);
     EXPECT_EQ(made.text().find("\n501"), std::string::npos);
 }
 
-TEST(strace_show_fdinfo_all, end_of_a_line_that_can_not_be_formatted_ends_the_list) {
+TEST(strace_show_fdinfo_all, failed_formatting_of_a_line_end_ends_the_list) {
     report made;
-    std::string said = said_when_formatting_fails(&made, "\n");
+    std::string said = messages_when_formatting_fails(&made, "\n");
     EXPECT_EQ(said,
               lookup_failed(made, made.listed() - 2) + "strace_show_fdinfo_all:252 strace_printf failed\n");
     EXPECT_TRUE(made.text().ends_with("\n500\t")) << made.text();
@@ -291,65 +292,65 @@ TEST(strace_show_fdinfo_all, end_of_a_line_that_can_not_be_formatted_ends_the_li
 
 namespace {
 
-struct told {
+struct reported_exit {
     pid_t pid = 0;
     int kind = 0;
     int code = -1;
     int printed = -1;  // what strace_printf returned in the callback
 };
-told last_told;
+reported_exit last_exit;
 
 void note_exit(strace_ctx* ctx, void*, pid_t pid, int kind, int code, void* extra) {
     EXPECT_EQ(extra, nullptr);
-    last_told = {pid, kind, code, strace_printf(ctx, "%s", "told\n")};
+    last_exit = {pid, kind, code, strace_printf(ctx, "%s", "exit\n")};
 }
 
 }  // namespace
 
-TEST(strace_exit, lists_descriptors_and_tells_and_the_line_in_the_work_buffer_stays) {
+TEST(strace_exit, reports_descriptors_and_exit_without_changing_the_work_buffer) {
     for (uint32_t flags : {strace_fds, 0u}) {
         report made;
         made.ctx.flags = flags;
         made.ctx.on_exit = note_exit;
         strcpy(made.ctx.buf, "a line");
-        last_told = {};
+        last_exit = {};
         strace_exit(&made.ctx, made.pid, strace_exit_call, 3, nullptr);
-        EXPECT_EQ(last_told.pid, made.pid);
-        EXPECT_EQ(last_told.kind, strace_exit_call);
-        EXPECT_EQ(last_told.code, 3);
-        EXPECT_EQ(last_told.printed, 5);
+        EXPECT_EQ(last_exit.pid, made.pid);
+        EXPECT_EQ(last_exit.kind, strace_exit_call);
+        EXPECT_EQ(last_exit.code, 3);
+        EXPECT_EQ(last_exit.printed, 5);
         EXPECT_EQ(made.text().find(" open fds:\n") != std::string::npos, flags != 0);
-        EXPECT_EQ(made.pieces.back(), "told\n");
+        EXPECT_EQ(made.pieces.back(), "exit\n");
         EXPECT_STREQ(made.ctx.buf, "a line");
     }
 }
 
-TEST(strace_exit, is_told_of_also_when_there_is_no_memory_for_the_list) {
+TEST(strace_exit, is_reported_even_without_memory_for_the_list) {
     SKIP_WITHOUT_MEMORY_LIMIT();
     report made;
     made.ctx.flags = strace_fds;
     made.ctx.on_exit = note_exit;
-    made.ctx.bufsize = 1 << 30;  // a second one of that size can't be had
+    made.ctx.bufsize = 1 << 30;  // a second buffer of this size cannot be allocated
     strcpy(made.ctx.buf, "a line");
-    last_told = {};
+    last_exit = {};
     {
         scoped_memory_limit limit(64 << 20);
         strace_exit(&made.ctx, made.pid, strace_exit_call, 3, nullptr);
     }
-    EXPECT_EQ(last_told.pid, made.pid);
-    EXPECT_EQ(last_told.kind, strace_exit_call);
-    EXPECT_EQ(last_told.code, 3);
-    EXPECT_EQ(last_told.printed, 5);
-    EXPECT_EQ(made.text(), "");  // there was no room
+    EXPECT_EQ(last_exit.pid, made.pid);
+    EXPECT_EQ(last_exit.kind, strace_exit_call);
+    EXPECT_EQ(last_exit.code, 3);
+    EXPECT_EQ(last_exit.printed, 5);
+    EXPECT_EQ(made.text(), "");  // the other buffer has the size 0
     EXPECT_STREQ(made.ctx.buf, "a line");
     EXPECT_EQ(made.ctx.bufsize, 1 << 30);
 }
 
 TEST(strace_printf, writes_text_that_fits) {
     traced_text trace({-1});
-    char room[16];
-    trace.ctx.buf = room;
-    trace.ctx.bufsize = sizeof room;
+    char buffer[16];
+    trace.ctx.buf = buffer;
+    trace.ctx.bufsize = sizeof buffer;
     EXPECT_EQ(strace_printf(&trace.ctx, "%s %d", "pid", 4711), 8);
     EXPECT_EQ(trace.text, "pid 4711");
     EXPECT_EQ(strace_printf(&trace.ctx, "%s", "exactly 16 bytes"), 16);

@@ -81,7 +81,7 @@ TEST(do_strace, time_limit_ends_a_trace_whose_processes_are_always_stopped) {
     trace.ctx.seconds = 1;
     auto start = clock_type::now();
     trace.goes_on = [&](const traced_text&) {
-        // The tracer's next look finds both, as often as it can be had.
+        // Waits until both are stopped, if possible, so that the tracer's next wait finds both.
         auto both_stopped = [&] { return state_of(one.pid()) == 't' && state_of(other.pid()) == 't'; };
         for (auto end = clock_type::now() + 200ms; !both_stopped() && clock_type::now() < end;) {
             usleep(100);
@@ -155,7 +155,7 @@ TEST(do_strace, does_not_reap_children_of_other_threads) {
             if (pid == 0) {
                 _exit(i);
             }
-            // Long enough for a tracer that takes everything to take it.
+            // Enough time for a tracer that reaps all children to reap it.
             usleep(1000);
             int status = -1;
             lost += waitpid(pid, &status, 0) != pid || !exited_with(status, i);
@@ -188,7 +188,7 @@ TEST(do_strace, waits_for_another_trace_until_the_caller_ends_it) {
     EXPECT_EQ(impatient.pids[0], second.pid());
     EXPECT_FALSE(is_traced(second.pid()));
     finish = true;
-    kill(first.pid(), SIGCONT);  // an event
+    kill(first.pid(), SIGCONT);  // an event that makes the trace poll
     traced_text patient({second.pid()}, 0);
     patient.ctx.seconds = 1;
     patient.run();
@@ -203,7 +203,7 @@ TEST(do_strace, traces_many_processes_at_once) {
     for (int i = 0; i < 200; i++) {
         many.push_back(std::make_unique<tracee>([] {
             for (;;) {
-                // More calls than the tracer can follow, but not so many that nobody else runs for minutes.
+                // More calls than the tracer can keep up with, but not enough to starve the machine.
                 usleep(effort(1000, 100000));
             }
             return 0;

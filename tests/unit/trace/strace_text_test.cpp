@@ -1,4 +1,5 @@
-// Lines of system calls at the limits of their buffers, and those of a process whose registers are gone.
+// The lines of system calls that reach the limits of their buffers, and of a process whose registers cannot
+// be read.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,13 +14,13 @@
 
 namespace {
 
-// Without the C library around it, in which a sanitizer may make calls of its own.
+// Bypasses the C library's write, which a sanitizer may wrap with calls of its own.
 long raw_write(int fd, const std::string& bytes) {
     return syscall(SYS_write, fd, bytes.data(), bytes.size());
 }
 
-// Traces the calls of a busy process until it is killed right before the tracer looks at its stop number
-// `stop`; the first one is an entry.
+// Traces the calls of a busy process, and kills it right before the tracer examines its stop number `stop`.
+// Stop 1 is the entry of a call.
 struct killed_at_a_stop {
     tracee busy{call_for_ever};
     traced_text trace{{busy.pid()}, strace_calls};
@@ -41,7 +42,7 @@ struct killed_at_a_stop {
 
 }  // namespace
 
-TEST(do_strace, line_that_is_too_long_is_reported_at_the_exit_of_its_call_and_not_at_the_entry) {
+TEST(do_strace, too_long_line_is_reported_at_the_exit_of_the_call_only) {
     unique_fd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
     int fd = null.get();
     traced_child child(
@@ -60,7 +61,7 @@ TEST(do_strace, line_that_is_too_long_is_reported_at_the_exit_of_its_call_and_no
     child.child.end_if_left();
 }
 
-TEST(do_strace, description_of_a_descriptor_in_a_line_is_cut_at_127_bytes) {
+TEST(do_strace, description_of_a_descriptor_is_cut_at_127_bytes) {
     temp_dir folder;
     unique_fd file(open(folder.write_file(std::string(200, 'f'), "").c_str(), O_WRONLY | O_CLOEXEC));
     int fd = file.get();
@@ -77,8 +78,8 @@ TEST(do_strace, description_of_a_descriptor_in_a_line_is_cut_at_127_bytes) {
     child.child.end_if_left();
 }
 
-TEST(do_strace, entry_without_registers_is_an_unexpected_length_and_no_line) {
-    // The second call: the registers of the first must not be taken for its own.
+TEST(do_strace, entry_without_registers_is_reported_and_has_no_line) {
+    // Stop 3 is the entry of the second call. The registers of the first must not be used for it.
     killed_at_a_stop third(3);
     EXPECT_EQ(third.said, "strace_dec_syscall: Unexpected length: -1\n");
     EXPECT_EQ(third.trace.count("\n"), 2u) << third.trace.text;
