@@ -32,37 +32,18 @@ void answer_fixed(const unique_fd& client, std::string_view answer) {
     http_write_fixed(client.get(), answer);
 }
 
-template <typename Record>
-void set_client(Record* record, unique_fd client) {
-    record->client = std::move(client);
-}
-
-template <typename Record>
-unique_fd take_client(Record* record) {
-    return std::move(record->client);
-}
-
-// The system-call trace's record holds its connection as a number.
-void set_client(strace_request* record, unique_fd client) {
-    record->client_fd = client.release();
-}
-
-unique_fd take_client(strace_request* record) {
-    return unique_fd(record->client_fd);
-}
-
 // Starts a worker with the record and the client. If that fails, answers the client and returns false. The
 // parameters have been copied by now and are released.
 template <typename Record>
 bool start_worker(unique_fd client, unique_worker_record<Record> record, void* (*entry)(void*)) {
     CGI_cleanup();
     if (record) {
-        set_client(record.get(), std::move(client));
+        record->client = std::move(client);
         if (worker_start(entry, record.get())) {
             (void)record.release();
             return true;
         }
-        client = take_client(record.get());
+        client = std::move(record->client);
     }
     answer_fixed(client, http_server_error);
     return false;
@@ -159,7 +140,6 @@ void select_pids(const char* list, strace_request* record) {
 void request_strace(unique_fd client) {
     auto record = worker_new_record<strace_request>();
     if (record) {
-        record->running = 1;
         select_pids(CGI_get_value("pid"), record.get());
         if (record->pid_count == 0) {
             CGI_cleanup();

@@ -55,9 +55,9 @@ bool has_large_segments(int fd) {
 // buffer opens in steps of many seconds, too.
 ssize_t send_piece(strace_request* req, const char* text, size_t length) {
     const size_t size = std::min(length, piece_size - req->piece_used);
-    const bool ends_segment = req->piece_used + size == piece_size && has_large_segments(req->client_fd);
+    const bool ends_segment = req->piece_used + size == piece_size && has_large_segments(req->client.get());
     const ssize_t sent =
-        send(req->client_fd, text, size, MSG_DONTWAIT | MSG_NOSIGNAL | (ends_segment ? MSG_EOR : 0));
+        send(req->client.get(), text, size, MSG_DONTWAIT | MSG_NOSIGNAL | (ends_segment ? MSG_EOR : 0));
     if (sent > 0) {
         req->piece_used = (req->piece_used + static_cast<size_t>(sent)) % piece_size;
     }
@@ -74,10 +74,10 @@ struct client_progress {
 // interrupt the wait. POLLOUT alone would not do: it needs a third of the send buffer to be free, which takes
 // a slow client minutes.
 bool wait_for_client(const strace_request* req, client_progress* progress) {
-    pollfd client = {req->client_fd, POLLOUT, 0};
+    pollfd client = {req->client.get(), POLLOUT, 0};
     (void)poll(&client, 1, check_progress_ms);
     int queued = 0;
-    (void)ioctl(req->client_fd, SIOCOUTQ, &queued);
+    (void)ioctl(req->client.get(), SIOCOUTQ, &queued);
     const int64_t now_ns = monotonic_ns();
     if (queued < progress->queued) {
         progress->since_ns = now_ns;
@@ -97,7 +97,7 @@ void write_patiently(strace_request* req, const char* text, size_t length) {
             text += sent;
             length -= static_cast<size_t>(sent);
         } else if (errno == ENOTSOCK) {
-            (void)safe_write(req->client_fd, text, static_cast<unsigned>(length));
+            (void)safe_write(req->client.get(), text, static_cast<unsigned>(length));
             return;
         } else if (errno == EAGAIN) {
             req->stalled = !wait_for_client(req, &progress);
@@ -121,7 +121,7 @@ int32_t cb_strace(void* cookie, const char* text, int length) {
 }
 
 void stream_trace(strace_request* req) {
-    stream_http_header(req->client_fd, "text/plain", "stracedump.txt");
+    stream_http_header(req->client.get(), "text/plain", "stracedump.txt");
     strace_ctx ctx = {};
     ctx.write = cb_strace;
     ctx.cookie = req;
@@ -136,7 +136,7 @@ void end_watcher(strace_request* req, pthread_t watcher) {
     req->running = 0;
     req->noticed = 1;
     const uint64_t one = 1;
-    (void)safe_write(req->over_fd, &one, sizeof one);
+    (void)safe_write(req->over.get(), &one, sizeof one);
     pthread_join(watcher, nullptr);
 }
 
@@ -145,7 +145,7 @@ void end_watcher(strace_request* req, pthread_t watcher) {
 void wake_worker(strace_request* req) {
     while (!req->noticed) {
         pthread_kill(req->thread, wake_up_signal);
-        pollfd over = {req->over_fd, POLLIN, 0};
+        pollfd over = {req->over.get(), POLLIN, 0};
         (void)poll(&over, 1, wake_up_again_ms);
     }
 }
@@ -153,20 +153,18 @@ void wake_worker(strace_request* req) {
 }  // namespace
 
 void* run_strace_request(void* record) {
-    unique_malloc<strace_request> req(static_cast<strace_request*>(record));
+    unique_worker_record<strace_request> req(static_cast<strace_request*>(record));
     worker_assert(req != nullptr, "req", 470, "run_strace_request");
-    unique_fd client(req->client_fd);
     req->thread = pthread_self();
-    unique_fd over(eventfd(0, EFD_CLOEXEC));
-    req->over_fd = over.get();
-    if (!worker_detach(client.get())) {
+    req->over = unique_fd(eventfd(0, EFD_CLOEXEC));
+    if (!worker_detach(req->client.get())) {
         return nullptr;
     }
     // Before the thread that sends the signal exists.
     install_wake_up();
     pthread_t watcher;
-    if (!over || pthread_create(&watcher, nullptr, run_strace_watcher, req.get()) != 0) {
-        http_write_fixed(client.get(), http_server_error);
+    if (!req->over || pthread_create(&watcher, nullptr, run_strace_watcher, req.get()) != 0) {
+        http_write_fixed(req->client.get(), http_server_error);
         return nullptr;
     }
     stream_trace(req.get());
@@ -178,7 +176,7 @@ void* run_strace_watcher(void* record) {
     strace_request* req = static_cast<strace_request*>(record);
     worker_assert(req != nullptr, "req", 431, "run_strace_watcher");
     // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): worker_assert has checked it
-    pollfd watched[] = {{req->client_fd, POLLIN | POLLRDHUP, 0}, {req->over_fd, POLLIN, 0}};
+    pollfd watched[] = {{req->client.get(), POLLIN | POLLRDHUP, 0}, {req->over.get(), POLLIN, 0}};
     for (;;) {
         if (poll(watched, 2, -1) < 0) {
             if (!req->running) {

@@ -14,7 +14,7 @@
 unique_fd proc_open(pid_t pid, const char* name);
 
 // Returns up to `limit` bytes of /proc/PID/NAME; an empty string when it cannot be read.
-std::string proc_text(pid_t pid, const char* name, size_t limit = 4096);
+std::string proc_text(pid_t pid, const char* name, size_t limit = 65536);
 
 // Reads a file of any length line by line. A line longer than the buffer is cut.
 class line_reader {

@@ -25,21 +25,16 @@ using clock_type = std::chrono::steady_clock;
 
 const std::string head = download_head("text/plain", "stracedump.txt");
 
-strace_request* new_request(int client_fd, const std::vector<pid_t>& pids) {
-    auto* request = static_cast<strace_request*>(calloc(1, sizeof(strace_request)));
-    std::copy(pids.begin(), pids.end(), request->pids);
+void start(unique_fd client, const std::vector<pid_t>& pids) {
+    auto request = worker_new_record<strace_request>();
+    std::ranges::copy(pids, request->pids);
     request->pid_count = static_cast<int>(pids.size());
-    request->client_fd = client_fd;
-    request->running = 1;
-    return request;
-}
-
-void start(int client_fd, const std::vector<pid_t>& pids) {
-    ASSERT_TRUE(worker_start(run_strace_request, new_request(client_fd, pids)));
+    request->client = std::move(client);
+    ASSERT_TRUE(worker_start(run_strace_request, request.release()));
 }
 
 void start(browser& client, const std::vector<pid_t>& pids) {
-    start(client.hand_over(), pids);
+    start(unique_fd(client.hand_over()), pids);
 }
 
 // A connection on the loopback interface: the browser's end and the daemon's.
@@ -235,7 +230,7 @@ TEST(strace_worker, slow_browser_at_a_local_socket_is_served) {
 TEST(strace_worker, slow_browser_at_a_tcp_connection_is_served) {
     tracee busy(call_for_ever);
     auto [own, daemons] = tcp_pair();
-    start(daemons.release(), {busy.pid()});
+    start(std::move(daemons), {busy.pid()});
     EXPECT_TRUE(is_traced_by_a_slow_browser(own.get(), busy.pid()));
     own.reset();
     wait_for_workers();
@@ -259,7 +254,7 @@ TEST(strace_worker, slow_browser_at_a_tcp_connection_is_noticed_to_read) {
     tracee busy(call_for_ever);
     auto [own, daemons] = tcp_pair();
     unique_fd watched(dup(daemons.get()));
-    start(daemons.release(), {busy.pid()});
+    start(std::move(daemons), {busy.pid()});
     ASSERT_TRUE(
         eventually([&] { return is_held_up([&] { return unsent_bytes(watched.get()); }, busy.pid(), 1s); }));
     EXPECT_LT(bytes_until_noticed(own.get(), watched.get()),
