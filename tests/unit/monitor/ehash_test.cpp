@@ -51,10 +51,10 @@ protected:
     }
 
     ehash* table_;
-    std::deque<record> records_;  // stay where they are
+    std::deque<record> records_;  // a deque, because records must not move
 };
 
-// With two buckets and one-byte keys the last bit of the byte is the bucket.
+// Has two buckets; the last bit of a one-byte key selects the bucket.
 class ehash_small_table : public ehash_table {
 protected:
     ehash_small_table() : ehash_table(1) {}
@@ -90,7 +90,7 @@ TEST(ehash_new, is_empty_and_has_a_null_after_the_last_bucket) {
     ehash_free(table);
 }
 
-TEST(ehash_new, refuses_more_buckets_than_can_be_counted) {
+TEST(ehash_new, fails_if_the_number_of_buckets_overflows) {
     EXPECT_EQ(ehash_new(0x80000000U), nullptr);
     EXPECT_EQ(ehash_new(UINT32_MAX), nullptr);
 }
@@ -134,7 +134,7 @@ TEST_F(ehash_table, text_and_its_bytes_are_the_same_key) {
     EXPECT_EQ(lookup("ok"), found);
 }
 
-TEST_F(ehash_table, keys_hold_zero_bytes_when_their_length_is_given) {
+TEST_F(ehash_table, keys_of_given_length_may_hold_zero_bytes) {
     record* with = insert("a\0b", 3);
     record* without = insert("a", 1);
     EXPECT_EQ(lookup("a\0b", 3), with);
@@ -157,7 +157,7 @@ TEST_F(ehash_table, the_empty_text_is_a_key_in_the_first_bucket) {
     EXPECT_EQ(lookup(""), nullptr);
 }
 
-TEST_F(ehash_table, bytes_count_as_unsigned_numbers_to_the_base_of_65599) {
+TEST_F(ehash_table, bytes_are_unsigned_digits_in_base_65599) {
     struct {
         const char* key;
         uint32_t length;
@@ -213,7 +213,7 @@ TEST_F(ehash_small_table, removes_the_first_the_middle_and_the_last_of_a_chain) 
     EXPECT_EQ(walk(), std::vector<int>{});
 }
 
-TEST_F(ehash_small_table, remove_of_a_stranger_is_minus_two_and_changes_nothing) {
+TEST_F(ehash_small_table, remove_of_an_unknown_node_is_minus_two_and_changes_nothing) {
     insert_text("1", 1);
     unsigned char key[] = {'3'};  // the same bucket
     record stranger = {3, {nullptr, key, 1}, 0};
@@ -224,7 +224,7 @@ TEST_F(ehash_small_table, remove_of_a_stranger_is_minus_two_and_changes_nothing)
     EXPECT_EQ(walk(), std::vector<int>{1});
 }
 
-TEST_F(ehash_small_table, remove_of_a_stranger_with_an_equal_key_is_minus_two) {
+TEST_F(ehash_small_table, remove_of_an_unknown_node_with_an_equal_key_is_minus_two) {
     record* inside = insert_text("1", 1);
     unsigned char key[] = {'1'};
     record stranger = {3, {nullptr, key, 1}, 0};
@@ -240,7 +240,7 @@ TEST_F(ehash_small_table, a_second_remove_is_minus_two) {
     EXPECT_EQ(table_->count, 1U);
 }
 
-TEST_F(ehash_small_table, a_removed_node_still_knows_its_successor) {
+TEST_F(ehash_small_table, a_removed_node_keeps_its_successor) {
     record* second = insert_text("1", 1);
     record* first = insert_text("3", 3);
     EXPECT_EQ(ehash_remove(table_, &first->node), 0);
@@ -274,7 +274,7 @@ TEST_F(ehash_table, an_iteration_that_has_ended_stays_at_its_end) {
 
 TEST_F(ehash_table, iteration_reaches_the_last_bucket) {
     insert("\x0f", 1, 15);
-    insert("\x10", 2, 16);  // two bytes, so that it is elsewhere
+    insert("\x10", 2, 16);  // two bytes, which hash to another bucket
     EXPECT_EQ(walk().size(), 2U);
     EXPECT_NE(table_->buckets[15], nullptr);
     EXPECT_EQ(table_->buckets[16], nullptr);
@@ -293,7 +293,7 @@ TEST_F(ehash_table, iteration_returns_keys_on_request) {
     EXPECT_EQ(length, 5U);
 }
 
-TEST_F(ehash_table, at_the_end_key_and_length_stay_as_they_were) {
+TEST_F(ehash_table, key_and_length_are_unchanged_at_the_end) {
     ehash_iterator at = {};
     const void* key = this;
     uint32_t length = 77;

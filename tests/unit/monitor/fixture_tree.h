@@ -16,7 +16,7 @@
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/temp_dir.h"
 
-// How many descriptors of which kind; `named_pipes` have links as the kernel writes them.
+// How many descriptors a process has of each kind. The links of `named_pipes` are in the kernel's format.
 struct tree_fds {
     int plain = 0;
     int sockets = 0;
@@ -24,7 +24,7 @@ struct tree_fds {
     int named_pipes = 0;
 };
 
-// A folder in memory, where there is one: thousands of links are slow to make on a disk.
+// A folder in /dev/shm if possible: creating thousands of links on a disk is slow.
 class memory_dir {
 public:
     const temp_dir& get() const { return dir_; }
@@ -63,7 +63,7 @@ public:
         link(pid, "exe", "/usr/bin/" + name);
         set_fds(pid, {});
     }
-    // A thread of the kernel has neither a command line nor an executable.
+    // A kernel thread has neither a command line nor an executable.
     void add_kernel_thread(int pid, const std::string& name, int ppid = 2) {
         add(pid, name, ppid);
         set_cmdline(pid, "");
@@ -130,7 +130,7 @@ public:
     watched_tree& operator=(const watched_tree&) = delete;
     ~watched_tree() { monitor_destroy(m); }
 
-    // One round; what it wrote to standard error.
+    // Runs one round. Returns what it printed on standard error.
     std::string round() {
         return capture_stderr([this] { monitor_run(m); });
     }
@@ -146,7 +146,7 @@ public:
         EXPECT_TRUE(file);
         return content_of(file.get());
     }
-    // The status without its first two lines, which are checked.
+    // The status without its first two lines, which it checks.
     std::string status_body() const {
         char head[64];
         snprintf(head, sizeof head, "Debug monitor status round=%lx\n\n",

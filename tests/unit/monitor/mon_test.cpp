@@ -80,7 +80,7 @@ protected:
 
 }  // namespace
 
-TEST_F(mon_child, goes_round_until_it_is_interrupted) {
+TEST_F(mon_child, runs_rounds_until_it_is_interrupted) {
     start(1000);
     EXPECT_TRUE(is_past_first_round());
     EXPECT_TRUE(exited_with(end(SIGINT), 0));
@@ -100,12 +100,12 @@ TEST_F(mon_child, an_interrupt_at_any_moment_is_never_lost) {
     for (int turn = 0; turn < 30; turn++) {
         unlink(status_path_.c_str());
         start(ULONG_MAX);
-        EXPECT_TRUE(reaches_round("1"));  // it is just about to sleep, or asleep
+        EXPECT_TRUE(reaches_round("1"));  // it is about to sleep or sleeps
         EXPECT_TRUE(exited_with(end(SIGINT), 0));
     }
 }
 
-TEST_F(mon_child, goes_on_without_a_pause_at_an_interval_of_0) {
+TEST_F(mon_child, does_not_pause_at_an_interval_of_0) {
     start(0);
     EXPECT_TRUE(is_past_first_round());
     EXPECT_TRUE(exited_with(end(SIGINT), 0));
@@ -119,9 +119,9 @@ TEST_F(mon_child, sleeps_between_rounds) {
     EXPECT_TRUE(exited_with(end(SIGINT), 0));
 }
 
-TEST_F(mon_child, pauses_where_poll_fails_and_is_interrupted_there) {
+TEST_F(mon_child, can_be_interrupted_in_the_pause_after_a_failed_poll) {
     if (!exited_with(run_in_child([] { return refuse_poll() ? 0 : 1; }), 0)) {
-        GTEST_SKIP() << "needs filters for system calls";
+        GTEST_SKIP() << "needs seccomp";
     }
     start(ULONG_MAX, refuse_poll);
     EXPECT_TRUE(reaches_round("1"));
@@ -131,7 +131,7 @@ TEST_F(mon_child, pauses_where_poll_fails_and_is_interrupted_there) {
     EXPECT_TRUE(said().ends_with("\nCleanup and exit.\n"));
 }
 
-TEST_F(mon_child, other_signals_end_it_as_ever_and_leave_no_temporary_file) {
+TEST_F(mon_child, sigterm_kills_it_and_leaves_no_temporary_file) {
     for (int turn = 0; turn < 20; turn++) {
         start(0);
         EXPECT_TRUE(is_past_first_round());

@@ -182,7 +182,7 @@ TEST(monitor_thread, ends_with_a_message_if_it_may_not_become_idle) {
         });
     });
     if (exited_with(status, 77)) {
-        GTEST_SKIP() << "this kernel has no system call filters";
+        GTEST_SKIP() << "needs seccomp";
     }
     EXPECT_TRUE(exited_with(status, 0));
     EXPECT_EQ(said, "setschedparam: Operation not permitted\n");

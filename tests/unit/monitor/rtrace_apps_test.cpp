@@ -24,7 +24,7 @@ namespace {
 using namespace std::chrono_literals;
 using clock_type = std::chrono::steady_clock;
 
-constexpr auto patience = 20s;  // of a busy machine
+constexpr auto patience = 20s;  // enough for a busy machine
 
 constexpr unsigned all_apps = rtrace_iostat | rtrace_pellora | rtrace_event | rtrace_pidstat;
 
@@ -39,7 +39,7 @@ bool is_alive(pid_t pid) {
     return kill(pid, 0) == 0;
 }
 
-// A trace whose programs are scripts in a folder, and whose client is at hand.
+// A trace whose programs are scripts in a temporary folder, and its client.
 class rtrace_programs : public testing::Test {
 protected:
     void SetUp() override { signal(SIGPIPE, SIG_IGN); }
@@ -56,16 +56,16 @@ protected:
     }
     void end(rtrace_apps* block) { EXPECT_EQ(rtrace_end_apps(trace_.get(), block), 0); }
 
-    // Each program: says its words and its environment in a file, prints `text`, stays.
+    // Installs the shell script `text` as a program.
     void put_program(std::string_view name, std::string_view text) {
         put_script(root_, "usr/bin/" + std::string(name), text);
     }
-    void put_talkers() {
+    void put_all_programs() {
         for (const char* name : {"iostat", "pellora", "eventlistener", "pidstat"}) {
             put_program(name, std::string("echo ") + name + "\nexec sleep 1000\n");
         }
     }
-    // Reads until `count` records have come.
+    // Reads programs and client until `count` records have arrived.
     std::string read_records(rtrace_apps* block, size_t count) {
         std::string stream;
         set_nonblocking(client_.a.get());
@@ -119,8 +119,8 @@ TEST_F(rtrace_programs, that_are_not_selected_are_not_started) {
     EXPECT_TRUE(has_no_children());
 }
 
-TEST_F(rtrace_programs, are_started_in_order_and_recorded) {
-    put_talkers();
+TEST_F(rtrace_programs, are_started_in_order) {
+    put_all_programs();
     rtrace_apps* block = start(all_apps);
     ASSERT_NE(block, nullptr);
     EXPECT_EQ(block->count, 4);
@@ -139,7 +139,7 @@ TEST_F(rtrace_programs, are_started_in_order_and_recorded) {
     EXPECT_TRUE(has_no_children());
 }
 
-TEST_F(rtrace_programs, get_exactly_their_words_and_their_environment) {
+TEST_F(rtrace_programs, get_their_arguments_and_an_empty_environment) {
     std::string said = root_.path("said");
     for (const char* name : {"iostat", "eventlistener", "pidstat"}) {
         put_program(name, "echo \"$0 $*\" > " + said + "." + name +
@@ -155,7 +155,7 @@ TEST_F(rtrace_programs, get_exactly_their_words_and_their_environment) {
     end(block);
 }
 
-TEST_F(rtrace_programs, of_the_media_server_have_three_variables) {
+TEST_F(rtrace_programs, get_three_variables_if_they_are_the_media_server) {
     // The loader warns about the missing library and continues.
     std::string said = root_.path("said");
     put_program("pellora", "tr '\\0' '\\n' < /proc/$$/environ 2>/dev/null > " + said + "\nexec sleep 1000\n");
@@ -167,7 +167,7 @@ TEST_F(rtrace_programs, of_the_media_server_have_three_variables) {
     });
 }
 
-TEST_F(rtrace_programs, get_an_interval_of_nine_characters_at_most) {
+TEST_F(rtrace_programs, get_at_most_nine_characters_of_the_interval) {
     for (auto [interval, word] : {std::pair(0, "0"), std::pair(-7, "-7"), std::pair(123456789, "123456789"),
                                   std::pair(2147483647, "214748364"), std::pair(INT32_MIN, "-21474836")}) {
         std::string said = root_.path("said") + word;
@@ -179,8 +179,8 @@ TEST_F(rtrace_programs, get_an_interval_of_nine_characters_at_most) {
     }
 }
 
-TEST_F(rtrace_programs, output_becomes_a_record_of_their_type) {
-    put_talkers();
+TEST_F(rtrace_programs, give_records_of_their_type) {
+    put_all_programs();
     rtrace_apps* block = start(all_apps, 0);
     std::string stream = read_records(block, 4);
     std::map<uint32_t, std::string> said;
@@ -193,7 +193,7 @@ TEST_F(rtrace_programs, output_becomes_a_record_of_their_type) {
     end(block);
 }
 
-TEST_F(rtrace_programs, are_read_once_in_an_interval) {
+TEST_F(rtrace_programs, are_read_once_per_interval) {
     put_program("pidstat", "echo one\nexec sleep 1000\n");
     rtrace_apps* block = start(rtrace_pidstat, 1);
     pollfd talks = {block->apps[0].read_end.get(), POLLIN, 0};
@@ -213,7 +213,7 @@ TEST_F(rtrace_programs, are_read_once_in_an_interval) {
     expect_records(read_all(client_.a.get()), {record_of(13, "one\n", 0), record_of(13, "two\n", 0)});
 }
 
-TEST_F(rtrace_programs, that_write_a_megabyte_at_once_wait_for_the_next_interval) {
+TEST_F(rtrace_programs, that_write_a_megabyte_give_one_record_per_interval) {
     put_program("pidstat", "head -c 1048576 /dev/zero; exec sleep 1000\n");
     rtrace_apps* block = start(rtrace_pidstat, 0);
     reader_thread client(unique_fd(client_.a.release()));
@@ -231,7 +231,7 @@ TEST_F(rtrace_programs, that_write_a_megabyte_at_once_wait_for_the_next_interval
     EXPECT_LE(records[0].length, 204799u);
 }
 
-TEST_F(rtrace_programs, output_beyond_204799_bytes_is_left_for_the_next_record) {
+TEST_F(rtrace_programs, give_at_most_204799_bytes_in_one_record) {
     put_program("pidstat", "exec sleep 1000\n");
     rtrace_apps* block = start(rtrace_pidstat, 0);
     if (fcntl(block->apps[0].write_end.get(), F_SETPIPE_SZ, 1 << 20) < 0) {
@@ -249,7 +249,7 @@ TEST_F(rtrace_programs, output_beyond_204799_bytes_is_left_for_the_next_record) 
     EXPECT_EQ(outline_of(client.text()), (outline{"13:204799:0", "13:95201:0"}));
 }
 
-TEST_F(rtrace_programs, that_exit_at_once_or_say_nothing_are_waited_for_like_others) {
+TEST_F(rtrace_programs, that_exit_at_once_or_print_nothing_do_not_end_the_interval) {
     put_program("iostat", "exit 3\n");
     put_program("pidstat", "exec sleep 1000\n");
     rtrace_apps* block = start(rtrace_iostat | rtrace_pidstat, 1);
@@ -263,7 +263,7 @@ TEST_F(rtrace_programs, that_exit_at_once_or_say_nothing_are_waited_for_like_oth
     EXPECT_EQ(read_all(client_.a.get()), "");
 }
 
-TEST_F(rtrace_programs, that_are_missing_are_no_error) {
+TEST_F(rtrace_programs, may_be_missing) {
     std::string complaint = capture_stderr([this] {
         rtrace_apps* block = start(all_apps, 0);
         ASSERT_NE(block, nullptr);
@@ -286,7 +286,7 @@ TEST_F(rtrace_programs, are_not_read_with_a_negative_interval) {
     }
 }
 
-TEST_F(rtrace_programs, are_not_waited_for_when_the_client_has_gone) {
+TEST_F(rtrace_programs, are_not_waited_for_after_the_client_has_left) {
     put_program("pidstat", "exec sleep 1000\n");
     rtrace_apps* block = start(rtrace_pidstat, 2147483647);
     client_.a.reset();
@@ -296,7 +296,7 @@ TEST_F(rtrace_programs, are_not_waited_for_when_the_client_has_gone) {
     end(block);
 }
 
-TEST_F(rtrace_programs, that_ignore_sigterm_are_killed_after_their_time) {
+TEST_F(rtrace_programs, that_ignore_sigterm_are_killed_after_the_timeout) {
     put_program("pidstat", "trap '' TERM\necho ready\nwhile :; do sleep 0.01; done\n");
     rtrace_apps* block = start(rtrace_pidstat, 1);
     pollfd talks = {block->apps[0].read_end.get(), POLLIN, 0};
@@ -311,7 +311,7 @@ TEST_F(rtrace_programs, that_ignore_sigterm_are_killed_after_their_time) {
     EXPECT_TRUE(has_no_children());
 }
 
-TEST_F(rtrace_programs, that_are_stopped_are_killed_after_their_time) {
+TEST_F(rtrace_programs, that_are_stopped_are_killed_after_the_timeout) {
     put_program("pidstat", "exec sleep 1000\n");
     rtrace_apps* block = start(rtrace_pidstat, 1);
     ASSERT_EQ(kill(block->apps[0].pid, SIGSTOP), 0);
@@ -319,7 +319,7 @@ TEST_F(rtrace_programs, that_are_stopped_are_killed_after_their_time) {
     EXPECT_TRUE(has_no_children());
 }
 
-TEST_F(rtrace_programs, whose_stops_are_for_a_tracer_are_ended_nevertheless) {
+TEST_F(rtrace_programs, that_are_traced_are_ended_too) {
     put_program("pidstat", "exec sleep 1000\n");
     rtrace_apps* block = start(rtrace_pidstat, 1);
     const pid_t pid = block->apps[0].pid;
@@ -336,12 +336,12 @@ TEST_F(rtrace_programs, whose_stops_are_for_a_tracer_are_ended_nevertheless) {
     EXPECT_TRUE(has_no_children());
 }
 
-TEST_F(rtrace_programs, whose_pipe_cannot_be_made_leave_the_others_running_until_the_trace_ends) {
-    put_talkers();
+TEST_F(rtrace_programs, started_before_a_failed_pipe_run_until_the_trace_ends) {
+    put_all_programs();
     create(all_apps);
     rtrace_apps* block = nullptr;
     {
-        few_fds_left two_pipes_but_one(3);
+        few_fds_left less_than_two_pipes(3);
         EXPECT_EQ(rtrace_start_apps(trace_.get(), &block), 0);
     }
     EXPECT_EQ(block, nullptr);
@@ -354,10 +354,11 @@ TEST_F(rtrace_programs, whose_pipe_cannot_be_made_leave_the_others_running_until
     EXPECT_TRUE(has_no_children());
 }
 
-TEST_F(rtrace_programs, that_never_became_a_process_are_not_sent_a_signal) {
+TEST_F(rtrace_programs, that_were_not_started_get_no_signal) {
     create(all_apps);
     int status = run_in_child([this] {
-        // In a process group of its own, so that a signal to a group or to everyone is noticed here.
+        // In a process group of its own: a kill of pid 0 would reach only this process, whose handler fails
+        // the test.
         setpgid(0, 0);
         signal(SIGTERM, [](int) { _exit(9); });
         rtrace_apps* block = rtrace_new_apps();
@@ -368,11 +369,11 @@ TEST_F(rtrace_programs, that_never_became_a_process_are_not_sent_a_signal) {
     EXPECT_TRUE(exited_with(status, 0));
 }
 
-TEST_F(rtrace_programs, end_of_nothing_is_refused) {
+TEST_F(rtrace_programs, cannot_be_ended_without_a_context_and_a_block) {
     create(all_apps);
     EXPECT_EQ(rtrace_end_apps(trace_.get(), nullptr), -1);
     EXPECT_EQ(rtrace_end_apps(nullptr, nullptr), -1);
-    put_talkers();
+    put_all_programs();
     rtrace_apps* block = start(rtrace_iostat);
     EXPECT_EQ(rtrace_end_apps(nullptr, block), -1);
     EXPECT_TRUE(is_alive(block->apps[0].pid));
@@ -380,7 +381,7 @@ TEST_F(rtrace_programs, end_of_nothing_is_refused) {
 }
 
 TEST_F(rtrace_programs, leave_no_descriptor_open) {
-    put_talkers();
+    put_all_programs();
     std::set<int> before = open_fds();
     end(start(all_apps));
     EXPECT_EQ(open_fds(), before);

@@ -17,7 +17,7 @@ const std::string heading = "Filesystem          \tUsed\tAvail\tMounted on\n";
 std::atomic<int> asked{0};
 std::atomic<bool> hanging{false};
 
-// Answers by the mount point's name, and not at all below /hang while `hanging`.
+// The answer depends on the mount point's name. Does not return for names in /hang* while `hanging` is set.
 int fake_statfs(const char* path, struct statfs* result) {
     asked++;
     while (strncmp(path, "/hang", 5) == 0 && hanging) {
@@ -41,7 +41,7 @@ int fake_statfs(const char* path, struct statfs* result) {
 }
 
 #ifdef __SANITIZE_THREAD__
-constexpr int threads_at_rest = 2;  // the sanitizer has one of its own, which may begin late
+constexpr int threads_at_rest = 2;  // the sanitizer has a thread of its own, which may start late
 #else
 constexpr int threads_at_rest = 1;
 #endif
@@ -82,7 +82,8 @@ protected:
         return records.at(0).data;
     }
 
-    // Lets `count` mounts hang, each asked by a trace whose client goes and waits for none; their lines.
+    // Makes `count` mounts hang. Each is asked by another trace, whose client has gone, so no trace waits.
+    // Returns their lines.
     std::string hang_at_once(int count) {
         std::string lines;
         for (int i = 0; i < count; i++) {
@@ -109,7 +110,7 @@ TEST_F(rtrace_disks, begin_with_a_heading_of_43_characters) {
     EXPECT_EQ(table_of(""), heading);
 }
 
-TEST_F(rtrace_disks, without_a_list_of_mounts_are_the_heading) {
+TEST_F(rtrace_disks, without_a_list_of_mounts_give_only_the_heading) {
     collected_sink to;
     EXPECT_TRUE(rtrace_sample_disks(to.sink(), mounts_, "/nonexistent"));
     expect_records(to.stream(), {record_of(9, heading, 0)});
@@ -126,7 +127,7 @@ TEST_F(rtrace_disks, keep_a_long_source_whole_and_decode_blanks) {
 }
 
 TEST_F(rtrace_disks, above_4_gib_wrap) {
-    // 5 GiB used are 1 GiB, 1 TiB and 12 KiB available are 12 KiB.
+    // 5 GiB used are shown as 1 GiB; 1 TiB and 12 KiB available are shown as 12 KiB.
     EXPECT_EQ(table_of("d /huge ext4 rw 0 0\n"), heading + "d                   \t1048576\t12\t/huge\n");
 }
 
@@ -139,7 +140,7 @@ TEST_F(rtrace_disks, over_a_network_are_not_asked) {
     EXPECT_EQ(table_of("/host/share /x cifs rw 0 0\n"), heading + "/host/share         \t1600\t2000\t/x\n");
 }
 
-TEST_F(rtrace_disks, that_cannot_be_asked_are_left_out) {
+TEST_F(rtrace_disks, whose_statfs_fails_are_skipped) {
     EXPECT_EQ(table_of("a /bad ext4 rw 0 0\nb /good ext4 rw 0 0\n"),
               heading + "b                   \t1600\t2000\t/good\n");
 }
@@ -161,7 +162,7 @@ TEST_F(rtrace_disks, that_fill_the_record_are_cut_there) {
     EXPECT_LT(asked, 80);
 }
 
-TEST_F(rtrace_disks, that_hang_are_left_out_and_not_asked_again_until_they_answer) {
+TEST_F(rtrace_disks, that_hang_are_skipped_and_not_asked_again_until_they_answer) {
     hanging = true;
     constexpr std::string_view lines = "h /hang ext4 rw 0 0\ng /good ext4 rw 0 0\n";
     const std::string good = "g                   \t1600\t2000\t/good\n";
@@ -172,12 +173,12 @@ TEST_F(rtrace_disks, that_hang_are_left_out_and_not_asked_again_until_they_answe
     EXPECT_EQ(table_of(lines), heading + good);
     EXPECT_EQ(asked, 3);
     hanging = false;
-    // The thread that waited ends; the one that still asks stays.
+    // The abandoned thread ends; the trace's present thread stays.
     EXPECT_TRUE(eventually([] { return threads() <= threads_at_rest + 1; }));
     EXPECT_EQ(table_of(lines), heading + "h                   \t1600\t2000\t/hang\n" + good);
 }
 
-TEST_F(rtrace_disks, that_answer_are_there_however_many_hang_before_them) {
+TEST_F(rtrace_disks, that_answer_are_listed_after_any_number_that_hang) {
     hanging = true;
     std::string lines = hang_at_once(40);
     EXPECT_TRUE(eventually([] { return asked == 40; })) << asked;
@@ -186,26 +187,26 @@ TEST_F(rtrace_disks, that_answer_are_there_however_many_hang_before_them) {
     EXPECT_EQ(asked, 42);
 }
 
-TEST_F(rtrace_disks, that_hang_are_asked_once_however_many_traces_there_are) {
+TEST_F(rtrace_disks, that_hang_are_asked_once_by_all_traces_together) {
     hanging = true;
     for (int trace = 0; trace < 20; trace++) {
         hang_at_once(1);
     }
     EXPECT_EQ(table_of("h /hang0 ext4 rw 0 0\n"), heading);
     EXPECT_TRUE(eventually([] { return asked == 1; })) << asked;
-    // Something else at the same place is another mount.
+    // Another source at the same mount point is another mount.
     hanging = false;
     EXPECT_EQ(table_of("other /hang0 ext4 rw 0 0\n"), heading + "other               \t1600\t2000\t/hang0\n");
 }
 
-TEST_F(rtrace_disks, of_which_more_hang_than_are_waited_for_are_the_heading) {
+TEST_F(rtrace_disks, are_not_asked_once_the_limit_of_hanging_mounts_is_reached) {
     hanging = true;
     hang_at_once(rtrace_hanging_limit);
     EXPECT_EQ(table_of("g /good ext4 rw 0 0\n"), heading);
     EXPECT_TRUE(eventually([] { return asked == rtrace_hanging_limit; })) << asked;
 }
 
-TEST_F(rtrace_disks, that_hang_do_not_keep_the_client_s_end_from_being_noticed) {
+TEST_F(rtrace_disks, that_hang_do_not_delay_the_end_after_the_client_leaves) {
     hanging = true;
     std::string lines;
     for (int i = 0; i < 60; i++) {
@@ -213,21 +214,21 @@ TEST_F(rtrace_disks, that_hang_do_not_keep_the_client_s_end_from_being_noticed) 
     }
     root_.write_file("proc/mounts", lines);
     test_socketpair client;
-    std::string room(rtrace_sink::buffer_size, '\0');
+    std::string buffer(rtrace_sink::buffer_size, '\0');
     client.a.reset();
     auto begun = std::chrono::steady_clock::now();
-    EXPECT_FALSE(rtrace_sample_disks({client.b.get(), room.data()}, mounts_, root_.path().c_str()));
-    // Half of what waiting for all of them takes.
+    EXPECT_FALSE(rtrace_sample_disks({client.b.get(), buffer.data()}, mounts_, root_.path().c_str()));
+    // Half of the time that waiting for each mount would take.
     EXPECT_LT(std::chrono::steady_clock::now() - begun,
               std::chrono::milliseconds(30 * rtrace_mount_patience_ms));
 }
 
-TEST_F(rtrace_disks, fail_when_nobody_takes_the_record) {
+TEST_F(rtrace_disks, fail_without_a_reader) {
     closed_sink to;
     EXPECT_FALSE(rtrace_sample_disks(to.sink(), mounts_, root_.path().c_str()));
 }
 
-TEST_F(rtrace_disks, of_this_machine_are_what_statfs_says) {
+TEST_F(rtrace_disks, of_this_machine_are_listed) {
     mounts_.statfs_call = nullptr;
     struct statfs usage;
     ASSERT_EQ(statfs(root_.path().c_str(), &usage), 0);

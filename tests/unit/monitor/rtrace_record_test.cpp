@@ -30,7 +30,7 @@ TEST(rtrace_record, header_has_its_fields_at_their_offsets_in_host_order) {
     EXPECT_EQ(std::string(bytes, sizeof bytes), expected);
 }
 
-TEST(rtrace_record, header_keeps_a_time_before_1970) {
+TEST(rtrace_record, timestamp_may_be_before_1970) {
     char bytes[rtrace_header_size];
     rtrace_put_header(bytes, {1, 0, -5, 0});
     EXPECT_EQ(number_at<int64_t>(std::string_view(bytes, sizeof bytes), 8), -5);
@@ -51,14 +51,14 @@ TEST(rtrace_record, process_id_is_counted_in_the_length) {
     expect_records(to.stream(), {record_of(3, bytes_of(int32_t{0x12345}) + "hello", 1)});
 }
 
-TEST(rtrace_record, last_piece_is_followed_by_a_header_without_process_and_data) {
+TEST(rtrace_record, last_piece_is_followed_by_a_header_without_data) {
     collected_sink to;
     fill(to.sink(), "hello");
     EXPECT_TRUE(rtrace_write_last_piece(to.sink(), rtrace_type_smaps, 7, 5));
     expect_records(to.stream(), {record_of(2, bytes_of(int32_t{7}) + "hello", 1), record_of(2, "", 0)});
 }
 
-TEST(rtrace_record, room_holds_a_full_record_and_its_closing_header) {
+TEST(rtrace_record, buffer_holds_a_full_record_and_its_closing_header) {
     collected_sink to;
     std::string full(rtrace_data_capacity, 'y');
     fill(to.sink(), full);
@@ -66,21 +66,21 @@ TEST(rtrace_record, room_holds_a_full_record_and_its_closing_header) {
     expect_records(to.stream(), {record_of(2, bytes_of(int32_t{7}) + full, 1), record_of(2, "", 0)});
 }
 
-TEST(rtrace_record, data_stays_where_it_is_filled_in) {
+TEST(rtrace_record, write_leaves_the_data_in_the_buffer) {
     collected_sink to;
     fill(to.sink(), "hello");
     EXPECT_TRUE(rtrace_write_data(to.sink(), rtrace_type_event, 9, 5, 0));
     EXPECT_EQ(std::string_view(rtrace_data(to.sink()), 5), "hello");
 }
 
-TEST(rtrace_record, bare_header_announces_nothing) {
+TEST(rtrace_record, bare_header_has_no_data) {
     collected_sink to;
     EXPECT_TRUE(rtrace_write_bare(to.sink(), rtrace_type_group, 1));
     EXPECT_TRUE(rtrace_write_bare(to.sink(), rtrace_type_group, 0));
     expect_records(to.stream(), {record_of(4, "", 1), record_of(4, "", 0)});
 }
 
-TEST(rtrace_record, time_is_the_wall_clock_s_when_it_is_written) {
+TEST(rtrace_record, timestamp_is_the_wall_clock_time_of_the_write) {
     collected_sink to;
     int64_t before = now_ms();
     EXPECT_TRUE(rtrace_write_bare(to.sink(), rtrace_type_group, 1));
@@ -90,7 +90,7 @@ TEST(rtrace_record, time_is_the_wall_clock_s_when_it_is_written) {
     EXPECT_LE(stamped, after);
 }
 
-TEST(rtrace_record, vanished_reader_is_a_failure) {
+TEST(rtrace_record, fails_without_a_reader) {
     closed_sink to;
     EXPECT_FALSE(rtrace_write_bare(to.sink(), rtrace_type_group, 1));
     EXPECT_EQ(errno, EPIPE);

@@ -1,4 +1,4 @@
-// A stream of resource-trace records taken apart by offset, and the pieces that tests put together again.
+// Parses and builds the records of a resource trace, for tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -40,7 +40,7 @@ std::string bytes_of(Number value) {
     return bytes;
 }
 
-// The stream has to be used up by whole records.
+// The records of a stream. Fails the test unless the stream consists of whole records.
 inline std::vector<trace_record> records_of(std::string_view stream) {
     std::vector<trace_record> records;
     while (!stream.empty()) {
@@ -74,7 +74,7 @@ inline std::vector<std::string> outline_of(std::string_view stream) {
 
 using outline = std::vector<std::string>;
 
-// The bytes of a record, but for its time.
+// The bytes of a record with this timestamp.
 inline std::string record_bytes(uint32_t type, std::string_view data, int more, int64_t time_ms) {
     std::string bytes = bytes_of(type) + bytes_of(static_cast<uint32_t>(data.size())) + bytes_of(time_ms);
     bytes += static_cast<char>(more);
@@ -82,7 +82,7 @@ inline std::string record_bytes(uint32_t type, std::string_view data, int more, 
     return bytes.append(data);
 }
 
-// Checks a stream byte for byte against records; the times are taken from the stream.
+// Compares a stream with records byte by byte, except for the timestamps.
 inline void expect_records(std::string_view stream, const std::vector<trace_record>& wanted) {
     std::string expected;
     std::vector<trace_record> got = records_of(stream);
@@ -101,17 +101,17 @@ inline trace_record record_of(uint32_t type, std::string data, int more) {
     return record;
 }
 
-// A sink whose stream is collected; what samplers write must fit, so a thread empties it.
+// A sink that collects its stream. A thread reads the pipe, so writers never block for long.
 class collected_sink {
 public:
-    collected_sink() : room_(rtrace_sink::buffer_size, 'X'), reader_(unique_fd(pipe_.out.release())) {}
+    collected_sink() : buffer_(rtrace_sink::buffer_size, 'X'), reader_(unique_fd(pipe_.out.release())) {}
     collected_sink(const collected_sink&) = delete;
     collected_sink& operator=(const collected_sink&) = delete;
     ~collected_sink() { pipe_.in.reset(); }
 
-    rtrace_sink sink() { return {pipe_.in.get(), room_.data()}; }
+    rtrace_sink sink() { return {pipe_.in.get(), buffer_.data()}; }
 
-    // Ends the stream.
+    // Ends the stream and returns it.
     const std::string& stream() {
         pipe_.in.reset();
         return reader_.text();
@@ -119,22 +119,22 @@ public:
 
 private:
     test_pipe pipe_;
-    std::string room_;
+    std::string buffer_;
     reader_thread reader_;
 };
 
-// A sink that nobody reads from any more.
+// A sink whose reader has closed its end.
 class closed_sink {
 public:
-    closed_sink() : room_(rtrace_sink::buffer_size, 'X') {
+    closed_sink() : buffer_(rtrace_sink::buffer_size, 'X') {
         signal(SIGPIPE, SIG_IGN);
         pipe_.out.reset();
     }
-    rtrace_sink sink() { return {pipe_.in.get(), room_.data()}; }
+    rtrace_sink sink() { return {pipe_.in.get(), buffer_.data()}; }
 
 private:
     test_pipe pipe_;
-    std::string room_;
+    std::string buffer_;
 };
 
 // An executable shell script at `name` in the folder.

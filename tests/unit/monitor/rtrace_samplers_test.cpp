@@ -10,7 +10,7 @@
 
 namespace {
 
-// What the sampler makes of a file with these bytes.
+// The records of a file with these bytes.
 std::string sampled(std::string_view bytes, rtrace_type type = rtrace_type_meminfo,
                     pid_t pid = rtrace_no_pid) {
     temp_dir folder;
@@ -52,7 +52,7 @@ TEST(rtrace_file, loses_no_byte_between_its_pieces) {
     EXPECT_EQ(all, text);
 }
 
-TEST(rtrace_file, that_comes_in_small_reads_is_one_piece) {
+TEST(rtrace_file, that_arrives_in_small_reads_is_one_piece) {
     temp_dir folder;
     std::string path = folder.path("fifo");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
@@ -70,24 +70,24 @@ TEST(rtrace_file, that_comes_in_small_reads_is_one_piece) {
     EXPECT_EQ(outline_of(to.stream()), (outline{"5:500:1", "5:0:0"}));
 }
 
-TEST(rtrace_file, that_is_empty_leaves_nothing) {
+TEST(rtrace_file, that_is_empty_gives_no_record) {
     EXPECT_EQ(sampled(""), "");
 }
 
-TEST(rtrace_file, that_is_missing_leaves_nothing_and_is_no_error) {
+TEST(rtrace_file, that_is_missing_gives_no_record_and_no_error) {
     collected_sink to;
     EXPECT_TRUE(rtrace_sample_file(to.sink(), "/nonexistent/smapstot", rtrace_type_smapstot, rtrace_no_pid));
     EXPECT_EQ(to.stream(), "");
 }
 
-TEST(rtrace_file, that_cannot_be_read_leaves_nothing_and_is_no_error) {
+TEST(rtrace_file, that_cannot_be_read_gives_no_record_and_no_error) {
     temp_dir folder;
     collected_sink to;
     EXPECT_TRUE(rtrace_sample_file(to.sink(), folder.path().c_str(), rtrace_type_meminfo, rtrace_no_pid));
     EXPECT_EQ(to.stream(), "");
 }
 
-TEST(rtrace_file, fails_when_nobody_takes_its_records) {
+TEST(rtrace_file, fails_without_a_reader) {
     temp_dir folder;
     closed_sink to;
     std::string small = folder.write_file("small", "x");
@@ -128,7 +128,7 @@ TEST(rtrace_processes, are_the_folders_with_numbers_as_names) {
     EXPECT_EQ(found, (std::map<int32_t, std::string>{{1, "Name: init\n"}, {4711, "Name: web\n"}}));
 }
 
-TEST(rtrace_processes, that_have_gone_leave_nothing) {
+TEST(rtrace_processes, that_have_ended_give_no_record) {
     temp_dir root;
     root.make_folder("proc/1");
     root.write_file("proc/2/smaps", "");
@@ -137,7 +137,7 @@ TEST(rtrace_processes, that_have_gone_leave_nothing) {
     EXPECT_EQ(to.stream(), "");
 }
 
-TEST(rtrace_processes, whose_names_are_too_long_for_a_path_are_left_out) {
+TEST(rtrace_processes, whose_names_are_too_long_for_a_path_are_skipped) {
     temp_dir root;
     root.write_file("proc/" + std::string(250, '1') + "/smaps", "x");
     root.write_file("proc/3/smaps", "x");
@@ -146,14 +146,14 @@ TEST(rtrace_processes, whose_names_are_too_long_for_a_path_are_left_out) {
     EXPECT_EQ(outline_of(to.stream()), (outline{"2:5:1", "2:0:0"}));
 }
 
-TEST(rtrace_processes, are_none_without_their_folder) {
+TEST(rtrace_processes, give_no_record_without_a_proc_folder) {
     collected_sink to;
     EXPECT_TRUE(rtrace_sample_processes(to.sink(), "/nonexistent", rtrace_type_smaps, "smaps"));
     EXPECT_TRUE(rtrace_sample_processes(to.sink(), std::string(5000, '/').c_str(), rtrace_type_smaps, "x"));
     EXPECT_EQ(to.stream(), "");
 }
 
-TEST(rtrace_processes, end_with_the_first_failure) {
+TEST(rtrace_processes, fail_without_a_reader) {
     temp_dir root;
     root.write_file("proc/1/smaps", "x");
     root.write_file("proc/2/smaps", "x");

@@ -17,14 +17,14 @@ namespace {
 using namespace std::chrono_literals;
 using clock_type = std::chrono::steady_clock;
 
-constexpr auto patience = 20s;  // far shorter than the intervals that would be waited for, for a busy machine
+constexpr auto patience = 20s;  // enough for a busy machine, but far shorter than the intervals under test
 
 struct destroyer {
     void operator()(rtrace_context* trace) const { rtrace_destroy(trace); }
 };
 using unique_trace = std::unique_ptr<rtrace_context, destroyer>;
 
-// A machine with one process, and a trace of it that runs on a thread.
+// A fixture tree with one process, and a client. Traces run in a thread.
 class rtrace : public testing::Test {
 protected:
     void SetUp() override {
@@ -44,7 +44,7 @@ protected:
         return trace;
     }
 
-    // What comes until `count` bytes are in; then the client goes and the trace must end.
+    // Runs a trace until its client has received `count` bytes, which it returns, and closed its side.
     std::string run_until(int interval, unsigned mask, size_t count) {
         unique_trace trace = create(interval, mask);
         std::thread runner([&trace] { EXPECT_EQ(rtrace_run(trace.get()), 0); });
@@ -84,11 +84,11 @@ TEST(rtrace_context, is_small) {
     EXPECT_LT(sizeof(rtrace_context), 210000u);
 }
 
-TEST(rtrace_context, that_is_none_may_be_destroyed) {
+TEST(rtrace_context, may_be_null_when_destroyed) {
     rtrace_destroy(nullptr);
 }
 
-TEST(rtrace_context, is_none_without_memory) {
+TEST(rtrace_context, is_null_without_memory) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizer ends a program that runs out of memory";
 #endif
@@ -102,7 +102,7 @@ TEST(rtrace_context, is_none_without_memory) {
     EXPECT_TRUE(exited_with(status, 0));
 }
 
-TEST_F(rtrace, takes_everything_in_order) {
+TEST_F(rtrace, samples_all_files_in_order) {
     std::vector<trace_record> sample = {record_of(4, "", 1),
                                         record_of(2, bytes_of(int32_t{7}) + "maps\n", 1),
                                         record_of(2, "", 0),
@@ -137,7 +137,7 @@ TEST_F(rtrace, of_status_alone_has_no_smaps) {
               (outline{"4:0:1", "3:10:1", "3:0:0", "4:0:0"}));
 }
 
-TEST_F(rtrace, of_one_file_repeats_it_at_each_interval) {
+TEST_F(rtrace, samples_a_file_again_after_each_interval) {
     auto begun = clock_type::now();
     std::string stream = run_until(1, rtrace_smapstot, 2 * (26 + 20));
     EXPECT_EQ(outline_of(stream), (outline{"6:6:1", "6:0:0", "6:6:1", "6:0:0"}));
@@ -150,7 +150,7 @@ TEST_F(rtrace, with_an_interval_of_0_does_not_pause) {
     EXPECT_EQ(outline_of(run_until(0, rtrace_smapstot, 1000 * 46)).size(), 2000u);
 }
 
-TEST_F(rtrace, of_nothing_writes_nothing_and_ends_with_its_client) {
+TEST_F(rtrace, without_sources_writes_nothing_and_ends_with_its_client) {
     for (int interval : {0, 1, 1000, 2147483647, -1, INT32_MIN}) {
         test_socketpair client;
         std::swap(client, client_);
@@ -186,7 +186,7 @@ TEST_F(rtrace, with_programs_ends_them_with_its_client) {
     EXPECT_TRUE(has_no_children());
 }
 
-TEST_F(rtrace, with_programs_and_a_negative_interval_is_one_sample) {
+TEST_F(rtrace, with_programs_and_a_negative_interval_ends_after_one_sample) {
     put_script(root_, "usr/bin/pidstat", "exec sleep 1000\n");
     unique_trace trace = create(-1, rtrace_pidstat | rtrace_meminfo);
     EXPECT_EQ(rtrace_run(trace.get()), 0);
@@ -196,7 +196,7 @@ TEST_F(rtrace, with_programs_and_a_negative_interval_is_one_sample) {
     EXPECT_TRUE(has_no_children());
 }
 
-TEST_F(rtrace, whose_client_goes_in_the_middle_of_a_sample_ends_its_programs) {
+TEST_F(rtrace, whose_client_leaves_during_a_sample_ends_its_programs) {
     put_script(root_, "usr/bin/pidstat", "exec sleep 1000\n");
     root_.write_file("proc/meminfo", std::string(5000000, 'm'));
     unique_trace trace = create(1, rtrace_pidstat | rtrace_meminfo);
@@ -207,7 +207,7 @@ TEST_F(rtrace, whose_client_goes_in_the_middle_of_a_sample_ends_its_programs) {
     EXPECT_TRUE(has_no_children());
 }
 
-TEST_F(rtrace, without_room_for_all_pipes_goes_on_and_still_ends_what_it_started) {
+TEST_F(rtrace, without_descriptors_for_all_pipes_continues_and_ends_the_started_programs) {
     put_script(root_, "usr/bin/iostat", "echo x\nexec sleep 1000\n");
     put_script(root_, "usr/bin/pidstat", "echo x\nexec sleep 1000\n");
     int status = run_in_child([this] {
@@ -227,7 +227,7 @@ TEST_F(rtrace, without_room_for_all_pipes_goes_on_and_still_ends_what_it_started
     EXPECT_TRUE(exited_with(status, 0));
 }
 
-TEST_F(rtrace, is_not_lost_when_the_client_reads_slowly) {
+TEST_F(rtrace, loses_no_data_if_the_client_reads_slowly) {
     int small = 4096;
     setsockopt(client_.b.get(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     std::string text;

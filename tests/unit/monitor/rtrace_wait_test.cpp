@@ -36,7 +36,7 @@ TEST(rtrace_wait, polls_once_after_the_deadline) {
     EXPECT_EQ(wait_for_client(client.b.get(), 0), -1);
 }
 
-TEST(rtrace_wait, ends_when_the_client_goes_however_long_it_is) {
+TEST(rtrace_wait, of_any_length_ends_when_the_client_leaves) {
     for (int64_t seconds : {int64_t{60}, int64_t{2147483647}, int64_t{4294967295}}) {
         test_socketpair client;
         auto begun = clock_type::now();
@@ -56,20 +56,20 @@ TEST(rtrace_wait, ends_when_the_client_closes_its_writing_side) {
     EXPECT_EQ(wait_for_client(client.b.get(), minute_ms), -1);
 }
 
-TEST(rtrace_wait, is_not_ended_by_what_the_client_sends) {
+TEST(rtrace_wait, is_not_ended_by_data_from_the_client) {
     test_socketpair client;
     ASSERT_EQ(write(client.a.get(), "x", 1), 1);
     EXPECT_EQ(wait_for_client(client.b.get(), 10), 0);
 }
 
-TEST(rtrace_wait, ends_when_the_reader_of_a_pipe_goes) {
+TEST(rtrace_wait, ends_when_the_reader_of_a_pipe_leaves) {
     test_pipe pipe;
     EXPECT_EQ(wait_for_client(pipe.in.get(), 0), 0);
     pipe.out.reset();
     EXPECT_EQ(wait_for_client(pipe.in.get(), minute_ms), -1);
 }
 
-TEST(rtrace_wait, says_how_many_others_are_ready) {
+TEST(rtrace_wait, returns_how_many_others_are_ready) {
     test_socketpair client;
     test_pipe silent;
     test_pipe talking;
@@ -83,7 +83,7 @@ TEST(rtrace_wait, says_how_many_others_are_ready) {
     EXPECT_NE(fds[2].revents, 0);
 }
 
-TEST(rtrace_wait, takes_a_closed_descriptor_for_a_client_that_has_gone) {
+TEST(rtrace_wait, treats_a_closed_descriptor_as_a_client_that_has_left) {
     test_socketpair client;
     int number = client.b.get();
     client.b.reset();

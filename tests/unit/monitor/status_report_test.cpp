@@ -23,7 +23,7 @@ namespace {
 constexpr int no_namespace = 77;
 constexpr int no_filters = 78;
 
-// Publishes `text`; 0 or the errno of the failure.
+// Publishes `text`. Returns 0 or an errno; -1 if memory runs out.
 int publish(const std::string& path, const std::string& text) {
     status_report report;
     if (!status_report_begin(&report)) {
@@ -40,7 +40,7 @@ std::string content(const std::string& path) {
 
 using names = std::vector<std::string>;
 
-// Runs `work` in a child whose mounts only it sees. Skips the test where that is not allowed.
+// Runs `work` in a child with a mount namespace of its own. Skips the test if that is not allowed.
 template <typename Work>
 void with_own_mounts(Work work) {
     int status = run_in_child([&] {
@@ -50,7 +50,7 @@ void with_own_mounts(Work work) {
         return work();
     });
     if (exited_with(status, no_namespace)) {
-        GTEST_SKIP() << "needs root, for mounts of its own";
+        GTEST_SKIP() << "needs a mount namespace";
     }
     EXPECT_TRUE(exited_with(status, 0)) << "failed check " << WEXITSTATUS(status);
 }
@@ -198,7 +198,7 @@ TEST(status_report, without_proc_it_is_written_under_its_temporary_name) {
     });
 }
 
-TEST(status_report, waits_for_no_disk) {
+TEST(status_report, does_not_sync_the_file) {
     temp_dir dir;
     int status = run_in_child([&] {
         if (!fail_calls({{SYS_fsync, EIO}, {SYS_fdatasync, EIO}, {SYS_sync, EIO}, {SYS_syncfs, EIO}})) {
@@ -207,7 +207,7 @@ TEST(status_report, waits_for_no_disk) {
         return publish(dir.path("status"), "at once") == 0 ? 0 : 1;
     });
     if (exited_with(status, no_filters)) {
-        GTEST_SKIP() << "needs filters for system calls";
+        GTEST_SKIP() << "needs seccomp";
     }
     EXPECT_TRUE(exited_with(status, 0));
     EXPECT_EQ(content(dir.path("status")), "at once");

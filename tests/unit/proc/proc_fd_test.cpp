@@ -30,10 +30,10 @@ protected:
         ASSERT_EQ(symlink(target.c_str(), dir_.path("5/fd/" + std::to_string(fd)).c_str()), 0);
     }
     const char* root() const { return dir_.path().c_str(); }
-    std::string describe(int fd, size_t room = 256) {
-        std::string buf(room + 1, '#');
-        length_ = proc_fdinfo_lookup_at(root(), 5, fd, buf.data(), room);
-        EXPECT_EQ(buf[room], '#') << "wrote past the buffer";
+    std::string describe(int fd, size_t size = 256) {
+        std::string buf(size + 1, '#');
+        length_ = proc_fdinfo_lookup_at(root(), 5, fd, buf.data(), size);
+        EXPECT_EQ(buf[size], '#') << "wrote past the buffer";
         return buf.c_str();
     }
     int count(int* sockets, int* pipes) const { return proc_nr_fd2_at(root(), 5, sockets, pipes); }
@@ -81,7 +81,7 @@ TEST_F(proc_fdinfo_lookup_tree, only_a_socket_s_link_is_looked_up) {
     EXPECT_EQ(describe(4), "socket:7");
 }
 
-TEST_F(proc_fdinfo_lookup_tree, missing_descriptor_is_readlink_s_result) {
+TEST_F(proc_fdinfo_lookup_tree, missing_descriptor_gives_readlink_s_result) {
     EXPECT_EQ(describe(9), "");
     EXPECT_EQ(length_, -1);
 }
@@ -188,7 +188,7 @@ TEST_F(proc_nr_fd2_tree, counts_sockets) {
     EXPECT_EQ(pipes, 0);
 }
 
-TEST_F(proc_nr_fd2_tree, pipe_as_the_kernel_writes_it_is_no_pipe) {
+TEST_F(proc_nr_fd2_tree, pipe_in_the_kernel_s_format_is_not_counted) {
     add(0, "pipe:[4711]");
     add(1, "pipe:[");
     int pipes = -5;
@@ -196,28 +196,28 @@ TEST_F(proc_nr_fd2_tree, pipe_as_the_kernel_writes_it_is_no_pipe) {
     EXPECT_EQ(pipes, 1);
 }
 
-TEST_F(proc_nr_fd2_tree, without_counts_no_link_is_read) {
-    // Files instead of links: reading them as links would fail each time.
+TEST_F(proc_nr_fd2_tree, reads_no_link_without_counters) {
+    // Files instead of links: readlink would fail on them.
     dir_.write_file("5/fd/0", "");
     dir_.write_file("5/fd/1", "");
     EXPECT_EQ(count(nullptr, nullptr), 2);
 }
 
-TEST_F(proc_nr_fd2_tree, unreadable_link_starts_again_and_counts_on_but_not_for_ever) {
+TEST_F(proc_nr_fd2_tree, unreadable_link_restarts_the_scan_a_limited_number_of_times) {
     dir_.write_file("5/fd/0", "");
     int sockets = -5;
     EXPECT_EQ(count(&sockets, nullptr), proc_fd_restarts + 1);
     EXPECT_EQ(sockets, 0);
 }
 
-TEST_F(proc_nr_fd2_tree, one_free_descriptor_is_enough_to_start_again) {
+TEST_F(proc_nr_fd2_tree, needs_only_one_free_descriptor_to_restart) {
     dir_.write_file("5/fd/0", "");
     const std::string root = dir_.path();
     int sockets = -5;
     int counted = -5;
     {
-        const few_fds_left only(
-            1);  // no call of the fixture here: a sanitizer's check of it needs descriptors
+        // Calls no member of the fixture: a sanitizer's check of such a call needs descriptors.
+        const few_fds_left only(1);
         counted = proc_nr_fd2_at(root.c_str(), 5, &sockets, nullptr);
     }
     EXPECT_EQ(counted, proc_fd_restarts + 1);
@@ -258,14 +258,14 @@ TEST(proc_mem_pread, reads_memory_at_an_address) {
     EXPECT_EQ(std::string(got, 4), "wher");
 }
 
-TEST(proc_mem_pread, fails_where_there_is_no_memory_and_no_process) {
+TEST(proc_mem_pread, fails_at_unmapped_addresses_and_for_missing_processes) {
     char got[8];
     EXPECT_EQ(proc_mem_pread(getpid(), got, sizeof got, 0), -1);
     EXPECT_EQ(proc_mem_pread(getpid(), got, sizeof got, -4096), -1);
     EXPECT_EQ(proc_mem_pread(-1, got, sizeof got, 0), -1);
 }
 
-TEST(proc_fd_dir, serves_as_long_as_the_process_lives) {
+TEST(proc_fd_dir, can_be_used_until_the_process_ends) {
     pid_t child = fork_child([] { return static_cast<int>(pause()); });
     unique_fd dir = proc_fd_dir(child);
     EXPECT_TRUE(dir);

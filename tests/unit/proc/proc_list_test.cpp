@@ -34,8 +34,8 @@ protected:
         add_cmdline(pid, cmdline);
         add_stat(pid, stat);
     }
-    // The name as found through a buffer of `length` bytes that was filled with `fill` before, "<none>" where
-    // there is none.
+    // The name as read into a buffer of `length` bytes that was filled with `fill`; "<none>" if there is no
+    // name.
     std::string name_of(int pid, size_t length = 64, char fill = '\0') const {
         std::string buffer(length, fill);
         int found = proc_get_pidname_at(root(), pid, buffer.data(), buffer.size());
@@ -60,7 +60,7 @@ protected:
             dir_.make_folder(name);
         }
     }
-    // Sorted, because the order is the directory's.
+    // Sorted, because proc_list_at keeps the directory's order.
     std::vector<pid_t> listed(pid_t skip = -1, int capacity = 100) const {
         std::vector<pid_t> pids(static_cast<size_t>(capacity), -77);
         int count = proc_list_at(root(), pids.data(), capacity, skip);
@@ -72,10 +72,9 @@ protected:
 
 using pid_list = std::vector<pid_t>;
 
-// Runs `work(a, b)` in a namespace of its own with its own /proc, as the child of a child of its first
-// process and with two children `a` and `b` that wait: no other process is there. Returns what `work`
-// returned,
-// "<no namespace>" where that is not allowed.
+// Runs `work(a, b)` in process 3 of a pid namespace with its own /proc. Its parent is process 2, its two
+// sleeping children are `a` and `b`; there are no other processes but process 1. Returns what `work`
+// returned, or "<no namespace>" if the namespace cannot be created.
 template <typename Work>
 std::string in_private_proc(Work work) {
     test_pipe answer;
@@ -111,7 +110,7 @@ std::string in_private_proc(Work work) {
     return exited_with(status, 77) ? "<no namespace>" : answer.finish();
 }
 
-// A pid that was this process's child and is gone.
+// The pid of a child that has ended and was reaped.
 pid_t gone_pid() {
     pid_t pid = fork_child([] { return 0; });
     wait_status(pid);
@@ -164,12 +163,12 @@ TEST_F(proc_get_pidname_at_tree, name_follows_the_last_slash_of_the_first_argume
     EXPECT_EQ(name_of(9), "name with (blanks)");
 }
 
-TEST_F(proc_get_pidname_at_tree, first_argument_without_a_slash_leaves_it_to_the_stat_line) {
+TEST_F(proc_get_pidname_at_tree, first_argument_without_a_slash_falls_back_to_the_stat_line) {
     add_process(7, "sh\0-c\0/bin/other\0"s, "7 (dash) S 1 7 7 0 ");
     EXPECT_EQ(name_of(7), "dash");
 }
 
-TEST_F(proc_get_pidname_at_tree, first_argument_that_ends_in_a_slash_leaves_it_to_the_stat_line) {
+TEST_F(proc_get_pidname_at_tree, first_argument_that_ends_in_a_slash_falls_back_to_the_stat_line) {
     add_process(7, "/usr/bin/\0more\0"s, "7 (odd) S 1 ");
     EXPECT_EQ(name_of(7), "odd");
 }
@@ -179,7 +178,7 @@ TEST_F(proc_get_pidname_at_tree, kernel_thread_has_an_empty_command_line) {
     EXPECT_EQ(name_of(2), "kthreadd");
 }
 
-TEST_F(proc_get_pidname_at_tree, missing_or_unreadable_command_line_leaves_it_to_the_stat_line) {
+TEST_F(proc_get_pidname_at_tree, missing_or_unreadable_command_line_falls_back_to_the_stat_line) {
     add_stat(7, "7 (alone) S 1 ");
     EXPECT_EQ(name_of(7), "alone");
     dir_.make_folder("8/cmdline");
@@ -192,17 +191,17 @@ TEST_F(proc_get_pidname_at_tree, command_field_may_hold_blanks) {
     EXPECT_EQ(name_of(7), "two words");
 }
 
-TEST_F(proc_get_pidname_at_tree, command_field_ends_at_the_last_closing_mark) {
+TEST_F(proc_get_pidname_at_tree, command_field_ends_at_the_last_closing_parenthesis) {
     add_process(7, "", "7 (a) b) S 1 ");
     EXPECT_EQ(name_of(7), "a) b");
 }
 
-TEST_F(proc_get_pidname_at_tree, command_field_begins_at_the_last_opening_mark) {
+TEST_F(proc_get_pidname_at_tree, command_field_begins_at_the_last_opening_parenthesis) {
     add_process(7, "", "7 (my (odd) name) S 1 ");
     EXPECT_EQ(name_of(7), "odd) name");
 }
 
-TEST_F(proc_get_pidname_at_tree, closing_mark_needs_a_blank_after_it) {
+TEST_F(proc_get_pidname_at_tree, closing_parenthesis_needs_a_blank_after_it) {
     add_process(7, "", "7 (x)S 1 ");
     EXPECT_EQ(name_of(7), "<none>");
     add_process(8, "", "8 (x)");
@@ -237,20 +236,20 @@ TEST_F(proc_get_pidname_at_tree, without_a_stat_file_the_command_line_is_parsed_
     EXPECT_EQ(name_of(7), "ghost");
 }
 
-TEST_F(proc_get_pidname_at_tree, without_any_file_the_buffer_is_parsed_as_it_stands) {
+TEST_F(proc_get_pidname_at_tree, without_any_file_the_buffer_s_old_content_is_parsed) {
     std::string buffer = "5 (left over) S 1"s + std::string(20, '\0');
     EXPECT_EQ(proc_get_pidname_at(root(), 5, buffer.data(), buffer.size()), 1);
     EXPECT_STREQ(buffer.c_str(), "left over");
     EXPECT_EQ(name_of(5), "<none>");
 }
 
-TEST_F(proc_get_pidname_at_tree, buffer_ends_at_its_last_byte_not_after_the_command_line) {
+TEST_F(proc_get_pidname_at_tree, nul_is_the_buffer_s_last_byte_not_the_one_after_the_command_line) {
     add_cmdline(7, "/bin/ab");  // no NUL of its own
     EXPECT_EQ(name_of(7, 12, 'z'), "abzzzz");
 }
 
-TEST_F(proc_get_pidname_at_tree, buffer_ends_at_its_last_byte_not_after_the_stat_line) {
-    add_process(3, "0123456789 (old) tail", "3 (new) S");  // which overwrites only the first bytes
+TEST_F(proc_get_pidname_at_tree, nul_is_the_buffer_s_last_byte_not_the_one_after_the_stat_line) {
+    add_process(3, "0123456789 (old) tail", "3 (new) S");  // the stat line overwrites only the first bytes
     EXPECT_EQ(name_of(3), "old");
 }
 
@@ -261,17 +260,17 @@ TEST_F(proc_get_pidname_at_tree, short_buffer_cuts_the_name) {
     EXPECT_EQ(name_of(7, 11), "p");
 }
 
-TEST_F(proc_get_pidname_at_tree, buffer_too_short_for_the_name_falls_back_to_what_it_has_of_the_stat_line) {
+TEST_F(proc_get_pidname_at_tree, buffer_too_short_for_the_name_falls_back_to_the_cut_stat_line) {
     add_process(7, "/usr/bin/pellora\0"s, "7 (x) S 1 ");
     EXPECT_EQ(name_of(7, 10), "x");   // "/usr/bin/" has nothing after its last slash
     EXPECT_EQ(name_of(7, 5), "usr");  // "/usr"
     add_process(8, "sh\0"s, "8 (long name) S 1 ");
-    EXPECT_EQ(name_of(8, 9), "<none>");   // no closing mark is in it
-    EXPECT_EQ(name_of(8, 14), "<none>");  // the blank after the closing mark is not in it
+    EXPECT_EQ(name_of(8, 9), "<none>");   // too short for the closing parenthesis
+    EXPECT_EQ(name_of(8, 14), "<none>");  // too short for the blank after it
     EXPECT_EQ(name_of(8, 15), "long name");
 }
 
-TEST_F(proc_get_pidname_at_tree, buffer_of_one_byte_has_no_room_for_a_name) {
+TEST_F(proc_get_pidname_at_tree, buffer_of_one_byte_holds_no_name) {
     add_process(7, "/bin/x\0"s, "7 (x) S 1 ");
     EXPECT_EQ(name_of(7, 1), "<none>");
 }
@@ -287,7 +286,7 @@ TEST_F(proc_get_pidname_at_tree, bytes_after_the_buffer_do_not_change) {
     EXPECT_EQ(buffer, "####");
 }
 
-TEST_F(proc_get_pidname_at_tree, command_line_path_that_is_too_long_leaves_it_to_the_stat_line) {
+TEST_F(proc_get_pidname_at_tree, too_long_command_line_path_falls_back_to_the_stat_line) {
     // 127 bytes is the longest path; "/7/stat" has 7 bytes and "/7/cmdline" has 10.
     const std::string deep = dir_.path(std::string(120 - dir_.path().size() - 1, 'd'));
     ASSERT_EQ(deep.size(), 120u);
@@ -299,7 +298,7 @@ TEST_F(proc_get_pidname_at_tree, command_line_path_that_is_too_long_leaves_it_to
     EXPECT_STREQ(buffer, "short");
 }
 
-TEST_F(proc_get_pidname_at_tree, stat_path_that_is_too_long_gives_no_name) {
+TEST_F(proc_get_pidname_at_tree, too_long_stat_path_gives_no_name) {
     const std::string deep = dir_.path(std::string(121 - dir_.path().size() - 1, 'd'));
     std::string name = std::filesystem::path(deep).filename().string();
     dir_.write_file(name + "/7/cmdline", "/bin/long\0"s);
@@ -308,13 +307,13 @@ TEST_F(proc_get_pidname_at_tree, stat_path_that_is_too_long_gives_no_name) {
     EXPECT_EQ(proc_get_pidname_at(deep.c_str(), 7, buffer, sizeof buffer), 0);
 }
 
-TEST(proc_get_pidname, knows_the_caller) {
+TEST(proc_get_pidname, finds_the_name_of_the_caller) {
     char buffer[256] = "";
     ASSERT_EQ(proc_get_pidname(getpid(), buffer, sizeof buffer), 1);
     EXPECT_STREQ(buffer, program_invocation_short_name);
 }
 
-TEST(proc_get_pidname, process_that_is_gone_has_no_name) {
+TEST(proc_get_pidname, ended_process_has_no_name) {
     char buffer[256] = "";
     EXPECT_EQ(proc_get_pidname(gone_pid(), buffer, sizeof buffer), 0);
 }
@@ -328,7 +327,7 @@ TEST_F(proc_ppid_at_tree, is_the_fourth_field) {
     EXPECT_EQ(proc_ppid_at(root(), 44), 4194303);
 }
 
-TEST_F(proc_ppid_at_tree, run_of_white_space_is_one) {
+TEST_F(proc_ppid_at_tree, run_of_white_space_separates_once) {
     add_stat(42, "42 \t (sh)\n\v S  \f\r 17 5");
     EXPECT_EQ(proc_ppid_at(root(), 42), 17);
 }
@@ -340,7 +339,7 @@ TEST_F(proc_ppid_at_tree, name_with_blanks_gives_the_wrong_field) {
     EXPECT_EQ(proc_ppid_at(root(), 43), 99);
 }
 
-TEST_F(proc_ppid_at_tree, text_that_ends_before_the_field_is_minus_one) {
+TEST_F(proc_ppid_at_tree, text_that_ends_before_the_field_gives_minus_one) {
     add_stat(42, "42 (sh) S");
     EXPECT_EQ(proc_ppid_at(root(), 42), -1);
     add_stat(43, "43");
@@ -349,7 +348,7 @@ TEST_F(proc_ppid_at_tree, text_that_ends_before_the_field_is_minus_one) {
     EXPECT_EQ(proc_ppid_at(root(), 44), -1);
 }
 
-TEST_F(proc_ppid_at_tree, empty_or_missing_stat_is_minus_one) {
+TEST_F(proc_ppid_at_tree, empty_or_missing_stat_gives_minus_one) {
     add_stat(42, "");
     EXPECT_EQ(proc_ppid_at(root(), 42), -1);
     add_stat(43, "\0 a b 17"s);
@@ -357,7 +356,7 @@ TEST_F(proc_ppid_at_tree, empty_or_missing_stat_is_minus_one) {
     EXPECT_EQ(proc_ppid_at(root(), 44), -1);
 }
 
-TEST(proc_ppid, knows_the_caller) {
+TEST(proc_ppid, finds_the_parent_of_the_caller) {
     EXPECT_EQ(proc_ppid(getpid()), getppid());
 }
 
@@ -373,11 +372,11 @@ TEST(proc_ppid, child_has_the_caller_as_its_parent) {
     wait_status(child);
 }
 
-TEST(proc_ppid, process_that_is_gone_has_none) {
+TEST(proc_ppid, ended_process_has_none) {
     EXPECT_EQ(proc_ppid(gone_pid()), -1);
 }
 
-TEST_F(proc_is_kernel_thread_at_tree, is_told_by_the_executable_link) {
+TEST_F(proc_is_kernel_thread_at_tree, is_a_process_without_an_executable_link) {
     dir_.make_folder("7");
     std::filesystem::create_symlink("/bin/true", dir_.path("7/exe"));
     dir_.make_folder("8");
@@ -391,18 +390,18 @@ TEST_F(proc_is_kernel_thread_at_tree, is_told_by_the_executable_link) {
     EXPECT_EQ(proc_is_kernel_thread_at(root(), 11), 1);
 }
 
-TEST(proc_is_kernel_thread, caller_is_none_and_a_process_that_is_gone_counts_as_one) {
+TEST(proc_is_kernel_thread, caller_is_none_but_an_ended_process_counts_as_one) {
     EXPECT_EQ(proc_is_kernel_thread(getpid()), 0);
     EXPECT_EQ(proc_is_kernel_thread(gone_pid()), 1);
 }
 
-TEST_F(proc_list_at_tree, takes_what_begins_like_a_number) {
+TEST_F(proc_list_at_tree, lists_names_that_begin_with_a_digit) {
     add_entries({"2", "17", "4194303", "12abc", "self", "net", "abc3", "x", "-5", "+6", " 7"});
-    dir_.write_file("99", "a file will do");
+    dir_.write_file("99", "a file");
     EXPECT_EQ(listed(), (pid_list{2, 12, 17, 99, 4194303}));
 }
 
-TEST_F(proc_list_at_tree, zero_counts_only_where_the_name_begins_with_it) {
+TEST_F(proc_list_at_tree, lists_pid_0_only_for_a_name_that_begins_with_0) {
     add_entries({"0", "5"});
     EXPECT_EQ(listed(), (pid_list{0, 5}));
     add_entries({"0zero", "none"});
@@ -416,13 +415,13 @@ TEST_F(proc_list_at_tree, leaves_out_init_the_caller_and_its_parent) {
     EXPECT_EQ(listed(), pid_list{2});
 }
 
-TEST_F(proc_list_at_tree, leaves_out_the_one_to_skip) {
+TEST_F(proc_list_at_tree, leaves_out_the_pid_to_skip) {
     add_entries({"2", "3", "4"});
     EXPECT_EQ(listed(3), (pid_list{2, 4}));
     EXPECT_EQ(listed(77), (pid_list{2, 3, 4}));
 }
 
-TEST_F(proc_list_at_tree, leaves_out_the_one_to_ignore) {
+TEST_F(proc_list_at_tree, leaves_out_the_extra_pid_to_ignore) {
     add_entries({"2", "3", "4"});
     EXPECT_EQ(listed(), (pid_list{2, 3, 4}));
     proc_extra_ignore_pid = 4;
@@ -452,7 +451,7 @@ TEST_F(proc_list_at_tree, stores_at_most_its_capacity) {
     EXPECT_EQ(pids, (pid_list{all[0], all[1], -77, -77}));
 }
 
-TEST_F(proc_list_at_tree, those_left_out_take_no_room) {
+TEST_F(proc_list_at_tree, pids_left_out_use_no_capacity) {
     add_entries({"1", "2", "3"});
     EXPECT_EQ(listed(2, 1), pid_list{3});
 }
@@ -475,8 +474,8 @@ TEST_F(proc_list_at_tree, closes_the_directory) {
     EXPECT_EQ(count_open_fds(), before);
 }
 
-// The machine's own processes are nobody's business here, so the real /proc is that of a namespace.
-TEST(proc_list, lists_the_others_of_the_real_proc) {
+// Uses the /proc of a pid namespace, so that it does not depend on the machine's processes.
+TEST(proc_list, lists_the_other_processes_of_a_real_proc) {
     std::string found = in_private_proc([](pid_t a, pid_t b) {
         std::string text;
         auto add = [&](int capacity, pid_t skip) {
@@ -497,7 +496,7 @@ TEST(proc_list, lists_the_others_of_the_real_proc) {
         return text;
     });
     if (found == "<no namespace>") {
-        GTEST_SKIP() << "no namespace of its own may be made here";
+        GTEST_SKIP() << "needs a pid namespace";
     }
     EXPECT_EQ(found, "ab|b|a||a||");
 }
@@ -514,7 +513,7 @@ TEST(proc_plist_remove_pid, marks_only_the_first_of_two) {
     EXPECT_EQ(pids, (pid_list{5, -1, 7, -1}));
 }
 
-TEST(proc_plist_remove_pid, looks_from_the_first_index_up_to_the_end) {
+TEST(proc_plist_remove_pid, searches_from_the_first_index_up_to_the_end) {
     pid_list pids = {6, 6, 6, 6};
     proc_plist_remove_pid(pids.data(), 2, 4, 6);
     EXPECT_EQ(pids, (pid_list{6, 6, -1, 6}));
@@ -523,7 +522,7 @@ TEST(proc_plist_remove_pid, looks_from_the_first_index_up_to_the_end) {
     EXPECT_EQ(pids, (pid_list{5, 7, 8, 6}));
 }
 
-TEST(proc_plist_remove_pid, pid_that_is_not_there_changes_nothing) {
+TEST(proc_plist_remove_pid, missing_pid_changes_nothing) {
     pid_list pids = {5, 6, 7};
     proc_plist_remove_pid(pids.data(), 0, 3, 8);
     EXPECT_EQ(pids, (pid_list{5, 6, 7}));
@@ -576,14 +575,14 @@ TEST_F(proc_find_pid_by_name_tree, stores_at_most_its_capacity) {
     EXPECT_EQ(found_by_name(root(), "same", 0).size(), 0u);
 }
 
-TEST_F(proc_find_pid_by_name_tree, looks_only_at_names_that_begin_with_a_digit) {
+TEST_F(proc_find_pid_by_name_tree, searches_only_names_that_begin_with_a_digit) {
     dir_.write_file("self/cmdline", "/bin/same\0"s);
     dir_.write_file("-7/cmdline", "/bin/same\0"s);
     add_process(7, "/bin/same\0"s, "x");
     EXPECT_EQ(found_by_name(root(), "same"), pid_list{7});
 }
 
-TEST_F(proc_find_pid_by_name_tree, leaves_nobody_out) {
+TEST_F(proc_find_pid_by_name_tree, leaves_no_process_out) {
     for (pid_t pid : {1, getpid(), getppid()}) {
         add_process(pid, "/bin/same\0"s, "x");
     }
@@ -593,7 +592,7 @@ TEST_F(proc_find_pid_by_name_tree, leaves_nobody_out) {
     EXPECT_EQ(found_by_name(root(), "same"), wanted);
 }
 
-TEST_F(proc_find_pid_by_name_tree, process_that_vanishes_has_not_the_name_of_another) {
+TEST_F(proc_find_pid_by_name_tree, vanished_process_does_not_get_the_name_of_another) {
     add_process(7, "", "7 (same) S 1 ");
     for (int pid = 8; pid < 40; pid++) {
         dir_.make_folder(std::to_string(pid));
@@ -603,7 +602,7 @@ TEST_F(proc_find_pid_by_name_tree, process_that_vanishes_has_not_the_name_of_ano
     EXPECT_EQ(found_by_name(root(), "same"), pid_list{});
 }
 
-TEST_F(proc_find_pid_by_name_tree, missing_root_finds_nobody) {
+TEST_F(proc_find_pid_by_name_tree, missing_root_finds_nothing) {
     EXPECT_EQ(found_by_name(dir_.path("gone").c_str(), "same"), pid_list{});
 }
 

@@ -15,8 +15,8 @@
 
 namespace {
 
-// For use in a private world: replaces /bin/ps with a script. /bin/ps may be a link to the program that is
-// the shell, too, so the script runs in a copy of the shell.
+// Replaces /bin/ps of a private world with a script. /bin/ps and the shell may be links to the same program,
+// which the script then hides, so the script runs in a copy of the shell.
 bool replace_ps(const std::string& body) {
     std::error_code error;
     return std::filesystem::copy_file("/bin/sh", "/tmp/sh", error) &&

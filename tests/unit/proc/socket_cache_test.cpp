@@ -130,7 +130,8 @@ TEST_F(socket_cache_lookup_of_real_sockets, finds_sockets_without_memory_for_the
     unique_fd listener = listening(AF_INET);
     connect_many(listener.get());
     unique_fd in_no_table(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    EXPECT_EQ(cached(in_no_table.get()), "");  // a long table was read for it: now the kernel is asked
+    // Reads a whole long table. From now on the cache asks the kernel.
+    EXPECT_EQ(cached(in_no_table.get()), "");
     const int fd = sockets_[0].get();
     const std::string link = link_of(fd);
     const unsigned long inode = inode_of(fd);

@@ -56,7 +56,8 @@ std::string unix_answer(uint32_t number, const std::string& attributes) {
     return message(SOCK_DIAG_BY_FAMILY, bytes_of(answer) + attributes);
 }
 
-// One end is the netlink socket; the test answers from the other one, before it is asked.
+// A socket pair: one end serves as the netlink socket, the test queues its answer at the other one before the
+// request.
 class socket_diag_answer : public testing::Test {
 protected:
     socket_diag_answer() {

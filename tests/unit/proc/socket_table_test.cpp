@@ -10,7 +10,7 @@ using table = socket_row::table;
 
 }  // namespace
 
-TEST(socket_parse_line, has_no_inode_where_the_line_is_too_short) {
+TEST(socket_parse_line, finds_no_inode_if_the_line_is_too_short) {
     socket_row row;
     // The inode is in column 91.
     std::string line =
