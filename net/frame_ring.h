@@ -49,5 +49,5 @@ fetched_frames frame_ring_fetch(frame_ring* ring, int limit, captured_frame* fra
 void frame_ring_release(frame_ring* ring);
 
 // The number of frames that `sock` has received and that have not been fetched; 0 if the kernel does not
-// tell. May be called once for each socket: the kernel resets its counters.
+// report it. May be called once for each socket: the kernel resets its counters.
 uint32_t frame_ring_count_unfetched(const frame_ring& ring, int sock);

@@ -28,13 +28,13 @@ struct frame_source {
     bool has_ring() const { return static_cast<bool>(sockets.all[0].ring); }
 };
 
-// Fetches what has come into memory->frames. `polled` is the result of poll(2) for each socket. Never waits.
-// The frames stay valid until frame_source_release().
+// Fetches the queued frames and lists them in memory->frames. `polled` is the result of poll(2) for each
+// socket. Never waits. The frames stay valid until frame_source_release().
 fetched_frames frame_source_fetch(frame_source* source, const pollfd* polled);
 
 void frame_source_release(frame_source* source);
 
-// The number of frames that have come and that the ring has not handed over; 0 without a ring. May be called
+// The number of frames that were received but not fetched from the ring; 0 without a ring. May be called
 // once.
 uint32_t frame_source_count_due(const frame_source& source);
 

@@ -29,7 +29,7 @@ constexpr uint64_t reserved_bytes = 48;
 
 enum class stage {
     capturing,
-    draining,  // only frames that have come already are recorded
+    draining,  // only frames received by now are recorded
     padding,   // no more frames are recorded; the stream is filled up to its exact size
     ended,     // the stream stays as it is
     failed,    // a write has failed
@@ -78,7 +78,7 @@ void prepare_poll(capture* c) {
     }
 }
 
-// The remaining time of the capture in whole seconds, -1 for no limit.
+// The remaining time of the capture, a whole number of seconds; -1 if there is no limit.
 int remaining_ms(const capture& c) {
     if (c.options.duration == 0) {
         return -1;
@@ -108,9 +108,9 @@ stage read_from_peer(capture* c) {
     if (!c->is_limited()) {
         return stage::ended;
     }
-    // A browser that has closed only its sending side is served, but is not polled for input again: that
-    // would report the same end of file for ever. One that has closed the connection, which poll reports
-    // even if it is not asked for, would not take the padding either.
+    // A browser that has closed only its sending side is still served, but is not polled for input again:
+    // poll would report the same end of file for ever. If it has closed the connection, which poll reports
+    // without being asked, the padding cannot be sent either.
     const bool is_gone = (output.revents & (POLLERR | POLLHUP)) != 0;
     output = {is_gone ? -1 : output.fd, 0, 0};
     return is_gone && c->options.max_total != 0 ? stage::failed : stage::capturing;
@@ -182,7 +182,7 @@ stage capture_once(capture* c) {
     return next == stage::capturing && c->is_stopped() ? stage::draining : next;
 }
 
-// Records the frames that have come and that the ring has yet to hand over.
+// Records the frames that were received but not fetched from the ring.
 stage drain(capture* c) {
     stage next = stage::capturing;
     for (uint32_t due = frame_source_count_due(c->source); due > 0 && next == stage::capturing;) {

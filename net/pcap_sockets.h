@@ -38,9 +38,9 @@ struct pcap_sockets {
 };
 
 // Opens a packet socket for each interface; an unknown name ("any") opens one for all interfaces. Attaches
-// `filter` to each unless it is null. Switches promiscuous mode on, or off if `promisc` is 0. Reports an
-// interface that cannot be opened on standard error, and goes on with the last one of the list instead. More
-// than `ring_size` bytes of shared memory would be useless to the caller.
+// `filter` to each unless it is null. Switches promiscuous mode on, or off if `promisc` is 0. If an interface
+// cannot be opened, reports that on standard error and tries the last one of the list in its place. A ring
+// larger than `ring_size` bytes would be useless to the caller.
 void pcap_open_sockets(pcap_sockets* sockets, const pcap_interfaces& interfaces, const sock_fprog* filter,
                        int promisc, uint64_t ring_size = UINT64_MAX);
 

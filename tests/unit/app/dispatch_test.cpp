@@ -8,7 +8,7 @@
 
 namespace {
 
-// What the applet that ran last was called with.
+// The last applet that ran, and its arguments.
 struct call {
     std::string applet;
     int argc = -1;
@@ -93,32 +93,32 @@ TEST(app_dispatch, name_is_the_last_component_of_the_path) {
     expect_runs({"mon/tstrace"}, "tstrace", {"mon/tstrace"});
 }
 
-TEST(app_dispatch, toolbox_name_gives_way_to_the_next_word) {
+TEST(app_dispatch, next_word_replaces_the_toolbox_name) {
     expect_runs({"zarvo", "mon"}, "mon", {"mon"});
     expect_runs({"/usr/bin/zarvo", "mon", "a", "", "b"}, "mon", {"mon", "a", "", "b"});
     expect_runs({"zarvo", "/some/dir/tstrace", "-x"}, "tstrace", {"/some/dir/tstrace", "-x"});
 }
 
-TEST(app_dispatch, toolbox_name_in_place_of_an_applet_does_not_give_way_again) {
+TEST(app_dispatch, toolbox_name_is_replaced_only_once) {
     expect_unknown({"zarvo", "zarvo"}, "zarvo");
     expect_unknown({"zarvo", "zarvo", "mon"}, "zarvo");
     expect_unknown({"zarvo", "/usr/bin/zarvo", "mon"}, "zarvo");
 }
 
-TEST(app_dispatch, applet_name_does_not_give_way) {
+TEST(app_dispatch, applet_name_is_not_replaced) {
     expect_runs({"mon", "tstrace"}, "mon", {"mon", "tstrace"});
 }
 
-TEST(app_dispatch, toolbox_name_alone_says_nothing) {
+TEST(app_dispatch, toolbox_name_alone_prints_nothing) {
     expect_silence({"zarvo"});
     expect_silence({"/usr/bin/zarvo"});
 }
 
-TEST(app_dispatch, no_name_at_all_says_nothing) {
+TEST(app_dispatch, missing_name_prints_nothing) {
     expect_silence({});
 }
 
-TEST(app_dispatch, unknown_name_is_said_on_standard_output) {
+TEST(app_dispatch, unknown_name_is_reported_on_standard_output) {
     expect_unknown({"nonsense"}, "nonsense");
     expect_unknown({"/usr/bin/nonsense", "mon"}, "nonsense");
     expect_unknown({"zarvo", "/some/dir/nonsense", "-x"}, "nonsense");
@@ -145,13 +145,13 @@ TEST(app_dispatch, first_match_of_the_table_runs) {
     expect_runs({"twin"}, "first twin", {"twin"});
 }
 
-TEST(app_dispatch, result_is_the_applets_own) {
+TEST(app_dispatch, returns_the_applets_result) {
     EXPECT_EQ(expect_runs({"mon"}, "mon", {"mon"}), 11);
     EXPECT_EQ(expect_runs({"zarvo", "tstrace"}, "tstrace", {"tstrace"}), 300);
     EXPECT_EQ(expect_runs({"twin"}, "first twin", {"twin"}), -3);
 }
 
-TEST(app_dispatch, empty_table_knows_nothing) {
+TEST(app_dispatch, empty_table_has_no_applets) {
     std::string name = "mon";
     char* argv[] = {name.data(), nullptr};
     std::string out = capture_stdout([&] { EXPECT_EQ(app_dispatch(1, argv, {}), 1); });

@@ -44,7 +44,7 @@ struct applet_run {
     std::string err;
 };
 
-// Runs an applet in a child with its own output; `prepare` runs there before.
+// Runs an applet in a child whose output is captured. `prepare` runs in the child first.
 template <typename Prepare>
 applet_run run_applet(applet run, const words& argv, Prepare prepare) {
     test_pipe out;
@@ -78,7 +78,7 @@ TEST(ctest_applet, exit_handlers_run) {
     EXPECT_EQ(got.err, "handler");
 }
 
-TEST(segfault_applet, dies_by_the_signal) {
+TEST(segfault_applet, dies_by_sigsegv) {
     applet_run got = run_applet(run_segfault, {"segfault"}, [] {
         forbid_core_files();
         signal(SIGSEGV, SIG_DFL);
@@ -89,15 +89,15 @@ TEST(segfault_applet, dies_by_the_signal) {
 
 namespace {
 
-// Leaves room for `room` descriptors in all, 0 to 2 among them, which alone stay open.
+// Closes all descriptors but 0 to 2, and allows `room` descriptors in all.
 void limit_descriptors(unsigned room) {
     closefrom(3);
     rlimit limit = {room, room};
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// Runs fdleak to its end with room for `room` descriptors; on standard error, before the applet's own text,
-// what it left open ("s" for a socket, "n" for /dev/null), by number.
+// Runs fdleak to its end with at most `room` descriptors. An exit handler then writes the kinds of the open
+// descriptors to standard error, in the order of their numbers: "s" for a socket, "n" for /dev/null.
 applet_run run_fdleak_to_its_end(unsigned room, const words& argv) {
     return run_applet(run_fdleak, argv, [room] {
         limit_descriptors(room);
@@ -113,7 +113,7 @@ applet_run run_fdleak_to_its_end(unsigned room, const words& argv) {
                 }
             }
             (void)!write(STDERR_FILENO, kinds.data(), kinds.size());
-            closefrom(3);  // what still runs at the exit needs some
+            closefrom(3);  // code that runs later at the exit needs descriptors
         });
     });
 }
@@ -134,11 +134,11 @@ TEST(fdleak_applet, leaks_until_descriptors_run_out) {
     applet_run got = run_fdleak_to_its_end(64, {"fdleak"});
     EXPECT_TRUE(exited_with(got.status, 0)) << got.status;
     EXPECT_EQ(got.out, "leaked 16\nleaked 32\nleaked 48\n");
-    // 61 were free: a socket first, /dev/null next, and so on, and none was closed.
+    // 61 were free. Sockets and /dev/null were opened in turn, and none was closed.
     EXPECT_EQ(got.err, out_of_descriptors + "left " + repeated("sn", 30) + "s");
 }
 
-TEST(fdleak_applet, says_the_same_when_a_socket_is_the_one_too_many) {
+TEST(fdleak_applet, reports_the_same_error_if_a_socket_fails) {
     applet_run got = run_fdleak_to_its_end(23, {"fdleak"});
     EXPECT_TRUE(exited_with(got.status, 0)) << got.status;
     EXPECT_EQ(got.out, "leaked 16\n");
@@ -151,7 +151,7 @@ TEST(fdleak_applet, counts_a_multiple_of_16_just_before_the_end) {
 }
 
 TEST(fdleak_applet, pauses_for_the_interval_in_any_base) {
-    // 20 pauses of 8 ms each, given three ways; no number is no pause.
+    // 20 pauses of 8 ms each, in three notations. Text that is not a number means no pause.
     for (const char* interval : {"8000", "0x1f40", "017500"}) {
         auto start = std::chrono::steady_clock::now();
         applet_run got = run_fdleak_to_its_end(23, {"fdleak", interval});
@@ -165,26 +165,25 @@ TEST(fdleak_applet, pauses_for_the_interval_in_any_base) {
 
 namespace {
 
-// A fork bomb in a process group of its own, which can't run away: its output goes into a pipe with room for
-// `lines_room` lines of a single digit that nobody takes out, so that each of its processes stops at the
-// latest when it has something to print and there is no room; and the whole group is killed and reaped at the
-// end of its life.
+// A fork bomb in a process group of its own, kept within bounds: its output is a pipe that nobody empties and
+// that has space for `lines_room` lines with a one-digit number. Each process blocks when it prints into the
+// full pipe. The destructor kills and reaps the whole group.
 class bomb {
 public:
     bomb(const words& argv, int lines_room) {
-        // What the bomb's first process leaves behind becomes ours to reap.
+        // The orphans of the bomb's first process become our children, so that we can reap them.
         EXPECT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0), 0);
         leave_room_for(lines_room);
         pid_ = fork_child([&] {
             setpgid(0, 0);
-            // Should the test die, its pipe has no reader any more.
+            // If the test dies, its pipe has no reader, and the next write kills the process.
             signal(SIGPIPE, SIG_DFL);
             dup2(out_.in.get(), STDOUT_FILENO);
             out_.in.reset();
             out_.out.reset();
             return call_applet(run_forkbomb, argv);
         });
-        setpgid(pid_, pid_);  // whoever comes first
+        setpgid(pid_, pid_);  // also set by the child; either may be first
         out_.in.reset();
         guard();
     }
@@ -195,11 +194,11 @@ public:
         EXPECT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 0, 0, 0, 0), 0);
     }
 
-    // Waits until `line` was printed `times` times.
+    // Waits until `line` has been printed `times` times.
     bool prints(const std::string& line, int times) {
         return eventually([&] { return count(lines_so_far(), line) >= times; });
     }
-    // Waits until nothing more fits into its output.
+    // Waits until the pipe is full.
     bool fills_its_room() {
         return eventually([&] {
             int waiting = 0;
@@ -226,7 +225,7 @@ public:
         pid_ = 0;
         return reaped_;
     }
-    // What it has printed, in the order in which it came. Stays in the pipe, where it takes up the room.
+    // The lines printed so far, in order. They stay in the pipe, so they still use up its space.
     words lines_so_far() const {
         test_pipe copy;
         EXPECT_GE(tee(out_.out.get(), copy.in.get(), pipe_size, SPLICE_F_NONBLOCK), 0);
@@ -242,7 +241,7 @@ public:
     }
 
 private:
-    // Should the test itself be killed, a process that waits for its end takes the bomb along.
+    // Starts a process that kills the bomb if the test itself is killed.
     void guard() {
         test_pipe line;
         guardian_ = fork_child([&] {
@@ -278,13 +277,13 @@ TEST(forkbomb_applet, forks_as_fast_as_it_can_while_every_child_sleeps) {
     int processes = storm.stop();
     EXPECT_EQ(storm.lines_so_far(), (words{"forks 1", "forks 2", "forks 3", "forks 4", "forks 5", "forks 6",
                                            "forks 7", "forks 8", "forks 9"}));
-    // The first one, nine children, and a tenth where the fork was quicker than the end.
+    // The first process, nine children, and perhaps a tenth, forked before the kill.
     EXPECT_GE(processes, 10);
     EXPECT_LE(processes, 11);
 }
 
-TEST(forkbomb_applet, text_that_is_no_number_reads_as_zero) {
-    // No pause, and a depth of zero, with which the first children sleep as well.
+TEST(forkbomb_applet, text_that_is_not_a_number_means_zero) {
+    // No pause, and a depth of 0, with which all children sleep too.
     bomb storm({"forkbomb", "fast", "deep"}, 9);
     EXPECT_TRUE(storm.fills_its_room());
     int processes = storm.stop();
@@ -303,10 +302,10 @@ TEST(forkbomb_applet, pauses_for_the_interval_in_any_base) {
     }
 }
 
-// In round k each process that goes on prints "forks k" once: the first one, its k children where they go on,
-// and so on down the generations.
+// In round k, each process that keeps forking prints "forks k" once: the first process, its children if they
+// keep forking, and so on down the generations.
 
-TEST(forkbomb_applet, depth_of_two_lets_the_children_of_the_first_go_on) {
+TEST(forkbomb_applet, with_depth_2_the_first_children_fork_too) {
     bomb storm({"forkbomb", "100000", "2"}, 60);
     EXPECT_TRUE(storm.prints("forks 3", 4));
     storm.stop();
@@ -316,7 +315,7 @@ TEST(forkbomb_applet, depth_of_two_lets_the_children_of_the_first_go_on) {
     EXPECT_EQ(bomb::count(lines, "forks 3"), 4);
 }
 
-TEST(forkbomb_applet, depth_of_three_lets_one_generation_more_go_on) {
+TEST(forkbomb_applet, with_depth_3_one_more_generation_forks) {
     bomb storm({"forkbomb", "100000", "0x3"}, 60);
     EXPECT_TRUE(storm.prints("forks 4", 11));
     storm.stop();

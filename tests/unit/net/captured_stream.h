@@ -47,7 +47,7 @@ int capture_into_broken_pipe(Work work) {
     });
 }
 
-// True for a pcap stream, and for zero bytes alone, which a capture is if no interface could be opened.
+// True for a pcap stream, and for zero bytes alone: what a capture writes if no interface could be opened.
 inline bool is_capture(const std::string& bytes) {
     uint32_t magic = 0;
     memcpy(&magic, bytes.data(), std::min(bytes.size(), sizeof magic));

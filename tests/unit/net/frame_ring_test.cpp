@@ -50,7 +50,7 @@ struct ring_reader {
         frame_ring_release(&ring);
         return all;
     }
-    // Takes until there are `count`; the kernel may hand them over in several blocks.
+    // Fetches until there are `count` frames; the kernel may deliver them in several blocks.
     std::vector<std::string> take_all(size_t count) {
         std::vector<std::string> all;
         while (all.size() < count && is_readable(10000)) {

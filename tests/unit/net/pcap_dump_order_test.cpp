@@ -98,7 +98,7 @@ NETWORK_TEST(pcap_dump, frames_out_of_order_are_sorted_by_their_timestamps) {
     std::vector<pcap_record> records = pcap_read(capture.finish()).records;
     ASSERT_EQ(records.size(), 4u);
     if (records[0].time_us() != begin + 10) {
-        GTEST_SKIP() << "needs a kernel that passes the time of sending on";
+        GTEST_SKIP() << "needs a kernel that passes a frame's send time to the receiver";
     }
     for (size_t i = 0; i < records.size(); i++) {
         EXPECT_EQ(records[i].time_us(), begin + 10 * (i + 1));

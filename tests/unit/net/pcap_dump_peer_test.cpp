@@ -39,8 +39,8 @@ struct endless_download {
         EXPECT_EQ(setsockopt(connection.browser.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once), 0);
         connection.browser.reset();
     }
-    // Waits for the capture, which must end by itself, and returns its result. Sends a frame to one that does
-    // not, so that the test ends.
+    // Waits for the capture, which must end by itself, and returns its result. If it does not, sends a frame
+    // to end it, because the test would hang.
     int32_t wait() {
         auto since = std::chrono::steady_clock::now();
         if (!eventually([] { return capturing_sockets() == 0; })) {

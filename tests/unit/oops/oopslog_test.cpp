@@ -194,7 +194,7 @@ TEST(oops_print_ring, prints_count_position_and_text_and_adds_no_newline) {
               "Log Entry 4 (at position 0)\nfirst\nLog Entry 5 (at position 1)\nsecond");
 }
 
-TEST(oops_print_ring, forwards_goes_from_the_oldest_to_the_newest_record) {
+TEST(oops_print_ring, forward_order_is_from_the_oldest_to_the_newest_record) {
     for (int newest = 0; newest < 8; newest++) {
         flash_image image(8);
         order expected;
@@ -208,7 +208,7 @@ TEST(oops_print_ring, forwards_goes_from_the_oldest_to_the_newest_record) {
     }
 }
 
-TEST(oops_print_ring, backwards_begins_before_the_newest_and_ends_with_it) {
+TEST(oops_print_ring, backward_order_begins_before_the_newest_and_ends_with_it) {
     flash_image image(8);
     for (size_t page = 0; page < 8; page++) {
         image.record(page, static_cast<uint32_t>(page <= 2 ? 100 + page : 10 + page), "x");
@@ -237,7 +237,7 @@ TEST(oops_print_ring, large_counts_are_printed_as_negative_numbers) {
     EXPECT_EQ(printed(image.ring(), 0, 1), "Log Entry -2 (at position 0)\n");
 }
 
-TEST(oops_print_ring, other_characters_than_printable_ones_and_white_space_become_dots) {
+TEST(oops_print_ring, unprintable_characters_except_white_space_become_dots) {
     std::string every;
     std::string expected;
     for (int code = 0; code < 0xff; code++) {
@@ -287,7 +287,7 @@ TEST(run_oopslog, prints_the_usage_without_a_device) {
     expect_usage({"-r"});
 }
 
-TEST(run_oopslog, other_words_than_the_option_are_device_names) {
+TEST(run_oopslog, words_other_than_the_option_are_device_names) {
     for (const char* name : {"-rfoo", "-x", "", "-R", "--", "-r "}) {
         outcome result = run_captured({name, "/dev/null"});
         EXPECT_EQ(result.status, 1) << name;
@@ -296,7 +296,7 @@ TEST(run_oopslog, other_words_than_the_option_are_device_names) {
     }
 }
 
-TEST(run_oopslog, other_files_than_flash_have_no_size) {
+TEST(run_oopslog, size_of_a_file_that_is_not_flash_cannot_be_read) {
     temp_dir folder;
     std::string file = folder.write_file("image", std::string(8192, 'x'));
     for (const std::string& name : {file, folder.path(), std::string("/dev/null")}) {

@@ -14,8 +14,8 @@
 
 namespace {
 
-// Makes `calls` calls in a process of their own, where they are the first, with HOLLISK_FAIL_COUNT as given
-// (null: absent). Returns a letter for each: '.' success, 'F' failure with a message, '?' anything else.
+// Makes the first `calls` calls in a new process, with HOLLISK_FAIL_COUNT set to the given text (null:
+// unset). Returns a character for each call: '.' success, 'F' failure with a message, '?' anything else.
 std::string outcomes(const char* fail_count, int calls) {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
@@ -84,20 +84,20 @@ TEST(hollisk, succeeds_without_a_fail_count) {
     EXPECT_EQ(outcomes(nullptr, 3), "...");
 }
 
-TEST(hollisk, first_calls_fail_as_often_as_asked) {
+TEST(hollisk, fail_count_makes_the_first_calls_fail) {
     EXPECT_EQ(outcomes("1", 3), "F..");
     EXPECT_EQ(outcomes("2", 4), "FF..");
     EXPECT_EQ(outcomes("9", 3), "FFF");
 }
 
-TEST(hollisk, fail_count_that_is_no_positive_number_asks_for_none) {
+TEST(hollisk, fail_count_that_is_not_a_positive_number_is_ignored) {
     EXPECT_EQ(outcomes("0", 2), "..");
     EXPECT_EQ(outcomes("-1", 2), "..");
     EXPECT_EQ(outcomes("", 2), "..");
     EXPECT_EQ(outcomes("many", 2), "..");
 }
 
-TEST(hollisk, calls_count_before_the_failures_are_asked_for) {
+TEST(hollisk, calls_before_the_fail_count_is_set_are_counted) {
     EXPECT_TRUE(holds_in_child([] {
         unsetenv("HOLLISK_FAIL_COUNT");
         hollisk_error* error = nullptr;
@@ -139,7 +139,7 @@ TEST(hollisk, threads_share_one_count) {
     }));
 }
 
-TEST(hollisk, message_is_the_third_field_behind_two_32_bit_words) {
+TEST(hollisk, message_is_the_third_field_after_two_32_bit_words) {
     EXPECT_EQ(offsetof(hollisk_error, domain), 0u);
     EXPECT_EQ(offsetof(hollisk_error, code), 4u);
     EXPECT_EQ(offsetof(hollisk_error, message), 8u);

@@ -81,31 +81,31 @@ TEST_F(mirnel, section_is_empty_before_the_first_section_line) {
     EXPECT_EQ(read_all("a = 1\n[s]\nb = 2\n"), (lines{{"", "a", "1"}, {"s", "b", "2"}}));
 }
 
-TEST_F(mirnel, section_may_be_left_by_an_empty_one) {
+TEST_F(mirnel, empty_section_name_ends_a_section) {
     EXPECT_EQ(read_all("[s]\na = 1\n[]\nb = 2\n"), (lines{{"s", "a", "1"}, {"", "b", "2"}}));
 }
 
-TEST_F(mirnel, blanks_do_not_count) {
+TEST_F(mirnel, surrounding_blanks_are_removed) {
     EXPECT_EQ(read_all("  [ my section ]  \n\t key one \t=\t value one \t\nk=v\n"),
               (lines{{"my section", "key one", "value one"}, {"my section", "k", "v"}}));
 }
 
-TEST_F(mirnel, empty_and_comment_lines_are_passed_over) {
+TEST_F(mirnel, empty_and_comment_lines_are_skipped) {
     EXPECT_EQ(read_all("\n# a = 1\n; b = 2\n   # c = 3\n\t;d = 4\n \t \n#[s]\ne = 5\n"),
               (lines{{"", "e", "5"}}));
 }
 
-TEST_F(mirnel, comment_signs_inside_a_value_belong_to_it) {
+TEST_F(mirnel, comment_signs_within_a_value_are_kept) {
     EXPECT_EQ(read_all("a = 1 # one\nb = x;y\n"), (lines{{"", "a", "1 # one"}, {"", "b", "x;y"}}));
 }
 
-TEST_F(mirnel, quotes_round_a_value_are_taken_off) {
+TEST_F(mirnel, quotes_around_a_value_are_removed) {
     EXPECT_EQ(
         read_all("a = \"one\"\nb = 'two'\nc = \" kept \"\nd = \"\"\ne = \"#5\"\n"),
         (lines{{"", "a", "one"}, {"", "b", "two"}, {"", "c", " kept "}, {"", "d", ""}, {"", "e", "#5"}}));
 }
 
-TEST_F(mirnel, quotes_that_are_no_pair_stay) {
+TEST_F(mirnel, unpaired_quotes_are_kept) {
     EXPECT_EQ(read_all("a = \"one\nb = two'\nc = \"three'\nd = \"\ne = say \"hi\"\nf = \"'six'\"\n"),
               (lines{{"", "a", "\"one"},
                      {"", "b", "two'"},
@@ -115,15 +115,15 @@ TEST_F(mirnel, quotes_that_are_no_pair_stay) {
                      {"", "f", "'six'"}}));
 }
 
-TEST_F(mirnel, value_may_be_empty_or_hold_equals_signs) {
+TEST_F(mirnel, value_may_be_empty_or_contain_equals_signs) {
     EXPECT_EQ(read_all("a =\nb = x=y=z\nc==\n"), (lines{{"", "a", ""}, {"", "b", "x=y=z"}, {"", "c", "="}}));
 }
 
-TEST_F(mirnel, lines_that_make_no_sense_are_passed_over) {
+TEST_F(mirnel, malformed_lines_are_skipped) {
     EXPECT_EQ(read_all("[s]\n[broken\nkey\n= value\n=\n]\n[a = 1\nb = 2\n"), (lines{{"s", "b", "2"}}));
 }
 
-TEST_F(mirnel, text_behind_a_section_is_passed_over) {
+TEST_F(mirnel, text_after_a_section_is_ignored) {
     EXPECT_EQ(read_all("[s] # the section\na = 1\n"), (lines{{"s", "a", "1"}}));
 }
 
@@ -132,7 +132,7 @@ TEST_F(mirnel, last_line_needs_no_newline) {
     EXPECT_EQ(read_all("[s]"), lines{});
 }
 
-TEST_F(mirnel, line_ends_of_other_systems_are_blanks) {
+TEST_F(mirnel, carriage_returns_are_blanks) {
     EXPECT_EQ(read_all("[s]\r\na = 1\r\nb = \"2\"\r\n\r\nc = 3\r"),
               (lines{{"s", "a", "1"}, {"s", "b", "2"}, {"s", "c", "3"}}));
 }
@@ -153,7 +153,7 @@ TEST_F(mirnel, empty_file_has_no_entries) {
     EXPECT_EQ(read_all(""), lines{});
 }
 
-TEST_F(mirnel, end_stays_the_end) {
+TEST_F(mirnel, end_is_reported_again) {
     write_file("a = 1\n");
     mirnel_cfg* cfg = mirnel_opencfg(path.c_str());
     ASSERT_NE(cfg, nullptr);
@@ -164,7 +164,7 @@ TEST_F(mirnel, end_stays_the_end) {
     mirnel_closecfg(cfg);
 }
 
-TEST_F(mirnel, entry_is_left_alone_at_the_end) {
+TEST_F(mirnel, entry_is_unchanged_at_the_end) {
     write_file("nothing here\n");
     mirnel_cfg* cfg = mirnel_opencfg(path.c_str());
     ASSERT_NE(cfg, nullptr);
@@ -193,13 +193,13 @@ TEST_F(mirnel, two_files_may_be_open_at_once) {
     mirnel_closecfg(one);
 }
 
-TEST_F(mirnel, missing_file_is_null_with_the_reason) {
+TEST_F(mirnel, missing_file_returns_null_and_sets_errno) {
     errno = 0;
     EXPECT_EQ(mirnel_opencfg(path.c_str()), nullptr);
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(mirnel, folder_is_no_configuration_file) {
+TEST_F(mirnel, folder_cannot_be_opened) {
     int next = dup(STDIN_FILENO);
     close(next);
     errno = 0;

@@ -1,5 +1,5 @@
-// What the tests of descriptor passing share: a listening socket in a folder of its own, and the far side of
-// a connection, which can be made to misbehave.
+// Shared by the tests of descriptor passing: a listening socket in a folder of its own, and a peer that can
+// be made to misbehave.
 #pragma once
 
 #include <dirent.h>
@@ -23,7 +23,7 @@
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// A peer may hold the receiver for this long. The slack is what a busy machine adds before it runs us again.
+// A peer may hold the receiver for this long. A busy machine may delay our return by `slack`.
 inline constexpr milliseconds recv_limit{2000};
 inline constexpr milliseconds send_limit{10000};
 inline constexpr milliseconds slack{800};
@@ -48,7 +48,7 @@ inline bool is_cloexec(int fd) {
     return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
 }
 
-// Writes into one end come out of the other; the write end is what the tests pass.
+// A pipe whose write end the tests pass as a descriptor.
 struct test_pipe {
     int ends[2] = {-1, -1};
     test_pipe() { EXPECT_EQ(pipe(ends), 0); }
@@ -71,7 +71,7 @@ struct test_pipe {
     }
 };
 
-// The far side of one connection, written by hand so that it can misbehave.
+// The peer of one connection. It does not use the library, so that it can misbehave.
 class peer {
 public:
     explicit peer(const std::string& path) : sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -105,7 +105,7 @@ public:
         }
         sock = -1;
     }
-    // Whether the receiver closes its side within `limit_ms`.
+    // True if the receiver closes its side within `limit_ms`.
     bool sees_end(int limit_ms) const {
         pollfd waiting = {sock, POLLRDHUP, 0};
         return poll(&waiting, 1, limit_ms) == 1;
@@ -128,10 +128,10 @@ protected:
     void TearDown() override {
         close(server);
         unlink(path.c_str());
-        EXPECT_EQ(rmdir(folder.c_str()), 0) << "something was left in " << folder;
+        EXPECT_EQ(rmdir(folder.c_str()), 0) << "files were left in " << folder;
     }
 
-    // Receives and keeps all that came of it.
+    // Receives a message, and stores its bytes, the descriptor, errno and the time taken.
     int receive(size_t room) {
         buffer.assign(room, '#');
         errno = 0;
@@ -143,7 +143,7 @@ protected:
     }
     std::string text(int length) const { return buffer.substr(0, static_cast<size_t>(length)); }
 
-    // Expects a receive that fails with `wanted_error`, hands nothing out and leaves nothing open.
+    // Expects a receive that fails with `wanted_error`, returns no descriptor and leaves none open.
     void expect_failure(int wanted_error, size_t room = 4095) {
         std::set<int> before = open_descriptors();
         EXPECT_LT(receive(room), 1);

@@ -14,7 +14,7 @@ class qorlink_peer : public qorlink_fixture {};
 
 void ignore_signal(int) {}
 
-// Interrupts the process every 100 ms for as long as it lives.
+// Interrupts the process every 100 ms for the length of a block.
 class interruptions {
 public:
     interruptions() {
@@ -65,7 +65,7 @@ TEST_F(qorlink_peer, silent_peer_holds_the_receiver_for_two_seconds) {
     EXPECT_TRUE(far.sees_end(0));
 }
 
-TEST_F(qorlink_peer, peer_that_falls_silent_half_way_loses_its_descriptor) {
+TEST_F(qorlink_peer, descriptor_of_an_unfinished_message_is_closed) {
     test_pipe passed;
     peer far(path);
     ASSERT_TRUE(far.send("half a mess", {passed.write_end()}));
@@ -74,7 +74,7 @@ TEST_F(qorlink_peer, peer_that_falls_silent_half_way_loses_its_descriptor) {
     EXPECT_TRUE(passed.is_at_end());
 }
 
-TEST_F(qorlink_peer, trickling_peer_holds_the_receiver_for_two_seconds) {
+TEST_F(qorlink_peer, slow_peer_holds_the_receiver_for_two_seconds) {
     test_pipe passed;
     peer far(path);
     ASSERT_TRUE(far.send("x", {passed.write_end()}));
@@ -98,7 +98,7 @@ TEST_F(qorlink_peer, interruptions_neither_end_nor_prolong_the_wait) {
     expect_bounded();
 }
 
-TEST_F(qorlink_peer, nobody_there_is_a_failure_in_bounded_time) {
+TEST_F(qorlink_peer, receiver_without_a_peer_times_out) {
     expect_failure(ETIMEDOUT);
     expect_bounded();
 }
@@ -116,7 +116,7 @@ TEST_F(qorlink_peer, empty_message_is_a_failure) {
     EXPECT_LT(took, milliseconds(1000));
 }
 
-// An end of input is all there is to see: what came before it is the message.
+// The receiver sees only the end of input, and takes the bytes before it as the message.
 TEST_F(qorlink_peer, message_of_a_killed_peer_ends_where_it_died) {
     test_pipe passed;
     int ready[2];
@@ -151,14 +151,14 @@ TEST_F(qorlink_peer, message_without_descriptor_is_a_failure) {
     expect_failure(EBADMSG);
 }
 
-TEST_F(qorlink_peer, message_without_descriptor_fails_before_its_end) {
+TEST_F(qorlink_peer, message_without_descriptor_fails_before_it_is_complete) {
     peer far(path);
     ASSERT_TRUE(far.send("k"));
     expect_failure(EBADMSG);
     EXPECT_LT(took, milliseconds(1000));
 }
 
-TEST_F(qorlink_peer, two_descriptors_are_a_failure_and_both_closed) {
+TEST_F(qorlink_peer, two_descriptors_fail_and_are_both_closed) {
     test_pipe one;
     test_pipe two;
     peer far(path);
@@ -169,7 +169,7 @@ TEST_F(qorlink_peer, two_descriptors_are_a_failure_and_both_closed) {
     EXPECT_TRUE(two.is_at_end());
 }
 
-TEST_F(qorlink_peer, as_many_descriptors_as_can_be_passed_are_all_closed) {
+TEST_F(qorlink_peer, largest_possible_number_of_descriptors_is_closed) {
     test_pipe passed;
     peer far(path);
     ASSERT_TRUE(far.send("kind=core", std::vector<int>(253, passed.write_end())));
@@ -201,7 +201,7 @@ TEST_F(qorlink_peer, second_descriptor_on_a_later_byte_is_a_failure) {
     EXPECT_TRUE(two.is_at_end());
 }
 
-TEST_F(qorlink_peer, descriptor_that_finds_no_room_is_a_failure) {
+TEST_F(qorlink_peer, descriptor_beyond_the_limit_of_open_files_is_a_failure) {
     test_pipe passed;
     peer far(path);
     ASSERT_TRUE(far.send("kind=core", {passed.write_end()}));
@@ -216,7 +216,7 @@ TEST_F(qorlink_peer, descriptor_that_finds_no_room_is_a_failure) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(qorlink_peer, one_of_two_descriptors_that_finds_room_is_not_taken_for_the_only_one) {
+TEST_F(qorlink_peer, two_descriptors_fail_even_if_only_one_can_be_opened) {
     test_pipe passed;
     peer far(path);
     ASSERT_TRUE(far.send("kind=core", {passed.write_end(), passed.write_end()}));
@@ -233,7 +233,7 @@ TEST_F(qorlink_peer, one_of_two_descriptors_that_finds_room_is_not_taken_for_the
     EXPECT_TRUE(passed.is_at_end());
 }
 
-TEST_F(qorlink_peer, failure_leaves_the_next_connection_whole) {
+TEST_F(qorlink_peer, failure_does_not_affect_the_next_connection) {
     test_pipe passed;
     peer bad(path);
     ASSERT_TRUE(bad.send("no descriptor"));

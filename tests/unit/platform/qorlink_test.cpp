@@ -39,7 +39,7 @@ TEST_F(qorlink, only_the_passed_descriptor_stays_open) {
     close(received);
 }
 
-TEST_F(qorlink, bytes_behind_the_message_stay_untouched) {
+TEST_F(qorlink, bytes_after_the_message_are_unchanged) {
     test_pipe passed;
     ASSERT_EQ(qorlink_send(path.c_str(), "abc", 3, passed.write_end()), 0);
     ASSERT_EQ(receive(6), 3);
@@ -122,7 +122,7 @@ TEST_F(qorlink, message_larger_than_a_socket_buffer_arrives_whole) {
     close(received);
 }
 
-TEST_F(qorlink, message_in_pieces_is_put_together) {
+TEST_F(qorlink, message_in_pieces_is_joined) {
     test_pipe passed;
     peer far(path);
     ASSERT_TRUE(far.send("kin", {passed.write_end()}));
@@ -134,7 +134,7 @@ TEST_F(qorlink, message_in_pieces_is_put_together) {
     close(received);
 }
 
-TEST_F(qorlink, two_queued_connections_come_out_in_order) {
+TEST_F(qorlink, queued_connections_are_received_in_order) {
     test_pipe first;
     test_pipe second;
     ASSERT_EQ(qorlink_send(path.c_str(), "first", 5, first.write_end()), 0);
@@ -172,7 +172,7 @@ TEST_F(qorlink, threads_may_send_at_the_same_time) {
     EXPECT_EQ(seen.size(), static_cast<size_t>(count));
 }
 
-TEST_F(qorlink, buffer_without_room_is_refused) {
+TEST_F(qorlink, empty_buffer_is_refused) {
     expect_failure(EINVAL, 0);
     EXPECT_LT(took, milliseconds(1000));
 }
@@ -231,7 +231,7 @@ TEST_F(qorlink, empty_path_names_no_socket) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(qorlink, file_in_the_way_is_an_error_and_stays) {
+TEST_F(qorlink, existing_file_is_an_error_and_is_kept) {
     std::set<int> before = open_descriptors();
     EXPECT_EQ(qorlink_server_socket(path.c_str(), 0666), -1);
     EXPECT_EQ(errno, EADDRINUSE);
@@ -248,7 +248,7 @@ TEST_F(qorlink, missing_folder_is_an_error) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(qorlink, send_reports_who_is_not_there) {
+TEST_F(qorlink, send_to_a_missing_receiver_fails) {
     test_pipe passed;
     std::set<int> before = open_descriptors();
     EXPECT_EQ(qorlink_send((folder + "/none").c_str(), "a", 1, passed.write_end()), -1);
@@ -260,7 +260,7 @@ TEST_F(qorlink, send_reports_who_is_not_there) {
     EXPECT_EQ(errno, ECONNREFUSED);
 }
 
-TEST_F(qorlink, send_refuses_what_no_receiver_would_take) {
+TEST_F(qorlink, send_refuses_arguments_that_no_receiver_would_accept) {
     test_pipe passed;
     EXPECT_EQ(qorlink_send(path.c_str(), "a", 0, passed.write_end()), -1);
     EXPECT_EQ(errno, EINVAL);

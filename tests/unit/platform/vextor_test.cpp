@@ -41,7 +41,7 @@ TEST_F(vextor, names_compare_exactly) {
     EXPECT_EQ(CGI_get_value("KIND"), nullptr);
 }
 
-TEST_F(vextor, first_of_several_wins) {
+TEST_F(vextor, first_value_of_a_name_wins) {
     parse("a=1&b=2&a=3&%61=4");
     EXPECT_STREQ(CGI_get_value("a"), "1");
 }
@@ -53,7 +53,7 @@ TEST_F(vextor, name_without_equals_sign_has_the_empty_value) {
     EXPECT_STREQ(CGI_get_value("a"), "1");
 }
 
-TEST_F(vextor, value_may_be_empty_or_hold_equals_signs) {
+TEST_F(vextor, value_may_be_empty_or_contain_equals_signs) {
     parse("empty=&filter=a==b=c");
     EXPECT_STREQ(CGI_get_value("empty"), "");
     EXPECT_STREQ(CGI_get_value("filter"), "a==b=c");
@@ -95,7 +95,7 @@ TEST_F(vextor, plus_is_a_space_in_names_and_values) {
     EXPECT_EQ(CGI_get_value("a+name"), nullptr);
 }
 
-TEST_F(vextor, bad_escape_is_left_as_it_stands) {
+TEST_F(vextor, bad_escape_is_kept_unchanged) {
     parse("a=%zz&b=%4&c=%&d=%4g&e=%%41&f=100%+sure&g=%&%=h&i=%-1&j=%+1&k=%@0&l=%G0&m=%4`&n=%:0");
     EXPECT_STREQ(CGI_get_value("a"), "%zz");
     EXPECT_STREQ(CGI_get_value("b"), "%4");
@@ -132,7 +132,7 @@ TEST_F(vextor, name_with_a_nul_never_matches) {
     EXPECT_EQ(CGI_get_value(""), nullptr);
 }
 
-TEST_F(vextor, there_are_no_values_before_saving) {
+TEST_F(vextor, no_values_exist_before_a_query_is_saved) {
     CGI_set_query("a=1");
     EXPECT_EQ(CGI_get_value("a"), nullptr);
     CGI_save_env();
@@ -174,7 +174,7 @@ TEST_F(vextor, null_and_empty_queries_have_no_values) {
     EXPECT_EQ(CGI_get_value("a"), nullptr);
 }
 
-TEST_F(vextor, cleanup_may_come_at_any_time) {
+TEST_F(vextor, cleanup_may_be_called_at_any_time) {
     CGI_cleanup();
     CGI_cleanup();
     CGI_save_env();

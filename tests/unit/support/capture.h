@@ -1,4 +1,4 @@
-// What a piece of code writes to a standard descriptor.
+// Captures what code writes to a standard descriptor.
 #pragma once
 
 #include <fcntl.h>
@@ -11,7 +11,7 @@
 
 #include "common/unique_fd.h"
 
-// The whole content of a file that can be rewound, whatever its position is.
+// The whole content of a seekable file, whatever its position.
 inline std::string content_of(int fd) {
     std::string all;
     char block[4096];
@@ -30,7 +30,7 @@ inline unique_fd memory_file() {
     return file;
 }
 
-// A file in memory with these bytes, at its beginning.
+// A file in memory with these bytes, positioned at its beginning.
 inline unique_fd memory_file_with(const std::string& bytes) {
     unique_fd file = memory_file();
     EXPECT_EQ(write(file.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
@@ -38,8 +38,8 @@ inline unique_fd memory_file_with(const std::string& bytes) {
     return file;
 }
 
-// Points standard descriptor `fd` at `target` for the length of a block. The stdio buffers are flushed on
-// both sides, so that nothing gets to the wrong place.
+// Points standard descriptor `fd` at `target` for the length of a block. The stdio buffers are flushed before
+// and after, so that no text reaches the wrong file.
 class redirection {
 public:
     redirection(int fd, int target) : fd_(fd) {
@@ -62,7 +62,7 @@ private:
     unique_fd saved_;
 };
 
-// Runs `work` with descriptor `standard_fd` (1 or 2) pointing into memory and returns what arrived there.
+// Runs `work` with descriptor `standard_fd` (1 or 2) redirected to memory. Returns what was written to it.
 template <typename Work>
 std::string capture(int standard_fd, Work work) {
     unique_fd file = memory_file();

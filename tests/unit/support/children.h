@@ -1,4 +1,4 @@
-// Children of a test, and what they leave behind.
+// Child processes of a test, and checks that nothing is left of them.
 #pragma once
 
 #include <dirent.h>
@@ -17,7 +17,7 @@
 #include "common/unique_fd.h"
 
 // Runs `work` in a forked child, which ends through _exit with the int that `work` returns. Returns the pid.
-// EXPECT_ in the child is not seen by the parent: return a number that tells what went wrong.
+// The parent does not see a failed EXPECT_ of the child, so return a number that tells what went wrong.
 template <typename Work>
 pid_t fork_child(Work work) {
     fflush(stdout);
@@ -44,7 +44,7 @@ inline int wait_status(pid_t pid) {
     return got == pid ? status : -1;
 }
 
-// fork_child and wait_status in one.
+// fork_child(), then wait_status().
 template <typename Work>
 int run_in_child(Work work) {
     return wait_status(fork_child(work));
@@ -58,13 +58,13 @@ inline bool killed_by(int status, int sig) {
     return WIFSIGNALED(status) && WTERMSIG(status) == sig;
 }
 
-// A child that is about to die by a signal should not leave a core file.
+// For a child that is going to die by a signal.
 inline void forbid_core_files() {
     rlimit none = {0, 0};
     setrlimit(RLIMIT_CORE, &none);
 }
 
-// True when this process has no child, running or ended: nothing is left to reap.
+// True if this process has no child, neither running nor ended.
 inline bool has_no_children() {
     siginfo_t info;
     return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) < 0 && errno == ECHILD;
@@ -88,7 +88,7 @@ inline int count_open_fds() {
     return static_cast<int>(open_fds().size());
 }
 
-// Asks `fact` until it holds or `limit` has passed; whether it held.
+// Polls `fact` until it holds or `limit` has passed. Returns true if it held.
 template <typename Fact>
 bool eventually(Fact fact, std::chrono::milliseconds limit = std::chrono::seconds(30)) {
     auto end = std::chrono::steady_clock::now() + limit;

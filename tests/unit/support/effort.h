@@ -1,10 +1,9 @@
-// How much a test does where it could do any number of steps.
+// How much work a test does if any number of steps would do.
 #pragma once
 
-// How often a step is repeated, or how many of something there are: `usual`, or `slow` on the target's
-// processor, which tests meet emulated and far slower than the machine around it. For numbers that decide
-// how likely a rare order of events is met, or how far beyond a limit a size is; what is asserted is the
-// same.
+// A number of repetitions or objects: `usual`, or `slow` on the target's processor, which is emulated when
+// tests run and far slower than the host. For numbers that decide how likely a rare order of events is, or
+// how far a size is beyond a limit. The assertions must not depend on it.
 template <typename Number>
 constexpr Number effort([[maybe_unused]] Number usual, [[maybe_unused]] Number slow) {
 #if defined(__mips__)

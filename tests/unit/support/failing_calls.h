@@ -1,4 +1,4 @@
-// System calls that fail, as on a kernel without them or on a machine that is short of something.
+// System calls that fail, as on a kernel without them or on a machine that has run out of a resource.
 #pragma once
 
 #include <errno.h>

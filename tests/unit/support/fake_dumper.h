@@ -22,7 +22,7 @@ inline std::string announce(size_t length, const std::string& pids = "") {
     return say(core_announcement(std::to_string(length), pids));
 }
 
-// While it lives, the dumper of this process is a script, which gets the pid as "$3".
+// Makes a script the dumper of this process for the length of a block. The script gets the pid as "$3".
 class fake_dumper {
 public:
     // Long enough for a loaded machine. A test that waits for the timeout sets its own.

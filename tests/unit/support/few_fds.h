@@ -9,8 +9,8 @@
 
 #include "common/unique_fd.h"
 
-// For the length of a block only `left` more descriptors can be opened. Programs that are executed have room
-// of their own, since what fills the table is closed for them.
+// Allows only `left` more descriptors to be opened for the length of a block. Programs that are executed have
+// more free descriptors, because those that fill the table are close-on-exec.
 class few_fds_left {
 public:
     explicit few_fds_left(size_t left) {

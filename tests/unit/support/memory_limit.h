@@ -1,4 +1,4 @@
-// Memory that runs out.
+// Makes memory run out.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -30,7 +30,7 @@ private:
     rlimit old_ = {};
 };
 
-// Takes all the memory that this process can have, down to pieces of `smallest` bytes, for the length of a
+// Allocates all memory that this process can get, down to pieces of `smallest` bytes, for the length of a
 // block.
 class scoped_memory_shortage {
 public:
@@ -60,7 +60,8 @@ private:
 };
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define SKIP_WITHOUT_MEMORY_LIMIT() GTEST_SKIP() << "a sanitizer's allocator does not live with a limit"
+#define SKIP_WITHOUT_MEMORY_LIMIT() \
+    GTEST_SKIP() << "a sanitizer's allocator does not work with a memory limit"
 #else
 #define SKIP_WITHOUT_MEMORY_LIMIT() \
     do {                            \

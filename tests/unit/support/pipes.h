@@ -1,4 +1,4 @@
-// Pipes and socket pairs that close themselves, and readers that collect what comes out of them.
+// Pipes and socket pairs that close themselves, and readers that collect their output.
 #pragma once
 
 #include <fcntl.h>
@@ -13,7 +13,7 @@
 
 #include "common/unique_fd.h"
 
-// Everything from `fd` to its end; a reset by the peer counts as the end.
+// Reads `fd` to its end. A reset by the peer counts as the end.
 inline std::string read_all(int fd) {
     std::string all;
     char block[65536];
@@ -42,10 +42,10 @@ struct test_pipe {
         in = unique_fd(ends[1]);
         out = unique_fd(ends[0]);
     }
-    unique_fd in;   // bytes go in here
-    unique_fd out;  // and come out here
+    unique_fd in;   // the writing side
+    unique_fd out;  // the reading side
 
-    // Closes the writing side and returns all that is left.
+    // Closes the writing side and returns all unread bytes.
     std::string finish() {
         in.reset();
         return read_all(out.get());

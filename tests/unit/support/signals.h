@@ -14,7 +14,7 @@
 
 #include "tests/unit/support/children.h"
 
-// As the program does at its start: a write to a reader that has gone fails instead of killing.
+// Ignores SIGPIPE, as the program does at its start: a write without a reader fails and does not kill.
 inline void ignore_broken_pipes() {
     signal(SIGPIPE, SIG_IGN);
 }
@@ -25,8 +25,8 @@ inline void count_signal(int) {
     signals_counted++;
 }
 
-// The disposition of one signal for the length of a block. Without SA_RESTART among the flags, so that a
-// blocked call ends with EINTR.
+// Sets the disposition of one signal for the length of a block. SA_RESTART is not set, so a blocked call
+// fails with EINTR.
 class scoped_signal {
 public:
     scoped_signal(int sig, void (*handler)(int)) : sig_(sig) {
@@ -44,11 +44,11 @@ private:
     struct sigaction old_;
 };
 
-// The signal that the last of this process's children to be killed has died of; 0 when there was none.
+// The signal that last killed a child of this process; 0 if none was killed.
 inline std::atomic<int> last_death{0};
 
-// Keeps `last_death` for the length of a block; one of two children that end at the same time may be missed.
-// Calls that wait go on.
+// Updates `last_death` for the length of a block. If two children end at the same time, one may be missed.
+// Blocked calls are restarted.
 class scoped_death_watch {
 public:
     scoped_death_watch() {
@@ -72,7 +72,7 @@ inline pid_t thread_id() {
     return static_cast<pid_t>(syscall(SYS_gettid));
 }
 
-// The state letter of a thread of this process ('S': asleep in a system call), '?' when it is gone.
+// The state letter of a thread of this process ('S': asleep in a system call); '?' if it has ended.
 inline char thread_state(pid_t tid) {
     std::ifstream file("/proc/self/task/" + std::to_string(tid) + "/stat");
     std::string line;
@@ -81,7 +81,8 @@ inline char thread_state(pid_t tid) {
     return mark == std::string::npos || mark + 2 >= line.size() ? '?' : line[mark + 2];
 }
 
-// Sends `sig` (handled by count_signal) to the thread while it is asleep and waits until it was handled.
+// Sends `sig` (handled by count_signal) to the thread while it is asleep, and waits until it has been
+// handled.
 inline void interrupt_asleep(pid_t tid, int sig) {
     ASSERT_TRUE(eventually([tid] { return thread_state(tid) == 'S'; }));
     int before = signals_counted;

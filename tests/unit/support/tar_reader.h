@@ -1,4 +1,4 @@
-// A small reader of ustar streams, written from the format's own description: what a test compares with.
+// A small reader of ustar streams for tests, written from the format's description.
 #pragma once
 
 #include <stdio.h>
@@ -9,7 +9,7 @@
 
 struct tar_entry {
     std::string name;
-    size_t size = 0;       // as the header promises
+    size_t size = 0;       // from the header
     long long mtime = 0;   // seconds since the epoch
     size_t header_at = 0;  // offset of the header in the stream
     std::string header;    // its 512 bytes
@@ -18,7 +18,7 @@ struct tar_entry {
 
 struct tar_listing {
     std::vector<tar_entry> entries;
-    std::string trouble;  // what is wrong with the stream; empty when it is whole
+    std::string trouble;  // what is wrong with the stream; empty if it is complete
 
     std::vector<std::string> names() const {
         std::vector<std::string> all;
@@ -27,7 +27,7 @@ struct tar_listing {
         }
         return all;
     }
-    // The last entry of that name, as an extracting reader keeps it; null when there is none.
+    // The last entry of that name, which an extraction would keep; null if there is none.
     const tar_entry* find(const std::string& name) const {
         const tar_entry* found = nullptr;
         for (const tar_entry& entry : entries) {
@@ -37,7 +37,7 @@ struct tar_listing {
     }
 };
 
-// The sum over a header with blanks in the checksum's place.
+// The sum of a header's bytes, with spaces for those of the checksum.
 inline unsigned tar_header_sum(const std::string& header) {
     unsigned sum = 0;
     for (size_t i = 0; i < header.size(); i++) {

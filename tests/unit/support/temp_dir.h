@@ -1,4 +1,4 @@
-// A folder of a test's own, gone at the end of its life with all that is in it.
+// A temporary folder for a test, removed with its content at the end of its life.
 #pragma once
 
 #include <fcntl.h>
@@ -20,8 +20,8 @@ public:
         std::error_code ignored;
         std::string name = (std::filesystem::temp_directory_path(ignored) / "zarvo-test-XXXXXX").string();
         if (mkdtemp(name.data()) == nullptr) {
-            ADD_FAILURE() << "no temporary folder " << name;
-            abort();  // going on would create and remove files somewhere else
+            ADD_FAILURE() << "cannot create the temporary folder " << name;
+            abort();  // the test would create and remove files elsewhere
         }
         path_ = name;
     }
@@ -36,7 +36,8 @@ public:
     const std::string& path() const { return path_; }
     std::string path(std::string_view name) const { return path_ + "/" + std::string(name); }
 
-    // Creates `name` (may hold slashes; missing folders are made) with exactly `bytes`; returns its path.
+    // Creates `name` (may contain slashes; missing folders are created) with exactly `bytes`; returns its
+    // path.
     std::string write_file(std::string_view name, std::string_view bytes) const {
         std::string file = path(name);
         std::error_code error;
