@@ -10,7 +10,7 @@
 
 class deadline {
 public:
-    // `ms` milliseconds from now; over at once for 0 and below.
+    // `ms` milliseconds from now; already over if `ms` is 0 or negative.
     explicit deadline(int64_t ms) : end_ns_(monotonic_ns() + ms * ns_per_ms) {}
 
     // Milliseconds left, rounded up, as poll(2) takes them; 0 after the deadline.

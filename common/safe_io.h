@@ -11,7 +11,7 @@
 // of bytes read, or -1 on any other error; bytes read before the error are lost.
 ssize_t safe_read(int fd, void* buf, unsigned len);
 
-// Writes all `len` bytes; EINTR and EAGAIN are retried at once. Returns `len`, or -1 on any other error, also
+// Writes all `len` bytes; EINTR and EAGAIN are retried at once. Returns `len`, or -1 on any other error, even
 // after a partial write.
 ssize_t safe_write(int fd, const void* buf, unsigned len);
 

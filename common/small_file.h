@@ -5,8 +5,8 @@
 #include <sys/types.h>
 
 // Reads the file at `path`, which is relative to the directory `dir_fd` (or AT_FDCWD), until `size` bytes are
-// in or the file ends. Returns the number of bytes, also when an error ended the reading after some; -1 with
-// errno set when nothing could be read.
+// in or the file ends. Returns the number of bytes, even if an error occurred after some had been read; -1
+// with errno set if none could be read.
 ssize_t small_file_read(int dir_fd, const char* path, void* buf, size_t size);
 
 // Reads the file at `path` as text: at most `size` - 1 bytes, followed by a NUL. Returns what small_file_read

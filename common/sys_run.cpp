@@ -33,7 +33,8 @@ constexpr int longest_end_pause_ms = 50;
     if (is_traced) {
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
         if (getppid() != parent) {
-            // The parent died before. The new parent is the tracer now, and would leave this process stopped.
+            // The parent died before the request. The tracer is then the new parent, which would leave this
+            // process stopped.
             _exit(1);
         }
     }

@@ -17,8 +17,7 @@ pid_t sys_run_envp_nowait(const char* path, char* const argv[], char* const envp
 pid_t sys_run_nowait(const char* path, char* const argv[], int fd_in, int fd_out, int fd_err, int traceme);
 
 // Waits for the end of a child of the calling thread, as waitpid(2) does. Returns `pid` with the wait status
-// in
-// `*status`; 0 if the child has not ended and `flags` is WNOHANG; -1 if there is no such child. Unlike
+// in `*status`; 0 if the child has not ended and `flags` is WNOHANG; -1 if there is no such child. Unlike
 // waitpid, it does not consume the child's stops, for which another thread that traces it may be waiting.
 pid_t sys_wait_end(pid_t pid, int* status, int flags);
 

@@ -16,14 +16,14 @@ TEST(deadline, passes_after_its_time_and_not_before) {
     EXPECT_EQ(limit.left_ms(), 0);
 }
 
-TEST(deadline, without_time_is_over_at_once) {
+TEST(deadline, of_no_time_is_over_at_once) {
     for (int ms : {0, -5}) {
         EXPECT_TRUE(deadline(ms).is_over()) << ms;
         EXPECT_EQ(deadline(ms).left_ms(), 0) << ms;
     }
 }
 
-TEST(deadline, shows_what_poll_can_take_of_a_very_long_time) {
+TEST(deadline, limits_a_very_long_time_to_what_poll_accepts) {
     const deadline century(int64_t{100} * 365 * 24 * 3600 * 1000);
     EXPECT_EQ(century.left_ms(), INT_MAX);
     EXPECT_FALSE(century.is_over());

@@ -21,7 +21,7 @@ namespace {
 constexpr int no_limit_ms = 600000;
 constexpr int short_limit_ms = 200;
 
-// The writing end of the pipe on which a child tells what it has done.
+// The write end of the pipe into which a child reports what it has done.
 int report_fd = -1;
 
 void report(char letter) {
@@ -39,7 +39,7 @@ struct ended_child {
     std::string reported;
 };
 
-// Runs `work` in a process that catches `signals`; work that returns makes it end with status 0.
+// Runs `work` in a process that catches `signals`. If `work` returns, the process exits with status 0.
 ended_child run_catching(std::initializer_list<int> signals, int limit_ms,
                          const std::function<void()>& work) {
     test_pipe pipe;
@@ -62,12 +62,12 @@ void signal_this_process(int sig) {
     EXPECT_EQ(kill(getpid(), sig), 0);
 }
 
-// A moment in which a process that may end now would have ended.
+// Waits for long enough that a process that may end has ended.
 void give_time_to_end() {
     poll(nullptr, 0, 100);
 }
 
-// Sends the signal and returns when its end has been taken up.
+// Sends the signal and returns when the end of the process has begun.
 void begin_the_end(int sig) {
     static int begun[2];
     EXPECT_EQ(pipe(begun), 0);
@@ -77,7 +77,7 @@ void begin_the_end(int sig) {
     EXPECT_EQ(read(begun[0], &letter, 1), 1);
 }
 
-TEST(ending, comes_by_the_signal_itself) {
+TEST(ending, is_by_the_signal_itself) {
     for (int sig : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGALRM}) {
         ended_child child = run_catching({SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGALRM}, no_limit_ms, [sig] {
             signal_this_process(sig);
@@ -87,7 +87,7 @@ TEST(ending, comes_by_the_signal_itself) {
     }
 }
 
-TEST(ending, comes_by_an_alarm_too) {
+TEST(ending, can_be_caused_by_an_alarm) {
     ended_child child = run_catching({SIGALRM}, no_limit_ms, [] {
         ualarm(1000, 0);
         wait_for_the_end();
@@ -116,7 +116,7 @@ TEST(ending, leaves_an_ignored_signal_ignored) {
     EXPECT_EQ(child.reported, "h");
 }
 
-TEST(ending, has_nothing_to_do_where_all_signals_are_ignored) {
+TEST(ending, does_nothing_if_all_signals_are_ignored) {
     scoped_signal ignored(SIGHUP, SIG_IGN);
     ended_child child = run_catching({SIGHUP}, no_limit_ms, [] { signal_this_process(SIGHUP); });
     EXPECT_TRUE(exited_with(child.status, 0)) << child.status;
@@ -178,15 +178,15 @@ TEST(ending, waits_for_the_hold_of_another_thread) {
     EXPECT_EQ(child.reported, "s");
 }
 
-TEST(ending, lets_holds_come_and_go_where_nothing_is_caught) {
+TEST(ending, holds_have_no_effect_if_nothing_is_caught) {
     for (int i = 0; i < 3; i++) {
         ending_held outer;
         ending_held inner;
     }
 }
 
-// Ends again and again while another thread holds and releases.
-TEST(ending, cuts_no_hold_short) {
+// Ends many processes while another of their threads holds and releases.
+TEST(ending, never_interrupts_a_hold) {
     void* shared = mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(shared, MAP_FAILED);
     auto* held = new (shared) std::atomic<int>(0);
@@ -212,7 +212,7 @@ TEST(ending, cuts_no_hold_short) {
     munmap(shared, sizeof(int));
 }
 
-TEST(ending, comes_between_two_holds_however_close_they_are) {
+TEST(ending, comes_between_two_holds_that_follow_at_once) {
     ended_child child = run_catching({SIGTERM}, no_limit_ms, [] {
         ending_hold();
         begin_the_end(SIGTERM);
@@ -225,7 +225,7 @@ TEST(ending, comes_between_two_holds_however_close_they_are) {
     EXPECT_TRUE(killed_by(child.status, SIGTERM)) << child.status;
 }
 
-TEST(ending, does_the_added_work_first) {
+TEST(ending, runs_added_work_first) {
     ended_child child = run_catching({SIGTERM}, no_limit_ms, [] {
         ending_add([] { report('w'); });
         signal_this_process(SIGTERM);
@@ -235,7 +235,7 @@ TEST(ending, does_the_added_work_first) {
     EXPECT_EQ(child.reported, "w");
 }
 
-TEST(ending, leaves_removed_work_out) {
+TEST(ending, does_not_run_removed_work) {
     void (*removed)() = [] { report('r'); };
     void (*kept)() = [] { report('k'); };
     ended_child child = run_catching({SIGTERM}, no_limit_ms, [&] {
@@ -248,7 +248,7 @@ TEST(ending, leaves_removed_work_out) {
     EXPECT_EQ(child.reported, "k");
 }
 
-TEST(ending, does_its_work_while_a_hold_is_outstanding) {
+TEST(ending, runs_its_work_during_a_hold) {
     ended_child child = run_catching({SIGTERM}, no_limit_ms, [] {
         ending_hold();
         begin_the_end(SIGTERM);
@@ -257,7 +257,7 @@ TEST(ending, does_its_work_while_a_hold_is_outstanding) {
     EXPECT_EQ(child.reported, "w");
 }
 
-TEST(ending, takes_no_more_work_once_it_has_begun) {
+TEST(ending, accepts_no_more_work_after_it_has_begun) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the thread sanitizer delivers no signal to a thread that waits for a mutex";
 #endif
@@ -295,7 +295,7 @@ TEST(ending, does_not_wait_for_ever_for_a_hold) {
     EXPECT_TRUE(killed_by(child.status, SIGTERM)) << child.status;
 }
 
-TEST(ending, is_not_hurried_by_further_signals) {
+TEST(ending, is_not_changed_by_further_signals) {
     ended_child child = run_catching({SIGTERM, SIGINT}, no_limit_ms, [] {
         ending_add([] {
             signal_this_process(SIGTERM);
@@ -310,9 +310,9 @@ TEST(ending, is_not_hurried_by_further_signals) {
     EXPECT_EQ(child.reported, "w");
 }
 
-TEST(ending, of_a_forked_child_is_its_own) {
+TEST(ending, of_a_forked_child_does_not_run_the_parents_work) {
 #ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the thread sanitizer holds signals back in a child that was forked beside threads";
+    GTEST_SKIP() << "the thread sanitizer delays signals in a child that was forked while other threads ran";
 #endif
     ended_child child = run_catching({SIGTERM}, no_limit_ms, [] {
         ending_add([] { report('w'); });

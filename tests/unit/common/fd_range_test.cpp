@@ -18,15 +18,15 @@ namespace {
 
 constexpr int first_closed = 10;
 
-// None among the low ones, so that whatever the closing opens for itself is among those to be closed.
+// No gap is below `first_closed`, so a descriptor that the tested call opens is in the range to be closed.
 bool is_gap(int fd) {
     return fd >= first_closed && fd % 3 == 0;
 }
 
 using closer = void (*)(unsigned first);
 
-// In a process of its own: opens the descriptors from `low` to `high`, with gaps among those to be closed,
-// then closes from 10 on with `close_from`. 0 when exactly those below 10 stay, as they were before.
+// In a child process, opens the descriptors from `low` to `high`, except for gaps, and calls `close_from` for
+// those from `first_closed` on. Returns 0 if exactly the lower ones are still open.
 int leaves_only_the_low_ones(closer close_from, int low, int high) {
     return run_in_child([=] {
         for (int fd = low; fd <= high; fd++) {
@@ -61,7 +61,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(both_ways, fd_range, testing::Values(fd_range_close_from, fd_range_close_listed),
                          way_name);
 
-TEST_P(fd_range, closes_all_from_the_given_one_on) {
+TEST_P(fd_range, closes_all_from_the_given_one) {
     EXPECT_TRUE(exited_with(leaves_only_the_low_ones(GetParam(), 3, 31), 0));
 }
 
@@ -71,12 +71,12 @@ TEST_P(fd_range, closes_hundreds_with_gaps) {
 
 TEST_P(fd_range, closes_thousands_with_gaps) {
     if (limit_.rlim_cur < 9000) {
-        GTEST_SKIP() << "only " << limit_.rlim_cur << " descriptors are allowed here";
+        GTEST_SKIP() << "only " << limit_.rlim_cur << " descriptors are allowed";
     }
     EXPECT_TRUE(exited_with(leaves_only_the_low_ones(GetParam(), 3, 8999), 0));
 }
 
-TEST_P(fd_range, closes_a_lonely_high_one) {
+TEST_P(fd_range, closes_a_single_high_one) {
     closer close_from = GetParam();
     int high = static_cast<int>(limit_.rlim_cur < 4000 ? limit_.rlim_cur : 4000) - 1;
     int status = run_in_child([=] {
@@ -90,7 +90,7 @@ TEST_P(fd_range, closes_a_lonely_high_one) {
     EXPECT_TRUE(exited_with(status, 0)) << status;
 }
 
-TEST_P(fd_range, closes_nothing_where_nothing_is) {
+TEST_P(fd_range, does_nothing_if_none_is_open) {
     closer close_from = GetParam();
     int status = run_in_child([=] {
         close_from(3);
@@ -106,8 +106,9 @@ namespace {
 
 constexpr int no_filters = 77;
 
-// Runs `close_all` where close_range(2) is missing and the call `number` fails with `error`. 0 when exactly
-// the descriptors below 10 stay. Those above are told apart without the list, which can no longer be read.
+// Runs fd_range_close_from without close_range(2) and with a system call `number` that fails with `error`.
+// Returns 0 if exactly the descriptors below `first_closed` are still open. Each one is checked by itself,
+// because the list of open descriptors cannot be read any more.
 int closes_with_a_failing_call(long number, int error) {
     return run_in_child([=] {
         const int high = 300;
@@ -144,7 +145,7 @@ TEST(fd_range_close_from, works_on_a_kernel_without_close_range) {
     EXPECT_TRUE(exited_with(status, 0)) << status;
 }
 
-TEST(fd_range_close_from, works_where_descriptors_cannot_be_listed) {
+TEST(fd_range_close_from, works_if_descriptors_cannot_be_listed) {
     for (auto [number, error] :
          {std::pair<long, int>{SYS_openat, ENFILE}, {SYS_openat, ENOMEM}, {SYS_getdents64, ENOMEM}}) {
         int status = closes_with_a_failing_call(number, error);
@@ -155,7 +156,7 @@ TEST(fd_range_close_from, works_where_descriptors_cannot_be_listed) {
     }
 }
 
-TEST(fd_range_close_from, closes_what_is_above_a_limit_that_was_lowered) {
+TEST(fd_range_close_from, closes_descriptors_above_a_lowered_limit) {
     int status = run_in_child([] {
         const int high = 200;
         if (dup2(STDIN_FILENO, high) != high) {

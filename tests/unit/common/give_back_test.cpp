@@ -19,7 +19,7 @@ long resident_kb(const std::string& kind) {
 
 }  // namespace
 
-TEST(give_memory_back, makes_the_process_smaller_and_it_goes_on) {
+TEST(give_memory_back, makes_the_process_smaller_and_it_still_works) {
     long before = resident_kb("VmRSS");
     give_memory_back();
     long after = resident_kb("VmRSS");

@@ -15,7 +15,7 @@ int64_t expected_ns() {
 
 }  // namespace
 
-TEST(monotonic, ns_are_those_of_the_monotonic_clock) {
+TEST(monotonic, ns_equal_the_monotonic_clock) {
     const int64_t before = expected_ns();
     const int64_t now = monotonic_ns();
     EXPECT_GE(now, before);
@@ -29,7 +29,7 @@ TEST(monotonic, ms_are_the_same_time_rounded_down) {
     EXPECT_LE(now, monotonic_ns() / 1000000);
 }
 
-TEST(monotonic, clock_runs) {
+TEST(monotonic, clock_advances) {
     const int64_t start = monotonic_ns();
     EXPECT_TRUE(eventually([start] { return monotonic_ns() - start >= 20000000; }));
 }

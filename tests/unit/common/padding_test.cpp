@@ -54,7 +54,7 @@ TEST(pad_ascii, eighty_bytes_are_one_line) {
     EXPECT_EQ(ascii_padding(80), full_line);
 }
 
-TEST(pad_ascii, newline_only_ends_a_whole_line) {
+TEST(pad_ascii, only_a_whole_line_ends_with_a_newline) {
     EXPECT_EQ(ascii_padding(79), std::string(79, ' '));
     EXPECT_EQ(ascii_padding(81), full_line + " ");
     EXPECT_EQ(ascii_padding(1), " ");
@@ -104,12 +104,12 @@ TEST(stream_pad, returns_one_at_the_first_failed_write) {
     EXPECT_EQ(signals_counted, 1);
 }
 
-TEST(stream_pad, full_device_is_a_failure) {
+TEST(stream_pad, returns_one_if_the_device_is_full) {
     unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     EXPECT_EQ(stream_pad(full.get(), 5), 1);
 }
 
-TEST(stream_pad, failure_on_the_way_is_a_failure) {
+TEST(stream_pad, returns_one_if_a_later_write_fails) {
     temp_dir dir;
     const std::string path = dir.write_file("limited", "");
     int status = run_in_child([&path] {

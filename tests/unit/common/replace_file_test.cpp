@@ -29,7 +29,7 @@ size_t files_in(const temp_dir& dir) {
 
 }  // namespace
 
-TEST(replace_file, gives_the_file_its_permissions_whatever_the_mask_is) {
+TEST(replace_file, sets_the_permissions_whatever_the_umask_is) {
     temp_dir dir;
     mode_t before = umask(077);
     for (mode_t mode : {0600, 0644, 0666}) {
@@ -42,7 +42,7 @@ TEST(replace_file, gives_the_file_its_permissions_whatever_the_mask_is) {
     EXPECT_EQ(files_in(dir), 3u);
 }
 
-TEST(replace_file, keeps_the_earlier_file_when_it_fails) {
+TEST(replace_file, keeps_the_old_file_if_it_fails) {
     temp_dir dir;
     std::string folder = dir.make_folder("folder");
     EXPECT_EQ(replace_file(folder.c_str(), "x", 0600), -1);

@@ -30,7 +30,7 @@ namespace {
 
 constexpr unsigned block_size = 16384;
 
-// Bytes that show when a piece is lost, doubled or moved.
+// Bytes that reveal a lost, repeated or moved piece.
 std::string pattern(size_t length) {
     std::string bytes(length, '\0');
     uint32_t state = 12345;
@@ -57,7 +57,7 @@ void send_message(int fd, const std::string& bytes) {
     EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
 }
 
-// The messages that wait in a socket which keeps them apart: one for each write of the other side.
+// The messages queued in a socket that preserves their boundaries: one for each write of the other side.
 std::vector<std::string> messages(test_socketpair& pair) {
     pair.a.reset();
     std::vector<std::string> all;
@@ -69,7 +69,7 @@ std::vector<std::string> messages(test_socketpair& pair) {
     return all;
 }
 
-// Runs `work` on a thread of its own, whose sleep and processor time can be watched.
+// Runs `work` on a thread of its own and watches whether it sleeps or uses processor time.
 class watched_thread {
 public:
     explicit watched_thread(std::function<void()> work) {
@@ -107,7 +107,7 @@ private:
     std::thread thread_;
 };
 
-// The far side has gone with something unread, so that a read gives `left` and fails with ECONNRESET then.
+// A socket whose peer has closed with unread data: reads return `left`, then fail with ECONNRESET.
 unique_fd socket_with_reset_behind(const std::string& left) {
     test_socketpair pair;
     send_message(pair.a.get(), "unread");
@@ -133,7 +133,7 @@ sockaddr_in address_of(int fd) {
     return address;
 }
 
-// The next `length` bytes, not read by what is tested here.
+// The next `length` bytes, read without the functions under test.
 std::string next_bytes(int fd, size_t length) {
     std::string all;
     char byte_block[4096];
@@ -150,7 +150,7 @@ std::string next_bytes(int fd, size_t length) {
 
 }  // namespace
 
-TEST(safe_read, returns_what_came_before_the_end_of_input) {
+TEST(safe_read, returns_the_bytes_before_the_end_of_input) {
     test_pipe pipe;
     ASSERT_EQ(write(pipe.in.get(), "0123456789", 10), 10);
     pipe.in.reset();
@@ -160,14 +160,14 @@ TEST(safe_read, returns_what_came_before_the_end_of_input) {
     EXPECT_EQ(safe_read(pipe.out.get(), buf.data(), 100), 0);
 }
 
-TEST(safe_read, asked_for_nothing_does_not_wait) {
+TEST(safe_read, length_0_does_not_wait) {
     test_pipe pipe;
     char buf[1] = {'#'};
     EXPECT_EQ(safe_read(pipe.out.get(), buf, 0), 0);
     EXPECT_EQ(buf[0], '#');
 }
 
-TEST(safe_read, asked_for_nothing_still_makes_its_read) {
+TEST(safe_read, length_0_still_calls_read) {
     errno = 0;
     EXPECT_EQ(safe_read(-1, nullptr, 0), -1);
     EXPECT_EQ(errno, EBADF);
@@ -183,7 +183,7 @@ TEST(safe_read, joins_short_reads) {
     EXPECT_EQ(buf, "one two three");
 }
 
-TEST(safe_read, leaves_what_is_behind_the_length) {
+TEST(safe_read, does_not_read_beyond_the_length) {
     test_pipe pipe;
     ASSERT_EQ(write(pipe.in.get(), "abcdef", 6), 6);
     std::string buf(6, '#');
@@ -192,7 +192,7 @@ TEST(safe_read, leaves_what_is_behind_the_length) {
     EXPECT_EQ(pipe.finish(), "ef");
 }
 
-TEST(safe_read, goes_on_after_a_signal) {
+TEST(safe_read, continues_after_a_signal) {
     scoped_signal handled(SIGUSR1, count_signal);
     test_pipe pipe;
     std::string buf(20, '#');
@@ -209,7 +209,7 @@ TEST(safe_read, goes_on_after_a_signal) {
     EXPECT_EQ(buf, "0123456789abcdefghij");
 }
 
-TEST(safe_read, retries_at_once_where_nothing_has_come_yet) {
+TEST(safe_read, retries_at_once_if_nothing_can_be_read_yet) {
     test_pipe pipe(O_NONBLOCK | O_CLOEXEC);
     std::string buf(8, '#');
     ssize_t result = 0;
@@ -233,7 +233,7 @@ TEST(safe_read, any_other_error_fails) {
     EXPECT_EQ(errno, EISDIR);
 }
 
-TEST(safe_read, error_behind_some_bytes_loses_them) {
+TEST(safe_read, error_after_some_bytes_loses_them) {
     unique_fd fd = socket_with_reset_behind("five!");
     char buf[100];
     errno = 0;
@@ -247,14 +247,14 @@ TEST(safe_write, writes_all) {
     EXPECT_EQ(pipe.finish(), "hello");
 }
 
-TEST(safe_write, length_of_nothing_writes_nothing) {
+TEST(safe_write, length_0_writes_nothing) {
     test_socketpair pair(SOCK_SEQPACKET);
     EXPECT_EQ(safe_write(pair.a.get(), "x", 0), 0);
     EXPECT_EQ(safe_write(pair.a.get(), "marker", 6), 6);
     EXPECT_EQ(messages(pair), std::vector<std::string>{"marker"});
 }
 
-TEST(safe_write, finishes_the_rest_after_a_signal) {
+TEST(safe_write, continues_after_a_signal) {
     scoped_signal handled(SIGUSR1, count_signal);
     const std::string bytes = pattern(1'000'003);
     test_pipe pipe;
@@ -263,7 +263,7 @@ TEST(safe_write, finishes_the_rest_after_a_signal) {
         result = safe_write(pipe.in.get(), bytes.data(), static_cast<unsigned>(bytes.size()));
         pipe.in.reset();
     });
-    // Asleep on a full pipe: first part-way through a write, then with nothing written at all.
+    // The writer sleeps on a full pipe: first after part of a write, then before any byte of one.
     for (int i = 0; i < 4; i++) {
         interrupt_asleep(writer.tid(), SIGUSR1);
     }
@@ -276,7 +276,7 @@ TEST(safe_write, finishes_the_rest_after_a_signal) {
     EXPECT_TRUE(all == bytes);
 }
 
-TEST(safe_write, retries_at_once_where_there_is_no_room_yet) {
+TEST(safe_write, retries_at_once_if_nothing_can_be_written_yet) {
     const std::string bytes = pattern(300'000);
     test_pipe pipe;
     set_nonblocking(pipe.in.get());
@@ -300,7 +300,7 @@ TEST(safe_write, full_device_fails) {
     EXPECT_EQ(errno, ENOSPC);
 }
 
-TEST(safe_write, reader_that_has_gone_fails_with_epipe) {
+TEST(safe_write, fails_with_epipe_if_the_reader_is_gone) {
     scoped_signal ignored(SIGPIPE, SIG_IGN);
     test_pipe pipe;
     pipe.out.reset();
@@ -340,7 +340,7 @@ TEST(safe_copyfd, empty_input_copies_nothing) {
     EXPECT_EQ(content_of(out.get()), "");
 }
 
-TEST(safe_copyfd, starts_where_the_input_stands) {
+TEST(safe_copyfd, starts_at_the_inputs_position) {
     unique_fd in = memory_file_of("0123456789");
     ASSERT_EQ(lseek(in.get(), 4, SEEK_SET), 4);
     unique_fd out = memory_file();
@@ -370,7 +370,7 @@ TEST(safe_copyfd, passes_a_short_read_on_at_once) {
     EXPECT_EQ(messages(out), (std::vector<std::string>{"one", "two"}));
 }
 
-TEST(safe_copyfd, ends_at_once_when_the_reader_has_gone) {
+TEST(safe_copyfd, ends_at_once_if_the_reader_is_gone) {
     scoped_signal counted(SIGPIPE, count_signal);
     unique_fd in = memory_file_of(pattern(5 * block_size));
     test_socketpair out;
@@ -382,7 +382,7 @@ TEST(safe_copyfd, ends_at_once_when_the_reader_has_gone) {
     EXPECT_EQ(position(in.get()), static_cast<off_t>(block_size)) << "reads after the first";
 }
 
-TEST(safe_copyfd, ends_when_the_reader_goes_on_the_way) {
+TEST(safe_copyfd, ends_when_the_reader_closes_midway) {
     scoped_signal ignored(SIGPIPE, SIG_IGN);
     unique_fd in = memory_file_of(pattern(1'000'000));
     test_pipe out;
@@ -402,7 +402,7 @@ TEST(safe_copyfd, full_device_loses_every_block_and_drains_the_input) {
     EXPECT_EQ(position(in.get()), static_cast<off_t>(3 * block_size + 7));
 }
 
-TEST(safe_copyfd, drops_a_failed_block_and_goes_on) {
+TEST(safe_copyfd, drops_a_failed_block_and_continues) {
     test_socketpair in(SOCK_SEQPACKET);
     send_message(in.a.get(), "before");
     send_message(in.a.get(), pattern(block_size));
@@ -432,7 +432,7 @@ TEST(safe_copyfd, does_not_count_the_part_of_a_block_that_was_written) {
     EXPECT_EQ(position(in.get()), static_cast<off_t>(3 * block_size));
 }
 
-TEST(safe_copyfd, waits_for_an_output_without_room) {
+TEST(safe_copyfd, waits_for_a_full_output) {
     const std::string bytes = pattern(400'000);
     unique_fd in = memory_file_of(bytes);
     test_pipe out;
@@ -465,7 +465,7 @@ TEST(safe_copyfd, survives_signals_on_both_sides) {
                   static_cast<ssize_t>(bytes.size()));
         in.in.reset();
     });
-    // Until the first byte is fetched, the output fills up and the copier waits for room.
+    // Until the first byte is read, the output fills up and the copier waits for space.
     interrupt_asleep(copier.tid(), SIGUSR1);
     interrupt_asleep(copier.tid(), SIGUSR1);
     std::string all = read_all(out.out.get());
@@ -475,7 +475,7 @@ TEST(safe_copyfd, survives_signals_on_both_sides) {
     EXPECT_TRUE(all == bytes);
 }
 
-TEST(safe_copyfd, retries_a_read_that_finds_nothing_yet) {
+TEST(safe_copyfd, retries_a_read_if_nothing_can_be_read_yet) {
     test_pipe in(O_NONBLOCK | O_CLOEXEC);
     unique_fd out = memory_file();
     int64_t result = 0;
@@ -490,8 +490,8 @@ TEST(safe_copyfd, retries_a_read_that_finds_nothing_yet) {
 }
 
 TEST(safe_copyfd, retries_a_read_whatever_its_error_is) {
-    // A datagram to a port that nobody has makes the next read fail once; then a datagram comes and an empty
-    // one, which reads as the end.
+    // A datagram sent to an unused port makes the next read fail once. After it come a datagram and an empty
+    // one, which is read as the end of file.
     sockaddr_in here = {};
     here.sin_family = AF_INET;
     here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -1,4 +1,4 @@
-// safe_write where write(2) takes nothing, which no descriptor at hand does.
+// safe_write when write(2) returns 0. No descriptor of the test machine does that, so a function here does.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,8 +11,9 @@
 
 #ifdef __SANITIZE_THREAD__
 
-// A write of our own would hide the calls from the sanitizer, which then delivers no signal to any test here.
-TEST(safe_write, goes_on_after_writes_of_nothing) {
+// Our own write would hide the calls from the sanitizer, which would then deliver no signals to any test of
+// this program.
+TEST(safe_write, continues_after_writes_that_return_0) {
     GTEST_SKIP() << "the thread sanitizer needs the library's own write";
 }
 
@@ -20,13 +21,13 @@ TEST(safe_write, goes_on_after_writes_of_nothing) {
 
 namespace {
 
-thread_local int writes_of_nothing = 0;       // so many further calls take nothing
-thread_local size_t most_at_once = SIZE_MAX;  // and the others no more than this
+thread_local int writes_of_nothing = 0;       // the number of further calls that return 0
+thread_local size_t most_at_once = SIZE_MAX;  // the most bytes that other calls write
 thread_local int calls = 0;
 
 }  // namespace
 
-// Stands in for the C library's in this program.
+// Replaces the C library's function in this program.
 extern "C" ssize_t write(int fd, const void* data, size_t size) {
     calls++;
     if (writes_of_nothing > 0) {
@@ -36,7 +37,7 @@ extern "C" ssize_t write(int fd, const void* data, size_t size) {
     return syscall(SYS_write, fd, data, std::min(size, most_at_once));
 }
 
-TEST(safe_write, goes_on_after_writes_of_nothing) {
+TEST(safe_write, continues_after_writes_that_return_0) {
     for (int nothing : {1, 2, 1000}) {
         unique_fd file = memory_file();
         writes_of_nothing = nothing;
@@ -47,7 +48,7 @@ TEST(safe_write, goes_on_after_writes_of_nothing) {
     }
 }
 
-TEST(safe_write, writes_of_nothing_between_others_count_for_nothing) {
+TEST(safe_write, writes_that_return_0_between_others_lose_nothing) {
     unique_fd file = memory_file();
     most_at_once = 3;
     std::string all;

@@ -18,7 +18,7 @@ TEST(signal_map, names_every_signal_in_the_numbering_of_mips) {
     }
 }
 
-TEST(signal_map, numbers_do_not_follow_the_machine_at_hand) {
+TEST(signal_map, numbers_do_not_depend_on_the_machine) {
     EXPECT_STREQ(signal_map_sig2name(16), "SIGUSR1");
     EXPECT_STREQ(signal_map_sig2name(18), "SIGCHLD");
     EXPECT_STREQ(signal_map_sig2name(23), "SIGSTOP");

@@ -37,7 +37,7 @@ TEST_F(small_file, is_found_relative_to_a_directory) {
     EXPECT_EQ(small_file_read(directory.get(), "file", buffer.data(), 16), 10);
 }
 
-TEST_F(small_file, that_is_empty_has_no_bytes) {
+TEST_F(small_file, returns_0_if_it_is_empty) {
     path = folder.write_file("empty", "");
     EXPECT_EQ(read_up_to(16), 0);
 }
@@ -55,7 +55,7 @@ TEST_F(small_file, that_cannot_be_read_sets_errno) {
     EXPECT_EQ(errno, EISDIR);
 }
 
-TEST_F(small_file, is_put_together_from_short_reads) {
+TEST_F(small_file, is_joined_from_short_reads) {
     path = folder.path("pipe");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     std::thread writer([this] {
@@ -79,14 +79,14 @@ TEST_F(small_file, is_closed) {
     EXPECT_EQ(open_fds(), before);
 }
 
-TEST_F(small_file, as_text_ends_in_a_nul) {
+TEST_F(small_file, as_text_ends_with_a_nul) {
     EXPECT_EQ(small_file_text(path.c_str(), buffer.data(), 16), 10);
     EXPECT_STREQ(buffer.c_str(), "0123456789");
     EXPECT_EQ(small_file_text(path.c_str(), buffer.data(), 4), 3);
     EXPECT_STREQ(buffer.c_str(), "012");
 }
 
-TEST_F(small_file, that_is_missing_is_an_empty_text) {
+TEST_F(small_file, as_text_is_empty_if_it_is_missing) {
     EXPECT_EQ(small_file_text(folder.path("missing").c_str(), buffer.data(), 16), -1);
     EXPECT_STREQ(buffer.c_str(), "");
 }

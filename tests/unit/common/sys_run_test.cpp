@@ -29,7 +29,7 @@ namespace {
 
 constexpr const char* shell = "/bin/sh";
 
-// An argument vector as the runner takes it.
+// An argument vector for sys_run().
 class arguments {
 public:
     arguments(std::initializer_list<std::string> words) : words_(words) {
@@ -49,7 +49,7 @@ arguments script(const std::string& text) {
     return {"sh", "-c", text};
 }
 
-// Runs a shell script with the test's own standard input and error, its output going to `out`.
+// Runs a shell script with output to `out`. Its standard input and error are the test's own.
 int run_script(const std::string& text, int out) {
     return sys_run(shell, script(text).get(), STDIN_FILENO, out, STDERR_FILENO, 0);
 }
@@ -74,7 +74,8 @@ std::string perror_line(const std::string& call, int error) {
     return call + ": " + strerror(error) + "\n";
 }
 
-// Runs `work` where no fork succeeds; `prepare` runs before, with forks allowed. Returns its exit status.
+// Runs `work` in a child in which fork fails. `prepare` runs there first, while fork still works. Returns the
+// child's exit status.
 template <typename Prepare, typename Work>
 int run_without_forks(Prepare prepare, Work work) {
     return run_in_child([&] {
@@ -96,18 +97,18 @@ TEST(sys_run, returns_the_exit_code) {
     EXPECT_EQ(run_script("exit 255", STDOUT_FILENO), 255);
 }
 
-TEST(sys_run, death_by_a_signal_is_zero) {
+TEST(sys_run, returns_0_for_a_death_by_a_signal) {
     EXPECT_EQ(run_script("kill -9 $$", STDOUT_FILENO), 0);
 }
 
-TEST(sys_run, path_that_does_not_exist_is_one_and_is_said_on_the_given_error) {
+TEST(sys_run, missing_program_gives_1_and_is_reported_on_the_given_descriptor) {
     run_output run = run_program("/nowhere/to/be/found", {"found"});
     EXPECT_EQ(run.result, 1);
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err, perror_line("execve", ENOENT));
 }
 
-TEST(sys_run, path_that_is_no_program_is_one_and_is_said_on_the_given_error) {
+TEST(sys_run, file_that_is_not_a_program_gives_1_and_is_reported_on_the_given_descriptor) {
     run_output run = run_program("/", {"/"});
     EXPECT_EQ(run.result, 1);
     EXPECT_EQ(run.err, perror_line("execve", EACCES));
@@ -134,9 +135,9 @@ TEST(sys_run, environment_is_empty) {
     EXPECT_EQ(run.out, "");
 }
 
-TEST(sys_run, program_that_lists_the_environment_finds_none) {
+TEST(sys_run, env_prints_nothing) {
     if (access("/usr/bin/env", X_OK) != 0) {
-        GTEST_SKIP() << "no /usr/bin/env here";
+        GTEST_SKIP() << "needs /usr/bin/env";
     }
     run_output run = run_program("/usr/bin/env", {"env"});
     EXPECT_EQ(run.result, 0);
@@ -165,7 +166,7 @@ TEST(sys_run, one_descriptor_may_serve_for_all_three) {
     EXPECT_EQ(read_all(pair.a.get()), "out line\nerr line\n");
 }
 
-TEST(sys_run, standard_descriptors_may_stand_for_themselves) {
+TEST(sys_run, standard_descriptors_may_be_passed_as_themselves) {
     std::string out = capture_stdout([] {
         EXPECT_EQ(sys_run(shell, script("echo plain").get(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0),
                   0);
@@ -173,7 +174,7 @@ TEST(sys_run, standard_descriptors_may_stand_for_themselves) {
     EXPECT_EQ(out, "plain\n");
 }
 
-TEST(sys_run, standard_descriptors_may_stand_for_each_other) {
+TEST(sys_run, standard_descriptors_may_be_passed_as_each_other) {
     arguments both = script("echo out; echo err >&2");
     std::string out = capture_stdout(
         [&] { EXPECT_EQ(sys_run(shell, both.get(), STDIN_FILENO, STDOUT_FILENO, STDOUT_FILENO, 0), 0); });
@@ -183,8 +184,8 @@ TEST(sys_run, standard_descriptors_may_stand_for_each_other) {
     EXPECT_EQ(err, "out\nerr\n");
 }
 
-TEST(sys_run, standard_descriptor_that_is_replaced_can_not_stand_for_an_earlier_one) {
-    // All that are replaced are closed before the first is put in place; deliberate.
+TEST(sys_run, replaced_standard_descriptor_cannot_serve_as_an_earlier_one) {
+    // All descriptors to be replaced are closed before the first one is set. This is deliberate.
     test_pipe out;
     EXPECT_EQ(sys_run(shell, script("test -e /proc/self/fd/0").get(), STDOUT_FILENO, out.in.get(),
                       STDERR_FILENO, 0),
@@ -220,10 +221,10 @@ TEST(sys_run, close_on_exec_descriptors_do_not_reach_the_program) {
 TEST(sys_run, output_ends_with_the_program) {
     test_pipe out;
     EXPECT_EQ(run_script("echo done", out.in.get()), 0);
-    EXPECT_EQ(out.finish(), "done\n");  // waits for ever where a copy of the writing side was left open
+    EXPECT_EQ(out.finish(), "done\n");  // waits for ever if a copy of the write end is still open
 }
 
-TEST(sys_run, waits_for_its_own_child_only) {
+TEST(sys_run, waits_only_for_its_own_child) {
     pid_t other = fork_child([] { return 9; });
     siginfo_t info;
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(other), &info, WEXITED | WNOWAIT), 0);
@@ -255,7 +256,7 @@ TEST(sys_run, signal_does_not_end_the_wait) {
     EXPECT_EQ(result, 3);
 }
 
-TEST(sys_run, buffered_line_comes_out_once_and_first) {
+TEST(sys_run, buffered_line_is_written_once_and_first) {
     test_pipe out;
     int status = run_in_child([&out] {
         dup2(out.in.get(), STDOUT_FILENO);
@@ -268,7 +269,7 @@ TEST(sys_run, buffered_line_comes_out_once_and_first) {
     EXPECT_EQ(out.finish(), "before\nprogram\nbehind\n");
 }
 
-TEST(sys_run, buffered_line_comes_out_once_when_the_program_can_not_be_started) {
+TEST(sys_run, buffered_line_is_written_once_if_the_program_cannot_be_started) {
     test_pipe out;
     int status = run_in_child([&out] {
         dup2(out.in.get(), STDOUT_FILENO);
@@ -294,14 +295,14 @@ TEST(sys_run, exit_handlers_of_the_caller_do_not_run_in_the_child) {
     EXPECT_EQ(out.finish(), perror_line("execve", ENOENT));
 }
 
-TEST(sys_run, traced_program_is_waited_for_up_to_its_first_stop) {
-    // The stop's signal stands where an exit code would. The program is let go when its tracer ends.
+TEST(sys_run, waits_for_a_traced_program_until_its_first_stop) {
+    // The stop's signal is in the place of an exit code. The program is resumed when its tracer ends.
     int status = run_in_child(
         [] { return sys_run(shell, script("exit 3").get(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 1); });
     EXPECT_TRUE(exited_with(status, SIGTRAP)) << status;
 }
 
-TEST(sys_run, without_a_fork_returns_zero_where_there_is_no_child) {
+TEST(sys_run, failed_fork_without_a_child_returns_0) {
     test_pipe err;
     int status = run_without_forks([] {},
                                    [&err] {
@@ -312,7 +313,7 @@ TEST(sys_run, without_a_fork_returns_zero_where_there_is_no_child) {
     EXPECT_EQ(err.finish(), perror_line("fork", EAGAIN));
 }
 
-TEST(sys_run, without_a_fork_waits_for_any_child_of_the_caller) {
+TEST(sys_run, failed_fork_waits_for_any_child_of_the_caller) {
     test_pipe err;
     int status = run_without_forks([] { fork_child([] { return 7; }); },
                                    [&err] {
@@ -341,7 +342,7 @@ TEST(sys_run_nowait, environment_is_empty) {
     EXPECT_EQ(out.finish(), "");
 }
 
-TEST(sys_run_nowait, program_that_can_not_be_started_still_has_a_pid) {
+TEST(sys_run_nowait, program_that_cannot_be_started_still_has_a_pid) {
     test_pipe err;
     pid_t pid = sys_run_nowait("/nowhere/to/be/found", arguments{"found"}.get(), STDIN_FILENO, STDOUT_FILENO,
                                err.in.get(), 0);
@@ -350,7 +351,7 @@ TEST(sys_run_nowait, program_that_can_not_be_started_still_has_a_pid) {
     EXPECT_EQ(err.finish(), perror_line("execve", ENOENT));
 }
 
-TEST(sys_run_nowait, without_a_fork_is_minus_one) {
+TEST(sys_run_nowait, returns_minus_1_if_fork_fails) {
     test_pipe err;
     int status = run_without_forks([] {},
                                    [&err] {
@@ -373,14 +374,14 @@ TEST(sys_run_nowait, traced_program_stops_at_its_execve) {
     EXPECT_EQ(WSTOPSIG(status), SIGTRAP);
     set_nonblocking(out.out.get());
     char byte;
-    EXPECT_EQ(read(out.out.get(), &byte, 1), -1) << "the program ran before its tracer let it";
+    EXPECT_EQ(read(out.out.get(), &byte, 1), -1) << "the program ran before its tracer resumed it";
     ASSERT_EQ(ptrace(PTRACE_CONT, pid, nullptr, nullptr), 0);
     EXPECT_TRUE(exited_with(wait_status(pid), 5));
     EXPECT_EQ(out.finish(), "ran\n");
 }
 
-TEST(sys_run_nowait, traced_child_whose_parent_died_before_is_not_left_stopped) {
-    // Whoever gets the orphan would be its tracer: here that is this process.
+TEST(sys_run_nowait, traced_child_is_not_left_stopped_if_its_parent_dies_first) {
+    // The process that adopts the orphan would be its tracer: here, this one.
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     int stopped = 0;
     for (int i = 0; i < 50; i++) {
@@ -434,7 +435,7 @@ TEST(sys_run_envp_nowait, traced_program_stops_at_its_execve) {
     EXPECT_TRUE(exited_with(wait_status(pid), 6));
 }
 
-TEST(sys_run_envp_nowait, without_a_fork_is_minus_one) {
+TEST(sys_run_envp_nowait, returns_minus_1_if_fork_fails) {
     test_pipe err;
     int status = run_without_forks([] {},
                                    [&err] {
@@ -463,7 +464,7 @@ TEST(sys_wait_end, gives_the_wait_status_of_the_end) {
     EXPECT_TRUE(has_no_children());
 }
 
-TEST(sys_wait_end, child_that_runs_is_zero_for_who_does_not_wait) {
+TEST(sys_wait_end, with_wnohang_returns_0_for_a_running_child) {
     test_pipe gate;
     pid_t pid = fork_child([&gate] {
         gate.in.reset();
@@ -480,7 +481,7 @@ TEST(sys_wait_end, child_that_runs_is_zero_for_who_does_not_wait) {
     EXPECT_TRUE(exited_with(status, 7));
 }
 
-TEST(sys_wait_end, without_such_a_child_is_minus_one) {
+TEST(sys_wait_end, returns_minus_1_without_such_a_child) {
     pid_t gone = fork_child([] { return 0; });
     wait_status(gone);
     for (int flags : {0, WNOHANG}) {
@@ -522,15 +523,15 @@ namespace {
 
 constexpr int tracer_wait_flags = __WALL | __WNOTHREAD;
 
-// The next stop of a tracee of this thread: its signal, 0 when none comes.
+// Waits for the next stop of this thread's tracee. Returns its signal, or 0 if it does not stop.
 int next_stop(pid_t pid) {
     int status = 0;
     bool came = eventually([&] { return waitpid(pid, &status, WNOHANG | tracer_wait_flags) == pid; });
     return came && WIFSTOPPED(status) ? WSTOPSIG(status) : 0;
 }
 
-// Traces a child of another thread over `stops` stops with SIGUSR1, which it does not get to see, and lets it
-// go. Calls `begun` when the child is traced; returns how many of the stops came.
+// Traces a child of another thread through `stops` stops by SIGUSR1, which is not delivered to it, and
+// resumes it. Calls `begun` when the child is traced. Returns the number of stops seen.
 template <typename Begun>
 int trace_stops(pid_t pid, int stops, Begun begun) {
     EXPECT_EQ(ptrace(PTRACE_ATTACH, pid, nullptr, nullptr), 0);
@@ -548,7 +549,7 @@ int trace_stops(pid_t pid, int stops, Begun begun) {
 
 }  // namespace
 
-TEST(sys_wait_end, stops_are_left_to_another_thread_of_this_program_that_traces_the_child) {
+TEST(sys_wait_end, leaves_stops_to_another_thread_that_traces_the_child) {
     constexpr int stops = 30;
     test_pipe gate;
     pid_t pid = fork_child([&gate] {
@@ -569,7 +570,7 @@ TEST(sys_wait_end, stops_are_left_to_another_thread_of_this_program_that_traces_
     EXPECT_TRUE(exited_with(status, 7)) << status;
 }
 
-TEST(sys_wait_end, child_that_is_stopped_for_its_tracer_is_zero_for_who_does_not_wait) {
+TEST(sys_wait_end, with_wnohang_returns_0_for_a_child_stopped_for_its_tracer) {
     pid_t pid = fork_child([] {
         for (;;) {
             pause();

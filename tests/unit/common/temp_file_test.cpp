@@ -23,7 +23,7 @@ TEST(temp_file, can_be_written_and_read_back) {
     EXPECT_EQ(content_of(file.get()), "staged");
 }
 
-TEST(temp_file, has_no_name_left) {
+TEST(temp_file, has_no_name) {
     temp_dir dir;
     unique_fd file = temp_file_unlinked(dir.path("stage-XXXXXX").c_str());
     ASSERT_TRUE(file);
@@ -34,7 +34,7 @@ TEST(temp_file, has_no_name_left) {
     EXPECT_TRUE(S_ISREG(status.st_mode));
 }
 
-TEST(temp_file, is_made_in_the_folder_of_its_template) {
+TEST(temp_file, is_created_in_the_folder_of_its_template) {
     temp_dir dir;
     unique_fd file = temp_file_unlinked(dir.path("stage-XXXXXX").c_str());
     std::string link = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file.get())).string();
@@ -48,7 +48,7 @@ TEST(temp_file, is_close_on_exec) {
     EXPECT_TRUE(is_cloexec(file.get()));
 }
 
-TEST(temp_file, is_nobody_elses_to_read) {
+TEST(temp_file, is_readable_only_by_its_owner) {
     temp_dir dir;
     unique_fd file = temp_file_unlinked(dir.path("stage-XXXXXX").c_str());
     struct stat status = {};
@@ -56,7 +56,7 @@ TEST(temp_file, is_nobody_elses_to_read) {
     EXPECT_EQ(status.st_mode & 0777, 0600u);
 }
 
-TEST(temp_file, leaves_its_template_as_it_is) {
+TEST(temp_file, does_not_change_its_template) {
     temp_dir dir;
     const std::string name = dir.path("stage-XXXXXX");
     const std::string copy = name;
@@ -88,7 +88,7 @@ TEST(temp_file, unwritable_folder_gives_no_file) {
     ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
 }
 
-TEST(temp_file, template_without_its_mark_gives_no_file) {
+TEST(temp_file, template_without_its_suffix_gives_no_file) {
     temp_dir dir;
     errno = 0;
     EXPECT_FALSE(temp_file_unlinked(dir.path("stage").c_str()));

@@ -57,11 +57,11 @@ TEST(unique_fd, closing_keeps_errno) {
     EXPECT_EQ(errno, ERANGE);
 }
 
-TEST(unique_fd, move_takes_the_descriptor_along) {
+TEST(unique_fd, move_transfers_the_descriptor) {
     unique_fd from(open_null());
     int number = from.get();
     unique_fd to(std::move(from));
-    EXPECT_EQ(from.get(), -1);  // NOLINT: what a move leaves behind is what is tested
+    EXPECT_EQ(from.get(), -1);  // NOLINT: the moved-from state is tested
     EXPECT_EQ(to.get(), number);
     EXPECT_TRUE(is_open(number));
 }
@@ -87,7 +87,7 @@ TEST(unique_fd, survives_a_move_to_itself) {
     EXPECT_TRUE(is_open(number));
 }
 
-TEST(unique_fd, release_hands_over_without_closing) {
+TEST(unique_fd, release_does_not_close) {
     unique_fd fd(open_null());
     int number = fd.release();
     EXPECT_FALSE(fd);

@@ -20,7 +20,7 @@ unique_fd unix_socket() {
 
 }  // namespace
 
-TEST(unix_address, leads_to_the_socket_at_its_path) {
+TEST(unix_address, connects_to_the_socket_at_its_path) {
     const temp_dir folder;
     const unix_address address(folder.path("socket"));
     EXPECT_TRUE(address.has_whole_path());

@@ -18,10 +18,10 @@
 
 namespace {
 
-// What answers instead of the platform library, when set; lives in a child of the test only.
+// Answers instead of the platform library, unless it is null. Set only in children of the test.
 int (*platform_answer)(int state, hollisk_error** error) = nullptr;
 
-// What the stand-in library says when it is asked to fail.
+// The error message of the stand-in library.
 const std::string refusal = "service supervision refuses on request of HOLLISK_FAIL_COUNT";
 
 std::string state_line(const std::string& word) {
@@ -39,8 +39,8 @@ struct run_result {
     std::string both;  // standard output and error on one descriptor, which shows their order
 };
 
-// Runs `work` as the first user of the library in a process of its own that leaves without flushing. Its
-// result comes back through the exit status as 1 or -1.
+// Runs `work` as the first user of the library in a child process that exits without flushing. Returns the
+// wait status; the exit code is 1 for the result 1, 2 for -1 and 3 for any other.
 int run_apart(const std::function<int32_t()>& work, const char* fail_count, int out, int err) {
     return run_in_child([&] {
         unsetenv("HOLLISK_FAIL_COUNT");
@@ -68,7 +68,7 @@ run_result run_watchdog(const std::function<int32_t()>& work, const char* fail_c
 
 }  // namespace
 
-// Stands before the library's own, which it asks unless a test answers itself.
+// Replaces the library's function, and calls it unless a test has set its own answer.
 extern "C" int hollisk_set_service_watchdogs(int state, hollisk_error** error) {
     if (platform_answer != nullptr) {
         return platform_answer(state, error);
@@ -86,7 +86,7 @@ extern "C" int hollisk_set_service_watchdogs(int state, hollisk_error** error) {
     return library(state, error);
 }
 
-TEST(set_service_watchdogs, says_what_it_does_and_succeeds) {
+TEST(set_service_watchdogs, prints_its_action_and_succeeds) {
     run_result on = run_watchdog([] { return set_service_watchdogs(1); });
     EXPECT_EQ(on.result, 1);
     EXPECT_EQ(on.out, state_line("yes"));
@@ -97,11 +97,11 @@ TEST(set_service_watchdogs, says_what_it_does_and_succeeds) {
     EXPECT_EQ(off.err, "");
 }
 
-TEST(set_service_watchdogs, any_number_but_zero_is_yes) {
+TEST(set_service_watchdogs, any_number_but_0_is_yes) {
     EXPECT_EQ(run_watchdog([] { return set_service_watchdogs(-7); }).out, state_line("yes"));
 }
 
-TEST(set_service_watchdogs, reports_a_failure_behind_the_state) {
+TEST(set_service_watchdogs, reports_a_failure_after_the_state) {
     run_result on = run_watchdog([] { return set_service_watchdogs(1); }, "1");
     EXPECT_EQ(on.result, -1);
     EXPECT_EQ(on.out, state_line("yes"));
@@ -122,7 +122,7 @@ TEST(set_service_watchdogs, makes_one_attempt) {
     EXPECT_EQ(both.both, state_line("yes") + error_line("yes", refusal) + state_line("yes"));
 }
 
-TEST(set_service_watchdogs, hands_the_state_to_the_platform) {
+TEST(set_service_watchdogs, passes_the_state_to_the_platform) {
     auto expect_state = [](int32_t (*work)()) {
         run_result run = run_watchdog([work] {
             platform_answer = [](int state, hollisk_error** error) {
@@ -139,7 +139,7 @@ TEST(set_service_watchdogs, hands_the_state_to_the_platform) {
     EXPECT_EQ(expect_state(enable_watchdogs), "1 1\n");
 }
 
-TEST(set_service_watchdogs, state_is_out_before_the_platform_is_asked) {
+TEST(set_service_watchdogs, state_is_printed_before_the_platform_is_called) {
     run_result run = run_watchdog([] {
         platform_answer = [](int, hollisk_error**) {
             (void)!write(STDERR_FILENO, "asked\n", 6);
@@ -150,7 +150,7 @@ TEST(set_service_watchdogs, state_is_out_before_the_platform_is_asked) {
     EXPECT_EQ(run.both, state_line("no") + "asked\n");
 }
 
-TEST(set_service_watchdogs, only_the_error_record_tells_a_failure) {
+TEST(set_service_watchdogs, only_the_error_record_means_a_failure) {
     run_result success = run_watchdog([] {
         platform_answer = [](int, hollisk_error**) { return -1; };
         return set_service_watchdogs(1);
@@ -178,7 +178,7 @@ TEST(disable_watchdogs, makes_one_attempt) {
     EXPECT_EQ(failure.both, state_line("no") + error_line("no", refusal));
 }
 
-TEST(enable_watchdogs, succeeds_at_once_where_nothing_fails) {
+TEST(enable_watchdogs, succeeds_at_once_if_nothing_fails) {
     run_result run = run_watchdog(enable_watchdogs);
     EXPECT_EQ(run.result, 1);
     EXPECT_EQ(run.both, state_line("yes"));
@@ -191,7 +191,7 @@ TEST(enable_watchdogs, tries_until_it_succeeds_and_reports_every_attempt) {
     EXPECT_EQ(run.both, failed + failed + failed + state_line("yes"));
 }
 
-TEST(enable_watchdogs, has_no_limit_to_its_attempts) {
+TEST(enable_watchdogs, does_not_limit_its_attempts) {
     test_pipe both;
     pid_t child = fork_child([&both] {
         setenv("HOLLISK_FAIL_COUNT", "1000000000", 1);
@@ -217,7 +217,7 @@ TEST(enable_watchdogs, has_no_limit_to_its_attempts) {
     EXPECT_TRUE(seen.compare(0, wanted.size(), wanted) == 0) << seen.substr(0, 500);
 }
 
-// How a process ends that is sent `sig` while its watchdogs are off, and what it says until then.
+// The end of a process that is signalled while its watchdogs are off, and what it printed.
 struct ended_run {
     int status = -1;
     std::string said;
@@ -245,7 +245,7 @@ ended_run end_while_off(int sig, const std::function<void()>& before_the_signal,
     return run;
 }
 
-TEST(watchdogs_at_the_end, are_switched_on_when_they_were_off) {
+TEST(watchdogs_at_the_end, are_switched_on_if_they_were_off) {
     for (int sig : {SIGTERM, SIGALRM}) {
         ended_run run = end_while_off(sig, [] {});
         EXPECT_TRUE(killed_by(run.status, sig)) << run.status;
@@ -253,27 +253,27 @@ TEST(watchdogs_at_the_end, are_switched_on_when_they_were_off) {
     }
 }
 
-TEST(watchdogs_at_the_end, are_left_alone_when_they_are_on_again) {
+TEST(watchdogs_at_the_end, are_left_alone_if_they_are_on_again) {
     ended_run run = end_while_off(SIGTERM, [] { enable_watchdogs(); });
     EXPECT_TRUE(killed_by(run.status, SIGTERM)) << run.status;
     EXPECT_EQ(run.said, state_line("no") + state_line("yes"));
 }
 
-TEST(watchdogs_at_the_end, are_tried_until_it_works) {
+TEST(watchdogs_at_the_end, are_tried_until_the_switch_succeeds) {
     ended_run run = end_while_off(SIGTERM, [] { setenv("HOLLISK_FAIL_COUNT", "3", 1); });
     EXPECT_TRUE(killed_by(run.status, SIGTERM)) << run.status;
-    // The stand-in counts the attempt that switched them off as well.
+    // The stand-in also counts the attempt that switched them off.
     const std::string failed = state_line("yes") + error_line("yes", refusal);
     EXPECT_EQ(run.said, state_line("no") + failed + failed + state_line("yes"));
 }
 
-TEST(watchdogs_at_the_end, hold_nobody_up_for_ever_where_the_platform_fails) {
+TEST(watchdogs_at_the_end, do_not_delay_the_end_for_ever_if_the_platform_fails) {
     ended_run run = end_while_off(
         SIGTERM, [] { setenv("HOLLISK_FAIL_COUNT", "1000000000", 1); }, 300);
     EXPECT_TRUE(killed_by(run.status, SIGTERM)) << run.status;
 }
 
-TEST(watchdogs_at_the_end, hold_nobody_up_for_ever_where_the_platform_hangs) {
+TEST(watchdogs_at_the_end, do_not_delay_the_end_for_ever_if_the_platform_hangs) {
     auto hang = [] {
         platform_answer = [](int, hollisk_error**) -> int {
             for (;;) {
@@ -287,7 +287,7 @@ TEST(watchdogs_at_the_end, hold_nobody_up_for_ever_where_the_platform_hangs) {
     }
 }
 
-// The switch comes first: a report to an output that nobody takes would never be over.
+// The switch comes first, because a report to an output that is blocked would never return.
 TEST(watchdogs_at_the_end, do_not_wait_for_the_output) {
     test_pipe asked;
     static int asked_fd;
@@ -307,7 +307,7 @@ TEST(watchdogs_at_the_end, do_not_wait_for_the_output) {
 }
 
 // An attempt to switch them off is under way when the signal comes.
-TEST(watchdogs_at_the_end, come_after_an_attempt_to_switch_them_off) {
+TEST(watchdogs_at_the_end, are_switched_on_after_an_attempt_to_switch_them_off) {
     test_pipe asked;
     static int asked_fd;
     asked_fd = asked.in.get();
