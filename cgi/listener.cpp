@@ -45,7 +45,7 @@ void prepare_connection(int fd) {
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
     int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    // On other connections than TCP these fail, which does no harm.
+    // These fail on connections other than TCP, which does no harm.
     setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &stalled_browser_ms, sizeof stalled_browser_ms);
     setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsent_limit, sizeof unsent_limit);
 }

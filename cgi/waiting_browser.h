@@ -5,10 +5,10 @@
 
 #include "common/unique_fd.h"
 
-// A dump of which nothing arrives for this long is given up.
+// A dump is given up if nothing of it arrives for this long.
 constexpr int waiting_browser_patience_ms = 10000;
 
-// Keeps `client` as the waiting browser. One that waited before is closed without an answer.
+// Keeps `client` as the waiting browser. A browser that was waiting already is closed without an answer.
 void set_listener(unique_fd client);
 
 // True if the waiting browser asked for a stored dump; set_pop stores that.

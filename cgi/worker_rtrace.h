@@ -12,5 +12,5 @@ struct rtrace_request {
 };
 
 // Thread entry; takes over the rtrace_request (from worker_new_record). The trace ends within a second after
-// the browser has closed the connection, also between two samples.
+// the browser has closed the connection, even between two samples.
 void* run_rtrace_request(void* record);

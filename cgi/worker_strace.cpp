@@ -26,8 +26,8 @@ namespace {
 constexpr int wake_up_signal = SIGUSR1;
 constexpr int wake_up_again_ms = 20;
 
-// How often and how finely a slow client's progress is checked. Local sockets and the loopback interface
-// count only whole pieces as taken.
+// How often a slow client's progress is checked, and the size of the pieces that show it: local sockets and
+// the loopback interface count only whole pieces as taken.
 constexpr int check_progress_ms = 50;
 constexpr size_t piece_size = 1024;
 constexpr int large_segment = 16384;
@@ -42,7 +42,7 @@ void install_wake_up() {
     sigaction(wake_up_signal, &action, nullptr);
 }
 
-// Whether the kernel would gather more than one piece into a segment, as on the loopback interface. A slow
+// True if the kernel would gather more than one piece into a segment, as on the loopback interface. A slow
 // client then has to read for many seconds before its window admits the next segment.
 bool has_large_segments(int fd) {
     int segment = 0;
@@ -64,15 +64,15 @@ ssize_t send_piece(strace_request* req, const char* text, size_t length) {
     return sent;
 }
 
-// When the client was last seen to take something.
+// When the client last took something.
 struct client_progress {
     int64_t since_ns = monotonic_ns();
-    int queued = INT_MAX;  // bytes that it had not taken then
+    int queued = INT_MAX;  // bytes that it had not taken by then
 };
 
 // Waits up to check_progress_ms for the client. Returns false once it has stalled. The watcher's signals
-// interrupt the wait. POLLOUT alone would not do: it needs a third of the send buffer to be free, which takes
-// a slow client minutes.
+// interrupt the wait. POLLOUT alone is not enough: it needs a third of the send
+// buffer to be free, which takes a slow client minutes.
 bool wait_for_client(const strace_request* req, client_progress* progress) {
     pollfd client = {req->client.get(), POLLOUT, 0};
     (void)poll(&client, 1, check_progress_ms);

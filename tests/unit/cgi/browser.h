@@ -1,4 +1,4 @@
-// A browser as the daemon sees it, and the requests it makes.
+// A browser, and the requests that it makes to the daemon.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ inline constexpr std::string_view busy_answer =
     "</BODY></HTML>\r\n"
     "\r\n";
 
-// The head of a download, written out.
+// The expected header of a download.
 inline std::string download_head(std::string_view type, std::string_view name) {
     std::string head = "HTTP/1.0 200 OK\r\nCache-Control: no-cache\r\n";
     head += "Expires: Thu, 01 Dec 1994 16:00:00 GMT\r\nContent-Type: ";
@@ -48,7 +48,7 @@ inline std::string dump_head(std::string_view name) {
     return download_head("application/octet-stream", name);
 }
 
-// `length` bytes in which no block looks like another.
+// `length` bytes without equal blocks.
 inline std::string odd_bytes(size_t length) {
     std::string bytes(length, '\0');
     for (size_t i = 0; i < length; i++) {
@@ -57,7 +57,7 @@ inline std::string odd_bytes(size_t length) {
     return bytes;
 }
 
-// What comes out of `fd` until its end, which has to come before the deadline.
+// Reads `fd` to its end, which must come within `limit`.
 inline std::string read_until_end(int fd, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
     auto deadline = std::chrono::steady_clock::now() + limit;
     std::string all;
@@ -78,7 +78,7 @@ inline std::string read_until_end(int fd, std::chrono::milliseconds limit = std:
     }
 }
 
-// One browser's connection; the daemon's end is handed over once.
+// One browser's connection. The daemon's end can be released once.
 class browser {
 public:
     browser() { signal(SIGPIPE, SIG_IGN); }
@@ -89,10 +89,10 @@ public:
     void go_away() { ends_.a.reset(); }
     void drop_daemon_end() { ends_.b.reset(); }
 
-    // Everything that the daemon wrote before it closed the connection.
+    // Reads everything that the daemon writes until it closes the connection.
     std::string answer() const { return read_until_end(own_end()); }
 
-    // Whether the connection is open and nothing has been written.
+    // True if the connection is open and nothing has been written.
     bool is_waiting() const {
         pollfd waiting = {own_end(), POLLIN, 0};
         return poll(&waiting, 1, 0) == 0;
@@ -106,7 +106,7 @@ inline std::string request_message(std::string_view path, std::string_view query
     return std::string(path) + '\0' + std::string(query);
 }
 
-// Serves one message as the listener does, with a zero byte behind it.
+// Serves one message as the listener does, with a zero byte after it.
 inline void serve_message(browser& from, std::string message) {
     pre_process_request(from.hand_over(), message.data(), static_cast<int>(message.size()));
 }

@@ -35,12 +35,12 @@ constexpr std::string_view help_text =
 
 constexpr uid_t nobody = 65534;
 
-// listen(2) fails for a socket with this backlog; for children only.
+// listen(2) fails if it is called with this backlog. Set only in children.
 int refused_backlog = -1;
 
 using words = std::vector<std::string>;
 
-// The applet as its process would run it.
+// Runs the applet in this process.
 int run_applet(words arguments) {
     arguments.insert(arguments.begin(), "debugar.cgi");
     std::vector<char*> argv;
@@ -52,7 +52,7 @@ int run_applet(words arguments) {
     return run_dbg_cgi(static_cast<int>(arguments.size()), argv.data());
 }
 
-// How a run ended and what it printed.
+// The result of a run, and what it printed.
 struct applet_run {
     int status = -1;
     std::string output;
@@ -80,7 +80,7 @@ TEST(dbg_cgi, prints_help_for_a_wrong_option) {
     }
 }
 
-TEST(dbg_cgi, fails_quietly_when_its_control_socket_can_not_be_made) {
+TEST(dbg_cgi, fails_quietly_if_its_control_socket_cannot_be_created) {
     temp_dir folder;
     applet_run run = run_in_process({"-n", "-c", folder.path("missing/cgi"), "-s", folder.path("segfault")});
     EXPECT_TRUE(exited_with(run.status, 1));
@@ -88,7 +88,7 @@ TEST(dbg_cgi, fails_quietly_when_its_control_socket_can_not_be_made) {
     EXPECT_NE(access(folder.path("segfault").c_str(), F_OK), 0) << "the control socket comes first";
 }
 
-TEST(dbg_cgi, fails_quietly_when_its_segfault_socket_can_not_be_made) {
+TEST(dbg_cgi, fails_quietly_if_its_segfault_socket_cannot_be_created) {
     temp_dir folder;
     applet_run run = run_in_process({"-n", "-c", folder.path("cgi"), "-s", folder.path("missing/segfault")});
     EXPECT_TRUE(exited_with(run.status, 1));
@@ -103,7 +103,7 @@ TEST(dbg_cgi, removes_nothing_but_socket_files) {
     EXPECT_EQ(access(in_the_way.c_str(), F_OK), 0);
 }
 
-TEST(dbg_cgi, takes_all_options_and_ignores_further_words) {
+TEST(dbg_cgi, accepts_all_options_and_ignores_further_words) {
     temp_dir folder;
     applet_run run = run_in_process({"-t", "-n", "-p", "/bin/false", "-k", folder.path(), "-c",
                                      folder.path("missing/cgi"), "-s", folder.path("segfault"), "12", "x"});
@@ -126,7 +126,7 @@ TEST(dbg_cgi, reads_the_ignored_pid_in_any_base) {
     }
 }
 
-TEST(dbg_cgi, ignores_no_further_pid_unless_told) {
+TEST(dbg_cgi, ignores_no_other_pid_without_the_option) {
     temp_dir folder;
     int status = run_in_child([&] {
         run_applet({"-n", "-c", folder.path("missing/cgi")});
@@ -135,7 +135,7 @@ TEST(dbg_cgi, ignores_no_further_pid_unless_told) {
     EXPECT_TRUE(exited_with(status, 0));
 }
 
-TEST(dbg_cgi, fails_when_its_monitor_can_not_start) {
+TEST(dbg_cgi, fails_if_its_monitor_cannot_start) {
     temp_dir folder;
     std::string errors = capture_stderr([&folder] {
         int status = run_in_child([&folder] {
@@ -152,7 +152,7 @@ TEST(dbg_cgi, fails_when_its_monitor_can_not_start) {
     EXPECT_EQ(errors, "pthread_create: Resource temporarily unavailable\n");
 }
 
-TEST(dbg_cgi, fails_when_nobody_could_connect_to_its_segfault_socket) {
+TEST(dbg_cgi, fails_if_listen_on_its_segfault_socket_fails) {
     temp_dir folder;
     std::string errors = capture_stderr([&folder] {
         int status = run_in_child([&folder] {
@@ -166,9 +166,9 @@ TEST(dbg_cgi, fails_when_nobody_could_connect_to_its_segfault_socket) {
     EXPECT_EQ(errors, "") << "it does not go on to its monitor";
 }
 
-TEST(dbg_cgi, fails_when_it_can_not_be_detached) {
+TEST(dbg_cgi, fails_if_it_cannot_fork) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root, to become somebody who may not fork";
+        GTEST_SKIP() << "needs root, to become a user that may not fork";
     }
     temp_dir folder;
     std::string errors = capture_stderr([&folder] {
@@ -184,8 +184,8 @@ TEST(dbg_cgi, fails_when_it_can_not_be_detached) {
     EXPECT_EQ(errors, "daemon\n: Resource temporarily unavailable\n");
 }
 
-// A started daemon watches every process, so what follows runs on a machine of its own. Whatever is left
-// running there ends with the test.
+// A running daemon watches all processes, so the tests below run on a private machine. Processes that are
+// left there end with the test.
 template <typename Work>
 void expect_on_private_machine(Work work) {
     int result = run_on_private_machine(work);
@@ -248,7 +248,7 @@ TEST(dbg_cgi, serves_requests_and_cores_on_its_sockets) {
         ASSERT_TRUE(eventually([&] { return !!connect_to(segfault); }));
         EXPECT_EQ(posted(cgi, nonsense), bad_request_answer);
         EXPECT_EQ(posted(cgi, request_message("/x/debug.tgz", "pop")), dump_head("core.1") + "bytes");
-        // The browser sees the end before the file is deleted.
+        // The connection is closed before the file is deleted.
         EXPECT_TRUE(eventually([&] { return access(dump.c_str(), F_OK) != 0; }));
         struct stat status = {};
         EXPECT_EQ(stat(cgi.c_str(), &status), 0);
@@ -259,7 +259,7 @@ TEST(dbg_cgi, serves_requests_and_cores_on_its_sockets) {
     });
 }
 
-TEST(dbg_cgi, outlives_a_browser_that_has_gone) {
+TEST(dbg_cgi, survives_a_browser_that_has_gone) {
     temp_dir folder;
     expect_on_private_machine([&folder] {
         std::string cgi = folder.path("cgi");
@@ -277,7 +277,7 @@ TEST(dbg_cgi, outlives_a_browser_that_has_gone) {
     });
 }
 
-TEST(dbg_cgi, started_again_takes_the_paths_over) {
+TEST(dbg_cgi, second_daemon_takes_over_the_paths) {
     temp_dir folder;
     expect_on_private_machine([&folder] {
         std::string cgi = folder.path("cgi");
@@ -328,7 +328,7 @@ std::string link_of(pid_t pid, const char* name) {
     return std::string(target, length > 0 ? static_cast<size_t>(length) : 0);
 }
 
-// Who listens on the socket at `path`.
+// The process that listens on the socket at `path`.
 pid_t listener_of(const std::string& path) {
     unique_fd peer = connect_to(path);
     ucred credentials = {};

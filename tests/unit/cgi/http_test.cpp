@@ -21,7 +21,7 @@ std::string page(const char* status, const char* message) {
     return reader.answer();
 }
 
-// What `work` prints on either standard stream.
+// What `work` prints on standard output and standard error.
 template <typename Work>
 std::string printed_by(Work work) {
     std::string errors;
@@ -49,7 +49,7 @@ TEST(http, a_status_page_is_its_template_with_status_and_message) {
               busy_answer);
 }
 
-TEST(http, texts_are_taken_as_they_stand) {
+TEST(http, texts_are_inserted_unchanged) {
     EXPECT_EQ(header_named("%s%n%d"), download_head("text/plain", "%s%n%d"));
     EXPECT_NE(page("200 100%s", "50% of <b>\"it\"</b>\r\n").find("\r\n50% of <b>\"it\"</b>\r\n\r\n</BODY>"),
               std::string::npos);
@@ -124,7 +124,7 @@ TEST(http, the_connection_stays_open) {
     EXPECT_EQ(write(reader.daemon_end(), "x", 1), 1);
 }
 
-TEST(http, a_header_for_a_browser_that_has_gone_fails_without_a_word) {
+TEST(http, a_header_for_a_browser_that_has_gone_fails_silently) {
     browser gone;
     gone.go_away();
     int result = -1;
@@ -132,11 +132,11 @@ TEST(http, a_header_for_a_browser_that_has_gone_fails_without_a_word) {
     EXPECT_EQ(result, 1);
 }
 
-TEST(http, a_header_onto_no_connection_fails) {
+TEST(http, a_header_without_a_connection_fails) {
     EXPECT_EQ(stream_http_header(-1, "text/plain", "x"), 1);
 }
 
-TEST(http, pages_for_a_browser_that_has_gone_are_dropped_without_a_word) {
+TEST(http, pages_for_a_browser_that_has_gone_are_dropped_silently) {
     browser gone;
     gone.go_away();
     EXPECT_EQ(printed_by([&] {

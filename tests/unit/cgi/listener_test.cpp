@@ -22,7 +22,7 @@ unique_fd unix_socket(int flags = 0) {
     return unique_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
 }
 
-// Both control sockets, real, in a folder of their own. An archive is always being made already.
+// Both real sockets, in a folder of their own. archive_busy is set, so no request starts an archive.
 class listener : public testing::Test {
 protected:
     void SetUp() override {
@@ -48,7 +48,7 @@ protected:
         post(message, client.daemon_end());
         client.drop_daemon_end();
     }
-    // The far end of a connection to one of the sockets, with `bytes` sent on it.
+    // The client's end of a connection to one of the sockets, after it has sent `bytes`.
     static unique_fd connection_to(const std::string& path, const std::string& bytes) {
         unique_fd peer = unix_socket();
         const unix_address address(path);
@@ -56,7 +56,7 @@ protected:
         EXPECT_EQ(write(peer.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
         return peer;
     }
-    // A core handler that has sent `bytes` and is done.
+    // The connection of a core handler that has sent all of `bytes`.
     unique_fd core_handler(const std::string& bytes) const {
         unique_fd peer = connection_to(segfault_path, bytes);
         shutdown(peer.get(), SHUT_WR);
@@ -89,7 +89,7 @@ TEST_F(listener, serves_one_request_in_a_round) {
     EXPECT_EQ(second.answer(), busy_answer);
 }
 
-TEST_F(listener, passes_the_received_connection_to_no_child) {
+TEST_F(listener, does_not_pass_the_received_connection_to_children) {
     browser client;
     post(client, wait_for_push);
     std::set<int> before = open_fds();
@@ -128,7 +128,7 @@ void connect_over_tcp(unique_fd* client, unique_fd* server) {
     ASSERT_TRUE(*server);
 }
 
-TEST_F(listener, lets_no_tcp_browser_stall_it_for_ever) {
+TEST_F(listener, limits_how_long_a_tcp_browser_can_stall_it) {
     unique_fd client;
     unique_fd server;
     connect_over_tcp(&client, &server);
@@ -159,14 +159,14 @@ TEST_F(listener, makes_a_connection_blocking) {
     EXPECT_EQ(fcntl(client.daemon_end(), F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_F(listener, serves_a_descriptor_that_is_no_socket) {
+TEST_F(listener, serves_a_descriptor_that_is_not_a_socket) {
     test_pipe answer;
     post(nonsense, answer.in.get());
     round();
     EXPECT_EQ(answer.finish(), bad_request_answer);
 }
 
-TEST_F(listener, goes_on_after_a_message_that_makes_no_sense) {
+TEST_F(listener, continues_after_a_malformed_message) {
     post_without_descriptor();
     browser client;
     post(client, nonsense);
@@ -176,7 +176,7 @@ TEST_F(listener, goes_on_after_a_message_that_makes_no_sense) {
     EXPECT_EQ(client.answer(), bad_request_answer);
 }
 
-TEST_F(listener, looks_at_no_core_in_a_round_with_a_message_that_makes_no_sense) {
+TEST_F(listener, accepts_no_core_in_a_round_with_a_malformed_message) {
     browser client;
     set_listener(unique_fd(client.hand_over()));
     post_without_descriptor();
@@ -195,7 +195,7 @@ TEST_F(listener, serves_a_request_and_then_a_core_in_one_round) {
     EXPECT_EQ(client.answer(), dump_head("core") + "core bytes");
 }
 
-TEST_F(listener, hands_a_core_to_the_browser_that_waits_for_one) {
+TEST_F(listener, forwards_a_core_to_the_waiting_browser) {
     for (const std::string& request : {wait_for_push, request_message("/x", "cmd=coredump")}) {
         browser client;
         std::string bytes = odd_bytes(5000);
@@ -206,18 +206,18 @@ TEST_F(listener, hands_a_core_to_the_browser_that_waits_for_one) {
         round();
         EXPECT_TRUE(client.answer() == dump_head("core") + bytes);
         char byte;
-        EXPECT_EQ(read(handler.get(), &byte, 1), 0) << "closing is all the handler gets";
+        EXPECT_EQ(read(handler.get(), &byte, 1), 0) << "the handler must see only the end of file";
     }
 }
 
-TEST_F(listener, drops_a_core_for_which_nobody_waits) {
+TEST_F(listener, drops_a_core_if_no_browser_waits) {
     unique_fd handler = connection_to(segfault_path, "");
     round();
     EXPECT_EQ(send(handler.get(), "x", 1, MSG_NOSIGNAL), -1);
     EXPECT_EQ(errno, EPIPE);
 }
 
-TEST_F(listener, outlives_a_core_handler_that_has_gone_before_it_looked) {
+TEST_F(listener, survives_a_core_handler_that_has_gone_before_its_turn) {
     core_handler("").reset();
     round();
     browser client;
@@ -235,7 +235,7 @@ TEST_F(listener, pops_a_stored_dump_at_once) {
     EXPECT_NE(access(folder.path("dumps/core.1").c_str(), F_OK), 0);
 }
 
-TEST_F(listener, closes_a_pop_without_a_stored_dump_unanswered) {
+TEST_F(listener, closes_a_pop_unanswered_if_no_dump_is_stored) {
     browser client;
     post(client, wait_for_pop);
     round();
@@ -251,7 +251,7 @@ TEST_F(listener, leaves_stored_dumps_alone_for_a_browser_that_listens) {
     EXPECT_EQ(access(dump.c_str(), F_OK), 0);
 }
 
-TEST_F(listener, pops_for_a_core_request_too_once_a_pop_was_asked_for) {
+TEST_F(listener, pops_for_a_core_request_after_a_pop_request) {
     browser first;
     post(first, wait_for_pop);
     round();
@@ -275,7 +275,7 @@ TEST_F(listener, keeps_a_stored_dump_when_another_request_follows_a_pop) {
     EXPECT_EQ(access(dump.c_str(), F_OK), 0);
 }
 
-TEST_F(listener, reads_nothing_of_an_earlier_message) {
+TEST_F(listener, reads_no_byte_of_an_earlier_message) {
     browser first;
     browser second;
     post(first, request_message("/x/debug.tgz", "listen&and=more"));
@@ -286,7 +286,7 @@ TEST_F(listener, reads_nothing_of_an_earlier_message) {
     EXPECT_EQ(second.answer(), busy_answer);
 }
 
-TEST_F(listener, takes_4095_bytes_of_a_message) {
+TEST_F(listener, accepts_4095_bytes_of_a_message) {
     constexpr size_t limit = 4095;
     browser whole;
     std::string fitting = request_message("/x", "filler=");
@@ -311,7 +311,7 @@ rlimit descriptor_limit() {
     return limit;
 }
 
-// Occupies descriptors until `last` is taken or none is left.
+// Opens descriptors until `last` is open or none is free.
 std::vector<unique_fd> occupy_descriptors(int last) {
     std::vector<unique_fd> taken;
     for (;;) {
@@ -349,7 +349,7 @@ TEST_F(listener, serves_descriptors_beyond_1024) {
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
 }
 
-TEST_F(listener, serves_what_waited_for_a_free_descriptor) {
+TEST_F(listener, serves_requests_that_waited_for_a_free_descriptor) {
     browser client;
     post(client, wait_for_push);
     unique_fd handler = core_handler("core bytes");
@@ -368,7 +368,7 @@ TEST_F(listener, serves_what_waited_for_a_free_descriptor) {
     EXPECT_EQ(client.answer(), dump_head("core") + "core bytes");
 }
 
-// What a listener in a process of its own writes to standard error while `meanwhile` runs.
+// Runs a listener in a child process while `meanwhile` runs. Returns what it wrote to standard error.
 template <typename Work>
 std::string said_by_a_listener(const listener_options& options, int descriptor_limit, Work meanwhile) {
     test_pipe said;
@@ -383,15 +383,15 @@ std::string said_by_a_listener(const listener_options& options, int descriptor_l
     });
     meanwhile(pid, said.out.get());
     EXPECT_EQ(kill(pid, SIGKILL), 0);
-    EXPECT_TRUE(killed_by(wait_status(pid), SIGKILL)) << "it came to an end";
+    EXPECT_TRUE(killed_by(wait_status(pid), SIGKILL)) << "it ended by itself";
     return said.finish();
 }
 
-TEST_F(listener, goes_on_after_a_wait_that_was_interrupted) {
+TEST_F(listener, continues_after_an_interrupted_wait) {
     scoped_signal handled(SIGUSR2, count_signal);
     std::string said =
         said_by_a_listener({cgi.get(), segfault.get(), dumps.c_str()}, 0, [&](pid_t pid, int fd) {
-            // Again, since the first may come before the wait.
+            // Repeated, because the first signal may arrive before the wait.
             ASSERT_TRUE(eventually([&] {
                 pollfd line = {fd, POLLIN, 0};
                 return syscall(SYS_tgkill, pid, pid, SIGUSR2) == 0 && poll(&line, 1, 10) == 1;
@@ -403,7 +403,7 @@ TEST_F(listener, goes_on_after_a_wait_that_was_interrupted) {
     EXPECT_TRUE(said.starts_with("select: Interrupted system call\n")) << said;
 }
 
-TEST_F(listener, pauses_when_it_can_not_wait) {
+TEST_F(listener, pauses_if_poll_fails) {
     // Fewer descriptors than sockets to wait for: poll(2) fails for good.
     std::string said = said_by_a_listener({cgi.get(), segfault.get(), dumps.c_str()}, 1,
                                           [](pid_t, int) { poll(nullptr, 0, 1000); });
@@ -412,7 +412,7 @@ TEST_F(listener, pauses_when_it_can_not_wait) {
     EXPECT_LT(said.size(), 100 * line.size());
 }
 
-TEST_F(listener, pauses_when_a_socket_is_no_socket_any_more) {
+TEST_F(listener, pauses_if_a_socket_has_been_closed) {
     const int64_t began_ns = monotonic_ns();
     const int closed = cgi.get();
     cgi.reset();

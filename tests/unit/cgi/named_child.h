@@ -12,8 +12,8 @@
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/pipes.h"
 
-// The test program itself is what sleeps under the name: other programs, such as a /bin/cat that is one of
-// many in a file, choose by their name what they are.
+// Executes the test program itself under the name: another program, such as /bin/cat, may be a multi-call
+// binary that chooses its command by its name.
 inline constexpr const char* named_child_request = "ZARVO_TEST_NAMED_CHILD";
 
 inline const bool named_child_is_not_wanted = [] {
@@ -24,7 +24,7 @@ inline const bool named_child_is_not_wanted = [] {
     return true;
 }();
 
-// Sleeps in a read until it is killed or its test is gone.
+// A process that sleeps in a read until it is killed or its test has ended.
 class named_child {
 public:
     explicit named_child(const std::string& name) {
@@ -55,7 +55,7 @@ private:
     pid_t pid_ = -1;
 };
 
-// The pid of a process that is no more.
+// The pid of a process that has ended and has been reaped.
 inline pid_t dead_pid() {
     pid_t pid = fork_child([] { return 0; });
     wait_status(pid);

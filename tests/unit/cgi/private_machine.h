@@ -1,5 +1,5 @@
-// A machine of its own for code that looks at all processes or at fixed folders: private processes, mounts
-// and network, an empty /run, neither kernel memory nor kernel settings.
+// A private machine for code that examines all processes or uses fixed folders: it has its own processes,
+// mounts and network, an empty /run, and access to neither kernel memory nor kernel settings.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ inline bool mount_private_machine() {
             mount("/dev/null", "/proc/kcore", nullptr, MS_BIND, nullptr) == 0);
 }
 
-// The first process of the machine: starts `work` and buries whoever dies until that has ended.
+// The first process of the machine. Starts `work` and reaps all children until it has ended.
 template <typename Work>
 int reap_until_done(Work work) {
     if (!mount_private_machine()) {
@@ -43,8 +43,8 @@ int reap_until_done(Work work) {
     }
 }
 
-// Runs `work` on a private machine; EXPECT_ works in it. Returns 0, private_machine_refused, or another
-// number when something failed. Whatever `work` started ends with it.
+// Runs `work` on a private machine, where EXPECT_ can be used. Returns 0, private_machine_refused, or another
+// number if something failed. All processes that `work` started end with it.
 template <typename Work>
 int run_on_private_machine(Work work) {
     int status = run_in_child([&work] {

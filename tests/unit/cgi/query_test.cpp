@@ -25,7 +25,7 @@ TEST(query_number, reads_decimal_digits) {
     EXPECT_EQ(query_number("123456789"), 123456789);
 }
 
-TEST(query_number, takes_a_sign_and_blanks_in_front) {
+TEST(query_number, accepts_leading_blanks_and_a_sign) {
     EXPECT_EQ(query_number("+5"), 5);
     EXPECT_EQ(query_number("-5"), -5);
     EXPECT_EQ(query_number("-1"), -1);
@@ -60,7 +60,7 @@ TEST(query_number, is_invalid_beyond_32_bits) {
     }
 }
 
-TEST(query_number, does_not_heed_an_old_error) {
+TEST(query_number, ignores_an_earlier_errno) {
     errno = ERANGE;
     EXPECT_EQ(query_number("0"), 0);
     errno = EINVAL;
@@ -77,7 +77,7 @@ TEST(query_limit, is_never_negative) {
     EXPECT_EQ(query_limit("0"), 0);
 }
 
-TEST(query_limit, passes_a_number_on) {
+TEST(query_limit, returns_a_positive_number) {
     EXPECT_EQ(query_limit("30"), 30);
     EXPECT_EQ(query_limit(" 512000 bytes"), 512000);
     EXPECT_EQ(query_limit("2147483647"), INT32_MAX);
@@ -108,7 +108,7 @@ TEST(query_next_item, trims_items_and_keeps_blanks_inside) {
     EXPECT_EQ(items_of(" a b \t,\nc"), (texts{"a b", "c"}));
 }
 
-TEST(query_next_item, keeps_31_characters_and_skips_32_whole) {
+TEST(query_next_item, keeps_items_of_31_characters_and_skips_longer_ones) {
     std::string longest(31, 'x');
     std::string too_long(32, 'y');
     EXPECT_EQ(items_of(longest + "," + too_long + ",z"), (texts{longest, "z"}));
@@ -122,11 +122,11 @@ TEST(query_next_item, counts_blanks_before_it_trims) {
     EXPECT_EQ(items_of("a" + std::string(31, ' ') + ",b"), (texts{"b"}));
 }
 
-TEST(query_next_item, passes_bytes_beyond_ascii_through) {
+TEST(query_next_item, keeps_bytes_beyond_ascii) {
     EXPECT_EQ(items_of("\xc3\xa4\xff,\xa0x"), (texts{"\xc3\xa4\xff", "\xa0x"}));
 }
 
-TEST(query_next_item, reads_no_byte_behind_the_list) {
+TEST(query_next_item, reads_no_byte_after_the_list) {
     std::string text = "ab,cd";
     EXPECT_EQ(items_of(std::string_view(text).substr(0, 4)), (texts{"ab", "c"}));
 }
@@ -174,7 +174,7 @@ TEST(query_trace_mask, without_a_known_source_is_fast) {
     }
 }
 
-TEST(query_trace_mask, skips_a_name_that_is_too_long_and_goes_on) {
+TEST(query_trace_mask, skips_a_name_that_is_too_long) {
     EXPECT_EQ(query_trace_mask((std::string(40, 'x') + ",event").c_str()), 0x200u);
     EXPECT_EQ(query_trace_mask((std::string(32, ' ') + "smaps,event").c_str()), 0x200u);
 }

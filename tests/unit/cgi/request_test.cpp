@@ -17,8 +17,8 @@
 
 namespace {
 
-// No request of these tests may make an archive: it would look at every process of the machine. So one is
-// always being made already, except where no thread can be started.
+// No request of these tests may make an archive, which would examine all processes of the machine. So
+// archive_busy is set, except in a child in which no thread can be started.
 class request : public testing::Test {
 protected:
     void SetUp() override {
@@ -66,20 +66,20 @@ std::string numbered(const char* text, pid_t pid) {
     return text + std::to_string(pid);
 }
 
-TEST_F(request, without_a_zero_byte_is_answered_as_a_broken_server) {
+TEST_F(request, without_a_zero_byte_gets_a_server_error) {
     EXPECT_EQ(answer_to_message("/cgi-bin/debug.tgz"), broken_server_answer);
     EXPECT_EQ(answer_to_message("x"), broken_server_answer);
     EXPECT_EQ(answer_to_message(std::string(4095, '/')), broken_server_answer);
 }
 
-TEST_F(request, is_not_saved_by_the_zero_byte_behind_the_message) {
+TEST_F(request, without_a_zero_byte_does_not_end_at_the_one_after_the_message) {
     browser client;
     std::string buffer = request_message("/x", "listen");
     pre_process_request(client.hand_over(), buffer.data(), 2);
     EXPECT_EQ(client.answer(), broken_server_answer);
 }
 
-TEST_F(request, for_a_path_without_a_slash_is_answered_as_a_broken_server) {
+TEST_F(request, for_a_path_without_a_slash_gets_a_server_error) {
     for (const char* query : {"", "listen", "pop", "x=1"}) {
         EXPECT_EQ(answer_to(query, "debug.tgz"), broken_server_answer) << query;
         EXPECT_EQ(answer_to(query, ""), broken_server_answer) << query;
@@ -99,7 +99,7 @@ TEST_F(request, with_an_unknown_command_is_bad) {
     EXPECT_EQ(answer_to("cmd"), bad_request_answer);
 }
 
-TEST_F(request, names_its_command_anywhere_in_the_query_and_the_first_counts) {
+TEST_F(request, uses_the_first_command_anywhere_in_the_query) {
     EXPECT_EQ(answer_to("listen&cmd=nonsense"), bad_request_answer);
     EXPECT_EQ(answer_to("cmd=nonsense&cmd=coredump"), bad_request_answer);
     EXPECT_EQ(answer_to("%63md=nonsense"), bad_request_answer);
@@ -120,13 +120,13 @@ TEST_F(request, that_does_not_begin_with_listen_or_pop_is_for_an_archive) {
     EXPECT_FALSE(is_pop());
 }
 
-TEST_F(request, to_listen_is_kept_waiting_whatever_the_archive_does) {
+TEST_F(request, to_listen_waits_even_while_an_archive_is_made) {
     for (const char* query : {"listen", "listen=1", "listening", "listen&pop", "listenpop"}) {
         expect_waits(query, false);
     }
 }
 
-TEST_F(request, to_pop_is_kept_waiting_for_a_stored_dump) {
+TEST_F(request, to_pop_waits_for_a_stored_dump) {
     for (const char* query : {"pop", "pop=1", "popx", "pop&listen"}) {
         expect_waits(query, true);
     }
@@ -147,7 +147,7 @@ TEST_F(request, to_wait_replaces_the_browser_that_waited_before) {
     EXPECT_TRUE(third.is_waiting());
 }
 
-TEST_F(request, of_another_kind_leaves_the_waiting_browser_alone) {
+TEST_F(request, of_another_kind_does_not_affect_the_waiting_browser) {
     browser waiting;
     serve(waiting, "/x/debug.tgz", "pop");
     EXPECT_EQ(answer_to("cmd=nonsense"), bad_request_answer);
@@ -176,7 +176,7 @@ TEST_F(request, releases_its_parameters) {
     EXPECT_EQ(CGI_get_value("mark"), nullptr);
 }
 
-TEST_F(request, for_a_core_without_a_process_waits_and_leaves_the_pop_flag_alone) {
+TEST_F(request, for_a_core_without_a_process_waits_and_keeps_the_pop_flag) {
     for (bool flag : {true, false}) {
         browser client;
         set_pop(flag);
@@ -187,7 +187,7 @@ TEST_F(request, for_a_core_without_a_process_waits_and_leaves_the_pop_flag_alone
     EXPECT_EQ(CGI_get_value("cmd"), nullptr);
 }
 
-TEST_F(request, for_a_core_of_a_process_that_is_not_there_is_bad) {
+TEST_F(request, for_a_core_of_a_missing_process_is_bad) {
     std::string overflow = "cmd=coredump&pid=99999999999";
     for (const std::string& query :
          {numbered("cmd=coredump&pid=", dead_pid()), numbered("cmd=coredump&pid=-", dead_pid()),
@@ -208,14 +208,14 @@ TEST_F(request, for_a_trace_without_any_living_process_is_bad) {
     }
 }
 
-// A child to be named by its number or by its name.
+// Requests that name a child process by its pid or its name.
 class request_for_a_process : public request {
 protected:
-    // A request for a core that has found its process; the dumper's core is the pid.
+    // Expects a request for a core to find the child. The dumper's core holds the pid.
     void expect_found(const std::string& query) {
         EXPECT_EQ(answer_to(query), dump_head("core") + "core of " + number) << query;
     }
-    // A request for a trace that has found its process. The browser leaves, and the process is let go.
+    // Expects a request for a trace to find the child, which is detached when the browser leaves.
     void expect_traced(const std::string& query) {
         browser client;
         serve(client, "/x", query);
@@ -260,7 +260,7 @@ TEST_F(request_for_a_process, compares_names_exactly) {
     }
 }
 
-TEST_F(request_for_a_process, takes_the_item_of_a_list_that_is_alive) {
+TEST_F(request_for_a_process, uses_the_living_process_of_a_list) {
     std::string dead = std::to_string(dead_pid());
     expect_traced("cmd=strace&pid=" + dead + ",,++" + number);
     expect_traced("cmd=strace&pid=" + name + "," + dead);
@@ -281,7 +281,7 @@ TEST_F(request_for_a_process, matches_its_command_by_prefix) {
     expect_not_found(numbered("cmd=stracefoo&pid=", dead_pid()));
 }
 
-TEST_F(request_for_a_process, leaves_the_waiting_browser_and_the_pop_flag_alone) {
+TEST_F(request_for_a_process, does_not_affect_the_waiting_browser_or_the_pop_flag) {
     browser waiting;
     serve(waiting, "/x", "pop");
     expect_found("cmd=coredump&pid=" + number);
@@ -299,7 +299,7 @@ TEST_F(request_for_a_process, does_not_touch_it) {
     EXPECT_EQ(info.si_pid, 0) << "it has stopped or ended";
 }
 
-TEST_F(request_for_a_process, streams_a_core_as_it_comes) {
+TEST_F(request_for_a_process, streams_a_core_as_it_arrives) {
     fake_dumper large("head -c 3000000 /dev/zero");
     browser client;
     std::string core;
@@ -309,7 +309,7 @@ TEST_F(request_for_a_process, streams_a_core_as_it_comes) {
     EXPECT_EQ(core, dump_head("core") + std::string(3000000, '\0'));
 }
 
-TEST_F(request_for_a_process, gets_the_head_alone_when_there_is_no_core) {
+TEST_F(request_for_a_process, gets_only_the_header_without_a_core) {
     std::string error = "dump error for pid " + number + "\n";
     for (const auto& [script, report] : std::vector<std::pair<std::string, std::string>>{
              {"exit 1", error}, {"kill -9 $$", error}, {announce(0), ""}}) {
@@ -336,7 +336,7 @@ TEST_F(request_for_a_process, from_a_browser_that_has_gone_leaves_nothing_behind
     EXPECT_EQ(open_fds(), before);
 }
 
-TEST_F(request, for_a_trace_of_a_name_of_31_characters_finds_it_and_32_are_too_many) {
+TEST_F(request, for_a_trace_accepts_names_of_up_to_31_characters) {
     fake_dumper dumper("printf '%s' \"$3\"");
     std::string longest(31, 'n');
     named_child found(longest);
@@ -345,14 +345,14 @@ TEST_F(request, for_a_trace_of_a_name_of_31_characters_finds_it_and_32_are_too_m
     serve(client, "/x", "cmd=strace&pid=" + longest);
     EXPECT_EQ(first_bytes(client, 15), "HTTP/1.0 200 OK");
     client.go_away();
-    wait_for_workers();  // a traced child's end may be its tracer's to see
+    wait_for_workers();  // the tracer may be the one that sees the child's end
     EXPECT_EQ(answer_to("cmd=strace&pid=" + longest + "n"), bad_request_answer);
     EXPECT_EQ(answer_to("cmd=coredump&pid=" + longest + "n"),
               dump_head("core") + std::to_string(not_found.pid()))
         << "a core has no such limit";
 }
 
-// Only of what tells nothing about other processes and starts no program.
+// Only with sources that do not examine other processes and start no program.
 TEST_F(request, for_a_resource_trace_starts_a_download_of_its_records) {
     const std::string head = download_head("application/octet-stream", "rtrace");
     for (const char* query : {"cmd=rtrace&trace=meminfo", "cmd=rtrace&interval=abc&trace=meminfo",
@@ -366,7 +366,7 @@ TEST_F(request, for_a_resource_trace_starts_a_download_of_its_records) {
 
 TEST_F(request, for_the_process_list_matches_by_prefix) {
     if (access("/bin/ps", X_OK) != 0) {
-        GTEST_SKIP() << "no /bin/ps here";
+        GTEST_SKIP() << "needs /bin/ps";
     }
     std::string head = download_head("text/plain", "psdump.txt");
     for (const char* query : {"cmd=ps", "cmd=psx", "cmd=%70s&pid=1"}) {
@@ -374,7 +374,7 @@ TEST_F(request, for_the_process_list_matches_by_prefix) {
     }
 }
 
-TEST_F(request, that_gets_no_thread_is_answered_as_a_broken_server) {
+TEST_F(request, without_a_thread_gets_a_server_error) {
     int status = run_in_child([] {
         if (!forbid_new_threads()) {
             return 2;
@@ -388,7 +388,7 @@ TEST_F(request, that_gets_no_thread_is_answered_as_a_broken_server) {
     EXPECT_TRUE(exited_with(status, 0));
 }
 
-TEST_F(request, for_an_archive_that_gets_no_thread_leaves_the_next_one_a_chance) {
+TEST_F(request, for_an_archive_without_a_thread_does_not_block_the_next_one) {
     int status = run_in_child([] {
         if (!forbid_new_threads()) {
             return 2;

@@ -24,7 +24,7 @@ protected:
         closelog();
     }
 
-    // Lets a new browser wait and pops for it; says what it got. The log's lines are in `log`.
+    // Pops a dump for a new waiting browser and returns what it received. The log's lines are in `log`.
     std::string pop(const std::string& dir) {
         browser client;
         set_listener(unique_fd(client.hand_over()));
@@ -46,7 +46,7 @@ protected:
 
 using names = std::set<std::string>;
 
-TEST_F(stored_dump, goes_to_the_browser_under_its_own_name_and_is_deleted) {
+TEST_F(stored_dump, is_sent_under_its_own_name_and_deleted) {
     std::string bytes = odd_bytes(5000);
     dumps.write_file("core.recorder.812", bytes);
     EXPECT_TRUE(pop(dumps.path()) == dump_head("core.recorder.812") + bytes);
@@ -54,7 +54,7 @@ TEST_F(stored_dump, goes_to_the_browser_under_its_own_name_and_is_deleted) {
     EXPECT_EQ(log, checked() + "test: Dump dir empty\n");
 }
 
-TEST_F(stored_dump, is_no_fifo) {
+TEST_F(stored_dump, is_not_a_fifo) {
     ASSERT_EQ(mkfifo(dumps.path("fifo").c_str(), 0600), 0);
     EXPECT_EQ(pop(dumps.path()), "");
     EXPECT_EQ(left(), names{"fifo"});
@@ -68,8 +68,8 @@ TEST_F(stored_dump, is_no_fifo) {
     EXPECT_EQ(left(), names{"fifo"});
 }
 
-// Somebody may hold it open for writing, so that reading would wait.
-TEST_F(stored_dump, is_no_fifo_with_a_writer_either) {
+// If a process has it open for writing, a read would wait.
+TEST_F(stored_dump, is_not_a_fifo_with_a_writer) {
     ASSERT_EQ(mkfifo(dumps.path("fifo").c_str(), 0600), 0);
     unique_fd writer(open(dumps.path("fifo").c_str(), O_RDWR | O_CLOEXEC));
     ASSERT_EQ(write(writer.get(), "bytes", 5), 5);
@@ -77,7 +77,7 @@ TEST_F(stored_dump, is_no_fifo_with_a_writer_either) {
     EXPECT_EQ(left(), names{"fifo"});
 }
 
-TEST_F(stored_dump, goes_out_one_for_each_pop) {
+TEST_F(stored_dump, is_sent_one_for_each_pop) {
     dumps.write_file("one", "first dump");
     dumps.write_file("two", "second dump");
     std::string answers[2];
@@ -119,30 +119,30 @@ TEST_F(stored_dump, is_missing_without_a_folder_and_the_browser_is_closed_unansw
     EXPECT_EQ(log, "test: No dump dir\n");
 }
 
-TEST_F(stored_dump, is_missing_where_the_folder_is_a_file) {
+TEST_F(stored_dump, is_missing_if_the_folder_is_a_file) {
     std::string file = dumps.write_file("file", "bytes");
     EXPECT_EQ(pop(file), "");
     EXPECT_EQ(log, "test: Check dir: " + file + "\ncheck_dumps: Not a directory\n");
     EXPECT_EQ(left(), names{"file"});
 }
 
-TEST_F(stored_dump, that_is_a_folder_is_not_sent_and_kept) {
+TEST_F(stored_dump, that_is_a_folder_is_kept_and_not_sent) {
     dumps.write_file("folder/inside", "bytes");
     EXPECT_EQ(pop(dumps.path()), dump_head("folder"));
     EXPECT_EQ(log, checked() + "test: Failed to send dump: folder\n");
     EXPECT_EQ(left(), names{"folder"});
 }
 
-TEST_F(stored_dump, that_can_not_be_opened_is_kept_and_nothing_is_sent) {
+TEST_F(stored_dump, that_cannot_be_opened_is_kept_and_nothing_is_sent) {
     std::filesystem::create_symlink("nowhere", dumps.path("link"));
     EXPECT_EQ(pop(dumps.path()), "");
     EXPECT_EQ(log, checked() + "check_dumps: No such file or directory\n");
     EXPECT_EQ(left(), names{"link"});
 }
 
-TEST_F(stored_dump, that_can_not_be_deleted_has_been_sent_and_is_reported) {
+TEST_F(stored_dump, that_cannot_be_deleted_is_sent_and_reported) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root, to become somebody else";
+        GTEST_SKIP() << "needs root, to become another user";
     }
     dumps.write_file("core", "bytes");
     ASSERT_EQ(chmod(dumps.path().c_str(), 0555), 0);
@@ -156,7 +156,7 @@ TEST_F(stored_dump, that_can_not_be_deleted_has_been_sent_and_is_reported) {
 
 TEST_F(stored_dump, that_may_not_be_read_is_kept_and_nothing_is_sent) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root, to become somebody else";
+        GTEST_SKIP() << "needs root, to become another user";
     }
     ASSERT_EQ(chmod(dumps.write_file("core", "bytes").c_str(), 0), 0);
     ASSERT_EQ(chmod(dumps.path().c_str(), 0777), 0);
@@ -168,7 +168,7 @@ TEST_F(stored_dump, that_may_not_be_read_is_kept_and_nothing_is_sent) {
     EXPECT_EQ(left(), names{"core"});
 }
 
-TEST_F(stored_dump, is_kept_when_the_browser_has_gone) {
+TEST_F(stored_dump, is_kept_if_the_browser_has_gone) {
     dumps.write_file("core", "bytes");
     browser client;
     set_listener(unique_fd(client.hand_over()));
@@ -178,7 +178,7 @@ TEST_F(stored_dump, is_kept_when_the_browser_has_gone) {
     EXPECT_EQ(left(), names{"core"});
 }
 
-TEST_F(stored_dump, is_kept_when_nobody_waits) {
+TEST_F(stored_dump, is_kept_if_no_browser_waits) {
     dumps.write_file("core", "bytes");
     log = capture_stderr([this] { pop_stored_dump(dumps.path().c_str()); });
     EXPECT_EQ(log, checked() + "test: Failed to send dump: core\n");
@@ -196,7 +196,7 @@ TEST_F(stored_dump, leaves_no_descriptor_open) {
     EXPECT_EQ(open_fds(), before);
 }
 
-// On a machine where /var is empty: the device's folders appear one by one, from the last to the first.
+// Runs on a machine where /var is empty. The device's folders are created one by one, from last to first.
 void pop_from_default_folders() {
     ASSERT_EQ(mount("tmpfs", "/var", "tmpfs", 0, nullptr), 0);
     std::string log = capture_stderr([] {
@@ -221,7 +221,7 @@ void pop_from_default_folders() {
     }
 }
 
-TEST_F(stored_dump, comes_from_the_first_of_the_devices_folders_that_opens) {
+TEST_F(stored_dump, is_taken_from_the_first_default_folder_that_opens) {
     int result = run_on_private_machine(pop_from_default_folders);
     if (result == private_machine_refused) {
         GTEST_SKIP() << private_machine_refusal;
@@ -240,7 +240,7 @@ void pop_from_a_missing_folder() {
     EXPECT_EQ(access("/var/volatile/tmp/dumps/core", F_OK), 0);
 }
 
-TEST_F(stored_dump, never_comes_from_the_devices_folders_when_another_is_named) {
+TEST_F(stored_dump, is_never_taken_from_a_default_folder_if_another_is_named) {
     int result = run_on_private_machine(pop_from_a_missing_folder);
     if (result == private_machine_refused) {
         GTEST_SKIP() << private_machine_refusal;

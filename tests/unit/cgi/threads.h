@@ -9,8 +9,8 @@
 
 #include "tests/unit/support/children.h"
 
-// From now on no thread with default attributes can be started in this process: for children only. False when
-// one still can.
+// Prevents this process from starting threads with default attributes. For children only. Returns false if
+// one can still be started.
 inline bool forbid_new_threads() {
     pthread_attr_t attributes;
     pthread_t thread;
@@ -31,8 +31,8 @@ inline void start_detached(void* (*entry)(void*), void* argument) {
     EXPECT_EQ(pthread_attr_destroy(&attributes), 0);
 }
 
-// Waits until every worker has ended, so that the next test may fork: a worker goes on for a moment after it
-// has closed its connection. The thread sanitizer has a thread of its own.
+// Waits until every worker has ended, so that the next test may fork: a worker still runs for a moment after
+// it has closed its connection. The thread sanitizer has a thread of its own.
 inline void wait_for_workers() {
 #ifdef __SANITIZE_THREAD__
     constexpr int usual_threads = 2;

@@ -29,7 +29,7 @@ TEST_F(waiting_browser, is_kept_without_an_answer) {
     EXPECT_TRUE(client.is_waiting());
 }
 
-TEST_F(waiting_browser, is_replaced_by_the_next_and_closed_unanswered) {
+TEST_F(waiting_browser, is_closed_unanswered_when_another_one_waits) {
     browser first;
     browser second;
     set_listener(unique_fd(first.hand_over()));
@@ -45,14 +45,14 @@ TEST_F(waiting_browser, is_closed_unanswered_on_demand) {
     EXPECT_EQ(client.answer(), "");
 }
 
-TEST_F(waiting_browser, can_be_closed_when_there_is_none) {
+TEST_F(waiting_browser, can_be_closed_if_none_waits) {
     std::set<int> before = open_fds();
     close_listener();
     close_listener();
     EXPECT_EQ(open_fds(), before);
 }
 
-TEST_F(waiting_browser, asks_for_a_stored_dump_as_last_said) {
+TEST_F(waiting_browser, asks_for_a_stored_dump_as_last_set) {
     EXPECT_FALSE(is_pop());
     set_pop(true);
     EXPECT_TRUE(is_pop());
@@ -145,7 +145,7 @@ TEST_F(waiting_browser, that_has_gone_before_the_push_makes_it_fail) {
     EXPECT_FALSE(is_open(out_fd));
 }
 
-TEST_F(waiting_browser, that_goes_in_the_middle_makes_the_push_fail) {
+TEST_F(waiting_browser, that_closes_midway_makes_the_push_fail) {
     browser client;
     int in_fd = dump_of(odd_bytes(3 << 20));
     int out_fd = client.daemon_end();
@@ -162,7 +162,7 @@ TEST_F(waiting_browser, that_goes_in_the_middle_makes_the_push_fail) {
     EXPECT_EQ(handle_request_push(dump_of("x"), "core"), 1) << "nobody waits any more";
 }
 
-// What a browser gets from a core handler that sends `sent` and then says nothing.
+// What a browser receives from a core handler that sends `sent` and then nothing more.
 std::string pushed_by_a_silent_handler(const std::string& sent) {
     browser client;
     test_socketpair handler;
@@ -174,7 +174,7 @@ std::string pushed_by_a_silent_handler(const std::string& sent) {
     return client.answer();
 }
 
-TEST_F(waiting_browser, is_not_held_by_a_core_handler_that_says_nothing) {
+TEST_F(waiting_browser, is_not_held_by_a_silent_core_handler) {
     EXPECT_EQ(pushed_by_a_silent_handler(""), dump_head("core"));
 }
 
@@ -182,7 +182,7 @@ TEST_F(waiting_browser, keeps_what_came_before_a_core_handler_fell_silent) {
     EXPECT_EQ(pushed_by_a_silent_handler("some bytes"), dump_head("core") + "some bytes");
 }
 
-TEST_F(waiting_browser, gets_all_of_a_core_that_comes_slowly) {
+TEST_F(waiting_browser, gets_all_of_a_slow_core) {
     browser client;
     test_socketpair handler;
     set_listener(unique_fd(client.hand_over()));
@@ -199,7 +199,7 @@ TEST_F(waiting_browser, gets_all_of_a_core_that_comes_slowly) {
     EXPECT_EQ(client.answer(), dump_head("core") + std::string(static_cast<size_t>(pieces), 'x'));
 }
 
-TEST_F(waiting_browser, gets_a_header_alone_when_the_dump_can_not_be_read) {
+TEST_F(waiting_browser, gets_only_a_header_if_the_dump_cannot_be_read) {
     browser client;
     int in_fd = open(folder.path().c_str(), O_RDONLY | O_CLOEXEC);
     set_listener(unique_fd(client.hand_over()));

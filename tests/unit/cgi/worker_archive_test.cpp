@@ -16,7 +16,7 @@ archive_request* new_request(int client_fd, bool compress) {
     return request.release();
 }
 
-// Whole archives run through every phase, a capture of 5 seconds among them.
+// A whole archive takes a while: its capture alone takes 5 seconds.
 std::string archive_answer(const browser& client) {
     return read_until_end(client.own_end(), std::chrono::seconds(90));
 }
@@ -73,7 +73,7 @@ void aborted_archive() {
     EXPECT_EQ(first_bytes(next, head.size()), head);
 }
 
-TEST(archive_worker, is_free_again_after_a_browser_left_half_way) {
+TEST(archive_worker, is_free_again_after_a_browser_left_midway) {
     expect_on_private_machine(aborted_archive);
 }
 
@@ -104,11 +104,11 @@ void archives_by_path() {
     }
 }
 
-TEST(archive_worker, is_asked_for_by_the_last_part_of_the_path) {
+TEST(archive_worker, uses_the_last_component_of_the_path) {
     expect_on_private_machine(archives_by_path);
 }
 
-TEST(archive_worker, that_can_not_detach_answers_a_broken_server_and_is_free) {
+TEST(archive_worker, that_cannot_detach_answers_with_a_server_error_and_is_free) {
     for (int compress : {0, 1}) {
         browser client;
         archive_busy = 1;

@@ -8,7 +8,7 @@
 
 namespace {
 
-TEST(pcap_worker, that_can_not_detach_answers_a_broken_server) {
+TEST(pcap_worker, that_cannot_detach_answers_with_a_server_error) {
     browser client;
     auto request = worker_new_record<pcap_request>();
     request->client = unique_fd(client.hand_over());
@@ -17,7 +17,7 @@ TEST(pcap_worker, that_can_not_detach_answers_a_broken_server) {
     wait_for_workers();
 }
 
-TEST(pcap_worker_death, null_record_is_said_under_the_chief_file_s_name) {
+TEST(pcap_worker_death, null_record_is_reported_under_the_name_request) {
     EXPECT_EXIT(
         {
             forbid_core_files();

@@ -16,7 +16,7 @@ class ps_worker : public testing::Test {
 protected:
     void SetUp() override {
         if (access("/bin/ps", X_OK) != 0) {
-            GTEST_SKIP() << "no /bin/ps here";
+            GTEST_SKIP() << "needs /bin/ps";
         }
     }
     void TearDown() override { wait_for_workers(); }
@@ -50,7 +50,7 @@ TEST_F(ps_worker, closes_the_connection_of_a_browser_that_has_gone) {
     EXPECT_TRUE(eventually([fd] { return fcntl(fd, F_GETFD) < 0; }));
 }
 
-TEST(ps_worker_start, that_can_not_detach_answers_a_broken_server) {
+TEST(ps_worker_start, that_cannot_detach_answers_with_a_server_error) {
     browser client;
     start_detached(run_ps_request, as_argument(client.hand_over()));
     EXPECT_EQ(client.answer(), broken_server_answer);

@@ -16,7 +16,7 @@ using clock_type = std::chrono::steady_clock;
 
 const std::string head = download_head("application/octet-stream", "rtrace");
 
-// Only sources that tell nothing about other processes and start no program: these tests run on any machine.
+// For sources that do not examine other processes and start no program, so the tests can run on any machine.
 rtrace_request* new_request(int client_fd, int32_t interval, uint32_t mask) {
     auto request = worker_new_record<rtrace_request>();
     request->client = unique_fd(client_fd);
@@ -38,7 +38,7 @@ std::string first_bytes(const browser& client, size_t count) {
 
 }  // namespace
 
-TEST(rtrace_worker, streams_records_behind_the_head_of_a_download) {
+TEST(rtrace_worker, streams_records_after_the_header_of_a_download) {
     browser client;
     start(client, 1000, rtrace_meminfo);
     EXPECT_EQ(first_bytes(client, head.size()), head);
@@ -50,7 +50,7 @@ TEST(rtrace_worker, streams_records_behind_the_head_of_a_download) {
     wait_for_workers();
 }
 
-TEST(rtrace_worker, ends_within_a_second_when_the_browser_goes_in_a_long_interval) {
+TEST(rtrace_worker, ends_within_a_second_if_the_browser_closes_in_a_long_interval) {
     for (int32_t interval : {60, 2147483647, -1, INT32_MIN}) {
         browser client;
         start(client, interval, rtrace_smapstot);
@@ -62,7 +62,7 @@ TEST(rtrace_worker, ends_within_a_second_when_the_browser_goes_in_a_long_interva
     }
 }
 
-TEST(rtrace_worker, ends_when_the_browser_went_before_it_began) {
+TEST(rtrace_worker, ends_if_the_browser_has_closed_before_it_begins) {
     for (int i = 0; i < 100; i++) {
         browser client;
         client.go_away();
@@ -71,7 +71,7 @@ TEST(rtrace_worker, ends_when_the_browser_went_before_it_began) {
     }
 }
 
-TEST(rtrace_worker, that_cannot_detach_answers_as_a_broken_server) {
+TEST(rtrace_worker, that_cannot_detach_answers_with_a_server_error) {
     browser client;
     start_detached(run_rtrace_request, new_request(client.hand_over(), 1, rtrace_meminfo));
     EXPECT_EQ(client.answer(), broken_server_answer);

@@ -71,7 +71,7 @@ int unsent_bytes(int daemon_fd) {
     return count;
 }
 
-// Whether a trace stands still because its browser does not read: `waiting_bytes` stays what it is, and the
+// True if a trace stands still because its browser does not read: `waiting_bytes` does not change, and the
 // process stays stopped.
 template <typename Count>
 bool is_held_up(Count waiting_bytes, pid_t pid, std::chrono::milliseconds how_long = 20ms) {
@@ -126,7 +126,7 @@ TEST(strace_worker, reports_calls_signals_exits_and_descriptors) {
     EXPECT_TRUE(exited_with(child.child.end(), 6));
 }
 
-TEST(strace_worker, ends_when_the_browser_goes_although_nothing_happens) {
+TEST(strace_worker, ends_if_the_browser_closes_while_nothing_happens) {
     tracee sleeper(sleep_for_ever);
     browser client;
     start(client, {sleeper.pid()});
@@ -151,7 +151,7 @@ TEST(strace_worker, ends_when_the_browser_sends_something_and_still_lists_the_de
     expect_free(sleeper.pid());
 }
 
-TEST(strace_worker, browser_that_has_gone_before_the_trace_begins_harms_nobody) {
+TEST(strace_worker, browser_that_has_gone_before_the_trace_does_no_harm) {
     for (int i = 0; i < effort(100, 25); i++) {
         tracee sleeper(sleep_for_ever);
         browser client;
@@ -195,8 +195,8 @@ TEST(strace_worker, browser_that_stops_reading_does_not_hold_the_processes_for_e
 // The slowest browser that is sure to be served to the end.
 constexpr int slow_bytes_a_second = 5000;
 
-// Reads at that rate for twice as long as a browser may take nothing, and catches up after a delay of its
-// own. Returns whether the process is still traced.
+// Reads at that rate for more than twice the stall limit, and catches up if the test itself was delayed.
+// Returns true if the process is still traced.
 bool is_traced_by_a_slow_browser(int fd, pid_t pid) {
     constexpr auto how_long = std::chrono::milliseconds(2 * strace_stall_ms + 2000);
     const auto begun = clock_type::now();
@@ -217,7 +217,7 @@ bool is_traced_by_a_slow_browser(int fd, pid_t pid) {
     return is_traced(pid);
 }
 
-TEST(strace_worker, slow_browser_at_a_local_socket_is_served) {
+TEST(strace_worker, slow_browser_on_a_local_socket_is_served) {
     tracee busy(call_for_ever);
     browser client;
     start(client, {busy.pid()});
@@ -227,7 +227,7 @@ TEST(strace_worker, slow_browser_at_a_local_socket_is_served) {
     expect_free(busy.pid());
 }
 
-TEST(strace_worker, slow_browser_at_a_tcp_connection_is_served) {
+TEST(strace_worker, slow_browser_on_a_tcp_connection_is_served) {
     tracee busy(call_for_ever);
     auto [own, daemons] = tcp_pair();
     start(std::move(daemons), {busy.pid()});
@@ -237,7 +237,7 @@ TEST(strace_worker, slow_browser_at_a_tcp_connection_is_served) {
     expect_free(busy.pid());
 }
 
-// How much the browser has to read before the daemon's end of a connection at a standstill notices.
+// The bytes that a browser must read from a stalled connection before the daemon's end shows progress.
 int bytes_until_noticed(int own_fd, int daemon_fd) {
     constexpr int step = 512;
     constexpr int enough = 1 << 20;
@@ -250,7 +250,7 @@ int bytes_until_noticed(int own_fd, int daemon_fd) {
     return taken;
 }
 
-TEST(strace_worker, slow_browser_at_a_tcp_connection_is_noticed_to_read) {
+TEST(strace_worker, reading_of_a_slow_tcp_browser_is_noticed) {
     tracee busy(call_for_ever);
     auto [own, daemons] = tcp_pair();
     unique_fd watched(dup(daemons.get()));
@@ -317,7 +317,7 @@ TEST(strace_worker, leaves_no_descriptor_open) {
     EXPECT_EQ(open_fds(), before);
 }
 
-TEST(strace_worker_death, null_record_is_said_under_the_chief_file_s_name) {
+TEST(strace_worker_death, null_record_is_reported_under_the_name_request) {
     EXPECT_DEATH(run_strace_request(nullptr), "request:470: run_strace_request: Assertion `req' failed");
     EXPECT_DEATH(run_strace_watcher(nullptr), "request:431: run_strace_watcher: Assertion `req' failed");
 }

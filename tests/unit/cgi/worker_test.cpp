@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(worker_assert, goes_on_while_the_fact_holds) {
+TEST(worker_assert, returns_if_the_condition_holds) {
     worker_assert(true, "req", 311, "run_archive_request");
 }
 
@@ -30,7 +30,7 @@ TEST(worker_assert, ends_the_program_with_the_standard_message) {
         "^[^:]*: request:406: run_ps_request: Assertion `data' failed\\.\n");
 }
 
-// What a thread found out about itself.
+// What a thread reports about its own state.
 struct detach_report {
     int client_fd;
     std::atomic<int> went_on{-1};
@@ -63,7 +63,7 @@ TEST(worker_detach, detaches_the_calling_thread_and_writes_nothing) {
     wait_for_workers();
 }
 
-TEST(worker_detach, answers_a_broken_server_when_it_fails) {
+TEST(worker_detach, answers_with_a_server_error_if_it_fails) {
     browser client;
     static detach_report report;
     report.client_fd = client.daemon_end();
@@ -95,7 +95,7 @@ TEST(worker_start, runs_the_entry_with_its_argument_on_a_thread_of_its_own) {
     wait_for_workers();
 }
 
-TEST(worker_start, says_when_there_is_no_thread) {
+TEST(worker_start, returns_false_if_no_thread_can_be_started) {
     int status = run_in_child([] {
         if (!forbid_new_threads()) {
             return 2;
