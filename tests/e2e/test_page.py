@@ -320,7 +320,7 @@ def test_cancelling_ends_the_connection(browser, front, play):
 
     fake = play(valid_answers)
     fake.answer = stream
-    assert browser.play(front, "cancel") == "Cancelled. What had arrived was dropped."
+    assert browser.play(front, "cancel") == "Cancelled. The data received so far was discarded."
     wait_for(lambda: ended == [b"/debugar.cgi\0cmd=coredump&pid=7"], "the connection ended")
 
 

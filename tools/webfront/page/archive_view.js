@@ -2,8 +2,8 @@
 import {make} from "./dom.js";
 import {TarReader} from "./tar.js";
 
-// The order in which the daemon makes an archive. A member belongs to the first phase, from the current one on, whose
-// pattern matches its name.
+// The phases of an archive, in order. A member belongs to the first phase whose pattern matches its name, searched from
+// the current phase on.
 const PHASES = [
     ["Status and configuration", /^(dbg-monitor\.txt|media\.conf)$/],
     ["First snapshot of /proc", /^proc/],

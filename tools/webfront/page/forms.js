@@ -15,7 +15,7 @@ function announce(sentence) {
 
 async function start(form, {without = "", focus = false} = {}) {
     if (running.size >= RUNNING_LIMIT) {
-        announce(`${RUNNING_LIMIT} requests are running, the most that a browser allows. Stop one first.`);
+        announce(`${RUNNING_LIMIT} requests are running, the most that this page allows. Stop one first.`);
         return;
     }
     const sink = await openSink(KINDS[form.dataset.kind], form.dataset.save);
@@ -65,7 +65,7 @@ export function requestFor(kind, pid) {
     fillPid(kind, pid).requestSubmit();
 }
 
-// Makes a box for each source of a resource trace. The boxes and the field follow each other.
+// Makes a box for each source of a resource trace. A change of a box changes the field, and vice versa.
 export function prepareSources() {
     const input = find("form[data-kind=rtrace]").elements.trace;
     const words = [...new Set(findAll("#sources-hint code").map((code) => code.textContent))];

@@ -78,7 +78,7 @@ export class Job {
         const verdict = await view?.end();
         if (this.#stopped && !this.kind.endless) {
             await sink.drop();
-            this.#finish("Cancelled. What had arrived was dropped.");
+            this.#finish("Cancelled. The data received so far was discarded.");
             return;
         }
         await this.#conclude(sink, error, verdict);
@@ -151,7 +151,7 @@ export class Job {
         find("button", section).focus();
     }
 
-    // Updates the figures; `over`: for the last time, with the average rate of the whole download.
+    // Updates the figures. With `over`, it is the last time, and the rate is the average of the whole download.
     tick(over = false) {
         const now = performance.now();
         this.#marks.push([now, this.received]);

@@ -1,24 +1,24 @@
-// The kinds of request, by the data-kind of their forms. Each states
+// The kinds of request, by the data-kind of their forms. Each has
 //
 //   title        returns the request's name, made from its parameters and its path
 //   view         a class that shows what arrives; null: only the size is shown
-//   ended        text at a regular end
+//   ended        text after a complete answer
 //   staysInPage  the view keeps the text and can save it; other kinds go into a file
 //   live         the view follows the last lines and can be paused
 //   endless      runs until it is stopped, and keeps what has arrived by then
 //   asking       text until an answer arrives
 //   silent       text after the head of the answer, until the first byte
 //   refused      returns what a 400 means, from the parameters
-//   unanswered   what it means that the connection ends without an answer
+//   unanswered   text if the connection ends without an answer
 //   expected     returns the number of bytes that will arrive, from the parameters
 //
-// Only the first three are needed. A view has feed(bytes), and end(), which may return a verdict on what has arrived:
+// Only the first three are required. A view has feed(bytes), and end(), which may return a verdict on what has arrived:
 // {bad, text}.
 import {ArchiveView} from "./archive_view.js";
 import {nameOf} from "./listings.js";
 import {TextView} from "./text_view.js";
 
-// The processes that a request names; pids with the names of the processes, if the list has them.
+// The processes that a request selects. A pid is followed by the name of its process, if the list has it.
 function processesOf(query) {
     const words = (query.get("pid") ?? "").split(",").map((word) => word.trim()).filter(Boolean);
     return words.map((word) => (nameOf(word) ? `${word} (${nameOf(word)})` : word)).join(", ") || "all processes";

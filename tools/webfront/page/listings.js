@@ -3,10 +3,10 @@ import {timeOfDay} from "./numbers.js";
 
 const LIST_TIMEOUT_MS = 15000;
 
-// The last list of processes that arrived, and the time of day then.
+// The last list of processes received, and the time of day when it was received.
 export const latest = {processes: [], time: ""};
 
-// `pid` is text.
+// `pid` is a string.
 export const nameOf = (pid) => latest.processes.find((one) => String(one.pid) === pid)?.name;
 
 async function getJson(path) {

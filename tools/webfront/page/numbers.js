@@ -1,4 +1,4 @@
-// Numbers as text for people.
+// Formats numbers for people.
 
 export function size(bytes) {
     const units = ["bytes", "kB", "MB", "GB", "TB"];
@@ -9,7 +9,7 @@ export function size(bytes) {
     return `${unit === 0 || bytes >= 100 ? Math.round(bytes) : bytes.toFixed(1)} ${units[unit]}`;
 }
 
-// MM:SS, from an hour on H:MM:SS.
+// MM:SS, or H:MM:SS from one hour on.
 export function duration(ms) {
     const seconds = Math.floor(ms / 1000);
     const two = (number) => String(number).padStart(2, "0");

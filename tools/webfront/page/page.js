@@ -1,5 +1,5 @@
 // What the page needs scripts for: downloads that show their progress and can be stopped, the list of processes, and
-// traces that can be watched. Its forms and links work without.
+// traces that can be watched. Its forms and links work without scripts.
 import {find, findAll, make} from "./dom.js";
 import {prepareForm, prepareSources} from "./forms.js";
 import {watchJobs} from "./job.js";

@@ -6,7 +6,7 @@ import {size} from "./numbers.js";
 
 const LIST_EVERY_MS = 5000;
 
-// By the letter of /proc/PID/stat.
+// The names of states, by their letters in /proc/PID/stat.
 const STATES = {
     R: "running", S: "sleeping", D: "uninterruptible", Z: "zombie", T: "stopped", t: "being traced",
     I: "idle", X: "dead",
@@ -41,7 +41,7 @@ async function refresh() {
     list.refreshing = false;
 }
 
-// The names that fields for processes suggest.
+// Updates the names that the fields for processes suggest.
 function drawNames() {
     const names = [...new Set(latest.processes.filter((one) => !one.kernel).map((one) => one.name))].sort();
     const offered = findAll("#names option").map((option) => option.value);

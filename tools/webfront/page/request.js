@@ -1,7 +1,7 @@
-// What a form asks for, and what a refusal means.
+// Builds requests from forms, and explains refusals.
 
-// The parameters in a form's fields, but `without`. Empty fields are left out; hidden ones are part of the request,
-// even without a value.
+// Returns the parameters in a form's fields, except the one named `without`. Skips empty fields, but not hidden ones,
+// which are part of the request even without a value.
 export function parameters(form, without) {
     const query = new Map();
     for (const [name, value] of new FormData(form)) {
@@ -18,7 +18,7 @@ export function address(path, query) {
     return pairs.length > 0 ? `${path}?${pairs.join("&")}` : path;
 }
 
-// What an answer other than 200 means, as a sentence.
+// Returns a sentence that explains an answer other than 200.
 export async function refusal(job, response) {
     const text = await response.text().catch(() => "");
     if (response.headers.get("Content-Type") === "text/plain; charset=utf-8") {

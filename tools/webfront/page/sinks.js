@@ -2,7 +2,7 @@
 //
 //   write(bytes)  may return a promise
 //   keep(job)     at the end: returns the sentence that says where the bytes are
-//   drop()        instead of keep: deletes what it has
+//   drop()        called instead of keep: discards the bytes
 import {find, make} from "./dom.js";
 
 // From this size on, collected bytes become a Blob, which the browser may move from memory to disk.

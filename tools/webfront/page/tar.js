@@ -31,7 +31,7 @@ export class TarReader {
         }
     }
 
-    // Whether the stream may end here: after a member, or after the empty blocks that end an archive.
+    // True if the stream may end here: after a member, or after the empty blocks that end an archive.
     get complete() {
         return !this.failed && this.members > 0 && this.#filled === 0 && this.#skip === 0;
     }
