@@ -137,7 +137,7 @@ int end_archive(tar_handle* tar, bool is_complete) {
 
 int stream_debug_archive(int fd, int skip_pid, int browser_fd) {
     phase_begin();
-    (void)disable_watchdogs();  // it reports a failure; the archive is made all the same
+    (void)disable_watchdogs();  // it reports its own failure; the archive is made anyway
     archive_run run;
     run.fd = fd;
     run.browser_fd = browser_fd;

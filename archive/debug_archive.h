@@ -1,11 +1,11 @@
 // The members of a debug archive and their order.
 #pragma once
 
-// Writes one archive to `fd` (borrowed). `skip_pid` (the compressor; -1: none) is left out of the process
-// list, the trace and the dumps. `browser_fd` is the connection that the archive is sent on, whose traffic
-// the capture leaves out; -1 if that is `fd` itself.
+// Writes one archive to `fd` (borrowed). `skip_pid` (the compressor; -1: none) is excluded from the process
+// list, the trace and the dumps. `browser_fd` is the connection that the archive is sent on, whose traffic is
+// excluded from the capture; -1 if that is `fd` itself.
 //
-// A member that cannot be made because memory or descriptors run out is left out. A failed write ends the
+// A member that cannot be made because memory or descriptors run out is skipped. A failed write ends the
 // archive. Returns 0 if the whole archive was written, else the errno of the failure.
 //
 // The service watchdogs are off meanwhile. A phase without progress for phase_seconds (archive/phase.h) ends

@@ -11,7 +11,7 @@ int member_size(int64_t size);
 
 // Copies at most `size` bytes of `in_fd` into the archive, so that a file that has grown since its size was
 // promised does not break the archive. A read error counts as end of file. A block whose write fails is not
-// counted, and the copy goes on. Returns the number of bytes copied, or -1 if the reader is gone (EPIPE).
+// counted, and the copy continues. Returns the number of bytes copied, or -1 if the reader is gone (EPIPE).
 int64_t member_copy(tar_handle* t, int in_fd, int64_t size);
 
 // Stores the whole file `in_fd` as member `name`. If the file shrinks meanwhile, the rest is zero bytes. If

@@ -15,15 +15,15 @@
 
 namespace {
 
-// Each step of a dumper may take its whole timeout; only its end is progress for the phase.
+// A silent step of a dumper may take its whole timeout, and the phase sees progress only when it ends.
 static_assert(dump_default_timeout_ms < 1000 * static_cast<int>(phase_seconds));
 
 struct program_name {
     char text[81];
 };
 
-// The file name of the program with which the command line of `pid` begins. Empty if the process has no
-// command line, "unknown" if that cannot be read.
+// Returns the file name in the first argument of `pid`'s command line. Empty if the process has no command
+// line, "unknown" if that cannot be read.
 program_name read_program_name(pid_t pid) {
     char command[sizeof program_name::text];
     if (small_file_text(proc_path(pid, "cmdline").text, command, sizeof command) < 0) {
@@ -73,7 +73,7 @@ bool end_dump(dump_run* run) {
     if (dump_end(run)) {
         return true;
     }
-    // Without a newline; deliberate.
+    // The missing newline is deliberate.
     fprintf(stderr, "dump error for pid %d", static_cast<int>(run->pid));
     return false;
 }

@@ -12,7 +12,7 @@ constexpr int dump_client_gone = 32;
 // "NAME.PID/fdmap". `fd` is the archive's descriptor. Entries from `index` on that the same dump covered
 // become -1.
 //
-// If the dumper makes no core, the process gets no member. If it exits with an error, the map is left out. A
+// If the dumper makes no core, the process gets no member. If it exits with an error, there is no map. A
 // core that is shorter than announced is padded with zero bytes; a longer one is cut. All of this is reported
 // on standard error. Returns 0, or dump_client_gone if the client went away while the core was copied.
 int dump_one(tar_handle* t, int fd, pid_t* pids, int index, int count);

@@ -1,4 +1,4 @@
-// The map of a process's descriptors, beside its core dump.
+// The list of a process's descriptors, which follows its core dump.
 #pragma once
 
 #include <sys/types.h>

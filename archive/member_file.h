@@ -3,11 +3,11 @@
 
 #include "archive/tar.h"
 
-// Default limit of the bytes read from a file.
+// Default limit on the bytes read from a file.
 constexpr unsigned member_read_bound = 102400;
 
-// How long one file is waited for when it has no data yet, such as a FIFO. The bytes read until then are the
-// member. Only the archive's phase limit ends a read in a driver that ignores O_NONBLOCK.
+// How long to wait in all for a file that has no data yet, such as a FIFO. The bytes read until then become
+// the member. Only the archive's phase limit ends a read in a driver that ignores O_NONBLOCK.
 constexpr int member_read_timeout_ms = 2000;
 
 // Stores the first `limit` (0: member_read_bound) bytes of the file `path` as member `name`. An empty file, a

@@ -9,8 +9,8 @@ namespace {
 
 constexpr size_t longest_process_file = sizeof "fdmap" - 1;
 
-// How many bytes of `text` fit beside the archive's prefix and `other_length` further bytes of the name. An
-// int, for printf.
+// How many bytes of `text` fit in a member name that also has the archive's prefix and `other_length` other
+// bytes. An int, for printf.
 int fitting_length(const tar_handle* t, const char* text, size_t other_length) {
     const size_t used = t->prefix_len + other_length;
     const size_t left = longest_member_name - std::min(used, longest_member_name);

@@ -15,7 +15,7 @@
 
 namespace {
 
-// Memory images, and the kernel log: a line that is read there is missing in the system log.
+// Memory images, and the kernel log: reading a line from it would remove that line from the system log.
 constexpr const char* proc_skip_names[] = {"kcore", "vmcore", "kmem", "kmsg", nullptr};
 
 constexpr const char* proc_snapshot_dirs[] = {
@@ -55,7 +55,7 @@ int stream_proc(tar_handle* t, int fd) {
     snprintf(name, sizeof name, "proc.%s/", time_stamp_now().text);
     int result = stream_dir_unknownsize(t, fd, name, "/proc/", proc_skip_names);
     for (const char* dir : proc_snapshot_dirs) {
-        (void)stream_dir_unknownsize(t, fd, dir + 1, dir, nullptr);  // kernels lack some of them
+        (void)stream_dir_unknownsize(t, fd, dir + 1, dir, nullptr);  // a kernel may lack some of them
     }
     return result;
 }

@@ -3,7 +3,7 @@
 
 #include "archive/tar.h"
 
-// Largest kernel core that is stored in an archive.
+// Size in bytes of the largest kernel core that is stored in an archive.
 constexpr int kcore_limit = 10 * 1024 * 1024;
 
 // Stores one snapshot: the files of /proc itself as "proc.YYYYMMDD-HHMMSS/...", then those of certain

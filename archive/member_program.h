@@ -10,8 +10,8 @@ struct program_member {
     const char* name;
 };
 
-// Runs the program with both outputs to a temporary file and stores that. If no temporary file can be made,
-// there is no member. Returns what member_store returns.
+// Runs the program with standard output and standard error in a temporary file, and stores that file. If no
+// temporary file can be made, there is no member. Returns what member_store returns.
 int stream_program(tar_handle* t, int fd, const program_member& member);
 
 // The oops log reader's output, as "oopslog", and the server report script's, as "serverreport.txt".

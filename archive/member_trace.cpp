@@ -21,7 +21,7 @@ struct trace_sink {
     tar_handle* tar;
     char* text;          // of strace_budget bytes
     int length = 0;      // bytes received
-    int written = 0;     // bytes of them that were written
+    int written = 0;     // how many of them were written
     uint32_t started_s;  // ptime()
     bool has_failed = false;
     int error = 0;  // errno of the failed write
@@ -46,7 +46,8 @@ void flush_some(trace_sink* sink) {
     }
 }
 
-// Called by the trace with its text, or without any as a poll. Returns 0 to stop the trace, else 1.
+// The trace calls this with its text and, from time to time, without text. Returns 0 to stop the trace,
+// else 1.
 int32_t receive_text(void* cookie, const char* text, int length) {
     trace_sink* sink = static_cast<trace_sink*>(cookie);
     const int kept = std::min(length, strace_budget - sink->length);

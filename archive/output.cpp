@@ -15,8 +15,8 @@
 
 namespace {
 
-// A blocking write counts as progress only when it returns: at 1 kB/s, after 16 s. A multiple of pad_ascii's
-// lines, so that blocks of filler join.
+// A blocking write counts as progress only when it returns: at 1 kB/s, after 16 s. A multiple of the length
+// of pad_ascii's lines, so that filler of several blocks still consists of whole lines.
 constexpr size_t block_size = 16000;
 
 // Records the result of a block's write and returns it.

@@ -1,4 +1,4 @@
-// Writes an archive's bytes. All of them go through here.
+// Writes an archive's bytes.
 //
 // Bytes are written in blocks. Each block counts as progress of the archive's phase (archive/phase.h), so a
 // slow reader does not look like a hang. The handle keeps the error of the first failed write.

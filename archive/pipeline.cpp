@@ -18,8 +18,8 @@ namespace {
 
 constexpr int no_pid = -1;
 
-// Shared by the builder and the compressor, its child. The initial values are those of a process that was
-// killed.
+// Shared by the builder and the compressor, its child. A process that is killed leaves the initial values
+// unchanged.
 struct shared_state {
     std::atomic<int> is_built{0};
     std::atomic<int> compressor_error{ECANCELED};
@@ -30,7 +30,8 @@ bool is_built(void* context) {
 }
 
 [[noreturn]] void run_compressor(unique_pipe* pipe, int out_fd, shared_state* shared) {
-    // fd_range_close_from may fail to close it; the compressor would then wait for its own end of file.
+    // Close it here, because fd_range_close_from may fail: a compressor that holds the write end of its own
+    // input never reads end of file.
     pipe->write_end.reset();
     if (out_fd != STDOUT_FILENO) {
         dup2(out_fd, STDOUT_FILENO);

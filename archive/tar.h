@@ -3,7 +3,7 @@
 //
 // Call tar_new; then for each member tar_addfile and exactly the promised bytes, through any mix of tar_write
 // and direct writes counted with tar_fakewrite; then tar_close. Padding follows the counted bytes, not the
-// promise. A failed write is not reported: the handle keeps its error. All writes go through
+// promise. A failed write is not reported: the handle keeps its error. Writes go through
 // archive/output.h.
 //
 // Header layout: POSIX.1-1988 ustar, with two oddities that are deliberate: the version field holds two

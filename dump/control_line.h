@@ -1,8 +1,8 @@
 // The line with which the dumper announces a core on its standard error:
 //   control_line_head_size characters, the core's length in bytes, control_line_gap_size characters, the pids
 //   of further processes that the same dump covers, separated by single blanks; then a newline.
-// Numbers are decimal. The characters in between are the dumper's and are skipped. A length of 0 means that
-// no core follows.
+// Numbers are decimal. The characters before and after the length are up to the dumper and are skipped. A
+// length of 0 means that no core follows.
 #pragma once
 
 #include <stddef.h>
@@ -17,7 +17,7 @@ constexpr size_t control_line_buffer_size = 512;
 // The longest line, with its newline.
 constexpr size_t control_line_limit = control_line_buffer_size - 1;
 
-// How long dump_read_ctl_line goes on reading after end of file, and the pause between two attempts.
+// How long dump_read_ctl_line continues to read after end of file, and the pause between two attempts.
 constexpr int control_line_eof_timeout_ms = 50;
 constexpr int control_line_eof_pause_ms = 10;
 
@@ -46,8 +46,8 @@ struct control_text {
 
 // Appends to `text` from the pipe `fd` (borrowed) until it holds a newline. Returns 0, or an errno:
 //   ETIMEDOUT   no newline within `timeout_ms`, or within control_line_eof_timeout_ms after end of file
-//   EMSGSIZE    the line is longer than control_line_limit; reported if the buffer has no newline at all
-//   another     the error of the read, which is reported
-// Reports go to standard error and begin with "dump_read_ctl_line: ". `text` holds what was read in each
-// case.
+//   EMSGSIZE    the line is longer than control_line_limit; reported only if the full buffer has no newline
+//   others      the error of the read, which is reported
+// Reports go to standard error and begin with "dump_read_ctl_line: ". In all cases, `text` keeps what
+// was read.
 int dump_read_ctl_line(int fd, int timeout_ms, control_text* text);

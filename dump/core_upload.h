@@ -1,7 +1,7 @@
 // Uploads a core from standard input to an FTP server, with libcurl.
 //
-// libcurl is loaded for the first upload instead of linked: linking it would slow down the start of every
-// applet several times.
+// libcurl is loaded for the first upload instead of linked: if it were linked, every applet would take
+// several times as long to start.
 #pragma once
 
 #include <curl/curl.h>
@@ -34,7 +34,7 @@ struct core_upload_target {
     long timeout_s = 0;  // for the whole upload; 0: none
 };
 
-// How a core is named to the server.
+// The name of a core in the two forms that the server gets.
 struct core_upload_names {
     std::string url;      // special characters of the core's name are escaped, "/" too
     std::string command;  // "RNFR FOLDER/NAME"

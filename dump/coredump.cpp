@@ -19,7 +19,7 @@
 
 namespace {
 
-// How a core came out.
+// The result of a dump.
 struct core_outcome {
     int64_t copied = 0;     // bytes; -1: the browser is gone
     bool is_good = false;   // the dumper exited with 0

@@ -28,7 +28,7 @@ namespace {
 constexpr size_t answer_size = 8;
 
 // Numbers of words on the command line, with the applet's name.
-constexpr int checked_words = 3;  // from here on
+constexpr int checked_words = 3;  // with this many or more, the command line is checked
 constexpr int all_words = 5;
 
 bool parse_decimal(const char* text, unsigned long long* number) {
@@ -89,7 +89,7 @@ bool connect_to(int sock, const char* path) {
     return address.has_whole_path() && connect(sock, address.get(), address.size()) == 0;
 }
 
-// safe_copyfd would retry an unreadable descriptor without end.
+// safe_copyfd would retry an unreadable descriptor forever.
 bool is_readable(int fd) {
     char unused;
     return read(fd, &unused, 0) == 0;
@@ -106,7 +106,7 @@ int forward_core() {
     if (!sock) {
         return 1;
     }
-    // If no browser waits for the core, the daemon closes at once. That is no failure.
+    // If no browser waits for the core, the daemon closes at once. That is not a failure.
     (void)safe_copyfd(STDIN_FILENO, sock.get());
     shutdown(sock.get(), SHUT_WR);  // the end of file that the daemon waits for
     cored_mgm_close(std::move(sock));

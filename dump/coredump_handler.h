@@ -1,7 +1,8 @@
 // The program that the kernel starts when a process crashes, with the core on its standard input.
 //
 // The arguments and the device's configuration decide if the core is dropped, sent to the debug daemon or
-// uploaded. The program has no terminal: failures are in the system log.
+// uploaded. Failures are reported in the system log,
+// except those of the connection to the daemon, which go to standard error.
 #pragma once
 
 #include <string>
@@ -30,9 +31,9 @@ struct core_destination {
     core_upload_target ftp;  // `url` is empty if it is not configured
 };
 
-// Reads the configuration. The value of the first "CoreHandler" means FTP if it begins with "FTP", else the
-// daemon. The target is read from the sections after it whose names begin with "CoreHandlerFtp"; the last of
-// equal keys counts. An unreadable file means the daemon.
+// Reads the configuration. The value of the first "CoreHandler" selects FTP if it begins with "FTP", else the
+// daemon. The target is read from the sections after it whose names begin with "CoreHandlerFtp"; if a key is
+// repeated, its last value counts. If the file cannot be read, cores go to the daemon.
 core_destination core_destination_read(const char* config_path);
 
 // How long cored_mgm_close waits.

@@ -31,8 +31,8 @@ struct dumper_settings {
 };
 dumper_settings settings;
 
-// A copy of the argument vector with the pid. Runs at the same time must not share one: each would pass the
-// other's pid.
+// Returns a copy of the argument vector with the pid. Concurrent runs must not share one: the second would
+// replace the first one's pid before the first has started its dumper.
 malloc_array<char*> arguments_for(char* pid_text) {
     size_t count = static_cast<size_t>(settings.argc);
     malloc_array<char*> argv = calloc_array<char*>(count + 1);
@@ -84,8 +84,8 @@ size_t read_block(unique_fd* stream, char* block) {
     return count > 0 ? static_cast<size_t>(count) : 0;
 }
 
-// Messages go to a file: only after the core it is known if they are wanted, and a dumper whose messages
-// nobody reads would block before its core is complete.
+// Messages go to a file: it is not known if they are wanted until the core has ended, and a dumper whose
+// messages are not read would block before its core is complete.
 void keep_messages(dump_run* run, const char* bytes, size_t length) {
     if (length == 0 || run->message_bytes == dump_messages_limit) {
         return;
@@ -94,11 +94,12 @@ void keep_messages(dump_run* run, const char* bytes, size_t length) {
         run->messages = temp_file_unlinked("/tmp/.dumpmsgXXXXXX");
     }
     length = std::min(length, dump_messages_limit - run->message_bytes);
-    (void)safe_write(run->messages.get(), bytes, static_cast<unsigned>(length));  // else they are lost
+    (void)safe_write(run->messages.get(), bytes,
+                     static_cast<unsigned>(length));  // a failure only loses messages
     run->message_bytes += length;
 }
 
-// Writes the part of a block that is within the sink's limit; `offset` is the block's place in the core.
+// Writes the part of a block that is within the sink's limit; `offset` is the block's position in the core.
 bool write_block(const core_sink& sink, int64_t offset, const char* block, size_t length) {
     const int64_t wanted = std::clamp<int64_t>(sink.limit - offset, 0, static_cast<int64_t>(length));
     return wanted == 0 || sink.write(sink.cookie, block, static_cast<size_t>(wanted));
@@ -216,8 +217,8 @@ int64_t dump_copy_core(dump_run* run, const core_sink& sink) {
                 return -1;
             }
             if (is_progress) {
-                limit =
-                    deadline(settings.timeout_ms);  // after the write: a slow reader costs the dumper no time
+                limit = deadline(
+                    settings.timeout_ms);  // after the write: a slow reader does not use up the dumper's time
             }
         }
     }

@@ -19,7 +19,7 @@ constexpr int dump_default_timeout_ms = 240000;
 constexpr size_t dump_messages_limit = 1048576;
 
 // Stores the dumper's argument vector (borrowed for the life of the process): the program, its fixed
-// arguments, and two null entries. The first of these stands for the pid.
+// arguments, and two null entries. The pid replaces the first of these in each run.
 void dump_set_dumper(char** argv);
 
 // Opens what all runs share. Call it once at start-up.
@@ -28,7 +28,7 @@ void dump_init();
 // Replaces dump_default_timeout_ms.
 void dump_set_timeout(int timeout_ms);
 
-// One run of the dumper. Several may go on at once; they share nothing that changes.
+// One run of the dumper. Several runs may be active at once; they share no data that changes.
 struct dump_run {
     pid_t pid = -1;            // the process that is dumped
     pid_t child = -1;          // the dumper, until it is reaped; -1: it was not started
@@ -44,7 +44,7 @@ struct core_sink {
     // Returns false with errno set if the bytes could not be written.
     bool (*write)(void* cookie, const void* data, size_t length);
     void* cookie;
-    int64_t limit = INT64_MAX;  // bytes beyond it are counted, but not written
+    int64_t limit = INT64_MAX;  // further bytes are counted, but not written
 };
 
 // Starts the dumper for `pid`. Returns false after perror("pipes") if a pipe or memory is missing. If only
@@ -55,12 +55,14 @@ bool dump_start(pid_t pid, dump_run* run);
 // Reads the control line into `text`. Returns false if it is missing or too long.
 bool dump_read_control(dump_run* run, control_text* text);
 
-// Copies the core to its end and keeps the messages that come meanwhile. Returns the number of bytes that the
-// dumper wrote, without those of blocks that could not be written, or -1 if the reader is gone (EPIPE).
+// Copies the core to its end and keeps the messages that the dumper writes meanwhile. Returns the number of
+// bytes that the dumper wrote, without those of blocks that could not be written, or -1 if the reader is gone
+// (EPIPE).
 int64_t dump_copy_core(dump_run* run, const core_sink& sink);
 
-// Read the rest of the dumper's output. The core is dropped; so are the messages, or they are kept in the
-// run, or all messages after the control line are written to standard error.
+// Read the rest of the dumper's output and drop what remains of the core. dump_discard drops all messages,
+// dump_keep keeps them in the run, and dump_show writes all messages after the control line to standard
+// error.
 void dump_discard(dump_run* run);
 void dump_keep(dump_run* run);
 void dump_show(dump_run* run);

@@ -1,4 +1,4 @@
-// The platform library libhollisk.so.7: switches the service watchdogs.
+// The platform library libhollisk.so.7: switches the service watchdogs on and off.
 #pragma once
 
 #include <stdint.h>

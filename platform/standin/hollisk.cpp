@@ -10,8 +10,8 @@
 
 namespace {
 
-// The record of every failure. It is never written, so threads may share it.
-hollisk_error refusal = {1, 1, "service supervision refuses on request of HOLLISK_FAIL_COUNT"};
+// Describes every failure. It is never changed, so threads may share it.
+hollisk_error refusal = {1, 1, "failure requested by HOLLISK_FAIL_COUNT"};
 
 std::atomic<uint32_t> calls_so_far{0};
 

@@ -19,10 +19,10 @@
 namespace {
 
 constexpr int recv_limit_ms = 2000;   // the daemon has one listener, which no peer may hold for longer
-constexpr int send_limit_ms = 10000;  // requests of a web front must not pile up before a stuck daemon
+constexpr int send_limit_ms = 10000;  // requests of a web front must not pile up while the daemon hangs
 constexpr int backlog = 128;
 
-// The kernel's limit of descriptors in one message (SCM_MAX_FD), so none can be lost.
+// The kernel's limit on descriptors in one message (SCM_MAX_FD), so none can be lost.
 constexpr size_t most_descriptors = 253;
 
 int fail(int error) {
@@ -49,7 +49,7 @@ bool wait_until(int fd, short events, const deadline& end) {
     }
 }
 
-// False with errno set if the address cannot be a socket's.
+// Returns false with errno set if no socket file can have this path.
 bool check_address(const unix_address& address, const char* path) {
     if (*path == '\0') {
         errno = ENOENT;  // it would be an abstract address, outside the file system

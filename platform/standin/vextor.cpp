@@ -89,7 +89,7 @@ void CGI_set_query(const char* query) {
     pair* pairs =
         text != nullptr ? static_cast<pair*>(calloc(count_separators(text) + 1, sizeof(pair))) : nullptr;
     if (pairs == nullptr) {
-        free(text);  // without memory, the query has no values
+        free(text);  // if memory runs out, the query has no values
         return;
     }
     current.text = text;

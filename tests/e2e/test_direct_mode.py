@@ -15,7 +15,7 @@ from support.waiting import PATIENCE, wait_for
 
 NEEDS_SANDBOX = True
 
-REFUSAL = "service supervision refuses on request of HOLLISK_FAIL_COUNT"
+REFUSAL = "failure requested by HOLLISK_FAIL_COUNT"
 
 pytestmark = pytest.mark.usefixtures("clean_sandbox")
 

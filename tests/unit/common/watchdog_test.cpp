@@ -22,7 +22,7 @@ namespace {
 int (*platform_answer)(int state, hollisk_error** error) = nullptr;
 
 // The error message of the stand-in library.
-const std::string refusal = "service supervision refuses on request of HOLLISK_FAIL_COUNT";
+const std::string refusal = "failure requested by HOLLISK_FAIL_COUNT";
 
 std::string state_line(const std::string& word) {
     return "Set service watchdogs state: " + word + "\n";
