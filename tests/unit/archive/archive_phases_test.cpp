@@ -23,13 +23,13 @@ namespace {
 
 constexpr int no_pid = -1;
 
-// Each call of alarm(2) is noted in notes_fd, with the position of archive_fd. -1: it is not noted.
+// Each call of alarm(2) writes a line to notes_fd, with the position of archive_fd. -1: it does not.
 int notes_fd = -1;
 int archive_fd = -1;
 
 }  // namespace
 
-// Replaces the function of the C library in this program and does the same.
+// Replaces alarm(2) of the C library in this program: writes the line, then does the same.
 extern "C" unsigned alarm(unsigned seconds) noexcept {
     if (notes_fd >= 0) {
         dprintf(notes_fd, "%ld %u\n", static_cast<long>(lseek(archive_fd, 0, SEEK_CUR)), seconds);

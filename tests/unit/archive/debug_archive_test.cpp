@@ -65,7 +65,7 @@ outcome run_on_device(const std::function<int(int fd)>& work) {
     return seen;
 }
 
-// The state of a process after an archive. Nothing else here uses these exit codes.
+// What is wrong with a process after an archive, as its exit code. No other test here uses these codes.
 enum aftermath : int {
     all_is_well = 0,
     time_limit_is_left = 20,
@@ -89,7 +89,7 @@ aftermath aftermath_of_an_archive(int fd) {
     return has_no_children() ? all_is_well : children_are_left;
 }
 
-// An archive takes seconds, so tests that only examine one share it. Its exit code is an aftermath.
+// An archive takes seconds, so tests that only examine one share this one. Its exit code is an `aftermath`.
 const outcome& one_archive() {
     static const outcome seen = run_on_device(aftermath_of_an_archive);
     return seen;
@@ -131,7 +131,7 @@ std::vector<std::string> expected_kinds() {
     return order;
 }
 
-// Programs need no memory of this process, and the capture is stored as zeros without memory.
+// The members that are stored without memory: programs have their own, and the capture becomes zeros.
 std::vector<std::string> members_without_a_buffer() {
     std::vector<std::string> order = {"netdump.cap", "serverreport.txt", "oopslog"};
     if (has_small_kcore()) {
@@ -279,14 +279,14 @@ TEST(stream_debug_archive, watchdogs_are_off_before_the_first_byte_and_on_after_
     EXPECT_EQ(kinds(listing), expected_kinds());
 }
 
-TEST(stream_debug_archive, watchdogs_are_switched_once_each_when_that_works) {
+TEST(stream_debug_archive, watchdogs_are_switched_once_off_and_once_on_if_that_succeeds) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     const outcome& seen = one_archive();
     EXPECT_EQ(seen.out, line_off + line_on);
     EXPECT_EQ(seen.err.find("Error setting service watchdogs"), std::string::npos) << seen.err;
 }
 
-TEST(stream_debug_archive, watchdogs_are_switched_until_they_are_on) {
+TEST(stream_debug_archive, switching_the_watchdogs_on_is_repeated_until_it_succeeds) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = run_on_device([](int fd) {
         setenv("HOLLISK_FAIL_COUNT", "4", 1);
@@ -300,14 +300,15 @@ TEST(stream_debug_archive, watchdogs_are_switched_until_they_are_on) {
     EXPECT_EQ(kinds(seen.listing()), expected_kinds()) << "a failed switch does not stop the archive";
 }
 
-TEST(stream_debug_archive, time_limit_is_lifted_at_the_end) {
+TEST(stream_debug_archive, time_limit_is_cleared_at_the_end) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     EXPECT_EQ(one_archive().exit_code, all_is_well);
 }
 
 TEST(stream_debug_archive, time_limit_is_300_seconds) {
     SKIP_WITHOUT_PRIVATE_WORLD();
-    // A client that reads nothing blocks the archive in one of its first members. Its timer is read then.
+    // A client that reads nothing blocks the archive in one of its first members. The test then reads the
+    // timer.
     outcome seen = run_on_device([](int) {
         test_pipe client;
         std::string junk(1 << 20, 'x');
@@ -332,7 +333,7 @@ TEST(stream_debug_archive, leaves_no_descriptors_and_no_children) {
     EXPECT_EQ(one_archive().exit_code, all_is_well);
 }
 
-TEST(stream_debug_archive, client_that_has_gone_ends_it) {
+TEST(stream_debug_archive, ends_if_the_client_has_disconnected) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = run_on_device([](int) {
         test_pipe client;
@@ -348,7 +349,7 @@ TEST(stream_debug_archive, client_that_has_gone_ends_it) {
     EXPECT_EQ(seen.out, line_off + line_on);
 }
 
-TEST(stream_debug_archive, client_that_goes_after_the_capture_ends_it_at_the_next_member) {
+TEST(stream_debug_archive, ends_at_the_next_member_if_the_client_disconnects_after_the_capture) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = run_on_device([](int) {
         // More than a pipe holds: the report cannot be copied to its end.
@@ -372,7 +373,7 @@ TEST(stream_debug_archive, client_that_goes_after_the_capture_ends_it_at_the_nex
     EXPECT_EQ(seen.out, line_off + line_on);
 }
 
-TEST(stream_debug_archive, skips_members_that_lack_memory) {
+TEST(stream_debug_archive, skips_members_if_memory_runs_out) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     SKIP_WITHOUT_MEMORY_LIMIT();
     outcome seen = run_on_device([](int fd) {
@@ -386,7 +387,7 @@ TEST(stream_debug_archive, skips_members_that_lack_memory) {
     EXPECT_EQ(seen.out, line_off + line_on);
 }
 
-TEST(stream_debug_archive, skips_members_that_lack_a_descriptor) {
+TEST(stream_debug_archive, skips_members_if_descriptors_run_out) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = run_on_device([](int fd) {
         const int highest = dup(fd);
@@ -412,7 +413,7 @@ TEST(stream_debug_archive, returns_ENOMEM_if_the_archive_cannot_begin) {
     EXPECT_EQ(seen.out, line_off + line_on);
 }
 
-TEST(stream_debug_archive, full_disk_ends_it_with_ENOSPC) {
+TEST(stream_debug_archive, returns_ENOSPC_if_the_disk_is_full) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = run_on_device([](int) {
         unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));

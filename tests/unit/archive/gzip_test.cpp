@@ -221,7 +221,7 @@ TEST(stream_gzip, incomplete_input_has_no_trailer) {
     EXPECT_EQ(gunzip(content_of(out.get())), std::nullopt);
 }
 
-TEST(stream_gzip, read_error_has_no_trailer_if_completeness_is_asked_for) {
+TEST(stream_gzip, trailer_is_missing_after_a_read_error_if_completeness_is_checked) {
     unique_fd directory(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     unique_fd out = memory_file();
     int status = run_in_child([&] {
@@ -233,14 +233,14 @@ TEST(stream_gzip, read_error_has_no_trailer_if_completeness_is_asked_for) {
     EXPECT_EQ(content_of(out.get()), gzip_header + "\x03\0"s);
 }
 
-TEST(stream_gzip, stops_an_endless_input_if_the_reader_has_gone) {
+TEST(stream_gzip, stops_reading_endless_input_if_the_reader_has_gone) {
     unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     test_pipe broken;
     broken.out.reset();
     EXPECT_EQ(compress_between(endless.get(), broken.in.get()), input_closed);
 }
 
-TEST(stream_gzip, stops_an_endless_input_when_the_reader_goes) {
+TEST(stream_gzip, stops_reading_endless_input_when_the_reader_closes) {
     unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     test_socketpair pair;
     pid_t reader = fork_child([&pair] {
@@ -274,7 +274,7 @@ TEST(stream_gzip, write_error_in_the_last_bytes_closes_the_input) {
     }
 }
 
-TEST(stream_gzip, prints_no_failure) {
+TEST(stream_gzip, prints_nothing_on_failure) {
     ignore_broken_pipes();
     unique_fd endless(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     test_pipe broken;

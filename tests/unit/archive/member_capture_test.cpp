@@ -37,7 +37,7 @@ TEST(stream_pcap_dump, null_handle_gives_the_bare_stream) {
     EXPECT_TRUE(is_capture(stream.bytes));
 }
 
-TEST(stream_pcap_dump, excluded_descriptor_may_be_something_else_than_a_connection) {
+TEST(stream_pcap_dump, excluded_descriptor_need_not_be_a_connection) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     captured_stream stream = capture_in_private_world(
         [](int fd) { return stream_pcap_dump(nullptr, fd, "lo", 1, 3000, STDIN_FILENO); });
@@ -45,7 +45,7 @@ TEST(stream_pcap_dump, excluded_descriptor_may_be_something_else_than_a_connecti
     EXPECT_EQ(stream.bytes.size(), 3000u);
 }
 
-TEST(stream_pcap_dump, broken_output_gives_1) {
+TEST(stream_pcap_dump, returns_1_if_the_output_is_broken) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     for (bool in_archive : {true, false}) {
         EXPECT_EQ(capture_into_broken_pipe([in_archive](int fd) {

@@ -24,8 +24,8 @@
 
 namespace {
 
-// The sleeper is the test program itself: a program such as busybox would choose its applet by the first
-// word.
+// The sleeper is this test program, started again. A system program is no substitute: the first word may be
+// anything, and busybox would look for an applet of that name.
 constexpr const char* sleeper_request = "ZARVO_TEST_SLEEPER";
 
 const bool is_no_sleeper = [] {
@@ -70,8 +70,8 @@ private:
     pid_t pid_ = -1;
 };
 
-// Dumps one process into an archive in memory. Checks that no descriptor is left.
-class dump_one_of : public testing::Test {
+// Dumps one process into an archive in memory. Checks that no descriptor is left open.
+class dump_one_test : public testing::Test {
 protected:
     void SetUp() override {
         ignore_broken_pipes();
@@ -126,7 +126,7 @@ const std::string hang = "exec sleep 1000\n";
 
 }  // namespace
 
-TEST_F(dump_one_of, a_process_stores_its_core_and_its_descriptors) {
+TEST_F(dump_one_test, stores_the_core_and_the_descriptors) {
     fake_dumper dumper(announce(4) + "printf core");
     EXPECT_EQ(dump(), 0);
     EXPECT_EQ(messages, "");
@@ -138,7 +138,7 @@ TEST_F(dump_one_of, a_process_stores_its_core_and_its_descriptors) {
     EXPECT_EQ(pids, std::vector<pid_t>{target.pid()});
 }
 
-TEST_F(dump_one_of, a_process_passes_its_pid_after_the_fixed_arguments) {
+TEST_F(dump_one_test, passes_the_pid_after_the_fixed_arguments) {
     fake_dumper dumper(
         "text=\"$# $1 $2 $3\"\nprintf 'Core of:%s bytes; and covered: \\n' ${#text} >&2\n"
         "printf '%s' \"$text\"");
@@ -146,7 +146,7 @@ TEST_F(dump_one_of, a_process_passes_its_pid_after_the_fixed_arguments) {
     EXPECT_EQ(archive.finish().entries.at(0).data, "3 -c /dev/stdout " + target.number());
 }
 
-TEST_F(dump_one_of, cores_of_all_sizes_are_padded_correctly) {
+TEST_F(dump_one_test, pads_cores_of_all_sizes_correctly) {
     for (size_t size : {1, 511, 512, 513, 16384, 70000, 300000}) {
         fake_dumper dumper(announce(size) + "head -c " + std::to_string(size) + " /dev/zero");
         EXPECT_EQ(dump(), 0);
@@ -157,7 +157,7 @@ TEST_F(dump_one_of, cores_of_all_sizes_are_padded_correctly) {
     EXPECT_EQ(listing.entries.size(), 14u);
 }
 
-TEST_F(dump_one_of, processes_are_named_after_their_first_argument) {
+TEST_F(dump_one_test, names_processes_after_their_first_argument) {
     fake_dumper dumper(announce(1) + "printf c");
     for (const auto& [word, name] : std::vector<std::pair<std::string, std::string>>{
              {"/usr/bin/program", "program"},
@@ -181,7 +181,7 @@ TEST_F(dump_one_of, processes_are_named_after_their_first_argument) {
     }
 }
 
-TEST_F(dump_one_of, a_process_without_a_command_line_has_a_folder_of_dot_and_pid) {
+TEST_F(dump_one_test, folder_of_a_process_without_a_command_line_is_a_dot_and_the_pid) {
     // A zombie has none, like a kernel thread.
     fake_dumper dumper(announce(1) + "printf c");
     pid_t zombie = fork_child([] { return 0; });
@@ -192,7 +192,7 @@ TEST_F(dump_one_of, a_process_without_a_command_line_has_a_folder_of_dot_and_pid
     EXPECT_EQ(archive.finish().names().at(0), "top/." + std::to_string(zombie) + "/core");
 }
 
-TEST_F(dump_one_of, a_process_whose_command_line_cannot_be_read_is_unknown) {
+TEST_F(dump_one_test, process_whose_command_line_cannot_be_read_is_named_unknown) {
     fake_dumper dumper(announce(1) + "printf c");
     pid_t gone = fork_child([] { return 0; });
     wait_status(gone);
@@ -201,17 +201,17 @@ TEST_F(dump_one_of, a_process_whose_command_line_cannot_be_read_is_unknown) {
     EXPECT_EQ(archive.finish().names(), (strings{folder + "core", folder + "fdmap"}));
 }
 
-TEST_F(dump_one_of, a_process_removes_the_other_pids_that_its_dump_covers) {
+TEST_F(dump_one_test, removes_the_other_pids_that_the_dump_covers) {
     std::string own = target.number();
     fake_dumper dumper(announce(1, "30 10 " + own + " 99") + "printf c");
     pids = {10, target.pid(), 20, 30, -1, 30};
     EXPECT_EQ(dump_at(1), 0);
-    // From its own index on, itself included, and only the first of two.
+    // The search begins at the process's own entry, and only the first of two equal pids is removed.
     EXPECT_EQ(pids, (std::vector<pid_t>{10, -1, 20, -1, -1, 30}));
     EXPECT_EQ(archive.finish().names(), (strings{"top/" + dir() + "core", "top/" + dir() + "fdmap"}));
 }
 
-TEST_F(dump_one_of, pids_after_the_line_are_not_removed) {
+TEST_F(dump_one_test, pids_after_the_line_are_not_removed) {
     fake_dumper dumper(say(core_announcement("1", "7") + "8 9\n") + "printf c");
     pids = {target.pid(), 7, 8, 9};
     EXPECT_EQ(dump_at(0), 0);
@@ -219,14 +219,14 @@ TEST_F(dump_one_of, pids_after_the_line_are_not_removed) {
     EXPECT_EQ(messages, "");
 }
 
-TEST_F(dump_one_of, a_line_with_letters_among_the_pids_removes_the_numbers) {
+TEST_F(dump_one_test, ignores_letters_between_the_pids_of_a_line) {
     fake_dumper dumper(announce(1, "a7 b8x 9") + "printf c");
     pids = {target.pid(), 7, 8, 9};
     EXPECT_EQ(dump_at(0), 0);
     EXPECT_EQ(pids, (std::vector<pid_t>{target.pid(), -1, -1, -1}));
 }
 
-TEST_F(dump_one_of, a_length_of_0_stores_nothing_but_removes_covered_pids) {
+TEST_F(dump_one_test, length_of_0_stores_nothing_but_removes_covered_pids) {
     fake_dumper dumper(announce(0, "7") + say("no such process\n"));
     pids = {target.pid(), 7};
     EXPECT_EQ(dump_at(0), 0);
@@ -235,7 +235,7 @@ TEST_F(dump_one_of, a_length_of_0_stores_nothing_but_removes_covered_pids) {
     EXPECT_EQ(pids, (std::vector<pid_t>{target.pid(), -1}));
 }
 
-TEST_F(dump_one_of, lines_without_a_valid_length_store_nothing) {
+TEST_F(dump_one_test, lines_without_a_valid_length_store_nothing) {
     for (const char* line : {"\n", "short\n", "Core of:\n", "Core of:none\n", "Core of:-5 bytes\n",
                              "Core of:12345678901234567890 bytes\n", "Core of:2147483648 bytes\n"}) {
         fake_dumper dumper(say(line) + "printf core");
@@ -243,7 +243,7 @@ TEST_F(dump_one_of, lines_without_a_valid_length_store_nothing) {
     }
 }
 
-TEST_F(dump_one_of, a_line_of_511_bytes_is_the_longest) {
+TEST_F(dump_one_test, accepts_a_line_of_511_bytes) {
     std::string line = core_announcement("1");
     std::string longest = line.substr(0, line.size() - 1) + std::string(511 - line.size(), 'x') + "\n";
     ASSERT_EQ(longest.size(), 511u);
@@ -253,14 +253,14 @@ TEST_F(dump_one_of, a_line_of_511_bytes_is_the_longest) {
     EXPECT_EQ(archive.finish().entries.size(), 2u);
 }
 
-TEST_F(dump_one_of, a_line_of_512_bytes_with_the_newline_at_its_end_stores_nothing) {
+TEST_F(dump_one_test, line_of_512_bytes_with_its_newline_stores_nothing) {
     std::string line = core_announcement("1");
     fake_dumper dumper(say(line.substr(0, line.size() - 1) + std::string(512 - line.size(), 'x') + "\n") +
                        "printf c");
     expect_refused("512");
 }
 
-TEST_F(dump_one_of, a_line_of_more_than_512_bytes_is_reported) {
+TEST_F(dump_one_test, reports_a_line_of_more_than_512_bytes) {
     const std::string report =
         "dump_read_ctl_line: Failed to read ctl line. Read length: 512."
         "Buffer is too small, current buffer size: 512\n";
@@ -277,35 +277,35 @@ TEST_F(dump_one_of, a_line_of_more_than_512_bytes_is_reported) {
     }
 }
 
-TEST_F(dump_one_of, a_line_before_more_text_than_the_buffer_holds_is_accepted) {
+TEST_F(dump_one_test, accepts_a_line_before_more_text_than_the_buffer_holds) {
     fake_dumper dumper(say(core_announcement("1") + std::string(600, 'm')) + "printf c");
     EXPECT_EQ(dump(), 0);
     EXPECT_EQ(messages, "");
     EXPECT_EQ(archive.finish().entries.size(), 2u);
 }
 
-TEST_F(dump_one_of, a_dumper_that_exits_without_a_newline_times_out) {
+TEST_F(dump_one_test, dumper_that_exits_without_a_newline_times_out) {
     for (const char* text : {"", "Core of:4 bytes; and covered: "}) {
         fake_dumper dumper(say(text), 200);
         expect_refused(text, killed());
     }
 }
 
-TEST_F(dump_one_of, a_dumper_that_never_writes_a_line_is_killed) {
+TEST_F(dump_one_test, kills_a_dumper_that_never_writes_a_line) {
     fake_dumper dumper(hang, 200);
     expect_refused("hang", killed(), error());
 }
 
-TEST_F(dump_one_of, a_missing_dumper_stores_nothing) {
+TEST_F(dump_one_test, stores_nothing_if_the_dumper_is_missing) {
     expect_refused("missing", "", error());
 }
 
-TEST_F(dump_one_of, a_dumper_that_is_killed_before_its_line_stores_nothing) {
+TEST_F(dump_one_test, stores_nothing_if_the_dumper_is_killed_before_its_line) {
     fake_dumper dumper("kill -9 $$", 200);
     expect_refused("killed", killed(), error());
 }
 
-TEST_F(dump_one_of, a_dumper_that_hangs_after_its_line_is_killed) {
+TEST_F(dump_one_test, kills_a_dumper_that_hangs_after_its_line) {
     fake_dumper dumper(announce(10) + hang, 1000);
     EXPECT_EQ(dump(), 0);
     EXPECT_EQ(messages, killed() + warning("0", "10") + error());
@@ -314,7 +314,7 @@ TEST_F(dump_one_of, a_dumper_that_hangs_after_its_line_is_killed) {
               tar_expected_header("top/" + dir() + "core", 10, tar_octal_field(archive.bytes(), 136, 12)));
 }
 
-TEST_F(dump_one_of, a_short_core_is_filled_with_zeros_and_its_messages_are_shown) {
+TEST_F(dump_one_test, pads_a_short_core_with_zeros_and_shows_the_messages) {
     fake_dumper dumper(say(core_announcement("1000") + "first\n") + "head -c 600 /dev/zero | tr '\\0' c\n" +
                        say("last\n"));
     EXPECT_EQ(dump(), 0);
@@ -325,7 +325,7 @@ TEST_F(dump_one_of, a_short_core_is_filled_with_zeros_and_its_messages_are_shown
     EXPECT_EQ(listing.entries[0].data, std::string(600, 'c') + std::string(400, '\0'));
 }
 
-TEST_F(dump_one_of, a_core_that_is_too_long_is_cut) {
+TEST_F(dump_one_test, cuts_a_core_that_is_too_long) {
     fake_dumper dumper(announce(4) + "printf corerest");
     EXPECT_EQ(dump(), 0);
     EXPECT_EQ(messages, warning("8", "4"));
@@ -335,7 +335,7 @@ TEST_F(dump_one_of, a_core_that_is_too_long_is_cut) {
     EXPECT_EQ(listing.entries[0].data, "core");
 }
 
-TEST_F(dump_one_of, a_dumper_that_dies_during_its_core_leaves_the_next_member_readable) {
+TEST_F(dump_one_test, next_member_is_readable_if_the_dumper_dies_during_the_core) {
     fake_dumper dumper(announce(143360) + "head -c 50001 /dev/zero | tr '\\0' c\n" + say("dying\n") +
                        "kill -9 $$");
     EXPECT_EQ(dump(), 0);
@@ -347,7 +347,7 @@ TEST_F(dump_one_of, a_dumper_that_dies_during_its_core_leaves_the_next_member_re
     EXPECT_EQ(listing.entries[0].data, std::string(50001, 'c') + std::string(143360 - 50001, '\0'));
 }
 
-TEST_F(dump_one_of, a_wait_that_fails_during_the_core_leaves_the_next_member_readable) {
+TEST_F(dump_one_test, next_member_is_readable_if_a_wait_fails_during_the_core) {
     constexpr int no_filters = 77;
     fake_dumper dumper(announce(100000) + "head -c 100000 /dev/zero");
     int status = run_in_child([this] {
@@ -359,7 +359,7 @@ TEST_F(dump_one_of, a_wait_that_fails_during_the_core_leaves_the_next_member_rea
         return result == 0 && messages.find("WARNING: err=") != std::string::npos ? 0 : 1;
     });
     if (exited_with(status, no_filters)) {
-        GTEST_SKIP() << "this kernel filters no system calls";
+        GTEST_SKIP() << "this kernel cannot filter system calls";
     }
     EXPECT_TRUE(exited_with(status, 0));
     tar_listing listing = tar_read(archive.bytes());
@@ -369,7 +369,7 @@ TEST_F(dump_one_of, a_wait_that_fails_during_the_core_leaves_the_next_member_rea
     EXPECT_EQ(listing.entries.back().name, "top/next");
 }
 
-TEST_F(dump_one_of, a_dumper_that_fails_after_its_core_gets_no_map) {
+TEST_F(dump_one_test, stores_no_map_if_the_dumper_fails_after_the_core) {
     fake_dumper dumper(announce(4) + "printf core; exit 1");
     EXPECT_EQ(dump(), 0);
     EXPECT_EQ(messages, error());
@@ -378,7 +378,7 @@ TEST_F(dump_one_of, a_dumper_that_fails_after_its_core_gets_no_map) {
     EXPECT_EQ(listing.names(), strings{"top/" + dir() + "core"});
 }
 
-TEST_F(dump_one_of, a_megabyte_of_messages_during_the_core_does_not_block_it) {
+TEST_F(dump_one_test, megabyte_of_messages_does_not_block_the_core) {
     fake_dumper dumper(announce(200000) + "head -c 100000 /dev/zero\nhead -c 1000000 /dev/zero >&2\n" +
                        "head -c 100000 /dev/zero\n");
     EXPECT_EQ(dump(), 0);
@@ -388,7 +388,7 @@ TEST_F(dump_one_of, a_megabyte_of_messages_during_the_core_does_not_block_it) {
     EXPECT_EQ(listing.entries.size(), 2u);
 }
 
-TEST_F(dump_one_of, a_client_that_goes_during_the_core_is_reported_once_and_ends_the_archive) {
+TEST_F(dump_one_test, client_that_disconnects_during_the_core_is_reported_once_and_ends_the_archive) {
     fake_dumper dumper(say(core_announcement("3000000") + "reason\n") + "head -c 3000000 /dev/zero\n");
     test_pipe client;
     tar_handle* tar = tar_new(client.in.get(), nullptr);
@@ -406,7 +406,7 @@ TEST_F(dump_one_of, a_client_that_goes_during_the_core_is_reported_once_and_ends
     EXPECT_EQ(messages, "ABORT!\nreason\n");
 }
 
-TEST_F(dump_one_of, names_of_long_programs_are_shortened_and_their_files_stay_together) {
+TEST_F(dump_one_test, shortens_long_program_names_and_keeps_their_files_in_one_folder) {
     fake_dumper dumper(announce(1) + "printf c");
     const std::string top = "debug-20261121-183403-c0/";
     for (size_t length : {10, 53, 54, 55, 60, 64, 70, 79}) {
@@ -425,7 +425,7 @@ TEST_F(dump_one_of, names_of_long_programs_are_shortened_and_their_files_stay_to
     }
 }
 
-TEST_F(dump_one_of, a_core_that_is_written_renews_the_time_limit) {
+TEST_F(dump_one_test, writing_the_core_renews_the_time_limit) {
     fake_dumper dumper(announce(4) + "printf core");
     alarm(20);
     EXPECT_EQ(dump(), 0);
@@ -435,7 +435,7 @@ TEST_F(dump_one_of, a_core_that_is_written_renews_the_time_limit) {
 }
 
 // Each step of a dumper may take its whole timeout, and two of those are longer than the limit.
-TEST_F(dump_one_of, each_step_of_the_dumper_renews_the_time_limit) {
+TEST_F(dump_one_test, each_step_of_the_dumper_renews_the_time_limit) {
     // A FIFO for each step: with one for all, the script could read the word for the second step together
     // with the first and lose it.
     fake_dumper dumper("gate() { read line < \"${0%/*}/gate$1\"; }\n" + announce(4) +
@@ -470,7 +470,7 @@ TEST_F(dump_one_of, each_step_of_the_dumper_renews_the_time_limit) {
     EXPECT_EQ(messages, "");
 }
 
-TEST_F(dump_one_of, a_process_leaves_it_running) {
+TEST_F(dump_one_test, leaves_the_process_running) {
     fake_dumper dumper(announce(4) + "printf core");
     EXPECT_EQ(dump(), 0);
     siginfo_t info = {};
@@ -478,7 +478,7 @@ TEST_F(dump_one_of, a_process_leaves_it_running) {
     EXPECT_EQ(info.si_pid, 0) << "it has stopped or ended";
 }
 
-TEST_F(dump_one_of, a_dump_leaves_no_child) {
+TEST_F(dump_one_test, leaves_no_child) {
     for (const std::string& script :
          {announce(4) + "printf core", announce(4) + hang, hang, std::string("exit 1"), announce(0)}) {
         fake_dumper dumper(script, 200);

@@ -109,7 +109,7 @@ TEST(stream_file_unknownsize, default_bound_is_102400_bytes) {
     }
 }
 
-TEST(stream_file_unknownsize, cuts_at_the_limit_of_the_caller_silently) {
+TEST(stream_file_unknownsize, cuts_at_the_limit_of_the_caller_without_a_message) {
     temp_dir folder;
     std::string path = folder.write_file("file", "0123456789");
     expect_only_member(stored_file(path, 1), "0");
@@ -133,7 +133,7 @@ TEST(stream_file_unknownsize, file_that_reports_no_size_is_read_to_its_end) {
     expect_only_member(stored_file("/proc/version"), content_of(file.get()));
 }
 
-TEST(stream_file_unknownsize, name_follows_the_prefix_of_the_archive) {
+TEST(stream_file_unknownsize, name_begins_with_the_prefix_of_the_archive) {
     temp_dir folder;
     test_archive archive("top/");
     std::string path = folder.write_file("file", "x");
@@ -165,7 +165,7 @@ TEST(stream_file_unknownsize, read_error_is_reported_once) {
     expect_no_member(stored_file(path), error_line(path, EIO));
 }
 
-TEST(stream_file_unknownsize, skips_files_that_nobody_can_open_silently) {
+TEST(stream_file_unknownsize, silently_skips_files_that_nobody_can_open) {
     int tried = 0;
     for (const char* path : {"/proc/sys/vm/compact_memory", "/proc/sys/net/ipv4/route/flush",
                              "/proc/sys/net/ipv6/route/flush"}) {
@@ -218,7 +218,7 @@ TEST(stream_file_unknownsize, broken_output_does_not_change_the_result) {
 
 TEST(stream_file_unknownsize, returns_1_if_memory_runs_out) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "a sanitizer's allocator does not live with a limit";
+    GTEST_SKIP() << "a sanitizer's allocator does not work under a memory limit";
 #endif
     temp_dir folder;
     std::string path = folder.write_file("file", "x");
@@ -244,7 +244,7 @@ TEST(stream_file_unknownsize, skips_a_fifo_without_a_writer_at_once) {
     EXPECT_LT(seen.took, timeout);
 }
 
-TEST(stream_file_unknownsize, silent_fifo_is_given_up_after_the_patience) {
+TEST(stream_file_unknownsize, gives_up_on_a_silent_fifo_after_the_timeout) {
     temp_dir folder;
     held_fifo fifo(folder.path("fifo"));
     outcome seen = stored_file(folder.path("fifo"));

@@ -268,7 +268,7 @@ TEST(stream_proc, reads_the_directories_in_the_order_of_the_table) {
     EXPECT_EQ(names, expected);
 }
 
-TEST(stream_proc, returns_1_without_proc) {
+TEST(stream_proc, returns_1_if_proc_cannot_be_opened) {
     SKIP_WITHOUT_ROOT();
     temp_dir empty;
     test_archive archive;
@@ -321,7 +321,7 @@ TEST(stream_kcore, skips_an_unreadable_file) {
 TEST(stream_kcore, pads_a_short_copy_with_zeros_but_counts_only_the_copied_bytes) {
     std::string path = small_sysfs_file();
     if (path.empty()) {
-        GTEST_SKIP() << "no file here that is shorter than its size says";
+        GTEST_SKIP() << "no file here is shorter than its size";
     }
     struct stat status;
     ASSERT_EQ(stat(path.c_str(), &status), 0);
@@ -338,7 +338,7 @@ TEST(stream_kcore, pads_a_short_copy_with_zeros_but_counts_only_the_copied_bytes
     EXPECT_EQ(archive.bytes().size(), 512 + promised + (512 - content.size() % 512) % 512);
 }
 
-TEST(stream_kcore, broken_output_gives_1) {
+TEST(stream_kcore, returns_1_if_the_output_is_broken) {
     ignore_broken_pipes();
     temp_dir folder;
     std::string path = folder.write_file("kcore", "x");

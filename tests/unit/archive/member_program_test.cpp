@@ -28,7 +28,7 @@ struct outcome {
     std::string messages;  // on standard error
     tar_listing listing;
 
-    // The data of the only member, or a remark if the archive has not exactly one.
+    // The data of the only member, or a remark if there is not exactly one.
     std::string data() const {
         return listing.entries.size() == 1 && listing.trouble.empty() ? listing.entries[0].data
                                                                       : "<not one whole member>";
@@ -149,7 +149,7 @@ TEST(stream_program, stores_the_execve_error_of_a_missing_program) {
     EXPECT_EQ(seen.data(), std::string("execve: ") + strerror(ENOENT) + "\n");
 }
 
-TEST(stream_program, stores_the_execve_error_of_a_file_that_is_no_program) {
+TEST(stream_program, stores_the_execve_error_of_a_file_that_is_not_a_program) {
     temp_dir folder;
     std::string text = folder.write_file("text", "not to be run");
     EXPECT_EQ(stored_output({text.c_str()}).data(), std::string("execve: ") + strerror(EACCES) + "\n");
@@ -202,7 +202,7 @@ TEST(stream_program, leaves_no_descriptors_no_children_and_no_files) {
     EXPECT_EQ(seen.data(), "text\n");
 }
 
-TEST(stream_program, has_no_member_without_a_temporary_file) {
+TEST(stream_program, skips_the_member_if_there_is_no_temporary_file) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     outcome seen = shell_output_in_private_world([] { return remount_tmp(MS_RDONLY, nullptr); }, "echo text");
     EXPECT_EQ(seen.result, 0);
@@ -224,7 +224,7 @@ TEST(stream_program, stores_the_part_that_fits_in_a_full_file_system) {
     EXPECT_EQ(seen.data(), std::string(page, '\0'));
 }
 
-TEST(stream_program, broken_output_gives_1) {
+TEST(stream_program, returns_1_if_the_output_is_broken) {
     ignore_broken_pipes();
     test_pipe broken;
     broken.out.reset();

@@ -165,7 +165,7 @@ TEST(stream_strace_log, next_member_follows_directly) {
     EXPECT_EQ(listing.names(), (std::vector<std::string>{"strace.log", "next"}));
 }
 
-TEST(stream_strace_log, has_no_member_without_memory) {
+TEST(stream_strace_log, skips_the_member_if_memory_runs_out) {
     SKIP_WITHOUT_MEMORY_LIMIT();
     test_archive archive;
     int status = run_in_child([&] {

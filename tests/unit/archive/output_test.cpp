@@ -49,13 +49,13 @@ TEST(output_write, writes_all_bytes_without_counting_them) {
     }
 }
 
-TEST(output_write, is_progress_of_the_phase) {
+TEST(output_write, counts_as_progress_of_the_phase) {
     test_archive archive;
     EXPECT_TRUE(is_progress([&] { output_write(archive.handle(), "x", 1); }));
     EXPECT_FALSE(is_progress([&] { output_write(archive.handle(), "", 0); }));
 }
 
-TEST(output_write, failed_write_sets_the_error_and_is_no_progress) {
+TEST(output_write, failed_write_sets_the_error_and_does_not_count_as_progress) {
     broken_archive broken;
     EXPECT_FALSE(is_progress([&] {
         EXPECT_FALSE(output_write(broken.tar, "x", 1));
@@ -96,7 +96,7 @@ TEST(output_write_some, fills_a_socket_without_blocking) {
     EXPECT_TRUE(read_all(pair.b.get()) == bytes.substr(0, written));
 }
 
-TEST(output_write_some, full_pipe_is_no_progress) {
+TEST(output_write_some, full_pipe_does_not_count_as_progress) {
     test_pipe pipe;
     set_nonblocking(pipe.in.get());
     const std::string block(4096, 'x');

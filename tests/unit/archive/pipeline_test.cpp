@@ -157,7 +157,7 @@ TEST(stream_compressed, compressor_has_only_the_standard_descriptors) {
     EXPECT_TRUE(settled);
 }
 
-TEST(stream_compressed, ends_although_descriptors_can_be_neither_closed_as_a_range_nor_listed) {
+TEST(stream_compressed, ends_even_if_descriptors_can_neither_be_closed_as_a_range_nor_listed) {
     constexpr int no_filters = 77;
     unique_fd out = memory_file();
     pid_t child = fork_child([&out] {
@@ -176,7 +176,7 @@ TEST(stream_compressed, ends_although_descriptors_can_be_neither_closed_as_a_ran
     }
     ASSERT_TRUE(has_ended);
     if (exited_with(status, no_filters)) {
-        GTEST_SKIP() << "this kernel filters no system calls";
+        GTEST_SKIP() << "this kernel cannot filter system calls";
     }
     EXPECT_TRUE(exited_with(status, 0));
     EXPECT_EQ(gunzip(content_of(out.get())), "built");
@@ -194,7 +194,7 @@ TEST(stream_compressed, other_downloads_end_while_it_runs) {
     EXPECT_TRUE(ended);
 }
 
-TEST(stream_compressed, builder_gets_EPIPE_if_the_client_has_gone) {
+TEST(stream_compressed, builder_gets_EPIPE_if_the_client_has_disconnected) {
     ignore_broken_pipes();
     test_pipe client;
     client.out.reset();
@@ -210,7 +210,7 @@ TEST(stream_compressed, builder_gets_EPIPE_if_the_client_has_gone) {
     EXPECT_EQ(open_fds(), before);
 }
 
-TEST(stream_compressed, builder_gets_EPIPE_when_the_client_goes) {
+TEST(stream_compressed, builder_gets_EPIPE_when_the_client_disconnects) {
     ignore_broken_pipes();
     test_socketpair pair;
     std::thread client([end = std::move(pair.b)] {
@@ -310,7 +310,7 @@ TEST(stream_compressed, buffered_text_is_written_once_before_the_stream) {
     EXPECT_EQ(gunzip(seen.substr(11)), "built");
 }
 
-TEST(stream_compressed, buffered_text_does_not_get_into_another_destination) {
+TEST(stream_compressed, buffered_text_is_not_written_to_another_destination) {
     unique_fd out = memory_file();
     std::string seen = capture_stdout([&out] {
         printf("said before");
@@ -375,7 +375,7 @@ TEST(stream_compressed, reports_a_failed_fork_and_writes_nothing) {
     int status = run_in_child([&] {
         dup2(err.get(), STDERR_FILENO);
         rlimit none = {0, 0};
-        constexpr uid_t nobody_in_particular = 54321;  // the limit does not hold for root
+        constexpr uid_t nobody_in_particular = 54321;  // the limit does not apply to root
         if (setrlimit(RLIMIT_NPROC, &none) != 0 || setuid(nobody_in_particular) != 0) {
             return 2;
         }
@@ -430,7 +430,7 @@ TEST(stream_tgz, compressor_is_not_among_the_dumped_processes) {
     EXPECT_NE(listing.entries.back().name.find("/proc/"), std::string::npos) << listing.entries.back().name;
 }
 
-TEST(stream_tgz, client_that_has_gone_ends_it) {
+TEST(stream_tgz, ends_if_the_client_has_disconnected) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     unique_fd messages = memory_file();
     int status = run_in_private_world([&] {

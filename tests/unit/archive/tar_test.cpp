@@ -61,7 +61,7 @@ bool is_installed(const std::string& program) {
     return system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-// The same program of busybox has other options.
+// busybox has programs of the same names with other options.
 bool is_gnus(const std::string& program) {
     return system((program + " --version 2>/dev/null | grep -q GNU").c_str()) == 0;
 }

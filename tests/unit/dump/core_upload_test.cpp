@@ -57,7 +57,7 @@ TEST(core_upload_names_for, joins_url_path_and_name) {
     EXPECT_EQ(names.command, "RNFR /a/b/core.app-1_2~x");
 }
 
-TEST(core_upload_names_for, missing_path_is_empty) {
+TEST(core_upload_names_for, path_may_be_empty) {
     core_upload_names names = names_for({"ftp://host", "", 0}, "core.core");
     EXPECT_EQ(names.url, "ftp://host/core.core");
     EXPECT_EQ(names.command, "RNFR /core.core");
@@ -134,7 +134,7 @@ TEST(core_upload, stops_at_the_first_option_that_fails) {
     }
 }
 
-TEST(core_upload, frees_everything_after_a_success) {
+TEST(core_upload, frees_everything_after_success) {
     curl_library curl = fake_curl();
     upload(curl, "x", server);
     EXPECT_EQ(fake.freed, (std::vector<std::string>{"list", "handle", "global"}));
@@ -151,13 +151,13 @@ TEST(core_upload, frees_only_what_it_has_created) {
     EXPECT_EQ(fake.freed, std::vector<std::string>{"global"});
 }
 
-TEST(core_upload, timeout_truncates) {
+TEST(core_upload, timeout_gives_the_outcome_truncated) {
     curl_library curl = fake_curl();
     fake.transfer_result = CURLE_OPERATION_TIMEDOUT;
     EXPECT_EQ(upload(curl, "x", server).outcome, core_upload_outcome::truncated);
 }
 
-TEST(core_upload, other_errors_fail_with_the_reason_of_libcurl) {
+TEST(core_upload, other_errors_fail_with_the_reason_from_libcurl) {
     curl_library curl = fake_curl();
     fake.transfer_result = CURLE_LOGIN_DENIED;
     core_upload_result result = upload(curl, "x", server);

@@ -58,7 +58,7 @@ TEST_F(coredump_test, dumper_gets_an_empty_environment) {
     unsetenv("ZARVO_TEST_MARK");
 }
 
-TEST_F(coredump_test, dumper_inherits_two_pipe_ends_only) {
+TEST_F(coredump_test, dumper_inherits_only_two_pipe_ends) {
     fake_dumper dumper("exec ls -l /proc/self/fd");
     std::string seen = core_of();
     size_t pipes = 0;
@@ -209,7 +209,7 @@ TEST_F(coredump_test, two_at_once_get_their_own_pids) {
     EXPECT_EQ(content_of(other.get()), "222222222222222");
 }
 
-TEST_F(coredump_test, dumps_its_own_process_which_the_dumper_stops) {
+TEST_F(coredump_test, dumps_its_own_process_although_the_dumper_stops_it) {
     // In a child: a process that is stopped cannot check its own descriptors.
     fake_dumper dumper("kill -STOP \"$3\"\nhead -c 1000000 /dev/zero\nkill -CONT \"$3\"");
     EXPECT_TRUE(exited_with(run_in_child([&] {

@@ -12,7 +12,7 @@
 
 constexpr int some_pid = 4711;
 
-// Each test ends without a child and with the descriptors that it began with.
+// Checks that each test ends without children and with the descriptors that it began with.
 class dumper_fixture : public testing::Test {
 protected:
     void SetUp() override {

@@ -70,7 +70,7 @@ TEST_F(dump_run_test, dumper_that_never_stops_writing_beyond_the_limit_is_killed
     EXPECT_FALSE(dump_end(&run));
 }
 
-TEST_F(dump_run_test, messages_that_come_during_the_core_are_shown_in_their_order) {
+TEST_F(dump_run_test, messages_during_the_core_are_shown_in_order) {
     fake_dumper dumper(say("one\ntwo\n") + "head -c 100000 /dev/zero\n" + say("three\n") + "exec >&-\n" +
                        say("four\n"));
     test_sink sink;
@@ -96,7 +96,7 @@ TEST_F(dump_run_test, messages_of_a_megabyte_are_shown_whole) {
     EXPECT_TRUE(dump_end(&run));
 }
 
-TEST_F(dump_run_test, dumper_that_cannot_be_forked_fails_at_its_control_line) {
+TEST_F(dump_run_test, run_fails_at_the_control_line_if_the_dumper_cannot_be_forked) {
     int status = run_in_child([&] {
         // The limit does not apply to root.
         rlimit none = {0, 0};

@@ -10,13 +10,13 @@
 #include "dump/core_upload.h"
 
 struct fake_curl_state {
-    // Its behaviour.
+    // How it behaves.
     CURLcode global_result = CURLE_OK;
     bool has_handle = true;
     CURLoption failing_option = CURLOPT_LASTENTRY;
     CURLcode transfer_result = CURLE_OK;
     size_t block = 7;
-    // What it has recorded.
+    // The calls and bytes that it has recorded.
     std::vector<CURLoption> options;
     std::string url;
     std::string command;
