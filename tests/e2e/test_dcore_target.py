@@ -165,7 +165,7 @@ def test_program_whose_exec_never_completes_is_refused(start_target):
         target.stdin.write(b"x")
         target.stdin.flush()
         wait_for(lambda: process_stat(thread)[0] == "Z", "ended")
-        assert refusal(target.pid) == "is starting another program, which does not finish"
+        assert refusal(target.pid) == "is stuck while executing another program"
     wait_for(lambda: target.stdout.readline() == b"ready\n", "started")
     out, _ = target.communicate(b"x", timeout=PATIENCE)
     assert out == b"1 0\n"

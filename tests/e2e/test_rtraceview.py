@@ -278,7 +278,7 @@ def test_page_ignores_impossible_times(tmp_path):
         stream += made_record(EVENT, b"event %d\n" % number, 0, time_ms)
     (tmp_path / "odd").write_bytes(stream)
     done = view("--html", tmp_path / "page.html", tmp_path / "odd")
-    assert b"impossible time; records with one: 12\n" in done.stderr
+    assert b"impossible time; records affected: 12\n" in done.stderr
     probe = """<script>
     document.title = JSON.stringify([rtraceviewGraphs.map((graph) => graph.numRows()),
         [...document.querySelectorAll("#events td:last-child")].map((cell) => cell.textContent)]);

@@ -84,7 +84,8 @@ bool reads_here(int folder, const char* number, const struct stat& pipe) {
            target.st_ino == pipe.st_ino;
 }
 
-// When another thread starts a program, it replaces the first thread, which looks like a zombie for a moment.
+// When another thread executes a program, it replaces the first thread, which looks like a zombie for a
+// moment.
 constexpr char is_zombie[] = "is a zombie";
 constexpr char no_process[] = "no such process";
 constexpr useconds_t second_try_us = 10'000;
@@ -165,7 +166,7 @@ std::string process_stop_error(int error, pid_t tracer) {
         case EBUSY:
             return "is already traced by process " + std::to_string(tracer);
         case ETIMEDOUT:
-            return "is starting another program, which does not finish";
+            return "is stuck while executing another program";
         case EMEDIUMTYPE:
             return "is a program for another kind of processor";
         default:

@@ -5,7 +5,7 @@
 const std::string_view view_usage =
     "usage: rtraceview [--json | --csv | --html PAGE] FILE\n"
     "\n"
-    "Shows a resource trace, as the debug daemon sends it, as text.\n"
+    "Shows a resource trace from the debug daemon as text.\n"
     "\n"
     "  --json       write one JSON object for each sample\n"
     "  --csv        write a table of all numbers: time, source, subject, key, value, unit\n"

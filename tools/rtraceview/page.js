@@ -146,7 +146,7 @@
 
     const summary = document.getElementById("summary");
     summary.textContent = trace.samples + (trace.samples === 1 ? " sample. " : " samples. ") +
-        "Drag over a plot to see a part of the time, double-click to see all of it; times are UTC. ";
+        "Drag over a plot to zoom in, double-click to zoom out. Times are in UTC. ";
     if (trace.plots.length === 0) {
         summary.textContent += "The trace has no numbers to plot.";
     }

@@ -31,12 +31,12 @@ void view_samples(record_reader* reader, sample_visitor* visitor, view_result* r
     if (builder.far_times() > 0) {
         result->remarks.push_back(
             "offset " + std::to_string(builder.first_far_offset()) +
-            ": impossible time; records with one: " + std::to_string(builder.far_times()));
+            ": impossible time; records affected: " + std::to_string(builder.far_times()));
     }
     if (builder.times_back() > 0) {
         result->remarks.push_back(
             "offset " + std::to_string(builder.first_back_offset()) +
-            ": the time goes back; number of times: " + std::to_string(builder.times_back()));
+            ": the time goes back; occurrences: " + std::to_string(builder.times_back()));
     }
 }
 

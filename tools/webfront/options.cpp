@@ -10,8 +10,8 @@ const char webfront_usage[] =
     "  --port N       listen on port N of 127.0.0.1; 0: any free port [8080]\n"
     "  --socket PATH  the daemon's control socket [/var/run/dbg-cgi/ctrl-cgi-socket]\n"
     "  --forwarded-from N\n"
-    "                 for an emulated machine: listen on every address, for requests that the machine\n"
-    "                 outside forwards from port N of its own 127.0.0.1\n"
+    "                 for an emulated machine: listen on every address, for requests that the host\n"
+    "                 forwards from port N of its own 127.0.0.1\n"
     "  --help         print this text\n";
 
 namespace {

@@ -33,7 +33,7 @@ error check_request(const webfront_head& head) {
     }
     // Otherwise an image in any web page could fetch and so delete a stored dump, or start a trace.
     if (head.is_embedded_elsewhere) {
-        return {403, "Pages of other sites get nothing from here; follow a link instead."};
+        return {403, "Requests embedded in pages of other sites are refused; follow a link instead."};
     }
     if (head.announces_body) {
         return {400, "A request here has no body."};

@@ -25,10 +25,10 @@ using steady = webfront_connection::clock;
 constexpr std::chrono::milliseconds accept_pause{100};
 // When poll fails for lack of memory, all clients are tried in turn after this pause.
 constexpr std::chrono::milliseconds poll_pause{100};
-// So many connections are accepted at most before other clients are served.
+// The most connections that are accepted before other clients are served.
 constexpr int accepts_per_round = 64;
 
-// Runs one step for a client. If memory runs out, refuses this client; the others are served on.
+// Runs one step for a client. If memory runs out, refuses this client and continues with the others.
 template <typename Step>
 void run_step(webfront_connection* client, Step step) {
     try {
@@ -38,7 +38,7 @@ void run_step(webfront_connection* client, Step step) {
     }
 }
 
-// Returns the time until `until` for poll: -1 for time_point::max().
+// Returns the timeout for a poll that ends at `until`; -1 for time_point::max().
 int timeout_ms(steady::time_point until, steady::time_point now) {
     if (until == steady::time_point::max()) {
         return -1;
@@ -133,8 +133,7 @@ private:
         }
         webfront_pool& pool = decision.route == webfront_route::daemon ? handover_ : listings_;
         if (!pool.submit(client->client(), std::move(decision.bytes))) {
-            client->start_answer(
-                webfront_error(503, "Too many requests wait for their turn; try again later."));
+            client->start_answer(webfront_error(503, "Too many requests are waiting; try again later."));
         }
     }
 

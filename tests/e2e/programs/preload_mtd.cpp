@@ -1,5 +1,5 @@
-// A library to be preloaded: makes regular files pass for MTD flash, or for block devices if BLOCK is set in
-// the environment. The variables BAD and UNREADABLE list numbers of pages.
+// A library to be preloaded: makes regular files look like MTD flash, or like block devices if BLOCK is set
+// in the environment. The variables BAD and UNREADABLE list numbers of pages.
 #include <errno.h>
 #include <linux/fs.h>
 #include <mtd/mtd-user.h>

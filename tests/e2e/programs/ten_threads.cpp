@@ -1,5 +1,5 @@
-// ten_threads: starts ten threads that make system calls until there is a byte, or the end, on standard
-// input. Then exits with status 7.
+// ten_threads: starts ten threads, which make system calls until standard input has a byte or ends. Then
+// exits with status 7.
 #include <unistd.h>
 
 #include <atomic>

@@ -33,7 +33,7 @@ TEST(rtraceview_options, name_a_file_and_a_format) {
     EXPECT_EQ(options.page, "page.html");
 }
 
-TEST(rtraceview_options, are_named_when_they_are_wrong) {
+TEST(rtraceview_options, report_the_wrong_word) {
     view_options options;
     EXPECT_EQ(parsed({}, &options), "missing file");
     EXPECT_EQ(parsed({"a", "b"}, &options), "more than one file");

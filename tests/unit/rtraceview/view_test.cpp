@@ -54,7 +54,7 @@ TEST(rtraceview_json, has_an_object_for_each_sample) {
               begun(1000, 0) + whole_json + begun(2000, one.size()) + whole_json);
 }
 
-TEST(rtraceview_json, begins_a_sample_when_a_file_comes_again) {
+TEST(rtraceview_json, begins_a_sample_when_a_file_is_repeated) {
     std::string one = file_of(8, "MemFree: 6 kB\n");
     EXPECT_EQ(json_of(one + one), begun(some_time_ms, 0) + ",\"meminfo\":{\"MemFree\":6}}\n" +
                                       begun(some_time_ms, one.size()) + ",\"meminfo\":{\"MemFree\":6}}\n");
@@ -127,12 +127,12 @@ TEST(rtraceview_json, of_an_empty_trace_is_empty) {
 TEST(rtraceview_json, reports_time_that_goes_back) {
     viewed got = view(file_of(8, "A: 1\n", 2000) + file_of(8, "A: 1\n", 1000) + file_of(8, "A: 1\n", 500),
                       view_format::json);
-    EXPECT_EQ(got.remarks, (std::vector<std::string>{"offset 45: the time goes back; number of times: 2"}));
+    EXPECT_EQ(got.remarks, (std::vector<std::string>{"offset 45: the time goes back; occurrences: 2"}));
 }
 
 TEST(rtraceview_view, reports_impossible_times) {
     viewed got = view(file_of(8, "A: 1\n", 2000) + file_of(8, "A: 1\n", INT64_MAX), view_format::csv);
-    EXPECT_EQ(got.remarks, (std::vector<std::string>{"offset 45: impossible time; records with one: 2"}));
+    EXPECT_EQ(got.remarks, (std::vector<std::string>{"offset 45: impossible time; records affected: 2"}));
 }
 
 TEST(rtraceview_view, writes_what_it_has_read_before_it_reads_more) {
@@ -241,7 +241,7 @@ TEST(rtraceview_html, shows_the_highest_lines_and_the_number_of_others) {
     EXPECT_EQ(plots.find("\"13\""), std::string::npos);
 }
 
-TEST(rtraceview_html, has_null_for_a_process_that_is_missing_in_a_sample) {
+TEST(rtraceview_html, has_null_for_a_process_that_is_missing_from_a_sample) {
     std::string plots = plots_in(view(header(4, 0, 1, 1) + file_of_process(3, 1, "VmRSS: 5 kB\n", 1) +
                                           header(4, 0, 1, 2) + file_of_process(3, 2, "VmRSS: 3 kB\n", 2),
                                       view_format::html)

@@ -71,7 +71,7 @@ TEST(dcore_filter, a_file_is_whole_with_bit_2) {
     EXPECT_EQ(filter_choose(file(4), 4), core_content::whole);
 }
 
-TEST(dcore_filter, a_file_s_head_is_bit_4) {
+TEST(dcore_filter, the_head_of_a_file_is_bit_4) {
     EXPECT_EQ(filter_choose(file(0), 0x10), core_content::head);
     core_mapping later = file(0);
     later.offset = 4096;

@@ -54,7 +54,7 @@ TEST(dcore_layout, a_mapping_without_content_is_one_segment) {
     EXPECT_EQ(segments_of(layout), (std::vector<plain_segment>{{16, 20, 0, PF_R | PF_X}}));
 }
 
-TEST(dcore_layout, stretches_with_content_begin_segments_whose_rest_has_none) {
+TEST(dcore_layout, each_range_with_content_begins_a_segment) {
     core_layout layout = layout_new(page);
     add_mapping(&layout, 16, 32, PF_R | PF_W);
     add_content(&layout, 18, 20);
@@ -64,7 +64,7 @@ TEST(dcore_layout, stretches_with_content_begin_segments_whose_rest_has_none) {
                   {16, 18, 0, PF_R | PF_W}, {18, 25, 2, PF_R | PF_W}, {25, 32, 1, PF_R | PF_W}}));
 }
 
-TEST(dcore_layout, stretches_that_touch_are_one) {
+TEST(dcore_layout, adjacent_ranges_are_joined) {
     core_layout layout = layout_new(page);
     add_mapping(&layout, 16, 32);
     add_content(&layout, 16, 20);
@@ -72,7 +72,7 @@ TEST(dcore_layout, stretches_that_touch_are_one) {
     EXPECT_EQ(segments_of(layout), (std::vector<plain_segment>{{16, 32, 8, PF_R}}));
 }
 
-TEST(dcore_layout, mappings_that_touch_stay_apart) {
+TEST(dcore_layout, adjacent_mappings_stay_apart) {
     core_layout layout = layout_new(page);
     add_mapping(&layout, 16, 20);
     add_content(&layout, 16, 20);
@@ -81,13 +81,13 @@ TEST(dcore_layout, mappings_that_touch_stay_apart) {
     EXPECT_EQ(segments_of(layout), (std::vector<plain_segment>{{16, 20, 4, PF_R}, {20, 24, 4, PF_R}}));
 }
 
-TEST(dcore_layout, scattered_pages_stay_apart_while_there_is_room) {
+TEST(dcore_layout, scattered_pages_stay_apart_below_the_limit_of_segments) {
     core_layout layout = scattered(200, 100);
     EXPECT_EQ(layout.segments.size(), 100u);
     EXPECT_EQ(layout.merge_gap, 0u);
 }
 
-TEST(dcore_layout, neighbours_are_joined_when_there_are_too_many) {
+TEST(dcore_layout, neighbours_are_joined_above_the_limit_of_segments) {
     core_layout layout = scattered(4000, 100);
     EXPECT_LE(layout.segments.size(), 101u);
     EXPECT_EQ(layout.merge_gap, page);
@@ -101,7 +101,7 @@ TEST(dcore_layout, neighbours_are_joined_when_there_are_too_many) {
     EXPECT_EQ(layout.segments.back().start() + layout.segments.back().content, 4099 * page);
 }
 
-TEST(dcore_layout, joining_does_not_reach_over_mappings) {
+TEST(dcore_layout, segments_of_different_mappings_are_never_joined) {
     core_layout layout = layout_new(page);
     layout.spare_segments = 0;
     for (uint64_t i = 0; i < 10; i++) {
@@ -116,7 +116,7 @@ TEST(dcore_layout, joining_does_not_reach_over_mappings) {
     }
 }
 
-TEST(dcore_layout_places, content_begins_on_a_page_and_everything_adds_up) {
+TEST(dcore_layout_places, content_begins_on_a_page_and_lengths_add_up) {
     core_layout layout = layout_new(page);
     add_mapping(&layout, 16, 32);
     add_content(&layout, 18, 20);
@@ -139,7 +139,7 @@ TEST(dcore_layout_places, notes_that_end_on_a_page_need_no_padding) {
     EXPECT_EQ(layout_places(layout, notes + 1).content, 3 * page);
 }
 
-TEST(dcore_layout_headers, a_segment_says_what_of_it_is_in_the_file) {
+TEST(dcore_layout_headers, a_segment_states_how_much_of_it_is_in_the_file) {
     core_layout layout = layout_new(page);
     add_mapping(&layout, 16, 32, PF_R | PF_W);
     add_content(&layout, 16, 20);
@@ -153,7 +153,7 @@ TEST(dcore_layout_headers, a_segment_says_what_of_it_is_in_the_file) {
     EXPECT_EQ(head.p_align, page);
 }
 
-TEST(dcore_layout_headers, more_segments_than_the_header_counts_are_counted_in_a_section) {
+TEST(dcore_layout_headers, a_section_header_counts_the_segments_if_the_elf_header_cannot) {
     for (uint64_t count : {65533u, 65534u, 70000u}) {
         core_layout layout = layout_new(page);
         for (uint64_t i = 0; i < count; i++) {
@@ -175,7 +175,7 @@ TEST(dcore_layout_headers, more_segments_than_the_header_counts_are_counted_in_a
     }
 }
 
-TEST(dcore_layout_files, keep_their_names_once_where_neighbours_share_them) {
+TEST(dcore_layout_files, store_the_name_that_neighbours_share_once) {
     core_layout layout = layout_new(page);
     layout_add_file(&layout, page, 2 * page, 0, "/a");
     layout_add_file(&layout, 2 * page, 3 * page, 3 * page, "/a");

@@ -171,7 +171,7 @@ TEST(dcore_kept_calls, include_calls_that_a_stop_interrupts) {
     EXPECT_FALSE(arch_call_can_be_kept(-1));
 }
 
-TEST(dcore_stream, puts_everything_out_in_order) {
+TEST(dcore_stream, writes_everything_in_order) {
     char name[] = "/tmp/streamXXXXXX";
     unique_fd file(mkstemp(name));
     unlink(name);
@@ -192,7 +192,7 @@ TEST(dcore_stream, puts_everything_out_in_order) {
     EXPECT_EQ(got, want);
 }
 
-TEST(dcore_stream, keeps_the_first_error_and_counts_on) {
+TEST(dcore_stream, keeps_the_first_error_and_continues_counting) {
     signal(SIGPIPE, SIG_IGN);
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);

@@ -78,7 +78,7 @@ TEST(webfront_connection, expires_with_a_408_if_part_of_a_head_has_arrived) {
     EXPECT_TRUE(read_all(both.browser.get()).starts_with("HTTP/1.0 408 "));
 }
 
-TEST(webfront_connection, expires_without_a_word_if_nothing_has_arrived) {
+TEST(webfront_connection, expires_without_an_answer_if_nothing_has_arrived) {
     browser_and_front both;
     EXPECT_EQ(both.front.read_head(), state::incomplete);
     both.front.expire();
@@ -110,7 +110,7 @@ TEST(webfront_connection, gives_an_answer_less_time_than_a_head) {
     EXPECT_LT(both.front.deadline(), head_deadline);
 }
 
-TEST(webfront_connection, turns_a_browser_away_that_has_sent_its_request) {
+TEST(webfront_connection, turns_away_a_browser_that_has_sent_its_request) {
     browser_and_front both;
     both.send(whole_head);
     both.front.turn_away("full");

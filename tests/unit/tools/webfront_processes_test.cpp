@@ -29,7 +29,7 @@ TEST(webfront_parse_stat, reads_name_state_and_resident_memory) {
     EXPECT_FALSE(process->is_kernel_thread);
 }
 
-TEST(webfront_parse_stat, takes_a_name_with_blanks_parentheses_and_line_ends) {
+TEST(webfront_parse_stat, accepts_a_name_with_blanks_parentheses_and_line_ends) {
     for (std::string name : {"a b", ") S 1 (", "((", "))", "x\ny", "\"\\", "\xff", ""}) {
         auto process = webfront_parse_stat(stat_line("7 (" + name + ")"), 4096);
         ASSERT_TRUE(process) << name;
@@ -38,11 +38,11 @@ TEST(webfront_parse_stat, takes_a_name_with_blanks_parentheses_and_line_ends) {
     }
 }
 
-TEST(webfront_parse_stat, tells_kernel_threads) {
+TEST(webfront_parse_stat, recognizes_kernel_threads) {
     EXPECT_TRUE(webfront_parse_stat(stat_line("2 (kthreadd)", "2129984"), 4096)->is_kernel_thread);
 }
 
-TEST(webfront_parse_stat, refuses_what_makes_no_sense) {
+TEST(webfront_parse_stat, rejects_malformed_text) {
     for (std::string text :
          {""s, "812"s, "812 (x"s, "812 (x)"s, "812 (x) S 1 2"s, "x (y) S"s, ") (x"s, " () "s,
           stat_line("812 (x)", "flags"), stat_line("99999999999 (x)"), stat_line("812 (x) S")}) {
@@ -58,7 +58,7 @@ TEST(webfront_parse_command, puts_blanks_between_arguments) {
     EXPECT_EQ(webfront_parse_command("\0"s), "");
 }
 
-TEST(webfront_parse_command, says_that_more_would_follow) {
+TEST(webfront_parse_command, marks_a_cut_command_with_dots) {
     EXPECT_EQ(webfront_parse_command(std::string(webfront_command_limit - 1, 'x')),
               std::string(webfront_command_limit - 1, 'x'));
     EXPECT_EQ(webfront_parse_command(std::string(webfront_command_limit, 'x')),
@@ -88,7 +88,7 @@ TEST(webfront_read_processes, reads_each_numbered_folder_in_order) {
     EXPECT_TRUE(webfront_read_processes(root.path("nowhere")).empty());
 }
 
-TEST(webfront_read_processes, reads_what_the_kernel_says_of_this_process) {
+TEST(webfront_read_processes, reads_this_process_from_proc) {
     // A folder that leads to this process alone.
     temp_dir root;
     std::string pid = std::to_string(getpid());
@@ -103,7 +103,7 @@ TEST(webfront_read_processes, reads_what_the_kernel_says_of_this_process) {
     EXPECT_GT(processes[0].memory_kb, 100);
 }
 
-TEST(webfront_processes_json, escapes_what_it_quotes) {
+TEST(webfront_processes_json, escapes_names_and_commands) {
     EXPECT_EQ(webfront_processes_json({}), "{\"processes\":[]}\n");
     const webfront_process two[] = {
         {.pid = 1, .name = "in\"it", .command = "/sbin/init \xff", .state = 'S', .memory_kb = 12},
