@@ -10,7 +10,7 @@ set(ZARVO_SYSROOT "" CACHE PATH
   "Headers and libraries of the device; empty: build/board/sysroot if it exists, or the cross compiler's own")
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ZARVO_CROSS_PREFIX ZARVO_SYSROOT)
 
-# CMake searches ar, ranlib, nm and so on under the compiler's prefix.
+# CMake looks for ar, ranlib, nm and so on under the compiler's prefix.
 set(CMAKE_CXX_COMPILER "${ZARVO_CROSS_PREFIX}g++")
 
 set(zarvo_board_sysroot "${CMAKE_CURRENT_LIST_DIR}/../build/board/sysroot")

@@ -1,4 +1,4 @@
-# What ./run and ./check share: messages, root, packages and building. Sourced by bash, from the tree's top.
+# Functions that ./run and ./check share: messages, root, packages and building. Source this in bash, at the tree's top.
 
 say() { printf '\033[1m==>\033[0m %s\n' "$*" >&2; }
 die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }

@@ -10,7 +10,7 @@
 #include <span>
 #include <string>
 
-// The structures of core files follow `long`. The dumped process has the same word size as the dumper.
+// The words in a core file are as large as `long`. The dumped process has the same word size as the dumper.
 using core_word = unsigned long;
 constexpr bool core_is_64 = sizeof(core_word) == 8;
 
@@ -39,9 +39,9 @@ struct arch_regset {
 constexpr size_t arch_regset_count_max = 4;
 extern const std::span<const arch_regset> arch_regsets;
 
-// Returns the content of the note that describes where the parts of the set `type` are. Its owner is "LINUX",
-// and it follows the notes of all threads. `content` is the set of one thread. Empty if the set has no such
-// note.
+// Returns the content of the note that describes where the parts of the set `type` are, or an empty string if
+// the set has no such note. The owner of the note is "LINUX", and it follows the notes of all threads.
+// `content` is the set of one thread.
 std::string arch_regset_layout(unsigned type, std::span<const unsigned char> content);
 constexpr unsigned arch_layout_note = 0x205;  // NT_X86_XSAVE_LAYOUT, which older headers lack
 

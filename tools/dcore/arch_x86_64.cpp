@@ -19,7 +19,7 @@ constexpr long restart_without_handler = 514;  // the kernel's ERESTARTNOHAND
 // The kernel stores the processor's register XCR0, which has a bit for each part, in a part of the set that
 // is reserved for software.
 constexpr size_t parts_offset = 464;
-constexpr unsigned parts_leaf = 13;           // of the instruction CPUID
+constexpr unsigned parts_leaf = 13;           // the leaf of CPUID that describes the parts
 constexpr unsigned first_described_part = 2;  // parts 0 and 1 are at the same offset on every processor
 constexpr unsigned parts_end = 63;
 

@@ -13,8 +13,8 @@
 
 namespace {
 
-// The kernel's elf_prstatus and elf_prpsinfo. The C library's structures have times of another size on 32-bit
-// machines.
+// The kernel's elf_prstatus and elf_prpsinfo. On 32-bit machines, the times in the C library's structures
+// have a different size.
 struct word_time {
     core_word seconds, microseconds;
 };

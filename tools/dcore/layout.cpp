@@ -72,7 +72,7 @@ void layout_add_content(core_layout* layout, uint64_t from, uint64_t to) {
 
 void layout_add_file(core_layout* layout, uint64_t start, uint64_t end, uint64_t offset,
                      std::string_view name) {
-    // Neighbours are usually mappings of the same file.
+    // Neighbours are usually mappings of the same file and share its name.
     size_t at = layout->names.size();
     if (!layout->files.empty()) {
         const core_file_mapping& last = layout->files.back();

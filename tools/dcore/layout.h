@@ -29,7 +29,7 @@ using core_nhdr = Elf32_Nhdr;
 // A range of one mapping: first bytes with content, then bytes without. There may be very many segments, so
 // the fields are packed.
 struct core_segment {
-    uint64_t start_and_flags;  // below the page: PF_ bits, and a bit if a mapping begins here
+    uint64_t start_and_flags;  // low bits: PF_ bits, and 8 if a mapping begins here
     uint64_t end;
     uint64_t content;  // bytes
 

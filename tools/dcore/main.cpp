@@ -21,7 +21,7 @@ namespace {
 enum { status_whole = 0, status_failed = 1, status_usage = 2 };
 
 constexpr int line_patience_ms = 1000;
-constexpr int pipe_size = 1 << 20;  // the largest that is allowed; the reader is woken less often
+constexpr int pipe_size = 1 << 20;  // the kernel's default limit; a large pipe wakes the reader less often
 
 void say(int pid, std::string_view text) {
     control_write(STDERR_FILENO, control_remark(pid, text));
@@ -77,15 +77,15 @@ std::string open_output(dump_task* task) {
     return {};
 }
 
-// Opening a named pipe waits for its reader. A seized process would stop at its next signal meanwhile, so
-// such an output is opened before the process is seized.
+// Opening a named pipe blocks until a reader opens it. A process seized before that would stop at its next
+// signal and stay stopped, so a named pipe is opened before the process is seized.
 bool waits_for_reader(const dump_task& task) {
     struct stat found = {};
     return task.options.file && stat(task.options.file, &found) == 0 && S_ISFIFO(found.st_mode);
 }
 
-// The process may have started another program before it stopped. Its state in the core is the one before the
-// stop.
+// The process may have executed another program before it stopped, so its facts are read again. The core
+// keeps the state letter from before the stop.
 void read_facts_again(dump_task* task) {
     process_facts now;
     if (process_read(task->options.pid, &now).empty()) {

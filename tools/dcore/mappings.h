@@ -28,7 +28,7 @@ bool mapping_parse_head(std::string_view line, core_mapping* mapping);
 // Adds the details from one of the mapping's other lines. Ignores lines that it does not need.
 void mapping_add_detail(core_mapping* mapping, std::string_view line);
 
-// Fills in what the path of a mapping without details tells about devices.
+// Guesses from the path whether a mapping without details is memory of a device.
 void mapping_guess_details(core_mapping* mapping);
 
 // Calls `take(mapping, cookie)` for each mapping of `pid`, in the order of addresses. Returns their number.

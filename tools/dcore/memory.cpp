@@ -33,8 +33,8 @@ void read_from_file(const target_memory& memory, memory_piece piece, unsigned ch
     }
 }
 
-// Reads up to pieces_at_once pieces with one call. Returns how many bytes were read before the first that
-// could not be.
+// Reads up to pieces_at_once pieces with one call. Returns the number of bytes that were read before the
+// first byte that could not be read.
 size_t read_at_once(target_memory* memory, std::span<const memory_piece> pieces, unsigned char* out) {
     iovec remote[pieces_at_once];
     size_t total = 0;
@@ -75,7 +75,7 @@ void memory_read(target_memory* memory, std::span<const memory_piece> pieces, un
             out += pieces.front().length;
             pieces = pieces.subspan(1);
         }
-        // The file also reads memory that the process itself may not read.
+        // Reading the file also works for memory that the process itself may not read.
         if (asked > 0) {
             read_from_file(*memory, {pieces.front().address + got, pieces.front().length - got}, out + got);
             out += pieces.front().length;

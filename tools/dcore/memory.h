@@ -11,7 +11,7 @@
 
 struct target_memory {
     pid_t tid = 0;   // a living thread of the process
-    unique_fd file;  // its memory file; still that of this memory after the process has run another program
+    unique_fd file;  // /proc/TID/mem; stays with this memory even if the process executes another program
     bool at_once = true;  // process_vm_readv works and is allowed
 };
 
@@ -23,8 +23,8 @@ struct memory_piece {
 
 target_memory memory_open(pid_t tid);
 
-// Must be called before the process runs on: it may then become another program, and only the file still
-// reads the memory that belongs to this one.
+// Reads only through the file from now on. Must be called before the process is resumed: it may then execute
+// another program, and process_vm_readv would read the memory of that program.
 void memory_use_file(target_memory* memory);
 
 // Copies the pieces to `out`, one after the other. Pages that cannot be read become zeros.

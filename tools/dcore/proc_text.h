@@ -1,4 +1,4 @@
-// Reading the files of one process in /proc.
+// Reads the files of one process in /proc.
 #pragma once
 
 #include <stddef.h>
@@ -32,7 +32,7 @@ private:
     int fd_;
     size_t begin_ = 0, end_ = 0;
     bool is_cut_ = false;    // the rest of the last line has to be skipped
-    char buffer_[24 << 10];  // a path of 4096 bytes, each written as 4, and the fields before it
+    char buffer_[24 << 10];  // a path of 4096 bytes, each escaped as 4, and the fields before it
 };
 
 // Removes the decimal or hexadecimal number at the front of `*text`, with the blanks after it. Returns false,

@@ -18,8 +18,8 @@ using state = held_thread::state;
 constexpr size_t signal_set_size = (NSIG - 1 + 7) / 8;
 constexpr int pending_limit = 4;  // the number that one call reads; more are rarely pending
 
-// Returns the pending signals of a thread, or of its process. If `first` is not null, `*first` becomes the
-// first.
+// Returns the pending signals of a thread, or of its process. Stores the first one in `*first` if `first` is
+// not null.
 uint64_t read_pending(pid_t tid, unsigned which, siginfo_t* first) {
     siginfo_t waiting[pending_limit] = {};
     __ptrace_peeksiginfo_args wanted = {};

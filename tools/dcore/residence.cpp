@@ -27,7 +27,7 @@ constexpr unsigned long scan_command = _IOWR('f', 16, scan_request);
 constexpr uint64_t is_present = 1 << 3, is_swapped = 1 << 4, is_zero_page = 1 << 5;
 constexpr size_t regions_at_once = 256;
 
-// An entry of pagemap.
+// The bits of an entry of pagemap, and the number of entries that one call reads.
 constexpr uint64_t entry_has_content = 3ull << 62;  // present, swapped
 constexpr size_t entries_at_once = 2048;
 

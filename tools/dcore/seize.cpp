@@ -58,7 +58,7 @@ void on_child(int) {
     errno = saved;
 }
 
-// At `opens_at_ms`, the handler of SIGALRM leaves the kernel's wait through this jump.
+// From `opens_at_ms` on, the handler of SIGALRM uses this jump to leave a PTRACE_SEIZE that blocks.
 struct {
     sigjmp_buf target;
     volatile sig_atomic_t is_open = 0;
@@ -112,7 +112,7 @@ void add(thread_hold* hold, pid_t tid, unsigned* fresh) {
 }
 
 // When a thread starts another program, it takes the id of the first thread. It stays traced, or not, as it
-// was, and it runs, even if the hold has the old owner of the id as stopped.
+// was, and it runs, even if the hold lists the old owner of the id as stopped.
 void update_held(thread_hold* hold, unsigned* fresh) {
     hold->known.clear();
     std::erase_if(hold->threads, [&](held_thread& thread) {

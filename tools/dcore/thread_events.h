@@ -1,4 +1,4 @@
-// Stops and ends of single threads that this thread traces.
+// Reports when threads that the calling thread traces stop or end.
 #pragma once
 
 #include <sys/types.h>
@@ -6,16 +6,16 @@
 enum class thread_event {
     none,
     stopped,
-    gone,  // ended and now reaped, or not traced by this thread
+    gone,  // ended and now reaped, or not traced by the calling thread
 };
 
-// Returns the event of a thread, without waiting. A stop stays in the kernel's record, so that a signal that
-// was about to be delivered reaches the thread even if the dumper is killed. For a stop, `*status` is the
-// ptrace event times 256 plus the signal.
+// Returns the event of a thread, without waiting. Does not consume a stop: if the dumper is killed, a signal
+// that was about to be delivered still reaches the thread. For a stop, `*status` becomes the ptrace event
+// times 256 plus the signal.
 thread_event thread_poll(pid_t tid, int* status);
 
-// Waits up to 10 ms for SIGCHLD, which announces the stop or end of a traced thread. Returns false if none
-// came.
+// Waits up to 10 ms for SIGCHLD, which announces the stop or end of a traced thread. Returns false
+// if it timed out.
 bool thread_await_event();
 
 // True for a thread that has ended, whether it has been reaped or not.

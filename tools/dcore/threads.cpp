@@ -128,7 +128,7 @@ void threads_detach(thread_hold* hold) {
             thread.now = state::detached;
         }
         if (thread.now == state::stopped) {
-            // A thread that was killed is no longer stopped. Its end has not come, or is not known, yet.
+            // This fails for a thread that was killed, since it is no longer stopped. It is reaped later.
             bool is_detached = ptrace(PTRACE_DETACH, thread.tid, nullptr, thread.signal) == 0;
             thread.now = is_detached ? state::detached : state::seized;
         }

@@ -27,7 +27,7 @@ public:
         bool is_kb = false;
     };
     static constexpr size_t keys_limit = 512;   // further keys are skipped
-    static constexpr size_t line_limit = 4096;  // for a line that the end of a piece cuts
+    static constexpr size_t line_limit = 4096;  // for a line that is split between pieces
 
     void begin();
     void add(std::string_view piece);

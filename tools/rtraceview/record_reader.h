@@ -23,7 +23,7 @@ struct record {
 const char* record_type_name(uint32_t type);
 
 enum class stream_state {
-    more,     // not at its end
+    more,     // not at its end yet
     whole,    // ends with the last byte of a record
     cut_off,  // ends in the middle of a record, as a stopped download does
     damaged,  // contains bytes that cannot be a record

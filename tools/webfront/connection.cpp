@@ -8,7 +8,7 @@
 
 namespace {
 
-// One client's input is dropped in so many pieces at most before other clients are served.
+// The most pieces of one client's input that are dropped before other clients are served.
 constexpr int drops_per_round = 16;
 constexpr size_t piece_size = 4096;
 

@@ -18,7 +18,7 @@ struct webfront_head {
     std::string target;              // as it was sent
     std::vector<std::string> hosts;  // the value of each Host field
     bool announces_body = false;
-    // A page of another site makes the request without being left for its result, as for an image.
+    // A page of another site embeds the result of the request, for example as an image.
     bool is_embedded_elsewhere = false;
 };
 

@@ -1,4 +1,4 @@
-// Lists about the machine, which the page requests from the front.
+// The lists of processes and interfaces, which the page requests from the front.
 #pragma once
 
 #include <stddef.h>
@@ -8,8 +8,8 @@
 
 #include "tools/webfront/pool.h"
 
-// A process can block the reading of its command line. Two threads make all listings, so that such a process
-// delays other listings at most, and a short queue keeps the requests that wait few.
+// Reading the command line of a process can block. Listings have threads of their own, so this delays only
+// other listings. The short queue limits the number of requests that wait.
 constexpr int webfront_listing_threads = 2;
 constexpr size_t webfront_listing_queue = 16;
 

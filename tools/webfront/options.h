@@ -8,7 +8,7 @@
 struct webfront_options {
     uint16_t port = 8080;  // 0: the kernel chooses
     std::string socket_path = "/var/run/dbg-cgi/ctrl-cgi-socket";
-    uint16_t forwarded_port = 0;  // of the machine outside, which forwards it to this one; 0: none
+    uint16_t forwarded_port = 0;  // of the emulated machine's host, which forwards it; 0: none
     bool help = false;
 };
 

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-// The front answers "/" and the paths that begin so. All others go to the daemon.
+// The front answers "/" and the paths that begin with this. All others go to the daemon.
 constexpr std::string_view webfront_own_paths = "/webfront/";
 
 struct webfront_page_file {

@@ -23,8 +23,8 @@ struct webfront_process {
 // The number of bytes that are read of a command line. A longer one ends in "...".
 constexpr size_t webfront_command_limit = 1024;
 
-// Parses the text of a /proc/PID/stat file, which has all but the command. Returns nothing when the text is
-// malformed.
+// Parses the text of a /proc/PID/stat file, which has all fields except the command. Returns nothing when the
+// text is malformed.
 std::optional<webfront_process> webfront_parse_stat(std::string_view text, int64_t page_size);
 
 // Returns the command for the bytes of a /proc/PID/cmdline file, which may have been cut at the limit.

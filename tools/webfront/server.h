@@ -13,5 +13,5 @@
 constexpr size_t webfront_connection_limit = 900;
 
 // Serves `listener` (from webfront_listen) for ever, with the daemon at `socket_path`. `port` is the one that
-// browsers use. Throws std::exception when threads, descriptors or memory for the start are missing.
+// browsers use. Throws std::exception if threads, descriptors or memory run out at the start.
 [[noreturn]] void webfront_serve(unique_fd listener, uint16_t port, const std::string& socket_path);
