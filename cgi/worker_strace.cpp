@@ -175,7 +175,7 @@ void* run_strace_request(void* record) {
 void* run_strace_watcher(void* record) {
     strace_request* req = static_cast<strace_request*>(record);
     worker_assert(req != nullptr, "req", 431, "run_strace_watcher");
-    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): worker_assert has checked it
+    // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): worker_assert has checked it
     pollfd watched[] = {{req->client.get(), POLLIN | POLLRDHUP, 0}, {req->over.get(), POLLIN, 0}};
     for (;;) {
         if (poll(watched, 2, -1) < 0) {

@@ -54,7 +54,8 @@ def test_trace_streams_until_the_browser_leaves(served):
 
 @pytest.fixture(scope="module")
 def archive(served):
-    """The members of an archive that was made while a ping was running."""
+    """The members of an archive that was made while a ping was running, after the monitor's first round."""
+    wait_for_board(lambda: served.board.run(f"test -s {STATUS}").status == 0, "the monitor's status", 60)
     served.board.check(f"while :; do {PING}; usleep 200000; done > /dev/null 2>&1 & echo $! > /tmp/pinger")
     try:
         members = assert_whole(body_of(http_get(served.url, "/debug.tar"), PLAIN_HEAD))
