@@ -5,6 +5,7 @@
 
 #include "app/applets.h"
 #include "tests/unit/support/capture.h"
+#include "tests/unit/support/command_line.h"
 
 namespace {
 
@@ -38,16 +39,11 @@ struct outcome {
 };
 
 outcome dispatch(std::vector<std::string> words) {
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
+    command_line line(std::move(words));
     last_call = {};
     outcome result;
     result.err = capture_stderr([&] {
-        result.out = capture_stdout(
-            [&] { result.result = app_dispatch(static_cast<int>(words.size()), argv.data(), table); });
+        result.out = capture_stdout([&] { result.result = app_dispatch(line.argc(), line.argv(), table); });
     });
     result.seen = last_call;
     return result;

@@ -22,21 +22,13 @@
 #include <vector>
 
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/command_line.h"
 #include "tests/unit/support/pipes.h"
 
 namespace {
 
 using applet = int (*)(int argc, char** argv);
 using words = std::vector<std::string>;
-
-int call_applet(applet run, words argv) {
-    std::vector<char*> pointers;
-    for (std::string& word : argv) {
-        pointers.push_back(word.data());
-    }
-    pointers.push_back(nullptr);
-    return run(static_cast<int>(argv.size()), pointers.data());
-}
 
 struct applet_run {
     int status = -1;

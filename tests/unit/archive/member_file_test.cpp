@@ -226,8 +226,8 @@ TEST(stream_file_unknownsize, returns_1_if_memory_runs_out) {
     test_archive archive;
     int status = run_in_child([&] {
         dup2(err.get(), STDERR_FILENO);
-        rlimit room = {256 << 20, 256 << 20};
-        setrlimit(RLIMIT_AS, &room);
+        rlimit limit = {256 << 20, 256 << 20};
+        setrlimit(RLIMIT_AS, &limit);
         return stream_file_unknownsize(archive.handle(), archive.fd(), "member", path.c_str(), 1u << 30);
     });
     EXPECT_TRUE(exited_with(status, 1));

@@ -17,6 +17,7 @@
 #include "tests/unit/cgi/private_machine.h"
 #include "tests/unit/cgi/threads.h"
 #include "tests/unit/support/capture.h"
+#include "tests/unit/support/command_line.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
@@ -43,13 +44,8 @@ using words = std::vector<std::string>;
 // Runs the applet in this process.
 int run_applet(words arguments) {
     arguments.insert(arguments.begin(), "debugar.cgi");
-    std::vector<char*> argv;
-    for (std::string& word : arguments) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
     optind = 0;
-    return run_dbg_cgi(static_cast<int>(arguments.size()), argv.data());
+    return call_applet(run_dbg_cgi, std::move(arguments));
 }
 
 // The result of a run, and what it printed.

@@ -22,6 +22,7 @@
 
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/command_line.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/signals.h"
 
@@ -29,29 +30,13 @@ namespace {
 
 constexpr const char* shell = "/bin/sh";
 
-// An argument vector for sys_run().
-class arguments {
-public:
-    arguments(std::initializer_list<std::string> words) : words_(words) {
-        for (std::string& word : words_) {
-            pointers_.push_back(word.data());
-        }
-        pointers_.push_back(nullptr);
-    }
-    char* const* get() const { return pointers_.data(); }
-
-private:
-    std::vector<std::string> words_;
-    std::vector<char*> pointers_;
-};
-
-arguments script(const std::string& text) {
-    return {"sh", "-c", text};
+command_line script(const std::string& text) {
+    return command_line({"sh", "-c", text});
 }
 
 // Runs a shell script with output to `out`. Its standard input and error are the test's own.
 int run_script(const std::string& text, int out) {
-    return sys_run(shell, script(text).get(), STDIN_FILENO, out, STDERR_FILENO, 0);
+    return sys_run(shell, script(text).argv(), STDIN_FILENO, out, STDERR_FILENO, 0);
 }
 
 struct run_output {
@@ -60,11 +45,12 @@ struct run_output {
     std::string err;
 };
 
-run_output run_program(const char* path, const arguments& argv) {
+run_output run_program(const char* path, std::vector<std::string> words) {
+    command_line line(std::move(words));
     test_pipe out;
     test_pipe err;
     run_output run;
-    run.result = sys_run(path, argv.get(), STDIN_FILENO, out.in.get(), err.in.get(), 0);
+    run.result = sys_run(path, line.argv(), STDIN_FILENO, out.in.get(), err.in.get(), 0);
     run.out = out.finish();
     run.err = err.finish();
     return run;
@@ -115,7 +101,7 @@ TEST(sys_run, file_that_is_not_a_program_gives_1_and_is_reported_on_the_given_de
 }
 
 TEST(sys_run, path_is_not_searched_for) {
-    run_output run = run_program("sh", script("exit 0"));
+    run_output run = run_program("sh", {"sh", "-c", "exit 0"});
     EXPECT_EQ(run.result, 1);
     EXPECT_EQ(run.err, perror_line("execve", ENOENT));
 }
@@ -150,7 +136,7 @@ TEST(sys_run, program_gets_the_three_descriptors) {
     test_pipe out;
     test_pipe err;
     ASSERT_EQ(write(in.in.get(), "line\n", 5), 5);
-    EXPECT_EQ(sys_run(shell, script("read x; echo \"out $x\"; echo \"err $x\" >&2").get(), in.out.get(),
+    EXPECT_EQ(sys_run(shell, script("read x; echo \"out $x\"; echo \"err $x\" >&2").argv(), in.out.get(),
                       out.in.get(), err.in.get(), 0),
               0);
     EXPECT_EQ(out.finish(), "out line\n");
@@ -161,36 +147,37 @@ TEST(sys_run, one_descriptor_may_serve_for_all_three) {
     test_socketpair pair;
     ASSERT_EQ(send(pair.a.get(), "line\n", 5, MSG_NOSIGNAL), 5);
     int fd = pair.b.get();
-    EXPECT_EQ(sys_run(shell, script("read x; echo \"out $x\"; echo \"err $x\" >&2").get(), fd, fd, fd, 0), 0);
+    EXPECT_EQ(sys_run(shell, script("read x; echo \"out $x\"; echo \"err $x\" >&2").argv(), fd, fd, fd, 0),
+              0);
     pair.b.reset();
     EXPECT_EQ(read_all(pair.a.get()), "out line\nerr line\n");
 }
 
 TEST(sys_run, standard_descriptors_may_be_passed_as_themselves) {
     std::string out = capture_stdout([] {
-        EXPECT_EQ(sys_run(shell, script("echo plain").get(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0),
+        EXPECT_EQ(sys_run(shell, script("echo plain").argv(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0),
                   0);
     });
     EXPECT_EQ(out, "plain\n");
 }
 
 TEST(sys_run, standard_descriptors_may_be_passed_as_each_other) {
-    arguments both = script("echo out; echo err >&2");
+    command_line both = script("echo out; echo err >&2");
     std::string out = capture_stdout(
-        [&] { EXPECT_EQ(sys_run(shell, both.get(), STDIN_FILENO, STDOUT_FILENO, STDOUT_FILENO, 0), 0); });
+        [&] { EXPECT_EQ(sys_run(shell, both.argv(), STDIN_FILENO, STDOUT_FILENO, STDOUT_FILENO, 0), 0); });
     EXPECT_EQ(out, "out\nerr\n");
     std::string err = capture_stderr(
-        [&] { EXPECT_EQ(sys_run(shell, both.get(), STDIN_FILENO, STDERR_FILENO, STDERR_FILENO, 0), 0); });
+        [&] { EXPECT_EQ(sys_run(shell, both.argv(), STDIN_FILENO, STDERR_FILENO, STDERR_FILENO, 0), 0); });
     EXPECT_EQ(err, "out\nerr\n");
 }
 
 TEST(sys_run, replaced_standard_descriptor_cannot_serve_as_an_earlier_one) {
     // All descriptors to be replaced are closed before the first one is set. This is deliberate.
     test_pipe out;
-    EXPECT_EQ(sys_run(shell, script("test -e /proc/self/fd/0").get(), STDOUT_FILENO, out.in.get(),
+    EXPECT_EQ(sys_run(shell, script("test -e /proc/self/fd/0").argv(), STDOUT_FILENO, out.in.get(),
                       STDERR_FILENO, 0),
               1);
-    EXPECT_EQ(sys_run(shell, script("test -e /proc/self/fd/0").get(), STDOUT_FILENO, STDOUT_FILENO,
+    EXPECT_EQ(sys_run(shell, script("test -e /proc/self/fd/0").argv(), STDOUT_FILENO, STDOUT_FILENO,
                       STDERR_FILENO, 0),
               0);
 }
@@ -246,7 +233,7 @@ TEST(sys_run, signal_does_not_end_the_wait) {
     std::thread runner([&] {
         tid = thread_id();
         result =
-            sys_run(shell, script("read x; exit 3").get(), in.out.get(), STDOUT_FILENO, STDERR_FILENO, 0);
+            sys_run(shell, script("read x; exit 3").argv(), in.out.get(), STDOUT_FILENO, STDERR_FILENO, 0);
     });
     EXPECT_TRUE(eventually([&tid] { return tid != 0; }));
     interrupt_asleep(tid, SIGUSR1);
@@ -261,7 +248,7 @@ TEST(sys_run, buffered_line_is_written_once_and_first) {
     int status = run_in_child([&out] {
         dup2(out.in.get(), STDOUT_FILENO);
         printf("before\n");
-        sys_run(shell, script("echo program").get(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0);
+        sys_run(shell, script("echo program").argv(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0);
         printf("behind\n");
         return 0;
     });
@@ -275,7 +262,7 @@ TEST(sys_run, buffered_line_is_written_once_if_the_program_cannot_be_started) {
         dup2(out.in.get(), STDOUT_FILENO);
         dup2(out.in.get(), STDERR_FILENO);
         printf("before\n");
-        return sys_run("/nowhere/to/be/found", arguments{"found"}.get(), STDIN_FILENO, STDOUT_FILENO,
+        return sys_run("/nowhere/to/be/found", command_line({"found"}).argv(), STDIN_FILENO, STDOUT_FILENO,
                        STDERR_FILENO, 0);
     });
     EXPECT_TRUE(exited_with(status, 1));
@@ -288,7 +275,7 @@ TEST(sys_run, exit_handlers_of_the_caller_do_not_run_in_the_child) {
         static int handler_fd;
         handler_fd = out.in.get();
         atexit([] { (void)!write(handler_fd, "handler", 7); });
-        return sys_run("/nowhere/to/be/found", arguments{"found"}.get(), STDIN_FILENO, STDOUT_FILENO,
+        return sys_run("/nowhere/to/be/found", command_line({"found"}).argv(), STDIN_FILENO, STDOUT_FILENO,
                        handler_fd, 0);
     });
     EXPECT_TRUE(exited_with(status, 1));
@@ -297,8 +284,9 @@ TEST(sys_run, exit_handlers_of_the_caller_do_not_run_in_the_child) {
 
 TEST(sys_run, waits_for_a_traced_program_until_its_first_stop) {
     // The stop's signal is in the place of an exit code. The program is resumed when its tracer ends.
-    int status = run_in_child(
-        [] { return sys_run(shell, script("exit 3").get(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 1); });
+    int status = run_in_child([] {
+        return sys_run(shell, script("exit 3").argv(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 1);
+    });
     EXPECT_TRUE(exited_with(status, SIGTRAP)) << status;
 }
 
@@ -327,7 +315,7 @@ TEST(sys_run, failed_fork_waits_for_any_child_of_the_caller) {
 TEST(sys_run_nowait, returns_while_the_program_still_runs) {
     test_pipe in;
     pid_t pid =
-        sys_run_nowait(shell, script("read x; exit 4").get(), in.out.get(), STDOUT_FILENO, STDERR_FILENO, 0);
+        sys_run_nowait(shell, script("read x; exit 4").argv(), in.out.get(), STDOUT_FILENO, STDERR_FILENO, 0);
     ASSERT_GT(pid, 0);
     EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);
     in.in.reset();
@@ -336,7 +324,7 @@ TEST(sys_run_nowait, returns_while_the_program_still_runs) {
 
 TEST(sys_run_nowait, environment_is_empty) {
     test_pipe out;
-    pid_t pid = sys_run_nowait("/bin/cat", arguments{"cat", "/proc/self/environ"}.get(), STDIN_FILENO,
+    pid_t pid = sys_run_nowait("/bin/cat", command_line({"cat", "/proc/self/environ"}).argv(), STDIN_FILENO,
                                out.in.get(), STDERR_FILENO, 0);
     EXPECT_TRUE(exited_with(wait_status(pid), 0));
     EXPECT_EQ(out.finish(), "");
@@ -344,8 +332,8 @@ TEST(sys_run_nowait, environment_is_empty) {
 
 TEST(sys_run_nowait, program_that_cannot_be_started_still_has_a_pid) {
     test_pipe err;
-    pid_t pid = sys_run_nowait("/nowhere/to/be/found", arguments{"found"}.get(), STDIN_FILENO, STDOUT_FILENO,
-                               err.in.get(), 0);
+    pid_t pid = sys_run_nowait("/nowhere/to/be/found", command_line({"found"}).argv(), STDIN_FILENO,
+                               STDOUT_FILENO, err.in.get(), 0);
     ASSERT_GT(pid, 0);
     EXPECT_TRUE(exited_with(wait_status(pid), 1));
     EXPECT_EQ(err.finish(), perror_line("execve", ENOENT));
@@ -356,8 +344,9 @@ TEST(sys_run_nowait, returns_minus_1_if_fork_fails) {
     int status = run_without_forks([] {},
                                    [&err] {
                                        dup2(err.in.get(), STDERR_FILENO);
-                                       pid_t pid = sys_run_nowait(shell, script("exit 3").get(), STDIN_FILENO,
-                                                                  STDOUT_FILENO, STDERR_FILENO, 0);
+                                       pid_t pid =
+                                           sys_run_nowait(shell, script("exit 3").argv(), STDIN_FILENO,
+                                                          STDOUT_FILENO, STDERR_FILENO, 0);
                                        return pid == -1 ? 0 : 1;
                                    });
     EXPECT_TRUE(exited_with(status, 0)) << status;
@@ -366,8 +355,8 @@ TEST(sys_run_nowait, returns_minus_1_if_fork_fails) {
 
 TEST(sys_run_nowait, traced_program_stops_at_its_execve) {
     test_pipe out;
-    pid_t pid =
-        sys_run_nowait(shell, script("echo ran; exit 5").get(), STDIN_FILENO, out.in.get(), STDERR_FILENO, 1);
+    pid_t pid = sys_run_nowait(shell, script("echo ran; exit 5").argv(), STDIN_FILENO, out.in.get(),
+                               STDERR_FILENO, 1);
     ASSERT_GT(pid, 0);
     int status = wait_status(pid);
     ASSERT_TRUE(WIFSTOPPED(status)) << status;
@@ -413,21 +402,21 @@ TEST(sys_run_nowait, traced_child_is_not_left_stopped_if_its_parent_dies_first) 
 }
 
 TEST(sys_run_nowait, program_without_a_tracer_does_not_stop) {
-    pid_t pid = sys_run_nowait(shell, script("exit 5").get(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0);
+    pid_t pid = sys_run_nowait(shell, script("exit 5").argv(), STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0);
     EXPECT_TRUE(exited_with(wait_status(pid), 5));
 }
 
 TEST(sys_run_envp_nowait, program_gets_the_given_environment) {
     test_pipe out;
-    pid_t pid = sys_run_envp_nowait("/bin/cat", arguments{"cat", "/proc/self/environ"}.get(),
-                                    arguments{"A=1", "LONG=two words"}.get(), STDIN_FILENO, out.in.get(),
-                                    STDERR_FILENO, 0);
+    pid_t pid = sys_run_envp_nowait("/bin/cat", command_line({"cat", "/proc/self/environ"}).argv(),
+                                    command_line({"A=1", "LONG=two words"}).argv(), STDIN_FILENO,
+                                    out.in.get(), STDERR_FILENO, 0);
     EXPECT_TRUE(exited_with(wait_status(pid), 0));
     EXPECT_EQ(out.finish(), std::string("A=1\0LONG=two words\0", 19));
 }
 
 TEST(sys_run_envp_nowait, traced_program_stops_at_its_execve) {
-    pid_t pid = sys_run_envp_nowait(shell, script("exit 6").get(), arguments{}.get(), STDIN_FILENO,
+    pid_t pid = sys_run_envp_nowait(shell, script("exit 6").argv(), command_line({}).argv(), STDIN_FILENO,
                                     STDOUT_FILENO, STDERR_FILENO, 1);
     int status = wait_status(pid);
     ASSERT_TRUE(WIFSTOPPED(status)) << status;
@@ -440,9 +429,9 @@ TEST(sys_run_envp_nowait, returns_minus_1_if_fork_fails) {
     int status = run_without_forks([] {},
                                    [&err] {
                                        dup2(err.in.get(), STDERR_FILENO);
-                                       pid_t pid = sys_run_envp_nowait(shell, script("exit 3").get(),
-                                                                       arguments{"A=1"}.get(), STDIN_FILENO,
-                                                                       STDOUT_FILENO, STDERR_FILENO, 0);
+                                       pid_t pid = sys_run_envp_nowait(
+                                           shell, script("exit 3").argv(), command_line({"A=1"}).argv(),
+                                           STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, 0);
                                        return pid == -1 ? 0 : 1;
                                    });
     EXPECT_TRUE(exited_with(status, 0)) << status;

@@ -14,47 +14,36 @@
 #include "common/unix_address.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/command_line.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/signals.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
 
-// The words after the applet's name. Must live longer than what is parsed from them.
-struct command_line {
-    explicit command_line(std::vector<std::string> given) : words(std::move(given)) {
-        words.insert(words.begin(), "coredump-handler");
-        for (std::string& word : words) {
-            argv.push_back(word.data());
-        }
-        argv.push_back(nullptr);
-    }
-    int argc() const { return static_cast<int>(words.size()); }
-    std::vector<std::string> words;
-    std::vector<char*> argv;
-};
+constexpr const char* applet = "coredump-handler";
 
 std::string error_of(std::vector<std::string> words) {
-    command_line line(std::move(words));
+    command_line line(applet, std::move(words));
     core_arguments arguments;
-    const char* message = core_arguments_parse(line.argc(), line.argv.data(), &arguments);
+    const char* message = core_arguments_parse(line.argc(), line.argv(), &arguments);
     return message ? message : "";
 }
 
 // The limit of a command line with this size argument.
 unsigned long long limit_of(const std::string& size) {
-    command_line line({"core", size, "!bin!app", "app"});
+    command_line line(applet, {"core", size, "!bin!app", "app"});
     core_arguments arguments;
-    EXPECT_STREQ(core_arguments_parse(line.argc(), line.argv.data(), &arguments), nullptr) << size;
+    EXPECT_STREQ(core_arguments_parse(line.argc(), line.argv(), &arguments), nullptr) << size;
     EXPECT_TRUE(arguments.has_program);
     return arguments.size_limit;
 }
 
 int run_in_a_child(std::vector<std::string> words, int input) {
-    command_line line(std::move(words));
+    command_line line(applet, std::move(words));
     return run_in_child([&] {
         dup2(input, STDIN_FILENO);
-        return run_coredump_handler(line.argc(), line.argv.data());
+        return run_coredump_handler(line.argc(), line.argv());
     });
 }
 
@@ -90,13 +79,13 @@ TEST(core_arguments_parse, fewer_than_three_words_are_not_checked) {
 }
 
 TEST(core_arguments_parse, file_name_has_a_default) {
-    command_line none({});
+    command_line none(applet, {});
     core_arguments arguments;
-    core_arguments_parse(none.argc(), none.argv.data(), &arguments);
+    core_arguments_parse(none.argc(), none.argv(), &arguments);
     EXPECT_STREQ(arguments.file_name, "core.core");
     EXPECT_FALSE(arguments.has_program);
-    command_line one({"core.7"});
-    core_arguments_parse(one.argc(), one.argv.data(), &arguments);
+    command_line one(applet, {"core.7"});
+    core_arguments_parse(one.argc(), one.argv(), &arguments);
     EXPECT_STREQ(arguments.file_name, "core.7");
     EXPECT_FALSE(arguments.has_program);
 }
@@ -135,12 +124,12 @@ TEST(core_arguments_parse, size_is_a_64_bit_number) {
 }
 
 TEST(core_arguments_parse, exclamation_marks_of_the_path_become_slashes) {
-    command_line line({"core", "1", "!usr!bin!app", "a!b"});
+    command_line line(applet, {"core", "1", "!usr!bin!app", "a!b"});
     core_arguments arguments;
-    EXPECT_STREQ(core_arguments_parse(line.argc(), line.argv.data(), &arguments), nullptr);
+    EXPECT_STREQ(core_arguments_parse(line.argc(), line.argv(), &arguments), nullptr);
     EXPECT_EQ(arguments.path, "/usr/bin/app");
     EXPECT_STREQ(arguments.name, "a!b");
-    EXPECT_EQ(line.words[3], "!usr!bin!app");
+    EXPECT_STREQ(line.argv()[3], "!usr!bin!app");
 }
 
 TEST(run_coredump_handler, wrong_arguments_return_1_and_leave_the_core_unread) {
@@ -164,11 +153,11 @@ TEST(run_coredump_handler, unreadable_input_returns_1) {
     unique_fd folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     EXPECT_TRUE(exited_with(run_in_a_child({"core"}, folder.get()), 1));
     int status = run_in_child([] {
-        command_line line({"core"});
+        command_line line(applet, {"core"});
         for (int fd = 0; fd < 3; fd++) {
             close(fd);
         }
-        return run_coredump_handler(line.argc(), line.argv.data());
+        return run_coredump_handler(line.argc(), line.argv());
     });
     EXPECT_TRUE(exited_with(status, 1));
 }

@@ -16,19 +16,11 @@
 #include "tests/unit/net/private_network.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/command_line.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
-
-int run_applet(std::vector<std::string> words) {
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
-    return run_pcapdump(static_cast<int>(words.size()), argv.data());
-}
 
 // Starts the applet in a child process. The test may have inherited these signals as ignored.
 pid_t start_applet(const std::vector<std::string>& words) {
@@ -36,7 +28,7 @@ pid_t start_applet(const std::vector<std::string>& words) {
         for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
             signal(sig, SIG_DFL);
         }
-        return run_applet(words);
+        return call_applet(run_pcapdump, words);
     });
 }
 
@@ -124,14 +116,14 @@ using port_list = std::vector<unsigned>;
 
 TEST(run_pcapdump, prints_its_usage) {
     for (std::vector<std::string> words : {std::vector<std::string>{"pcapdump"}, {"pcapdump", "eth0"}}) {
-        std::string out = capture_stdout([&] { EXPECT_EQ(run_applet(words), 1); });
+        std::string out = capture_stdout([&] { EXPECT_EQ(call_applet(run_pcapdump, words), 1); });
         EXPECT_EQ(out, "USAGE: pcapdump netif dumpname [filter_portnumber]\n");
     }
 }
 
 TEST(run_pcapdump, file_that_cannot_be_opened_is_reported) {
     std::string reported = capture_stderr([] {
-        EXPECT_EQ(run_applet({"pcapdump", "lo", "/nonexistent/file"}), 1);
+        EXPECT_EQ(call_applet(run_pcapdump, {"pcapdump", "lo", "/nonexistent/file"}), 1);
     });
     EXPECT_EQ(reported, std::string("/nonexistent/file: ") + strerror(ENOENT) + "\n");
 }
@@ -198,7 +190,7 @@ NETWORK_TEST(run_pcapdump, fails_without_a_descriptor_for_its_stop_pipe) {
             rlimit one_left = {static_cast<rlim_t>(next) + 1, 4096};  // a pipe needs two
             close(next);
             setrlimit(RLIMIT_NOFILE, &one_left);
-            result = run_applet({"pcapdump", "near0", file});
+            result = call_applet(run_pcapdump, {"pcapdump", "near0", file});
             rlimit enough = {4096, 4096};
             setrlimit(RLIMIT_NOFILE, &enough);
         });
@@ -241,7 +233,9 @@ TEST(run_pcapdump, exit_status_is_0_if_no_interface_can_be_opened) {
             return 77;
         }
         int result = 1;
-        std::string reported = capture_stderr([&] { result = run_applet({"pcapdump", "lo", file}); });
+        std::string reported = capture_stderr([&] {
+            result = call_applet(run_pcapdump, {"pcapdump", "lo", file});
+        });
         return result == 0 && reported == std::string("socket: : ") + strerror(EPERM) + "\n" ? 0 : 2;
     });
     EXPECT_TRUE(exited_with(status, 0)) << status;

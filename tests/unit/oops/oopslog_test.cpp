@@ -9,6 +9,7 @@
 
 #include "tests/unit/oops/flash_image.h"
 #include "tests/unit/support/capture.h"
+#include "tests/unit/support/command_line.h"
 #include "tests/unit/support/temp_dir.h"
 
 namespace {
@@ -30,12 +31,7 @@ std::vector<uint8_t> page_with(uint32_t count, uint32_t magic, std::string_view 
 
 int run(std::vector<std::string> words) {
     words.insert(words.begin(), "oopslog");
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
-    return run_oopslog(static_cast<int>(words.size()), argv.data());
+    return call_applet(run_oopslog, std::move(words));
 }
 
 struct outcome {

@@ -2,7 +2,6 @@
 // be made to misbehave.
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -19,6 +18,8 @@
 
 #include "common/unix_address.h"
 #include "platform/qorlink.h"
+#include "tests/unit/support/children.h"
+#include "tests/unit/support/pipes.h"
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -32,42 +33,15 @@ inline milliseconds since(steady_clock::time_point start) {
     return std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
 }
 
-inline std::set<int> open_descriptors() {
-    std::set<int> found;
-    DIR* dir = opendir("/proc/self/fd");
-    while (const dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.' && atoi(entry->d_name) != dirfd(dir)) {
-            found.insert(atoi(entry->d_name));
-        }
-    }
-    closedir(dir);
-    return found;
-}
-
-inline bool is_cloexec(int fd) {
-    return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
-}
-
-// A pipe whose write end the tests pass as a descriptor.
-struct test_pipe {
-    int ends[2] = {-1, -1};
-    test_pipe() { EXPECT_EQ(pipe(ends), 0); }
-    ~test_pipe() {
-        close(ends[0]);
-        close_write_end();
-    }
-    int write_end() const { return ends[1]; }
-    void close_write_end() {
-        if (ends[1] >= 0) {
-            close(ends[1]);
-        }
-        ends[1] = -1;
-    }
+// A pipe whose writing side the tests pass as a descriptor.
+struct passed_pipe : test_pipe {
+    passed_pipe() : test_pipe(0) {}
+    // True once no process has the writing side any more.
     bool is_at_end() {
-        close_write_end();
-        pollfd waiting = {ends[0], POLLIN, 0};
+        in.reset();
+        pollfd waiting = {out.get(), POLLIN, 0};
         char byte;
-        return poll(&waiting, 1, 2000) == 1 && read(ends[0], &byte, 1) == 0;
+        return poll(&waiting, 1, 2000) == 1 && read(out.get(), &byte, 1) == 0;
     }
 };
 
@@ -145,11 +119,11 @@ protected:
 
     // Expects a receive that fails with `wanted_error`, returns no descriptor and leaves none open.
     void expect_failure(int wanted_error, size_t room = 4095) {
-        std::set<int> before = open_descriptors();
+        std::set<int> before = open_fds();
         EXPECT_LT(receive(room), 1);
         EXPECT_EQ(error, wanted_error) << strerror(error);
         EXPECT_EQ(received, -1);
-        EXPECT_EQ(open_descriptors(), before);
+        EXPECT_EQ(open_fds(), before);
     }
     void expect_bounded() const {
         EXPECT_GE(took, recv_limit - milliseconds(50));

@@ -66,18 +66,18 @@ TEST_F(qorlink_peer, silent_peer_holds_the_receiver_for_two_seconds) {
 }
 
 TEST_F(qorlink_peer, descriptor_of_an_unfinished_message_is_closed) {
-    test_pipe passed;
+    passed_pipe passed;
     peer far(path);
-    ASSERT_TRUE(far.send("half a mess", {passed.write_end()}));
+    ASSERT_TRUE(far.send("half a mess", {passed.in.get()}));
     expect_failure(ETIMEDOUT);
     expect_bounded();
     EXPECT_TRUE(passed.is_at_end());
 }
 
 TEST_F(qorlink_peer, slow_peer_holds_the_receiver_for_two_seconds) {
-    test_pipe passed;
+    passed_pipe passed;
     peer far(path);
-    ASSERT_TRUE(far.send("x", {passed.write_end()}));
+    ASSERT_TRUE(far.send("x", {passed.in.get()}));
     int trickled = 0;
     std::thread trickle([&] {
         while (!far.sees_end(250) && trickled < 40) {
@@ -118,13 +118,13 @@ TEST_F(qorlink_peer, empty_message_is_a_failure) {
 
 // The receiver sees only the end of input, and takes the bytes before it as the message.
 TEST_F(qorlink_peer, message_of_a_killed_peer_ends_where_it_died) {
-    test_pipe passed;
+    passed_pipe passed;
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     pid_t child = fork();
     if (child == 0) {
         peer far(path);
-        bool sent = far.send("kind=co", {passed.write_end()});
+        bool sent = far.send("kind=co", {passed.in.get()});
         (void)!write(ready[1], sent ? "y" : "n", 1);
         for (;;) {
             pause();
@@ -159,10 +159,10 @@ TEST_F(qorlink_peer, message_without_descriptor_fails_before_it_is_complete) {
 }
 
 TEST_F(qorlink_peer, two_descriptors_fail_and_are_both_closed) {
-    test_pipe one;
-    test_pipe two;
+    passed_pipe one;
+    passed_pipe two;
     peer far(path);
-    ASSERT_TRUE(far.send("kind=core", {one.write_end(), two.write_end()}));
+    ASSERT_TRUE(far.send("kind=core", {one.in.get(), two.in.get()}));
     far.finish();
     expect_failure(EBADMSG);
     EXPECT_TRUE(one.is_at_end());
@@ -170,19 +170,19 @@ TEST_F(qorlink_peer, two_descriptors_fail_and_are_both_closed) {
 }
 
 TEST_F(qorlink_peer, largest_possible_number_of_descriptors_is_closed) {
-    test_pipe passed;
+    passed_pipe passed;
     peer far(path);
-    ASSERT_TRUE(far.send("kind=core", std::vector<int>(253, passed.write_end())));
+    ASSERT_TRUE(far.send("kind=core", std::vector<int>(253, passed.in.get())));
     far.finish();
     expect_failure(EBADMSG);
     EXPECT_TRUE(passed.is_at_end());
 }
 
 TEST_F(qorlink_peer, descriptor_on_a_later_byte_is_a_failure) {
-    test_pipe passed;
+    passed_pipe passed;
     peer far(path);
     ASSERT_TRUE(far.send("k"));
-    ASSERT_TRUE(far.send("ind=core", {passed.write_end()}));
+    ASSERT_TRUE(far.send("ind=core", {passed.in.get()}));
     far.finish();
     expect_failure(EBADMSG);
     far.hang_up();
@@ -190,11 +190,11 @@ TEST_F(qorlink_peer, descriptor_on_a_later_byte_is_a_failure) {
 }
 
 TEST_F(qorlink_peer, second_descriptor_on_a_later_byte_is_a_failure) {
-    test_pipe one;
-    test_pipe two;
+    passed_pipe one;
+    passed_pipe two;
     peer far(path);
-    ASSERT_TRUE(far.send("kind", {one.write_end()}));
-    ASSERT_TRUE(far.send("=core", {two.write_end()}));
+    ASSERT_TRUE(far.send("kind", {one.in.get()}));
+    ASSERT_TRUE(far.send("=core", {two.in.get()}));
     far.finish();
     expect_failure(EBADMSG);
     EXPECT_TRUE(one.is_at_end());
@@ -202,42 +202,42 @@ TEST_F(qorlink_peer, second_descriptor_on_a_later_byte_is_a_failure) {
 }
 
 TEST_F(qorlink_peer, descriptor_beyond_the_limit_of_open_files_is_a_failure) {
-    test_pipe passed;
+    passed_pipe passed;
     peer far(path);
-    ASSERT_TRUE(far.send("kind=core", {passed.write_end()}));
+    ASSERT_TRUE(far.send("kind=core", {passed.in.get()}));
     far.finish();
-    std::set<int> before = open_descriptors();
+    std::set<int> before = open_fds();
     {
         descriptor_shortage only_the_connection(1);
         EXPECT_EQ(receive(4095), -1);
     }
     EXPECT_EQ(error, EBADMSG);
     EXPECT_EQ(received, -1);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(open_fds(), before);
 }
 
 TEST_F(qorlink_peer, two_descriptors_fail_even_if_only_one_can_be_opened) {
-    test_pipe passed;
+    passed_pipe passed;
     peer far(path);
-    ASSERT_TRUE(far.send("kind=core", {passed.write_end(), passed.write_end()}));
+    ASSERT_TRUE(far.send("kind=core", {passed.in.get(), passed.in.get()}));
     far.finish();
-    std::set<int> before = open_descriptors();
+    std::set<int> before = open_fds();
     {
         descriptor_shortage connection_and_one_more(2);
         EXPECT_EQ(receive(4095), -1);
     }
     EXPECT_EQ(error, EBADMSG);
     EXPECT_EQ(received, -1);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(open_fds(), before);
     far.hang_up();
     EXPECT_TRUE(passed.is_at_end());
 }
 
 TEST_F(qorlink_peer, failure_does_not_affect_the_next_connection) {
-    test_pipe passed;
+    passed_pipe passed;
     peer bad(path);
     ASSERT_TRUE(bad.send("no descriptor"));
-    ASSERT_EQ(qorlink_send(path.c_str(), "good", 4, passed.write_end()), 0);
+    ASSERT_EQ(qorlink_send(path.c_str(), "good", 4, passed.in.get()), 0);
     expect_failure(EBADMSG);
     EXPECT_EQ(receive(4095), 4);
     EXPECT_EQ(text(4), "good");
@@ -245,13 +245,12 @@ TEST_F(qorlink_peer, failure_does_not_affect_the_next_connection) {
 }
 
 TEST_F(qorlink_peer, receiver_that_hangs_up_does_not_kill_the_sender) {
-    test_pipe passed;
+    passed_pipe passed;
     std::string message(4000000, 'm');
     int sent = 0;
     int send_error = 0;
     std::thread sender([&] {
-        sent =
-            qorlink_send(path.c_str(), message.data(), static_cast<int>(message.size()), passed.write_end());
+        sent = qorlink_send(path.c_str(), message.data(), static_cast<int>(message.size()), passed.in.get());
         send_error = errno;
     });
     EXPECT_EQ(receive(4095), 4095);
@@ -268,8 +267,8 @@ TEST_F(qorlink_peer, stuck_receiver_holds_the_sender_for_ten_seconds) {
     ASSERT_EQ(bind(full, address.get(), address.size()), 0);
     ASSERT_EQ(listen(full, 0), 0);
     peer fills_the_queue(full_path);
-    test_pipe passed;
-    std::set<int> before = open_descriptors();
+    passed_pipe passed;
+    std::set<int> before = open_fds();
 
     struct {
         const char* path;
@@ -283,7 +282,7 @@ TEST_F(qorlink_peer, stuck_receiver_holds_the_sender_for_ten_seconds) {
         senders.emplace_back([&] {
             auto start = steady_clock::now();
             one.result =
-                qorlink_send(one.path, message.data(), static_cast<int>(message.size()), passed.write_end());
+                qorlink_send(one.path, message.data(), static_cast<int>(message.size()), passed.in.get());
             one.error = errno;
             one.took = since(start);
         });
@@ -295,7 +294,7 @@ TEST_F(qorlink_peer, stuck_receiver_holds_the_sender_for_ten_seconds) {
         EXPECT_GE(cases[i].took, send_limit - milliseconds(50)) << cases[i].path;
         EXPECT_LE(cases[i].took, send_limit + slack) << cases[i].path;
     }
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(open_fds(), before);
     close(full);
     unlink(full_path.c_str());
 }

@@ -14,43 +14,43 @@ class qorlink : public qorlink_fixture {};
 }  // namespace
 
 TEST_F(qorlink, message_and_descriptor_arrive) {
-    test_pipe passed;
-    ASSERT_EQ(qorlink_send(path.c_str(), "kind=core", 9, passed.write_end()), 0) << strerror(errno);
+    passed_pipe passed;
+    ASSERT_EQ(qorlink_send(path.c_str(), "kind=core", 9, passed.in.get()), 0) << strerror(errno);
     int length = receive(4095);
     ASSERT_EQ(length, 9);
     EXPECT_EQ(text(length), "kind=core");
     ASSERT_GE(received, 0);
     EXPECT_EQ(write(received, "x", 1), 1);
     char byte = 0;
-    EXPECT_EQ(read(passed.ends[0], &byte, 1), 1);
+    EXPECT_EQ(read(passed.out.get(), &byte, 1), 1);
     EXPECT_EQ(byte, 'x');
     close(received);
     EXPECT_TRUE(passed.is_at_end());
 }
 
 TEST_F(qorlink, only_the_passed_descriptor_stays_open) {
-    test_pipe passed;
-    std::set<int> before = open_descriptors();
-    ASSERT_EQ(qorlink_send(path.c_str(), "a", 1, passed.write_end()), 0);
-    EXPECT_EQ(open_descriptors(), before);
+    passed_pipe passed;
+    std::set<int> before = open_fds();
+    ASSERT_EQ(qorlink_send(path.c_str(), "a", 1, passed.in.get()), 0);
+    EXPECT_EQ(open_fds(), before);
     ASSERT_EQ(receive(4095), 1);
     before.insert(received);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(open_fds(), before);
     close(received);
 }
 
 TEST_F(qorlink, bytes_after_the_message_are_unchanged) {
-    test_pipe passed;
-    ASSERT_EQ(qorlink_send(path.c_str(), "abc", 3, passed.write_end()), 0);
+    passed_pipe passed;
+    ASSERT_EQ(qorlink_send(path.c_str(), "abc", 3, passed.in.get()), 0);
     ASSERT_EQ(receive(6), 3);
     EXPECT_EQ(buffer, "abc###");
     close(received);
 }
 
 TEST_F(qorlink, descriptors_are_closed_on_exec) {
-    test_pipe passed;
-    ASSERT_FALSE(is_cloexec(passed.write_end()));
-    ASSERT_EQ(qorlink_send(path.c_str(), "a", 1, passed.write_end()), 0);
+    passed_pipe passed;
+    ASSERT_FALSE(is_cloexec(passed.in.get()));
+    ASSERT_EQ(qorlink_send(path.c_str(), "a", 1, passed.in.get()), 0);
     ASSERT_EQ(receive(4095), 1);
     EXPECT_TRUE(is_cloexec(received));
     EXPECT_TRUE(is_cloexec(server));
@@ -58,36 +58,36 @@ TEST_F(qorlink, descriptors_are_closed_on_exec) {
 }
 
 TEST_F(qorlink, message_of_4095_bytes_fills_the_buffer) {
-    test_pipe passed;
+    passed_pipe passed;
     std::string message(4095, 'm');
-    ASSERT_EQ(qorlink_send(path.c_str(), message.data(), 4095, passed.write_end()), 0);
+    ASSERT_EQ(qorlink_send(path.c_str(), message.data(), 4095, passed.in.get()), 0);
     EXPECT_EQ(receive(4095), 4095);
     EXPECT_EQ(buffer, message);
     close(received);
 }
 
 TEST_F(qorlink, message_one_byte_below_the_buffer_is_whole) {
-    test_pipe passed;
+    passed_pipe passed;
     std::string message(4094, 'm');
-    ASSERT_EQ(qorlink_send(path.c_str(), message.data(), 4094, passed.write_end()), 0);
+    ASSERT_EQ(qorlink_send(path.c_str(), message.data(), 4094, passed.in.get()), 0);
     EXPECT_EQ(receive(4095), 4094);
     EXPECT_EQ(buffer, message + "#");
     close(received);
 }
 
 TEST_F(qorlink, longer_message_is_cut_at_the_buffer) {
-    test_pipe passed;
+    passed_pipe passed;
     std::string message = std::string(4095, 'm') + "rest";
-    ASSERT_EQ(qorlink_send(path.c_str(), message.data(), 4099, passed.write_end()), 0);
+    ASSERT_EQ(qorlink_send(path.c_str(), message.data(), 4099, passed.in.get()), 0);
     EXPECT_EQ(receive(4095), 4095);
     EXPECT_EQ(buffer, message.substr(0, 4095));
     close(received);
 }
 
 TEST_F(qorlink, full_buffer_does_not_wait_for_the_end_of_input) {
-    test_pipe passed;
+    passed_pipe passed;
     peer far(path);
-    ASSERT_TRUE(far.send("12345678", {passed.write_end()}));
+    ASSERT_TRUE(far.send("12345678", {passed.in.get()}));
     EXPECT_EQ(receive(8), 8);
     EXPECT_LT(took, milliseconds(1000));
     EXPECT_TRUE(far.sees_end(0));
@@ -95,24 +95,23 @@ TEST_F(qorlink, full_buffer_does_not_wait_for_the_end_of_input) {
 }
 
 TEST_F(qorlink, one_byte_fits_a_buffer_of_one_byte) {
-    test_pipe passed;
+    passed_pipe passed;
     peer far(path);
-    ASSERT_TRUE(far.send("1", {passed.write_end()}));
+    ASSERT_TRUE(far.send("1", {passed.in.get()}));
     EXPECT_EQ(receive(1), 1);
     EXPECT_EQ(buffer, "1");
     close(received);
 }
 
 TEST_F(qorlink, message_larger_than_a_socket_buffer_arrives_whole) {
-    test_pipe passed;
+    passed_pipe passed;
     std::string message;
     while (message.size() < effort<size_t>(3000000, 600000)) {
         message += std::to_string(message.size()) + " ";
     }
     int sent = -1;
     std::thread sender([&] {
-        sent =
-            qorlink_send(path.c_str(), message.data(), static_cast<int>(message.size()), passed.write_end());
+        sent = qorlink_send(path.c_str(), message.data(), static_cast<int>(message.size()), passed.in.get());
     });
     int length = receive(message.size() + 1);
     sender.join();
@@ -123,9 +122,9 @@ TEST_F(qorlink, message_larger_than_a_socket_buffer_arrives_whole) {
 }
 
 TEST_F(qorlink, message_in_pieces_is_joined) {
-    test_pipe passed;
+    passed_pipe passed;
     peer far(path);
-    ASSERT_TRUE(far.send("kin", {passed.write_end()}));
+    ASSERT_TRUE(far.send("kin", {passed.in.get()}));
     ASSERT_TRUE(far.send("d=c"));
     ASSERT_TRUE(far.send("ore"));
     far.finish();
@@ -135,10 +134,10 @@ TEST_F(qorlink, message_in_pieces_is_joined) {
 }
 
 TEST_F(qorlink, queued_connections_are_received_in_order) {
-    test_pipe first;
-    test_pipe second;
-    ASSERT_EQ(qorlink_send(path.c_str(), "first", 5, first.write_end()), 0);
-    ASSERT_EQ(qorlink_send(path.c_str(), "second", 6, second.write_end()), 0);
+    passed_pipe first;
+    passed_pipe second;
+    ASSERT_EQ(qorlink_send(path.c_str(), "first", 5, first.in.get()), 0);
+    ASSERT_EQ(qorlink_send(path.c_str(), "second", 6, second.in.get()), 0);
     ASSERT_EQ(receive(4095), 5);
     EXPECT_EQ(text(5), "first");
     close(received);
@@ -151,12 +150,12 @@ TEST_F(qorlink, queued_connections_are_received_in_order) {
 
 TEST_F(qorlink, threads_may_send_at_the_same_time) {
     constexpr int count = 16;
-    test_pipe passed;
+    passed_pipe passed;
     std::vector<std::thread> senders;
     for (int i = 0; i < count; i++) {
         senders.emplace_back([this, i, &passed] {
             std::string message(1000, static_cast<char>('a' + i));
-            EXPECT_EQ(qorlink_send(path.c_str(), message.data(), 1000, passed.write_end()), 0);
+            EXPECT_EQ(qorlink_send(path.c_str(), message.data(), 1000, passed.in.get()), 0);
         });
     }
     std::set<char> seen;
@@ -210,18 +209,18 @@ TEST_F(qorlink, longest_path_works_and_one_byte_more_is_too_long) {
     longest.resize(sizeof(sockaddr_un::sun_path) - 1, 'p');
     int sock = qorlink_server_socket(longest.c_str(), 0600);
     EXPECT_GE(sock, 0) << strerror(errno);
-    test_pipe passed;
-    EXPECT_EQ(qorlink_send(longest.c_str(), "a", 1, passed.write_end()), 0);
+    passed_pipe passed;
+    EXPECT_EQ(qorlink_send(longest.c_str(), "a", 1, passed.in.get()), 0);
     close(sock);
     EXPECT_EQ(unlink(longest.c_str()), 0);
 
-    std::set<int> before = open_descriptors();
+    std::set<int> before = open_fds();
     longest += 'p';
     EXPECT_EQ(qorlink_server_socket(longest.c_str(), 0600), -1);
     EXPECT_EQ(errno, ENAMETOOLONG);
-    EXPECT_EQ(qorlink_send(longest.c_str(), "a", 1, passed.write_end()), -1);
+    EXPECT_EQ(qorlink_send(longest.c_str(), "a", 1, passed.in.get()), -1);
     EXPECT_EQ(errno, ENAMETOOLONG);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(open_fds(), before);
 }
 
 TEST_F(qorlink, empty_path_names_no_socket) {
@@ -232,41 +231,41 @@ TEST_F(qorlink, empty_path_names_no_socket) {
 }
 
 TEST_F(qorlink, existing_file_is_an_error_and_is_kept) {
-    std::set<int> before = open_descriptors();
+    std::set<int> before = open_fds();
     EXPECT_EQ(qorlink_server_socket(path.c_str(), 0666), -1);
     EXPECT_EQ(errno, EADDRINUSE);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(open_fds(), before);
     struct stat info;
     ASSERT_EQ(stat(path.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 0600u);
 }
 
 TEST_F(qorlink, missing_folder_is_an_error) {
-    std::set<int> before = open_descriptors();
+    std::set<int> before = open_fds();
     EXPECT_EQ(qorlink_server_socket((folder + "/none/control").c_str(), 0666), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(open_fds(), before);
 }
 
 TEST_F(qorlink, send_to_a_missing_receiver_fails) {
-    test_pipe passed;
-    std::set<int> before = open_descriptors();
-    EXPECT_EQ(qorlink_send((folder + "/none").c_str(), "a", 1, passed.write_end()), -1);
+    passed_pipe passed;
+    std::set<int> before = open_fds();
+    EXPECT_EQ(qorlink_send((folder + "/none").c_str(), "a", 1, passed.in.get()), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(open_fds(), before);
     close(server);
     server = -1;
-    EXPECT_EQ(qorlink_send(path.c_str(), "a", 1, passed.write_end()), -1);
+    EXPECT_EQ(qorlink_send(path.c_str(), "a", 1, passed.in.get()), -1);
     EXPECT_EQ(errno, ECONNREFUSED);
 }
 
 TEST_F(qorlink, send_refuses_arguments_that_no_receiver_would_accept) {
-    test_pipe passed;
-    EXPECT_EQ(qorlink_send(path.c_str(), "a", 0, passed.write_end()), -1);
+    passed_pipe passed;
+    EXPECT_EQ(qorlink_send(path.c_str(), "a", 0, passed.in.get()), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(qorlink_send(path.c_str(), "a", 1, -1), -1);
     EXPECT_EQ(errno, EBADF);
-    int closed = dup(passed.write_end());
+    int closed = dup(passed.in.get());
     close(closed);
     EXPECT_EQ(qorlink_send(path.c_str(), "a", 1, closed), -1);
     EXPECT_EQ(errno, EBADF);

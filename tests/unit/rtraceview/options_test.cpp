@@ -4,16 +4,13 @@
 
 #include <vector>
 
+#include "tests/unit/support/command_line.h"
+
 namespace {
 
 std::string parsed(std::vector<std::string> words, view_options* options) {
-    words.insert(words.begin(), "rtraceview");
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
-    return view_parse_options(static_cast<int>(words.size()), argv.data(), options);
+    command_line line("rtraceview", std::move(words));
+    return view_parse_options(line.argc(), line.argv(), options);
 }
 
 }  // namespace

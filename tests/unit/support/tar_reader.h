@@ -47,13 +47,13 @@ inline unsigned tar_header_sum(const std::string& header) {
     return sum;
 }
 
-inline std::string tar_text_field(const std::string& header, size_t at, size_t room) {
-    std::string field = header.substr(at, room);
+inline std::string tar_text_field(const std::string& header, size_t at, size_t size) {
+    std::string field = header.substr(at, size);
     return field.substr(0, field.find('\0'));
 }
 
-inline long long tar_octal_field(const std::string& header, size_t at, size_t room) {
-    return strtoll(tar_text_field(header, at, room).c_str(), nullptr, 8);
+inline long long tar_octal_field(const std::string& header, size_t at, size_t size) {
+    return strtoll(tar_text_field(header, at, size).c_str(), nullptr, 8);
 }
 
 inline tar_listing tar_read(const std::string& stream) {

@@ -1,22 +1,18 @@
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "tests/unit/support/command_line.h"
 #include "tools/dcore/options.h"
 
 namespace {
 
 std::string parse(std::vector<std::string> words, dcore_options* options) {
-    static std::vector<std::string> kept;  // the options borrow from it
-    kept = std::move(words);
-    kept.insert(kept.begin(), "dcore");
-    std::vector<char*> argv;
-    for (std::string& word : kept) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
-    return options_parse(static_cast<int>(kept.size()), argv.data(), options);
+    static std::optional<command_line> line;  // the options borrow from it
+    line.emplace("dcore", std::move(words));
+    return options_parse(line->argc(), line->argv(), options);
 }
 
 }  // namespace

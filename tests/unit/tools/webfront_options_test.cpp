@@ -2,19 +2,15 @@
 
 #include <vector>
 
+#include "tests/unit/support/command_line.h"
 #include "tools/webfront/options.h"
 
 namespace {
 
 // Parses these words after the name of the program.
 std::string parse(std::vector<std::string> words, webfront_options* options) {
-    words.insert(words.begin(), "webfront");
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
-    return webfront_parse(static_cast<int>(words.size()), argv.data(), options);
+    command_line line("webfront", std::move(words));
+    return webfront_parse(line.argc(), line.argv(), options);
 }
 
 }  // namespace

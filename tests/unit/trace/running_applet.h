@@ -19,8 +19,7 @@ public:
     running_applet(main_function run, const std::vector<std::string>& list)
         : text_(memory_file()), process_([this, run, list] {
               redirection into_memory(STDOUT_FILENO, text_.get());
-              words given(list);
-              return run(given.count(), given.vector());
+              return call_applet(run, list);
           }) {}
     pid_t pid() const { return process_.pid(); }
     std::string text() const { return content_of(text_.get()); }

@@ -21,6 +21,7 @@
 #include "common/sys_run.h"
 #include "common/unique_fd.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/command_line.h"
 #include "tests/unit/support/pipes.h"
 #include "trace/strace.h"
 
@@ -287,28 +288,12 @@ private:
     std::thread opener_;
 };
 
-// A command line as main gets it.
-struct words {
-    explicit words(std::vector<std::string> list) : list_(std::move(list)) {
-        for (std::string& word : list_) {
-            argv_.push_back(word.data());
-        }
-        argv_.push_back(nullptr);
-    }
-    int count() const { return static_cast<int>(list_.size()); }
-    char** vector() { return argv_.data(); }
-
-private:
-    std::vector<std::string> list_;
-    std::vector<char*> argv_;
-};
-
 // Starts a program that this process traces, with /dev/null as its standard descriptors. It stops before its
 // first instruction. Without `program`, the first word of the command line is the program.
 inline pid_t start_traced(const std::vector<std::string>& list, const char* program = nullptr) {
-    words given(list);
+    command_line given(list);
     unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
-    pid_t pid = sys_run_nowait(program ? program : given.vector()[0], given.vector(), null.get(), null.get(),
+    pid_t pid = sys_run_nowait(program ? program : given.argv()[0], given.argv(), null.get(), null.get(),
                                null.get(), 1);
     EXPECT_TRUE(WIFSTOPPED(wait_status(pid)));
     return pid;

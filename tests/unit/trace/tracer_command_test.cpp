@@ -18,10 +18,10 @@
 namespace {
 
 tracer_options parsed(std::vector<std::string> list, bool expected = true) {
-    static std::vector<std::unique_ptr<words>> kept;  // the options point into the words
-    kept.push_back(std::make_unique<words>(std::move(list)));
+    static std::vector<std::unique_ptr<command_line>> kept;  // the options point into the words
+    kept.push_back(std::make_unique<command_line>(std::move(list)));
     tracer_options options;
-    EXPECT_EQ(tracer_parse(kept.back()->count(), kept.back()->vector(), &options), expected);
+    EXPECT_EQ(tracer_parse(kept.back()->argc(), kept.back()->argv(), &options), expected);
     return options;
 }
 
@@ -197,10 +197,7 @@ TEST(tracer_find_program, path_may_fill_its_buffer) {
 TEST(run_tstrace, prints_its_usage_and_succeeds) {
     for (const std::vector<std::string>& list :
          {std::vector<std::string>{"tstrace"}, {"tstrace", "-v"}, {"tstrace", "-p"}}) {
-        words given(list);
-        EXPECT_EQ(capture_stdout([&given] { EXPECT_EQ(run_tstrace(given.count(), given.vector()), 0); }),
-                  tstrace_usage);
-        EXPECT_EQ(capture_stdout([&given] { EXPECT_EQ(run_stopper(given.count(), given.vector()), 0); }),
-                  stopper_usage);
+        EXPECT_EQ(capture_stdout([&list] { EXPECT_EQ(call_applet(run_tstrace, list), 0); }), tstrace_usage);
+        EXPECT_EQ(capture_stdout([&list] { EXPECT_EQ(call_applet(run_stopper, list), 0); }), stopper_usage);
     }
 }

@@ -52,8 +52,7 @@ TEST(run_tstrace, ends_when_its_reader_has_gone) {
         dup2(out.in.get(), STDOUT_FILENO);
         out.in.reset();
         out.out.reset();
-        words given({"tstrace", "-p", std::to_string(busy.pid())});
-        return run_tstrace(given.count(), given.vector());
+        return call_applet(run_tstrace, {"tstrace", "-p", std::to_string(busy.pid())});
     });
     out.in.reset();
     char byte;
