@@ -36,7 +36,7 @@ def temporary_leftovers():
 
 
 class Control:
-    """The requests that anyone can make who has access to the control sockets."""
+    """Requests of anyone with access to the control sockets."""
 
     cgi_socket = CGI_SOCKET
     segfault_socket = SEGFAULT_SOCKET
