@@ -5,6 +5,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <map>
 #include <sstream>
 #include <string>
@@ -137,18 +138,21 @@ TEST(archive_phases, every_40000_bytes_read_by_the_client_renew_the_limit) {
         fcntl(client.in.get(), F_SETPIPE_SZ, 4096);
         size_t not_renewed = 0;
         size_t at = 0;
+        std::atomic<bool> has_ended = false;  // the last bytes in the pipe are read after the last renewal
+        const auto renewed = [&] { return limit_left() > 290 || has_ended; };
         std::thread reader([&] {
             constexpr size_t step = 40000;
             for (bool goes_on = true; goes_on; at += step) {
                 alarm(100);
                 goes_on = read_more(client.out.get(), step);
-                if (goes_on && not_renewed == 0 && !eventually([] { return limit_left() > 290; })) {
+                if (goes_on && not_renewed == 0 && !eventually(renewed)) {
                     not_renewed = at;
                     dprintf(STDERR_FILENO, "not renewed from byte %zu on\n", at);
                 }
             }
         });
         const int error = stream_debug_archive(client.in.get(), no_pid);
+        has_ended = true;
         client.in.reset();
         reader.join();
         alarm(0);
