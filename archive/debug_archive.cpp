@@ -5,6 +5,7 @@
 
 #include <atomic>
 
+#include "archive/manifest.h"
 #include "archive/member_capture.h"
 #include "archive/member_core.h"
 #include "archive/member_file.h"
@@ -13,7 +14,7 @@
 #include "archive/member_trace.h"
 #include "archive/phase.h"
 #include "archive/tar.h"
-#include "archive/time_stamp.h"
+#include "common/time_stamp.h"
 #include "common/watchdog.h"
 #include "proc/proc_list.h"
 
@@ -31,6 +32,8 @@ struct archive_run {
     tar_handle* tar;
     int fd;
     int browser_fd;
+    archive_form form;
+    manifest list;  // of a full archive
     pid_t pids[process_limit];
     int pid_count;
 };
@@ -87,24 +90,34 @@ int store_cores(archive_run* run) {
     return 0;
 }
 
+int store_manifest(archive_run* run) {
+    manifest_store(&run->list, run->tar);
+    return 0;
+}
+
 struct archive_member {
+    bool only_full;
     bool begins_phase;
     int (*store)(archive_run* run);  // a result other than 0 ends the archive
 };
 
 // In the order of the archive.
 constexpr archive_member archive_members[] = {
-    {false, store_monitor_status}, {false, store_media_configuration},
-    {false, store_proc},           {false, store_trace},
-    {true, store_capture},         {true, store_server_report},
-    {true, store_oopslog},         {false, store_kcore},
-    {false, store_proc},           {false, store_cores},
+    {false, false, store_monitor_status}, {false, false, store_media_configuration},
+    {false, false, store_proc},           {false, false, store_trace},
+    {false, true, store_capture},         {false, true, store_server_report},
+    {false, true, store_oopslog},         {false, false, store_kcore},
+    {false, false, store_proc},           {false, false, store_cores},
+    {true, true, store_manifest},
 };
 
 bool store_members(archive_run* run) {
     for (const archive_member& member : archive_members) {
         if (run->tar->error != 0) {
             return false;
+        }
+        if (member.only_full && run->form != archive_form::full) {
+            continue;
         }
         if (member.begins_phase) {
             phase_begin();
@@ -133,17 +146,27 @@ int end_archive(tar_handle* tar, bool is_complete) {
     return error != 0 ? error : EPIPE;
 }
 
+int write_archive(archive_run* run) {
+    if (run->form == archive_form::full) {
+        manifest_begin(&run->list, run->tar);
+    }
+    const bool is_complete = store_members(run);
+    manifest_abandon(run->tar);
+    return end_archive(run->tar, is_complete);
+}
+
 }  // namespace
 
-int stream_debug_archive(int fd, int skip_pid, int browser_fd) {
+int stream_debug_archive(int fd, int skip_pid, int browser_fd, archive_form form) {
     phase_begin();
     (void)disable_watchdogs();  // it reports its own failure; the archive is made anyway
     archive_run run;
     run.fd = fd;
     run.browser_fd = browser_fd;
+    run.form = form;
     run.pid_count = proc_list(run.pids, process_limit, skip_pid);
     run.tar = open_archive(fd);
-    const int error = run.tar ? end_archive(run.tar, store_members(&run)) : ENOMEM;
+    const int error = run.tar ? write_archive(&run) : ENOMEM;
     enable_watchdogs();
     phase_end();
     return error;

@@ -10,7 +10,7 @@
 #include "archive/member_copy.h"
 #include "archive/member_file.h"
 #include "archive/output.h"
-#include "archive/time_stamp.h"
+#include "common/time_stamp.h"
 #include "common/unique_fd.h"
 
 namespace {

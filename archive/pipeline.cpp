@@ -45,9 +45,14 @@ bool is_built(void* context) {
     _exit(0);
 }
 
+struct wanted_archive {
+    int browser_fd;
+    archive_form form;
+};
+
 int build_debug_archive(void* context, int pipe_fd, int compressor_pid) {
-    const int* browser_fd = static_cast<const int*>(context);
-    return stream_debug_archive(pipe_fd, compressor_pid, *browser_fd);
+    const wanted_archive* wanted = static_cast<const wanted_archive*>(context);
+    return stream_debug_archive(pipe_fd, compressor_pid, wanted->browser_fd, wanted->form);
 }
 
 // Reports errno as the error of `call` and returns it.
@@ -87,10 +92,11 @@ int stream_compressed(int fd, int (*build)(void*, int, int), void* context) {
     return ask_compressor ? shared->compressor_error.load() : build_error;
 }
 
-int stream_tgz(int fd) {
-    return stream_compressed(fd, build_debug_archive, &fd);
+int stream_tgz(int fd, archive_form form) {
+    wanted_archive wanted = {fd, form};
+    return stream_compressed(fd, build_debug_archive, &wanted);
 }
 
-int stream_tar(int fd) {
-    return stream_debug_archive(fd, no_pid);
+int stream_tar(int fd, archive_form form) {
+    return stream_debug_archive(fd, no_pid, fd, form);
 }

@@ -59,7 +59,7 @@ void set_checksum(ustar_header* header) {
 void pad_to_block(tar_handle* t) {
     const size_t excess = t->member_bytes % block_size;
     if (excess != 0) {
-        tar_write(t, zero_block, block_size - excess);
+        (void)output_write(t, zero_block, block_size - excess);
     }
 }
 
@@ -100,6 +100,9 @@ void tar_addfile(tar_handle* t, const char* name, int size) {
     pad_to_block(t);
     (void)output_write(t, &header, sizeof header);
     t->member_bytes = 0;
+    if (t->watch) {
+        t->watch->on_header(t->watch, name, size);
+    }
 }
 
 void tar_write(tar_handle* t, const void* buf, size_t len) {
@@ -109,6 +112,9 @@ void tar_write(tar_handle* t, const void* buf, size_t len) {
 
 void tar_fakewrite(tar_handle* t, size_t len) {
     t->member_bytes += static_cast<uint32_t>(len);
+    if (t->watch) {
+        t->watch->on_data(t->watch, len);
+    }
 }
 
 int tar_close(tar_handle* t) {

@@ -13,12 +13,19 @@
 #include <stddef.h>
 #include <stdint.h>
 
+// Is told what is written.
+struct tar_watch {
+    void (*on_header)(tar_watch* watch, const char* name, int size);  // the name without the prefix
+    void (*on_data)(tar_watch* watch, size_t length);
+};
+
 struct tar_handle {
     char* prefix;           // owned; begins every member name; null: none
     uint32_t prefix_len;    // 0 if null
     int32_t fd;             // borrowed
     uint32_t member_bytes;  // data bytes since the last header; only the value modulo 512 matters
     int32_t error;          // errno of the first failed write; 0: none
+    tar_watch* watch;       // borrowed; null: none
 };
 
 // Returns a new handle that writes to `fd` (borrowed), or null if memory runs out. Copies the prefix; null or

@@ -127,7 +127,7 @@ int write_direct(bool compress) {
         return errno;
     }
     dup2(STDERR_FILENO, STDOUT_FILENO);
-    const int error = (compress ? stream_tgz : stream_tar)(output.get());
+    const int error = (compress ? stream_tgz : stream_tar)(output.get(), archive_form::usual);
     fflush(stdout);
     dup2(output.get(), STDOUT_FILENO);
     // Some file systems report only now that they are full.

@@ -180,7 +180,7 @@ void request_command(unique_fd client, std::string_view cmd) {
     answer_fixed(client, http_bad_request);
 }
 
-void request_archive(unique_fd client, bool compress) {
+void request_archive(unique_fd client, bool compress, archive_form form) {
     if (archive_busy) {
         stream_http_message(client.get(), "503 Service Unavailable",
                             "Another Crash Report generation is in progress. Please try again later ...");
@@ -190,6 +190,7 @@ void request_archive(unique_fd client, bool compress) {
     auto record = worker_new_record<archive_request>();
     if (record) {
         record->compress = compress;
+        record->form = form;
     }
     if (!start_worker(std::move(client), std::move(record), run_archive_request)) {
         archive_busy = 0;
@@ -211,7 +212,9 @@ void request_download(unique_fd client, std::string_view path, std::string_view 
         set_pop(pop);
         return;
     }
-    request_archive(std::move(client), name.starts_with("debug.tgz") || name.starts_with("coredumps.tgz"));
+    const bool compress = name.starts_with("debug.tgz") || name.starts_with("coredumps.tgz");
+    const bool full = query.starts_with("full");
+    request_archive(std::move(client), compress, full ? archive_form::full : archive_form::usual);
 }
 
 }  // namespace

@@ -3,11 +3,13 @@
 
 #include <atomic>
 
+#include "archive/archive_form.h"
 #include "common/unique_fd.h"
 
 struct archive_request {
     unique_fd client;
     bool compress = false;
+    archive_form form = archive_form::usual;
 };
 
 // 1 while an archive is being made. The listener sets it before it starts the worker; the worker clears it

@@ -1,24 +1,23 @@
-#include "archive/time_stamp.h"
+#include "common/time_stamp.h"
 
 #include <pthread.h>
 #include <stdio.h>
-#include <time.h>
 
 namespace {
 
 pthread_mutex_t zone_lock = PTHREAD_MUTEX_INITIALIZER;
 
+}  // namespace
+
 // localtime_r alone would use the time zone that the process started with.
-tm local_time(time_t now) {
+tm local_time(time_t time) {
     tm local = {};
     pthread_mutex_lock(&zone_lock);
     tzset();
-    localtime_r(&now, &local);
+    localtime_r(&time, &local);
     pthread_mutex_unlock(&zone_lock);
     return local;
 }
-
-}  // namespace
 
 time_stamp time_stamp_now() {
     tm local = local_time(time(nullptr));

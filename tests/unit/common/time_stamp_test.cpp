@@ -1,4 +1,4 @@
-#include "archive/time_stamp.h"
+#include "common/time_stamp.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
