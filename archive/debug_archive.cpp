@@ -52,7 +52,7 @@ int store_media_configuration(archive_run* run) {
 }
 
 int store_proc(archive_run* run) {
-    (void)stream_proc(run->tar, run->fd);
+    (void)stream_proc(run->tar, run->fd, run->form);
     return 0;
 }
 

@@ -112,7 +112,7 @@ text_line tail_of(const manifest& m) {
     }
     char ended[sizeof m.started];
     print_time(ended);
-    append(&tail, "ended %s\n%u members, %llu bytes, %u errors\ncomplete\n", ended, m.members,
+    append(&tail, "ended %s\nmembers: %u, bytes: %llu, errors: %u\ncomplete\n", ended, m.members,
            static_cast<unsigned long long>(m.bytes), m.errors);
     return tail;
 }

@@ -7,7 +7,7 @@
 //        512000    5.003112  netdump.cap
 //         error              oopslog: No space left on device
 //     ended 2026-03-04 05:06:21 +0100
-//     2 members, 512312 bytes, 1 error
+//     members: 2, bytes: 512312, errors: 1
 //     complete
 //
 // The seconds of a member begin when the one before it was written, so they include its preparation. Its last

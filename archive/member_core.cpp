@@ -1,8 +1,10 @@
 #include "archive/member_core.h"
 
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 
+#include "archive/manifest.h"
 #include "archive/member_copy.h"
 #include "archive/member_fdmap.h"
 #include "archive/member_name.h"
@@ -58,6 +60,7 @@ int store_core(dump_run* run, tar_handle* t, const char* name, int core_length) 
             result = dump_client_gone;
             fputs("ABORT!\n", stderr);
         } else {
+            manifest_note(t, name, ENODATA);
             fprintf(stderr, "WARNING: err=%d clen=%d pid=%d\n", static_cast<int>(copied), core_length,
                     static_cast<int>(run->pid));
             (void)output_pad(t, core_length - member_size(copied));  // the handle keeps its error
@@ -97,18 +100,20 @@ control_line read_control_line(dump_run* run, control_text* text) {
 int dump_one(tar_handle* t, int fd, pid_t* pids, int index, int count) {
     pid_t pid = pids[index];
     dump_run run;
+    const program_name program = read_program_name(pid);
+    const member_name core_name = member_name_of_process(t, program.text, pid, "core");
     if (!dump_start(pid, &run)) {
+        manifest_note(t, core_name.text, errno);
         return 0;
     }
-    const program_name program = read_program_name(pid);
     control_text text;
     const control_line line = read_control_line(&run, &text);
     remove_covered(line, pids, index, count);
     if (line.core_length == 0) {
+        manifest_note(t, core_name.text, kill(pid, 0) < 0 ? errno : EIO);
         abandon(&run);
         return 0;
     }
-    const member_name core_name = member_name_of_process(t, program.text, pid, "core");
     const int result = store_core(&run, t, core_name.text, line.core_length);
     if (end_dump(&run)) {
         phase_progress();

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "archive/manifest.h"
 #include "archive/member_copy.h"
 #include "common/proc_path.h"
 #include "common/sys_run.h"
@@ -21,8 +22,10 @@ void list_descriptors(pid_t pid, int out_fd) {
 
 void proc_append_fdmap(tar_handle* t, const char* name, pid_t pid, int /*fd*/) {
     unique_fd file = temp_file_unlinked("/tmp/.fdmapXXXXXX");
-    if (file) {
-        list_descriptors(pid, file.get());
-        (void)member_store(t, name, file.get());  // the handle keeps a write error
+    if (!file) {
+        manifest_note(t, name, errno);
+        return;
     }
+    list_descriptors(pid, file.get());
+    (void)member_store(t, name, file.get());  // the handle keeps a write error
 }

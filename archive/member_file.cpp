@@ -11,8 +11,10 @@
 #include <optional>
 #include <string_view>
 
+#include "archive/manifest.h"
 #include "archive/member_copy.h"
 #include "archive/member_name.h"
+#include "archive/output.h"
 #include "common/deadline.h"
 #include "common/unique_fd.h"
 
@@ -36,12 +38,14 @@ bool wait_readable(int fd, int timeout_ms) {
     return timeout_ms > 0 && poll(&input, 1, timeout_ms) > 0;
 }
 
-// Reads the non-blocking `fd` until the buffer is full, end of file or the timeout, which counts as end of
+// The time limit of one file. The first wait sets it: most files never need the clock.
+using read_limit = std::optional<deadline>;
+
+// Reads the non-blocking `fd` until the buffer is full, end of file or the time limit, which counts as end of
 // file. Returns the number of bytes, or -1.
-ssize_t read_bounded(int fd, char* buf, size_t size) {
+ssize_t read_bounded(int fd, char* buf, size_t size, read_limit* limit) {
     size_t length = 0;
-    std::optional<deadline> limit;  // set by the first wait: most files never need the clock
-    bool has_waited = false;        // since the last byte
+    bool has_waited = false;  // since the last byte
     while (length < size) {
         const ssize_t count = read(fd, buf + length, size - length);
         if (count == 0) {
@@ -51,10 +55,10 @@ ssize_t read_bounded(int fd, char* buf, size_t size) {
             length += static_cast<size_t>(count);
             has_waited = false;
         } else if (errno == EAGAIN) {
-            if (!limit) {
-                limit.emplace(member_read_timeout_ms);
+            if (!*limit) {
+                limit->emplace(member_read_timeout_ms);
             }
-            if (!wait_readable(fd, limit->left_ms())) {
+            if (!wait_readable(fd, (*limit)->left_ms())) {
                 break;
             }
             if (has_waited) {
@@ -79,22 +83,84 @@ struct read_buffer {
     }
 };
 
+// How many bytes the file has, at most `bound`. The first `counted` ones have been read.
+int64_t count_bytes(int fd, int64_t counted, int64_t bound, read_limit* limit) {
+    char block[4096];
+    while (counted < bound) {
+        const int64_t wanted = std::min<int64_t>(bound - counted, sizeof block);
+        const ssize_t length = read_bounded(fd, block, static_cast<size_t>(wanted), limit);
+        if (length <= 0) {
+            break;
+        }
+        counted += length;
+    }
+    return counted;
+}
+
+// Copies `size` bytes of the file through the buffer. A file that has become shorter is padded with zeros.
+void copy_long_file(tar_handle* t, const char* name, int fd, int64_t size, const read_buffer& buffer,
+                    read_limit* limit) {
+    while (size > 0 && t->error == 0) {
+        const int64_t wanted = std::min<int64_t>(size, buffer.size);
+        const ssize_t length = read_bounded(fd, buffer.memory.get(), static_cast<size_t>(wanted), limit);
+        if (length <= 0) {
+            manifest_note(t, name, ENODATA);
+            (void)output_pad(t, static_cast<int>(size));
+            tar_fakewrite(t, static_cast<size_t>(size));
+            return;
+        }
+        tar_write(t, buffer.memory.get(), static_cast<size_t>(length));
+        size -= length;
+    }
+}
+
+// Stores a file whose first bytes fill the buffer, up to `bound`. Returns false, with the buffer unchanged,
+// if the file cannot be read again from its beginning.
+bool store_long_file(tar_handle* t, const char* name, int fd, int64_t bound, const read_buffer& buffer,
+                     read_limit* limit) {
+    if (lseek(fd, 0, SEEK_CUR) < 0) {
+        return false;
+    }
+    const int64_t size = count_bytes(fd, buffer.size, bound + 1, limit);
+    if (lseek(fd, 0, SEEK_SET) != 0) {
+        return false;
+    }
+    if (size > bound) {
+        manifest_note(t, name, EFBIG);
+    }
+    const int64_t stored = std::min(size, bound);
+    tar_addfile(t, name, member_size(stored));
+    copy_long_file(t, name, fd, stored, buffer, limit);
+    return true;
+}
+
+void report(tar_handle* t, const char* name, const char* path) {
+    const int error = errno;
+    perror(path);
+    manifest_note(t, name, error);
+}
+
 // Stores the file `file_name` of the directory `dir_fd`. `path` is its whole path, for messages.
 void store_file(tar_handle* t, const char* name, int dir_fd, const char* file_name, const char* path,
-                const read_buffer& buffer) {
+                const read_buffer& buffer, int64_t bound) {
     unique_fd file(openat(dir_fd, file_name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!file) {
         if (!std::ranges::binary_search(proc_sys_unreadable, std::string_view(path))) {
-            perror(path);
+            report(t, name, path);
         }
         return;
     }
-    const ssize_t length = read_bounded(file.get(), buffer.memory.get(), buffer.size);
+    read_limit limit;
+    const ssize_t length = read_bounded(file.get(), buffer.memory.get(), buffer.size, &limit);
+    if (length == int64_t{buffer.size} && bound > length &&
+        store_long_file(t, name, file.get(), bound, buffer, &limit)) {
+        return;
+    }
     if (length > 0) {
         tar_addfile(t, name, member_size(length));
         tar_write(t, buffer.memory.get(), static_cast<size_t>(length));
     } else if (length < 0 && errno != EISDIR) {
-        perror(path);
+        report(t, name, path);
     }
 }
 
@@ -114,12 +180,12 @@ int stream_file_unknownsize(tar_handle* t, int /*fd*/, const char* name, const c
     if (!buffer.memory) {
         return 1;
     }
-    store_file(t, name, AT_FDCWD, path, path, buffer);
+    store_file(t, name, AT_FDCWD, path, path, buffer, 0);
     return 0;
 }
 
 int stream_dir_unknownsize(tar_handle* t, int /*fd*/, const char* name_prefix, const char* dir_path,
-                           const char* const* skip_names) {
+                           const char* const* skip_names, int64_t file_bound) {
     unique_dir dir(opendir(dir_path));
     if (!dir) {
         return 1;
@@ -136,7 +202,7 @@ int stream_dir_unknownsize(tar_handle* t, int /*fd*/, const char* name_prefix, c
         }
         const member_name name = member_name_in_folder(t, name_prefix, entry->d_name, entry->d_ino);
         snprintf(path, sizeof path, "%s%s", dir_path, entry->d_name);
-        store_file(t, name.text, dirfd(dir.get()), entry->d_name, path, buffer);
+        store_file(t, name.text, dirfd(dir.get()), entry->d_name, path, buffer, file_bound);
     }
     return 0;
 }

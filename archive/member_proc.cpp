@@ -50,12 +50,13 @@ static_assert(std::size(proc_snapshot_dirs) == 26);
 
 }  // namespace
 
-int stream_proc(tar_handle* t, int fd) {
+int stream_proc(tar_handle* t, int fd, archive_form form) {
+    const int64_t bound = form == archive_form::full ? member_whole_bound : member_read_bound;
     char name[128];
     snprintf(name, sizeof name, "proc.%s/", time_stamp_now().text);
-    int result = stream_dir_unknownsize(t, fd, name, "/proc/", proc_skip_names);
+    int result = stream_dir_unknownsize(t, fd, name, "/proc/", proc_skip_names, bound);
     for (const char* dir : proc_snapshot_dirs) {
-        (void)stream_dir_unknownsize(t, fd, dir + 1, dir, nullptr);  // a kernel may lack some of them
+        (void)stream_dir_unknownsize(t, fd, dir + 1, dir, nullptr, bound);  // a kernel may lack some of them
     }
     return result;
 }

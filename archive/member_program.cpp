@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "archive/manifest.h"
 #include "archive/member_copy.h"
 #include "common/sys_run.h"
 #include "common/temp_file.h"
@@ -19,6 +20,7 @@ constexpr program_member report_member = {"/tmp/.sreportXXXXXX", report_argv, "s
 int stream_program(tar_handle* t, int /*fd*/, const program_member& member) {
     unique_fd file = temp_file_unlinked(member.temp_template);
     if (!file) {
+        manifest_note(t, member.name, errno);
         return 0;
     }
     // execve does not change the vector; its prototype lacks the const.

@@ -42,6 +42,13 @@ if(ZARVO_FUZZ)
   target_compile_options(zarvo_common_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
+# The device's program is optimized as a whole, which makes it a tenth smaller. Its object files hold ordinary code, too,
+# with which the tests and tools are linked.
+set(ZARVO_WHOLE_PROGRAM -flto=auto)
+if(CMAKE_CROSSCOMPILING)
+  target_link_options(zarvo_common_options INTERFACE $<$<NOT:$<STREQUAL:$<TARGET_PROPERTY:NAME>,zarvo>>:-fno-lto>)
+endif()
+
 # Options for code on the device: no exceptions, no run-time type information, separate sections.
 add_library(zarvo_product_options INTERFACE)
 target_link_libraries(zarvo_product_options INTERFACE zarvo_common_options)
@@ -53,6 +60,9 @@ function(zarvo_folder name)
   cmake_parse_arguments(arg "" "" "SOURCES;USES" ${ARGN})
   add_library(zarvo_${name} STATIC ${arg_SOURCES})
   target_link_libraries(zarvo_${name} PUBLIC zarvo_common_options PRIVATE zarvo_product_options)
+  if(CMAKE_CROSSCOMPILING)
+    target_compile_options(zarvo_${name} PRIVATE ${ZARVO_WHOLE_PROGRAM} -ffat-lto-objects)
+  endif()
   foreach(used IN LISTS arg_USES)
     target_link_libraries(zarvo_${name} PUBLIC zarvo_${used})
   endforeach()

@@ -8,11 +8,13 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
@@ -24,6 +26,21 @@
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/tar_reader.h"
 #include "tests/unit/support/temp_dir.h"
+
+namespace {
+
+// Runs before the next lseek(2) to a file's beginning.
+std::function<void()> before_rewind;
+
+}  // namespace
+
+// Replaces lseek(2) of the C library in this program: calls before_rewind, then does the same.
+extern "C" off_t lseek(int fd, off_t offset, int whence) noexcept {
+    if (before_rewind && offset == 0 && whence == SEEK_SET) {
+        before_rewind();
+    }
+    return syscall(SYS_lseek, fd, offset, whence);
+}
 
 namespace {
 
@@ -54,9 +71,11 @@ outcome stored_file(const std::string& path, unsigned limit = 0) {
         [&](tar_handle* t, int fd) { return stream_file_unknownsize(t, fd, "member", path.c_str(), limit); });
 }
 
-outcome stored_dir(const std::string& path, const char* const* skip = nullptr, const char* prefix = "in/") {
-    return stored(
-        [&](tar_handle* t, int fd) { return stream_dir_unknownsize(t, fd, prefix, path.c_str(), skip); });
+outcome stored_dir(const std::string& path, const char* const* skip = nullptr, const char* prefix = "in/",
+                   int64_t bound = member_read_bound) {
+    return stored([&](tar_handle* t, int fd) {
+        return stream_dir_unknownsize(t, fd, prefix, path.c_str(), skip, bound);
+    });
 }
 
 void expect_only_member(const outcome& seen, const std::string& data) {
@@ -392,6 +411,49 @@ TEST(stream_dir_unknownsize, cuts_long_files_at_the_default_bound) {
     tar_listing listing = stored_dir(folder.path() + "/").listing;
     ASSERT_EQ(listing.entries.size(), 1u);
     EXPECT_TRUE(listing.entries[0].data == noise(150000).substr(0, 102400));
+}
+
+TEST(stream_dir_unknownsize, stores_long_files_up_to_the_bound_of_the_caller) {
+    temp_dir folder;
+    for (size_t size : {102399u, 102400u, 102401u, 299999u, 300000u, 300001u}) {
+        folder.write_file("long", noise(size));
+        const outcome seen = stored_dir(folder.path() + "/", nullptr, "in/", 300000);
+        ASSERT_EQ(seen.listing.names(), std::vector<std::string>{"in/long"}) << size;
+        EXPECT_TRUE(seen.listing.entries[0].data == noise(size).substr(0, 300000)) << size;
+        EXPECT_EQ(seen.messages, "");
+    }
+}
+
+TEST(stream_dir_unknownsize, cuts_a_long_file_that_cannot_be_read_twice_at_the_default_bound) {
+    temp_dir folder;
+    const held_fifo fifo(folder.path("fifo"));
+    ASSERT_GE(fcntl(fifo.writer.get(), F_SETPIPE_SZ, 1 << 20), 150000);
+    const std::string bytes = noise(150000);
+    ASSERT_EQ(write(fifo.writer.get(), bytes.data(), bytes.size()), 150000);
+    const outcome seen = stored_dir(folder.path() + "/", nullptr, "in/", 300000);
+    ASSERT_EQ(seen.listing.names(), std::vector<std::string>{"in/fifo"});
+    EXPECT_TRUE(seen.listing.entries[0].data == bytes.substr(0, 102400));
+    EXPECT_LT(seen.took, timeout);
+}
+
+TEST(stream_dir_unknownsize, pads_a_long_file_that_becomes_shorter_meanwhile) {
+    temp_dir folder;
+    const std::string path = folder.write_file("long", noise(250000));
+    before_rewind = [&path] { EXPECT_EQ(truncate(path.c_str(), 120000), 0); };
+    const outcome seen = stored_dir(folder.path() + "/", nullptr, "in/", 300000);
+    before_rewind = nullptr;
+    ASSERT_EQ(seen.listing.names(), std::vector<std::string>{"in/long"});
+    EXPECT_TRUE(seen.listing.entries[0].data == noise(250000).substr(0, 120000) + std::string(130000, '\0'));
+}
+
+TEST(stream_dir_unknownsize, stores_no_more_of_a_long_file_that_grows_than_it_promised) {
+    temp_dir folder;
+    const std::string path = folder.write_file("long", noise(200000));
+    before_rewind = [&path] { EXPECT_EQ(truncate(path.c_str(), 250000), 0); };
+    const outcome seen = stored_dir(folder.path() + "/", nullptr, "in/", 300000);
+    before_rewind = nullptr;
+    ASSERT_EQ(seen.listing.names(), std::vector<std::string>{"in/long"});
+    EXPECT_TRUE(seen.listing.entries[0].data == noise(200000));
 }
 
 TEST(stream_dir_unknownsize, stores_files_with_the_longest_names) {
