@@ -74,6 +74,7 @@ void note_event(strace_state* state, pid_t pid, int status) {
     }
     // A second event means that the process was killed in its stop. Only its end is handled.
     process->status = status;
+    process->stopped_at = state->event;
     if (!process->ready) {
         process->ready = true;
         process->next_ready = nullptr;
@@ -90,6 +91,7 @@ bool wait_once(strace_state* state, int flags) {
         return false;
     }
     int error = errno;
+    strace_take_time(state);
     state->over = state->over || !strace_poll_caller(state->ctx);
     if (pid > 0) {
         note_event(state, pid, status);
@@ -120,6 +122,7 @@ void handle_events(strace_state* state) {
         if (state->over) {
             strace_keep_event(process, process->status);
         } else {
+            state->event = process->stopped_at;
             strace_handle_event(state, process, process->status);
         }
     }
@@ -139,6 +142,7 @@ void run(strace_state* state) {
 void trace(strace_state* state) {
     strace_ctx* ctx = state->ctx;
     strace_attach_all(state);
+    strace_write_pending(ctx);
     if (state->live == 0) {
         return;
     }
@@ -146,6 +150,7 @@ void trace(strace_state* state) {
         run(state);
     }
     end_timer(*state);
+    strace_take_time(state);
     for (const strace_process& process : state->processes()) {
         if (!process.is_dropped() && (ctx->flags & strace_fds)) {
             strace_show_fdinfo_all(ctx, process.pid());

@@ -45,6 +45,10 @@ struct strace_ctx {
     int32_t attached;  // not 0: the processes are children of the caller, traced by it and stopped
     char* buf;         // work buffer from malloc, freed by do_strace; null: do_strace allocates one
     int32_t bufsize;   // if below 1, do_strace replaces the buffer
+    // Not 0: a timed trace. Each line that is not empty begins with the local time at which its process
+    // stopped, "HH:MM:SS.uuuuuu ", and a line with a call's result ends in " <S.uuuuuu>", the seconds from
+    // the entry's stop to the exit's. The times do not count towards the size of the work buffer.
+    int32_t timed;
 };
 
 // Traces until the processes have ended, the time is up or the callback ends the trace, then detaches the

@@ -23,6 +23,7 @@ void await_attach_stop(strace_state* state, strace_process* process) {
         int status = 0;
         pid_t got = waitpid(process->pid(), &status, WNOHANG | trace_wait_flags);
         if (got > 0) {
+            strace_take_time(state);
             strace_handle_event(state, process, status);
         } else if (process->sigcont_due || got < 0) {
             process->stop_due = false;
@@ -42,6 +43,7 @@ void attach(strace_state* state, strace_process* process) {
     const ending_held held;
     int status = 0;
     pid_t got = trace_attach_within(process->pid(), strace_attach_patience_ms, &status);
+    strace_take_time(state);
     if (got < 0 || (got > 0 && !WIFSTOPPED(status))) {
         process->drop();
         return;

@@ -73,6 +73,18 @@ void write_line(strace_ctx* ctx, int length) {
     }
 }
 
+// Writes the line of a return. In a timed trace, the call's duration replaces the newline at its end.
+void write_return(strace_ctx* ctx, const strace_process& process, int length) {
+    if (!ctx->timed || length >= ctx->bufsize) {
+        return write_line(ctx, length);
+    }
+    write_line(ctx, length - 1);
+    if (length > 0) {
+        const strace_time_text end = strace_duration(process.entered_at, ctx->names->event.monotonic);
+        strace_write_later(ctx, end.text, end.length);
+    }
+}
+
 void handle_return(strace_ctx* ctx, strace_process* process) {
     int length = arch_dec_syscall_ret(ctx, process->pid(), process, ctx->buf, ctx->bufsize,
                                       &process->entry_regs, &process->exit_regs);
@@ -80,7 +92,7 @@ void handle_return(strace_ctx* ctx, strace_process* process) {
         fprintf(stderr, "%s: Unexpected length: %d\n", "strace_dec_syscall", length);
     }
     process->in_syscall = process->in_syscall && length == 0;
-    write_line(ctx, length);
+    write_return(ctx, *process, length);
 }
 
 void handle_system_call(strace_ctx* ctx, strace_process* process) {
@@ -95,6 +107,7 @@ void handle_system_call(strace_ctx* ctx, strace_process* process) {
         return handle_return(ctx, process);
     }
     process->in_syscall = true;
+    process->entered_at = ctx->names->event.monotonic;
     write_line(ctx, length);
 }
 
@@ -186,5 +199,6 @@ void strace_handle_event(strace_state* state, strace_process* process, int statu
             (void)resume(process, sig);
             return;
         }
+        strace_take_time(state);
     }
 }

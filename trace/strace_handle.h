@@ -7,6 +7,6 @@
 // and resumes the process with it. If either fails, detaches and drops the process. Returns success.
 bool strace_start(strace_state* state, strace_process* process, int sig);
 
-// Handles an event with wait status `status`. Ends the trace (`over`) if it is the exit of the last live
-// process.
+// Handles an event with wait status `status`, which happened at `state->event`. Ends the trace (`over`) if it
+// is the exit of the last live process.
 void strace_handle_event(strace_state* state, strace_process* process, int status);

@@ -2,6 +2,7 @@
 
 #include <sys/ptrace.h>
 #include <sys/wait.h>
+#include <time.h>
 
 #include <algorithm>
 #include <memory>
@@ -11,7 +12,7 @@ strace_state::strace_state(strace_ctx* traced)
       count(static_cast<size_t>(std::max(traced->nr_pids, 0))),
       memory(calloc_array<strace_process>(std::max(count, size_t{1}))),
       sockets(socket_cache_new()),
-      pending(count > 1 ? calloc_array<char>(strace_buffer_size) : nullptr) {
+      pending(count > 1 || traced->timed ? calloc_array<char>(strace_buffer_size) : nullptr) {
     if (!is_complete()) {
         count = 0;
     }
@@ -23,6 +24,13 @@ strace_state::strace_state(strace_ctx* traced)
 
 strace_state::~strace_state() {
     std::destroy_n(memory.get(), count);
+}
+
+void strace_take_time(strace_state* state) {
+    if (state->ctx->timed) {
+        clock_gettime(CLOCK_REALTIME, &state->event.wall);
+        clock_gettime(CLOCK_MONOTONIC, &state->event.monotonic);
+    }
 }
 
 strace_process* strace_find(const strace_state& state, pid_t pid) {

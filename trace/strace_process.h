@@ -9,6 +9,7 @@
 #include "proc/socket_cache.h"
 #include "trace/arch.h"
 #include "trace/strace.h"
+#include "trace/strace_time.h"
 
 // One thread of the context's list. Here, as in strace.h, each is called a process.
 struct strace_process {
@@ -22,11 +23,13 @@ struct strace_process {
     bool stopped = false;      // in a stop, not resumed
     bool ready = false;        // in the queue of those with an event to handle
     strace_process* next_ready = nullptr;
-    bool released = false;    // detached or given up
-    bool in_syscall = false;  // between the entry and the exit of a system call
-    int status = 0;           // the wait status of the event to handle
-    int undelivered = 0;      // the signal to deliver when it is resumed after a kept event
-    unique_fd fd_dir;         // its descriptor directory, if held open
+    bool released = false;        // detached or given up
+    bool in_syscall = false;      // between the entry and the exit of a system call
+    int status = 0;               // the wait status of the event to handle
+    int undelivered = 0;          // the signal to deliver when it is resumed after a kept event
+    unique_fd fd_dir;             // its descriptor directory, if held open
+    strace_time stopped_at = {};  // in a timed trace: the time of the event to handle
+    timespec entered_at = {};     // likewise, of the call's entry; monotonic
     arch_regs entry_regs = {};
     arch_regs exit_regs = {};
 
@@ -61,7 +64,14 @@ struct strace_state {
     int live = 0;  // processes that are traced and have not ended
     pid_t timer = no_timer;
     bool over = false;  // no more events are handled
+    // Of a timed trace.
+    strace_time event = {};  // of the event that is being reported
+    strace_minute minute;
+    bool mid_line = false;  // the text so far does not end in a newline
 };
+
+// In a timed trace, sets the time of the event to the current time. To be called right after a wait.
+void strace_take_time(strace_state* state);
 
 // The process with this id, or null.
 strace_process* strace_find(const strace_state& state, pid_t pid);

@@ -55,6 +55,50 @@ private:
     int32_t kept_size_;
 };
 
+int32_t write_now(strace_ctx* ctx, const char* text, int length) {
+    strace_write_pending(ctx);
+    return ctx->write ? ctx->write(ctx->cookie, text, length) : 0;
+}
+
+// Adds to the pending text.
+void append(strace_ctx* ctx, const char* text, int length) {
+    strace_state* state = ctx->names;
+    if (!state->pending || length > strace_buffer_size) {
+        (void)write_now(ctx, text, length);
+        return;
+    }
+    if (length > strace_buffer_size - state->pending_length) {
+        strace_write_pending(ctx);
+    }
+    std::copy_n(text, length, state->pending.get() + state->pending_length);
+    state->pending_length += length;
+}
+
+// In a timed trace, writes the time of a line that begins with `text`, and the newlines before it. Returns
+// how many bytes of `text` it has written; some are always left, since an empty write would be a poll. Names
+// of processes and files may contain newlines: only the first line of `text` has a time.
+int begin_line(strace_ctx* ctx, const char* text, int length) {
+    strace_state* state = ctx->names;
+    if (!ctx->timed || !state) {
+        return 0;
+    }
+    int blank = 0;
+    while (blank < length && text[blank] == '\n') {
+        blank++;
+    }
+    const bool begins = blank > 0 || !state->mid_line;
+    state->mid_line = text[length - 1] != '\n';
+    if (!begins || blank == length) {
+        return 0;
+    }
+    if (blank > 0) {
+        append(ctx, text, blank);
+    }
+    const strace_time_text time = strace_time_of_day(&state->minute, state->event.wall);
+    append(ctx, time.text, time.length);
+    return blank;
+}
+
 // Writes the line of a descriptor that has no description.
 bool show_number(strace_ctx* ctx, int fd) {
     if (strace_printf(ctx, "%d\t", fd) < 0) {
@@ -97,21 +141,13 @@ bool show_fd(strace_ctx* ctx, pid_t pid, int fd, size_t index, char* line_buf) {
 }  // namespace
 
 int32_t strace_write(strace_ctx* ctx, const char* text, int length) {
-    strace_write_pending(ctx);
-    return ctx->write ? ctx->write(ctx->cookie, text, length) : 0;
+    const int begun = begin_line(ctx, text, length);
+    return write_now(ctx, text + begun, length - begun);
 }
 
 void strace_write_later(strace_ctx* ctx, const char* text, int length) {
-    strace_state* state = ctx->names;
-    if (!state->pending || length > strace_buffer_size) {
-        (void)strace_write(ctx, text, length);
-        return;
-    }
-    if (length > strace_buffer_size - state->pending_length) {
-        strace_write_pending(ctx);
-    }
-    std::copy_n(text, length, state->pending.get() + state->pending_length);
-    state->pending_length += length;
+    const int begun = begin_line(ctx, text, length);
+    append(ctx, text + begun, length - begun);
 }
 
 void strace_write_pending(strace_ctx* ctx) {
