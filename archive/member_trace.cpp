@@ -69,7 +69,7 @@ void flush_rest(trace_sink* sink) {
 
 }  // namespace
 
-int stream_strace_log(tar_handle* t, const int* pids, int count) {
+int stream_strace_log(tar_handle* t, const int* pids, int count, bool timed) {
     // A copy: do_strace removes the processes that it could not trace, which must still be dumped.
     malloc_array<pid_t> traced = calloc_array<pid_t>(static_cast<size_t>(count) + 1);
     unique_malloc<char> text(static_cast<char*>(malloc(strace_budget)));
@@ -86,6 +86,7 @@ int stream_strace_log(tar_handle* t, const int* pids, int count) {
     ctx.pids = traced.get();
     ctx.nr_pids = count;
     ctx.seconds = strace_seconds;
+    ctx.timed = timed;
     do_strace(&ctx);
     flush_rest(&sink);
     if (sink.has_failed) {

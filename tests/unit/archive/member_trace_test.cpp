@@ -21,6 +21,7 @@
 #include "tests/unit/support/memory_limit.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/tar_reader.h"
+#include "tests/unit/trace/timed_text.h"
 
 namespace {
 
@@ -101,6 +102,35 @@ std::string report_of_broken_output(int fd) {
     EXPECT_EQ(result, 1);
     tar_abandon(t);
     return messages;
+}
+
+// The member with the trace of a child that ends with status 5.
+std::string trace_of_a_short_life(bool timed) {
+    test_pipe gate;
+    pid_t pid = fork_child([&gate] {
+        gate.in.reset();
+        char nothing;
+        (void)!read(gate.out.get(), &nothing, 1);
+        return 5;
+    });
+    std::thread opener([&gate, pid] {
+        const std::string traced_by = "\nTracerPid:\t";
+        EXPECT_TRUE(eventually([&] {
+            std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+            std::string status(std::istreambuf_iterator<char>(file), {});
+            size_t at = status.find(traced_by);
+            return at != std::string::npos && status[at + traced_by.size()] != '0';
+        }));
+        gate.in.reset();
+    });
+    const int pids[] = {pid};
+    test_archive archive;
+    EXPECT_EQ(stream_strace_log(archive.handle(), pids, 1, timed), 0);
+    opener.join();
+    EXPECT_TRUE(exited_with(wait_status(pid), 5));
+    tar_listing listing = archive.finish();
+    EXPECT_EQ(listing.entries.size(), 1u);
+    return listing.entries.at(0).data;
 }
 
 }  // namespace
@@ -218,36 +248,23 @@ TEST(stream_strace_log, ends_and_cuts_a_trace_at_the_budget) {
 }
 
 TEST(stream_strace_log, pads_a_shorter_trace_with_filler_lines) {
-    test_pipe gate;
-    pid_t pid = fork_child([&gate] {
-        gate.in.reset();
-        char nothing;
-        (void)!read(gate.out.get(), &nothing, 1);
-        return 5;
-    });
-    std::thread opener([&gate, pid] {
-        const std::string traced_by = "\nTracerPid:\t";
-        EXPECT_TRUE(eventually([&] {
-            std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-            std::string status(std::istreambuf_iterator<char>(file), {});
-            size_t at = status.find(traced_by);
-            return at != std::string::npos && status[at + traced_by.size()] != '0';
-        }));
-        gate.in.reset();
-    });
-    const int pids[] = {pid};
-    test_archive archive;
-    EXPECT_EQ(stream_strace_log(archive.handle(), pids, 1), 0);
-    opener.join();
-    EXPECT_TRUE(exited_with(wait_status(pid), 5));
-    tar_listing listing = archive.finish();
-    ASSERT_EQ(listing.entries.size(), 1u);
-    const std::string& text = listing.entries[0].data;
-    size_t end = text.find("\n" + filler(80));
-    ASSERT_NE(end, std::string::npos);
-    EXPECT_NE(text.find("exit_group(5)\n"), std::string::npos);
-    EXPECT_LT(text.find("exit_group(5)\n"), end);
-    EXPECT_TRUE(text.substr(end + 1) == filler(204800 - end - 1));
+    for (bool timed : {false, true}) {
+        const std::string text = trace_of_a_short_life(timed);
+        size_t end = text.find("\n" + filler(80));
+        ASSERT_NE(end, std::string::npos);
+        EXPECT_NE(text.find("exit_group(5)\n"), std::string::npos);
+        EXPECT_LT(text.find("exit_group(5)\n"), end);
+        EXPECT_TRUE(text.substr(end + 1) == filler(204800 - end - 1));
+    }
+}
+
+TEST(stream_strace_log, lines_have_times_on_request_and_filler_lines_never) {
+    const std::string timed = trace_of_a_short_life(true);
+    expect_timed(timed.substr(0, timed.find(filler(80))));
+    EXPECT_GE(duration_of(line_with(timed, ") = ")), 0);
+    const std::string usual = trace_of_a_short_life(false);
+    EXPECT_FALSE(has_time(line_with(usual, ") = ")));
+    EXPECT_EQ(duration_of(line_with(usual, ") = ")), -1);
 }
 
 TEST(stream_strace_log, leaves_no_children_and_no_descriptors) {
