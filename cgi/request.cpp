@@ -140,6 +140,7 @@ void select_pids(const char* list, strace_request* record) {
 void request_strace(unique_fd client) {
     auto record = worker_new_record<strace_request>();
     if (record) {
+        record->timed = query_limit(CGI_get_value("times")) > 0;
         select_pids(CGI_get_value("pid"), record.get());
         if (record->pid_count == 0) {
             CGI_cleanup();

@@ -7,6 +7,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -14,11 +15,13 @@
 
 #include <algorithm>
 
+#include "cgi/download_name.h"
 #include "cgi/http.h"
 #include "cgi/worker.h"
 #include "common/monotonic.h"
 #include "common/safe_io.h"
 #include "common/unique_fd.h"
+#include "proc/proc_list.h"
 #include "trace/strace.h"
 
 namespace {
@@ -120,8 +123,23 @@ int32_t cb_strace(void* cookie, const char* text, int length) {
     return req->running;
 }
 
+download_name timed_trace_name(const strace_request& req) {
+    constexpr const char* kind = "trace";
+    constexpr const char* suffix = "txt";
+    if (req.pid_count != 1) {
+        return download_name_of_host(kind, suffix);
+    }
+    const pid_t pid = req.pids[0];
+    char name[256];
+    char subject[64];
+    const bool has_name = proc_get_pidname(pid, name, sizeof name) == 1;
+    snprintf(subject, sizeof subject, "%.48s-%d", has_name ? name : "unknown", pid);
+    return download_name_now(kind, subject, suffix);
+}
+
 void stream_trace(strace_request* req) {
-    stream_http_header(req->client.get(), "text/plain", "stracedump.txt");
+    stream_http_header(req->client.get(), "text/plain",
+                       req->timed ? timed_trace_name(*req).text : "stracedump.txt");
     strace_ctx ctx = {};
     ctx.write = cb_strace;
     ctx.cookie = req;
@@ -129,6 +147,7 @@ void stream_trace(strace_request* req) {
     ctx.pids = req->pids;
     ctx.nr_pids = req->pid_count;
     ctx.seconds = -1;
+    ctx.timed = req->timed;
     do_strace(&ctx);
 }
 

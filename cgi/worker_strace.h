@@ -13,7 +13,8 @@ struct strace_request {
     static constexpr int capacity = 512;
     pid_t pids[capacity] = {};
     int pid_count = 0;
-    unique_fd client;              // the browser's connection
+    bool timed = false;  // the trace has times (strace_ctx), and its file a name that tells what it is
+    unique_fd client;    // the browser's connection
     std::atomic<int> running = 1;  // 0 once the trace is to end
     std::atomic<int> noticed = 0;  // 1 once the worker has seen that `running` is 0
     size_t piece_used = 0;         // bytes sent of the current piece

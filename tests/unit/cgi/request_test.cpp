@@ -217,9 +217,12 @@ protected:
     }
     // Expects a request for a trace to find the child, which is detached when the browser leaves.
     void expect_traced(const std::string& query) {
+        expect_traced_with(query, download_head("text/plain", "stracedump.txt"));
+    }
+    // The same for an answer that begins with `head`.
+    void expect_traced_with(const std::string& query, const std::string& head) {
         browser client;
         serve(client, "/x", query);
-        std::string head = download_head("text/plain", "stracedump.txt");
         EXPECT_EQ(first_bytes(client, head.size()), head) << query;
         client.go_away();
         wait_for_workers();
@@ -266,6 +269,20 @@ TEST_F(request_for_a_process, uses_the_living_process_of_a_list) {
     expect_traced("cmd=strace&pid=" + name + "," + dead);
     expect_traced("cmd=strace&pid=" + std::string(40, 'x') + "," + number + ",");
     expect_traced("cmd=strace&pid=" + number + "trailing");
+}
+
+TEST_F(request_for_a_process, gets_a_timed_trace_if_times_is_a_positive_number) {
+    const std::string whole = download_head("text/plain", "trace-" + name + "-" + number + "-");
+    const std::string head = whole.substr(0, whole.rfind('"'));
+    for (const char* times : {"1", "2", "+1", "1x", "2147483647"}) {
+        expect_traced_with("cmd=strace&pid=" + number + "&times=" + times, head);
+        expect_traced_with(std::string("times=") + times + "&cmd=strace&pid=" + name, head);
+    }
+    for (const char* times : {"", "0", "-1", "abc", "x1", "99999999999"}) {
+        expect_traced("cmd=strace&pid=" + number + "&times=" + times);
+    }
+    expect_traced("cmd=strace&pid=" + number + "&times");
+    expect_traced("cmd=strace&pid=" + number + "&time=1");
 }
 
 TEST_F(request_for_a_process, skips_an_item_of_32_characters) {

@@ -12,10 +12,14 @@
 #include <random>
 #include <thread>
 
+#include "cgi/download_name.h"
 #include "cgi/worker.h"
 #include "tests/unit/cgi/browser.h"
+#include "tests/unit/cgi/download_name_shape.h"
+#include "tests/unit/cgi/named_child.h"
 #include "tests/unit/cgi/threads.h"
 #include "tests/unit/support/effort.h"
+#include "tests/unit/trace/timed_text.h"
 #include "tests/unit/trace/tracees.h"
 
 namespace {
@@ -25,11 +29,12 @@ using clock_type = std::chrono::steady_clock;
 
 const std::string head = download_head("text/plain", "stracedump.txt");
 
-void start(unique_fd client, const std::vector<pid_t>& pids) {
+void start(unique_fd client, const std::vector<pid_t>& pids, bool timed = false) {
     auto request = worker_new_record<strace_request>();
     std::ranges::copy(pids, request->pids);
     request->pid_count = static_cast<int>(pids.size());
     request->client = std::move(client);
+    request->timed = timed;
     ASSERT_TRUE(worker_start(run_strace_request, request.release()));
 }
 
@@ -124,6 +129,83 @@ TEST(strace_worker, reports_calls_signals_exits_and_descriptors) {
     EXPECT_EQ(count_in(answer, " open fds:\n"), 2u) << answer;
     wait_for_workers();
     EXPECT_TRUE(exited_with(child.child.end(), 6));
+}
+
+namespace {
+
+// The answer to a request for a timed trace of children that end when they are traced.
+template <size_t count>
+std::string timed_answer(gated_child (&children)[count]) {
+    std::vector<pid_t> pids;
+    for (const gated_child& child : children) {
+        pids.push_back(child.pid());
+    }
+    browser client;
+    start(unique_fd(client.hand_over()), pids, true);
+    for (gated_child& child : children) {
+        EXPECT_TRUE(eventually([&child] { return is_traced(child.pid()); }));
+        child.open_gate();
+    }
+    std::string answer = client.answer();
+    wait_for_workers();
+    for (gated_child& child : children) {
+        EXPECT_TRUE(exited_with(child.child.end(), 6));
+    }
+    return answer;
+}
+
+// Expects a download of a timed trace whose file name has this shape. Returns the trace.
+std::string expect_timed_download(const std::string& answer, const std::string& name) {
+    const std::string begin = "filename=\"";
+    const size_t at = answer.find(begin) + begin.size();
+    const std::string found = answer.substr(at, answer.find('"', at) - at);
+    EXPECT_EQ(without_stamp(found), name);
+    const std::string expected = download_head("text/plain", found);
+    EXPECT_EQ(answer.substr(0, expected.size()), expected);
+    std::string text = answer.substr(std::min(expected.size(), answer.size()));
+    expect_timed(text);
+    return text;
+}
+
+int end_with_6() {
+    return 6;
+}
+
+}  // namespace
+
+TEST(strace_worker, timed_trace_has_times_and_the_name_of_its_process) {
+    gated_child child[] = {gated_child(end_with_6)};
+    const std::string pid = std::to_string(child[0].pid());
+    const std::string text =
+        expect_timed_download(timed_answer(child), "trace-" + own_name() + "-" + pid + "-.txt");
+    EXPECT_EQ(count_in(text, "exit_group(6)\n"), 1u) << text;
+    EXPECT_GE(duration_of(line_with(text, ") = ")), 0) << text;
+}
+
+TEST(strace_worker, timed_trace_of_several_processes_has_the_name_of_the_host) {
+    gated_child children[] = {gated_child(end_with_6), gated_child(end_with_6)};
+    const std::string text = expect_timed_download(timed_answer(children),
+                                                   without_stamp(download_name_of_host("trace", "txt").text));
+    EXPECT_EQ(count_in(text, "exit_group(6)\n"), 2u) << text;
+}
+
+TEST(strace_worker, name_of_a_timed_trace_is_cut_before_the_number_of_its_process) {
+    named_child child(std::string(100, 'n'));
+    browser client;
+    start(unique_fd(client.hand_over()), {child.pid()}, true);
+    ASSERT_EQ(write(client.own_end(), "x", 1), 1);  // ends the trace
+    const std::string name = "trace-" + std::string(48, 'n') + "-" + std::to_string(child.pid()) + "-.txt";
+    (void)expect_timed_download(client.answer(), name);
+    wait_for_workers();
+}
+
+TEST(strace_worker, timed_trace_of_an_ended_process_has_no_name_for_it) {
+    const pid_t pid = dead_pid();
+    browser client;
+    start(unique_fd(client.hand_over()), {pid}, true);
+    EXPECT_NE(client.answer().find("filename=\"trace-unknown-" + std::to_string(pid) + "-"),
+              std::string::npos);
+    wait_for_workers();
 }
 
 TEST(strace_worker, ends_if_the_browser_closes_while_nothing_happens) {
