@@ -14,6 +14,7 @@ namespace {
 
 constexpr size_t block_size = 512;
 constexpr char zero_block[block_size] = {};
+constexpr size_t largest_packed = 14 * block_size;  // of tar_store; a multiple of the block size
 
 struct ustar_header {
     char name[100];
@@ -56,10 +57,38 @@ void set_checksum(ustar_header* header) {
     snprintf(header->chksum, sizeof header->chksum, "%6.6o", sum);
 }
 
+size_t padding_after(size_t length) {
+    return -length % block_size;
+}
+
 void pad_to_block(tar_handle* t) {
-    const size_t excess = t->member_bytes % block_size;
-    if (excess != 0) {
-        (void)output_write(t, zero_block, block_size - excess);
+    const size_t padding = padding_after(t->member_bytes);
+    if (padding != 0) {
+        (void)output_write(t, zero_block, padding);
+    }
+}
+
+void set_header(ustar_header* header, const tar_handle* t, const char* name, int size) {
+    set_name(header, t, name);
+    memcpy(header->mode, "0000644", 8);
+    memcpy(header->uid, "0000100", 8);
+    memcpy(header->gid, "0000100", 8);
+    snprintf(header->size, sizeof header->size, "%11.11lo",
+             static_cast<unsigned long>(static_cast<uint32_t>(size)));
+    snprintf(header->mtime, sizeof header->mtime, "%11.11llo",
+             static_cast<unsigned long long>(time(nullptr)));
+    header->typeflag = '0';
+    memcpy(header->magic, "ustar", 6);
+    memset(header->version, ' ', sizeof header->version);
+    memcpy(header->uname, "admin", 5);
+    memcpy(header->gname, "admin", 5);
+    set_checksum(header);
+}
+
+void begin_member(tar_handle* t, const char* name, int size) {
+    t->member_bytes = 0;
+    if (t->watch) {
+        t->watch->on_header(t->watch, name, size);
     }
 }
 
@@ -84,25 +113,32 @@ tar_handle* tar_new(int fd, const char* prefix) {
 
 void tar_addfile(tar_handle* t, const char* name, int size) {
     ustar_header header = {};
-    set_name(&header, t, name);
-    memcpy(header.mode, "0000644", 8);
-    memcpy(header.uid, "0000100", 8);
-    memcpy(header.gid, "0000100", 8);
-    snprintf(header.size, sizeof header.size, "%11.11lo",
-             static_cast<unsigned long>(static_cast<uint32_t>(size)));
-    snprintf(header.mtime, sizeof header.mtime, "%11.11llo", static_cast<unsigned long long>(time(nullptr)));
-    header.typeflag = '0';
-    memcpy(header.magic, "ustar", 6);
-    memset(header.version, ' ', sizeof header.version);
-    memcpy(header.uname, "admin", 5);
-    memcpy(header.gname, "admin", 5);
-    set_checksum(&header);
+    set_header(&header, t, name, size);
     pad_to_block(t);
     (void)output_write(t, &header, sizeof header);
-    t->member_bytes = 0;
-    if (t->watch) {
-        t->watch->on_header(t->watch, name, size);
+    begin_member(t, name, size);
+}
+
+void tar_store(tar_handle* t, const char* name, const void* data, size_t len) {
+    struct {
+        ustar_header header;
+        char data[largest_packed];
+    } member;
+    if (len > sizeof member.data) {
+        tar_addfile(t, name, static_cast<int>(len));
+        tar_write(t, data, len);
+        return;
     }
+    const size_t padding = padding_after(len);
+    member.header = {};
+    set_header(&member.header, t, name, static_cast<int>(len));
+    memcpy(member.data, data, len);
+    memset(member.data + len, 0, padding);
+    pad_to_block(t);
+    (void)output_write(t, &member, sizeof member.header + len + padding);
+    begin_member(t, name, static_cast<int>(len));
+    tar_fakewrite(t, len);
+    t->member_bytes = 0;  // it has its padding
 }
 
 void tar_write(tar_handle* t, const void* buf, size_t len) {

@@ -1,9 +1,9 @@
 // Writes a ustar stream to a descriptor: headers with a promised size, then data, padded to blocks of 512
 // bytes. Buffers nothing beyond one header and knows nothing about the members.
 //
-// Call tar_new; then for each member tar_addfile and exactly the promised bytes, through any mix of tar_write
-// and direct writes counted with tar_fakewrite; then tar_close. Padding follows the counted bytes, not the
-// promise. A failed write is not reported: the handle keeps its error. Writes go through
+// Call tar_new; then for each member tar_store, or tar_addfile and exactly the promised bytes, through any
+// mix of tar_write and direct writes counted with tar_fakewrite; then tar_close. Padding follows the counted
+// bytes, not the promise. A failed write is not reported: the handle keeps its error. Writes go through
 // archive/output.h.
 //
 // Header layout: POSIX.1-1988 ustar, with two oddities that are deliberate: the version field holds two
@@ -38,6 +38,10 @@ void tar_addfile(tar_handle* t, const char* name, int size);
 
 // Writes `len` bytes of the current member.
 void tar_write(tar_handle* t, const void* buf, size_t len);
+
+// Stores a whole member: tar_addfile and tar_write. If header, data and padding are small, they are one
+// write, and the member is padded at once.
+void tar_store(tar_handle* t, const char* name, const void* data, size_t len);
 
 // Counts `len` bytes that the caller has written to the descriptor itself.
 void tar_fakewrite(tar_handle* t, size_t len);

@@ -109,6 +109,37 @@ void expect_extracted(const temp_dir& folder) {
     }
 }
 
+// The archive of one member between two others, without the times of its headers.
+template <typename Store>
+std::string archive_around(const std::string& data, Store store) {
+    test_archive archive("top/");
+    tar_addfile(archive.handle(), "before", 3);
+    tar_write(archive.handle(), "abc", 3);
+    store(archive.handle(), "stored", data.data(), data.size());
+    tar_addfile(archive.handle(), "after", 1);
+    tar_write(archive.handle(), "d", 1);
+    tar_listing listing = archive.finish();
+    EXPECT_EQ(listing.trouble, "");
+    std::string bytes = archive.bytes();
+    for (const tar_entry& entry : listing.entries) {
+        bytes.replace(entry.header_at + 136, 20, 20, '#');  // the time and the checksum
+    }
+    return bytes;
+}
+
+// Keeps what a watch is told.
+struct noting_watch : tar_watch {
+    std::string notes;
+    noting_watch() {
+        on_header = [](tar_watch* watch, const char* name, int size) {
+            static_cast<noting_watch*>(watch)->notes += std::string(name) + " " + std::to_string(size) + "\n";
+        };
+        on_data = [](tar_watch* watch, size_t length) {
+            static_cast<noting_watch*>(watch)->notes += std::to_string(length) + "\n";
+        };
+    }
+};
+
 }  // namespace
 
 TEST(tar_new, copies_the_prefix) {
@@ -312,6 +343,58 @@ TEST(tar_addfile, pads_the_previous_member_with_zeros_to_a_block) {
         (void)archive.finish();
         EXPECT_EQ(archive.bytes(), bytes) << "an empty last member needs no padding";
     }
+}
+
+TEST(tar_store, makes_the_same_archive_as_addfile_and_write) {
+    for (size_t size : {0, 1, 511, 512, 513, 1024, 7167, 7168, 7169, 102400}) {
+        const std::string data = noise(size);
+        const std::string in_steps =
+            archive_around(data, [](tar_handle* t, const char* name, const void* bytes, size_t length) {
+                tar_addfile(t, name, static_cast<int>(length));
+                tar_write(t, bytes, length);
+            });
+        EXPECT_TRUE(archive_around(data, tar_store) == in_steps) << size;
+    }
+}
+
+TEST(tar_store, of_a_last_member_leaves_nothing_to_pad) {
+    test_archive archive;
+    tar_store(archive.handle(), "last", "12345", 5);
+    const std::string bytes = archive.bytes();
+    EXPECT_EQ(bytes.size(), 1024u);
+    tar_listing listing = archive.finish();
+    EXPECT_EQ(archive.bytes(), bytes);
+    ASSERT_EQ(listing.entries.size(), 1u);
+    EXPECT_EQ(listing.entries[0].data, "12345");
+}
+
+TEST(tar_store, is_one_write_for_a_small_member) {
+    std::vector<ssize_t> sizes = write_sizes([](int fd) {
+        tar_handle* t = tar_new(fd, "top/");
+        tar_addfile(t, "five", 5);
+        tar_write(t, "12345", 5);
+        tar_store(t, "stored", "12345", 5);
+        tar_store(t, "block", std::string(512, 'b').data(), 512);
+        tar_store(t, "large", std::string(8000, 'l').data(), 8000);
+        tar_close(t);
+    });
+    EXPECT_EQ(sizes, (std::vector<ssize_t>{512, 5, 507, 1024, 1024, 512, 8000, 192}));
+}
+
+TEST(tar_store, tells_the_watch_of_the_header_and_the_data) {
+    test_archive archive("top/");
+    noting_watch watch;
+    archive.handle()->watch = &watch;
+    tar_store(archive.handle(), "small", "12345", 5);
+    tar_store(archive.handle(), "large", std::string(8000, 'l').data(), 8000);
+    EXPECT_EQ(watch.notes, "small 5\n5\nlarge 8000\n8000\n");
+}
+
+TEST(tar_store, failed_write_is_the_error_of_the_handle) {
+    unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    tar_handle* t = tar_new(full.get(), nullptr);
+    tar_store(t, "a", "12345", 5);
+    EXPECT_EQ(tar_close(t), ENOSPC);
 }
 
 TEST(tar_fakewrite, counts_and_writes_nothing) {
