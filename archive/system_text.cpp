@@ -1,0 +1,54 @@
+#include "archive/system_text.h"
+
+#include <algorithm>
+
+#include "common/time_stamp.h"
+
+namespace {
+
+void add_moment(heap_text* text, const char* name, const tm& moment) {
+    char shown[64];
+    system_text_add_fact(text, name, {shown, strftime(shown, sizeof shown, "%Y-%m-%d %H:%M:%S", &moment)});
+}
+
+}  // namespace
+
+void system_text_add_fact(heap_text* text, const char* name, std::string_view value) {
+    while (!value.empty() && static_cast<unsigned char>(value.back()) <= ' ') {
+        value.remove_suffix(1);
+    }
+    heap_text_print(text, "%s: ", name);
+    const size_t begin = text->bytes.length;
+    heap_text_add(text, value);
+    char* bytes = text->bytes.data.get();
+    std::replace(bytes + begin, bytes + text->bytes.length, '\n', ' ');
+    heap_text_print(text, "\n");
+}
+
+void system_text_add_kernel(heap_text* text, const utsname& kernel) {
+    system_text_add_fact(text, "host", kernel.nodename);
+    heap_text_print(text, "kernel: %s %s %s %s\n", kernel.sysname, kernel.release, kernel.version,
+                    kernel.machine);
+}
+
+void system_text_add_uptime(heap_text* text, uint32_t seconds) {
+    const uint32_t minutes = seconds / 60;
+    const uint32_t hours = minutes / 60;
+    heap_text_print(text, "uptime: %u s (%u d %u h %u min)\n", seconds, hours / 24, hours % 24, minutes % 60);
+}
+
+void system_text_add_time(heap_text* text, time_t now) {
+    const tm local = local_time(now);
+    tm utc = {};
+    gmtime_r(&now, &utc);
+    add_moment(text, "local time", local);
+    add_moment(text, "UTC", utc);
+    char zone[64];
+    system_text_add_fact(text, "time zone", {zone, strftime(zone, sizeof zone, "%z %Z", &local)});
+}
+
+void system_text_add_clock(heap_text* text, int state, const timex& clock) {
+    heap_text_print(text, "clock: %ssynchronised, estimated error %lld us, maximum error %lld us\n",
+                    state == TIME_ERROR || (clock.status & STA_UNSYNC) != 0 ? "not " : "",
+                    static_cast<long long>(clock.esterror), static_cast<long long>(clock.maxerror));
+}

@@ -1,0 +1,26 @@
+// Facts about the system as lines of text.
+#pragma once
+
+#include <stdint.h>
+#include <sys/timex.h>
+#include <sys/utsname.h>
+#include <time.h>
+
+#include <string_view>
+
+#include "common/heap_text.h"
+
+// Appends "NAME: VALUE". Control characters of the value become blanks; those at its end are dropped.
+void system_text_add_fact(heap_text* text, const char* name, std::string_view value);
+
+// Appends the name of the host and the kernel's version.
+void system_text_add_kernel(heap_text* text, const utsname& kernel);
+
+// Appends the time since boot, given in seconds.
+void system_text_add_uptime(heap_text* text, uint32_t seconds);
+
+// Appends the time in the local zone and in UTC, and the zone.
+void system_text_add_time(heap_text* text, time_t now);
+
+// Appends the state of the clock: `state` is the result of adjtimex(2), which has filled `clock`.
+void system_text_add_clock(heap_text* text, int state, const timex& clock);
