@@ -7,8 +7,9 @@ usage: gen_syscall_names.py [--check] [--mips DIR] [--x86-64 FILE]
   --mips DIR     the target's asm folder (default: Debian's linux-libc-dev-mipsel-cross)
   --x86-64 FILE  the development machine's unistd_64.h (default: Debian's linux-libc-dev)
 
-syscall_names.inc lists the names of the calls of the 32-bit, 64-bit and N32 interfaces in the order of their
-numbers, up to perf_counter_open; newer headers have more. x86_64_calls.inc lists, for each call number of x86-64,
+syscall_name_indexes.inc lists the calls of the 32-bit, 64-bit and N32 interfaces in the order of their numbers, up to
+perf_counter_open; newer headers have more. Each is an index into syscall_names.inc, which has each name once.
+x86_64_calls.inc lists, for each call number of x86-64,
 the number of the 32-bit MIPS call with the same name.
 """
 
@@ -63,11 +64,16 @@ def x86_64_twins(folder, header):
 
 
 def generated(mips, x86_64):
-    names = "".join(f'"{name}",\n' for name in syscall_names(mips))
+    names = syscall_names(mips)
+    index = {name: number for number, name in enumerate(dict.fromkeys(names))}  # of the names, each once
+    texts = "".join(f'"{name}",\n' for name in index)
+    indexes = "".join(f"{index[name]},  // {number} {name}\n" for number, name in enumerate(names))
     twins = "".join(f"{twin},  // {number} {name}".rstrip() + "\n"
                     for number, (twin, name) in enumerate(x86_64_twins(mips, x86_64)))
     head = "// Written by gen_syscall_names.py.\n"
-    return {"syscall_names.inc": head + names, "x86_64_calls.inc": head + twins}
+    return {
+        "syscall_names.inc": head + texts, "syscall_name_indexes.inc": head + indexes, "x86_64_calls.inc": head + twins,
+    }  # fmt: skip
 
 
 def main():

@@ -1,16 +1,14 @@
 #include "trace/syscall_names.h"
 
 #include <gtest/gtest.h>
-#include <string.h>
 
-#include <algorithm>
 #include <set>
 #include <string>
 
 namespace {
 
 std::string name_of(int number) {
-    return syscall_names.at(static_cast<size_t>(number - o32_first));
+    return syscall_names[static_cast<size_t>(number - o32_first)];
 }
 
 }  // namespace
@@ -34,7 +32,10 @@ TEST(syscall_names, o32_calls_have_their_numbers) {
 }
 
 TEST(syscall_names, o32_calls_have_distinct_names) {
-    std::set<std::string> names(syscall_names.begin(), syscall_names.begin() + o32_calls);
+    std::set<std::string> names;
+    for (int number = o32_first; number < o32_first + o32_calls; number++) {
+        names.insert(name_of(number));
+    }
     EXPECT_EQ(names.size(), static_cast<size_t>(o32_calls));
 }
 
@@ -50,20 +51,21 @@ TEST(syscall_names, lists_of_the_other_interfaces_follow_with_their_markers) {
     EXPECT_EQ(name_of(4929), "Linux_syscalls");
     EXPECT_EQ(name_of(4930), "N32_Linux");
     EXPECT_EQ(name_of(4931), "N32_Linux_syscalls");
-    auto n64_end =
-        std::ranges::find_if(syscall_names, [](const char* name) { return !strcmp(name, "64_Linux"); });
-    ASSERT_NE(n64_end, syscall_names.end());
-    EXPECT_STREQ(n64_end[-2], "perf_counter_open");
-    EXPECT_STREQ(n64_end[-1], "Linux_syscalls");
-    EXPECT_STREQ(n64_end[1], "64_Linux_syscalls");
-    EXPECT_STREQ(n64_end[2], "Linux");
-    EXPECT_STREQ(n64_end[3], "read");
+    int n64_end = o32_first;
+    while (n64_end < 4931 && name_of(n64_end) != "64_Linux") {
+        n64_end++;
+    }
+    ASSERT_LT(n64_end, 4931);
+    EXPECT_EQ(name_of(n64_end - 2), "perf_counter_open");
+    EXPECT_EQ(name_of(n64_end - 1), "Linux_syscalls");
+    EXPECT_EQ(name_of(n64_end + 1), "64_Linux_syscalls");
+    EXPECT_EQ(name_of(n64_end + 2), "Linux");
+    EXPECT_EQ(name_of(n64_end + 3), "read");
 }
 
 TEST(syscall_names, no_name_is_empty) {
-    for (const char* name : syscall_names) {
-        ASSERT_NE(name, nullptr);
-        EXPECT_GT(strlen(name), 0u);
+    for (int number = o32_first; number < o32_first + syscall_count; number++) {
+        EXPECT_NE(name_of(number), "") << number;
     }
 }
 
