@@ -10,9 +10,11 @@
 #include "archive/member_core.h"
 #include "archive/member_file.h"
 #include "archive/member_proc.h"
+#include "archive/member_processes.h"
 #include "archive/member_program.h"
 #include "archive/member_trace.h"
 #include "archive/phase.h"
+#include "archive/process_table.h"
 #include "archive/tar.h"
 #include "common/time_stamp.h"
 #include "common/watchdog.h"
@@ -33,7 +35,9 @@ struct archive_run {
     int fd;
     int browser_fd;
     archive_form form;
-    manifest list;  // of a full archive
+    // Of a full archive.
+    manifest list;
+    process_looks looks;
     pid_t pids[process_limit];
     int pid_count;
 };
@@ -56,8 +60,16 @@ int store_proc(archive_run* run) {
     return 0;
 }
 
+int store_process_look(archive_run* run) {
+    return stream_process_look(run->tar, &run->looks);
+}
+
+int store_process_table(archive_run* run) {
+    return stream_process_table(run->tar, &run->looks);
+}
+
 int store_trace(archive_run* run) {
-    return stream_strace_log(run->tar, run->pids, run->pid_count);
+    return stream_strace_log(run->tar, run->pids, run->pid_count, run->form == archive_form::full);
 }
 
 int store_capture(archive_run* run) {
@@ -104,11 +116,12 @@ struct archive_member {
 // In the order of the archive.
 constexpr archive_member archive_members[] = {
     {false, false, store_monitor_status}, {false, false, store_media_configuration},
-    {false, false, store_proc},           {false, false, store_trace},
-    {false, true, store_capture},         {false, true, store_server_report},
-    {false, true, store_oopslog},         {false, false, store_kcore},
-    {false, false, store_proc},           {false, false, store_cores},
-    {true, true, store_manifest},
+    {true, false, store_process_look},    {false, false, store_proc},
+    {false, false, store_trace},          {false, true, store_capture},
+    {false, true, store_server_report},   {false, true, store_oopslog},
+    {false, false, store_kcore},          {false, false, store_proc},
+    {true, true, store_process_look},     {true, false, store_process_table},
+    {false, false, store_cores},          {true, true, store_manifest},
 };
 
 bool store_members(archive_run* run) {
