@@ -16,7 +16,7 @@ import urllib.request
 import pytest
 
 from support.answers import BAD_REQUEST, BUSY_PAGE, SERVER_ERROR, download_head
-from support.archives import assert_whole, header_of
+from support.archives import assert_full_whole, header_of
 from support.fake_daemon import FakeDaemon, write_all
 from support.under_test import BIN, ROOT, SANITIZE
 from support.waiting import wait_for
@@ -178,26 +178,32 @@ def tar(*members):
 
 
 MEMBERS = [("dbg-monitor.txt", 3), ("proc.20260101-000000/stat", 700), ("proc/sys/vm/x", 1), ("strace.log", 2048),
-           ("netdump.cap", 1024), ("serverreport.txt", 5), ("proc.20260101-000011/stat", 512), ("x.7/core", 4000)]  # fmt: skip
-FILE_NAMES = {b"/debug.tgz\0": "debug.tgz", b"/debug.tar\0": "debug.tar", b"/debug.tgz\0pop": "core.812.gz"}
+           ("netdump.cap", 1024), ("serverreport.txt", 5), ("proc.20260101-000011/stat", 512), ("x.7/core", 4000),
+           ("manifest.txt", 9)]  # fmt: skip
+FILE_NAMES = {
+    b"/debug.tgz\0": "debug.tgz", b"/debug.tar\0": "debug.tar",
+    b"/debug.tgz\0full": "debug-cam1.tgz", b"/debug.tar\0full": "debug-cam1.tar",
+    b"/debug.tgz\0full=": "debug-cam1.tgz", b"/debug.tgz\0pop": "core.812.gz",
+}  # fmt: skip
 
 
 def valid_answers(message):
     """A valid answer to any request, with the file name that the daemon gives it."""
     name = FILE_NAMES.get(message) or re.search(rb"(?:cmd=)?(\w+)", message.partition(b"\0")[2])[1].decode()
-    body = {"debug.tgz": gzip.compress(tar(*MEMBERS)), "debug.tar": tar(*MEMBERS)}.get(name, b"some text\n" * 20)
+    bodies = {"tgz": gzip.compress(tar(*MEMBERS)), "tar": tar(*MEMBERS)}
+    body = bodies.get(name.rpartition(".")[2], b"some text\n" * 20)
     return download_head("application/octet-stream", name) + body
 
 
 REQUESTS = [
-    (dict(kind="archive"), b"/debug.tgz\0", "debug.tgz"),
+    (dict(kind="archive"), b"/debug.tgz\0full", "debug-cam1.tgz"),
     (dict(kind="ps"), b"/debugar.cgi\0cmd=ps", ""),
-    (dict(kind="strace", fields=dict(pid="12, syslogd")), b"/debugar.cgi\0cmd=strace&pid=12,%20syslogd", ""),
-    (dict(kind="strace", button="Trace all"), b"/debugar.cgi\0cmd=strace", ""),
+    (dict(kind="strace", fields=dict(pid="12, syslogd")), b"/debugar.cgi\0cmd=strace&pid=12,%20syslogd&times=1", ""),
+    (dict(kind="strace", button="Trace all"), b"/debugar.cgi\0cmd=strace&times=1", ""),
     (dict(kind="coredump", fields=dict(pid="a&b=c")), b"/debugar.cgi\0cmd=coredump&pid=a%26b%3Dc", "coredump"),
-    (dict(kind="pcapdump"), b"/debugar.cgi\0cmd=pcapdump", "pcapdump"),
+    (dict(kind="pcapdump"), b"/debugar.cgi\0cmd=pcapdump&duration=5&exact=1", "pcapdump"),
     (dict(kind="pcapdump", fields=dict(interface="eth0", duration="3", totalsize="4000")),
-     b"/debugar.cgi\0cmd=pcapdump&interface=eth0&duration=3&totalsize=4000", "pcapdump"),
+     b"/debugar.cgi\0cmd=pcapdump&interface=eth0&duration=3&totalsize=4000&exact=1", "pcapdump"),
     (dict(kind="rtrace"), b"/debugar.cgi\0cmd=rtrace&interval=10&trace=fast", "rtrace"),
     (dict(kind="rtrace", fields=dict(interval="2", trace="meminfo,iostat")),
      b"/debugar.cgi\0cmd=rtrace&interval=2&trace=meminfo,iostat", "rtrace"),
@@ -215,7 +221,7 @@ def test_each_form_sends_its_request_and_saves_the_answer_under_the_daemons_name
     for one in shown:
         assert one["classes"] == "job over good", one
     assert [one["state"] for one in shown] == [
-        f"Done. Passed to the browser as debug.tgz. The archive is complete: {len(MEMBERS)} members.",
+        f"Done. Passed to the browser as debug-cam1.tgz. The archive is complete: {len(MEMBERS)} members.",
         "Done.",
         "The trace has ended.",
         "The trace has ended.",
@@ -230,11 +236,11 @@ def test_every_request_works_without_scripts(browser, front, play):
     kinds = ["archive", "listen", "pop", "waitcore", "ps", "strace", "coredump", "pcapdump", "rtrace"]
     requests = [dict(kind=kind, fields=fields.get(kind)) for kind in kinds]
     found = browser.play(front, "without_script", requests=requests)
-    by_form = [b"/debug.tgz\0", b"/debug.tgz\0listen=", b"/debug.tgz\0pop=", b"/debugar.cgi\0cmd=coredump",
-               b"/debugar.cgi\0cmd=ps", b"/debugar.cgi\0cmd=strace&pid=12%2Csyslogd", b"/debugar.cgi\0cmd=coredump&pid=7",
-               b"/debugar.cgi\0cmd=pcapdump&interface=eth0&duration=&totalsize=",
+    by_form = [b"/debug.tgz\0full=", b"/debug.tgz\0listen=", b"/debug.tgz\0pop=", b"/debugar.cgi\0cmd=coredump",
+               b"/debugar.cgi\0cmd=ps", b"/debugar.cgi\0cmd=strace&pid=12%2Csyslogd&times=1", b"/debugar.cgi\0cmd=coredump&pid=7",
+               b"/debugar.cgi\0cmd=pcapdump&interface=eth0&duration=5&totalsize=&exact=1",
                b"/debugar.cgi\0cmd=rtrace&interval=10&trace=fast"]  # fmt: skip
-    targets = ["/debug.tgz", "/debug.tar", "/debug.tgz?listen", "/debug.tgz?pop", "/debugar.cgi?cmd=coredump",
+    targets = ["/debug.tgz?full", "/debug.tar?full", "/debug.tgz", "/debug.tar", "/debug.tgz?listen", "/debug.tgz?pop", "/debugar.cgi?cmd=coredump",
                "/debugar.cgi?cmd=ps", "/debugar.cgi?cmd=strace"]  # fmt: skip
     assert found["targets"] == targets
     by_link = [f"{path}\0{query}".encode() for path, _, query in (target.partition("?") for target in targets)]
@@ -247,13 +253,13 @@ def test_refusals_are_shown_as_sentences(browser, front, play):
     cut = download_head("application/x-tar", "debug.tar") + tar(*MEMBERS)[:-3000]
     answers = {
         b"/debugar.cgi\0cmd=coredump&pid=nobody": BAD_REQUEST,
-        b"/debugar.cgi\0cmd=strace&pid=99999": BAD_REQUEST,
+        b"/debugar.cgi\0cmd=strace&pid=99999&times=1": BAD_REQUEST,
         b"/debugar.cgi\0cmd=rtrace&interval=10&trace=fast": SERVER_ERROR,
-        b"/debug.tgz\0": BUSY_PAGE,
+        b"/debug.tgz\0full": BUSY_PAGE,
         b"/debug.tgz\0pop": b"",
         b"/debug.tgz\0listen": b"",
         b"/debugar.cgi\0cmd=coredump&pid=7": download_head("application/octet-stream", "core"),
-        b"/debug.tar\0": cut,
+        b"/debug.tar\0full": cut,
     }
     play(answers.get)
     requests = [dict(kind="coredump", fields=dict(pid="nobody")), dict(kind="strace", fields=dict(pid="99999")),
@@ -284,6 +290,13 @@ def test_truncated_archive_is_reported_as_bad(browser, front, play):
     assert shown["name"] == "debug.tgz"
     assert shown["state"] == "Done. Passed to the browser as debug.tgz. But the archive is cut off or damaged."
     assert shown["classes"] == "job over bad"
+
+
+def test_full_archive_without_its_manifest_is_reported_as_bad(browser, front, play):
+    stream = gzip.compress(tar(*MEMBERS[:-1]))
+    play(lambda _message: download_head("application/x-tar", "debug.tgz") + stream)
+    (shown,) = browser.play(front, "forms", requests=[dict(kind="archive")])
+    assert shown["state"] == "Done. Passed to the browser as debug.tgz. But the archive is cut off or damaged."
 
 
 def test_large_download_goes_straight_into_the_chosen_file(browser, front, play):
@@ -353,7 +366,7 @@ def test_process_list_is_shown_filtered_and_sorted_and_starts_requests(browser, 
     assert sorted(found["sorted"]["name"]["pids"]) == by_pid["pids"] != found["sorted"]["name"]["pids"]
     assert found["filtered"] == ["caller"]
     assert found["ticked"] == found["pid"]
-    assert found["link"] == f"/debugar.cgi?cmd=strace&pid={found['pid']}"
+    assert found["link"] == f"/debugar.cgi?cmd=strace&pid={found['pid']}&times=1"
     assert fake.messages == [f"/debugar.cgi\0cmd=coredump&pid={found['pid']}".encode()]
     assert found["core"].startswith("Done.")
     assert found["focus"] == f"Core dump of {found['pid']} (caller)"
@@ -411,10 +424,10 @@ def test_archive_is_downloaded_and_a_second_one_is_refused_meanwhile(browser, re
     saved = tmp_path / "debug.tar"
     found = browser.play(real, "archive", errors=1, save=str(saved))
     assert "makes one at a time" in found["refused"] and "(503)" in found["refused"]
-    assert found["name"] == "debug.tar"
-    assert found["state"].startswith("Done. Passed to the browser as debug.tar. The archive is complete: ")
+    assert re.fullmatch(r"debug-[\w.-]+-\d{8}-\d{6}\.tar", found["name"])
+    assert found["state"].startswith(f"Done. Passed to the browser as {found['name']}. The archive is complete: ")
     assert {"System calls, 5 seconds", "Network traffic, 5 seconds"} <= set(found["phases"])
-    members = assert_whole(saved.read_bytes())
+    members, _ = assert_full_whole(saved.read_bytes())
     listed = subprocess.run(["tar", "-tf", saved], capture_output=True, text=True, check=True).stdout.splitlines()
     assert listed == [member.path for member in members]
     assert f"The archive is complete: {len(members)} members." in found["state"]

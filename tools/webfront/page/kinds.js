@@ -59,7 +59,8 @@ export const KINDS = {
         title: (query) => `Capture on ${query.get("interface") ?? "any"}`,
         view: null,
         ended: "Done.",
-        expected: (query) => Number(query.get("totalsize") ?? 5120000),
+        endless: true,
+        expected: (query) => (query.has("exact") ? 0 : Number(query.get("totalsize") ?? 5120000)),
     },
     rtrace: {
         title: (query) => `Samples of ${query.get("trace") ?? "fast"}`,
