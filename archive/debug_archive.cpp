@@ -8,10 +8,12 @@
 #include "archive/manifest.h"
 #include "archive/member_capture.h"
 #include "archive/member_core.h"
+#include "archive/member_dmesg.h"
 #include "archive/member_file.h"
 #include "archive/member_proc.h"
 #include "archive/member_processes.h"
 #include "archive/member_program.h"
+#include "archive/member_system.h"
 #include "archive/member_trace.h"
 #include "archive/phase.h"
 #include "archive/process_table.h"
@@ -58,6 +60,14 @@ int store_media_configuration(archive_run* run) {
 int store_proc(archive_run* run) {
     (void)stream_proc(run->tar, run->fd, run->form);
     return 0;
+}
+
+int store_system(archive_run* run) {
+    return stream_system(run->tar);
+}
+
+int store_dmesg(archive_run* run) {
+    return stream_dmesg(run->tar);
 }
 
 int store_process_look(archive_run* run) {
@@ -114,15 +124,26 @@ struct archive_member {
 };
 
 // In the order of the archive.
+// clang-format off
 constexpr archive_member archive_members[] = {
-    {false, false, store_monitor_status}, {false, false, store_media_configuration},
-    {true, false, store_process_look},    {false, false, store_proc},
-    {false, false, store_trace},          {false, true, store_capture},
-    {false, true, store_server_report},   {false, true, store_oopslog},
-    {false, false, store_kcore},          {false, false, store_proc},
-    {true, true, store_process_look},     {true, false, store_process_table},
-    {false, false, store_cores},          {true, true, store_manifest},
+    {false, false, store_monitor_status},
+    {false, false, store_media_configuration},
+    {true, true, store_system},
+    {true, false, store_dmesg},
+    {true, false, store_process_look},
+    {false, false, store_proc},
+    {false, false, store_trace},
+    {false, true, store_capture},
+    {false, true, store_server_report},
+    {false, true, store_oopslog},
+    {false, false, store_kcore},
+    {false, false, store_proc},
+    {true, true, store_process_look},
+    {true, false, store_process_table},
+    {false, false, store_cores},
+    {true, true, store_manifest},
 };
+// clang-format on
 
 bool store_members(archive_run* run) {
     for (const archive_member& member : archive_members) {
