@@ -1,83 +1,62 @@
 #include "archive/process_links.h"
 
 #include <errno.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
-
-#include <string_view>
 
 #include "proc/number_list.h"
 
 namespace {
 
-constexpr std::string_view cut_note = "(the list is cut here)\n";
-constexpr std::string_view arrow = " -> ";
-constexpr size_t longest_name = sizeof "fd/2147483647" - 1;
-constexpr size_t escaped_size = 4;
+constexpr char cut_note[] = "(the list is cut here)\n";
+constexpr size_t longest_name = sizeof "fd/ -> " + NAME_MAX;
+constexpr size_t escaped_size = sizeof "\\ooo" - 1;
 
-void add(process_links* links, std::string_view part) {
-    memcpy(links->text + links->length, part.data(), part.size());
-    links->length += part.size();
-}
-
-void add_escaped(process_links* links, std::string_view target) {
-    for (const char c : target) {
-        const unsigned char byte = static_cast<unsigned char>(c);
-        if (byte >= ' ' && byte != 0x7f && byte != '\\') {
-            links->text[links->length++] = c;
-            continue;
-        }
-        const char escaped[escaped_size] = {'\\', static_cast<char>('0' + (byte >> 6)),
-                                            static_cast<char>('0' + (byte >> 3 & 7)),
-                                            static_cast<char>('0' + (byte & 7))};
-        add(links, {escaped, sizeof escaped});
-    }
-}
-
-// Adds the line of the link `file` in `dir_fd`, which is `folder` of the process. Returns an errno; E2BIG if
-// there is no space for the line.
-int add_link(process_links* links, std::string_view folder, int dir_fd, const char* file) {
+// Adds the line of the link `file` in `dir_fd`, which is `folder` of the process. Returns false if it does
+// not fit; the list then ends.
+bool add_link(process_links* links, const char* folder, int dir_fd, const char* file) {
     const ssize_t length = readlinkat(dir_fd, file, links->target, sizeof links->target);
     if (length < 0) {
-        return errno == ENOENT ? 0 : errno;  // a kernel thread has no program; descriptors come and go
+        links->error = errno == ENOENT ? links->error : errno;  // a kernel thread has no program
+        return true;
     }
-    const std::string_view target(links->target, static_cast<size_t>(length));
-    const size_t longest_line = longest_name + arrow.size() + escaped_size * target.size() + 1;
-    if (sizeof links->text - links->length < longest_line + cut_note.size()) {
-        add(links, cut_note);
-        return E2BIG;
+    char* to = links->text + links->length;
+    const size_t longest_line = longest_name + escaped_size * static_cast<size_t>(length) + 1;
+    const bool fits = links->length + longest_line + sizeof cut_note <= sizeof links->text;
+    if (!fits) {
+        to = stpcpy(to, cut_note);
+    } else {
+        to += sprintf(to, "%s%s -> ", folder, file);
+        for (ssize_t i = 0; i < length; i++) {
+            const unsigned char byte = static_cast<unsigned char>(links->target[i]);
+            if (byte >= ' ' && byte != 0x7f && byte != '\\') {
+                *to++ = links->target[i];
+            } else {
+                to += sprintf(to, "\\%03o", byte);
+            }
+        }
+        *to++ = '\n';
     }
-    add(links, folder);
-    add(links, file);
-    add(links, arrow);
-    add_escaped(links, target);
-    add(links, "\n");
-    return 0;
+    links->length = static_cast<size_t>(to - links->text);
+    return fits;
 }
 
 }  // namespace
 
-int process_links_read(int dir_fd, process_links* links) {
+void process_links_read(int dir_fd, process_links* links) {
     links->length = 0;
+    links->error = 0;
     links->descriptors = -1;
-    int error = add_link(links, "", dir_fd, "exe");
-    if (const int failed = add_link(links, "", dir_fd, "cwd"); failed != 0) {
-        error = failed;
-    }
+    bool fits = add_link(links, "", dir_fd, "exe") && add_link(links, "", dir_fd, "cwd");
     const unique_dir dir = number_folder(dir_fd, "fd");
     if (!dir) {
-        return errno;
+        links->error = errno;
+        return;
     }
     links->descriptors = 0;
-    bool is_cut = false;
     while (const dirent* entry = number_next(dir.get())) {
         links->descriptors++;
-        if (is_cut) {
-            continue;
-        }
-        const int failed = add_link(links, "fd/", dirfd(dir.get()), entry->d_name);
-        is_cut = failed == E2BIG;
-        error = failed == 0 || is_cut ? error : failed;
+        fits = fits && add_link(links, "fd/", dirfd(dir.get()), entry->d_name);
     }
-    return error;
 }

@@ -12,9 +12,9 @@ struct process_links {
     char target[PATH_MAX];
     size_t length;        // of the text
     int32_t descriptors;  // how many there are, even if the text was cut; -1: unknown
+    int error;            // errno of the last failure other than a missing link; 0: none
 };
 
 // Reads the links in the folder `dir_fd` of a process. Control characters and backslashes in targets become
-// \ooo. A text that would be too long is cut, and its last line says so. Returns 0, or the errno of the last
-// failure other than a missing link; the links that could be read are in the text.
-int process_links_read(int dir_fd, process_links* links);
+// \ooo. A text that would be too long is cut, and its last line says so.
+void process_links_read(int dir_fd, process_links* links);

@@ -24,5 +24,5 @@ struct process_looks {
     int count = 0;                 // looks so far
     int error = 0;                 // errno; not 0: one of the looks does not know all it should
     growing_bytes samples[2];      // process_sample, by ascending pid
-    growing_bytes commands;        // the command lines, one after the other
+    growing_bytes commands;        // the command lines, one after the other; "[NAME]" without one
 };

