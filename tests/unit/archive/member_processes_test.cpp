@@ -176,7 +176,7 @@ TEST(stream_process_look, remembers_what_the_table_needs) {
     proc_fixture fixture;
     fixture.add(42, "a) (b");
     fixture.add_file(42, "status", "Name:\tx\nUid:\t0\t33\t0\t0\n");
-    fixture.add_file(42, "cmdline", std::string("/bin/app\0-x\0two words\0\0", 24));
+    fixture.add_file(42, "cmdline", std::string("/bin/app\0-x\0two words\0\0", 23));
     fixture.add_link(42, "fd/0", "/dev/null");
     fixture.add_link(42, "fd/17", "/dev/null");
     fixture.add(43);
