@@ -26,7 +26,8 @@ constexpr char member[] = "system.txt";
 
 struct description {
     tar_handle* tar;
-    const system_sources& from;
+    const char* root;
+    int (*statfs_call)(const char* folder, struct statfs* usage);
     heap_text text = {.limit = text_limit};
     heap_text errors = {.limit = errors_limit};
 };
@@ -40,9 +41,7 @@ void note(description* d, const char* what, int error) {
 }
 
 struct path_text {
-    path_text(const description& d, const char* file) {
-        snprintf(text, sizeof text, "%s%s", d.from.root, file);
-    }
+    path_text(const description& d, const char* file) { snprintf(text, sizeof text, "%s%s", d.root, file); }
     char text[PATH_MAX];
 };
 
@@ -63,8 +62,8 @@ void add_file(description* d, const char* name, const char* file) {
 }
 
 void add_system(description* d) {
-    utsname kernel = {};
-    (void)uname(&kernel);  // cannot fail
+    utsname kernel;
+    uname(&kernel);  // cannot fail
     system_text_add_kernel(&d->text, kernel);
     add_file(d, "kernel command line", "/proc/cmdline");
     system_text_add_uptime(&d->text, ptime());
@@ -78,13 +77,13 @@ void add_system(description* d) {
     } else {
         note(d, "clock", errno);
     }
-    system_text_add_fact(&d->text, "zarvo", zarvo_version);
+    heap_text_print(&d->text, "zarvo: %s\n", zarvo_version);
     add_file(d, "options", "/proc/self/cmdline");
 }
 
 void add_mounts(description* d) {
     constexpr char file[] = "/proc/mounts";
-    note(d, file, mounts_text_add(&d->text, path_text(*d, file).text, d->from.ask, d->tar->fd));
+    note(d, file, mounts_text_add(&d->text, path_text(*d, file).text, d->statfs_call, d->tar->fd));
 }
 
 // In the order of network_table. Addresses follow the interfaces, without a title.
@@ -118,8 +117,8 @@ void describe(description* d) {
 
 }  // namespace
 
-int stream_system_from(tar_handle* t, const system_sources& from) {
-    description d = {.tar = t, .from = from};
+int stream_system_from(tar_handle* t, const char* root, int (*statfs_call)(const char*, struct statfs*)) {
+    description d = {.tar = t, .root = root, .statfs_call = statfs_call};
     describe(&d);
     if (d.text.error != 0) {
         manifest_note(t, member, d.text.error);
@@ -131,5 +130,5 @@ int stream_system_from(tar_handle* t, const system_sources& from) {
 }
 
 int stream_system(tar_handle* t) {
-    return stream_system_from(t, {"", mounts_ask});
+    return stream_system_from(t, "", nullptr);
 }

@@ -4,7 +4,6 @@
 #include <mntent.h>
 #include <stdint.h>
 #include <stdio.h>
-#include <string.h>
 
 #include <iterator>
 
@@ -25,36 +24,24 @@ void add_name(heap_text* text, const char* name) {
 constexpr char block_names[][10] = {"total", "used", "available"};
 
 void add_usage(heap_text* text, const struct statfs& usage) {
-    const int size = static_cast<int>(usage.f_frsize != 0 ? usage.f_frsize : usage.f_bsize);
-    if (size < 0) {
-        heap_text_print(text, "%s\n", strerror(-size));
-        return;
-    }
+    const auto size = static_cast<unsigned>(usage.f_frsize != 0 ? usage.f_frsize : usage.f_bsize);
     const uint64_t blocks[] = {usage.f_blocks, usage.f_blocks - usage.f_bfree, usage.f_bavail};
     for (size_t i = 0; i < std::size(blocks); i++) {
         heap_text_print(text, "%s_kib %llu ", block_names[i],
-                        static_cast<unsigned long long>(blocks[i] * static_cast<unsigned>(size) >> 10));
+                        static_cast<unsigned long long>(blocks[i] * size >> 10));
     }
     heap_text_print(text, "inodes_free %llu\n", static_cast<unsigned long long>(usage.f_ffree));
 }
 
 }  // namespace
 
-int mounts_ask(const char* folder, struct statfs* usage) {
-    if (statfs(folder, usage) != 0) {
-        *usage = {};
-        usage->f_bsize = -errno;
-    }
-    return 0;
-}
-
-int mounts_text_add(heap_text* text, const char* path, int (*ask)(const char*, struct statfs*),
+int mounts_text_add(heap_text* text, const char* path, int (*statfs_call)(const char*, struct statfs*),
                     int client_fd) {
     FILE* file = setmntent(path, "re");
     if (!file) {
         return errno;
     }
-    rtrace_mounts mounts = {nullptr, ask};
+    rtrace_mounts mounts = {nullptr, statfs_call};
     mntent entry;
     char strings[mount_line_size];
     int error = 0;

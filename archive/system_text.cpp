@@ -4,15 +4,6 @@
 
 #include "common/time_stamp.h"
 
-namespace {
-
-void add_moment(heap_text* text, const char* name, const tm& moment) {
-    char shown[64];
-    system_text_add_fact(text, name, {shown, strftime(shown, sizeof shown, "%Y-%m-%d %H:%M:%S", &moment)});
-}
-
-}  // namespace
-
 void system_text_add_fact(heap_text* text, const char* name, std::string_view value) {
     while (!value.empty() && static_cast<unsigned char>(value.back()) <= ' ') {
         value.remove_suffix(1);
@@ -38,13 +29,12 @@ void system_text_add_uptime(heap_text* text, uint32_t seconds) {
 }
 
 void system_text_add_time(heap_text* text, time_t now) {
+    char line[128];
     const tm local = local_time(now);
-    tm utc = {};
+    heap_text_add(text, {line, strftime(line, sizeof line, "local time: %F %T %z %Z\n", &local)});
+    tm utc;
     gmtime_r(&now, &utc);
-    add_moment(text, "local time", local);
-    add_moment(text, "UTC", utc);
-    char zone[64];
-    system_text_add_fact(text, "time zone", {zone, strftime(zone, sizeof zone, "%z %Z", &local)});
+    heap_text_add(text, {line, strftime(line, sizeof line, "UTC: %F %T\n", &utc)});
 }
 
 void system_text_add_clock(heap_text* text, int state, const timex& clock) {

@@ -19,7 +19,7 @@ void system_text_add_kernel(heap_text* text, const utsname& kernel);
 // Appends the time since boot, given in seconds.
 void system_text_add_uptime(heap_text* text, uint32_t seconds);
 
-// Appends the time in the local zone and in UTC, and the zone.
+// Appends the local time, with the zone's offset and name, and the time in UTC.
 void system_text_add_time(heap_text* text, time_t now);
 
 // Appends the state of the clock: `state` is the result of adjtimex(2), which has filled `clock`.

@@ -5,6 +5,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
+
 namespace {
 
 constexpr size_t line_size = 512;
@@ -15,7 +17,7 @@ constexpr size_t ending_size = 64;
 void heap_text_add(heap_text* text, std::string_view piece) {
     growing_bytes* bytes = &text->bytes;
     size_t i = bytes->length;
-    if (text->error == 0 && i + piece.size() + ending_size > text->limit) {
+    if (text->error == 0 && i + piece.size() > text->limit) {
         text->error = EFBIG;
     }
     if (text->error == 0 && !growing_append(bytes, piece.data(), piece.size())) {
@@ -43,10 +45,11 @@ void heap_text_end(heap_text* text) {
     }
     char ending[ending_size];
     const int length = snprintf(ending, sizeof ending, "cut: %s\n", strerror(text->error));
-    growing_bytes* bytes = &text->bytes;
-    bytes->length = text->view().rfind('\n') + 1;
-    // Without memory for the last line, other lines make room for it.
-    while (!growing_append(bytes, ending, static_cast<size_t>(length)) && bytes->length > 0) {
-        bytes->length = std::string_view(bytes->data.get(), bytes->length - 1).rfind('\n') + 1;
+    // The last line takes the place of others, so it needs no memory.
+    size_t kept = std::max(text->bytes.length, ending_size) - ending_size;
+    while (kept > 0 && text->bytes.data[kept - 1] != '\n') {
+        kept--;
     }
+    text->bytes.length = kept;
+    (void)growing_append(&text->bytes, ending, static_cast<size_t>(length));
 }

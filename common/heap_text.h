@@ -9,7 +9,7 @@
 
 // Text that does not fit is dropped, with all that follows it: what is kept is the beginning.
 struct heap_text {
-    size_t limit;  // the most bytes that the text may have, 64 of them for heap_text_end
+    size_t limit;  // the most bytes that the text may have
     growing_bytes bytes = {};
     int error = 0;  // why text was dropped: EFBIG at the limit, or ENOMEM; 0: nothing was
 
@@ -22,5 +22,5 @@ void heap_text_add(heap_text* text, std::string_view piece);
 // The same, like printf. More than 511 bytes are cut.
 [[gnu::format(printf, 2, 3)]] void heap_text_print(heap_text* text, const char* format, ...);
 
-// If text was dropped, ends the text at a whole line, followed by "cut: REASON".
+// If text was dropped, replaces the last 64 bytes, and the line that they begin in, by "cut: REASON".
 void heap_text_end(heap_text* text);

@@ -43,18 +43,17 @@ int netlink_list(int fd, uint16_t request, void (*add)(void*, const nlmsghdr*), 
     message.head.nlmsg_len = NLMSG_LENGTH(sizeof message.body);
     message.head.nlmsg_type = request;
     message.head.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    ssize_t got = send(fd, &message, sizeof message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (send(fd, &message, sizeof message, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+        return errno;
+    }
     listing to = {add, context, 0};
-    int result = incomplete;
-    while (got >= 0 && result == incomplete) {
-        alignas(nlmsghdr) char piece[piece_size];
-        got = recv(fd, piece, sizeof piece, MSG_DONTWAIT | MSG_TRUNC);
-        if (got > static_cast<ssize_t>(sizeof piece) || got == 0) {
-            return EBADMSG;
-        }
-        if (got > 0) {
-            result = take_piece(piece, static_cast<int>(got), &to);
+    errno = EBADMSG;  // if the socket ends
+    alignas(nlmsghdr) char piece[piece_size];
+    for (ssize_t got; (got = recv(fd, piece, sizeof piece, MSG_DONTWAIT)) > 0;) {
+        const int result = take_piece(piece, static_cast<int>(got), &to);
+        if (result != incomplete) {
+            return result;
         }
     }
-    return got < 0 ? errno : result;
+    return errno;
 }

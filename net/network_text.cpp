@@ -6,6 +6,7 @@
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <stdio.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -53,11 +54,10 @@ struct entry_reader {
     }
     void add_device(const char* before, unsigned index) const {
         char name[IF_NAMESIZE];
-        if (if_indextoname(index, name)) {
-            heap_text_print(text, "%s%s", before, name);
-        } else {
-            heap_text_print(text, "%s#%u", before, index);
+        if (!if_indextoname(index, name)) {
+            snprintf(name, sizeof name, "#%u", index);
         }
+        heap_text_print(text, "%s%s", before, name);
     }
     void add_address(const char* before, int family, const void* from) const {
         char shown[INET6_ADDRSTRLEN];
@@ -66,11 +66,9 @@ struct entry_reader {
         }
     }
     void add_mac(unsigned type) const {
-        const auto* bytes = static_cast<const unsigned char*>(value(type, 0));
-        const char* before = " mac ";
-        for (unsigned i = 0; bytes && i < RTA_PAYLOAD(attributes[type]); i++) {
-            heap_text_print(text, "%s%02x", before, bytes[i]);
-            before = ":";
+        if (const auto* mac = static_cast<const unsigned char*>(value(type, 6))) {
+            heap_text_print(text, " mac %02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3],
+                            mac[4], mac[5]);
         }
     }
 };
@@ -105,13 +103,6 @@ void add_interface_address(const entry_reader& from, const void* header) {
     heap_text_print(from.text, "/%u", own->ifa_prefixlen);
 }
 
-void add_hop(const entry_reader& from, int family, unsigned device) {
-    from.add_address(" via ", family, from.address(RTA_GATEWAY, family));
-    if (device != 0) {
-        from.add_device(" device ", device);
-    }
-}
-
 // From RTN_BLACKHOLE on.
 constexpr char route_types[][13] = {"blackhole ", "unreachable ", "prohibit ", "throw "};
 
@@ -123,16 +114,9 @@ void add_route(const entry_reader& from, const void* header) {
     const void* to = from.address(RTA_DST, route->rtm_family);
     from.add_address("", route->rtm_family, to ? to : &any_address);
     heap_text_print(from.text, "/%u", route->rtm_dst_len);
-    add_hop(from, route->rtm_family, from.number(RTA_OIF, 0));
-    if (const rtattr* hops = from.attributes[RTA_MULTIPATH]) {
-        int left = static_cast<int>(RTA_PAYLOAD(hops));
-        const auto* hop = static_cast<const rtnexthop*>(RTA_DATA(hops));
-        while (left >= static_cast<int>(sizeof *hop) && RTNH_OK(hop, left)) {
-            const entry_reader each(from.text, RTNH_DATA(hop), hop->rtnh_len - static_cast<int>(sizeof *hop));
-            add_hop(each, route->rtm_family, static_cast<unsigned>(hop->rtnh_ifindex));
-            left -= RTNH_ALIGN(hop->rtnh_len);
-            hop = RTNH_NEXT(hop);
-        }
+    from.add_address(" via ", route->rtm_family, from.address(RTA_GATEWAY, route->rtm_family));
+    if (const unsigned device = from.number(RTA_OIF, 0)) {
+        from.add_device(" device ", device);
     }
     from.add_number(RTA_PRIORITY, "metric");
     const unsigned table = from.number(RTA_TABLE, route->rtm_table);

@@ -42,20 +42,30 @@ TEST(heap_text, print_is_cut_at_511_bytes) {
 }
 
 TEST(heap_text, that_reaches_its_limit_is_cut_at_a_line_and_says_so) {
-    heap_text text = {.limit = 164};
-    heap_text_add(&text, std::string(40, 'a') + "\n");
-    heap_text_add(&text, std::string(50, 'b'));
+    heap_text text = {.limit = 100};
+    heap_text_add(&text, "first\nsecond\n" + std::string(20, 'a') + "\n");
+    heap_text_add(&text, std::string(66, 'b'));
     EXPECT_EQ(text.error, 0);
-    heap_text_add(&text, "1234567890");
-    EXPECT_EQ(text.error, EFBIG);
     heap_text_add(&text, "c");
+    EXPECT_EQ(text.error, EFBIG);
+    heap_text_add(&text, "");
     heap_text_end(&text);
-    EXPECT_EQ(text.view(), std::string(40, 'a') + "\ncut: File too large\n");
+    EXPECT_EQ(text.view(), "first\nsecond\n" + std::string(20, 'a') + "\ncut: File too large\n");
     EXPECT_LE(text.bytes.length, text.limit);
 }
 
-TEST(heap_text, may_fill_its_limit_up_to_the_last_64_bytes) {
-    heap_text text = {.limit = 164};
+TEST(heap_text, drops_what_follows_a_piece_that_does_not_fit) {
+    heap_text text = {.limit = 100};
+    heap_text_add(&text, "first\n" + std::string(64, 'a'));
+    heap_text_add(&text, std::string(31, 'b'));
+    heap_text_add(&text, "c");
+    EXPECT_EQ(text.bytes.length, 70u);
+    heap_text_end(&text);
+    EXPECT_EQ(text.view(), "first\ncut: File too large\n");
+}
+
+TEST(heap_text, may_fill_its_limit) {
+    heap_text text = {.limit = 100};
     heap_text_add(&text, std::string(100, 'a'));
     heap_text_end(&text);
     EXPECT_EQ(text.view(), std::string(100, 'a'));
@@ -73,7 +83,7 @@ TEST(heap_text, without_memory_stays_empty) {
         heap_text_end(&text);
     }
     EXPECT_EQ(text.error, ENOMEM);
-    EXPECT_EQ(text.bytes.length, 0u);
+    EXPECT_EQ(text.view(), "");
 }
 
 TEST(heap_text, that_cannot_grow_keeps_its_beginning) {

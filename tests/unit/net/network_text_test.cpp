@@ -71,13 +71,6 @@ std::string neighbour_text(unsigned char family, unsigned short state, const std
     return text_of(network_table::neighbours, header, attributes);
 }
 
-std::string hop(int device, const std::string& attributes) {
-    rtnexthop head = {};
-    head.rtnh_len = static_cast<unsigned short>(sizeof head + attributes.size());
-    head.rtnh_ifindex = device;
-    return netlink_bytes(head) + attributes;
-}
-
 // The table of this thread's network.
 std::string whole(network_table table) {
     heap_text text = {.limit = 1 << 20};
@@ -159,23 +152,6 @@ TEST(network_text, of_a_route_names_another_table_and_another_type) {
         header.rtm_type = type;
         EXPECT_EQ(text_of(network_table::routes, header, ""), line);
     }
-}
-
-TEST(network_text, of_a_route_with_several_hops_has_them_all) {
-    const std::string first = hop(no_device, via);
-    const std::string hops = first + hop(no_device + 1, "");
-    EXPECT_EQ(text_of(network_table::routes, route(AF_INET, 0), netlink_attribute(RTA_MULTIPATH, hops)),
-              "0.0.0.0/0 via 10.0.0.1 device #7654321 device #7654322\n");
-    for (size_t size = 0; size < first.size(); size++) {
-        EXPECT_EQ(text_of(network_table::routes, route(AF_INET, 0),
-                          netlink_attribute(RTA_MULTIPATH, hops.substr(0, size))),
-                  "0.0.0.0/0\n")
-            << size;
-    }
-    std::string endless = hops;
-    endless[0] = 0;
-    EXPECT_EQ(text_of(network_table::routes, route(AF_INET, 0), netlink_attribute(RTA_MULTIPATH, endless)),
-              "0.0.0.0/0\n");
 }
 
 TEST(network_text, has_no_routes_to_the_own_addresses) {
