@@ -1,9 +1,13 @@
 """Archives as a browser gets them. Uses only HTTP, and so can test another machine, too."""
 
+import re
+
 import pytest
 
-from support.answers import BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, PLAIN_HEAD, PS_HEAD, body_of
-from support.archives import archive_number, assert_compressed_whole, assert_whole
+from support.answers import BAD_REQUEST, BUSY_PAGE, COMPRESSED_HEAD, PLAIN_HEAD, PS_HEAD, body_and_file_name, body_of
+from support.archives import (
+    PROCESS_FILE, archive_number, assert_compressed_whole, assert_full_whole, assert_whole, unpacked,
+)  # fmt: skip
 from support.connections import SMALL_BUFFER, receive_all
 from support.daemon import when_free
 from support.web import http_get, http_open
@@ -28,6 +32,27 @@ def test_compressed_archive_is_complete(base_url):
 
 def test_plain_archive_is_complete(base_url):
     assert_whole(body_of(http_get(base_url, "/debug.tar"), PLAIN_HEAD))
+
+
+def test_compressed_full_archive_is_complete(base_url):
+    body, name = body_and_file_name(http_get(base_url, "/debug.tgz?full"))
+    members, manifest = assert_full_whole(unpacked(body))
+    assert re.fullmatch(r"debug-[\w.-]+-\d{8}-\d{6}\.tgz", name)
+    assert manifest.seconds["strace.log"] > 4
+    pids = {found["pid"] for member in members if (found := PROCESS_FILE.fullmatch(member.name))}
+    table = next(member.data for member in members if member.name == "processes.txt").decode()
+    assert {line.split()[0] for line in table.splitlines()[1:]} >= pids - gone_from(manifest)
+
+
+def gone_from(manifest):
+    """The pids of the processes that vanished during a look."""
+    return {name.rpartition("/")[2] for name in manifest.errors if re.fullmatch(r"processes\.[\d-]+/\d+", name)}
+
+
+def test_plain_full_archive_is_complete(base_url):
+    body, name = body_and_file_name(http_get(base_url, "/debug.tar?full=1"))
+    assert_full_whole(body)
+    assert name.endswith(".tar")
 
 
 @pytest.mark.parametrize("target", ["/cgi-bin/coredumps.tgz", "/debug.tgz.old"])

@@ -8,8 +8,8 @@ import pytest
 
 import image
 from prepare import find_tool
-from support.answers import COMPRESSED_HEAD
-from support.archives import assert_compressed_whole
+from support.answers import body_and_file_name
+from support.archives import assert_full_whole, assert_whole, unpacked
 from support.board_daemon import pids_of, wait_for_board
 from support.connections import SMALL_BUFFER, receive_all
 from support.under_test import ROOT
@@ -120,10 +120,11 @@ def long_report(served):
     served.board.put(usual, path, 0o755)
 
 
-def test_daemon_and_compressor_are_small_while_a_slow_browser_reads(served, long_report, table):
+@pytest.mark.parametrize("form", ["", "?full"])
+def test_daemon_and_compressor_are_small_while_a_slow_browser_reads(form, served, long_report, table):
     """The memory that both share, mostly their code, counts once."""
     together, added_up, pieces = [], [], []
-    with http_open(served.url, "/debug.tgz", buffer_size=SMALL_BUFFER) as client:
+    with http_open(served.url, f"/debug.tgz{form}", buffer_size=SMALL_BUFFER) as client:
         (compressor, *_) = wait_for_board(lambda: children_of(served.board, served.pid), "a compressor")
         for _ in range(SAMPLES):
             pieces.append(client.recv(READ_AT_ONCE))
@@ -132,10 +133,10 @@ def test_daemon_and_compressor_are_small_while_a_slow_browser_reads(served, long
             added_up.append(sum(resident_of(served.board, pid) for pid in (served.pid, compressor)))
         assert children_of(served.board, served.pid)[0] == compressor, "the compressor must run until the last sample"
         pieces.append(receive_all(client))
-    answer = b"".join(pieces)
-    assert answer.startswith(COMPRESSED_HEAD)
-    assert_compressed_whole(answer[len(COMPRESSED_HEAD) :])
-    table.append(("daemon and compressor while streaming, resident", max(together), STREAMING_BOUND))
+    body, _ = body_and_file_name(b"".join(pieces))
+    (assert_full_whole if form else assert_whole)(unpacked(body))
+    what = "a full archive" if form else "an archive"
+    table.append((f"daemon and compressor while streaming {what}", max(together), STREAMING_BOUND))
     table.append(("  the same, shared memory counted twice", max(added_up), None))
     assert min(together) > 0
     assert max(together) <= STREAMING_BOUND

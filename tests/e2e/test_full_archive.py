@@ -13,11 +13,11 @@ import zlib
 
 import pytest
 
-from support.answers import BUSY_PAGE, COMPRESSED_HEAD, PLAIN_HEAD, body_of, download_head
+from support.answers import BUSY_PAGE, PLAIN_HEAD, body_and_file_name, body_of
 from support.archives import (
-    PROCESS_FILE, READ_LIMIT, TRACE_SIZE, assert_compressed_whole, assert_full_whole, assert_whole, kind_of, unpacked,
+    PROCESS_FILE, READ_LIMIT, TRACE_SIZE, assert_full_whole, assert_whole, kind_of, unpacked,
 )  # fmt: skip
-from support.connections import SMALL_BUFFER, receive_all
+from support.connections import receive_all
 from support.daemon import Daemon, temporary_leftovers
 from support.under_test import ROOT
 from support.waiting import wait_for
@@ -26,10 +26,6 @@ NEEDS_SANDBOX = True
 
 WHOLE_LIMIT = 8 << 20
 CROWD = 500
-HEAD = re.compile(
-    re.escape(download_head("application/x-tar", "NAME").decode()).replace("NAME", r"(?P<name>[^\"]*)").encode()
-)
-
 SPIN = "while True: pass"
 # Opens 40 more descriptors when it receives SIGUSR1, and says so by closing its standard output.
 LEAK = """
@@ -53,12 +49,6 @@ else:
     os.write(1, b"ready\\n")
 time.sleep(1000)
 """
-
-
-def body_and_name(answer):
-    found = HEAD.match(answer)
-    assert found, answer[:300]
-    return answer[found.end() :], found["name"].decode()
 
 
 def python(script):
@@ -100,7 +90,7 @@ def taken(sandbox, tmp_path_factory):
 
 @pytest.fixture(scope="module")
 def whole(taken):
-    return assert_full_whole(body_and_name(taken.plain)[0])
+    return assert_full_whole(body_and_file_name(taken.plain)[0])
 
 
 @pytest.fixture(scope="module")
@@ -126,13 +116,13 @@ def process_line(members, pid):
 
 
 def test_both_forms_are_whole(taken):
-    assert_full_whole(body_and_name(taken.plain)[0])
-    assert_full_whole(unpacked(body_and_name(taken.compressed)[0]))
+    assert_full_whole(body_and_file_name(taken.plain)[0])
+    assert_full_whole(unpacked(body_and_file_name(taken.compressed)[0]))
 
 
 def test_file_names_tell_host_and_time(taken):
     for answer, suffix in ((taken.plain, "tar"), (taken.compressed, "tgz")):
-        name = body_and_name(answer)[1]
+        name = body_and_file_name(answer)[1]
         found = re.fullmatch(rf"debug-({re.escape(os.uname().nodename)})-(\d{{8}}-\d{{6}})\.{suffix}", name)
         assert found, name
         first, last = (time.strftime("%Y%m%d-%H%M%S", time.localtime(t)) for t in (taken.before, taken.after))
@@ -145,7 +135,7 @@ def test_other_queries_give_the_usual_form(taken):
 
 @pytest.mark.parametrize("tool", ["tar", "bsdtar"])
 def test_other_tar_programs_list_the_same_members(tool, taken, members):
-    done = subprocess.run([tool, "-tf", "-"], input=body_and_name(taken.plain)[0], capture_output=True, check=True)
+    done = subprocess.run([tool, "-tf", "-"], input=body_and_file_name(taken.plain)[0], capture_output=True, check=True)
     assert done.stdout.decode().splitlines() == [member.path for member in members]
     assert done.stderr == b""
 
@@ -252,7 +242,7 @@ def test_manifest_has_the_seconds_of_the_trace_and_of_the_capture(manifest):
 def test_manifest_names_what_is_missing(sandbox, start):
     daemon = start(before=["/usr/bin/unshare", "--mount", "/bin/sh", "-ec",
                            "mount -t tmpfs tmpfs /etc/ws\nexec \"$@\"", "sh"])  # fmt: skip
-    _, manifest = assert_full_whole(body_and_name(daemon.answer(b"/x/debug.tar", b"full"))[0])
+    _, manifest = assert_full_whole(body_and_file_name(daemon.answer(b"/x/debug.tar", b"full"))[0])
     assert manifest.errors["media.conf"] == "No such file or directory"
 
 
@@ -261,7 +251,7 @@ def test_a_crowd_of_processes_is_stored_in_both_looks(sandbox, start):
     crowd = python(MANY)
     try:
         assert crowd.stdout.readline() == "ready\n"
-        members, _ = assert_full_whole(body_and_name(daemon.answer(b"/x/debug.tar", b"full"))[0])
+        members, _ = assert_full_whole(body_and_file_name(daemon.answer(b"/x/debug.tar", b"full"))[0])
         children = set(map(int, pathlib.Path(f"/proc/{crowd.pid}/task/{crowd.pid}/children").read_text().split()))
         assert len(children) == CROWD - 1
         stats = [PROCESS_FILE.fullmatch(member.name) for member in members if member.name.endswith("/stat")]
@@ -291,7 +281,7 @@ def cuts_of(members):
 
 
 def test_archives_cut_in_any_new_member_are_recognised(taken, members, tmp_path):
-    plain = body_and_name(taken.plain)[0]
+    plain = body_and_file_name(taken.plain)[0]
     for what, offset in cuts_of(members):
         packed = zlib.compressobj(1, wbits=31)
         cut = packed.compress(plain[:offset]) + packed.flush(zlib.Z_SYNC_FLUSH)
@@ -305,7 +295,7 @@ def test_archives_cut_in_any_new_member_are_recognised(taken, members, tmp_path)
 
 def test_list_of_a_whole_archive_has_a_line_for_each_folder(taken, tmp_path):
     path = tmp_path / "whole.tgz"
-    path.write_bytes(body_and_name(taken.compressed)[0])
+    path.write_bytes(body_and_file_name(taken.compressed)[0])
     done = subprocess.run([ROOT / "tools/archive_list", path], capture_output=True, text=True)
     assert (done.returncode, done.stderr) == (0, "")
     lines = done.stdout.splitlines()
@@ -350,7 +340,7 @@ def test_download_moves_while_nothing_new_comes(start):
             piece = browser.near.recv(65536)
             answer += piece
             if inflate is None:
-                body, _ = body_and_name(answer)
+                body, _ = body_and_file_name(answer)
                 inflate, piece = zlib.decompressobj(wbits=31), body
             plain += inflate.decompress(piece)
             return b"/strace.log\0" in plain and plain.index(b"/strace.log\0") + TRACE_SIZE < len(plain)

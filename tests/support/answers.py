@@ -1,5 +1,7 @@
 """The daemon's fixed answers and its help, byte for byte."""
 
+import re
+
 HELP = (
     "dbg-cgi 0.1\ndbg-cgi [options] [pids...]\n\n"
     "-d\tdump tar archive with core-files for pids to stdout.\n"
@@ -44,3 +46,15 @@ def body_of(answer, head):
     """The body of an answer that must begin with exactly `head`."""
     assert answer[: len(head)] == head, answer[: len(head) + 200]
     return answer[len(head) :]
+
+
+ARCHIVE_HEAD = re.compile(
+    re.escape(download_head("application/x-tar", "NAME").decode()).replace("NAME", r"(?P<name>[^\"]*)").encode()
+)
+
+
+def body_and_file_name(answer):
+    """The body of an archive with any file name, and that name."""
+    found = ARCHIVE_HEAD.match(answer)
+    assert found, answer[:300]
+    return answer[found.end() :], found["name"].decode()
