@@ -4,14 +4,16 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <optional>
+#include <chrono>
 #include <string>
 #include <vector>
 
+#include "tests/unit/support/signals.h"
 #include "tests/unit/support/time_zone.h"
 #include "tests/unit/trace/one_process_trace.h"
 #include "tests/unit/trace/timed_text.h"
@@ -107,6 +109,23 @@ std::string timed_trace_of(Work work) {
     return child.trace.text;
 }
 
+// The time of day as a trace has it.
+std::string time_of_day_now() {
+    timespec at;
+    clock_gettime(CLOCK_REALTIME, &at);
+    strace_minute minute;
+    return strace_time_of_day(&minute, at).text;
+}
+
+// Waits until a stop of the process waits to be reaped.
+bool has_stopped(pid_t pid) {
+    return eventually([pid] {
+        siginfo_t info = {};
+        return waitid(P_PID, static_cast<id_t>(pid), &info, WSTOPPED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == pid;
+    });
+}
+
 // Writes 64 bytes again and again.
 struct busy_writer {
     unique_fd null{open("/dev/null", O_WRONLY | O_CLOEXEC)};
@@ -199,50 +218,118 @@ TEST(timed_trace, every_line_that_is_not_empty_has_a_time) {
 
 TEST(timed_trace, times_follow_each_other_from_the_begin_to_the_end_of_the_trace) {
     scoped_zone zone(noon_zone());
-    strace_minute minute;
-    const auto time_now = [&minute] {
-        timespec at;
-        clock_gettime(CLOCK_REALTIME, &at);
-        return std::string(strace_time_of_day(&minute, at).text);
-    };
-    std::vector<std::string> times = {time_now()};
+    std::vector<std::string> times = {time_of_day_now()};
     for (const std::string& line : lines_of(timed_trace_of(raise_and_exit))) {
         if (!line.empty()) {
             times.push_back(line.substr(0, time_length));
         }
     }
-    times.push_back(time_now());
+    times.push_back(time_of_day_now());
     EXPECT_TRUE(std::ranges::is_sorted(times)) << testing::PrintToString(times);
 }
 
 TEST(timed_trace, return_ends_in_the_duration_of_the_call) {
+    using seconds = std::chrono::duration<double>;
+    const auto begun = std::chrono::steady_clock::now();
     const std::string text = timed_trace_of(sleep_50_ms_twice);
+    const seconds passed = std::chrono::steady_clock::now() - begun;
     for (const std::string& line : lines_of(text)) {
         EXPECT_EQ(duration_of(line) >= 0, line.find(") = ") != std::string::npos) << line;
     }
     const std::vector<double> sleeps = sleeps_in(text);
     ASSERT_EQ(sleeps.size(), 2u) << text;
     EXPECT_GE(std::ranges::min(sleeps), 0.05) << text;
+    EXPECT_LT(sleeps[0] + sleeps[1], passed.count()) << text;
 }
 
 TEST(timed_trace, time_is_that_of_the_stop_not_of_the_write) {
     scoped_zone zone(noon_zone());
-    traced_child child([] { return 0; }, strace_calls);
-    child.trace.ctx.timed = 1;
-    std::optional<timespec> first_poll;
-    child.trace.goes_on = [&first_poll](const traced_text& so_far) {
-        if (so_far.polls == 1 && !first_poll) {
-            first_poll.emplace();
-            clock_gettime(CLOCK_REALTIME, &*first_poll);
+    tracee busy(call_for_ever);
+    tracee other(call_for_ever);  // stops too before the first stop is handled
+    traced_text trace({busy.pid(), other.pid()}, strace_calls);
+    trace.ctx.timed = 1;
+    std::string first_poll;
+    trace.goes_on = [&](const traced_text& so_far) {
+        if (so_far.polls == 1 && first_poll.empty()) {
+            first_poll = time_of_day_now();
+            EXPECT_TRUE(
+                eventually([&] { return state_of(busy.pid()) == 't' && state_of(other.pid()) == 't'; }));
             usleep(50000);
+        }
+        return so_far.polls < 20;
+    };
+    trace.run();
+    EXPECT_LE(trace.text.substr(0, time_length), first_poll);
+}
+
+TEST(timed_trace, exit_of_a_process_that_is_killed_in_a_stop_has_its_own_time) {
+    scoped_zone zone(noon_zone());
+    traced_child child(raise_and_exit, strace_signals | strace_exits | strace_fds);
+    child.trace.ctx.timed = 1;
+    const pid_t pid = child.pid();
+    std::string killed;
+    child.trace.goes_on = [&killed, pid](const traced_text& so_far) {
+        if (killed.empty() && so_far.has(" SIGUSR1 ")) {
+            kill(pid, SIGKILL);
+            EXPECT_TRUE(has_stopped(pid));
+            killed = time_of_day_now();
+            usleep(20000);
         }
         return true;
     };
     child.run();
     child.child.end_if_left();
-    strace_minute minute;
-    ASSERT_TRUE(first_poll);
-    EXPECT_LE(child.trace.text.substr(0, time_length), strace_time_of_day(&minute, *first_poll).text);
+    EXPECT_GT(line_with(child.trace.text, " open fds:").substr(0, time_length), killed) << child.trace.text;
+}
+
+TEST(timed_trace, lists_at_the_end_have_the_time_of_the_end) {
+    scoped_zone zone(noon_zone());
+    tracee busy(call_for_ever);
+    traced_text trace({busy.pid()});
+    trace.ctx.timed = 1;
+    std::string ended;
+    trace.goes_on = [&ended](const traced_text& so_far) {
+        if (so_far.polls < 10) {
+            return true;
+        }
+        ended = ended.empty() ? time_of_day_now() : ended;
+        usleep(1000);
+        return false;
+    };
+    trace.run();
+    EXPECT_GT(line_with(trace.text, " open fds:").substr(0, time_length), ended) << trace.text;
+}
+
+TEST(timed_trace, signal_that_comes_before_the_stop_of_the_attach_has_its_time) {
+    scoped_zone zone(noon_zone());
+    scoped_signal caught(SIGHUP, count_signal);
+    test_pipe gate;
+    tracee parent([&gate] {
+        if (vfork() == 0) {
+            char byte;
+            (void)!read(gate.out.get(), &byte, 1);
+            _exit(0);
+        }
+        return sleep_for_ever();
+    });
+    const pid_t pid = parent.pid();
+    ASSERT_TRUE(eventually([pid] { return state_of(pid) == 'D'; }));
+    // It gets both signals when the child of its vfork ends: this one first, then the SIGSTOP of the attach,
+    // since both are for the thread.
+    ASSERT_EQ(syscall(SYS_tgkill, pid, pid, SIGHUP), 0);
+    std::thread opener([&gate, pid] {
+        EXPECT_TRUE(eventually([pid] { return is_traced(pid); }));
+        EXPECT_EQ(write(gate.in.get(), "x", 1), 1);
+    });
+    traced_text trace({pid}, strace_signals);
+    trace.ctx.timed = 1;
+    trace.goes_on = [](const traced_text& so_far) { return !so_far.has(" SIGHUP "); };
+    const std::string begun = time_of_day_now();
+    trace.run();
+    opener.join();
+    const std::string time = line_with(trace.text, " SIGHUP ").substr(0, time_length);
+    EXPECT_LT(begun, time);
+    EXPECT_LE(time, time_of_day_now());
 }
 
 TEST(timed_trace, line_fits_whenever_the_usual_one_does) {
