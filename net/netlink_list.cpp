@@ -17,8 +17,13 @@ struct listing {
 
 // Adds the entries of one piece. Returns 0 at the end of the list, an errno, or `incomplete`.
 int take_piece(const void* piece, int left, listing* to) {
-    const auto* entry = static_cast<const nlmsghdr*>(piece);
-    for (; NLMSG_OK(entry, left); entry = NLMSG_NEXT(entry, left)) {
+    const void* at = piece;
+    while (left > 0) {
+        const auto* entry = static_cast<const nlmsghdr*>(at);
+        const int length = left < NLMSG_HDRLEN ? 0 : static_cast<int>(entry->nlmsg_len);
+        if (length < NLMSG_HDRLEN || length > left) {
+            return EBADMSG;
+        }
         if (entry->nlmsg_type == NLMSG_DONE || entry->nlmsg_type == NLMSG_ERROR) {
             // Both begin with a negative errno; the end of an old kernel's list may have none.
             return entry->nlmsg_len >= NLMSG_LENGTH(sizeof(int))
@@ -29,8 +34,10 @@ int take_piece(const void* piece, int left, listing* to) {
             return EFBIG;
         }
         to->add(to->context, entry);
+        at = static_cast<const char*>(at) + NLMSG_ALIGN(length);
+        left -= NLMSG_ALIGN(length);
     }
-    return left <= 0 ? incomplete : EBADMSG;
+    return incomplete;
 }
 
 }  // namespace

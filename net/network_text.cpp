@@ -26,11 +26,17 @@ struct entry_reader {
     const rtattr* attributes[attribute_types] = {};
 
     entry_reader(heap_text* to, const void* first, int length) : text(to) {
-        const auto* each = static_cast<const rtattr*>(first);
-        for (; RTA_OK(each, length); each = RTA_NEXT(each, length)) {
+        const void* at = first;
+        for (int step; length > 0; length -= step) {
+            const auto* each = static_cast<const rtattr*>(at);
+            if (!RTA_OK(each, length)) {
+                break;
+            }
             if (each->rta_type < attribute_types) {
                 attributes[each->rta_type] = each;
             }
+            step = RTA_ALIGN(each->rta_len);
+            at = static_cast<const char*>(at) + step;
         }
     }
 

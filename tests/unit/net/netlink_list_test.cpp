@@ -123,6 +123,12 @@ TEST(netlink_list, is_limited_to_2000_entries) {
     EXPECT_EQ(seen.bodies.size(), 2000u);
 }
 
+TEST(netlink_list, ends_at_an_empty_piece) {
+    answered seen = list({entry("one"), "", netlink_end()});
+    EXPECT_EQ(seen.result, EBADMSG);
+    EXPECT_EQ(seen.bodies, bodies{"one"});
+}
+
 TEST(netlink_list, fails_without_a_socket_and_without_a_kernel) {
     EXPECT_EQ(list_from(-1).result, EBADF);
     fake_kernel kernel;
