@@ -306,6 +306,7 @@ TEST(timed_trace, signal_that_comes_before_the_stop_of_the_attach_has_its_time) 
     test_pipe gate;
     tracee parent([&gate] {
         if (vfork() == 0) {
+            close(gate.in.get());  // so that it ends with the test
             char byte;
             (void)!read(gate.out.get(), &byte, 1);
             _exit(0);
@@ -313,7 +314,9 @@ TEST(timed_trace, signal_that_comes_before_the_stop_of_the_attach_has_its_time) 
         return sleep_for_ever();
     });
     const pid_t pid = parent.pid();
-    ASSERT_TRUE(eventually([pid] { return state_of(pid) == 'D'; }));
+    if (!eventually([pid] { return state_of(pid) == 'D'; }, std::chrono::seconds(3))) {
+        GTEST_SKIP() << "needs a vfork that stops the parent; a sanitizer may replace it by fork";
+    }
     // It gets both signals when the child of its vfork ends: this one first, then the SIGSTOP of the attach,
     // since both are for the thread.
     ASSERT_EQ(syscall(SYS_tgkill, pid, pid, SIGHUP), 0);
