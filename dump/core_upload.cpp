@@ -1,46 +1,59 @@
 #include "dump/core_upload.h"
 
 #include <dlfcn.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <iterator>
+#include <utility>
 
 namespace {
 
-// Looks up one function; `*function` is null if the library lacks it.
-template <typename Function>
-bool find_function(void* library, const char* name, Function* function) {
-    void* found = dlsym(library, name);
-    static_assert(sizeof found == sizeof *function);
-    memcpy(function, &found, sizeof found);
-    return found != nullptr;
-}
-
 // The unreserved characters of RFC 3986.
 bool is_unreserved(char letter) {
-    constexpr std::string_view marks = "-._~";
     return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') ||
-           (letter >= '0' && letter <= '9') || marks.find(letter) != std::string_view::npos;
+           (letter >= '0' && letter <= '9') || strchr("-._~", letter);
 }
 
-void append_escaped(std::string* url, std::string_view text) {
+bool has_control_characters(const char* text) {
+    for (; *text; text++) {
+        auto code = static_cast<unsigned char>(*text);
+        if (code < ' ' || code == 0x7f) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Returns `name` with its special characters escaped. Empty if memory runs out.
+unique_malloc<char> escaped(const char* name) {
     constexpr char digits[] = "0123456789ABCDEF";
-    for (char letter : text) {
-        if (is_unreserved(letter)) {
-            *url += letter;
+    unique_malloc<char> text(static_cast<char*>(malloc(3 * strlen(name) + 1)));
+    char* end = text.get();
+    if (!end) {
+        return text;
+    }
+    for (; *name; name++) {
+        if (is_unreserved(*name)) {
+            *end++ = *name;
             continue;
         }
-        auto code = static_cast<unsigned char>(letter);
-        *url += '%';
-        *url += digits[code >> 4];
-        *url += digits[code & 15];
+        auto code = static_cast<unsigned char>(*name);
+        *end++ = '%';
+        *end++ = digits[code >> 4];
+        *end++ = digits[code & 15];
     }
+    *end = '\0';
+    return text;
 }
 
-bool is_control(char letter) {
-    auto code = static_cast<unsigned char>(letter);
-    return code < ' ' || code == 0x7f;
+// Returns "STARTPATH/NAME". Empty if memory runs out.
+unique_malloc<char> joined(const char* start, const core_upload_target& target, const char* name) {
+    char* text = nullptr;
+    const int length = asprintf(&text, "%s%s/%s", start, target.path ? target.path.get() : "", name);
+    return unique_malloc<char>(length < 0 ? nullptr : text);
 }
 
 size_t read_core(char* bytes, size_t size, size_t count, void* /*context*/) {
@@ -69,13 +82,13 @@ public:
     bool open(const core_upload_names& names) {
         is_initialized_ = curl_.global_init(CURL_GLOBAL_ALL) == CURLE_OK;
         handle_ = is_initialized_ ? curl_.easy_init() : nullptr;
-        commands_ = handle_ ? curl_.slist_append(nullptr, names.command.c_str()) : nullptr;
+        commands_ = handle_ ? curl_.slist_append(nullptr, names.command.get()) : nullptr;
         return commands_ != nullptr;
     }
     CURLcode set_options(const core_upload_names& names, long timeout_s) {
         CURLcode code = set(CURLOPT_READFUNCTION, read_core);
         code = code == CURLE_OK ? set(CURLOPT_UPLOAD, 1L) : code;
-        code = code == CURLE_OK ? set(CURLOPT_URL, names.url.c_str()) : code;
+        code = code == CURLE_OK ? set(CURLOPT_URL, names.url.get()) : code;
         code = code == CURLE_OK ? set(CURLOPT_POSTQUOTE, commands_) : code;
         return code == CURLE_OK ? set(CURLOPT_TIMEOUT, timeout_s) : code;
     }
@@ -95,41 +108,46 @@ private:
 
 }  // namespace
 
-std::string curl_load(const char* soname, curl_library* curl) {
+const char* curl_load(const char* soname, curl_library* curl) {
+    // In the order of the structure, which has nothing else.
+    static constexpr const char* names[] = {
+        "curl_global_init",   "curl_global_cleanup", "curl_easy_init",
+        "curl_easy_setopt",   "curl_easy_perform",   "curl_easy_cleanup",
+        "curl_easy_strerror", "curl_slist_append",   "curl_slist_free_all",
+    };
+    void* functions[std::size(names)];
+    static_assert(sizeof functions == sizeof *curl);
     void* library = dlopen(soname, RTLD_NOW | RTLD_LOCAL);
-    const bool is_complete = library && find_function(library, "curl_global_init", &curl->global_init) &&
-                             find_function(library, "curl_global_cleanup", &curl->global_cleanup) &&
-                             find_function(library, "curl_easy_init", &curl->easy_init) &&
-                             find_function(library, "curl_easy_setopt", &curl->easy_setopt) &&
-                             find_function(library, "curl_easy_perform", &curl->easy_perform) &&
-                             find_function(library, "curl_easy_cleanup", &curl->easy_cleanup) &&
-                             find_function(library, "curl_easy_strerror", &curl->easy_strerror) &&
-                             find_function(library, "curl_slist_append", &curl->slist_append) &&
-                             find_function(library, "curl_slist_free_all", &curl->slist_free_all);
-    return is_complete ? "" : dlerror();
-}
-
-bool core_upload_names_for(const core_upload_target& target, std::string_view name,
-                           core_upload_names* names) {
-    std::string file = target.path;
-    file += '/';
-    file += name;
-    if (std::any_of(file.begin(), file.end(), is_control)) {
-        return false;
+    for (size_t i = 0; i < std::size(names); i++) {
+        functions[i] = library ? dlsym(library, names[i]) : nullptr;
+        if (!functions[i]) {
+            return dlerror();
+        }
     }
-    names->url = target.url;
-    names->url += target.path;
-    names->url += '/';
-    append_escaped(&names->url, name);
-    names->command = "RNFR " + file;
-    return true;
+    memcpy(curl, functions, sizeof functions);
+    return nullptr;
 }
 
-core_upload_result core_upload(const curl_library& curl, const core_upload_target& target,
-                               std::string_view name) {
+const char* core_upload_names_for(const core_upload_target& target, const char* name,
+                                  core_upload_names* names) {
+    core_upload_names made;
+    const unique_malloc<char> last = escaped(name);
+    made.url = last ? joined(target.url.get(), target, last.get()) : nullptr;
+    made.command = joined("RNFR ", target, name);
+    if (!made.url || !made.command) {
+        return "out of memory";
+    }
+    if (has_control_characters(made.command.get())) {
+        return "its name has control characters";
+    }
+    *names = std::move(made);
+    return nullptr;
+}
+
+core_upload_result core_upload(const curl_library& curl, const core_upload_target& target, const char* name) {
     core_upload_names names;
-    if (!core_upload_names_for(target, name, &names)) {
-        return {core_upload_outcome::failed, "its name has control characters"};
+    if (const char* reason = core_upload_names_for(target, name, &names)) {
+        return {core_upload_outcome::failed, reason};
     }
     upload_session session(curl);
     if (!session.open(names)) {
@@ -140,7 +158,7 @@ core_upload_result core_upload(const curl_library& curl, const core_upload_targe
         code = session.perform();
     }
     if (code == CURLE_OK) {
-        return {core_upload_outcome::stored, ""};
+        return {core_upload_outcome::stored};
     }
     const bool has_timed_out = code == CURLE_OPERATION_TIMEDOUT;
     return {has_timed_out ? core_upload_outcome::truncated : core_upload_outcome::failed,

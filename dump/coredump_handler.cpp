@@ -64,14 +64,25 @@ bool begins_with(const char* text, std::string_view start) {
     return std::string_view(text).starts_with(start);
 }
 
-void apply_ftp_setting(core_upload_target* target, const mirnel_entry& entry) {
+// Returns false if memory runs out.
+bool keep_text(unique_malloc<char>* kept, const char* text) {
+    const bool is_empty = *text == '\0';
+    kept->reset(is_empty ? nullptr : strdup(text));
+    return is_empty || *kept;
+}
+
+// Returns false if memory runs out.
+bool apply_ftp_setting(core_upload_target* target, const mirnel_entry& entry) {
     if (begins_with(entry.key, "TargetURL")) {
-        target->url = entry.value;
-    } else if (begins_with(entry.key, "TargetPath")) {
-        target->path = entry.value;
-    } else if (begins_with(entry.key, "Timeout")) {
+        return keep_text(&target->url, entry.value);
+    }
+    if (begins_with(entry.key, "TargetPath")) {
+        return keep_text(&target->path, entry.value);
+    }
+    if (begins_with(entry.key, "Timeout")) {
         target->timeout_s = strtol(entry.value, nullptr, 10);
     }
+    return true;
 }
 
 // Reads entries up to the one that names the handler of cores. Returns false if it is missing.
@@ -113,22 +124,27 @@ int forward_core() {
     return 0;
 }
 
-int upload_core(const core_upload_target& target, const char* file_name) {
-    if (target.url.empty()) {
+core_upload_result try_upload(const core_destination& destination, const char* file_name) {
+    if (!destination.is_whole) {
+        return {core_upload_outcome::failed, "out of memory"};
+    }
+    curl_library curl;
+    if (const char* load_error = curl_load(curl_soname, &curl)) {
+        return {core_upload_outcome::failed, load_error};
+    }
+    return core_upload(curl, destination.ftp, file_name);
+}
+
+int upload_core(const core_destination& destination, const char* file_name) {
+    if (destination.is_whole && !destination.ftp.url) {
         syslog(LOG_ERR, "core not uploaded: %s has no TargetURL", core_config_path);
         return 1;
     }
-    curl_library curl;
-    const std::string load_error = curl_load(curl_soname, &curl);
-    if (!load_error.empty()) {
-        syslog(LOG_ERR, "core not uploaded: %s", load_error.c_str());
-        return 1;
-    }
-    core_upload_result result = core_upload(curl, target, file_name);
+    const core_upload_result result = try_upload(destination, file_name);
     if (result.outcome == core_upload_outcome::truncated) {
         syslog(LOG_WARNING, "coredump truncated.");
     } else if (result.outcome == core_upload_outcome::failed) {
-        syslog(LOG_ERR, "core not uploaded: %s", result.reason.c_str());
+        syslog(LOG_ERR, "core not uploaded: %s", result.reason);
     }
     return result.outcome == core_upload_outcome::stored ? 0 : 1;
 }
@@ -144,7 +160,7 @@ const char* core_arguments_parse(int argc, char** argv, core_arguments* argument
         arguments->has_program = true;
         arguments->size_limit = size_limit;
         arguments->path = argv[3];
-        std::replace(arguments->path.begin(), arguments->path.end(), '!', '/');
+        std::replace(argv[3], argv[3] + strlen(argv[3]), '!', '/');
         arguments->name = argv[4];
     }
     if (argc >= 2) {
@@ -163,7 +179,7 @@ core_destination core_destination_read(const char* config_path) {
     destination.is_ftp = true;
     while (mirnel_getcfg(cfg.get(), &entry) == 1) {
         if (begins_with(entry.section, "CoreHandlerFtp")) {
-            apply_ftp_setting(&destination.ftp, entry);
+            destination.is_whole = apply_ftp_setting(&destination.ftp, entry) && destination.is_whole;
         }
     }
     return destination;
@@ -200,7 +216,7 @@ int run_coredump_handler(int argc, char** argv) {
         return 1;
     }
     if (is_disabled(arguments)) {
-        syslog(LOG_INFO, "core dumps disabled for '%s/%s'", arguments.path.c_str(), arguments.name);
+        syslog(LOG_INFO, "core dumps disabled for '%s/%s'", arguments.path, arguments.name);
         return 0;
     }
     if (!is_readable(STDIN_FILENO)) {
@@ -208,5 +224,5 @@ int run_coredump_handler(int argc, char** argv) {
         return 1;
     }
     core_destination destination = core_destination_read(core_config_path);
-    return destination.is_ftp ? upload_core(destination.ftp, arguments.file_name) : forward_core();
+    return destination.is_ftp ? upload_core(destination, arguments.file_name) : forward_core();
 }

@@ -5,8 +5,6 @@
 // except those of the connection to the daemon, which go to standard error.
 #pragma once
 
-#include <string>
-
 #include "common/unique_fd.h"
 #include "dump/core_upload.h"
 
@@ -18,17 +16,19 @@ struct core_arguments {
     const char* file_name = "core.core";  // for an upload; borrowed
     bool has_program = false;             // the fields below are set
     unsigned long long size_limit = 0;    // of the crashed program's cores, in bytes
-    std::string path;                     // of its executable
+    const char* path = nullptr;           // of its executable; borrowed
     const char* name = nullptr;           // of its executable; borrowed
 };
 
 // Returns null, or an error message. A command line without arguments or with FILE alone is not checked.
+// Changes "!" in PATH to "/", in place.
 const char* core_arguments_parse(int argc, char** argv, core_arguments* arguments);
 
 // Where the configuration sends cores.
 struct core_destination {
     bool is_ftp = false;     // false: to the daemon
-    core_upload_target ftp;  // `url` is empty if it is not configured
+    bool is_whole = true;    // false: memory ran out, and `ftp` lacks a text
+    core_upload_target ftp;  // `url` is null if it is not configured, or empty
 };
 
 // Reads the configuration. The value of the first "CoreHandler" selects FTP if it begins with "FTP", else the

@@ -2,22 +2,33 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include <string>
 #include <vector>
 
 #include "tests/unit/dump/fake_curl.h"
 #include "tests/unit/support/capture.h"
+#include "tests/unit/support/memory_limit.h"
 #include "tests/unit/support/pipes.h"
 
 namespace {
 
-const core_upload_target server = {"ftp://host", "/dumps", 0};
+core_upload_target target_of(const char* url, const char* path, long timeout_s = 0) {
+    return {unique_malloc<char>(strdup(url)), unique_malloc<char>(path ? strdup(path) : nullptr), timeout_s};
+}
 
-core_upload_names names_for(const core_upload_target& target, std::string_view name) {
+const core_upload_target server = target_of("ftp://host", "/dumps");
+
+struct name_texts {
+    std::string url;
+    std::string command;
+};
+
+name_texts names_for(const core_upload_target& target, const std::string& name) {
     core_upload_names names;
-    EXPECT_TRUE(core_upload_names_for(target, name, &names)) << name;
-    return names;
+    EXPECT_STREQ(core_upload_names_for(target, name.c_str(), &names), nullptr) << name;
+    return {names.url.get(), names.command.get()};
 }
 
 // Points standard input at `fd` for the length of a block.
@@ -41,7 +52,7 @@ private:
 };
 
 core_upload_result upload(const curl_library& curl, const std::string& core, const core_upload_target& target,
-                          std::string_view name = "core.1") {
+                          const char* name = "core.1") {
     test_pipe pipe;
     EXPECT_EQ(write(pipe.in.get(), core.data(), core.size()), static_cast<ssize_t>(core.size()));
     pipe.in.reset();
@@ -49,22 +60,27 @@ core_upload_result upload(const curl_library& curl, const std::string& core, con
     return core_upload(curl, target, name);
 }
 
+std::string load_error(const char* soname, curl_library* curl) {
+    const char* message = curl_load(soname, curl);
+    return message ? message : "";
+}
+
 }  // namespace
 
 TEST(core_upload_names_for, joins_url_path_and_name) {
-    core_upload_names names = names_for({"ftp://u:p@host:2121", "/a/b", 0}, "core.app-1_2~x");
+    name_texts names = names_for(target_of("ftp://u:p@host:2121", "/a/b"), "core.app-1_2~x");
     EXPECT_EQ(names.url, "ftp://u:p@host:2121/a/b/core.app-1_2~x");
     EXPECT_EQ(names.command, "RNFR /a/b/core.app-1_2~x");
 }
 
 TEST(core_upload_names_for, path_may_be_empty) {
-    core_upload_names names = names_for({"ftp://host", "", 0}, "core.core");
+    name_texts names = names_for(target_of("ftp://host", nullptr), "core.core");
     EXPECT_EQ(names.url, "ftp://host/core.core");
     EXPECT_EQ(names.command, "RNFR /core.core");
 }
 
 TEST(core_upload_names_for, name_is_escaped_in_the_url_but_not_in_the_command) {
-    core_upload_names names = names_for(server, "a b\"c'd%e%41f#g?h;i\\j\xe4");
+    name_texts names = names_for(server, "a b\"c'd%e%41f#g?h;i\\j\xe4");
     EXPECT_EQ(names.url, "ftp://host/dumps/a%20b%22c%27d%25e%2541f%23g%3Fh%3Bi%5Cj%E4");
     EXPECT_EQ(names.command, "RNFR /dumps/a b\"c'd%e%41f#g?h;i\\j\xe4");
 }
@@ -75,10 +91,10 @@ TEST(core_upload_names_for, slash_in_the_name_does_not_select_another_folder) {
 }
 
 TEST(core_upload_names_for, path_is_not_escaped) {
-    core_upload_names names = names_for({"ftp://host", "/my%20dumps/50%25/", 0}, "x y");
+    name_texts names = names_for(target_of("ftp://host", "/my%20dumps/50%25/"), "x y");
     EXPECT_EQ(names.url, "ftp://host/my%20dumps/50%25//x%20y");
     EXPECT_EQ(names.command, "RNFR /my%20dumps/50%25//x y");
-    EXPECT_EQ(names_for({"ftp://host/", "%2Fvar/cores", 0}, "x").url, "ftp://host/%2Fvar/cores/x");
+    EXPECT_EQ(names_for(target_of("ftp://host/", "%2Fvar/cores"), "x").url, "ftp://host/%2Fvar/cores/x");
 }
 
 TEST(core_upload_names_for, long_names_are_not_cut) {
@@ -90,9 +106,26 @@ TEST(core_upload_names_for, long_names_are_not_cut) {
 TEST(core_upload_names_for, control_characters_are_rejected) {
     core_upload_names names;
     for (const char* name : {"x\r\nDELE y", "\n", "a\tb", "a\x7f"}) {
-        EXPECT_FALSE(core_upload_names_for(server, name, &names)) << name;
+        EXPECT_STREQ(core_upload_names_for(server, name, &names), "its name has control characters") << name;
     }
-    EXPECT_FALSE(core_upload_names_for({"ftp://host", "/a\nb", 0}, "x", &names));
+    EXPECT_STREQ(core_upload_names_for(target_of("ftp://host", "/a\nb"), "x", &names),
+                 "its name has control characters");
+    EXPECT_FALSE(names.url);
+    EXPECT_FALSE(names.command);
+}
+
+TEST(core_upload_names_for, without_memory_fails_and_makes_no_names) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    const std::string name(100000, 'n');
+    core_upload_names names;
+    const char* reason = nullptr;
+    {
+        scoped_memory_shortage shortage(1024);
+        reason = core_upload_names_for(server, name.c_str(), &names);
+    }
+    EXPECT_STREQ(reason, "out of memory");
+    EXPECT_FALSE(names.url);
+    EXPECT_FALSE(names.command);
 }
 
 TEST(core_upload, sends_standard_input_to_its_end) {
@@ -113,7 +146,7 @@ TEST(core_upload, empty_core_is_stored) {
 
 TEST(core_upload, sets_its_options_in_order) {
     curl_library curl = fake_curl();
-    upload(curl, "x", {"ftp://host", "/dumps", 17}, "core.9");
+    upload(curl, "x", target_of("ftp://host", "/dumps", 17), "core.9");
     EXPECT_EQ(fake.options, (std::vector<CURLoption>{CURLOPT_READFUNCTION, CURLOPT_UPLOAD, CURLOPT_URL,
                                                      CURLOPT_POSTQUOTE, CURLOPT_TIMEOUT}));
     EXPECT_EQ(fake.upload, 1);
@@ -162,7 +195,7 @@ TEST(core_upload, other_errors_fail_with_the_reason_from_libcurl) {
     fake.transfer_result = CURLE_LOGIN_DENIED;
     core_upload_result result = upload(curl, "x", server);
     EXPECT_EQ(result.outcome, core_upload_outcome::failed);
-    EXPECT_EQ(result.reason, "went wrong");
+    EXPECT_STREQ(result.reason, "went wrong");
 }
 
 TEST(core_upload, unreadable_input_aborts) {
@@ -180,19 +213,35 @@ TEST(core_upload, name_with_control_characters_starts_no_upload) {
     EXPECT_TRUE(fake.freed.empty());
 }
 
+TEST(core_upload, without_memory_fails_and_starts_no_upload) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    const std::string name(100000, 'n');
+    curl_library curl = fake_curl();
+    core_upload_result result;
+    {
+        scoped_memory_shortage shortage(1024);
+        result = core_upload(curl, server, name.c_str());
+    }
+    EXPECT_EQ(result.outcome, core_upload_outcome::failed);
+    EXPECT_STREQ(result.reason, "out of memory");
+    EXPECT_TRUE(fake.options.empty());
+    EXPECT_TRUE(fake.freed.empty());
+}
+
 TEST(curl_load, names_the_missing_library) {
     curl_library curl;
-    EXPECT_NE(curl_load("libnosuch.so.4", &curl).find("libnosuch.so.4"), std::string::npos);
+    EXPECT_NE(load_error("libnosuch.so.4", &curl).find("libnosuch.so.4"), std::string::npos);
 }
 
 TEST(curl_load, names_the_missing_function) {
     curl_library curl;
-    EXPECT_NE(curl_load("libc.so.6", &curl).find("curl_global_init"), std::string::npos);
+    EXPECT_NE(load_error("libc.so.6", &curl).find("curl_global_init"), std::string::npos);
+    EXPECT_EQ(curl.global_init, nullptr);
 }
 
 TEST(curl_load, finds_every_function_of_the_real_library) {
     curl_library curl;
-    std::string missing = curl_load(curl_soname, &curl);
+    std::string missing = load_error(curl_soname, &curl);
     if (missing.find("cannot open shared object file") != std::string::npos) {
         GTEST_SKIP() << missing;
     }
