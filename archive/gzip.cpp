@@ -1,6 +1,7 @@
 #include "archive/gzip.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <stdint.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -18,6 +19,7 @@ struct compressor {
     z_stream stream;
     uint32_t crc;
     uint32_t length;  // modulo 2^32, as in the trailer
+    int flush_after_ms;
     unsigned char input[buffer_size];
     unsigned char output[buffer_size];
 };
@@ -42,11 +44,40 @@ bool deflate_block(compressor* gz, int flush, int* result) {
     return output_size == 0 || write_all(gz->output, output_size);
 }
 
+// Waits until there is input, or its end.
+bool is_silent(int timeout_ms) {
+    pollfd wait = {STDIN_FILENO, POLLIN, 0};
+    return TEMP_FAILURE_RETRY(poll(&wait, 1, timeout_ms)) == 0;
+}
+
+// Flushes if nothing comes for a time; the next read then waits without a limit. Returns false if a write has
+// failed.
+bool flush_in_silence(compressor* gz) {
+    if (gz->flush_after_ms == 0 || !is_silent(gz->flush_after_ms)) {
+        return true;
+    }
+    do {
+        int result;
+        if (!deflate_block(gz, Z_SYNC_FLUSH, &result)) {
+            return false;
+        }
+    } while (gz->stream.avail_out == 0);
+    return true;
+}
+
+// Reads a whole block, or what there is if the input may be silent.
+ssize_t read_input(compressor* gz) {
+    if (gz->flush_after_ms == 0) {
+        return safe_read(STDIN_FILENO, gz->input, buffer_size);
+    }
+    return TEMP_FAILURE_RETRY(read(STDIN_FILENO, gz->input, buffer_size));
+}
+
 enum class input_result { end_of_file, read_failed, write_failed };
 
 input_result compress_input(compressor* gz) {
     for (;;) {
-        const ssize_t length = safe_read(STDIN_FILENO, gz->input, buffer_size);
+        const ssize_t length = read_input(gz);
         if (length <= 0) {
             return length == 0 ? input_result::end_of_file : input_result::read_failed;
         }
@@ -59,6 +90,9 @@ input_result compress_input(compressor* gz) {
             if (!deflate_block(gz, Z_NO_FLUSH, &result)) {
                 return input_result::write_failed;
             }
+        }
+        if (!flush_in_silence(gz)) {
+            return input_result::write_failed;
         }
     }
 }
@@ -91,12 +125,13 @@ int compress(compressor* gz, bool (*is_whole)(void* context), void* context) {
 
 }  // namespace
 
-int stream_gzip(bool (*is_whole)(void* context), void* context) {
+int stream_gzip(bool (*is_whole)(void* context), void* context, int flush_after_ms) {
     static_assert(Z_BEST_SPEED == 1);
     compressor gz;
     gz.stream = {};
     gz.crc = static_cast<uint32_t>(crc32(0, nullptr, 0));
     gz.length = 0;
+    gz.flush_after_ms = flush_after_ms;
     constexpr int raw_window_bits = -15;
     constexpr int memory_level = 8;
     if (deflateInit2(&gz.stream, Z_BEST_SPEED, Z_DEFLATED, raw_window_bits, memory_level,

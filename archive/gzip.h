@@ -8,4 +8,7 @@
 // `is_whole`, unless null, is called at end of file. If it returns false, or if a read failed, the trailer is
 // not written: readers then report the stream as incomplete. Returns 0 if the whole member was written, EIO
 // if the trailer was not written, else the errno of the failure.
-int stream_gzip(bool (*is_whole)(void* context) = nullptr, void* context = nullptr);
+//
+// After `flush_after_ms` without new input, all input so far is made readable: it can be decompressed from
+// what has been written by then. 0: never; the output then depends only on the input's bytes.
+int stream_gzip(bool (*is_whole)(void* context) = nullptr, void* context = nullptr, int flush_after_ms = 0);

@@ -18,6 +18,9 @@ namespace {
 
 constexpr int no_pid = -1;
 
+// A download of a full archive moves at least this often while a slow member is made.
+constexpr int full_flush_after_ms = 500;
+
 // Shared by the builder and the compressor, its child. A process that is killed leaves the initial values
 // unchanged.
 struct shared_state {
@@ -29,7 +32,7 @@ bool is_built(void* context) {
     return static_cast<const shared_state*>(context)->is_built != 0;
 }
 
-[[noreturn]] void run_compressor(unique_pipe* pipe, int out_fd, shared_state* shared) {
+[[noreturn]] void run_compressor(unique_pipe* pipe, int out_fd, shared_state* shared, int flush_after_ms) {
     // Close it here, because fd_range_close_from may fail: a compressor that holds the write end of its own
     // input never reads end of file.
     pipe->write_end.reset();
@@ -41,7 +44,7 @@ bool is_built(void* context) {
     // A browser sees the end of its download only when the last copy of its connection is closed. Without
     // this the daemon's other downloads would last as long as this archive.
     fd_range_close_from(STDERR_FILENO + 1);
-    shared->compressor_error = stream_gzip(is_built, shared);
+    shared->compressor_error = stream_gzip(is_built, shared, flush_after_ms);
     _exit(0);
 }
 
@@ -64,7 +67,7 @@ int report(const char* call) {
 
 }  // namespace
 
-int stream_compressed(int fd, int (*build)(void*, int, int), void* context) {
+int stream_compressed(int fd, int (*build)(void*, int, int), void* context, int flush_after_ms) {
     shared_object<shared_state> shared;
     if (!shared) {
         return report("mmap");
@@ -79,7 +82,7 @@ int stream_compressed(int fd, int (*build)(void*, int, int), void* context) {
         return report("fork");
     }
     if (pid == 0) {
-        run_compressor(&pipe, fd, shared.get());
+        run_compressor(&pipe, fd, shared.get(), flush_after_ms);
     }
     pipe.read_end.reset();
     const int build_error = build(context, pipe.write_end.get(), pid);
@@ -94,7 +97,8 @@ int stream_compressed(int fd, int (*build)(void*, int, int), void* context) {
 
 int stream_tgz(int fd, archive_form form) {
     wanted_archive wanted = {fd, form};
-    return stream_compressed(fd, build_debug_archive, &wanted);
+    const int flush_after_ms = form == archive_form::full ? full_flush_after_ms : 0;
+    return stream_compressed(fd, build_debug_archive, &wanted, flush_after_ms);
 }
 
 int stream_tar(int fd, archive_form form) {

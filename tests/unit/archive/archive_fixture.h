@@ -35,12 +35,16 @@ inline std::string noise(size_t size) {
     return bytes;
 }
 
-// The content of a stream of exactly one gzip member, checked by zlib. Nothing if it is anything else.
-inline std::optional<std::string> gunzip(const std::string& packed) {
+// What zlib can decompress of a gzip member, or of its first bytes.
+struct unpacked_bytes {
+    std::string bytes;
+    bool is_whole = false;  // exactly one member, with the right checksum
+};
+inline unpacked_bytes unpack(const std::string& packed) {
     z_stream stream = {};
     constexpr int gzip_only = 15 + 16;
     if (inflateInit2(&stream, gzip_only) != Z_OK) {
-        return std::nullopt;
+        return {};
     }
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(packed.data()));
     stream.avail_in = static_cast<uInt>(packed.size());
@@ -53,9 +57,15 @@ inline std::optional<std::string> gunzip(const std::string& packed) {
         result = inflate(&stream, Z_NO_FLUSH);
         all.append(block, 0, block.size() - stream.avail_out);
     } while (result == Z_OK);
-    bool whole = result == Z_STREAM_END && stream.avail_in == 0;
+    bool is_whole = result == Z_STREAM_END && stream.avail_in == 0;
     inflateEnd(&stream);
-    return whole ? std::optional(all) : std::nullopt;
+    return {all, is_whole};
+}
+
+// The content of a stream of exactly one gzip member, checked by zlib. Nothing if it is anything else.
+inline std::optional<std::string> gunzip(const std::string& packed) {
+    unpacked_bytes unpacked = unpack(packed);
+    return unpacked.is_whole ? std::optional(unpacked.bytes) : std::nullopt;
 }
 
 // Returns true if `text` is `shape`, in which each '9' stands for any digit.

@@ -13,6 +13,7 @@
 
 #include "common/safe_io.h"
 #include "tests/unit/archive/archive_fixture.h"
+#include "tests/unit/archive/gzip_stream.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/effort.h"
@@ -23,7 +24,6 @@ namespace {
 
 using namespace std::string_literals;
 
-const std::string gzip_header = "\x1f\x8b\x08\0\0\0\0\0\0\x03"s;
 const std::string empty_stream = gzip_header + "\x03\0"s + std::string(8, '\0');
 
 enum stdin_state { input_open = 10, input_closed = 11 };
@@ -47,39 +47,6 @@ std::string compressed(const std::string& bytes) {
     return content_of(out.get());
 }
 
-std::string little_endian(uint32_t value) {
-    std::string bytes;
-    for (int shift = 0; shift < 32; shift += 8) {
-        bytes += static_cast<char>(value >> shift);
-    }
-    return bytes;
-}
-
-uint32_t crc_of(const std::string& bytes) {
-    return static_cast<uint32_t>(
-        crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size())));
-}
-
-// The output of zlib at its fastest level for blocks of 16384 bytes, without a flush.
-std::string raw_deflate(const std::string& bytes) {
-    z_stream stream = {};
-    EXPECT_EQ(deflateInit2(&stream, 1, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY), Z_OK);
-    std::string out(bytes.size() + bytes.size() / 100 + 1000, '\0');
-    stream.next_out = reinterpret_cast<Bytef*>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    for (size_t at = 0; at < bytes.size(); at += 16384) {
-        std::string block = bytes.substr(at, 16384);
-        stream.next_in = reinterpret_cast<Bytef*>(block.data());
-        stream.avail_in = static_cast<uInt>(block.size());
-        EXPECT_EQ(deflate(&stream, Z_NO_FLUSH), Z_OK);
-        EXPECT_EQ(stream.avail_in, 0u);
-    }
-    EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
-    out.resize(out.size() - stream.avail_out);
-    deflateEnd(&stream);
-    return out;
-}
-
 std::string repeated(const std::string& text, size_t size) {
     std::string bytes;
     while (bytes.size() < size) {
@@ -92,8 +59,7 @@ std::string repeated(const std::string& text, size_t size) {
 // Compares header, deflate data and trailer, and decompresses them with zlib.
 void expect_whole_stream(const std::string& bytes) {
     std::string packed = compressed(bytes);
-    std::string trailer = little_endian(crc_of(bytes)) + little_endian(static_cast<uint32_t>(bytes.size()));
-    EXPECT_TRUE(packed == gzip_header + raw_deflate(bytes) + trailer) << bytes.size();
+    EXPECT_TRUE(packed == unflushed_stream(bytes)) << bytes.size();
     EXPECT_TRUE(gunzip(packed) == bytes) << bytes.size();
 }
 

@@ -20,6 +20,7 @@
 
 #include "common/safe_io.h"
 #include "tests/unit/archive/archive_fixture.h"
+#include "tests/unit/archive/gzip_stream.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
 #include "tests/unit/support/failing_calls.h"
@@ -36,8 +37,8 @@ int call_builder(void* context, int pipe_fd, int compressor_pid) {
     return 0;
 }
 
-int compress_onto(int fd, builder build) {
-    return stream_compressed(fd, call_builder, &build);
+int compress_onto(int fd, builder build, int flush_after_ms = 0) {
+    return stream_compressed(fd, call_builder, &build, flush_after_ms);
 }
 
 bool put(int fd, const std::string& bytes) {
@@ -281,6 +282,30 @@ TEST(stream_compressed, returns_ECANCELED_if_the_compressor_is_killed) {
     EXPECT_EQ(compress_onto(out.get(), [](int, int pid) { kill(pid, SIGKILL); }), ECANCELED);
 }
 
+TEST(stream_compressed, built_bytes_can_be_decompressed_after_a_silence) {
+    unique_fd out = memory_file();
+    auto build = [&out](int fd, int) {
+        std::string all;
+        for (const std::string& bytes : {std::string("first"), noise(50000), std::string("last")}) {
+            all += bytes;
+            put(fd, bytes);
+            EXPECT_TRUE(eventually([&] { return unpack(content_of(out.get())).bytes == all; }));
+        }
+    };
+    EXPECT_EQ(compress_onto(out.get(), build, 1), 0);
+    EXPECT_TRUE(gunzip(content_of(out.get())) == "first" + noise(50000) + "last");
+}
+
+TEST(stream_compressed, stream_is_not_flushed_unless_asked_for) {
+    SKIP_WITHOUT_BLOCKED_CALLS();
+    unique_fd out = memory_file();
+    compress_onto(out.get(), [](int fd, int pid) {
+        put(fd, "built");
+        EXPECT_TRUE(eventually([pid] { return is_blocked_in(SYS_read, pid); }));
+    });
+    EXPECT_EQ(content_of(out.get()), unflushed_stream("built"));
+}
+
 TEST(stream_compressed, reports_missing_memory_and_writes_nothing) {
     SKIP_WITHOUT_MEMORY_LIMIT();
     unique_fd out = memory_file();
@@ -403,12 +428,42 @@ TEST(stream_tgz, is_a_tar_stream_inside_one_gzip_member) {
     EXPECT_EQ(status, 0);
     std::optional<std::string> stream = gunzip(content_of(out.get()));
     ASSERT_TRUE(stream);
+    EXPECT_TRUE(content_of(out.get()) == unflushed_stream(*stream));
     tar_listing listing = tar_read(*stream);
     EXPECT_EQ(listing.trouble, "");
     ASSERT_GT(listing.entries.size(), 100u);
     std::string top = listing.entries[0].name.substr(0, listing.entries[0].name.find('/') + 1);
     EXPECT_NE(listing.find(top + "strace.log"), nullptr);
     EXPECT_NE(listing.find(top + "netdump.cap"), nullptr);
+}
+
+TEST(stream_tgz, full_archive_is_flushed_while_packets_are_captured) {
+    SKIP_WITHOUT_PRIVATE_WORLD();
+    test_pipe client;
+    pid_t pid = start_in_private_world([&client] {
+        ignore_broken_pipes();
+        redirect_outputs(memory_file().release(), memory_file().release());
+        client.out.reset();
+        return stream_tgz(client.in.get(), archive_form::full);
+    });
+    client.in.reset();
+    std::string packed;
+    // The capture's member ends with its first bytes so far.
+    auto is_capturing = [&packed] {
+        std::string bytes = unpack(packed).bytes;
+        size_t at = bytes.find("/netdump.cap");
+        return at != std::string::npos && bytes.size() - at < 2000;
+    };
+    for (std::string block(65536, '\0'); !is_capturing();) {
+        ssize_t got = read(client.out.get(), block.data(), block.size());
+        ASSERT_GT(got, 0);
+        packed.append(block, 0, static_cast<size_t>(got));
+    }
+    packed += read_all(client.out.get());
+    EXPECT_TRUE(exited_with(wait_status(pid), 0));
+    std::optional<std::string> stream = gunzip(packed);
+    ASSERT_TRUE(stream);
+    EXPECT_FALSE(packed == unflushed_stream(*stream));
 }
 
 TEST(stream_tgz, compressor_is_not_among_the_dumped_processes) {
