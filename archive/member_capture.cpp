@@ -14,12 +14,12 @@ void count_progress(void* has_begun) {
 }
 
 // A capture that fails before its first byte, because memory or an interface is missing, is stored as zeros.
-int store_capture(tar_handle* t, const char* interface, int seconds, unsigned max_bytes, int excluded_fd) {
-    const int size = member_size(max_bytes);
+int store_capture(tar_handle* t, const char* interface, pcap_dump_options options, int excluded_fd) {
+    const int size = member_size(options.max_total);
     tar_addfile(t, "netdump.cap", size);
     bool has_begun = false;
-    const int32_t written =
-        pcap_dump_excluding(t->fd, interface, seconds, max_bytes, excluded_fd, {count_progress, &has_begun});
+    options.progress = {count_progress, &has_begun};
+    const int32_t written = pcap_dump_excluding(t->fd, interface, excluded_fd, options);
     if (written < 0 && has_begun) {
         output_set_error(t);
         return 1;
@@ -27,18 +27,22 @@ int store_capture(tar_handle* t, const char* interface, int seconds, unsigned ma
     if (!output_pad(t, size - (written < 0 ? 0 : written))) {
         return 1;
     }
-    tar_fakewrite(t, max_bytes);
+    tar_fakewrite(t, options.max_total);
     return 0;
 }
 
 }  // namespace
 
 int stream_pcap_dump(tar_handle* t, int fd, const char* interface, int seconds, unsigned max_bytes,
-                     int excluded_fd) {
+                     int excluded_fd, bool exact) {
     const int connection_fd = excluded_fd < 0 ? fd : excluded_fd;
+    const pcap_dump_options options = {.max_total = max_bytes,
+                                       .snaplen = exact ? 0 : pcap_stream_snaplen,
+                                       .duration = seconds,
+                                       .is_exact = exact};
     if (t) {
-        return store_capture(t, interface, seconds, max_bytes, connection_fd);
+        return store_capture(t, interface, options, connection_fd);
     }
-    const int32_t written = pcap_dump_excluding(fd, interface, seconds, max_bytes, connection_fd);
+    const int32_t written = pcap_dump_excluding(fd, interface, connection_fd, options);
     return written < 0 ? 1 : stream_pad(fd, member_size(max_bytes) - written);
 }

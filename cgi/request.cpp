@@ -92,6 +92,7 @@ void request_pcapdump(unique_fd client) {
     if (record) {
         record->duration = query_limit(CGI_get_value("duration"));
         record->total_size = query_limit(CGI_get_value("totalsize"));
+        record->exact = query_limit(CGI_get_value("exact")) != 0;
         const char* interface = CGI_get_value("interface");
         std::string_view name = interface ? interface : "";
         (void)name.copy(record->interface, pcap_request::interface_capacity - 1);

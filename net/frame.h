@@ -21,6 +21,7 @@ struct frame_time {
 struct captured_frame {
     const uint8_t* bytes;  // borrowed from the ring or the batch
     unsigned length;       // at most pcap_frame_limit
+    unsigned wire_length;  // of the whole frame
     frame_time time;
 };
 

@@ -4,6 +4,9 @@
 
 namespace {
 
+// With MSG_TRUNC, a read returns the length of the whole frame even if it was cut.
+constexpr int read_flags = MSG_DONTWAIT | MSG_TRUNC;
+
 bool is_queue_empty(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
@@ -20,7 +23,7 @@ void frame_batch_prepare(frame_batch* batch) {
 
 fetched_frames frame_batch_fetch(frame_batch* batch, int sock, int first, int limit) {
     mmsghdr* messages = batch->messages + first;
-    int got = recvmmsg(sock, messages, static_cast<unsigned>(limit), MSG_DONTWAIT, nullptr);
+    int got = recvmmsg(sock, messages, static_cast<unsigned>(limit), read_flags, nullptr);
     if (got < 0) {
         return errno == ENOSYS ? frame_batch_fetch_singly(batch, sock, first, limit)
                                : fetched_frames{.has_ended = !is_queue_empty(errno)};
@@ -38,7 +41,7 @@ fetched_frames frame_batch_fetch_singly(frame_batch* batch, int sock, int first,
     fetched_frames fetched;
     while (fetched.count < limit && !fetched.has_ended) {
         const int i = first + fetched.count;
-        ssize_t got = recv(sock, batch->frames[i], pcap_frame_limit, MSG_DONTWAIT);
+        ssize_t got = recv(sock, batch->frames[i], pcap_frame_limit, read_flags);
         if (got < 0 && is_queue_empty(errno)) {
             break;
         }

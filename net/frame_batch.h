@@ -7,8 +7,8 @@
 
 #include "net/frame.h"
 
-// Frame i lies in frames[i], its length in messages[i].msg_len. Call frame_batch_prepare() before the first
-// use.
+// Frame i lies in frames[i], cut at pcap_frame_limit; messages[i].msg_len is the length of the whole frame.
+// Call frame_batch_prepare() before the first use.
 struct frame_batch {
     static constexpr int capacity = 64;
     uint8_t frames[capacity][pcap_frame_limit];

@@ -164,6 +164,7 @@ fetched_frames frame_ring_fetch(frame_ring* ring, int limit, captured_frame* fra
         }
         frames[fetched.count++] = {start + header->tp_mac,
                                    std::min(header->tp_snaplen, pcap_frame_limit),
+                                   header->tp_len,
                                    {header->tp_sec, header->tp_nsec / 1000}};
         ring->offset =
             static_cast<unsigned>(start - reinterpret_cast<const uint8_t*>(block)) + header->tp_next_offset;

@@ -50,8 +50,9 @@ fetched_frames list_in_turn(frame_source* source, const fetched_frames* of_socke
             if (turn < of_socket[i].count) {
                 const int at = i * share + turn;
                 source->last = time_of_reading(source->last);
-                source->memory->frames[all.count++] = {batch.frames[at], batch.messages[at].msg_len,
-                                                       source->last};
+                const unsigned length = batch.messages[at].msg_len;
+                source->memory->frames[all.count++] = {batch.frames[at], std::min(length, pcap_frame_limit),
+                                                       length, source->last};
             } else if (turn == of_socket[i].count && of_socket[i].has_ended) {
                 all.has_ended = true;
                 return all;

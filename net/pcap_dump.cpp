@@ -23,9 +23,10 @@
 
 namespace {
 
-// A frame is recorded only if this much would still be free after its bytes: its own record header, and space
-// for a padding record.
-constexpr uint64_t reserved_bytes = 48;
+// A frame is recorded only if more than this would still be free after its bytes. With padding, that is space
+// for its own record header and for a padding record; without, the header takes all of it.
+constexpr uint64_t padded_reserve = 48;
+constexpr uint64_t unpadded_reserve = sizeof(pcap_record_header) - 1;
 
 enum class stage {
     capturing,
@@ -110,16 +111,17 @@ stage read_from_peer(capture* c) {
     }
     // A browser that has closed only its sending side is still served, but is not polled for input again:
     // poll would report the same end of file for ever. If it has closed the connection, which poll reports
-    // without being asked, the padding cannot be sent either.
+    // without being asked, nothing can be sent, not even the padding.
     const bool is_gone = (output.revents & (POLLERR | POLLHUP)) != 0;
     output = {is_gone ? -1 : output.fd, 0, 0};
-    return is_gone && c->options.max_total != 0 ? stage::failed : stage::capturing;
+    return is_gone && (c->options.max_total != 0 || !c->options.is_padded) ? stage::failed : stage::capturing;
 }
 
 bool fits(const capture& c, const captured_frame& frame) {
     const uint64_t length = c.options.snaplen != 0 ? c.options.snaplen : frame.length;
     const uint64_t used = c.out.written + c.records->bytes;
-    return c.options.max_total == 0 || used + length + reserved_bytes < c.options.max_total;
+    const uint64_t reserve = c.options.is_padded ? padded_reserve : unpadded_reserve;
+    return c.options.max_total == 0 || used + length + reserve < c.options.max_total;
 }
 
 // Writes the fetched frames, up to the first one that must not be recorded, and releases all of them.
@@ -131,7 +133,7 @@ stage record_frames(capture* c, const fetched_frames& fetched) {
             next = stage::padding;
             break;
         }
-        if (!record_queue_add(c->records, &c->out, frame, c->options.snaplen)) {
+        if (!record_queue_add(c->records, &c->out, frame, c->options.snaplen, c->options.is_exact)) {
             return stage::failed;
         }
     }
@@ -211,7 +213,7 @@ bool run(capture* c) {
     if (now == stage::draining) {
         now = drain(c);
     }
-    if (now == stage::padding) {
+    if (now == stage::padding && c->options.is_padded) {
         return pcap_pad(&c->out, c->options.max_total);
     }
     return now != stage::failed;
@@ -222,8 +224,11 @@ uint64_t useful_ring_size(const pcap_dump_options& options) {
     if (options.max_total == 0) {
         return UINT64_MAX;
     }
-    const uint32_t smallest_record = sizeof(pcap_record_header) + std::clamp(options.snaplen, 1u, 65535u);
-    return frame_ring_size(options.max_total / smallest_record,
+    // Frames of their own length take up to four times as much in the ring, with its larger header for each.
+    const uint32_t bytes_per_slot = options.snaplen != 0
+                                        ? sizeof(pcap_record_header) + std::min(options.snaplen, 65535u)
+                                        : pcap_frame_limit / 4;
+    return frame_ring_size(options.max_total / bytes_per_slot,
                            options.duration != 0 ? options.duration : INT_MAX);
 }
 

@@ -38,13 +38,15 @@ bool record_queue_write(record_queue* queue, pcap_writer* out) {
     return pcap_write(out, queue->pieces, pieces);
 }
 
-bool record_queue_add(record_queue* queue, pcap_writer* out, const captured_frame& frame, unsigned snaplen) {
+bool record_queue_add(record_queue* queue, pcap_writer* out, const captured_frame& frame, unsigned snaplen,
+                      bool is_exact) {
     static_assert(pcap_frame_limit <= pcap_zeros_size);
     unsigned length = snaplen != 0 ? snaplen : frame.length;
     unsigned recorded = std::min(length, frame.length);
     unsigned missing = length - recorded;
     unsigned queued_zeros = std::min(missing, pcap_frame_limit);
-    const pcap_record_header header = {frame.time.s, frame.time.us, length, frame.length};
+    const pcap_record_header header = {frame.time.s, frame.time.us, length,
+                                       is_exact ? frame.wire_length : frame.length};
     add_copy(queue, &header, sizeof header);
     if (recorded <= record_queue::copied_limit) {
         add_copy(queue, frame.bytes, recorded);

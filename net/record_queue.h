@@ -20,9 +20,11 @@ struct record_queue {
 };
 
 // Queues a record of `frame`, whose bytes are borrowed until the queue has been written. `snaplen` is the
-// length to record, 0 for the frame's own; a shorter frame is followed by zeros. Returns false if there were
-// so many zeros that the queue had to be written, and that failed.
-bool record_queue_add(record_queue* queue, pcap_writer* out, const captured_frame& frame, unsigned snaplen);
+// length to record, 0 for the frame's own; a shorter frame is followed by zeros. The record's orig_len is the
+// frame's length on the wire if `is_exact`, else at most pcap_frame_limit. Returns false if there were so
+// many zeros that the queue had to be written, and that failed.
+bool record_queue_add(record_queue* queue, pcap_writer* out, const captured_frame& frame, unsigned snaplen,
+                      bool is_exact = false);
 
 // Writes and empties the queue. Returns false if a write has failed.
 bool record_queue_write(record_queue* queue, pcap_writer* out);

@@ -12,6 +12,7 @@
 #include "tests/unit/cgi/browser.h"
 #include "tests/unit/cgi/named_child.h"
 #include "tests/unit/cgi/threads.h"
+#include "tests/unit/net/private_network.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/fake_dumper.h"
 
@@ -418,6 +419,26 @@ TEST_F(request, for_an_archive_without_a_thread_does_not_block_the_next_one) {
         return HasFailure() ? 1 : 0;
     });
     EXPECT_TRUE(exited_with(status, 0));
+}
+
+TEST_F(request, for_a_capture_is_exact_if_its_number_is_above_0) {
+    SKIP_WITHOUT_PRIVATE_NETWORK();
+    const std::string head = dump_head("");
+    const std::string up_to_name = head.substr(0, head.find("\"\"") + 1);
+    auto name_begins_with = [&up_to_name](const std::string& parameter, const std::string& name) {
+        browser client;
+        serve(client, "/x", "cmd=pcapdump&duration=1&totalsize=24&interface=near0" + parameter);
+        EXPECT_EQ(first_bytes(client, up_to_name.size() + name.size()), up_to_name + name) << parameter;
+    };
+    in_private_network([&name_begins_with] {
+        for (const char* exact : {"1", "2", "%201x", "2147483647"}) {
+            name_begins_with(std::string("&exact=") + exact, "capture-near0-");
+        }
+        for (const char* usual : {"", "&exact", "&exact=", "&exact=0", "&exact=-1", "&exact=yes",
+                                  "&exact=99999999999", "&exact=0&exact=1"}) {
+            name_begins_with(usual, "pcapdump.cap");
+        }
+    });
 }
 
 TEST_F(request, leaves_no_descriptor_open) {

@@ -10,6 +10,7 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -36,8 +37,9 @@ struct frame_queue {
     fetched_frames take(fetcher fetch, int limit, int first = 0) const {
         return fetch(batch.get(), ends.b.get(), first, limit);
     }
+    unsigned wire_length(int i) const { return batch->messages[i].msg_len; }
     std::string frame(int i) const {
-        return {reinterpret_cast<const char*>(batch->frames[i]), batch->messages[i].msg_len};
+        return {reinterpret_cast<const char*>(batch->frames[i]), std::min(wire_length(i), pcap_frame_limit)};
     }
 };
 
@@ -101,7 +103,7 @@ TEST(frame_batch_fetch, leaves_frames_beyond_the_limit_queued) {
     }
 }
 
-TEST(frame_batch_fetch, cuts_a_frame_at_1536_bytes) {
+TEST(frame_batch_fetch, cuts_a_frame_at_1536_bytes_and_keeps_its_length) {
     for (fetcher fetch : fetchers) {
         frame_queue queue;
         std::string sent(4000, 'x');
@@ -109,6 +111,7 @@ TEST(frame_batch_fetch, cuts_a_frame_at_1536_bytes) {
         queue.add("next");
         EXPECT_EQ(queue.take(fetch, 4).count, 2);
         EXPECT_EQ(queue.frame(0), sent.substr(0, 1536));
+        EXPECT_EQ(queue.wire_length(0), 4000u);
         EXPECT_EQ(queue.frame(1), "next");
     }
 }

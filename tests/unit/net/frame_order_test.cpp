@@ -20,7 +20,7 @@ frame_time after_noon(int64_t us) {
 numbered_times sorted(const numbered_times& from, frame_time* last) {
     std::vector<captured_frame> frames;
     for (auto [number, us] : from) {
-        frames.push_back({nullptr, number, after_noon(us)});
+        frames.push_back({nullptr, number, number, after_noon(us)});
     }
     frame_sort(frames.data(), static_cast<int>(frames.size()), last);
     numbered_times result;

@@ -195,6 +195,15 @@ NETWORK_TEST(frame_ring, fetched_frames_stay_until_they_are_released) {
     EXPECT_FALSE(reader.is_readable());
 }
 
+NETWORK_TEST(frame_ring, long_frame_is_cut_and_keeps_its_length) {
+    ASSERT_TRUE(allow_long_frames());
+    ring_reader reader;
+    send_all({frame_of(5000, 'l')});
+    ASSERT_TRUE(reader.is_readable(10000));
+    EXPECT_EQ(reader.fetch(), frame_list{frame_of(1536, 'l')});
+    EXPECT_EQ(reader.frames[0].wire_length, 5000u);
+}
+
 NETWORK_TEST(frame_ring, counts_unfetched_frames) {
     ring_reader reader;
     frame_sender wire("far0");

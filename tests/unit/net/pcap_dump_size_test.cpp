@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <string>
@@ -49,6 +50,33 @@ CAPTURE_TEST(pcap_dump, size_is_checked_for_each_queued_frame) {
     for (size_t i = 0; i < frames.size(); i++) {
         EXPECT_EQ(frames[i], frame_of(1000, static_cast<char>(i)));
     }
+}
+
+CAPTURE_TEST(pcap_dump, only_an_exact_capture_has_lengths_above_1536) {
+    ASSERT_TRUE(allow_long_frames());
+    for (bool exact : {false, true}) {
+        for (unsigned snaplen : {0u, 1536u}) {
+            unique_fd stop(eventfd(1, EFD_CLOEXEC));  // only what is queued is recorded
+            held_capture capture("near0", {.snaplen = snaplen, .is_exact = exact, .stop_fd = stop.get()}, 1);
+            frame_sender("far0").send(frame_of(9000, 'l'));
+            pcap_content content = pcap_read(capture.finish());
+            ASSERT_EQ(content.frame_bytes(), std::vector<std::string>{frame_of(1536, 'l')});
+            EXPECT_EQ(content.records[0].orig_len, exact ? 9000u : 1536u);
+        }
+    }
+}
+
+CAPTURE_TEST(pcap_dump, exact_capture_is_filled_up_with_padding_records) {
+    constexpr unsigned total = 100000;
+    unique_fd stop(eventfd(1, EFD_CLOEXEC));  // only what is queued is recorded
+    held_capture capture("near0", {.max_total = total, .is_exact = true, .stop_fd = stop.get()}, 1);
+    frame_sender("far0").send(frame_of(60, 'a'));
+    std::string bytes = capture.finish();
+    EXPECT_EQ(bytes.size(), total);
+    pcap_content content = pcap_read(bytes);
+    EXPECT_EQ(content.frame_bytes(), std::vector<std::string>{frame_of(60, 'a')});
+    EXPECT_EQ(content.padding_sizes(), (std::vector<size_t>{32767, 32767, 32767, total - 100 - 3 * 32767}));
+    EXPECT_EQ(content.rest, "");
 }
 
 NETWORK_TEST(pcap_dump, total_of_up_to_100_bytes_is_exact) {

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -30,25 +31,12 @@ std::string bare_capture(const char* interface, int seconds, int max_bytes) {
     return stream.bytes;
 }
 
-// Sends over the loopback of this thread's network, with a socket that receives it.
-void send_datagram(const std::string& text) {
-    unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(9);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* any = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(bind(sock.get(), any, sizeof address), 0);
-    EXPECT_EQ(sendto(sock.get(), text.data(), text.size(), 0, any, sizeof address),
-              static_cast<ssize_t>(text.size()));
-}
-
 constexpr unsigned download_bytes = 200000;
 
 // Downloads a capture of the download's own network, in which a datagram is sent meanwhile. `stream` gets the
-// server's end of the connection.
+// server's end of the connection; `size` bytes are expected from it.
 template <typename Stream>
-pcap_content download(Stream stream) {
+pcap_content download(Stream stream, size_t size = download_bytes) {
     EXPECT_TRUE(run_command("ip link set lo up"));
     tcp_connection connection;
     reader_thread reader(std::move(connection.browser));
@@ -59,7 +47,7 @@ pcap_content download(Stream stream) {
     EXPECT_TRUE(eventually([] { return capturing_sockets() == 1; }));
     send_datagram("a datagram");
     capture.join();
-    EXPECT_EQ(reader.text().size(), download_bytes);
+    EXPECT_EQ(reader.text().size(), size);
     return pcap_read(reader.text());
 }
 
@@ -76,11 +64,69 @@ std::set<int> protocols_of(const pcap_content& content) {
 int capture_through_pipe(int browser_fd, int excluded_fd) {
     test_pipe pipe;
     std::thread copier([&] { EXPECT_EQ(safe_copyfd(pipe.out.get(), browser_fd), download_bytes); });
-    int32_t written = pcap_dump_excluding(pipe.in.get(), "lo", 1, download_bytes, excluded_fd);
+    int32_t written =
+        pcap_dump_excluding(pipe.in.get(), "lo", excluded_fd, {.max_total = download_bytes, .duration = 1});
     pipe.in.reset();
     copier.join();
     return written == int32_t{download_bytes} ? 0 : 1;
 }
+
+// The memory that a capture of the size of an archive's shares with the kernel.
+size_t ring_bytes_of_short_capture(unsigned snaplen) {
+    constexpr unsigned size = 512000;
+    test_pipe output;
+    std::thread capture([&] {
+        const int fd = output.in.get();
+        EXPECT_EQ(pcap_dump_excluding(fd, "any", fd, {.max_total = size, .snaplen = snaplen, .duration = 1}),
+                  int32_t{size});
+        output.in.reset();
+    });
+    EXPECT_TRUE(eventually([] { return capturing_sockets() == 1; }));
+    const size_t shared = mapped_ring_bytes();
+    EXPECT_EQ(read_all(output.out.get()).size(), size);
+    capture.join();
+    return shared;
+}
+
+// An exact capture of near0 on its own thread. It has begun, and its file header has been read.
+struct exact_download {
+    test_socketpair browser;
+    int result = -1;
+    std::thread capture;
+
+    exact_download(int seconds, int max_bytes) {
+        signal(SIGPIPE, SIG_IGN);
+        capture = std::thread([this, seconds, max_bytes] {
+            result = stream_pcap(browser.a.get(), seconds, max_bytes, "near0", true);
+            browser.a.reset();
+        });
+        EXPECT_EQ(receive(24), pcap_expected_file_header());
+    }
+    exact_download(const exact_download&) = delete;
+    exact_download& operator=(const exact_download&) = delete;
+    ~exact_download() { wait(); }
+
+    std::string receive(size_t count) const {
+        std::string got(count, '\0');
+        EXPECT_EQ(recv(browser.b.get(), got.data(), count, MSG_WAITALL), static_cast<ssize_t>(count));
+        return got;
+    }
+    // The content of the rest of the download, which ends by itself.
+    pcap_content rest() const { return pcap_read(pcap_expected_file_header() + read_all(browser.b.get())); }
+    int wait() {
+        if (!capture.joinable()) {
+            return result;
+        }
+        if (!eventually([] { return capturing_sockets() == 0; })) {
+            ADD_FAILURE() << "the capture did not end without a frame";
+            frame_sender("far0").send(frame_of(60, 'h'));
+        }
+        capture.join();
+        return result;
+    }
+};
+
+constexpr int long_time = 1000000;
 
 }  // namespace
 
@@ -101,22 +147,14 @@ NETWORK_TEST(pcap_dump_excluding, excludes_the_named_connection) {
 }
 
 NETWORK_TEST(pcap_dump_excluding, short_capture_shares_little_memory) {
-    constexpr unsigned size = 512000;
-    test_pipe output;
-    std::thread capture([&output] {
-        EXPECT_EQ(pcap_dump_excluding(output.in.get(), "any", 1, size, output.in.get()), int32_t{size});
-        output.in.reset();
-    });
-    EXPECT_TRUE(eventually([] { return capturing_sockets() == 1; }));
-    EXPECT_LE(mapped_ring_bytes(), 2u << 20);
-    EXPECT_EQ(read_all(output.out.get()).size(), size);
-    capture.join();
+    EXPECT_LE(ring_bytes_of_short_capture(pcap_stream_snaplen), 2u << 20);
+    EXPECT_LE(ring_bytes_of_short_capture(0), 4u << 20);
 }
 
 NETWORK_TEST(pcap_dump_excluding, does_not_change_the_names) {
     char names[] = "lo,any";
     test_pipe output;
-    EXPECT_EQ(pcap_dump_excluding(output.in.get(), names, 1, 3000, output.in.get()), 3000);
+    EXPECT_EQ(pcap_dump_excluding(output.in.get(), names, -1, {.max_total = 3000, .duration = 1}), 3000);
     EXPECT_STREQ(names, "lo,any");
 }
 
@@ -155,4 +193,84 @@ TEST(stream_pcap, time_below_1_is_bounded) {
 TEST(stream_pcap, broken_output_gives_1) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     EXPECT_EQ(capture_into_broken_pipe([](int fd) { return stream_pcap(fd, 1, 0, nullptr); }), 1);
+}
+
+NETWORK_TEST(exact_stream_pcap, excludes_its_own_connection_and_has_true_lengths) {
+    constexpr size_t size = 24 + 2 * (16 + 52);  // sent, and received
+    pcap_content content = download([](int fd) { return stream_pcap(fd, 1, 0, "lo", true); }, size);
+    EXPECT_EQ(protocols_of(content), std::set<int>{IPPROTO_UDP});
+    ASSERT_EQ(content.records.size(), 2u);
+    EXPECT_EQ(content.records[1].data.substr(42), "a datagram");
+    EXPECT_EQ(content.records[1].orig_len, 52u);
+}
+
+CAPTURE_TEST(exact_stream_pcap, long_frame_is_cut_but_its_length_is_not) {
+    ASSERT_TRUE(allow_long_frames());
+    // Two frames of 1536 bytes fit exactly.
+    for (int max_bytes : {24 + 2 * (16 + 1536), 24 + 2 * (16 + 1536) + 1}) {
+        exact_download download(0, max_bytes);
+        frame_sender wire("far0");
+        for (size_t size : {9000u, 1537u, 60u}) {
+            wire.send(frame_of(size, 'l'));
+        }
+        pcap_content content = download.rest();
+        EXPECT_EQ(content.rest, "");
+        ASSERT_EQ(content.records.size(), 2u);
+        EXPECT_EQ(content.frame_bytes(), (std::vector<std::string>(2, frame_of(1536, 'l'))));
+        EXPECT_EQ(content.records[0].orig_len, 9000u);
+        EXPECT_EQ(content.records[1].orig_len, 1537u);
+        EXPECT_EQ(download.wait(), 0);
+    }
+}
+
+CAPTURE_TEST(exact_stream_pcap, frame_that_does_not_fit_ends_it_without_padding) {
+    exact_download download(2, 24 + 2 * (16 + 60) - 1);
+    frame_sender wire("far0");
+    wire.send(frame_of(60, 'a'));
+    wire.send(frame_of(60, 'b'));
+    pcap_content content = download.rest();
+    EXPECT_EQ(content.rest, "");
+    EXPECT_EQ(content.frame_bytes(), std::vector<std::string>{frame_of(60, 'a')});
+    EXPECT_EQ(content.records.size(), 1u);
+    EXPECT_EQ(download.wait(), 0);
+}
+
+NETWORK_TEST(exact_stream_pcap, ends_without_padding_when_the_time_is_over) {
+    for (int max_bytes : {0, -5, 1000000}) {
+        exact_download download(1, max_bytes);
+        EXPECT_EQ(download.rest().records.size(), 0u);
+        EXPECT_EQ(download.wait(), 0);
+    }
+}
+
+NETWORK_TEST(exact_stream_pcap, without_limits_it_ends_when_the_browser_closes) {
+    for (int no_limit : {0, -7}) {
+        exact_download download(no_limit, no_limit);
+        frame_sender("far0").send(frame_of(60, 'a'));
+        EXPECT_EQ(download.receive(16 + 60).substr(16), frame_of(60, 'a'));
+        download.browser.b.reset();
+        EXPECT_EQ(download.wait(), 0);
+        EXPECT_FALSE(is_promiscuous("near0"));
+    }
+}
+
+NETWORK_TEST(exact_stream_pcap, with_limits_it_fails_if_the_browser_has_closed) {
+    for (int max_bytes : {0, 1000000}) {
+        exact_download download(long_time, max_bytes);
+        download.browser.b.reset();
+        EXPECT_EQ(download.wait(), 1);
+    }
+}
+
+TEST(exact_stream_pcap, writes_nothing_if_no_interface_can_be_opened) {
+    test_pipe output;
+    int status = run_in_child([&output] {
+        if (geteuid() == 0 && setuid(65534) != 0) {
+            return 77;
+        }
+        (void)freopen("/dev/null", "w", stderr);
+        return stream_pcap(output.in.get(), 1, 1000, "lo", true);
+    });
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+    EXPECT_EQ(output.finish(), "");
 }

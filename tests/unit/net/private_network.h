@@ -52,6 +52,11 @@ inline bool make_wires() {
     return true;
 }
 
+// Lets the first wire carry frames of 9000 bytes.
+inline bool allow_long_frames() {
+    return run_command("ip link set near0 mtu 9000") && run_command("ip link set far0 mtu 9000");
+}
+
 // Runs `work` on a thread in a private network that has the wires. Returns false if that cannot be created.
 template <typename Work>
 bool in_private_network(Work work) {
@@ -178,6 +183,19 @@ struct tcp_connection {
         EXPECT_TRUE(server);
     }
 };
+
+// Sends over the loopback of this thread's network, with a socket that receives it.
+inline void send_datagram(const std::string& text) {
+    unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(9);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* any = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(bind(sock.get(), any, sizeof address), 0);
+    EXPECT_EQ(sendto(sock.get(), text.data(), text.size(), 0, any, sizeof address),
+              static_cast<ssize_t>(text.size()));
+}
 
 // A frame of `size` bytes with an experimental Ethernet type, filled with `fill`.
 inline std::string frame_of(size_t size, char fill) {

@@ -11,20 +11,22 @@
 
 namespace {
 
+// A frame whose length on the wire is 9000 bytes.
 captured_frame frame_in(const std::string& bytes) {
     return {reinterpret_cast<const uint8_t*>(bytes.data()),
             static_cast<unsigned>(bytes.size()),
+            9000,
             {4000000000, 999999}};
 }
 
 // A file header and the records of `frames`.
-pcap_content recorded(const std::vector<std::string>& frames, unsigned snaplen) {
+pcap_content recorded(const std::vector<std::string>& frames, unsigned snaplen, bool is_exact = false) {
     unique_fd file = memory_file();
     pcap_writer out = {file.get(), 0};
     auto queue = std::make_unique<record_queue>();
     EXPECT_TRUE(pcap_write_file_header(&out));
     for (const std::string& frame : frames) {
-        EXPECT_TRUE(record_queue_add(queue.get(), &out, frame_in(frame), snaplen));
+        EXPECT_TRUE(record_queue_add(queue.get(), &out, frame_in(frame), snaplen, is_exact));
     }
     uint64_t queued = queue->bytes;
     uint64_t before = out.written;
@@ -61,6 +63,15 @@ TEST(record_queue, header_of_a_cut_frame_has_its_full_length) {
     ASSERT_EQ(content.records.size(), 1u);
     EXPECT_EQ(content.records[0].data, "a f");
     EXPECT_EQ(content.records[0].orig_len, 7u);
+}
+
+TEST(record_queue, header_of_an_exact_record_has_the_length_on_the_wire) {
+    for (unsigned snaplen : {0u, 3u, 1536u}) {
+        pcap_content content = recorded({"a frame"}, snaplen, true);
+        ASSERT_EQ(content.records.size(), 1u);
+        EXPECT_EQ(content.records[0].data.size(), snaplen != 0 ? snaplen : 7u);
+        EXPECT_EQ(content.records[0].orig_len, 9000u);
+    }
 }
 
 TEST(record_queue, frame_shorter_than_its_record_is_followed_by_zeros) {
