@@ -30,7 +30,9 @@ std::string address(const char* text) {
 
 std::string text_of(network_table table, const std::string& message) {
     heap_text text = {.limit = 10000};
-    network_text_add_entry(&text, table, reinterpret_cast<const nlmsghdr*>(message.data()));
+    alignas(nlmsghdr) char aligned[4096];
+    EXPECT_EQ(message.copy(aligned, sizeof aligned), message.size());
+    network_text_add_entry(&text, table, static_cast<const nlmsghdr*>(static_cast<void*>(aligned)));
     return std::string(text.view());
 }
 
