@@ -1,18 +1,10 @@
 #include "archive/system_text.h"
 
-#include <algorithm>
-
 #include "common/time_stamp.h"
 
 void system_text_add_fact(heap_text* text, const char* name, std::string_view value) {
-    while (!value.empty() && static_cast<unsigned char>(value.back()) <= ' ') {
-        value.remove_suffix(1);
-    }
     heap_text_print(text, "%s: ", name);
-    const size_t begin = text->bytes.length;
-    heap_text_add(text, value);
-    char* bytes = text->bytes.data.get();
-    std::replace(bytes + begin, bytes + text->bytes.length, '\n', ' ');
+    heap_text_add(text, value.substr(0, value.find('\n')));
     heap_text_print(text, "\n");
 }
 

@@ -10,7 +10,7 @@
 
 #include "common/heap_text.h"
 
-// Appends "NAME: VALUE". Control characters of the value become blanks; those at its end are dropped.
+// Appends "NAME: VALUE" with the first line of the value, in which control characters become blanks.
 void system_text_add_fact(heap_text* text, const char* name, std::string_view value);
 
 // Appends the name of the host and the kernel's version.

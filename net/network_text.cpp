@@ -6,7 +6,6 @@
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <stdio.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -60,10 +59,11 @@ struct entry_reader {
     }
     void add_device(const char* before, unsigned index) const {
         char name[IF_NAMESIZE];
-        if (!if_indextoname(index, name)) {
-            snprintf(name, sizeof name, "#%u", index);
+        if (if_indextoname(index, name)) {
+            heap_text_print(text, "%s%s", before, name);
+        } else {
+            heap_text_print(text, "%s#%u", before, index);
         }
-        heap_text_print(text, "%s%s", before, name);
     }
     void add_address(const char* before, int family, const void* from) const {
         char shown[INET6_ADDRSTRLEN];

@@ -109,7 +109,7 @@ TEST_F(system_member, has_facts_about_the_system) {
          {"kernel: " + std::string(kernel.sysname) + " " + kernel.release + " " + kernel.version + " ",
           std::string("\nkernel command line: console=ttyS0 root=/dev/mtdblock3\n"),
           std::string("\nload: 0.43 2.00 4.76 1/210 12345\n"), std::string("\nclock source: MIPS\n"),
-          std::string("\nzarvo: 0."), std::string("\noptions: debugar.cgi -d\n")}) {
+          std::string("\nzarvo: 0."), std::string("\noptions: debugar.cgi -d \n")}) {
         EXPECT_NE(facts.find(line), std::string::npos) << line << facts;
     }
 }
