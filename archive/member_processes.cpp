@@ -55,16 +55,17 @@ void enter_folder(process_visit* v, const char* prefix, pid_t number) {
                                                      "%s%d/", prefix, static_cast<int>(number)));
 }
 
-uint64_t ms_since_boot() {
+uint32_t ms_since_boot() {
     timespec now = {};
     clock_gettime(CLOCK_BOOTTIME, &now);  // the clock of a process's start time
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec) / 1000000;
+    return static_cast<uint32_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec) / 1000000;
 }
 
 // Notes that the member in `v->name` could not be made.
 void note_failure(process_visit* v, int error) {
     const bool is_missing = error == ENOENT || error == ESRCH;
-    if (is_missing && faccessat(v->dir, "stat", F_OK, 0) == 0) {
+    char byte;
+    if (is_missing && small_file_read(v->dir, "stat", &byte, sizeof byte) > 0) {
         return;  // the kernel has no such file, or the thread has ended
     }
     if (is_missing || is_exhaustion(error)) {
@@ -96,19 +97,25 @@ size_t store_file(process_visit* v, const char* file) {
     return size;
 }
 
+// number_list with a note, in the name of `v->name`, if there are more than `limit`.
+int list_numbers(process_visit* v, int dir_fd, const char* path, pid_t* numbers, int limit) {
+    const int count = number_list(dir_fd, path, numbers, limit + 1);
+    if (count > limit) {
+        manifest_note(v->tar, v->name, E2BIG);
+        return limit;
+    }
+    return count;
+}
+
 void store_threads(process_visit* v) {
     if (v->has_ended) {
         return;
     }
     pid_t threads[process_thread_limit + 1];
     set_name(v, v->process_at, "task");
-    int count = number_list(v->dir, "task", threads, process_thread_limit + 1);
+    const int count = list_numbers(v, v->dir, "task", threads, process_thread_limit);
     if (count < 0) {
         note_failure(v, errno);
-    }
-    if (count > process_thread_limit) {
-        manifest_note(v->tar, v->name, E2BIG);
-        count = process_thread_limit;
     }
     for (int i = 0; i < count; i++) {
         enter_folder(v, "task/", threads[i]);
@@ -206,14 +213,10 @@ int stream_process_look(tar_handle* t, process_looks* looks) {
     const unique_malloc<look_buffer> buffer(static_cast<look_buffer*>(malloc(sizeof(look_buffer))));
     v.buffer = buffer.get();
     pid_t pids[process_look_limit + 1];
-    int count = buffer ? number_list(AT_FDCWD, looks->root, pids, process_look_limit + 1) : -1;
+    const int count = buffer ? list_numbers(&v, AT_FDCWD, looks->root, pids, process_look_limit) : -1;
     if (count < 0) {
         looks->error = errno;
         manifest_note(t, v.name, errno);
-    }
-    if (count > process_look_limit) {
-        manifest_note(t, v.name, E2BIG);
-        count = process_look_limit;
     }
     v.name[length] = '/';
     for (int i = 0; i < count && t->error == 0; i++) {

@@ -27,13 +27,13 @@ bool add_link(process_links* links, const char* folder, int dir_fd, const char* 
     if (!fits) {
         to = stpcpy(to, cut_note);
     } else {
-        to += sprintf(to, "%s%s -> ", folder, file);
+        to += snprintf(to, longest_name, "%s%s -> ", folder, file);
         for (ssize_t i = 0; i < length; i++) {
             const unsigned char byte = static_cast<unsigned char>(links->target[i]);
             if (byte >= ' ' && byte != 0x7f && byte != '\\') {
                 *to++ = links->target[i];
             } else {
-                to += sprintf(to, "\\%03o", byte);
+                to += snprintf(to, escaped_size + 1, "\\%03o", byte);
             }
         }
         *to++ = '\n';

@@ -15,7 +15,7 @@ struct process_sample {
     int32_t descriptors;  // -1: unknown
     uint32_t command_at;  // in process_looks::commands
     uint32_t command_length;
-    uint64_t taken_ms;  // after boot
+    uint32_t taken_ms;  // after boot, modulo 2^32: 49 days
 };
 
 // Owned by the caller, all memory by the object.

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -26,17 +27,20 @@ struct short_text {
     char text[16];
 };
 
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+
 // Writes the name that the lines of the password file ("NAME:PASSWORD:NUMBER:...") give a user, or the number
 // if there is none.
 void print_user(short_text* user, const char* line, uid_t uid) {
-    short_text field;
-    const int length = snprintf(field.text, sizeof field.text, ":%u:", static_cast<unsigned>(uid));
     snprintf(user->text, sizeof user->text, "%u", static_cast<unsigned>(uid));
     while (*line) {
         const size_t name_length = strcspn(line, ":\n");
         const char* at = line + name_length;
         at += *at == ':' ? 1 + strcspn(at + 1, ":\n") : 0;
-        if (strncmp(at, field.text, static_cast<size_t>(length)) == 0) {
+        char* end;
+        if (*at == ':' && is_digit(at[1]) && strtoul(at + 1, &end, 10) == uid && *end == ':') {
             snprintf(user->text, sizeof user->text, "%.*s", static_cast<int>(name_length), line);
             return;
         }
@@ -81,7 +85,7 @@ struct comparison {
             return;
         }
         uint64_t ticks = now->stat.cpu_ticks;
-        uint64_t begin_ms = now->stat.start_ticks * ms_per_tick;
+        uint32_t begin_ms = static_cast<uint32_t>(now->stat.start_ticks) * ms_per_tick;
         if (before) {
             ticks -= std::min(ticks, before->stat.cpu_ticks);
             begin_ms = before->taken_ms;
@@ -90,7 +94,8 @@ struct comparison {
             print_growth(&memory, resident_kb(now) - resident_kb(before));
             print_growth(&descriptors, static_cast<uint32_t>(now->descriptors - before->descriptors));
         }
-        const uint32_t permille = process_share_permille(ticks, now->taken_ms - begin_ms);
+        const uint32_t permille =
+            process_share_permille(static_cast<uint32_t>(ticks), now->taken_ms - begin_ms);
         snprintf(share.text, sizeof share.text, "%u.%u%%", permille / 10, permille % 10);
     }
     static void print_growth(short_text* text, uint32_t growth) {
@@ -154,16 +159,15 @@ int store_table(tar_handle* t, const process_looks* looks) {
 
 }  // namespace
 
-uint32_t process_share_permille(uint64_t ticks, uint64_t ms) {
+uint32_t process_share_permille(uint32_t ticks, uint32_t ms) {
     constexpr uint32_t exact_ticks = 200000;  // more would overflow below: the lowest bits are dropped
     constexpr uint32_t factor = 1000 * ms_per_tick;
     static_assert(uint64_t{exact_ticks} * factor + UINT32_MAX / 2 <= UINT32_MAX);
-    while (ticks > exact_ticks || ms > UINT32_MAX) {
+    while (ticks > exact_ticks) {
         ticks >>= 1;
         ms >>= 1;
     }
-    const uint32_t span = static_cast<uint32_t>(ms);
-    return span == 0 ? 0 : (static_cast<uint32_t>(ticks) * factor + span / 2) / span;
+    return ms == 0 ? 0 : (ticks * factor + ms / 2) / ms;
 }
 
 bool process_table_text(const process_looks* looks, const char* users, growing_bytes* text) {

@@ -21,4 +21,4 @@ int stream_process_table(tar_handle* t, const process_looks* looks);
 bool process_table_text(const process_looks* looks, const char* users, growing_bytes* text);
 
 // CPU time as a share of one processor, in tenths of a percent, rounded; 0 if no time has passed.
-uint32_t process_share_permille(uint64_t ticks, uint64_t ms);
+uint32_t process_share_permille(uint32_t ticks, uint32_t ms);

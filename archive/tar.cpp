@@ -13,7 +13,6 @@
 namespace {
 
 constexpr size_t block_size = 512;
-constexpr char zero_block[block_size] = {};
 constexpr size_t largest_packed = 14 * block_size;  // of tar_store; a multiple of the block size
 
 struct ustar_header {
@@ -64,7 +63,8 @@ size_t padding_after(size_t length) {
 void pad_to_block(tar_handle* t) {
     const size_t padding = padding_after(t->member_bytes);
     if (padding != 0) {
-        (void)output_write(t, zero_block, padding);
+        const char zeros[block_size] = {};
+        (void)output_write(t, zeros, padding);
     }
 }
 
