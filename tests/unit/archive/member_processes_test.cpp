@@ -69,7 +69,7 @@ struct look_result {
     }
     std::string data(const std::string& wanted) const {
         for (const tar_entry& entry : listing.entries) {
-            if (entry.name.ends_with("/" + wanted)) {
+            if (("/" + entry.name).ends_with("/" + wanted)) {
                 return entry.data;
             }
         }
@@ -78,7 +78,7 @@ struct look_result {
     // The notes in the manifest, without the times of the folders.
     std::string notes() const {
         std::string notes;
-        std::istringstream lines(listing.find("manifest.txt")->data);
+        std::istringstream lines(data("manifest.txt"));
         for (std::string line; std::getline(lines, line);) {
             if (size_t at = line.find("error              processes."); at != std::string::npos) {
                 notes += line.substr(line.find_first_of("/:", at)) + "\n";
@@ -275,7 +275,9 @@ TEST(stream_process_look, does_not_mix_two_processes_with_one_pid) {
         unique_fd writer(open(fifo.c_str(), O_WRONLY | O_CLOEXEC));
         std::filesystem::remove_all(fixture.folder.path("42"));
         fixture.add(42, "new");
-        fixture.add_file(42, "maps", "new");
+        for (const char* name : {"wchan", "cmdline", "maps"}) {
+            fixture.add_file(42, name, "new");
+        }
         EXPECT_EQ(write(writer.get(), "old", 3), 3);
     });
     look_result seen = look_at(fixture);
