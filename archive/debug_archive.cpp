@@ -83,7 +83,8 @@ int store_trace(archive_run* run) {
 }
 
 int store_capture(archive_run* run) {
-    return stream_pcap_dump(run->tar, run->fd, "any", capture_seconds, capture_bytes, run->browser_fd);
+    return stream_pcap_dump(run->tar, run->fd, "any", capture_seconds, capture_bytes, run->browser_fd,
+                            run->form == archive_form::full);
 }
 
 int store_server_report(archive_run* run) {
