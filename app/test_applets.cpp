@@ -1,6 +1,7 @@
 #include "app/test_applets.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -17,7 +18,7 @@ unsigned long number_argument(int argc, char** argv, int index, unsigned long fa
 
 [[noreturn]] void sleep_for_ever() {
     for (;;) {
-        sleep(999);
+        poll(nullptr, 0, -1);
     }
 }
 

@@ -144,7 +144,7 @@ int run_direct(bool has_output, bool compress) {
 }
 
 unique_fd open_cgi_socket(const char* path) {
-    unlink(path);
+    unlinkat(AT_FDCWD, path, 0);
     unique_fd server(qorlink_server_socket(path, cgi_socket_mode));
     if (!server) {
         syslog(LOG_ERR, "Could not open %s: %m", path);
@@ -155,7 +155,7 @@ unique_fd open_cgi_socket(const char* path) {
 }
 
 unique_fd open_segfault_socket(const char* path) {
-    unlink(path);
+    unlinkat(AT_FDCWD, path, 0);
     unique_fd server(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!server) {
         return server;

@@ -1,12 +1,13 @@
 #include "cgi/query.h"
 
-#include <ctype.h>
 #include <errno.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
+
+#include "common/ascii.h"
 
 namespace {
 
@@ -21,10 +22,6 @@ constexpr struct {
     {"diskinfo", 0x20}, {"iostat", 0x40}, {"pagetypeinfo", 0x80}, {"pellora", 0x100}, {"event", 0x200},
     {"pidstat", 0x400}, {"all", 0x67b},   {"fast", trace_fast},
 };
-
-bool is_blank(char c) {
-    return isspace(static_cast<unsigned char>(c)) != 0;
-}
 
 // Removes the text up to the next comma from `*rest`.
 std::string_view take_until_comma(std::string_view* rest) {
@@ -50,10 +47,10 @@ int32_t query_limit(const char* text) {
 }
 
 std::string_view query_trimmed(std::string_view text) {
-    while (!text.empty() && is_blank(text.front())) {
+    while (!text.empty() && is_ascii_blank(text.front())) {
         text.remove_prefix(1);
     }
-    while (!text.empty() && is_blank(text.back())) {
+    while (!text.empty() && is_ascii_blank(text.back())) {
         text.remove_suffix(1);
     }
     return text;

@@ -41,7 +41,6 @@ void on_wake_up(int /*sig*/) {}
 void install_wake_up() {
     struct sigaction action = {};
     action.sa_handler = on_wake_up;
-    sigemptyset(&action.sa_mask);
     sigaction(wake_up_signal, &action, nullptr);
 }
 

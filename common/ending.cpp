@@ -32,8 +32,7 @@ int holds = 0;
 bool closing = false;
 
 void unblock(int sig) {
-    sigset_t one;
-    sigemptyset(&one);
+    sigset_t one = {};
     sigaddset(&one, sig);
     pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
 }
@@ -42,7 +41,7 @@ void unblock(int sig) {
 [[noreturn]] void die_by(int sig) {
     signal(sig, SIG_DFL);
     unblock(sig);
-    raise(sig);
+    pthread_kill(pthread_self(), sig);
     _exit(signal_exit_base + sig);  // the first process of a PID namespace survives its own signals
 }
 
@@ -118,7 +117,6 @@ void catch_signal(int sig) {
     struct sigaction action = {};
     action.sa_sigaction = on_signal;
     action.sa_flags = SA_SIGINFO | SA_RESTART;
-    sigemptyset(&action.sa_mask);
     sigaction(sig, &action, nullptr);
     unblock(sig);
 }

@@ -96,7 +96,7 @@ bool stage_unnamed(char* name, std::string_view text, mode_t mode) {
 
 void unlink_keeping_errno(const char* name) {
     int saved = errno;
-    unlink(name);
+    unlinkat(AT_FDCWD, name, 0);
     errno = saved;
 }
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 unique_fd temp_file_unlinked(const char* name_template) {
     char name[64];
@@ -14,7 +15,7 @@ unique_fd temp_file_unlinked(const char* name_template) {
     memcpy(name, name_template, length + 1);
     unique_fd file(mkostemp(name, O_CLOEXEC));
     if (file) {
-        unlink(name);
+        unlinkat(AT_FDCWD, name, 0);
     }
     return file;
 }

@@ -62,7 +62,7 @@ void stream_core(int fd, pid_t pid, core_outcome* outcome) {
 }
 
 bool is_own_thread(pid_t pid) {
-    return access(proc_path(pid, "", "/proc/self/task").text, F_OK) == 0;
+    return faccessat(AT_FDCWD, proc_path(pid, "", "/proc/self/task").text, F_OK, 0) == 0;
 }
 
 // The dumper may stop this process until it has written the whole core. If this process read the core itself,

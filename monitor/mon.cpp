@@ -28,14 +28,12 @@ void request_stop(int /*sig*/) {
 sigset_t block_interrupt() {
     struct sigaction action = {};
     action.sa_handler = request_stop;
-    sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
 
-    sigset_t blocked;
+    sigset_t blocked = {};
     sigset_t before;
-    sigemptyset(&blocked);
     sigaddset(&blocked, SIGINT);
-    sigprocmask(SIG_BLOCK, &blocked, &before);
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
     sigdelset(&before, SIGINT);
     return before;
 }
@@ -46,8 +44,7 @@ void sleep_interval(const timespec& interval, const sigset_t& sleep_mask) {
     if (ppoll(nullptr, 0, &interval, &sleep_mask) == 0 || errno == EINTR) {
         return;
     }
-    sigset_t interrupt;
-    sigemptyset(&interrupt);
+    sigset_t interrupt = {};
     sigaddset(&interrupt, SIGINT);
     if (sigtimedwait(&interrupt, nullptr, &interval) == SIGINT) {
         stop_requested = 1;

@@ -1,5 +1,6 @@
 #include "monitor/monitor.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
 #include <stdio.h>
@@ -19,7 +20,7 @@
 namespace {
 
 constexpr const char* daemon_status_path = "/var/run/dbg-cgi/dbg-monitor.txt";
-constexpr unsigned daemon_interval_s = 3600;
+constexpr int daemon_interval_ms = 3600000;
 constexpr uint32_t table_hint = 512;
 
 }  // namespace
@@ -81,7 +82,7 @@ void* monitor_thread_run(void* /*unused*/) {
     monitor* m = monitor_create(daemon_status_path);
     while (m) {
         monitor_run(m);
-        sleep(daemon_interval_s);
+        poll(nullptr, 0, daemon_interval_ms);
     }
     return nullptr;
 }

@@ -89,7 +89,8 @@ bool give_answer(rtrace_asker* asker, int result, const struct statfs& usage) {
     asker->result = result;
     asker->usage = usage;
     asker->has_answered = true;
-    eventfd_write(asker->done_fd, 1);
+    const uint64_t one = 1;
+    (void)!write(asker->done_fd, &one, sizeof one);  // cannot fail: the counter is far from its limit
     return true;
 }
 
@@ -117,10 +118,12 @@ bool start_thread(rtrace_asker* asker) {
     }
     // On failure (the machine needs a larger stack) the default applies.
     (void)pthread_attr_setstacksize(&attributes, asker_stack);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_t thread;
     bool started = pthread_create(&thread, &attributes, answer_questions, asker) == 0;
     pthread_attr_destroy(&attributes);
+    if (started) {
+        pthread_detach(thread);
+    }
     return started;
 }
 
@@ -183,8 +186,8 @@ rtrace_answer rtrace_ask_mount(rtrace_mounts& mounts, const char* source, const 
         abandon(std::exchange(mounts.asker, nullptr));
         return ready < 0 ? rtrace_answer::client_gone : rtrace_answer::none;
     }
-    eventfd_t count;
-    eventfd_read(asker->done_fd, &count);
+    uint64_t count;
+    (void)!read(asker->done_fd, &count, sizeof count);  // resets the event
     if (ready < 0) {
         return rtrace_answer::client_gone;
     }

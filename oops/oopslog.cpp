@@ -1,10 +1,10 @@
 #include "oops/oopslog.h"
 
-#include <ctype.h>
 #include <string.h>
 
 #include <algorithm>
 
+#include "common/ascii.h"
 #include "oops/flash_device.h"
 
 namespace {
@@ -38,8 +38,7 @@ void print_record(const oops_page& page, int64_t position, FILE* out) {
     // Counts of 2^31 and more are printed as negative numbers. This is deliberate.
     fprintf(out, "Log Entry %d (at position %d)\n", static_cast<int>(page.count), static_cast<int>(position));
     for (char each : page.text) {
-        auto character = static_cast<unsigned char>(each);
-        putc(isprint(character) || isspace(character) ? character : '.', out);
+        fprintf(out, "%c", is_ascii_printable(each) || is_ascii_blank(each) ? each : '.');
     }
 }
 

@@ -56,7 +56,7 @@ ssize_t read_fd_link(const char* root, pid_t pid, const char* name, char* buf, s
     if (fd_dir >= 0) {
         return readlinkat(fd_dir, name + 3, buf, len);
     }
-    return readlink(proc_path(pid, name, root).text, buf, len);
+    return readlinkat(AT_FDCWD, proc_path(pid, name, root).text, buf, len);
 }
 
 int socket_text(const char* root, pid_t pid, const char* name, unsigned long inode, char* buf, size_t len,

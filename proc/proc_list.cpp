@@ -10,6 +10,7 @@
 
 #include <iterator>
 
+#include "common/ascii.h"
 #include "common/proc_path.h"
 #include "common/small_file.h"
 #include "common/unique_fd.h"
@@ -20,7 +21,7 @@ namespace {
 
 bool file_exists(const char* path) {
     struct stat status;
-    return stat(path, &status) == 0;
+    return fstatat(AT_FDCWD, path, &status, 0) == 0;
 }
 
 // Moves the text after the last `mark` to the start of `buf`; false if nothing follows the mark.
@@ -136,10 +137,10 @@ pid_t proc_ppid_at(const char* root, pid_t pid) {
     text[length] = '\0';
     const char* at = text;
     for (int runs = 0; runs < 3; runs++) {
-        while (*at && !isspace(static_cast<unsigned char>(*at))) {
+        while (*at && !is_ascii_blank(*at)) {
             at++;
         }
-        while (isspace(static_cast<unsigned char>(*at))) {
+        while (is_ascii_blank(*at)) {
             at++;
         }
     }
@@ -159,7 +160,7 @@ int proc_is_kernel_thread(pid_t pid) {
 
 int proc_is_kernel_thread_at(const char* root, pid_t pid) {
     char target[1];
-    return readlink(proc_path(pid, "exe", root).text, target, sizeof target) < 0 ? 1 : 0;
+    return readlinkat(AT_FDCWD, proc_path(pid, "exe", root).text, target, sizeof target) < 0 ? 1 : 0;
 }
 
 void proc_find_pid_by_name(const char* root, const char* name, pid_t* pids, int* count, int capacity) {

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "common/ascii.h"
 #include "common/unique_fd.h"
 
 namespace {
@@ -36,18 +37,18 @@ constexpr int unix_fields_before_inode = 6;
 uint32_t hex_at(std::string_view line, size_t column, size_t digits) {
     uint32_t value = 0;
     for (size_t i = column; i < line.size() && i < column + digits; i++) {
-        unsigned char c = static_cast<unsigned char>(line[i]);
-        if (!isxdigit(c)) {
+        const int digit = ascii_hex_value(line[i]);
+        if (digit < 0) {
             break;
         }
-        value = value << 4 | static_cast<uint32_t>(isdigit(c) ? c - '0' : tolower(c) - 'a' + 10);
+        value = value << 4 | static_cast<uint32_t>(digit);
     }
     return value;
 }
 
 // Reads a decimal number after any blanks and sets `*end` to the position after it. 0 if there is no number.
 unsigned long decimal_at(std::string_view line, size_t column, size_t* end) {
-    while (column < line.size() && isspace(static_cast<unsigned char>(line[column]))) {
+    while (column < line.size() && is_ascii_blank(line[column])) {
         column++;
     }
     unsigned long value = 0;
@@ -66,10 +67,10 @@ const tcp_columns& columns_of(table_kind table) {
 size_t unix_inode_column(std::string_view line) {
     size_t at = 0;
     for (int field = 0; field < unix_fields_before_inode; field++) {
-        while (at < line.size() && !isspace(static_cast<unsigned char>(line[at]))) {
+        while (at < line.size() && !is_ascii_blank(line[at])) {
             at++;
         }
-        while (at < line.size() && isspace(static_cast<unsigned char>(line[at]))) {
+        while (at < line.size() && is_ascii_blank(line[at])) {
             at++;
         }
     }

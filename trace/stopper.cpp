@@ -1,7 +1,7 @@
 #include "trace/stopper.h"
 
+#include <poll.h>
 #include <stdio.h>
-#include <unistd.h>
 
 #include "trace/tracer_command.h"
 
@@ -10,7 +10,7 @@ namespace {
 constexpr const char* usage =
     "USAGE: stopper [ -ppid ] [ command [ arg ... ] ]\n\n"
     "-p<pid>\tAdd a pid to stop at exit";
-constexpr unsigned hold_seconds = 999;
+constexpr int hold_ms = 999000;
 
 int32_t write_cb(void* /*cookie*/, const char* /*text*/, int /*length*/) {
     return tracer_is_stopped() ? 0 : 1;
@@ -24,7 +24,7 @@ void stopper_on_exit(strace_ctx* /*ctx*/, void* /*cookie*/, pid_t pid, int kind,
     // A program may read this from a pipe, waiting for the process to be held.
     fflush(stdout);
     while (kind == strace_exit_stop && !tracer_is_stopped()) {
-        sleep(hold_seconds);
+        poll(nullptr, 0, hold_ms);
     }
 }
 

@@ -22,8 +22,8 @@
 
 namespace {
 
-constexpr long turn_poll_ns = 20000000;  // between two attempts to begin while another trace runs
-constexpr int timer_patience_ms = 100;   // then SIGKILL: the timer inherits an ignored SIGINT
+constexpr useconds_t turn_poll_us = 20000;  // between two attempts to begin while another trace runs
+constexpr int timer_patience_ms = 100;      // then SIGKILL: the timer inherits an ignored SIGINT
 
 pthread_mutex_t strace_lock = PTHREAD_MUTEX_INITIALIZER;
 
@@ -33,8 +33,7 @@ bool take_turn(strace_ctx* ctx) {
         if (!strace_poll_caller(ctx)) {
             return false;
         }
-        timespec pause = {0, turn_poll_ns};
-        (void)nanosleep(&pause, nullptr);
+        usleep(turn_poll_us);
     }
     return true;
 }

@@ -1,5 +1,6 @@
 #include "trace/tracer_command.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
 #include <pthread.h>
@@ -53,7 +54,6 @@ void on_end(int sig) {
 void catch_signal(int sig) {
     struct sigaction action = {};
     action.sa_handler = on_end;
-    sigemptyset(&action.sa_mask);
     sigaction(sig, &action, nullptr);
 }
 
@@ -76,7 +76,7 @@ void set_up_signals() {
 void die_of_ending_signal() {
     if (ending_signal != 0) {
         signal(ending_signal, SIG_DFL);
-        raise(ending_signal);
+        pthread_kill(pthread_self(), ending_signal);
     }
 }
 
@@ -108,7 +108,7 @@ void start_reader_watch() {
 
 bool is_regular_file(const char* path) {
     struct stat status;
-    return stat(path, &status) == 0 && S_ISREG(status.st_mode);
+    return fstatat(AT_FDCWD, path, &status, 0) == 0 && S_ISREG(status.st_mode);
 }
 
 bool find_in(std::string_view directory, std::string_view name, char (&path)[tracer_path_size]) {
