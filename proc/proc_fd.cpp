@@ -1,11 +1,11 @@
 #include "proc/proc_fd.h"
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <string_view>
 
 #include "common/proc_path.h"
@@ -73,8 +73,8 @@ int describe(const char* root, pid_t pid, int fd, char* buf, size_t len, const p
         return -1;
     }
     buf[0] = '\0';
-    char name[16] = "fd/";
-    *std::to_chars(name + 3, name + sizeof name - 1, fd).ptr = '\0';
+    char name[16];
+    snprintf(name, sizeof name, "fd/%d", fd);
     ssize_t length = read_fd_link(root, pid, name, buf, len - 1, aids.fd_dir);
     if (length < 1) {
         return static_cast<int>(length);

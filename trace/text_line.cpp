@@ -3,15 +3,19 @@
 #include <string.h>
 
 #include <algorithm>
-#include <charconv>
 
 namespace {
 
-template <typename Number>
-void append_number(text_line* line, Number value, int base) {
+// A loop of our own, since the library's takes half a kilobyte.
+void append_number(text_line* line, unsigned long value, unsigned base) {
     char digits[24];
-    std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value, base);
-    text_append(line, std::string_view(digits, static_cast<size_t>(end.ptr - digits)));
+    char* const end = digits + sizeof digits;
+    char* begin = end;
+    do {
+        *--begin = "0123456789abcdef"[value % base];
+        value /= base;
+    } while (value != 0);
+    text_append(line, std::string_view(begin, static_cast<size_t>(end - begin)));
 }
 
 }  // namespace
@@ -30,7 +34,12 @@ void text_append(text_line* line, char c) {
 }
 
 void text_append_decimal(text_line* line, long value) {
-    append_number(line, value, 10);
+    auto magnitude = static_cast<unsigned long>(value);
+    if (value < 0) {
+        text_append(line, '-');
+        magnitude = -magnitude;
+    }
+    append_number(line, magnitude, 10);
 }
 
 void text_append_unsigned(text_line* line, unsigned long value) {
