@@ -10,6 +10,7 @@
 #include <algorithm>
 
 #include "archive/manifest.h"
+#include "common/ascii.h"
 #include "common/small_file.h"
 
 namespace {
@@ -27,8 +28,12 @@ struct short_text {
     char text[16];
 };
 
-bool is_digit(char c) {
-    return c >= '0' && c <= '9';
+// The first newline from `at`, or the first colon if that comes before, or the end of the text.
+const char* end_of_field(const char* at) {
+    while (*at && *at != ':' && *at != '\n') {
+        at++;
+    }
+    return at;
 }
 
 // Writes the name that the lines of the password file ("NAME:PASSWORD:NUMBER:...") give a user, or the number
@@ -36,16 +41,16 @@ bool is_digit(char c) {
 void print_user(short_text* user, const char* line, uid_t uid) {
     snprintf(user->text, sizeof user->text, "%u", static_cast<unsigned>(uid));
     while (*line) {
-        const size_t name_length = strcspn(line, ":\n");
-        const char* at = line + name_length;
-        at += *at == ':' ? 1 + strcspn(at + 1, ":\n") : 0;
+        const char* const name_end = end_of_field(line);
+        const char* at = *name_end == ':' ? end_of_field(name_end + 1) : name_end;
         char* end;
-        if (*at == ':' && is_digit(at[1]) && strtoul(at + 1, &end, 10) == uid && *end == ':') {
-            snprintf(user->text, sizeof user->text, "%.*s", static_cast<int>(name_length), line);
+        if (*at == ':' && is_ascii_digit(at[1]) && strtoul(at + 1, &end, 10) == uid && *end == ':') {
+            snprintf(user->text, sizeof user->text, "%.*s", static_cast<int>(name_end - line), line);
             return;
         }
-        line = at + strcspn(at, "\n");
-        line += *line == '\n';
+        while (*at && *at++ != '\n') {
+        }
+        line = at;
     }
 }
 
@@ -80,7 +85,7 @@ struct comparison {
 
     comparison(const process_sample* before, const process_sample* now) {
         memory_growth = descriptor_growth = now ? "new" : "-";
-        strcpy(share.text, "-");
+        memcpy(share.text, "-", 2);
         if (!now) {
             return;
         }

@@ -7,6 +7,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include "common/ascii.h"
 #include "common/safe_io.h"
 #include "common/unique_fd.h"
 
@@ -23,7 +24,11 @@ bool is_folder(int dir_fd, const dirent& entry) {
 }
 
 bool is_number(const char* name) {
-    return *name != '\0' && name[strspn(name, "0123456789")] == '\0';
+    const char* end = name;
+    while (is_ascii_digit(*end)) {
+        end++;
+    }
+    return end != name && *end == '\0';
 }
 
 // Reads up to a full piece. Sets `*ended` at the end of the file or at a read error.

@@ -87,10 +87,10 @@ void set_path(socket_row* row, const char* name, size_t length) {
     }
     length = std::min(length, sizeof row->path - 1);
     for (size_t i = 0; i < length; i++) {
-        row->path[i] = name[i] ? name[i] : '@';
+        const char c = name[i] == '\n' ? '\0' : name[i];
+        row->path[i] = name[i] ? c : '@';
     }
     row->path[length] = '\0';
-    row->path[strcspn(row->path, "\n")] = '\0';
 }
 
 // The row of one answer about a TCP socket.

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "common/ascii.h"
 #include "common/deadline.h"
 #include "common/ending.h"
 #include "common/proc_path.h"
@@ -33,14 +34,24 @@ constexpr size_t mask_digits = 16;
 
 // The text after "KEY:" in a status file, without leading blanks; "" if the key is missing.
 const char* field_of(const char* text, const char* key) {
-    const char* line = strstr(text, key);
-    return line ? line + strlen(key) + strspn(line + strlen(key), " \t") : "";
+    const char* at = strstr(text, key);
+    if (!at) {
+        return "";
+    }
+    at += strlen(key);
+    while (*at == ' ' || *at == '\t') {
+        at++;
+    }
+    return at;
 }
 
 // True if this mask of pending signals in a status file has SIGSTOP. A mask has 64 bits, on MIPS 128.
 bool has_stop(const char* text, const char* key) {
     const char* mask = field_of(text, key);
-    const size_t digits = strspn(mask, "0123456789abcdef");
+    size_t digits = 0;
+    while (ascii_hex_value(mask[digits]) >= 0) {
+        digits++;
+    }
     mask += digits > mask_digits ? digits - mask_digits : 0;
     return (strtoull(mask, nullptr, 16) >> (SIGSTOP - 1) & 1) != 0;
 }
