@@ -280,9 +280,12 @@ def cuts_of(members):
     yield "the last byte", offset - 1
 
 
-def test_archives_cut_in_any_new_member_are_recognised(taken, members, tmp_path):
-    plain = body_and_file_name(taken.plain)[0]
-    for what, offset in cuts_of(members):
+def test_archives_cut_in_any_new_member_are_recognised(members, tmp_path):
+    small = [member for member in members if kind_of(member.name) not in "TP" or len(member.data) < READ_LIMIT]
+    plain = b"".join(member.header + member.data + bytes(-len(member.data) % 512) for member in small)
+    (tmp_path / "whole.tar").write_bytes(plain)
+    subprocess.run([ROOT / "tools/archive_list", tmp_path / "whole.tar"], check=True, stdout=subprocess.DEVNULL)
+    for what, offset in cuts_of(small):
         packed = zlib.compressobj(1, wbits=31)
         cut = packed.compress(plain[:offset]) + packed.flush(zlib.Z_SYNC_FLUSH)
         for name, stream in (("cut.tar", plain[:offset]), ("cut.tgz", cut)):
