@@ -6,6 +6,9 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <optional>
+
+#include "common/deadline.h"
 #include "common/safe_io.h"
 
 namespace {
@@ -20,6 +23,7 @@ struct compressor {
     uint32_t crc;
     uint32_t length;  // modulo 2^32, as in the trailer
     int flush_after_ms;
+    std::optional<deadline> flush_due;  // empty if all input so far was flushed
     unsigned char input[buffer_size];
     unsigned char output[buffer_size];
 };
@@ -44,18 +48,25 @@ bool deflate_block(compressor* gz, int flush, int* result) {
     return output_size == 0 || write_all(gz->output, output_size);
 }
 
-// Waits until there is input, or its end.
+// Waits for input or its end. Returns true if the time is over.
 bool is_silent(int timeout_ms) {
     pollfd wait = {STDIN_FILENO, POLLIN, 0};
     return TEMP_FAILURE_RETRY(poll(&wait, 1, timeout_ms)) == 0;
 }
 
-// Flushes if nothing comes for a time; the next read then waits without a limit. Returns false if a write has
-// failed.
-bool flush_in_silence(compressor* gz) {
-    if (gz->flush_after_ms == 0 || !is_silent(gz->flush_after_ms)) {
+// Waits for more input, and flushes when the oldest input that was not flushed is old enough. After a flush,
+// the next read waits without a limit. Returns false if a write has failed.
+bool flush_if_due(compressor* gz) {
+    if (gz->flush_after_ms == 0) {
         return true;
     }
+    if (!gz->flush_due) {
+        gz->flush_due.emplace(gz->flush_after_ms);
+    }
+    if (!gz->flush_due->is_over() && !is_silent(gz->flush_due->left_ms())) {
+        return true;
+    }
+    gz->flush_due.reset();
     do {
         int result;
         if (!deflate_block(gz, Z_SYNC_FLUSH, &result)) {
@@ -91,7 +102,7 @@ input_result compress_input(compressor* gz) {
                 return input_result::write_failed;
             }
         }
-        if (!flush_in_silence(gz)) {
+        if (!flush_if_due(gz)) {
             return input_result::write_failed;
         }
     }

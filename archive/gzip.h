@@ -9,6 +9,6 @@
 // not written: readers then report the stream as incomplete. Returns 0 if the whole member was written, EIO
 // if the trailer was not written, else the errno of the failure.
 //
-// After `flush_after_ms` without new input, all input so far is made readable: it can be decompressed from
-// what has been written by then. 0: never; the output then depends only on the input's bytes.
+// Input is made readable after `flush_after_ms` at the latest: it can then be decompressed from what has been
+// written. 0: never; the output then depends only on the input's bytes.
 int stream_gzip(bool (*is_whole)(void* context) = nullptr, void* context = nullptr, int flush_after_ms = 0);

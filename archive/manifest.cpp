@@ -4,6 +4,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 
@@ -123,7 +124,10 @@ void manifest_begin(manifest* m, tar_handle* t) {
     m->on_header = on_header;
     m->on_data = on_data;
     print_time(m->started);
-    m->list = temp_file_unlinked("/tmp/.manifestXXXXXX");
+    m->list = unique_fd(memfd_create("manifest", MFD_CLOEXEC));
+    if (!m->list) {  // as on a kernel before 3.17
+        m->list = temp_file_unlinked("/tmp/.manifestXXXXXX");
+    }
     m->list_error = m->list ? 0 : errno;
     m->began_ns = monotonic_ns();
     t->watch = m;

@@ -20,7 +20,7 @@
 #include "common/unique_fd.h"
 
 struct manifest : tar_watch {
-    unique_fd list;      // the members' lines so far; a temporary file, since there may be thousands
+    unique_fd list;      // the members' lines so far; a file in memory, since there may be thousands
     int64_t listed = 0;  // its size
     int list_error = 0;  // errno of the first write that failed; later lines are lost
     char started[40] = "";

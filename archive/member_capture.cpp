@@ -1,5 +1,8 @@
 #include "archive/member_capture.h"
 
+#include <errno.h>
+
+#include "archive/manifest.h"
 #include "archive/member_copy.h"
 #include "archive/output.h"
 #include "archive/phase.h"
@@ -23,6 +26,9 @@ int store_capture(tar_handle* t, const char* interface, pcap_dump_options option
     if (written < 0 && has_begun) {
         output_set_error(t);
         return 1;
+    }
+    if (!has_begun) {
+        manifest_note(t, "netdump.cap", written < 0 ? ENOMEM : ENODEV);
     }
     if (!output_pad(t, size - (written < 0 ? 0 : written))) {
         return 1;

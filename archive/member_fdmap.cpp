@@ -27,5 +27,8 @@ void proc_append_fdmap(tar_handle* t, const char* name, pid_t pid, int /*fd*/) {
         return;
     }
     list_descriptors(pid, file.get());
+    if (lseek(file.get(), 0, SEEK_END) == 0) {
+        manifest_note(t, name, ENODATA);
+    }
     (void)member_store(t, name, file.get());  // the handle keeps a write error
 }

@@ -97,7 +97,8 @@ int64_t count_bytes(int fd, int64_t counted, int64_t bound, read_limit* limit) {
     return counted;
 }
 
-// Copies `size` bytes of the file through the buffer. A file that has become shorter is padded with zeros.
+// Copies `size` bytes of the file through the buffer. A file that has become shorter, which is a text, is
+// padded with lines of blanks.
 void copy_long_file(tar_handle* t, const char* name, int fd, int64_t size, const read_buffer& buffer,
                     read_limit* limit) {
     while (size > 0 && t->error == 0) {
@@ -105,7 +106,7 @@ void copy_long_file(tar_handle* t, const char* name, int fd, int64_t size, const
         const ssize_t length = read_bounded(fd, buffer.memory.get(), static_cast<size_t>(wanted), limit);
         if (length <= 0) {
             manifest_note(t, name, ENODATA);
-            (void)output_pad(t, static_cast<int>(size));
+            (void)output_pad_text(t, static_cast<int>(size));
             tar_fakewrite(t, static_cast<size_t>(size));
             return;
         }
@@ -178,6 +179,7 @@ bool is_listed(const char* name, const char* const* list) {
 int stream_file_unknownsize(tar_handle* t, int /*fd*/, const char* name, const char* path, unsigned limit) {
     read_buffer buffer(limit);
     if (!buffer.memory) {
+        manifest_note(t, name, ENOMEM);
         return 1;
     }
     store_file(t, name, AT_FDCWD, path, path, buffer, 0);
@@ -188,10 +190,14 @@ int stream_dir_unknownsize(tar_handle* t, int /*fd*/, const char* name_prefix, c
                            const char* const* skip_names, int64_t file_bound) {
     unique_dir dir(opendir(dir_path));
     if (!dir) {
+        if (errno != ENOENT) {
+            manifest_note(t, name_prefix, errno);
+        }
         return 1;
     }
     read_buffer buffer(0);
     if (!buffer.memory) {
+        manifest_note(t, name_prefix, ENOMEM);
         return 0;
     }
     char path[512];

@@ -68,6 +68,7 @@ void note_failure(process_visit* v, int error) {
     if (is_missing && small_file_read(v->dir, "stat", &byte, sizeof byte) > 0) {
         return;  // the kernel has no such file, or the thread has ended
     }
+    v->looks->is_partial |= is_exhaustion(error);
     if (is_missing || is_exhaustion(error)) {
         v->has_ended = true;
         v->name[v->process_at - 1] = '\0';  // the note is about the whole process
@@ -173,6 +174,10 @@ void store_process(process_visit* v) {
     const bool is_known = proc_stat_parse(v->buffer->text, &sample->stat);
     (void)store_file(v, "status");
     sample->uid = proc_status_uid(v->buffer->text);
+    // The kernel updates the count in "stat" later than this one.
+    const uint32_t page_kb = static_cast<uint32_t>(sysconf(_SC_PAGESIZE)) / 1024;
+    sample->resident_kb =
+        proc_status_number(v->buffer->text, "\nVmRSS:", sample->stat.resident_pages * page_kb);
     for (const char* name : files) {
         (void)store_file(v, name);
     }
@@ -218,6 +223,7 @@ int stream_process_look(tar_handle* t, process_looks* looks) {
         looks->error = errno;
         manifest_note(t, v.name, errno);
     }
+    looks->is_partial |= count == process_look_limit;
     v.name[length] = '/';
     for (int i = 0; i < count && t->error == 0; i++) {
         visit_process(&v, pids[i]);

@@ -26,6 +26,9 @@ int stream_program(tar_handle* t, int /*fd*/, const program_member& member) {
     // execve does not change the vector; its prototype lacks the const.
     char* const* argv = const_cast<char* const*>(member.argv);
     (void)sys_run(argv[0], argv, STDIN_FILENO, file.get(), file.get(), 0);
+    if (lseek(file.get(), 0, SEEK_END) == 0) {
+        manifest_note(t, member.name, ENODATA);
+    }
     return member_store(t, member.name, file.get());
 }
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include "archive/manifest.h"
 #include "archive/output.h"
 #include "common/unique_fd.h"
 #include "common/uptime.h"
@@ -74,6 +75,7 @@ int stream_strace_log(tar_handle* t, const int* pids, int count, bool timed) {
     malloc_array<pid_t> traced = calloc_array<pid_t>(static_cast<size_t>(count) + 1);
     unique_malloc<char> text(static_cast<char*>(malloc(strace_budget)));
     if (!traced || !text) {
+        manifest_note(t, "strace.log", ENOMEM);
         return 0;
     }
     std::copy_n(pids, count, traced.get());

@@ -54,10 +54,6 @@ void print_user(short_text* user, const char* line, uid_t uid) {
     }
 }
 
-uint32_t resident_kb(const process_sample* sample) {
-    return sample->stat.resident_pages * (static_cast<uint32_t>(sysconf(_SC_PAGESIZE)) / 1024);
-}
-
 // CPU time in minutes and ticks.
 struct cpu_time {
     uint32_t minutes;
@@ -96,7 +92,7 @@ struct comparison {
             begin_ms = before->taken_ms;
             memory_growth = memory.text;
             descriptor_growth = descriptors.text;
-            print_growth(&memory, resident_kb(now) - resident_kb(before));
+            print_growth(&memory, now->resident_kb - before->resident_kb);
             print_growth(&descriptors, static_cast<uint32_t>(now->descriptors - before->descriptors));
         }
         const uint32_t permille =
@@ -127,9 +123,12 @@ bool add_line(const process_table* table, const process_sample* before, const pr
     const int length = snprintf(
         line, sizeof line, "%7d %7d %-10.10s %-5.*s %4u %4u:%02u.%02u %8s %9u %9s %6d %6s %-15.15s %.*s\n",
         static_cast<int>(latest->pid), static_cast<int>(stat.ppid), user.text, now ? 1 : 4,
-        now ? &stat.state : "gone", stat.threads, time.minutes, time.ticks / proc_ticks_per_second,
-        time.ticks % proc_ticks_per_second, compared.share.text, resident_kb(latest), compared.memory_growth,
-        latest->descriptors, compared.descriptor_growth, stat.name, static_cast<int>(latest->command_length),
+        now                        ? &stat.state
+        : table->looks->is_partial ? "?"
+                                   : "gone",
+        stat.threads, time.minutes, time.ticks / proc_ticks_per_second, time.ticks % proc_ticks_per_second,
+        compared.share.text, latest->resident_kb, compared.memory_growth, latest->descriptors,
+        compared.descriptor_growth, stat.name, static_cast<int>(latest->command_length),
         table->looks->commands.data.get() + latest->command_at);
     for (char* c = line; c < line + length - 1; c++) {
         *c = static_cast<unsigned char>(*c) < ' ' || *c == 0x7f ? '?' : *c;

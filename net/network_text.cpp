@@ -121,6 +121,12 @@ void add_route(const entry_reader& from, const void* header) {
     from.add_address("", route->rtm_family, to ? to : &any_address);
     heap_text_print(from.text, "/%u", route->rtm_dst_len);
     from.add_address(" via ", route->rtm_family, from.address(RTA_GATEWAY, route->rtm_family));
+    if (from.attributes[RTA_VIA]) {
+        heap_text_print(from.text, " via another family");
+    }
+    if (from.attributes[RTA_MULTIPATH]) {
+        heap_text_print(from.text, " multipath");
+    }
     if (const unsigned device = from.number(RTA_OIF, 0)) {
         from.add_device(" device ", device);
     }

@@ -31,7 +31,7 @@ constexpr uint64_t unpadded_reserve = sizeof(pcap_record_header) - 1;
 enum class stage {
     capturing,
     draining,  // only frames received by now are recorded
-    padding,   // no more frames are recorded; the stream is filled up to its exact size
+    padding,   // no more frames are recorded; a stream of exact size is filled up
     ended,     // the stream stays as it is
     failed,    // a write has failed
 };
@@ -61,6 +61,8 @@ struct capture {
 
     int entry_count() const { return first_socket_entry + source.sockets.count; }
     bool is_limited() const { return options.duration != 0 || options.max_total != 0; }
+    // Once the peer has closed its side, nobody may be waiting for a stream without an exact size.
+    bool ends_with_peer() const { return !is_limited() || !options.is_padded; }
     bool is_stopped() const { return polled[stop_entry].revents != 0; }
 };
 
@@ -106,7 +108,7 @@ stage read_from_peer(capture* c) {
     if (got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR))) {
         return stage::capturing;
     }
-    if (!c->is_limited()) {
+    if (c->ends_with_peer()) {
         return stage::ended;
     }
     // A browser that has closed only its sending side is still served, but is not polled for input again:

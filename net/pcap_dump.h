@@ -13,7 +13,7 @@ struct pcap_dump_options {
     int duration = 0;                    // seconds; 0: no limit
     int promisc = 0;                     // not 0: promiscuous mode during the capture
     const sock_fprog* filter = nullptr;  // attached to every socket
-    bool is_exact = false;               // records tell how long a frame was on the wire, even if it was cut
+    bool is_exact = false;               // records tell a frame's whole length, even if it was cut
     bool is_padded = true;               // the stream has the size exactly; false: at most
     int stop_fd = -1;                    // the capture ends when this is readable; never read; -1: none
     pcap_progress progress = {};         // called after each write
@@ -24,8 +24,8 @@ struct pcap_dump_options {
 //
 // If a size is given, the capture ends when a frame no longer fits, and the stream is filled up with records
 // of zero bytes if it is to be padded. A size below the file header's 24 bytes gives the file header. The
-// capture also ends when a socket fails and, without any limit, when the peer of `out_fd` closes. What the
-// peer sends is discarded.
+// capture also ends when a socket fails and, without any limit or padding, when the peer of `out_fd` closes
+// its side. What the peer sends is discarded.
 //
 // Returns the number of bytes written (INT32_MAX for more), or -1 if a write or an allocation failed. Returns
 // 0 and writes nothing if no interface could be opened, which it reports on standard error.

@@ -46,6 +46,11 @@ bool proc_stat_parse(const char* text, proc_stat* stat) {
     return true;
 }
 
+uint32_t proc_status_number(const char* text, const char* key, uint32_t otherwise) {
+    const char* line = strstr(text, key);
+    return line ? static_cast<uint32_t>(strtoul(line + strlen(key), nullptr, 10)) : otherwise;
+}
+
 uid_t proc_status_uid(const char* text) {
     constexpr char mark[] = "\nUid:";
     const char* line = strstr(text, mark);

@@ -21,5 +21,9 @@ struct proc_stat {
 // characters. Returns false if the text is not whole.
 bool proc_stat_parse(const char* text, proc_stat* stat);
 
+// The number in a line "KEY:  NUMBER ..." of the text of a status file (ends in a NUL), or `otherwise`. `key`
+// begins with a newline and ends with the colon.
+uint32_t proc_status_number(const char* text, const char* key, uint32_t otherwise);
+
 // The effective user in the text of a status file (ends in a NUL); -1 if there is none.
 uid_t proc_status_uid(const char* text);

@@ -5,6 +5,7 @@
 #include <string.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <utility>
@@ -41,7 +42,14 @@ bool set_options(const strace_ctx& ctx, pid_t pid) {
 }
 
 // Returns false after dropping a process that could not be resumed.
-bool resume(strace_process* process, int sig) {
+bool resume(strace_state* state, strace_process* process, int sig) {
+    // A reader may be slower than the trace. While the process is stopped, waiting for it does not count as
+    // the duration of the next call. Texts of several processes are written together, after they were
+    // resumed.
+    if (state->ctx->timed && state->count == 1) {
+        strace_write_pending(state->ctx);
+        clock_gettime(CLOCK_MONOTONIC, &process->entered_at);
+    }
     const pid_t pid = process->pid();
     process->stopped = false;
     if (trace_syscall(pid, sig) == 0) {
@@ -183,7 +191,7 @@ bool strace_start(strace_state* state, strace_process* process, int sig) {
     process->own_child = !ctx->attached && proc_ppid(pid) == getpid();
     report_signal(ctx, *process, sig);
     renew_stop(*process, sig);
-    return resume(process, sig);
+    return resume(state, process, sig);
 }
 
 void strace_handle_event(strace_state* state, strace_process* process, int status) {
@@ -196,7 +204,7 @@ void strace_handle_event(strace_state* state, strace_process* process, int statu
         // resume it from there, and its exit would not be reported.
         if (!(state->ctx->flags & strace_exits) ||
             waitpid(process->pid(), &status, WNOHANG | trace_wait_flags) <= 0) {
-            (void)resume(process, sig);
+            (void)resume(state, process, sig);
             return;
         }
         strace_take_time(state);

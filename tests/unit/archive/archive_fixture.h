@@ -68,6 +68,16 @@ inline std::optional<std::string> gunzip(const std::string& packed) {
     return unpacked.is_whole ? std::optional(unpacked.bytes) : std::nullopt;
 }
 
+// `size` bytes of lines of 79 blanks.
+inline std::string filler(size_t size) {
+    std::string lines;
+    while (lines.size() < size) {
+        lines += std::string(79, ' ') + "\n";
+    }
+    lines.resize(size);
+    return lines;
+}
+
 // Returns true if `text` is `shape`, in which each '9' stands for any digit.
 inline bool has_shape(const std::string& text, const std::string& shape) {
     return std::equal(text.begin(), text.end(), shape.begin(), shape.end(), [](char is, char wanted) {

@@ -54,6 +54,15 @@ public:
         }
         return true;
     }
+    // Waits for output. Returns true if some of what was given can be decompressed.
+    bool shows_something(int patience_ms) {
+        pollfd wait = {output_.out.get(), POLLIN, 0};
+        char block[65536];
+        if (poll(&wait, 1, patience_ms) == 1) {
+            packed_.append(block, static_cast<size_t>(read(output_.out.get(), block, sizeof block)));
+        }
+        return !unpack(packed_).bytes.empty();
+    }
     // Ends the input and returns the whole stream.
     const std::string& finish() {
         input_.in.reset();
@@ -101,6 +110,17 @@ TEST(gzip_flush, is_complete_around_the_size_of_the_output_buffer) {
         compressor.give(unlike.substr(less * buffer_size, size));
         ASSERT_TRUE(compressor.shows_all()) << size;
     }
+    compressor.finish();
+}
+
+TEST(gzip_flush, comes_while_input_trickles) {
+    piped_compressor compressor(200);
+    bool is_shown = false;
+    for (int i = 0; i < 1000 && !is_shown; i++) {
+        compressor.give("x");
+        is_shown = compressor.shows_something(10);
+    }
+    EXPECT_TRUE(is_shown);
     compressor.finish();
 }
 

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -9,10 +10,12 @@
 
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/unit/archive/archive_fixture.h"
 #include "tests/unit/support/few_fds.h"
+#include "tests/unit/support/pipes.h"
 #include "tests/unit/support/private_world.h"
 #include "tests/unit/support/tar_reader.h"
 
@@ -176,24 +179,50 @@ TEST(manifest, says_that_its_list_is_not_whole_if_no_file_can_be_created) {
     EXPECT_EQ(lines[6], "complete");
 }
 
-TEST(manifest, on_a_full_file_system_lists_whole_lines_and_says_that_some_are_missing) {
+namespace {
+
+// Stores a manifest of 1000 members in `stream`.
+int store_a_long_list(int stream) {
+    tar_handle* t = tar_new(stream, nullptr);
+    manifest list;
+    manifest_begin(&list, t);
+    for (int i = 0; i < 1000; i++) {
+        store(t, "member", "x");
+    }
+    manifest_store(&list, t);
+    return tar_close(t);
+}
+
+}  // namespace
+
+TEST(manifest, needs_no_space_in_tmp) {
     SKIP_WITHOUT_PRIVATE_WORLD();
     unique_fd stream = memory_file();
     const int status = run_in_private_world([&stream] {
-        if (mount("tmpfs", "/tmp", "tmpfs", 0, "size=8k") != 0) {
+        if (mount("tmpfs", "/tmp", "tmpfs", 0, "size=4k") != 0 || !install_file("/tmp/full", noise(4096))) {
             return 3;
         }
-        tar_handle* t = tar_new(stream.get(), nullptr);
-        manifest list;
-        manifest_begin(&list, t);
-        for (int i = 0; i < 1000; i++) {
-            store(t, "member", "x");
-        }
-        manifest_store(&list, t);
-        return tar_close(t);
+        return store_a_long_list(stream.get());
     });
     ASSERT_EQ(status, 0);
-    const tar_listing listing = tar_read(content_of(stream.get()));
+    const std::vector<std::string> lines = lines_of(tar_read(content_of(stream.get())));
+    EXPECT_EQ(lines.size(), 1006u);
+    EXPECT_EQ(lines[1004], "members: 1000, bytes: 1000, errors: 0");
+}
+
+TEST(manifest, that_cannot_grow_lists_whole_lines_and_says_that_some_are_missing) {
+    test_pipe stream;
+    std::string bytes;
+    std::thread reader([&] { bytes = read_all(stream.out.get()); });
+    const int status = run_in_child([&stream] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit small = {8192, 8192};
+        return setrlimit(RLIMIT_FSIZE, &small) == 0 ? store_a_long_list(stream.in.get()) : 3;
+    });
+    stream.in.reset();
+    reader.join();
+    ASSERT_TRUE(exited_with(status, 0));
+    const tar_listing listing = tar_read(bytes);
     EXPECT_EQ(listing.trouble, "");
     const std::vector<std::string> lines = lines_of(listing);
     ASSERT_GT(lines.size(), 107u);
@@ -202,7 +231,7 @@ TEST(manifest, on_a_full_file_system_lists_whole_lines_and_says_that_some_are_mi
     for (size_t i = 3; i < tail; i++) {
         ASSERT_TRUE(has_shape(lines[i], "            1    9.999999  member")) << lines[i];
     }
-    EXPECT_EQ(lines[tail], "the list above is not whole: No space left on device");
+    EXPECT_EQ(lines[tail], "the list above is not whole: File too large");
     EXPECT_EQ(lines.back(), "complete");
 }
 

@@ -20,9 +20,11 @@
 #include <thread>
 #include <vector>
 
+#include "archive/manifest.h"
 #include "tests/unit/archive/archive_fixture.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
+#include "tests/unit/support/few_fds.h"
 #include "tests/unit/support/pipes.h"
 #include "tests/unit/support/tar_reader.h"
 #include "tests/unit/support/temp_dir.h"
@@ -443,7 +445,7 @@ TEST(stream_dir_unknownsize, pads_a_long_file_that_becomes_shorter_meanwhile) {
     const outcome seen = stored_dir(folder.path() + "/", nullptr, "in/", 300000);
     before_rewind = nullptr;
     ASSERT_EQ(seen.listing.names(), std::vector<std::string>{"in/long"});
-    EXPECT_TRUE(seen.listing.entries[0].data == noise(250000).substr(0, 120000) + std::string(130000, '\0'));
+    EXPECT_TRUE(seen.listing.entries[0].data == noise(250000).substr(0, 120000) + filler(130000));
 }
 
 TEST(stream_dir_unknownsize, stores_no_more_of_a_long_file_that_grows_than_it_promised) {
@@ -464,6 +466,24 @@ TEST(stream_dir_unknownsize, stores_files_with_the_longest_names) {
     tar_listing listing = stored_dir(folder.path() + "/").listing;
     std::string end = "~" + std::to_string(status.st_ino);
     EXPECT_EQ(listing.names(), std::vector<std::string>{"in/" + std::string(99 - 3 - end.size(), 'n') + end});
+}
+
+TEST(stream_dir_unknownsize, notes_a_folder_that_could_not_be_opened_unless_it_is_missing) {
+    const auto manifest_of = [](const std::string& path, size_t descriptors) {
+        test_archive archive;
+        manifest list;
+        manifest_begin(&list, archive.handle());
+        {
+            few_fds_left few(descriptors);
+            EXPECT_EQ(stream_dir_unknownsize(archive.handle(), archive.fd(), "in/", path.c_str(), nullptr),
+                      1);
+        }
+        manifest_store(&list, archive.handle());
+        return archive.finish().entries.back().data;
+    };
+    temp_dir folder;
+    EXPECT_NE(manifest_of(folder.path() + "/", 0).find("in/: Too many open files\n"), std::string::npos);
+    EXPECT_NE(manifest_of(folder.path() + "/missing/", 5).find("errors: 0\n"), std::string::npos);
 }
 
 TEST(stream_dir_unknownsize, empty_directory_stores_nothing) {

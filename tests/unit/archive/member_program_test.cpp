@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "archive/manifest.h"
 #include "tests/unit/archive/archive_fixture.h"
 #include "tests/unit/support/capture.h"
 #include "tests/unit/support/children.h"
@@ -270,4 +271,18 @@ TEST(stream_server_report, stores_the_execve_error_of_a_missing_script) {
     EXPECT_EQ(log.result, 0);
     EXPECT_EQ(log.listing.names(), std::vector<std::string>{"oopslog"});
     EXPECT_EQ(log.data(), std::string("execve: ") + strerror(ENOENT) + "\n");
+}
+
+TEST(stream_program, without_output_is_noted_in_the_manifest) {
+    const auto manifest_of = [](const char* script) {
+        const char* argv[] = {"/bin/sh", "-c", script, nullptr};
+        test_archive archive;
+        manifest list;
+        manifest_begin(&list, archive.handle());
+        EXPECT_EQ(stream_program(archive.handle(), archive.fd(), {temp_template, argv, "output.txt"}), 0);
+        manifest_store(&list, archive.handle());
+        return archive.finish().entries.back().data;
+    };
+    EXPECT_NE(manifest_of("true").find("output.txt: No data available\n"), std::string::npos);
+    EXPECT_NE(manifest_of("echo x").find("errors: 0\n"), std::string::npos);
 }

@@ -25,16 +25,6 @@
 
 namespace {
 
-// `size` bytes of lines of 79 blanks.
-std::string filler(size_t size) {
-    std::string lines;
-    while (lines.size() < size) {
-        lines += std::string(79, ' ') + "\n";
-    }
-    lines.resize(size);
-    return lines;
-}
-
 // A child that sleeps until its parent closes the pipe.
 class idle_child {
 public:

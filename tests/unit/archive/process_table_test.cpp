@@ -19,8 +19,6 @@ constexpr char heading[] =
     "    "
     "COMMAND\n";
 
-const uint32_t kb_per_page = static_cast<uint32_t>(sysconf(_SC_PAGESIZE)) / 1024;
-
 // A process that has run for 1000 s and used 10 s; at the first look.
 process_sample sample_of(pid_t pid) {
     process_sample sample = {};
@@ -30,7 +28,7 @@ process_sample sample_of(pid_t pid) {
     sample.stat.threads = 4;
     sample.stat.cpu_ticks = 1000;
     sample.stat.start_ticks = 50000;
-    sample.stat.resident_pages = 1280;
+    sample.resident_kb = 5120;
     strcpy(sample.stat.name, "app");
     sample.descriptors = 23;
     sample.taken_ms = 1500000;
@@ -139,13 +137,13 @@ std::string user_of(uid_t uid, const char* users) {
 
 TEST(process_table_text, columns_are_aligned) {
     process_sample after = later(sample_of(812), 973);
-    after.stat.resident_pages += 64 / kb_per_page;
+    after.resident_kb += 64;
     after.descriptors += 7;
     two_looks looks;
     looks.add_both(sample_of(812), after);
     char expected[256];
     snprintf(expected, sizeof expected, "%s%s%9u%s", heading,
-             "    812       1 root       S        4    0:19.73    97.3% ", 1280 * kb_per_page + 64,
+             "    812       1 root       S        4    0:19.73    97.3% ", 5120 + 64,
              "       +64     30     +7 app             /usr/bin/app\n");
     EXPECT_EQ(table_of(looks), expected);
 }
@@ -207,14 +205,13 @@ TEST(process_table_text, growth_has_a_sign) {
     for (int change : {-23, -1, 0, 1, 1000}) {
         process_sample after = later(sample_of(5));
         after.descriptors += change;
-        after.stat.resident_pages += static_cast<uint32_t>(change);
+        after.resident_kb += static_cast<uint32_t>(change);
         two_looks looks;
         looks.add_both(sample_of(5), after);
         const std::string sign = change < 0 ? "" : "+";
         EXPECT_EQ(cell_of_only_line(looks, fd_growth), sign + std::to_string(change));
         EXPECT_EQ(cell_of_only_line(looks, fds), std::to_string(23 + change));
-        EXPECT_EQ(cell_of_only_line(looks, rss_growth),
-                  sign + std::to_string(change * static_cast<int>(kb_per_page)));
+        EXPECT_EQ(cell_of_only_line(looks, rss_growth), sign + std::to_string(change));
     }
 }
 
@@ -244,10 +241,18 @@ TEST(process_table_text, new_process_that_seems_to_start_later_has_no_share) {
 TEST(process_table_text, process_that_has_gone_shows_what_the_first_look_knew) {
     two_looks looks;
     looks.add(0, sample_of(812), "/usr/bin/app -x");
-    const std::string rss_text = std::to_string(1280 * kb_per_page);
+    const std::string rss_text = std::to_string(5120);
     EXPECT_EQ(words_of(lines_of(looks).at(0)),
               (std::vector<std::string>{"812", "1", "root", "gone", "4", "0:10.00", "-", rss_text, "-", "23",
                                         "-", "app", "/usr/bin/app", "-x"}));
+}
+
+TEST(process_table_text, process_may_not_have_gone_if_a_look_has_left_some_out) {
+    two_looks looks;
+    looks.add(0, sample_of(5));
+    EXPECT_EQ(cell_of_only_line(looks, state), "gone");
+    looks.is_partial = true;
+    EXPECT_EQ(cell_of_only_line(looks, state), "?");
 }
 
 TEST(process_table_text, is_sorted_by_pid) {

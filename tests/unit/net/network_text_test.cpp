@@ -90,6 +90,13 @@ const std::string on = netlink_attribute(RTA_OIF, number(no_device));
 
 }  // namespace
 
+TEST(network_text, route_over_several_hops_or_another_family_says_so) {
+    EXPECT_EQ(text_of(network_table::routes, route(AF_INET, 0), netlink_attribute(RTA_MULTIPATH, number(0))),
+              "0.0.0.0/0 multipath\n");
+    EXPECT_EQ(text_of(network_table::routes, route(AF_INET, 0), netlink_attribute(RTA_VIA, number(0)) + on),
+              "0.0.0.0/0 via another family device #7654321\n");
+}
+
 TEST(network_text, of_an_interface) {
     const std::string mtu = netlink_attribute(IFLA_MTU, number(1500));
     const std::string mac = netlink_attribute(IFLA_ADDRESS, "\x02\xff\x01\x10\x0a\xa0");

@@ -95,3 +95,9 @@ TEST(proc_status_uid, reads_what_the_kernel_writes) {
     ASSERT_GT(small_file_text("/proc/self/status", text, sizeof text), 0);
     EXPECT_EQ(proc_status_uid(text), geteuid());
 }
+
+TEST(proc_status_number, is_the_number_of_the_line_with_the_key) {
+    const char* text = "Name:\tVmRSS: 5\nVmHWM:\t    9999 kB\nVmRSS:\t    1740 kB\n";
+    EXPECT_EQ(proc_status_number(text, "\nVmRSS:", 7), 1740u);
+    EXPECT_EQ(proc_status_number("Name:\tkthreadd\n", "\nVmRSS:", 7), 7u);
+}

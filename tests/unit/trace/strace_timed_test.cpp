@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/unit/support/signals.h"
@@ -378,4 +379,39 @@ TEST(timed_trace, several_processes_have_times_of_their_own) {
     const std::vector<double> sleeps = sleeps_in(trace.text);
     ASSERT_EQ(sleeps.size(), 2u) << trace.text;
     EXPECT_GE(std::ranges::min(sleeps), 0.05) << trace.text;
+}
+
+namespace {
+
+int32_t (*write_of_trace)(void* cookie, const char* text, int length);
+
+int32_t write_slowly(void* cookie, const char* text, int length) {
+    if (length > 0) {
+        usleep(20000);
+    }
+    return write_of_trace(cookie, text, length);
+}
+
+}  // namespace
+
+TEST(timed_trace, slow_reader_does_not_lengthen_the_calls_of_a_process) {
+    traced_child child([] {
+        for (int i = 0; i < 15; i++) {
+            (void)getppid();
+        }
+        return 0;
+    });
+    write_of_trace = std::exchange(child.trace.ctx.write, write_slowly);
+    child.trace.ctx.timed = 1;
+    child.run();
+    child.child.end_if_left();
+    std::vector<double> durations;
+    for (const std::string& line : lines_of(child.trace.text)) {
+        if (line.find("getppid(") != std::string::npos && duration_of(line) >= 0) {
+            durations.push_back(duration_of(line));
+        }
+    }
+    ASSERT_EQ(durations.size(), 15u);
+    std::ranges::sort(durations);
+    EXPECT_LT(durations[7], 0.02) << "the median";
 }
