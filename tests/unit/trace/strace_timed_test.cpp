@@ -31,7 +31,9 @@ thread_local int wall_clock_calls = 0;
 // Replaces the C library's in the whole test program, to count.
 extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
     using getter = int (*)(clockid_t, timespec*);
-    static const auto real = reinterpret_cast<getter>(dlsym(RTLD_NEXT, "clock_gettime"));
+    // On a 32-bit machine, times of 64 bits have a function of their own.
+    constexpr const char* name = sizeof(time_t) > sizeof(long) ? "__clock_gettime64" : "clock_gettime";
+    static const auto real = reinterpret_cast<getter>(dlsym(RTLD_NEXT, name));
     wall_clock_calls += clock == CLOCK_REALTIME;
     return real(clock, now);
 }
