@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <semaphore>
 
@@ -10,16 +11,22 @@ namespace {
 
 constexpr int patience_ms = 20000;
 
+// Waits for an event. The target's kernel was once seen to interrupt this call although no signal has a
+// handler.
+bool has_event(pollfd* wait) {
+    return TEMP_FAILURE_RETRY(poll(wait, 1, patience_ms)) == 1;
+}
+
 // Waits until the pool has answers, and takes them.
 std::vector<webfront_answered> next_answers(webfront_pool* pool) {
     pollfd wait = {pool->answered_event(), POLLIN, 0};
-    EXPECT_EQ(poll(&wait, 1, patience_ms), 1);
+    EXPECT_TRUE(has_event(&wait));
     return pool->take_answered();
 }
 
 bool is_closed(const test_pipe& one) {
     pollfd wait = {one.out.get(), POLLIN, 0};
-    return poll(&wait, 1, patience_ms) == 1 && (wait.revents & POLLHUP) != 0;
+    return has_event(&wait) && (wait.revents & POLLHUP) != 0;
 }
 
 }  // namespace
