@@ -96,7 +96,9 @@ def test_durations_are_those_of_strace(daemon, service, tmp_path):
     ours = slow_calls(r"\] ", text)
     for kind, least in (("sleep", 0.2), ("read", 0.3)):
         assert len(ours[kind]) == len(theirs[kind]) == REPEATS, (ours, theirs)
-        assert ours[kind][0] >= least * 0.99, ours
+        # The program's sleeps have an absolute end, and the time for which it is stopped at a call's entry is not part
+        # of the call.
+        assert ours[kind][0] >= least * 0.9, ours
         # The shortest of each, since other work of the machine can prolong any of them.
         assert ours[kind][0] == pytest.approx(theirs[kind][0], rel=0.1), (ours, theirs)
 
