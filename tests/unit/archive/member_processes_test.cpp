@@ -87,7 +87,8 @@ struct look_result {
         return notes;
     }
     const process_sample* sample(size_t index) const {
-        return static_cast<const process_sample*>(static_cast<const void*>(looks.samples[0].data.get())) + index;
+        return static_cast<const process_sample*>(static_cast<const void*>(looks.samples[0].data.get())) +
+               index;
     }
     size_t sample_count() const { return looks.samples[0].length / sizeof(process_sample); }
     std::string command(size_t index) const {
