@@ -1,5 +1,6 @@
 #include "cgi/worker_strace.h"
 
+#include <errno.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <signal.h>
