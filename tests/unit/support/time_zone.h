@@ -6,7 +6,7 @@
 
 #include <string>
 
-// Sets the time zone of this program for the length of a block, as TZ has it: "XXX-1" is an hour ahead of
+// Sets the time zone of this program for the length of a block, as TZ has it: "TST-1" is an hour ahead of
 // UTC.
 class scoped_zone {
 public:
@@ -19,5 +19,5 @@ public:
 // The zone in which it is between 12:00 and 13:00 now: no midnight comes during a test.
 inline std::string noon_zone() {
     const long hour = time(nullptr) / 3600 % 24;
-    return "XXX" + std::to_string(hour - 12);
+    return "TST" + std::to_string(hour - 12);
 }

@@ -34,13 +34,13 @@ TEST(strace_time_of_day, has_microseconds) {
 }
 
 TEST(strace_time_of_day, is_local) {
-    scoped_zone zone("XXX-5:45");
+    scoped_zone zone("TST-5:45");
     strace_minute minute;
     EXPECT_EQ(time_at(&minute, midnight), "05:45:00.000000 ");
 }
 
 TEST(strace_time_of_day, is_right_in_a_zone_whose_offset_has_seconds) {
-    scoped_zone zone("XXX-0:00:17");
+    scoped_zone zone("TST-0:00:17");
     strace_minute minute;
     EXPECT_EQ(time_at(&minute, midnight + 42), "00:00:59.000000 ");
     EXPECT_EQ(time_at(&minute, midnight + 43), "00:01:00.000000 ");
@@ -63,7 +63,7 @@ TEST(strace_time_of_day, follows_steps_of_the_clock) {
 }
 
 TEST(strace_time_of_day, is_right_on_a_machine_whose_clock_was_never_set) {
-    scoped_zone zone("XXX-1");
+    scoped_zone zone("TST-1");
     strace_minute minute;
     EXPECT_EQ(time_at(&minute, 7), "01:00:07.000000 ");
 }
@@ -74,7 +74,7 @@ TEST(strace_time_of_day, looks_at_the_time_zone_once_a_minute) {
         scoped_zone zone("UTC0");
         EXPECT_EQ(time_at(&minute, midnight), "00:00:00.000000 ");
     }
-    scoped_zone zone("XXX-1");
+    scoped_zone zone("TST-1");
     EXPECT_EQ(time_at(&minute, midnight + 59), "00:00:59.000000 ");
     EXPECT_EQ(time_at(&minute, midnight + 60), "01:01:00.000000 ");
 }
