@@ -1,0 +1,26 @@
+// Bounds on what is read from an archive. Every byte of an archive may be hostile.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace archiveview {
+
+constexpr uint64_t member_limit = 100000;               // members of an archive; reading ends after them
+constexpr uint64_t unpacked_limit = uint64_t{4} << 30;  // bytes of all members; reading ends after them
+constexpr size_t name_limit = 4096;                     // bytes of a member's name; a longer one is cut
+constexpr size_t text_limit = size_t{8} << 20;          // bytes of a text that is parsed; the rest is skipped
+constexpr size_t shown_text_limit = 100 * 1024;         // bytes of a member that is shown as text
+constexpr size_t shown_texts_limit = size_t{12} << 20;  // bytes of all members that are shown as text
+constexpr size_t process_limit = 4096;
+constexpr size_t thread_limit = 4096;       // of one process
+constexpr size_t descriptor_limit = 65536;  // of one process
+constexpr size_t counter_limit = 20000;     // names in one table of counters
+constexpr size_t socket_limit = 65536;
+constexpr size_t conversation_limit = 20000;
+constexpr size_t core_limit = 1024;
+constexpr size_t core_notes_limit = size_t{8}
+                                    << 20;  // bytes at the start of a core, up to the end of its notes
+constexpr size_t mapping_limit = 65536;     // of one core
+
+}  // namespace archiveview
