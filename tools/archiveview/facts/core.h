@@ -22,6 +22,7 @@ struct core_thread {
     uint64_t futex = 0;               // the address it waits on, or 0
     int owner = 0;                    // tid of the thread that has that lock, or 0
     bool owner_ended = false;         // that thread is not in this core
+    int joins = 0;                    // tid of the thread whose end it waits for, or 0
     int signal = 0;                   // the signal that it was given
     std::vector<std::string> frames;  // functions, innermost first; empty without a debugger
 };
@@ -31,6 +32,8 @@ struct core_file {
     std::string path;
     std::string build_id;  // hexadecimal; may be empty
 };
+
+class core_spool;  // the bytes of a core, in a file without a name
 
 // Threads that wait for one another, or for one that has ended.
 struct core_deadlock {
@@ -48,18 +51,36 @@ struct core_facts {
     uint64_t bytes = 0;
     std::string program, command;  // from its notes
     char state = '?';
-    int signal = 0;  // that ended the process, or 0
+    int signal = 0;              // that ended the process, or 0
+    std::string signal_name;     // "SIGSEGV", as that machine numbers signals
+    uint64_t fault_address = 0;  // of a signal that a wrong access caused
     std::vector<core_thread> threads;
     std::vector<core_file> files;
     std::vector<core_deadlock> deadlocks;
     std::string stack_remark;  // why threads have no frames
-    std::string gdb_command;   // to copy: it opens this core
+    std::string gdb_command;   // to copy: it opens this core; the word ARCHIVE stands for the archive's name
+    std::shared_ptr<const core_spool> spool;  // its bytes, for cores_add_stacks()
 };
+
+// The command that opens a core of this archive in a debugger, safe to paste into a shell.
+std::string core_gdb_command(const core_facts& core, std::string_view archive);
+
+struct core_options {
+    bool stacks = true;  // run a debugger
+    // Where programs and libraries of the device may be. A file is used only if it has the build id that the
+    // core names.
+    std::vector<std::string> folders = {"/"};
+};
+
+// Adds frames to the threads of cores, with gdb-multiarch if that is installed. Takes at most 30 seconds;
+// at most 3 if no core has a fault. Call once, after all cores. Drops the bytes that were kept for it.
+void cores_add_stacks(std::vector<core_facts>* cores, const core_options& options);
 
 // Reads a core as it streams.
 class core_reader {
 public:
-    core_reader(std::string member, std::string folder_name, int pid, uint64_t size);
+    core_reader(std::string member, std::string folder_name, int pid, uint64_t size,
+                const core_options& options = {});
     ~core_reader();
     core_reader(const core_reader&) = delete;
     core_reader& operator=(const core_reader&) = delete;
