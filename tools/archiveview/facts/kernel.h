@@ -17,6 +17,8 @@ struct log_line {
 
 struct oops_record {
     unsigned number = 0;   // 1 is the oldest
+    uint32_t count = 0;    // the number that the flash gives it
+    bool is_cut = false;   // it ends in the middle of a line
     std::string headline;  // "Unable to handle kernel paging request at virtual address 00000010"
     std::string place;     // "do_sys_open+0x10c/0x210"; may be empty
     std::string process;   // may be empty
@@ -26,7 +28,7 @@ struct oops_record {
 };
 
 struct kernel_facts {
-    std::vector<oops_record> oops;  // in order
+    std::vector<oops_record> oops;  // in order, the newest last
     std::string oops_remark;        // what the reader of the flash said, if it has no records
     std::vector<log_line> log;
     uint64_t tainted = 0;              // bits of /proc/sys/kernel/tainted
@@ -35,7 +37,7 @@ struct kernel_facts {
 };
 
 void kernel_parse_oops(kernel_facts* facts, std::string_view text);
-void kernel_parse_log(kernel_facts* facts, std::string_view text);
+void kernel_parse_log(kernel_facts* facts, std::string_view text);  // keeps the newest lines
 void kernel_set_tainted(kernel_facts* facts, uint64_t bits);
 
 }  // namespace archiveview

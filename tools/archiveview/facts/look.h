@@ -28,7 +28,7 @@ struct named_counter {
 
 struct slab_cache {
     std::string name;
-    uint64_t objects = 0;
+    uint64_t objects = 0;  // in use or kept for use
     uint64_t object_bytes = 0;
 };
 
@@ -65,15 +65,18 @@ struct look {
     std::vector<slab_cache> slabs;
     std::vector<disk_counters> disks;
     std::vector<interface_counters> interfaces;
-    std::map<std::string, uint64_t> protocols;    // "Tcp.RetransSegs"; of snmp, netstat, snmp6
+    std::map<std::string, uint64_t>
+        protocols;  // "Tcp.RetransSegs", "Ip6.InReceives"; of snmp, netstat, snmp6
     std::map<std::string, std::string> settings;  // "sys/kernel/panic": the text of a short file of /proc/sys
     std::vector<mount> mounts;
     std::vector<std::string> modules;              // the lines of /proc/modules
     std::string version, command_line, processor;  // /proc/version, /proc/cmdline, the processor's model
+    std::string machine;                           // the kind of board, from /proc/cpuinfo; may be empty
 };
 
 // Adds a file of /proc: `name` is relative to it ("stat", "net/dev", "sys/vm/swappiness"). Returns false if
-// nothing is known about such a file.
+// nothing is known about such a file. A file may end anywhere: a line without its newline is not used, except
+// where the file is one text. A file that is added again replaces what it gave before.
 bool look_add(look* l, std::string_view name, std::string_view text);
 
 struct change {
@@ -86,8 +89,10 @@ struct change {
     std::string first_text, second_text;  // of settings
 };
 
-// What differs, the largest change of each group first. Counters that went backwards are left out: they
-// wrapped or were reset.
+// What differs, the largest change of each group first, with all processors before each single one. A counter
+// of 32 bits that wrapped is taken for that if it was near its end. Other counters that went backwards are
+// left out: they were reset. So are all rates if the uptimes do not say how much time passed, settings that
+// change by themselves, and what only one look has.
 std::vector<change> look_changes(const look& first, const look& second);
 
 // How busy the processors were between the looks, in percent of all of them; -1 if unknown.
