@@ -6,6 +6,7 @@
 
 namespace archiveview {
 
+// Throws only what the source's reader throws, or if memory runs out.
 archive_facts collect_facts(archive_source* source);
 
 }  // namespace archiveview

@@ -12,6 +12,7 @@ constexpr size_t name_limit = 4096;                     // bytes of a member's n
 constexpr size_t text_limit = size_t{8} << 20;          // bytes of a text that is parsed; the rest is skipped
 constexpr size_t shown_text_limit = 100 * 1024;         // bytes of a member that is shown as text
 constexpr size_t shown_texts_limit = size_t{12} << 20;  // bytes of all members that are shown as text
+constexpr size_t skipped_limit = 200;                   // names of members that were not looked at
 constexpr size_t process_limit = 4096;
 constexpr size_t thread_limit = 4096;       // of one process
 constexpr size_t descriptor_limit = 65536;  // of one process

@@ -24,6 +24,7 @@ struct archive_summary {
     bool is_readable = false;  // at least one member was found
     bool is_full = false;      // the form with a manifest
     bool is_compressed = false;
+    bool is_end_unknown = false;    // "cut" only because nothing proves that the end is there
     std::string reason;             // why it is not whole: one sentence
     std::string directory;          // the archive's top directory
     std::string cut_member;         // the member that is not whole

@@ -3,10 +3,11 @@
 
 #include <stdint.h>
 
-#include <functional>
 #include <memory>
 #include <span>
 #include <string>
+
+#include "tools/archiveview/source/unpacker.h"
 
 namespace archiveview {
 
@@ -15,13 +16,11 @@ struct source_member {
     uint64_t size = 0;  // as its header says
 };
 
-enum class source_end { none, whole, cut, damaged };
-
 struct source_state {
     source_end end =
         source_end::none;  // whole: the file ends as its format says. That proves nothing about its members
     bool is_compressed = false;
-    std::string reason;      // why it is cut or damaged: a sentence
+    std::string reason;  // why it is cut or damaged: a part of a sentence, "its compressed data ends early"
     std::string cut_member;  // the member that was being read then, or empty
     uint64_t cut_member_bytes = 0;
     uint64_t members = 0;
@@ -31,7 +30,7 @@ struct source_state {
 class archive_source {
 public:
     // `read` fills a buffer and returns how many bytes it took, 0 at the end. What it throws passes through.
-    using byte_source = std::function<size_t(std::span<char>)>;
+    using byte_source = archiveview::byte_source;
     explicit archive_source(byte_source read);
     ~archive_source();
     archive_source(const archive_source&) = delete;
