@@ -25,6 +25,9 @@ constexpr size_t oops_limit = 1024;         // records in flash memory
 constexpr size_t group_change_limit = 150;  // changes of one kind between the looks
 constexpr size_t socket_limit = 65536;
 constexpr size_t conversation_limit = 20000;
+constexpr size_t call_limit = 512;          // names of calls, and of errors, of one traced process
+constexpr size_t signal_limit = 1000;       // of one traced process
+constexpr size_t traced_line_limit = 4096;  // bytes of a trace's line that is shown
 constexpr size_t core_limit = 1024;
 constexpr size_t core_notes_limit = size_t{8}
                                     << 20;  // bytes at the start of a core, up to the end of its notes

@@ -29,21 +29,25 @@ struct traced_process {
     std::map<std::string, uint64_t> by_errno;  // "EAGAIN"
     std::map<int, traced_descriptor> descriptors;
     std::vector<std::string> signals;
-    std::string waits_in;       // the call that had not returned at the end; may be empty
-    std::string waits_in_line;  // its line
-    double waits_seconds = -1;  // how long it had not returned; -1 if unknown
-    std::string polling_call;   // the call that it repeats without a result; empty if it does not poll
+    bool has_ended = false;         // during the trace
+    int open_descriptors = -1;      // as its last list of descriptors says; -1 if there is none
+    std::string waits_in;           // the call that had not returned at the end; may be empty
+    std::string waits_in_line;      // its line
+    double waits_seconds = -1;      // how long it had not returned; -1 if unknown
+    bool waits_throughout = false;  // it had not returned since the trace began
+    std::string polling_call;       // the call that it repeats without a result; empty if it does not poll
     double polling_per_second = 0;
-    std::string slowest_line;  // in timed traces
+    std::string slowest_line;  // in timed traces; calls that wait by design do not count
     double slowest_seconds = -1;
 };
 
 struct trace_facts {
     bool is_present = false;
     bool is_timed = false;
-    uint64_t bytes = 0;    // without filler lines
-    bool is_full = false;  // its size was reached, so later calls are missing
-    double seconds = -1;   // from the first line to the last; -1 if unknown
+    uint64_t bytes = 0;     // without filler lines
+    bool is_full = false;   // its size was reached, so later calls are missing
+    uint64_t left_out = 0;  // lines of processes beyond process_limit
+    double seconds = -1;    // from the first line to the last; -1 if unknown
     uint64_t calls = 0, errors = 0;
     std::map<int, traced_process> by_pid;
 };
