@@ -41,37 +41,6 @@ double process_span(const archive_facts& facts, const manifest_facts* manifest, 
     return seconds;
 }
 
-void set_if_empty(std::string* to, const std::string& text) {
-    if (to->empty()) {
-        *to = text;
-    }
-}
-
-std::string setting_of(const look& from, const char* name) {
-    const auto found = from.settings.find(name);
-    return found == from.settings.end() ? "" : found->second;
-}
-
-// Fills in what system.txt did not say.
-void complete_device(device_facts* device, const look& from) {
-    set_if_empty(&device->host, setting_of(from, "sys/kernel/hostname"));
-    set_if_empty(&device->kernel, setting_of(from, "sys/kernel/osrelease"));
-    set_if_empty(&device->version, from.version);
-    set_if_empty(&device->command_line, from.command_line);
-    set_if_empty(&device->processor, from.processor);
-    set_if_empty(&device->load, from.load);
-    if (device->processors == 0 && from.processors.size() > 1) {
-        device->processors = static_cast<unsigned>(from.processors.size() - 1);
-    }
-    if (const auto total = from.memory_kb.find("MemTotal");
-        device->memory_kb == 0 && total != from.memory_kb.end()) {
-        device->memory_kb = total->second;
-    }
-    if (device->uptime_seconds <= 0) {
-        device->uptime_seconds = from.uptime_seconds;
-    }
-}
-
 }  // namespace
 
 bool is_socket_table(std::string_view file) {
@@ -90,8 +59,11 @@ void join_facts(archive_facts* facts, const manifest_facts* manifest, const look
             facts->archive.started = manifest->started;
         }
     }
-    complete_device(&facts->device, first);
-    complete_device(&facts->device, second);
+    for (const look& one : facts->looks) {
+        if (one.is_present) {
+            device_add_look(&facts->device, one);
+        }
+    }
     facts->kernel.modules = second.modules.empty() ? first.modules : second.modules;
     if (first.is_present && second.is_present) {
         facts->changes = look_changes(first, second);

@@ -1,18 +1,18 @@
 // archiveview: reads a debug archive and says what is wrong.
-#include <fcntl.h>
 #include <stdio.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <system_error>
+#include <exception>
+#include <stdexcept>
 
-#include "common/unique_fd.h"
 #include "tools/archiveview/collect.h"
 #include "tools/archiveview/findings/findings.h"
 #include "tools/archiveview/options.h"
+#include "tools/archiveview/progress.h"
+#include "tools/archiveview/source/printable.h"
 #include "tools/archiveview/views/html_view.h"
 #include "tools/archiveview/views/json_view.h"
 #include "tools/archiveview/views/text_view.h"
+#include "tools/files/files.h"
 
 namespace {
 
@@ -20,59 +20,56 @@ using archiveview::archive_facts;
 using archiveview::report_format;
 using archiveview::report_options;
 
-constexpr int status_not_readable = 1;
+constexpr int status_failed = 1;
 constexpr int status_usage = 2;
 constexpr int status_not_whole = 3;
 
-[[noreturn]] void fail(const std::string& what) {
-    throw std::system_error(errno, std::generic_category(), what);
+archive_facts facts_of(const files_input& input) {
+    archiveview::read_progress progress(files_descriptor(input));
+    archiveview::archive_source source([&](std::span<char> to) {
+        const size_t count = files_read(input, to);
+        progress.add(count);
+        return count;
+    });
+    archive_facts facts = collect_facts(&source);
+    if (!facts.archive.is_readable) {
+        throw std::runtime_error(input.name + ": " + facts.archive.reason);
+    }
+    return facts;
 }
 
-archiveview::byte_source source_of(int fd, const std::string& name) {
-    return [fd, name](std::span<char> to) {
-        for (;;) {
-            ssize_t got = read(fd, to.data(), to.size());
-            if (got >= 0) {
-                return static_cast<size_t>(got);
-            }
-            if (errno != EINTR) {
-                fail(name);
-            }
-        }
-    };
+std::string report_of(const archive_facts& facts, const report_options& options) {
+    const std::vector<archiveview::finding> findings = find_all(facts);
+    switch (options.format) {
+        case report_format::json:
+            return json_view(facts, findings);
+        case report_format::html:
+            return html_view(facts, findings, options.input);
+        case report_format::text:
+            break;
+    }
+    return text_view(facts, findings);
 }
 
 int run(const report_options& options) {
-    unique_fd input;
-    if (options.input != "-") {
-        input = unique_fd(open(options.input.c_str(), O_RDONLY | O_CLOEXEC));
-        if (!input) {
-            fail(options.input);
-        }
+    const files_input input = files_open(options.input, "archive");
+    bool is_whole = false;
+    const auto produce = [&](const files_sink& sink) {
+        const archive_facts facts = facts_of(input);
+        is_whole = facts.archive.state == archiveview::archive_state::whole;
+        sink(report_of(facts, options));
+    };
+    if (!options.page.empty() && options.page != "-") {
+        files_write(options.page, input, produce);
+    } else {
+        files_write_standard_output(input, produce);
     }
-    archiveview::archive_source source(source_of(input ? input.get() : STDIN_FILENO, options.input));
-    const archive_facts facts = collect_facts(&source);
-    if (!facts.archive.is_readable) {
-        (void)fprintf(stderr, "archiveview: %s: %s\n", options.input.c_str(), facts.archive.reason.c_str());
-        return status_not_readable;
-    }
-    const std::vector<archiveview::finding> findings = find_all(facts);
-    const std::string report = options.format == report_format::json ? json_view(facts, findings)
-                               : options.format == report_format::html
-                                   ? html_view(facts, findings, options.input)
-                                   : text_view(facts, findings);
-    FILE* to = options.format == report_format::html && options.page != "-"
-                   ? fopen(options.page.c_str(), "we")
-                   : stdout;
-    if (!to || fwrite(report.data(), 1, report.size(), to) != report.size() || fflush(to) != 0) {
-        fail(options.page);
-    }
-    return facts.archive.state == archiveview::archive_state::whole ? 0 : status_not_whole;
+    return is_whole ? 0 : status_not_whole;
 }
 
 int parse_and_run(int argc, char** argv) {
     report_options options;
-    const std::string wrong = parse_options(argc, argv, &options);
+    const std::string wrong = archiveview::parse_options(argc, argv, &options);
     if (wrong.empty() && !options.wants_help) {
         return run(options);
     }
@@ -89,7 +86,7 @@ int main(int argc, char** argv) {
     try {
         return parse_and_run(argc, argv);
     } catch (const std::exception& error) {
-        (void)fprintf(stderr, "archiveview: %s\n", error.what());
-        return status_not_readable;
+        (void)fprintf(stderr, "archiveview: %s\n", archiveview::printable(error.what()).c_str());
+        return status_failed;
     }
 }
