@@ -1,12 +1,17 @@
 #include "tools/archiveview/verdict.h"
 
-#include <algorithm>
+#include <utility>
 
 #include "tools/archiveview/source/printable.h"
 
 namespace archiveview {
 
 namespace {
+
+std::string without_directory(const std::string& name, const std::string& directory) {
+    const bool is_in = !directory.empty() && name.starts_with(directory + "/");
+    return is_in ? name.substr(directory.size() + 1) : name;
+}
 
 void set_state(archive_summary* summary, archive_state state, std::string reason) {
     summary->state = state;
@@ -77,7 +82,7 @@ void set_verdict(archive_summary* summary, const archive_evidence& evidence) {
     }
     set_state(summary, source.end == source_end::cut ? archive_state::cut : archive_state::damaged,
               source.reason);
-    summary->cut_member = source.cut_member;
+    summary->cut_member = without_directory(source.cut_member, summary->directory);
     summary->cut_member_bytes = source.cut_member_bytes;
     summary->missing = evidence.order->missing(true, !source.cut_member.empty());
 }

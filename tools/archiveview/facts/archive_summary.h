@@ -27,7 +27,7 @@ struct archive_summary {
     bool is_end_unknown = false;    // "cut" only because nothing proves that the end is there
     std::string reason;             // why it is not whole: one sentence
     std::string directory;          // the archive's top directory
-    std::string cut_member;         // the member that is not whole
+    std::string cut_member;         // the member that is not whole, without the top directory; empty: none
     uint64_t cut_member_bytes = 0;  // its bytes that are there
     uint64_t members = 0;
     uint64_t bytes = 0;                // of all members

@@ -1,21 +1,124 @@
 #include "tools/archiveview/views/text_view.h"
 
+#include <algorithm>
+
+#include "tools/archiveview/views/text_lines.h"
+
 namespace archiveview {
 
-std::string text_view(const archive_facts& facts, const std::vector<finding>& findings) {
-    static constexpr const char* states[] = {"whole", "cut", "damaged"};
-    const archive_summary& archive = facts.archive;
-    std::string text = states[static_cast<int>(archive.state)];
-    text += ": " + archive.reason + " " + archive.cut_member + " " +
-            std::to_string(archive.cut_member_bytes) + ", " + std::to_string(archive.members) + " members, " +
-            std::to_string(archive.bytes) + " bytes\n";
-    for (const std::string& missing : archive.missing) {
-        text += "missing: " + missing + "\n";
+namespace {
+
+constexpr size_t shown_findings = 7;
+constexpr size_t verdict_lines = 3, device_lines = 2, sentence_lines = 2, list_lines = 2;
+
+std::string counted(uint64_t count, const char* one, const char* many) {
+    return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+std::string joined(const std::vector<std::string>& parts) {
+    std::string all;
+    for (const std::string& part : parts) {
+        all += (all.empty() ? "" : ", ") + part;
     }
-    for (const finding& one : findings) {
-        text += one.id + ": " + one.text + "\n";
+    return all;
+}
+
+// "cut in oopslog after 512 bytes: its compressed data ends early"
+std::string where_and_why(const archive_summary& archive) {
+    std::string text = archive.state == archive_state::cut ? "cut" : "damaged";
+    if (!archive.cut_member.empty()) {
+        text += " in " + archive.cut_member + " after " + counted(archive.cut_member_bytes, "byte", "bytes");
+    }
+    text += ": " + archive.reason;
+    if (!archive.missing.empty()) {
+        text += "; missing: " + joined(archive.missing);
     }
     return text;
+}
+
+std::string verdict_of(const archive_summary& archive) {
+    const std::string amount =
+        counted(archive.members, "member", "members") + ", " + size_text(archive.bytes);
+    if (archive.state == archive_state::whole) {
+        return "whole: " + amount + (archive.is_full ? ", full form" : ", usual form");
+    }
+    return where_and_why(archive) + " (" + amount + " were read)";
+}
+
+std::string device_of(const archive_facts& facts) {
+    const device_facts& device = facts.device;
+    std::vector<std::string> parts;
+    const auto add = [&parts](const std::string& before, const std::string& value, const char* after = "") {
+        if (!value.empty()) {
+            parts.push_back(before + value + after);
+        }
+    };
+    add("", device.host);
+    add("kernel ", device.kernel);
+    add("", device.machine);
+    add("up ", device.uptime_seconds > 0 ? duration_text(device.uptime_seconds) : "");
+    add("", facts.archive.started);
+    if (facts.archive.span_seconds > 0) {
+        add("", decimal_text(facts.archive.span_seconds), " s between the looks");
+    }
+    return joined(parts);
+}
+
+std::string heading_of(const finding& one) {
+    std::string text = std::string(severity_name(one.level)) + " " + one.id;
+    if (one.pid != 0) {
+        text += ", " + (one.name.empty() ? "process" : one.name) + " (pid " + std::to_string(one.pid) + ")";
+    }
+    return text + ": " + one.text;
+}
+
+void add_findings(text_lines* lines, const std::vector<finding>& findings) {
+    for (size_t i = 0; i < std::min(findings.size(), shown_findings); i++) {
+        const finding& one = findings[i];
+        lines->add(heading_of(one), "", "    ", sentence_lines);
+        if (!one.proof.empty()) {
+            lines->add(one.proof.front().text, "    - ", "", 1);
+        }
+        if (!one.next.empty()) {
+            lines->add(one.next, "    > ", "", 1);
+        }
+    }
+    if (findings.size() > shown_findings) {
+        lines->add(counted(findings.size() - shown_findings, "more finding", "more findings") +
+                       "; --html and --json show all",
+                   "", "", 1);
+    }
+    if (findings.empty()) {
+        lines->add("no findings: nothing that was read looks wrong", "", "", 1);
+    }
+}
+
+// "kpagecount (not text), kallsyms (too large to show)"
+void add_list(text_lines* lines, const std::string& heading, const std::vector<named_text>& members) {
+    if (members.empty()) {
+        return;
+    }
+    std::string text = heading + " (" + std::to_string(members.size()) + "): ";
+    for (size_t i = 0; i < members.size(); i++) {
+        text += (i == 0 ? "" : ", ") + members[i].name + " (" + members[i].text + ")";
+    }
+    lines->add(text, "", "    ", list_lines);
+}
+
+}  // namespace
+
+std::string text_view(const archive_facts& facts, const std::vector<finding>& findings) {
+    text_lines lines;
+    lines.add(verdict_of(facts.archive), "", "    ", verdict_lines);
+    lines.add(device_of(facts), "", "    ", device_lines);
+    lines.add_blank();
+    add_findings(&lines, findings);
+    if (!facts.archive.member_errors.empty() || !facts.archive.not_examined.empty()) {
+        lines.add_blank();
+    }
+    add_list(&lines, "not stored by the device", facts.archive.member_errors);
+    add_list(&lines, "not looked at", facts.archive.not_examined);
+    return lines.text();
 }
 
 }  // namespace archiveview
