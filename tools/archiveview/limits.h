@@ -22,6 +22,7 @@ constexpr size_t setting_limit = 512;       // bytes of a kernel setting; a long
 constexpr size_t line_limit = 4096;         // bytes of a line that is kept, such as the kernel's command line
 constexpr size_t log_line_limit = 50000;    // newest lines of the kernel's log
 constexpr size_t oops_limit = 1024;         // records in flash memory
+constexpr size_t oops_line_limit = 256;     // of one of them
 constexpr size_t group_change_limit = 150;  // changes of one kind between the looks
 constexpr size_t socket_limit = 65536;
 constexpr size_t conversation_limit = 20000;

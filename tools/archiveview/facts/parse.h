@@ -6,6 +6,8 @@
 #include <charconv>
 #include <optional>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 
 #include "common/ascii.h"
 
@@ -44,12 +46,18 @@ constexpr std::string_view trimmed(std::string_view text) {
     return text;
 }
 
-// The number that the whole of `word` is, or nothing.
+// The number that the whole of `word` is, or nothing. The base is ignored for fractions, which may come out
+// as infinite or as no number.
 template <typename Number = uint64_t>
 std::optional<Number> number_of(std::string_view word, int base = 10) {
     Number number = 0;
     const char* end = word.data() + word.size();
-    const std::from_chars_result result = std::from_chars(word.data(), end, number, base);
+    std::from_chars_result result;
+    if constexpr (std::is_floating_point_v<Number>) {
+        result = std::from_chars(word.data(), end, number);
+    } else {
+        result = std::from_chars(word.data(), end, number, base);
+    }
     return result.ec == std::errc() && result.ptr == end && !word.empty() ? std::optional(number)
                                                                           : std::nullopt;
 }
@@ -58,6 +66,24 @@ std::optional<Number> number_of(std::string_view word, int base = 10) {
 template <typename Number = uint64_t>
 Number take_number(std::string_view* line) {
     return number_of<Number>(take_word(line)).value_or(0);
+}
+
+// Calls `use` with each line of `text` that has its newline: the last line of a text that was cut is not
+// used.
+template <typename Use>
+void for_each_whole_line(std::string_view text, const Use& use) {
+    for (size_t end = 0; (end = text.find('\n')) != std::string_view::npos;) {
+        use(text.substr(0, end));
+        text.remove_prefix(end + 1);
+    }
+}
+
+// Adds `value` to a list that holds at most `limit` of them.
+template <typename List, typename Value>
+void add_within(List* list, size_t limit, Value&& value) {
+    if (list->size() < limit) {
+        list->push_back(std::forward<Value>(value));
+    }
 }
 
 }  // namespace archiveview
