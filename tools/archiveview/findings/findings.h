@@ -13,7 +13,8 @@ enum class severity { note, warning, critical };
 struct evidence {
     std::string text;   // one fact: "412 descriptors, 380 of them sockets"
     std::string place;  // where it is: "process/412", "socket/4711", "trace/412", "conversation/3",
-                        // "core/412", "change/memory", "oops/1", "log", "member/NAME"; may be empty
+                        // "core/412", "change/memory", "oops/1", "log", "member/NAME"; may be empty. 3 is the
+                        // index of a conversation.
 };
 
 struct finding {

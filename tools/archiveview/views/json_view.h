@@ -1,4 +1,4 @@
-// All facts and findings as JSON.
+// All facts and findings as JSON. The manual archiveview(1) has the schema.
 #pragma once
 
 #include <string>
