@@ -8,35 +8,18 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/archiveview/facts/descriptors.h"
 #include "tools/archiveview/facts/look.h"
+#include "tools/archiveview/facts/process_evidence.h"
 
 namespace archiveview {
-
-struct descriptor {
-    int number = -1;
-    std::string target;  // "socket:[4711]", "/var/log/messages (deleted)"
-    uint64_t inode = 0;  // of sockets and pipes
-};
-
-struct descriptor_counts {
-    unsigned total = 0, file = 0, socket = 0, pipe = 0, other = 0;
-};
-
-struct thread_facts {
-    int tid = 0;
-    std::string name;
-    char state = '?';
-    std::string wait_channel;    // the kernel's function it sleeps in
-    uint64_t ticks = 0;          // processor time since its start, of the last look that has it
-    int64_t ticks_between = -1;  // processor time between the looks; -1 if unknown
-};
 
 // The monitor's report on a process.
 struct monitor_report {
     int descriptor_score = 0;
     int fork_score = 0;
     int children = 0;
-    std::vector<int> descriptors, sockets, pipes;  // now, and 1, 2, 3 rounds ago
+    std::vector<int> descriptors, sockets, pipes;  // now, and up to 3 rounds ago, as far as it was there then
 };
 
 struct process_facts {
@@ -46,27 +29,33 @@ struct process_facts {
     std::string command;  // with its arguments
     std::string program;  // path of the executable
     std::string user;
-    char state = '?';  // R, S, D, T, t, Z, X; '?' if unknown
+    char state = '?';  // R, S, D, T, t, Z, I, X; '?' if unknown
     bool in_first_look = false, in_second_look = false;
+    bool has_gone = false;     // it ended between the looks; its state is then X
+    uint64_t start_ticks = 0;  // after boot, in hundredths of a second
     bool is_kernel_thread = false;
     unsigned thread_count = 0;
     std::vector<thread_facts> threads;
     double cpu_percent = -1;                           // of one processor, between the looks; -1 if unknown
     int64_t resident_kb = -1, resident_growth_kb = 0;  // -1 if unknown
     int64_t descriptor_growth = 0;                     // between the looks
+    growth_by_kind descriptor_growth_by_kind;          // the same by kinds
     uint64_t descriptor_bound = 0;                     // the soft limit on open files; 0 if unknown
     std::vector<descriptor> descriptors;
-    descriptor_counts counts;
+    descriptor_counts counts;             // more than the descriptors if those were too many
+    std::vector<uint64_t> first_sockets;  // inodes of the sockets that it had in the first look
     monitor_report monitor;
-    unsigned children = 0;     // processes of this archive whose parent it is
+    unsigned children = 0;     // processes of this archive whose parent it is, without those that have gone
     std::string wait_channel;  // of its first thread
     int core = -1;             // index of its core, or -1
 };
 
 struct process_list {
     std::map<int, process_facts> by_pid;
+    std::map<int, process_evidence> evidence;  // what processes_finish joins and then drops
+    size_t descriptor_bytes = 0;               // memory of all descriptors; bounded by descriptor_bytes_limit
 
-    // The process, which is added if it is new; null if there are too many.
+    // The process, which is added if it is new; null if there are too many, or if `pid` is not above 0.
     process_facts* get(int pid);
     const process_facts* find(int pid) const;
 };
@@ -79,7 +68,7 @@ void processes_add_look_file(process_list* list, int look, int pid, std::string_
 // Adds the table processes.txt.
 void processes_add_table(process_list* list, std::string_view text);
 
-// Adds a descriptor map, the long listing of /proc/PID/fd.
+// Adds a descriptor map, the long listing of /proc/PID/fd. `folder_name` is "NAME.PID".
 void processes_add_descriptor_map(process_list* list, int pid, std::string_view folder_name,
                                   std::string_view text);
 
