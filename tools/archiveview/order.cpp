@@ -30,14 +30,14 @@ constexpr order_step steps[] = {
     {member_kind::log, 0, true, false, presence::usually, "kernel log"},
     {member_kind::process_file, 0, true, true, presence::always, "first look at processes"},
     {member_kind::proc_file, 0, false, true, presence::always, "first look at /proc"},
-    {member_kind::folder_file, 0, false, true, presence::usually, "first look at folders of /proc"},
+    {member_kind::folder_file, 0, false, true, presence::sometimes, "first look at /proc"},
     {member_kind::trace, 0, false, false, presence::always, "trace of system calls"},
     {member_kind::capture, 0, false, false, presence::always, "capture of packets"},
     {member_kind::server_report, 0, false, false, presence::usually, "report of the server"},
     {member_kind::oops, 0, false, false, presence::usually, "oops records"},
     {member_kind::kernel_core, 0, false, false, presence::sometimes, "kernel core"},
     {member_kind::proc_file, 1, false, true, presence::always, "second look at /proc"},
-    {member_kind::folder_file, 1, false, true, presence::usually, "second look at folders of /proc"},
+    {member_kind::folder_file, 1, false, true, presence::sometimes, "second look at /proc"},
     {member_kind::process_file, 1, true, true, presence::always, "second look at processes"},
     {member_kind::process_table, 1, true, false, presence::usually, "table of processes"},
     {member_kind::core, 1, false, true, presence::usually, "cores of processes"},
@@ -76,33 +76,43 @@ int member_order::add(const member_place& place, std::string_view name) {
     return has_begun_ ? steps[step_].look : 0;
 }
 
-bool member_order::is_expected(size_t step) const {
-    return is_full_ || !steps[step].only_full;
-}
-
 bool member_order::has_all() const {
     if (is_wrong()) {
         return false;
     }
     for (size_t step = 0; step < step_count; step++) {
-        if (steps[step].is_there == presence::always && is_expected(step) && !seen_[step]) {
+        if (steps[step].is_there == presence::always && is_missing(step, false)) {
             return false;
         }
     }
     return true;
 }
 
+// True if the archive lacks a step that it should have.
+bool member_order::is_missing(size_t step, bool is_cut) const {
+    if (seen_[step] || (steps[step].only_full && !is_full_)) {
+        return false;
+    }
+    const bool was_to_come = is_cut && (!has_begun_ || step > step_);
+    switch (steps[step].is_there) {
+        case presence::always:
+            return true;
+        case presence::usually:
+            return was_to_come;
+        case presence::sometimes:
+            break;
+    }
+    return false;
+}
+
 std::vector<std::string> member_order::missing(bool is_cut, bool is_within_member) const {
     std::vector<std::string> names;
-    const size_t next = has_begun_ ? step_ + 1 : 0;
     for (size_t step = 0; step < step_count; step++) {
         const order_step& one = steps[step];
-        const bool is_to_come = is_cut && step >= next;
         const bool is_last = is_cut && has_begun_ && step == step_;
         if (is_last && (one.has_many || is_within_member)) {
             names.push_back("rest of the " + std::string(one.name));
-        } else if (!seen_[step] && is_expected(step) &&
-                   (one.is_there == presence::always || (is_to_come && one.is_there == presence::usually))) {
+        } else if (is_missing(step, is_cut)) {
             names.emplace_back(one.name);
         }
     }

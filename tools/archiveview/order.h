@@ -30,7 +30,7 @@ public:
     std::vector<std::string> missing(bool is_cut, bool is_within_member) const;
 
 private:
-    bool is_expected(size_t step) const;
+    bool is_missing(size_t step, bool is_cut) const;
 
     static constexpr size_t step_limit = 32;
     size_t step_ = 0;  // that of the last member

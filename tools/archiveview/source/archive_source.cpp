@@ -143,7 +143,10 @@ bool archive_source::implementation::has_only_filler() {
 }
 
 void archive_source::implementation::end_after_members() {
-    if (has_only_filler()) {
+    const bool is_end = has_only_filler();
+    if (state.members == 0) {
+        end(source_end::damaged, "it has no members");
+    } else if (is_end) {
         end(bytes.end(), bytes.reason());
     } else {
         end(source_end::damaged, "what follows " + name + " is not a member's header");

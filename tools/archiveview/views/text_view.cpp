@@ -9,7 +9,9 @@ namespace archiveview {
 namespace {
 
 constexpr size_t shown_findings = 7;
-constexpr size_t verdict_lines = 3, device_lines = 2, sentence_lines = 2, list_lines = 2;
+// In all, at most 40 lines with those that are blank.
+constexpr size_t verdict_lines = 2, missing_lines = 3, device_lines = 1, sentence_lines = 2, list_lines = 2,
+                 errors_lines = 1;
 
 std::string counted(uint64_t count, const char* one, const char* many) {
     return std::to_string(count) + " " + (count == 1 ? one : many);
@@ -23,26 +25,18 @@ std::string joined(const std::vector<std::string>& parts) {
     return all;
 }
 
-// "cut in oopslog after 512 bytes: its compressed data ends early"
-std::string where_and_why(const archive_summary& archive) {
-    std::string text = archive.state == archive_state::cut ? "cut" : "damaged";
-    if (!archive.cut_member.empty()) {
-        text += " in " + archive.cut_member + " after " + counted(archive.cut_member_bytes, "byte", "bytes");
-    }
-    text += ": " + archive.reason;
-    if (!archive.missing.empty()) {
-        text += "; missing: " + joined(archive.missing);
-    }
-    return text;
-}
-
+// "cut in oopslog after 512 bytes: its compressed data ends early (38 members, 2.1 MB were read)"
 std::string verdict_of(const archive_summary& archive) {
     const std::string amount =
         counted(archive.members, "member", "members") + ", " + size_text(archive.bytes);
     if (archive.state == archive_state::whole) {
         return "whole: " + amount + (archive.is_full ? ", full form" : ", usual form");
     }
-    return where_and_why(archive) + " (" + amount + " were read)";
+    std::string text = archive.state == archive_state::cut ? "cut" : "damaged";
+    if (!archive.cut_member.empty()) {
+        text += " in " + archive.cut_member + " after " + counted(archive.cut_member_bytes, "byte", "bytes");
+    }
+    return text + ": " + archive.reason + " (" + amount + " were read)";
 }
 
 std::string device_of(const archive_facts& facts) {
@@ -94,7 +88,8 @@ void add_findings(text_lines* lines, const std::vector<finding>& findings) {
 }
 
 // "kpagecount (not text), kallsyms (too large to show)"
-void add_list(text_lines* lines, const std::string& heading, const std::vector<named_text>& members) {
+void add_list(text_lines* lines, const std::string& heading, const std::vector<named_text>& members,
+              size_t limit) {
     if (members.empty()) {
         return;
     }
@@ -102,7 +97,7 @@ void add_list(text_lines* lines, const std::string& heading, const std::vector<n
     for (size_t i = 0; i < members.size(); i++) {
         text += (i == 0 ? "" : ", ") + members[i].name + " (" + members[i].text + ")";
     }
-    lines->add(text, "", "    ", list_lines);
+    lines->add(text, "", "    ", limit);
 }
 
 }  // namespace
@@ -110,14 +105,17 @@ void add_list(text_lines* lines, const std::string& heading, const std::vector<n
 std::string text_view(const archive_facts& facts, const std::vector<finding>& findings) {
     text_lines lines;
     lines.add(verdict_of(facts.archive), "", "    ", verdict_lines);
+    if (!facts.archive.missing.empty()) {
+        lines.add("missing: " + joined(facts.archive.missing), "", "    ", missing_lines);
+    }
     lines.add(device_of(facts), "", "    ", device_lines);
     lines.add_blank();
     add_findings(&lines, findings);
     if (!facts.archive.member_errors.empty() || !facts.archive.not_examined.empty()) {
         lines.add_blank();
     }
-    add_list(&lines, "not stored by the device", facts.archive.member_errors);
-    add_list(&lines, "not looked at", facts.archive.not_examined);
+    add_list(&lines, "not stored by the device", facts.archive.member_errors, errors_lines);
+    add_list(&lines, "not looked at", facts.archive.not_examined, list_lines);
     return lines.text();
 }
 
