@@ -65,11 +65,19 @@ struct core_facts {
 // The command that opens a core of this archive in a debugger, safe to paste into a shell.
 std::string core_gdb_command(const core_facts& core, std::string_view archive);
 
+// What all cores of an archive may take together. Readers that share an options object share it.
+struct core_budget {
+    size_t threads = 65536;
+    size_t mapping_bytes = size_t{48} << 20;
+    size_t spool_bytes = size_t{256} << 20;
+};
+
 struct core_options {
     bool stacks = true;  // run a debugger
     // Where programs and libraries of the device may be. A file is used only if it has the build id that the
     // core names.
     std::vector<std::string> folders = {"/"};
+    std::shared_ptr<core_budget> budget = std::make_shared<core_budget>();
 };
 
 // Adds frames to the threads of cores, with gdb-multiarch if that is installed. Takes at most 30 seconds;
