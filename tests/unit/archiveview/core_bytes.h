@@ -37,6 +37,20 @@ void put(std::string* bytes, size_t offset, Value value) {
     memcpy(bytes->data() + offset, &value, sizeof value);
 }
 
+template <typename Header, typename Segment>
+Header header_of(unsigned char kind, size_t segments) {
+    Header header = {};
+    memcpy(header.e_ident, ELFMAG, SELFMAG);
+    header.e_ident[EI_CLASS] = kind;
+    header.e_ident[EI_DATA] = ELFDATA2LSB;
+    header.e_ident[EI_VERSION] = EV_CURRENT;
+    header.e_version = EV_CURRENT;
+    header.e_phoff = header.e_ehsize = sizeof header;
+    header.e_phentsize = sizeof(Segment);
+    header.e_phnum = static_cast<Elf32_Half>(segments);
+    return header;
+}
+
 // A core of one machine. Memory is added by address; each range becomes a segment.
 struct test_core {
     explicit test_core(unsigned number) : machine(*core_machine_find(number)) {}
@@ -103,18 +117,9 @@ struct test_core {
     template <typename Header, typename Segment>
     std::string assemble(unsigned char kind) const {
         const std::string all_notes = notes();
-        Header header = {};
-        memcpy(header.e_ident, ELFMAG, SELFMAG);
-        header.e_ident[EI_CLASS] = kind;
-        header.e_ident[EI_DATA] = ELFDATA2LSB;
-        header.e_ident[EI_VERSION] = EV_CURRENT;
+        Header header = header_of<Header, Segment>(kind, memory.size() + 1);
         header.e_type = ET_CORE;
         header.e_machine = static_cast<Elf32_Half>(machine.number);
-        header.e_version = EV_CURRENT;
-        header.e_phoff = sizeof header;
-        header.e_ehsize = sizeof header;
-        header.e_phentsize = sizeof(Segment);
-        header.e_phnum = static_cast<Elf32_Half>(memory.size() + 1);
         Segment notes_segment = {};
         notes_segment.p_type = PT_NOTE;
         notes_segment.p_offset = sizeof header + header.e_phnum * sizeof(Segment);

@@ -139,16 +139,8 @@ TEST(core, signal_has_the_name_of_its_machine) {
 
 TEST(core, build_id_is_read_from_the_first_page) {
     test_core core = library_core();
-    Elf64_Ehdr header = {};
-    memcpy(header.e_ident, ELFMAG, SELFMAG);
-    header.e_ident[EI_CLASS] = ELFCLASS64;
-    header.e_ident[EI_DATA] = ELFDATA2LSB;
-    header.e_ident[EI_VERSION] = EV_CURRENT;
+    auto header = header_of<Elf64_Ehdr, Elf64_Phdr>(ELFCLASS64, 1);
     header.e_type = ET_DYN;
-    header.e_version = EV_CURRENT;
-    header.e_phoff = sizeof header;
-    header.e_phentsize = sizeof(Elf64_Phdr);
-    header.e_phnum = 1;
     Elf64_Phdr notes = {};
     notes.p_type = PT_NOTE;
     notes.p_offset = sizeof header + sizeof notes;
