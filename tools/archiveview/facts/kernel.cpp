@@ -38,9 +38,9 @@ constexpr unsigned taint_bits = 64;
 // The newest lines of a text, of log_line_limit at most.
 std::string_view newest_lines(std::string_view text) {
     size_t lines = 0;
-    for (size_t at = text.size(); at > 0; at--) {
-        if (text[at - 1] == '\n' && lines++ == log_line_limit) {
-            return text.substr(at);
+    for (size_t at = text.size(); at > 1; at--) {
+        if (text[at - 2] == '\n' && ++lines == log_line_limit) {
+            return text.substr(at - 1);
         }
     }
     return text;

@@ -37,15 +37,15 @@ double seconds_between(const look& first, const look& second) {
 // The changes of one group. Each section of them is sorted by itself.
 class group_list {
 public:
-    explicit group_list(std::string_view group) : m_group(group) {}
+    explicit group_list(std::string_view group) : group_(group) {}
 
     void add(std::string name, const char* unit, double first, double second, double value) {
         if (value != 0) {
-            m_changes.push_back({std::string(m_group), std::move(name), unit, first, second, value, {}, {}});
+            changes_.push_back({std::string(group_), std::move(name), unit, first, second, value, {}, {}});
         }
     }
     void add_text(const std::string& name, const std::string& first, const std::string& second) {
-        m_changes.push_back({std::string(m_group), name, {}, 0, 0, 0, first, second});
+        changes_.push_back({std::string(group_), name, {}, 0, 0, 0, first, second});
     }
     // A rate, unless it is unknown. The counter counts in pieces of `scale`.
     void add_rate(const two_looks& looks, std::string name, const char* unit, uint64_t first, uint64_t second,
@@ -58,21 +58,21 @@ public:
         }
     }
     void end_section() {
-        std::stable_sort(m_changes.begin() + static_cast<ptrdiff_t>(m_section), m_changes.end(),
+        std::stable_sort(changes_.begin() + static_cast<ptrdiff_t>(section_), changes_.end(),
                          [](const change& a, const change& b) { return fabs(a.value) > fabs(b.value); });
-        m_section = m_changes.size();
+        section_ = changes_.size();
     }
     void move_to(std::vector<change>* all) {
         end_section();
-        const size_t count = std::min(m_changes.size(), group_change_limit);
-        std::move(m_changes.begin(), m_changes.begin() + static_cast<ptrdiff_t>(count),
+        const size_t count = std::min(changes_.size(), group_change_limit);
+        std::move(changes_.begin(), changes_.begin() + static_cast<ptrdiff_t>(count),
                   std::back_inserter(*all));
     }
 
 private:
-    std::string_view m_group;
-    std::vector<change> m_changes;
-    size_t m_section = 0;
+    std::string_view group_;
+    std::vector<change> changes_;
+    size_t section_ = 0;
 };
 
 // Calls `use` with both entries of each name that both lists have.

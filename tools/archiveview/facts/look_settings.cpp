@@ -37,8 +37,11 @@ constexpr struct {
 }  // namespace
 
 bool look_read_setting(look* l, std::string_view name, std::string_view text) {
-    if (text.size() > setting_limit || (l->settings.size() >= counter_limit)) {
+    if (text.size() > setting_limit || l->settings.size() >= counter_limit) {
         return false;
+    }
+    if (!text.ends_with('\n')) {
+        return true;  // empty or cut; a part of a value would look like a change
     }
     std::string words;
     for (std::string_view word = take_word(&text); !word.empty(); word = take_word(&text)) {
