@@ -85,6 +85,7 @@ void webfront_connection::send_more() {
         }
         return;
     }
+    deadline_ = clock::now() + webfront_answer_time;
     answer_.erase(0, static_cast<size_t>(sent));
     if (answer_.empty()) {
         begin_draining();

@@ -10,9 +10,9 @@
 
 // The time for the head, from when the connection was accepted.
 constexpr std::chrono::seconds webfront_head_time{10};
-// The time in which a client must take its answer and close the connection. Until then, further input is read
-// and dropped: closing a socket with unread input would reset the connection, and the client could lose the
-// answer.
+// The time in which a client must take a part of its answer, and close the connection after the last. Until
+// then, further input is read and dropped: closing a socket with unread input would reset the connection, and
+// the client could lose the answer.
 constexpr std::chrono::seconds webfront_answer_time{2};
 
 // No call waits for the client. Those that allocate may throw std::bad_alloc; call refuse() then.

@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <exception>
+#include <filesystem>
 
 #include "tools/webfront/listener.h"
 #include "tools/webfront/options.h"
@@ -37,6 +38,15 @@ int report_listen_failure(uint16_t port) {
     return 1;
 }
 
+std::string reader_path(const webfront_options& options) {
+    if (!options.reader_path.empty()) {
+        return options.reader_path;
+    }
+    std::error_code error;
+    const auto own = std::filesystem::read_symlink("/proc/self/exe", error);
+    return (own.parent_path() / "archiveview").string();
+}
+
 int run(int argc, char** argv) {
     webfront_options options;
     std::string wrong = webfront_parse(argc, argv, &options);
@@ -59,7 +69,7 @@ int run(int argc, char** argv) {
     }
     printf("http://127.0.0.1:%u/\n", port);
     fflush(stdout);
-    webfront_serve(std::move(listener), port, options.socket_path);
+    webfront_serve(std::move(listener), port, options.socket_path, reader_path(options));
 }
 
 }  // namespace

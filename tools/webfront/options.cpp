@@ -6,9 +6,10 @@
 #include <string_view>
 
 const char webfront_usage[] =
-    "usage: webfront [--port N] [--socket PATH] [--forwarded-from N]\n"
+    "usage: webfront [--port N] [--socket PATH] [--reader PATH] [--forwarded-from N]\n"
     "  --port N       listen on port N of 127.0.0.1; 0: any free port [8080]\n"
     "  --socket PATH  the daemon's control socket [/var/run/dbg-cgi/ctrl-cgi-socket]\n"
+    "  --reader PATH  the program that makes reports of archives [archiveview, beside this program]\n"
     "  --forwarded-from N\n"
     "                 for an emulated machine: listen on every address, for requests that the host\n"
     "                 forwards from port N of its own 127.0.0.1\n"
@@ -17,11 +18,9 @@ const char webfront_usage[] =
 namespace {
 
 constexpr option long_options[] = {
-    {"port", required_argument, nullptr, 'p'},
-    {"socket", required_argument, nullptr, 's'},
-    {"forwarded-from", required_argument, nullptr, 'f'},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
+    {"port", required_argument, nullptr, 'p'},   {"socket", required_argument, nullptr, 's'},
+    {"reader", required_argument, nullptr, 'r'}, {"forwarded-from", required_argument, nullptr, 'f'},
+    {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0},
 };
 
 bool parse_port(std::string_view text, uint16_t* port) {
@@ -46,6 +45,9 @@ std::string take_option(int found, const char* word, webfront_options* options) 
         case 's':
             options->socket_path = optarg;
             return *optarg != '\0' ? "" : "the socket's path is empty";
+        case 'r':
+            options->reader_path = optarg;
+            return *optarg != '\0' ? "" : "the reader's path is empty";
         case 'f':
             return parse_port(optarg, &options->forwarded_port) && options->forwarded_port != 0
                        ? ""

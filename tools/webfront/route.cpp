@@ -3,6 +3,7 @@
 #include "tools/webfront/answer.h"
 #include "tools/webfront/listing.h"
 #include "tools/webfront/page.h"
+#include "tools/webfront/report.h"
 #include "tools/webfront/target.h"
 
 namespace {
@@ -60,6 +61,9 @@ webfront_decision find_route(std::string_view target) {
     }
     if (webfront_is_listing(path)) {
         return {webfront_route::listing, std::string(path)};
+    }
+    if (path == webfront_report_path) {
+        return {webfront_route::report, std::string(webfront_split_target(target).query)};
     }
     if (path.starts_with(webfront_own_paths)) {
         return {webfront_route::answer, webfront_error(404, "There is no such page.")};

@@ -11,6 +11,7 @@ enum class webfront_route {
     answer,   // the front answers; the bytes are the whole answer
     daemon,   // the daemon answers; the bytes are the message that goes with the connection
     listing,  // the front makes a listing; the bytes are its path
+    report,   // the front makes a report, or has made it; the bytes are the query
 };
 
 struct webfront_decision {

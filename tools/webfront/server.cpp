@@ -15,6 +15,7 @@
 #include "tools/webfront/handover.h"
 #include "tools/webfront/listing.h"
 #include "tools/webfront/pool.h"
+#include "tools/webfront/report.h"
 #include "tools/webfront/route.h"
 
 namespace {
@@ -49,12 +50,15 @@ int timeout_ms(steady::time_point until, steady::time_point now) {
 
 class server {
 public:
-    server(unique_fd listener, uint16_t port, const std::string& socket_path)
+    server(unique_fd listener, uint16_t port, const std::string& socket_path, const std::string& reader_path)
         : listener_(std::move(listener)),
           port_(port),
           handover_(webfront_handover_threads, webfront_connection_limit,
                     [socket_path](const webfront_job& job) { return webfront_hand_over(socket_path, job); }),
-          listings_(webfront_listing_threads, webfront_listing_queue, webfront_list) {
+          listings_(webfront_listing_threads, webfront_listing_queue, webfront_list),
+          reports_(webfront_report_threads, webfront_report_queue,
+                   [tools = webfront_report_tools{socket_path, reader_path, &shelf_}](
+                       const webfront_job& job) { return webfront_make_report(tools, job); }) {
         // Reserves all memory that a round needs for its lists.
         clients_.reserve(webfront_connection_limit);
         polled_.reserve(webfront_connection_limit + other_entries);
@@ -77,13 +81,14 @@ public:
         std::erase_if(clients_, [](const webfront_connection& client) { return !client.is_open(); });
         start_answers(&handover_);
         start_answers(&listings_);
+        start_answers(&reports_);
         if (polled_.back().revents != 0) {
             accept_some();
         }
     }
 
 private:
-    static constexpr size_t other_entries = 3;
+    static constexpr size_t other_entries = 4;
 
     // Fills polled_ with one entry for each client, in order, then the pools' events and the listener.
     void wait() {
@@ -97,6 +102,7 @@ private:
         }
         polled_.push_back({handover_.answered_event(), POLLIN, 0});
         polled_.push_back({listings_.answered_event(), POLLIN, 0});
+        polled_.push_back({reports_.answered_event(), POLLIN, 0});
         polled_.push_back({is_paused ? -1 : listener_.get(), POLLIN, 0});
         if (poll(polled_.data(), polled_.size(), timeout_ms(until, now)) < 0) {
             mark_all_ready();
@@ -131,9 +137,23 @@ private:
             client->start_answer(std::move(decision.bytes));
             return;
         }
-        webfront_pool& pool = decision.route == webfront_route::daemon ? handover_ : listings_;
-        if (!pool.submit(client->client(), std::move(decision.bytes))) {
+        if (decision.route == webfront_route::report && webfront_is_kept_report(decision.bytes)) {
+            client->start_answer(webfront_kept_report(&shelf_, decision.bytes));
+            return;
+        }
+        if (!pool_for(decision.route).submit(client->client(), std::move(decision.bytes))) {
             client->start_answer(webfront_error(503, "Too many requests are waiting; try again later."));
+        }
+    }
+
+    webfront_pool& pool_for(webfront_route route) {
+        switch (route) {
+            case webfront_route::listing:
+                return listings_;
+            case webfront_route::report:
+                return reports_;
+            default:
+                return handover_;
         }
     }
 
@@ -154,7 +174,8 @@ private:
                 return;
             }
             webfront_connection client(std::move(fd));
-            if (clients_.size() + handover_.held() + listings_.held() < webfront_connection_limit) {
+            if (clients_.size() + handover_.held() + listings_.held() + reports_.held() <
+                webfront_connection_limit) {
                 clients_.push_back(std::move(client));
             } else {
                 run_step(&client, [&] {
@@ -168,6 +189,8 @@ private:
     const uint16_t port_;
     webfront_pool handover_;
     webfront_pool listings_;
+    webfront_report_shelf shelf_;  // before the pool that uses it
+    webfront_pool reports_;
     std::vector<webfront_connection> clients_;
     std::vector<pollfd> polled_;
     steady::time_point paused_until_{};
@@ -175,8 +198,9 @@ private:
 
 }  // namespace
 
-void webfront_serve(unique_fd listener, uint16_t port, const std::string& socket_path) {
-    server front(std::move(listener), port, socket_path);
+void webfront_serve(unique_fd listener, uint16_t port, const std::string& socket_path,
+                    const std::string& reader_path) {
+    server front(std::move(listener), port, socket_path, reader_path);
     for (;;) {
         front.run_round();
     }

@@ -12,6 +12,8 @@
 // 503. The limit keeps the process below the usual limit of 1024 descriptors.
 constexpr size_t webfront_connection_limit = 900;
 
-// Serves `listener` (from webfront_listen) for ever, with the daemon at `socket_path`. `port` is the one that
-// browsers use. Throws std::exception if threads, descriptors or memory run out at the start.
-[[noreturn]] void webfront_serve(unique_fd listener, uint16_t port, const std::string& socket_path);
+// Serves `listener` (from webfront_listen) for ever, with the daemon at `socket_path` and archiveview at
+// `reader_path`. `port` is the one that browsers use. Throws std::exception if threads, descriptors or memory
+// run out at the start.
+[[noreturn]] void webfront_serve(unique_fd listener, uint16_t port, const std::string& socket_path,
+                                 const std::string& reader_path);

@@ -110,6 +110,20 @@ TEST(webfront_connection, gives_an_answer_less_time_than_a_head) {
     EXPECT_LT(both.front.deadline(), head_deadline);
 }
 
+TEST(webfront_connection, gives_a_browser_that_takes_its_answer_more_time) {
+    browser_and_front both;
+    both.front.start_answer(std::string(8 << 20, 'a'));
+    auto deadline = both.front.deadline();
+    reader_thread browser(std::move(both.browser));
+    while (both.front.deadline() == deadline) {
+        pollfd wait = {both.front.fd(), POLLOUT, 0};
+        ASSERT_EQ(poll(&wait, 1, 20000), 1);
+        both.front.continue_answer();
+    }
+    EXPECT_GT(both.front.deadline(), deadline);
+    both.front = webfront_connection({});
+}
+
 TEST(webfront_connection, turns_away_a_browser_that_has_sent_its_request) {
     browser_and_front both;
     both.send(whole_head);

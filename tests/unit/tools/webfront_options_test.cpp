@@ -42,6 +42,14 @@ TEST(webfront_parse, takes_the_forwarded_port) {
     EXPECT_NE(parse({"--forwarded-from", "x"}, &options), "");
 }
 
+TEST(webfront_parse, takes_the_path_of_the_reader) {
+    webfront_options options;
+    EXPECT_EQ(options.reader_path, "");
+    EXPECT_EQ(parse({"--reader", "/opt/archiveview"}, &options), "");
+    EXPECT_EQ(options.reader_path, "/opt/archiveview");
+    EXPECT_EQ(parse({"--reader", ""}, &options), "the reader's path is empty");
+}
+
 TEST(webfront_parse, refuses_bad_port_numbers) {
     for (const char* port : {"", "-1", "65536", "80x", "x", " 80", "+80", "0x50"}) {
         webfront_options options;

@@ -54,6 +54,14 @@ TEST(webfront_decide, names_the_listing_to_make) {
     }
 }
 
+TEST(webfront_decide, makes_a_report_and_passes_its_query_on) {
+    webfront_decision decision = webfront_decide(good_head("/report.html?kept=7"), port);
+    EXPECT_EQ(decision.route, webfront_route::report);
+    EXPECT_EQ(decision.bytes, "kept=7");
+    EXPECT_EQ(webfront_decide(good_head("/report.html"), port).bytes, "");
+    EXPECT_EQ(webfront_decide(good_head("/x/report.html"), port).route, webfront_route::daemon);
+}
+
 TEST(webfront_decide, passes_no_path_of_its_own_to_the_daemon) {
     EXPECT_EQ(status_of(good_head("/webfront/")), 404);
     EXPECT_EQ(status_of(good_head("/webfront/page.js.map")), 404);
