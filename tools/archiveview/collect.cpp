@@ -160,6 +160,9 @@ void collector::add_text(current_member* member) {
     }
     while (source_->read(piece_) != 0) {  // so that it is known whether the archive ends within it
     }
+    if (was_cut() && member->place.kind != member_kind::capture) {
+        text_.resize(text_.rfind('\n') + 1);  // half a line may hold half a number
+    }
     member->text = text_;
     const bool is_parsed = parse(*member);
     shown_.add(member->name, member->text, member->size, is_parsed);

@@ -49,11 +49,11 @@ void shown_texts::add(std::string_view name, std::string_view text, uint64_t siz
         reason = "too large to show";
     } else if (!is_text(copy)) {
         reason = "not text";
-    } else if (bytes_ + copy.size() > shown_texts_limit) {
+    } else if (bytes_ + name.size() + copy.size() > shown_texts_limit) {
         reason = "the texts before it are as many as can be shown";
     }
     if (!reason) {
-        bytes_ += copy.size();
+        bytes_ += name.size() + copy.size();
         texts_.push_back({std::string(name), std::move(copy)});
     } else if (!is_parsed) {
         skip(name, reason);

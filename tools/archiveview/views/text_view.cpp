@@ -39,6 +39,14 @@ std::string verdict_of(const archive_summary& archive) {
     return text + ": " + archive.reason + " (" + amount + " were read)";
 }
 
+std::string first_words(std::string_view text, size_t count) {
+    size_t end = 0;
+    for (size_t i = 0; i < count && end != std::string_view::npos; i++) {
+        end = text.find(' ', end + (i == 0 ? 0 : 1));
+    }
+    return std::string(text.substr(0, end));
+}
+
 std::string device_of(const archive_facts& facts) {
     const device_facts& device = facts.device;
     std::vector<std::string> parts;
@@ -48,7 +56,7 @@ std::string device_of(const archive_facts& facts) {
         }
     };
     add("", device.host);
-    add("kernel ", device.kernel);
+    add("", first_words(device.kernel, 2));  // without the build's number and date
     add("", device.machine);
     add("up ", device.uptime_seconds > 0 ? duration_text(device.uptime_seconds) : "");
     add("", facts.archive.started);
