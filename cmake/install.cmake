@@ -2,7 +2,7 @@
 #
 #   device   zarvo, a link for each applet except ctest, and their manual pages
 #   ctest    the link and the page of that applet, since CMake has a program of that name
-#   tools    webfront, dcore, rtraceview and their pages
+#   tools    webfront, dcore, rtraceview, archiveview and their pages
 #   standin  platform libraries for a machine without them, in a folder that only zarvo and webfront search
 #
 # The device gets the first two, and the tools only if they are named; it has its own platform libraries.
@@ -13,7 +13,7 @@ set(tools webfront dcore)
 if(CMAKE_CROSSCOMPILING)
   set(when_asked EXCLUDE_FROM_ALL)
 else()
-  list(APPEND tools rtraceview)
+  list(APPEND tools rtraceview archiveview)
   set(when_asked "")
   set_target_properties(zarvo webfront PROPERTIES INSTALL_RPATH "$ORIGIN/../lib/zarvo")
 endif()

@@ -29,7 +29,7 @@ DEVICE = ROOT / "build" / "mipsel"
 DEVICE_APPLETS = {"tstrace", "stopper", "pcapdump", "coredump-handler", "debugar.cgi", "mon", "oopslog", "forkbomb",
                   "fdleak", "segfault"}  # fmt: skip
 APPLETS = DEVICE_APPLETS | {"ctest"}
-TOOLS = {"webfront", "dcore", "rtraceview"}
+TOOLS = {"webfront", "dcore", "rtraceview", "archiveview"}
 STANDINS = {"libqorlink.so.1", "libvextor.so", "libmirnel.so", "libhollisk.so.7"}
 
 FOLDER, PROGRAM, PLAIN, LINK = "drwxr-xr-x", "-rwxr-xr-x", "-rw-r--r--", "-> zarvo"
@@ -153,6 +153,7 @@ CALLS = [
     (["zarvo", "nothing"], 1, "nothing: unknown zarvo applet\n"),
     (["webfront", "--help"], 0, "usage: webfront "),
     (["rtraceview", "--help"], 0, "usage: rtraceview "),
+    (["archiveview", "--help"], 0, "usage: archiveview "),
     (["tstrace", "/bin/true"], 0, "] exit_group(0)\n"),
     (["segfault"], -signal.SIGSEGV, ""),
     (["coredump-handler"], 1, ""),  # no daemon is running
@@ -267,7 +268,7 @@ def test_device_program_has_no_library_path(device_build, tmp_path):
 
 def test_tools_are_installed_for_the_device_on_request(device_build, tmp_path):
     assert below(install(device_build, tmp_path, "--component", "tools")) == (
-        {path: kind for path, kind in listing(set(), TOOLS - {"rtraceview"}).items() if "/zarvo" not in path}
+        {path: kind for path, kind in listing(set(), TOOLS - {"rtraceview", "archiveview"}).items() if "/zarvo" not in path}
     )
 
 
