@@ -43,6 +43,9 @@ start(b'<b>"\\\n\xff', lambda: time.sleep(100))
 os.read(named[0], 1), os.read(named[0], 1)
 os.execv(sys.argv[1], sys.argv[1:])
 """
+REPORT = """<!DOCTYPE html><html lang="en"><title>r</title><style>p { color: red }</style><p>BYTES bytes</p>
+<script>const done = document.createElement("p"); done.id = "done"; done.textContent = "by script";
+document.body.append(done);</script>"""
 EVIL_NAME = '<b>"\\\n\ufffd'
 
 pytestmark = [
@@ -136,8 +139,13 @@ def socket_path(tmp_path):
 
 
 @pytest.fixture
-def front(socket_path):
-    running = SandboxedFront(BIN / "webfront", "--port", "0", "--socket", socket_path)
+def front(socket_path, tmp_path):
+    """The front, with a program that reads an archive and writes a small page with a script."""
+    reader = tmp_path / "reader"
+    reader.write_text(f"#!/bin/sh\nbytes=$(wc -c)\nprintf '%s' '{REPORT}' | sed \"s/BYTES/$bytes/\"\n")
+    reader.chmod(0o755)
+    words = ["--port", "0", "--socket", socket_path, "--reader", reader]
+    running = SandboxedFront(BIN / "webfront", *words)
     yield running
     running.stop()
 
@@ -197,6 +205,7 @@ def valid_answers(message):
 
 REQUESTS = [
     (dict(kind="archive"), b"/debug.tgz\0full", "debug-cam1.tgz"),
+    (dict(kind="report"), b"/debug.tgz\0full", ""),
     (dict(kind="ps"), b"/debugar.cgi\0cmd=ps", ""),
     (dict(kind="strace", fields=dict(pid="12, syslogd")), b"/debugar.cgi\0cmd=strace&pid=12,%20syslogd&times=1", ""),
     (dict(kind="strace", button="Trace all"), b"/debugar.cgi\0cmd=strace&times=1", ""),
@@ -222,12 +231,13 @@ def test_each_form_sends_its_request_and_saves_the_answer_under_the_daemons_name
         assert one["classes"] == "job over good", one
     assert [one["state"] for one in shown] == [
         f"Done. Passed to the browser as debug-cam1.tgz. The archive is complete: {len(MEMBERS)} members.",
+        "The report is ready. The web front keeps it for 15 minutes.",
         "Done.",
         "The trace has ended.",
         "The trace has ended.",
-        *(f"Done. Passed to the browser as {name}." for _, _, name in REQUESTS[4:]),
+        *(f"Done. Passed to the browser as {name}." for _, _, name in REQUESTS[5:]),
     ]
-    assert "some text" in shown[1]["text"] and "Lines: 20 received, 20 shown." in shown[1]["text"]
+    assert "some text" in shown[2]["text"] and "Lines: 20 received, 20 shown." in shown[2]["text"]
 
 
 def test_every_request_works_without_scripts(browser, front, play):
@@ -244,8 +254,9 @@ def test_every_request_works_without_scripts(browser, front, play):
                "/debugar.cgi?cmd=ps", "/debugar.cgi?cmd=strace"]  # fmt: skip
     assert found["targets"] == targets
     by_link = [f"{path}\0{query}".encode() for path, _, query in (target.partition("?") for target in targets)]
-    assert fake.messages == by_form + by_link
-    assert len(found["names"]) == len(fake.messages)
+    assert fake.messages == [*by_form, *by_link, b"/debug.tgz\0full"]  # the last one is the report's
+    assert len(found["names"]) == len(by_form + by_link)
+    assert re.fullmatch(r"[1-9]\d* bytes", found["report"])
     assert found["hidden"] == 0 and "Without script" in found["note"]
 
 
@@ -354,6 +365,81 @@ def test_waiting_for_a_crash_is_explained_and_saves_the_dump_that_arrives(browse
     assert found["asked"] == "Waiting for a process to crash. Another browser that starts to wait replaces this one."
     assert found["saved"] == {"name": "core", "bytes": base64.b64encode(b"\x7fELF\0").decode()}
     assert fake.messages == [b"/debug.tgz\0listen", b"/crash-now\0"]
+
+
+def test_report_is_made_opened_in_a_tab_of_its_own_and_saved(browser, front, play):
+    begun = []
+
+    def answer(message, fd):
+        if message == b"/debug.tgz\0full":
+            begun.append(os.dup(fd))
+        else:
+            write_all(begun[0], valid_answers(b"/debug.tgz\0full"))
+            os.close(begun[0])
+            write_all(fd, download_head("text/plain", "done"))
+
+    fake = play(valid_answers)
+    fake.answer = answer
+    found = browser.play(front, "report")
+    assert found["asked"].startswith("The machine makes an archive, and archiveview reads it meanwhile.")
+    assert found["waits"] == 1
+    assert found["state"] == "The report is ready. The web front keeps it for 15 minutes."
+    size = len(valid_answers(b"/debug.tgz\0full").partition(b"\r\n\r\n")[2])
+    assert found["text"].split() == [str(size), "bytes", "by", "script"]
+    assert (found["origin"], found["reached"]) == ("null", False)
+    assert found["address"].startswith(f"{front.url}report.html?kept=")
+    assert found["saved"]["name"] == "report.html"
+    assert base64.b64decode(found["saved"]["bytes"]).decode() == REPORT.replace("BYTES", str(size))
+    assert fake.messages == [b"/debug.tgz\0full", b"/go-on\0"]
+
+
+def test_cancelling_a_report_ends_its_archive(browser, front, play):
+    kept, ended = [], []
+
+    def answer(message, fd):
+        if message == b"/debug.tgz\0full":
+            kept.append(os.dup(fd))
+        else:
+            write_all(fd, download_head("text/plain", "done"))
+
+    fake = play(valid_answers)
+    fake.answer = answer
+    assert browser.play(front, "cancel_report") == "Cancelled."
+    gone = select.poll()
+    gone.register(kept[0], select.POLLRDHUP)
+    ended = gone.poll(PATIENCE * 1000)
+    os.close(kept[0])
+    assert ended
+
+
+def test_failed_report_shows_the_fronts_reason(browser, front, play):
+    play(lambda _message: BUSY_PAGE)
+    (shown,) = browser.play(front, "forms", errors=1, requests=[dict(kind="report")])
+    assert shown["state"] == ("The machine is already making an archive, and makes one at a time; try again when it is "
+                              "done. (503)")  # fmt: skip
+    assert shown["classes"] == "job over bad"
+
+
+def test_axe_finds_no_violation(browser, front, play):
+    kept = []
+
+    def answer(message, fd):
+        if message == b"/debug.tgz\0listen":
+            kept.append(os.dup(fd))
+        else:
+            write_all(fd, BAD_REQUEST if b"coredump" in message else valid_answers(message))
+
+    fake = play(valid_answers)
+    fake.answer = answer
+    looks = {
+        "light": dict(colorScheme="light"),
+        "dark": dict(colorScheme="dark"),
+        "narrow": dict(viewport=dict(width=360, height=740), colorScheme="light"),
+    }
+    found = browser.play(front, "axe", errors=3, looks=looks)
+    for fd in kept:
+        os.close(fd)
+    assert found == {name: [] for name in looks}
 
 
 def test_process_list_is_shown_filtered_and_sorted_and_starts_requests(browser, front, play):

@@ -11,7 +11,9 @@ import {createRequire} from "node:module";
 import {createInterface} from "node:readline";
 
 const [modules, program] = process.argv.slice(2);
-const {chromium} = createRequire(`${modules}/package.json`)("playwright-core");
+const require = createRequire(`${modules}/package.json`);
+const {chromium} = require("playwright-core");
+const axe = readFileSync(require.resolve("axe-core/axe.min.js"), "utf8");
 const FLAGS = [
     "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
     "--disable-component-update", "--disable-sync", "--disable-dev-shm-usage",
@@ -115,13 +117,15 @@ const scenarios = {
             await fill(page, kind, fields ?? {});
             await save(() => form(page, kind).locator("button").first().click());
         }
-        const links = await page.locator("main a:visible:not([href^='#'])").all();
+        const links = await page.locator("main a:visible:not([href^='#'], [href='/report.html'])").all();
         const targets = await Promise.all(links.map((link) => link.getAttribute("href")));
         for (const link of links) {
             await save(() => link.click());
         }
         const hidden = await page.locator("#filter, #sources, [data-link], [data-without]").filter({visible: true}).count();
-        return {names, targets, hidden, note: await page.locator("noscript").innerText()};
+        const note = await page.locator("noscript").innerText();
+        await form(page, "report").locator("button").click();
+        return {names, targets, hidden, note, report: await page.getByText(/^\d+ bytes$/).innerText()};
     },
 
     // Downloads straight into a file. Returns the checksum of its content.
@@ -237,6 +241,53 @@ const scenarios = {
             if (given.pictures) {
                 await page.screenshot({path: `${given.pictures}/${name}.png`, fullPage: true});
             }
+        }
+        return found;
+    },
+
+    // Makes a report and opens it. Returns what both pages show.
+    async report(browser) {
+        const page = await newPage(browser);
+        await page.getByRole("button", {name: "Make a report"}).focus();
+        await page.keyboard.press("Enter");
+        const job = newestJob(page, "report");
+        const asked = await job.locator(".state").innerText();
+        const waits = await job.locator("progress:indeterminate").count();
+        await page.request.get(`${given.url}go-on`);
+        await job.and(page.locator(".over")).waitFor();
+        const [report] = await Promise.all([page.context().waitForEvent("page"),
+                                            job.getByRole("link", {name: "Open the report"}).click()]);
+        await report.locator("#done").waitFor();
+        const [download] = await Promise.all([page.waitForEvent("download"),
+                                              job.getByRole("link", {name: "Save report.html"}).click()]);
+        return {asked, waits, state: await stateOf(page, "report"), text: await report.locator("body").innerText(),
+                reached: await report.evaluate((url) => fetch(url).then(() => true, () => false), `${given.url}debug.tgz`),
+                origin: await report.evaluate(() => origin), address: report.url(), saved: await readDownload(download)};
+    },
+
+    async cancel_report(browser) {
+        const page = await newPage(browser);
+        await page.getByRole("button", {name: "Make a report"}).click();
+        await newestJob(page, "report").locator("progress").waitFor();
+        await page.request.get(`${given.url}has-begun`);
+        await stopButton(page, "report").click();
+        await newestJob(page, "report").and(page.locator(".over")).waitFor();
+        return stateOf(page, "report");
+    },
+
+    // What axe finds in the page, in each given look, with a running request and all kinds of ended ones.
+    async axe(browser) {
+        const found = {};
+        for (const [name, how] of Object.entries(given.looks)) {
+            const page = await newPage(browser, how);
+            await ask(page, "ps");
+            await ask(page, "coredump", {pid: "7"});
+            await ask(page, "report");
+            await page.getByRole("button", {name: "Wait for the next crash"}).click();
+            await newestJob(page, "listen").locator("progress").waitFor();
+            await page.evaluate(axe);
+            const {violations} = await page.evaluate(() => window.axe.run());
+            found[name] = violations.map((one) => `${one.id}: ${one.nodes.map((node) => node.html).join(" ")}`);
         }
         return found;
     },

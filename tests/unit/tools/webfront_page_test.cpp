@@ -44,8 +44,9 @@ std::vector<std::string> all_modules() {
 }  // namespace
 
 TEST(webfront_page, links_to_every_request_without_parameters) {
-    for (std::string target : {"/debug.tgz", "/debug.tar", "/debugar.cgi?cmd=ps", "/debugar.cgi?cmd=strace",
-                               "/debugar.cgi?cmd=coredump", "/debug.tgz?listen", "/debug.tgz?pop"}) {
+    for (std::string target :
+         {"/debug.tgz", "/debug.tar", "/debugar.cgi?cmd=ps", "/debugar.cgi?cmd=strace",
+          "/debugar.cgi?cmd=coredump", "/debug.tgz?listen", "/debug.tgz?pop", "/report.html"}) {
         EXPECT_TRUE(holds(bytes_of("/"), "<a href=\"" + target + "\">")) << target;
     }
 }

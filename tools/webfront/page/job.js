@@ -72,6 +72,7 @@ export class Job {
         }
         const given = /filename="([^"]+)"/.exec(response.headers.get("Content-Disposition") ?? "");
         this.fileName = given?.[1] ?? this.fileName;
+        this.place = response.headers.get("Content-Location");
         this.state.textContent = this.kind.silent ?? "Receiving …";
         const view = this.kind.view && new this.kind.view(this);
         const error = await this.#receive(response, sink, view);

@@ -10,6 +10,7 @@
 //   silent       text after the head of the answer, until the first byte
 //   refused      returns what a 400 means, from the parameters
 //   unanswered   text if the connection ends without an answer
+//   opens        the answer is a page, which can be opened and saved; it does not go into a file by itself
 //   expected     returns the number of bytes that will arrive, from the parameters
 //
 // Only the first three are required. A view has feed(bytes), and end(), which may return a verdict on what has arrived:
@@ -31,6 +32,14 @@ export const KINDS = {
         title: (query, path) => path.slice(1),
         view: ArchiveView,
         ended: "Done.",
+    },
+    report: {
+        title: () => "Report",
+        view: null,
+        ended: "The report is ready.",
+        opens: true,
+        asking: "The machine makes an archive, and archiveview reads it meanwhile. This takes fifteen seconds or longer; " +
+            "how far it is cannot be known.",
     },
     ps: {
         title: () => "Output of ps",

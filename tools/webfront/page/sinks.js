@@ -44,15 +44,32 @@ class BlobSink {
     }
 
     keep(job) {
-        const link = saveBlob(new Blob(this.#parts, {type: "application/octet-stream"}), job.fileName);
+        const link = saveBlob(this.take("application/octet-stream"), job.fileName);
         link.textContent = `Save ${job.fileName} again`;
         job.actions.append(link);
-        this.#parts = [];
         return `Passed to the browser as ${job.fileName}.`;
+    }
+
+    take(type) {
+        const blob = new Blob(this.#parts, {type});
+        this.#parts = [];
+        return blob;
     }
 
     drop() {
         this.#parts = [];
+    }
+}
+
+// A page, which the browser opens from where the front keeps it: a blob would have this page's policy, which forbids
+// the scripts in it.
+class PageSink extends BlobSink {
+    keep(job) {
+        const open = make("a", {href: job.place, target: "_blank", rel: "noopener", className: "open"}, "Open the report");
+        open.append(make("span", {className: "unseen"}, " in a new tab"));
+        const saved = {href: URL.createObjectURL(this.take("text/html")), download: job.fileName};
+        job.actions.append(open, make("a", saved, `Save ${job.fileName}`));
+        return "The web front keeps it for 15 minutes.";
     }
 }
 
@@ -72,6 +89,9 @@ export const canPickFile = () => typeof window.showSaveFilePicker === "function"
 export async function openSink(kind, fileName) {
     if (kind.staysInPage) {
         return viewSink;
+    }
+    if (kind.opens) {
+        return new PageSink();
     }
     if (!canPickFile() || !find("#straight").checked) {
         return new BlobSink();
