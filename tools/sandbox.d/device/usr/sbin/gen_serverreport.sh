@@ -26,7 +26,8 @@ print_file /proc/meminfo
 section "Mounts"
 print_file /proc/mounts
 section "Services"
-echo "encoderd: running"
-echo "onvifd: running"
-echo "httpd: running"
+echo "streamd: running"
+echo "recorderd: running"
+echo "eventd: running"
+echo "controld: running"
 section "End of report"
