@@ -7,7 +7,7 @@
 namespace archiveview {
 
 constexpr uint64_t member_limit = 100000;               // members of an archive; reading ends after them
-constexpr uint64_t unpacked_limit = uint64_t{4} << 30;  // bytes of all members; reading ends after them
+constexpr uint64_t unpacked_limit = uint64_t{2} << 30;  // bytes of all members; reading ends after them
 constexpr size_t name_limit = 256;                      // bytes of a member's name; a longer one is cut
 constexpr size_t text_limit = size_t{8} << 20;          // bytes of a text that is parsed; the rest is skipped
 constexpr size_t shown_text_limit = 100 * 1024;         // bytes of a member that is shown as text
