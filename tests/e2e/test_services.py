@@ -39,8 +39,8 @@ def text_of(members, name):
 class Device:
     """tools/serve in a sandbox."""
 
-    def __init__(self):
-        words = [ROOT / "tools" / "sandbox", "--dcore", BIN / "dcore", ROOT / "tools" / "serve", BIN, "0"]
+    def __init__(self, *more):
+        words = [ROOT / "tools" / "sandbox", "--dcore", BIN / "dcore", ROOT / "tools" / "serve", BIN, "0", *more]
         self.process = subprocess.Popen(words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         assert select.select([self.process.stdout], [], [], PATIENCE)[0], "the front printed nothing"
         self.url = self.process.stdout.readline().strip()
@@ -145,6 +145,15 @@ def test_end_of_a_service_does_not_end_the_others(own_device):
     wait_for(lambda: process_stat(own_device.pids["streamd"]) is None, "it has been reaped")
     assert http_get(own_device.url, "/debugar.cgi?cmd=ps").startswith(b"HTTP/1.0 200 ")
     assert own_device.stop()[0] == 0
+
+
+def test_command_is_one_more_process_of_the_device():
+    running = Device("exec fdleak 100000000")
+    try:
+        pid = wait_for(lambda: [pid for pid in children(running.serve) if name_of(pid) == "fdleak"], "it was started")[0]
+    finally:
+        assert running.stop()[0] == 0
+    assert process_stat(pid) is None
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
