@@ -84,7 +84,9 @@ std::optional<uint8_t> escaped_byte(std::string_view text) {
 
 // The text that the device wrote with "\ooo" for control characters and backslashes.
 std::string unescaped(std::string_view text) {
-    std::string plain;
+    const size_t plain_length = std::min(text.find('\\'), text.size());
+    std::string plain(text.substr(0, plain_length));
+    text.remove_prefix(plain_length);
     while (!text.empty()) {
         const auto byte = escaped_byte(text);
         plain += byte ? static_cast<char>(*byte) : text[0];
