@@ -16,6 +16,7 @@ constexpr size_t skipped_limit = 200;                   // names of members that
 constexpr size_t process_limit = 4096;
 constexpr size_t thread_limit = 4096;                        // of one process
 constexpr size_t descriptor_limit = 65536;                   // of one process
+constexpr size_t path_limit = 4096;                          // bytes of a target; a longer one is cut
 constexpr size_t descriptor_bytes_limit = size_t{32} << 20;  // memory of the descriptors of all processes
 constexpr size_t command_limit = 2048;                       // bytes of a command line; a longer one is cut
 constexpr size_t counter_limit = 20000;                      // names in one table of counters

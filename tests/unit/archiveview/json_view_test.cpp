@@ -160,7 +160,6 @@ TEST(json_view, tells_queues_of_a_listening_socket_from_bytes) {
     EXPECT_TRUE(json["sockets"][0]["waiting_connections"].IsNull());
     EXPECT_TRUE(json["sockets"][1]["send_queue_bytes"].IsNull());
     EXPECT_EQ(json["sockets"][1]["waiting_connections"].GetUint64(), 6U);
-    EXPECT_EQ(json["sockets"][1]["waiting_connections_limit"].GetUint64(), 5U);
     EXPECT_STREQ(json["sockets"][0]["process"].GetString(), "streamd");
     EXPECT_TRUE(json["sockets"][2]["pid"].IsNull());
 }
@@ -219,7 +218,6 @@ TEST(json_view, loses_no_field_of_facts_that_are_all_set) {
                                             ".sockets[].send_queue_bytes",
                                             ".sockets[].state",
                                             ".sockets[].waiting_connections",
-                                            ".sockets[].waiting_connections_limit",
                                             ".processes[].descriptor_list[].inode"};
     EXPECT_EQ(empty, expected);
 }

@@ -229,7 +229,7 @@ TEST(archiveview_process_look, memory_of_all_descriptors_is_bounded) {
     process_list list;
     std::string links;
     for (int i = 0; i < 1000; i++) {
-        links += "fd/1 -> /" + std::string(name_limit - 1, 'x') + "\n";
+        links += "fd/1 -> /" + std::string(path_limit - 1, 'x') + "\n";
     }
     for (int other = 1; other <= 20; other++) {
         processes_add_look_file(&list, 0, other, "links", links);

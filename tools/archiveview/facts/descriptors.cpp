@@ -52,7 +52,7 @@ size_t size_in_memory(const descriptor& d) {
 }  // namespace
 
 void descriptors_add(descriptor_list* list, int number, std::string_view target, size_t* used_bytes) {
-    target = target.substr(0, name_limit);
+    target = target.substr(0, path_limit);
     count(&list->counts, target);
     descriptor d = {number, std::string(target), 0};
     const size_t size = size_in_memory(d);

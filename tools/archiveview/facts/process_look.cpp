@@ -11,7 +11,7 @@ namespace {
 
 constexpr size_t stat_limit = 4096;            // bytes of a stat file, which has a line
 constexpr size_t status_limit = 64 * 1024;     // bytes of a status file
-constexpr size_t kernel_name_limit = 128;      // bytes of a kernel's function
+constexpr size_t kernel_path_limit = 128;      // bytes of a kernel's function
 constexpr size_t escape_length = 4;            // "\\ooo"
 constexpr std::string_view not_waiting = "0";  // as the kernel writes it
 
@@ -29,7 +29,7 @@ std::optional<proc_stat> parsed_stat(std::string_view text) {
 }
 
 std::string wait_channel_of(std::string_view text) {
-    text = trimmed(text).substr(0, kernel_name_limit);
+    text = trimmed(text).substr(0, kernel_path_limit);
     return text == not_waiting ? std::string() : std::string(text);
 }
 
@@ -97,7 +97,7 @@ std::string unescaped(std::string_view text) {
 
 void add_link(const file_place& place, std::string_view link, std::string_view target) {
     constexpr std::string_view descriptors = "fd/";
-    const std::string plain = unescaped(target.substr(0, name_limit));
+    const std::string plain = unescaped(target.substr(0, path_limit));
     if (link == "exe") {
         place.look->program = plain;
     } else if (link.starts_with(descriptors)) {

@@ -18,7 +18,6 @@ void json_sockets(json_fields* out, const char* name, const json_input& in) {
         one->number("send_queue_bytes", socket.send_queue, !is_listening);
         one->number("receive_queue_bytes", socket.receive_queue, !is_listening);
         one->number("waiting_connections", socket.receive_queue, is_listening);
-        one->number("waiting_connections_limit", socket.send_queue, is_listening);
         one->number("drops", socket.drops);
         one->flag("in_first_look", socket.in_first_look);
         one->flag("in_second_look", socket.in_second_look);
