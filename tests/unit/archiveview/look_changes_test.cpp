@@ -209,6 +209,15 @@ TEST(archiveview_look_changes, what_only_one_look_has_is_left_out) {
     EXPECT_EQ(look_changes(first, second).size(), 1u);
 }
 
+TEST(archiveview_look_changes, entries_of_the_same_name_are_compared_in_their_order) {
+    look first = after(1);
+    look second = after(2);
+    first.slabs = second.slabs = {{"vm_area", 10, 100}, {"vm_area", 500, 100}};
+    EXPECT_TRUE(look_changes(first, second).empty());
+    second.slabs[1].objects = 501;
+    EXPECT_EQ(changes_of("slab", first, second), lines{"vm_area 100 bytes"});
+}
+
 TEST(archiveview_look_changes, vmstat_has_events_and_no_numbers_of_pages) {
     look first = after(1);
     look second = after(3);

@@ -75,16 +75,18 @@ private:
     size_t section_ = 0;
 };
 
-// Calls `use` with both entries of each name that both lists have.
+// Calls `use` with both entries of each name that both lists have. Two slab caches may have the same name;
+// their order decides.
 template <typename Entry, typename Use>
 void for_each_pair(const std::vector<Entry>& first, const std::vector<Entry>& second, const Use& use) {
-    std::unordered_map<std::string_view, const Entry*> by_name;
-    for (const Entry& each : first) {
-        by_name.emplace(each.name, &each);
+    std::unordered_map<std::string_view, std::vector<const Entry*>> by_name;  // the first is the last
+    for (auto each = first.rbegin(); each != first.rend(); ++each) {
+        by_name[each->name].push_back(&*each);
     }
     for (const Entry& each : second) {
-        if (const auto found = by_name.find(each.name); found != by_name.end()) {
-            use(*found->second, each);
+        if (const auto found = by_name.find(each.name); found != by_name.end() && !found->second.empty()) {
+            use(*found->second.back(), each);
+            found->second.pop_back();
         }
     }
 }
