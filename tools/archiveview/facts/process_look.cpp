@@ -10,7 +10,7 @@ namespace archiveview {
 namespace {
 
 constexpr size_t stat_limit = 4096;            // bytes of a stat file, which has a line
-constexpr size_t status_limit = 64 * 1024;     // bytes of a status file
+constexpr size_t status_limit = 65536;         // bytes of a status file
 constexpr size_t kernel_path_limit = 128;      // bytes of a kernel's function
 constexpr size_t escape_length = 4;            // "\\ooo"
 constexpr std::string_view not_waiting = "0";  // as the kernel writes it
