@@ -39,5 +39,6 @@ constexpr size_t core_notes_limit = size_t{8}
                                     << 20;  // bytes at the start of a core, up to the end of its notes
 constexpr size_t mapping_limit = 65536;     // of one core
 constexpr size_t spooled_core_limit = size_t{64} << 20;  // of a core that a debugger is shown
+constexpr size_t stack_text_limit = size_t{4} << 20;     // of what a debugger prints about a core
 
 }  // namespace archiveview

@@ -112,7 +112,7 @@ void core_reader::state::fill_facts() {
     core_locks_read(notes, *machine, memory, waits, &facts);
     core_deadlocks_find(waits, &facts);
     core_files_read(memory, &notes.files);
-    const core_file* program = core_file_index(notes).find(notes.entry);
+    const core_file* program = core_files_view(notes.files).find(notes.entry);
     facts.program = program ? program->path : notes.name;
     facts.command = notes.arguments;
     facts.files = std::move(notes.files);

@@ -4,8 +4,11 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <bit>
 #include <span>
+#include <string>
+#include <string_view>
 
 namespace archiveview {
 
@@ -35,6 +38,18 @@ inline uint64_t word_at(std::span<const char> bytes, uint64_t offset, size_t wor
 // The end of a range, or the largest number if there is none so large.
 constexpr uint64_t end_of(uint64_t start, uint64_t length) {
     return length > UINT64_MAX - start ? UINT64_MAX : start + length;
+}
+
+// "0x1234".
+inline std::string hexadecimal(uint64_t number) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::string text;
+    do {
+        text += digits[number % 16];
+        number /= 16;
+    } while (number > 0);
+    std::ranges::reverse(text);
+    return "0x" + text;
 }
 
 }  // namespace archiveview

@@ -13,21 +13,10 @@ namespace {
 constexpr size_t first_pages_limit = 1024;  // of one core
 constexpr uint64_t vdso_bytes = 2 * 4096;
 
-std::string hexadecimal(uint64_t number) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::string text;
-    do {
-        text += digits[number % 16];
-        number /= 16;
-    } while (number > 0);
-    std::ranges::reverse(text);
-    return "0x" + text;
-}
-
 }  // namespace
 
-core_file_index::core_file_index(const core_notes& notes) : notes_(notes) {
-    const std::vector<core_file>& files = notes.files;
+core_files_view::core_files_view(const std::vector<core_file>& files, uint64_t vdso)
+    : files_(files), vdso_(vdso) {
     bases_.reserve(files.size());
     for (size_t i = 0; i < files.size(); i++) {
         const bool continues =
@@ -36,21 +25,21 @@ core_file_index::core_file_index(const core_notes& notes) : notes_(notes) {
     }
 }
 
-const core_file* core_file_index::find(uint64_t address) const {
-    auto after = std::ranges::upper_bound(notes_.files, address, {}, &core_file::start);
-    if (after == notes_.files.begin() || address >= std::prev(after)->end) {
+const core_file* core_files_view::find(uint64_t address) const {
+    auto after = std::ranges::upper_bound(files_, address, {}, &core_file::start);
+    if (after == files_.begin() || address >= std::prev(after)->end) {
         return nullptr;
     }
     return &*std::prev(after);
 }
 
-std::string core_file_index::place(uint64_t address) const {
+std::string core_files_view::place(uint64_t address) const {
     if (const core_file* file = find(address)) {
-        const uint64_t base = bases_[static_cast<size_t>(file - notes_.files.data())];
+        const uint64_t base = bases_[static_cast<size_t>(file - files_.data())];
         return file->path.substr(file->path.rfind('/') + 1) + "+" + hexadecimal(address - base);
     }
-    if (notes_.vdso != 0 && address >= notes_.vdso && address - notes_.vdso < vdso_bytes) {
-        return "[vdso]+" + hexadecimal(address - notes_.vdso);
+    if (vdso_ != 0 && address >= vdso_ && address - vdso_ < vdso_bytes) {
+        return "[vdso]+" + hexadecimal(address - vdso_);
     }
     return hexadecimal(address);
 }

@@ -13,10 +13,11 @@
 
 namespace archiveview {
 
-// Finds mapped files by address. Borrows the notes.
-class core_file_index {
+// Finds mapped files by address. Borrows them; they are in the order of addresses. `vdso` is where the
+// kernel's own page of functions is, or 0.
+class core_files_view {
 public:
-    explicit core_file_index(const core_notes& notes);
+    explicit core_files_view(const std::vector<core_file>& files, uint64_t vdso = 0);
 
     // The mapping that has this address, or null.
     const core_file* find(uint64_t address) const;
@@ -26,7 +27,8 @@ public:
     std::string place(uint64_t address) const;
 
 private:
-    const core_notes& notes_;
+    const std::vector<core_file>& files_;
+    uint64_t vdso_;
     std::vector<uint64_t> bases_;  // for each mapping, where the first one of its file begins
 };
 

@@ -62,7 +62,7 @@ bool has_registers(const noted_thread& thread, const core_machine& machine) {
 bool is_x86_64_call(const noted_thread& thread) {
     const auto number = static_cast<int64_t>(thread.registers[x86_64::orig_rax]);
     return number >= 0 && number < x86_64::number_limit &&
-           is_interrupted(-static_cast<int64_t>(thread.registers[x86_64::rax]));
+           is_interrupted(static_cast<int64_t>(0 - thread.registers[x86_64::rax]));
 }
 
 bool is_mips_call(const noted_thread& thread) {
@@ -201,7 +201,7 @@ void core_threads_want(const core_notes& notes, const core_machine& machine, cor
 std::vector<futex_wait> core_threads_read(const core_notes& notes, const core_machine& machine,
                                           const core_memory& memory, core_facts* facts) {
     std::vector<futex_wait> waits;
-    const core_file_index files(notes);
+    const core_files_view files(notes.files, notes.vdso);
     for (const noted_thread& noted : notes.threads) {
         core_thread thread;
         thread.tid = noted.tid;
