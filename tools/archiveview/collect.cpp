@@ -30,7 +30,8 @@ struct current_member {
 
 class collector {
 public:
-    explicit collector(archive_source* source) : source_(source), piece_(piece_size) {}
+    collector(archive_source* source, core_options cores)
+        : source_(source), core_options_(std::move(cores)), piece_(piece_size) {}
 
     archive_facts collect();
 
@@ -38,7 +39,7 @@ private:
     void add(const source_member& member);
     std::string_view without_directory(std::string_view name);
     void add_text(current_member* member);
-    void add_core(const current_member& member);
+    void add_core(const current_member& member, const std::string& whole_name);
     bool parse(const current_member& member);
     bool parse_look_file(const current_member& member);
     bool parse_process_file(const current_member& member);
@@ -46,6 +47,7 @@ private:
     bool was_cut() const;
 
     archive_source* source_;
+    core_options core_options_;
     archive_facts facts_;
     member_order order_;
     shown_texts shown_;
@@ -168,17 +170,19 @@ void collector::add_text(current_member* member) {
     shown_.add(member->name, member->text, member->size, is_parsed);
 }
 
-void collector::add_core(const current_member& member) {
+void collector::add_core(const current_member& member, const std::string& whole_name) {
     if (facts_.cores.size() == core_limit) {
         shown_.skip(member.name, "too many cores");
         return;
     }
     core_reader reader(std::string(member.name), std::string(member.place.folder), member.place.pid,
-                       member.size);
+                       member.size, core_options_);
     for (size_t taken; (taken = source_->read(piece_)) != 0;) {
         reader.add(std::span<const char>(piece_).first(taken));
     }
     facts_.cores.push_back(reader.finish());
+    core_facts* core = &facts_.cores.back();
+    core->gdb_command = core_gdb_command(*core, "ARCHIVE", whole_name);
 }
 
 void collector::add(const source_member& from) {
@@ -188,7 +192,7 @@ void collector::add(const source_member& from) {
     member.look = order_.add(member.place, member.name);
     member.size = from.size;
     if (member.place.kind == member_kind::core) {
-        add_core(member);
+        add_core(member, from.name);
     } else {
         add_text(&member);
     }
@@ -204,6 +208,7 @@ archive_facts collector::collect() {
     set_verdict(&facts_.archive, {&source_->state(), &order_, &members_, manifest, has_other_directory_});
     times_.has_manifest_list =
         facts_.archive.state == archive_state::whole && manifest && manifest->is_list_whole;
+    cores_add_stacks(&facts_.cores, core_options_);
     shown_.move_to(&facts_.archive);
     join_facts(&facts_, manifest, times_);
     return std::move(facts_);
@@ -211,8 +216,8 @@ archive_facts collector::collect() {
 
 }  // namespace
 
-archive_facts collect_facts(archive_source* source) {
-    return collector(source).collect();
+archive_facts collect_facts(archive_source* source, const core_options& cores) {
+    return collector(source, cores).collect();
 }
 
 }  // namespace archiveview

@@ -7,6 +7,7 @@
 namespace archiveview {
 
 // Throws only what the source's reader throws, or if memory runs out.
-archive_facts collect_facts(archive_source* source);
+// `cores` says how their stacks are found.
+archive_facts collect_facts(archive_source* source, const core_options& cores = {});
 
 }  // namespace archiveview

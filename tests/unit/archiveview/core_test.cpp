@@ -264,17 +264,14 @@ TEST(core, budget_bounds_all_cores_together) {
 TEST(core, command_is_quoted_for_the_shell) {
     core_facts core;
     core.pid = 12;
-    core.member = "debug-c0/shown.12/core";
     core.program = "/usr/bin/shown";
-    EXPECT_EQ(core_gdb_command(core, "debug.tgz"),
+    EXPECT_EQ(core_gdb_command(core, "debug.tgz", "debug-c0/shown.12/core"),
               "tar -x -Of debug.tgz -- debug-c0/shown.12/core > core.12 && gdb-multiarch -core core.12 "
               "/usr/bin/shown");
-    core.member = "a b'c$(d)";
     core.program = "-x\n";
-    EXPECT_EQ(core_gdb_command(core, "-f"),
+    EXPECT_EQ(core_gdb_command(core, "-f", "a b'c$(d)"),
               "tar -x -Of ./-f -- 'a b'\\''c$(d)' > core.12 && gdb-multiarch -core core.12 $'./-x\\012'");
-    core.member = "a\\t";
-    EXPECT_EQ(core_gdb_command(core, "f").find("tar -x --no-unquote -Of f -- 'a\\t' >"), 0u);
+    EXPECT_EQ(core_gdb_command(core, "f", "a\\t").find("tar -x --no-unquote -Of f -- 'a\\t' >"), 0u);
 }
 
 }  // namespace

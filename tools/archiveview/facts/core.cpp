@@ -158,7 +158,7 @@ core_facts core_reader::finish() {
         all.fill_facts();
         all.facts.spool = std::move(all.spool);
     }
-    all.facts.gdb_command = core_gdb_command(all.facts, "ARCHIVE");
+    all.facts.gdb_command = core_gdb_command(all.facts, "ARCHIVE", all.facts.member);
     return std::move(all.facts);
 }
 

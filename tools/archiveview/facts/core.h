@@ -62,8 +62,9 @@ struct core_facts {
     std::shared_ptr<const core_spool> spool;  // its bytes, for cores_add_stacks()
 };
 
-// The command that opens a core of this archive in a debugger, safe to paste into a shell.
-std::string core_gdb_command(const core_facts& core, std::string_view archive);
+// The command that opens a core of this archive in a debugger, safe to paste into a shell. `member` is the
+// name in the archive, with the top directory.
+std::string core_gdb_command(const core_facts& core, std::string_view archive, std::string_view member);
 
 // What all cores of an archive may take together. Readers that share an options object share it.
 struct core_budget {

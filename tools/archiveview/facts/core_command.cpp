@@ -48,13 +48,13 @@ std::string quoted_file(std::string_view name) {
 
 }  // namespace
 
-std::string core_gdb_command(const core_facts& core, std::string_view archive) {
+std::string core_gdb_command(const core_facts& core, std::string_view archive, std::string_view member) {
     const std::string file = "core." + std::to_string(core.pid);
     // tar reads a backslash in a member's name as the beginning of another character, unless it is told not
     // to.
-    const bool has_backslash = core.member.find('\\') != std::string::npos;
+    const bool has_backslash = member.find('\\') != std::string_view::npos;
     std::string command = "tar -x" + std::string(has_backslash ? " --no-unquote" : "") + " -Of " +
-                          quoted_file(archive) + " -- " + quoted(core.member) + " > " + file +
+                          quoted_file(archive) + " -- " + quoted(member) + " > " + file +
                           " && gdb-multiarch -core " + file;
     if (!core.program.empty()) {
         command += " " + quoted_file(core.program);
