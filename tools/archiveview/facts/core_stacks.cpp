@@ -83,7 +83,8 @@ void cores_add_stacks(std::vector<core_facts>* cores, const core_options& option
     for (core_facts& core : *cores) {
         order.push_back(&core);
     }
-    std::ranges::stable_partition(order, [](const core_facts* core) { return has_fault(*core); });
+    std::stable_partition(order.begin(), order.end(),
+                          [](const core_facts* core) { return has_fault(*core); });
     for (core_facts* core : order) {
         const int64_t end_ms = began_ms + (has_fault(*core) ? all_cores_ms : healthy_cores_ms);
         const int64_t left_ms = end_ms - monotonic_ms();
