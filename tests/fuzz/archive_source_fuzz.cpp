@@ -29,7 +29,9 @@ viewed view(const uint8_t* data, size_t size, size_t piece) {
         return count;
     });
     viewed all;
-    all.facts = collect_facts(&source);
+    archiveview::core_options cores;
+    cores.stacks = false;
+    all.facts = collect_facts(&source, cores);
     all.source = source.state();
     all.text = text_view(all.facts, find_all(all.facts));
     return all;
