@@ -41,6 +41,29 @@ double process_span(const archive_facts& facts, const manifest_facts* manifest, 
     return seconds;
 }
 
+void fill(std::string* to, const std::string& text) {
+    if (to->empty()) {
+        *to = text;
+    }
+}
+
+// A core tells of its process, and in the usual form little else does.
+void join_cores(archive_facts* facts) {
+    for (size_t i = 0; i < facts->cores.size(); i++) {
+        const core_facts& core = facts->cores[i];
+        process_facts* process = facts->processes.get(core.pid);
+        if (!process) {
+            continue;
+        }
+        process->core = static_cast<int>(i);
+        fill(&process->name, core.name);
+        fill(&process->program, core.program);
+        fill(&process->command, core.command);
+        process->state = process->state == '?' ? core.state : process->state;
+        process->thread_count = std::max(process->thread_count, static_cast<unsigned>(core.threads.size()));
+    }
+}
+
 }  // namespace
 
 bool is_socket_table(std::string_view file) {
@@ -68,6 +91,7 @@ void join_facts(archive_facts* facts, const manifest_facts* manifest, const look
     if (first.is_present && second.is_present) {
         facts->changes = look_changes(first, second);
     }
+    join_cores(facts);
     processes_finish(&facts->processes, process_span(*facts, manifest, times));
     sockets_join(&facts->sockets, facts->processes);
     capture_join(&facts->capture, facts->sockets, facts->processes);

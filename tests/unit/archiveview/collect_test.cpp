@@ -104,6 +104,7 @@ TEST(collect, gives_members_to_their_parsers) {
     ASSERT_TRUE(process);
     EXPECT_EQ(process->name, "httpd");
     EXPECT_TRUE(process->in_first_look && process->in_second_look);
+    EXPECT_EQ(process->core, 0);
 }
 
 TEST(collect, keeps_small_members_as_text) {
