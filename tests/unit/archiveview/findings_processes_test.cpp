@@ -110,6 +110,12 @@ TEST(findings_process_stopped, the_core_tells_it_without_looks) {
     EXPECT_EQ(verdict(facts, "process-stopped"), "412 warning");
 }
 
+TEST(findings_process_stopped, one_that_the_trace_has_resumed_was_stopped) {
+    archive_facts facts = healthy_archive();
+    suspect_of(&facts)->first_state = 'T';
+    EXPECT_EQ(verdict(facts, "process-stopped"), "412 warning");
+}
+
 TEST(findings_process_stopped, the_looks_count_more_than_the_core) {
     archive_facts facts = healthy_archive();
     facts.cores[0].state = 'T';  // as the dumper leaves it

@@ -56,6 +56,7 @@ public:
     void join() {
         add_row();
         add_look(first_);
+        process_->first_state = first_->stat ? first_->stat->state : '?';
         add_look(second_);
         add_names();
         add_growth();

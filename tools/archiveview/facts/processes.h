@@ -30,6 +30,8 @@ struct process_facts {
     std::string program;  // path of the executable
     std::string user;
     char state = '?';  // R, S, D, T, t, Z, I, X; '?' if unknown
+    // At the first look: the trace may have resumed a stopped process since.
+    char first_state = '?';
     bool in_first_look = false, in_second_look = false;
     bool has_gone = false;     // it ended between the looks; its state is then X
     uint64_t start_ticks = 0;  // after boot, in hundredths of a second

@@ -149,11 +149,11 @@ symptoms find_resets(const archive_facts& facts) {
     const own_connections own(facts);
     attempts_by_target by_target;
     for (const conversation& one : facts.capture.conversations) {
-        if (one.resets <= one.refusals || own.has(one)) {
+        if (one.resets == 0 || own.has(one)) {
             continue;
         }
         attempts* to = attempts_at(&by_target, address_of(one.a), one.b);
-        to->count += one.resets - one.refusals;
+        to->count += one.resets;
         to->pid = one.pid != 0 ? one.pid : to->pid;
         to->place = conversation_place(facts, one);
     }

@@ -35,7 +35,8 @@ memory_state memory_of(const look& one) {
 const process_facts* hog_of(const archive_facts& facts, const memory_state& memory) {
     const process_facts* largest = nullptr;
     for_each_suspect(facts, [&](int, const process_facts& process) {
-        if (!largest || process.resident_kb > largest->resident_kb) {
+        const bool is_alive = process.state != 'Z' && process.state != 'X';
+        if (is_alive && (!largest || process.resident_kb > largest->resident_kb)) {
             largest = &process;
         }
     });
@@ -72,7 +73,7 @@ std::optional<symptom> low_memory(const archive_facts& facts, const memory_state
 }
 
 bool grows_much(const process_facts& process, const memory_state& memory) {
-    if (!process.in_first_look || !process.in_second_look) {
+    if (!process.in_first_look || !process.in_second_look || process.state == 'Z' || process.state == 'X') {
         return false;
     }
     const auto growth = static_cast<double>(process.resident_growth_kb);

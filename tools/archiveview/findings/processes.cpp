@@ -165,7 +165,8 @@ symptoms find_process_blocked(const archive_facts& facts) {
 symptoms find_process_stopped(const archive_facts& facts) {
     symptoms all;
     for_each_suspect(facts, [&](int pid, const process_facts& process) {
-        const char state = state_of(facts, process);
+        // The trace of the archive may resume it, so what the first look says counts too.
+        const char state = process.first_state == 'T' ? 'T' : state_of(facts, process);
         if (state != 'T' && state != 't') {
             return;
         }

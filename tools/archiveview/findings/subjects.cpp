@@ -94,7 +94,8 @@ bool own_connections::is_own_endpoint(const std::string& endpoint) const {
 }
 
 bool own_connections::has(const conversation& one) const {
-    return (one.pid != 0 && is_own(facts_, one.pid)) || is_own_endpoint(one.a) || is_own_endpoint(one.b);
+    return is_own(facts_, one.pid) || is_own(facts_, one.peer_pid) || is_own_endpoint(one.a) ||
+           is_own_endpoint(one.b);
 }
 
 bool own_connections::has(const socket_facts& one) const {
