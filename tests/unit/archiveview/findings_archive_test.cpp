@@ -50,6 +50,8 @@ TEST(findings_archive, processes_that_have_no_core_by_design_miss_none) {
     facts.processes.get(77)->state = 'Z';
     process_facts* gone = facts.processes.get(78);
     gone->in_first_look = true;
+    process_facts* late = facts.processes.get(79);
+    late->in_second_look = true;
     EXPECT_EQ(verdict(facts, "core-missing"), "nothing");
 }
 
