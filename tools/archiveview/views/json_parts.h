@@ -29,6 +29,9 @@ void json_cores(json_fields* out, const char* name, const json_input& in);
 void json_kernel(json_fields* out, const char* name, const json_input& in);
 void json_texts(json_fields* out, const char* name, const json_input& in);
 
+// The value alone.
+std::string json_value(const json_part& part, const json_input& in);
+
 // In the order of the page.
 constexpr json_part json_parts[] = {
     {"archive", json_archive}, {"device", json_device}, {"findings", json_findings},

@@ -3,10 +3,9 @@
 #include "tools/archiveview/views/json_parts.h"
 
 namespace archiveview {
-namespace {
 
-// The value alone, without the braces and the key that the part is written with.
-std::string value_of(const json_part& part, const json_input& in) {
+// Without the braces and the key that the part is written with.
+std::string json_value(const json_part& part, const json_input& in) {
     json_output json;
     json.begin_object();
     json_fields fields(&json);
@@ -18,13 +17,11 @@ std::string value_of(const json_part& part, const json_input& in) {
     return std::string(text);
 }
 
-}  // namespace
-
 std::vector<json_section> json_sections(const archive_facts& facts, const std::vector<finding>& findings) {
     const json_input in = {facts, findings};
     std::vector<json_section> sections;
     for (const json_part& part : json_parts) {
-        sections.push_back({part.name, value_of(part, in)});
+        sections.push_back({part.name, json_value(part, in)});
     }
     return sections;
 }
