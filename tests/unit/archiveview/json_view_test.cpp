@@ -177,6 +177,7 @@ TEST(json_view, of_nothing_has_the_same_keys_and_null_for_what_is_unknown) {
     std::set<std::string> all;
     find_keys(json["device"], "", &some);
     find_keys(rich_json()["device"], "", &all);
+    std::erase_if(all, [](const std::string& key) { return key.starts_with("file_systems."); });
     EXPECT_EQ(some, all);
 }
 

@@ -35,6 +35,7 @@ inline look rich_look(double uptime, uint64_t scale) {
     seen.version = "Linux version 4.9.0";
     seen.command_line = "console=ttyS0";
     seen.processor = "MIPS 74Kc";
+    seen.machine = "board";
     return seen;
 }
 
@@ -75,6 +76,8 @@ inline device_facts rich_device() {
     device.addresses = {"lo 127.0.0.1/8", "eth0 192.0.2.2/24"};
     device.neighbours = {"192.0.2.1 eth0 02:00:00:00:00:01"};
     device.routes = {"default 192.0.2.1 eth0"};
+    device.file_systems = {{"/dev/mmcblk0p2", "/data", "ext4", "ro,relatime", true, 4096, 1024, 3072, 77}};
+    device.errors = {"/proc/loadavg: Permission denied"};
     return device;
 }
 
@@ -94,7 +97,9 @@ inline process_facts rich_process(int pid, const std::string& name) {
     process.cpu_percent = 51.2;
     process.resident_kb = 20480;
     process.resident_growth_kb = 640;
+    process.start_ticks = 1234;
     process.descriptor_growth = 12;
+    process.descriptor_growth_by_kind = {0, 12, 0, 0};
     process.descriptor_bound = 1024;
     process.descriptors = {{0, "/dev/null", 0}, {3, "socket:[4711]", 4711}, {4, "pipe:[88]", 88}};
     process.counts = {3, 1, 1, 1, 0};
@@ -123,6 +128,8 @@ inline trace_facts rich_trace() {
     traced.signals = {"SIGCHLD"};
     traced.waits_in = "futex";
     traced.waits_in_line = "16:11:33.000001 [412 streamd] futex(0x7f001000, FUTEX_WAIT, 2";
+    traced.open_descriptors = 3;
+    traced.waits_throughout = true;
     traced.waits_seconds = 4.25;
     traced.polling_call = "read";
     traced.polling_per_second = 100;
@@ -178,6 +185,8 @@ inline core_facts rich_core() {
     core.command = "/usr/bin/streamd --port 80";
     core.state = 'S';
     core.signal = 6;
+    core.signal_name = "SIGABRT";
+    core.fault_address = 0x10;
     core_thread waiting;
     waiting.tid = 412;
     waiting.state = 'S';
@@ -188,6 +197,7 @@ inline core_facts rich_core() {
     waiting.waits_in = "futex";
     waiting.futex = 0x7f001000;
     waiting.owner = 413;
+    waiting.joins = 413;
     waiting.frames = {"__lll_lock_wait", "pthread_mutex_lock", "main"};
     core_thread other = waiting;
     other.tid = 413;
@@ -208,6 +218,7 @@ inline kernel_facts rich_kernel() {
     record.place = "video_start+0x10c/0x210";
     record.process = "streamd";
     record.pid = 398;
+    record.count = 17;
     record.is_panic = true;
     record.lines = {{0, 12.5, "Oops[#1]:"}, {4, 12.6, "CPU: 0 PID: 398 Comm: streamd"}};
     kernel.oops = {record};

@@ -42,8 +42,8 @@ std::string verdict(const archive_summary& archive) {
                        "\">\n<h2 id=\"verdict-title\">" + state_heading(archive) + "</h2>\n" +
                        paragraph(sentence(archive.reason));
     if (!archive.cut_member.empty()) {
-        html += paragraph("Place: " + archive.cut_member + ", after " +
-                          size_text(archive.cut_member_bytes) + " of it.");
+        html += paragraph("Place: " + archive.cut_member + ", after " + size_text(archive.cut_member_bytes) +
+                          " of it.");
     }
     if (!archive.missing.empty()) {
         html += paragraph("Missing: " + joined(archive.missing, ", ") + ".");
@@ -114,8 +114,7 @@ std::string finding_item(const finding& found) {
         }
         html += "</ul>\n";
     }
-    return html +
-           (found.next.empty() ? "" : "<p class=\"next\">" + html_escaped(found.next) + "</p>\n") +
+    return html + (found.next.empty() ? "" : "<p class=\"next\">" + html_escaped(found.next) + "</p>\n") +
            "</li>\n";
 }
 

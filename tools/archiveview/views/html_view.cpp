@@ -1,7 +1,8 @@
 #include "tools/archiveview/views/html_view.h"
 
 #include <algorithm>
-#include <span>
+#include <functional>
+#include <iterator>
 
 #include "tools/archiveview/limits.h"
 #include "tools/archiveview/views/html_assets.h"
@@ -55,29 +56,24 @@ std::string block(const std::string& name, std::string_view data) {
            "</script>\n";
 }
 
-// Without the largest texts, so that the rest has at most `bytes`.
+// Without the largest texts, so that the others have at most `bytes`.
 archive_facts with_fewer_texts(const archive_facts& facts, size_t bytes) {
     archive_facts fewer;
-    std::vector<named_text>& texts = fewer.archive.texts;
-    texts = facts.archive.texts;
-    std::vector<size_t> sizes;
-    for (const named_text& text : texts) {
-        sizes.push_back(text.text.size());
-    }
-    std::ranges::sort(sizes);
+    fewer.archive.texts = facts.archive.texts;
+    std::vector<named_text*> by_size;
     size_t sum = 0;
-    size_t largest = 0;
-    for (const size_t size : sizes) {
-        sum += size;
-        if (sum <= bytes) {
-            largest = size;
-        }
+    for (named_text& text : fewer.archive.texts) {
+        by_size.push_back(&text);
+        sum += text.text.size();
     }
-    for (named_text& text : texts) {
-        if (text.text.size() > largest) {
-            text.text =
-                "(" + size_text(text.text.size()) + ": left out, because the page would be too large)\n";
+    std::ranges::sort(by_size, std::greater(), [](const named_text* text) { return text->text.size(); });
+    for (named_text* text : by_size) {
+        if (sum <= bytes) {
+            break;
         }
+        sum -= text->text.size();
+        text->text =
+            "(" + size_text(text->text.size()) + ": left out, because the page would be too large)\n";
     }
     return fewer;
 }
@@ -91,7 +87,7 @@ std::string texts_block(const archive_facts& facts, size_t room) {
     }
     while (data.size() > room && bytes > 0) {
         const double share = static_cast<double>(room) / static_cast<double>(data.size());
-        bytes = static_cast<size_t>(static_cast<double>(bytes) * std::min(share, 0.9) * 0.9);
+        bytes = static_cast<size_t>(static_cast<double>(bytes) * std::min(share, 0.9) * 0.95);
         const archive_facts fewer = with_fewer_texts(facts, bytes);
         data = packed(json_value(json_parts[std::size(json_parts) - 1], {fewer, {}}));
     }

@@ -12,6 +12,7 @@ void json_archive(json_fields* out, const char* name, const json_input& in) {
         one->text("state", archive_state_name(archive.state));
         one->text("reason", archive.reason);
         one->flag("readable", archive.is_readable);
+        one->flag("end_unknown", archive.is_end_unknown);
         one->text("form", archive.is_full ? "full" : "usual");
         one->flag("compressed", archive.is_compressed);
         one->text("directory", archive.directory);
@@ -26,6 +27,22 @@ void json_archive(json_fields* out, const char* name, const json_input& in) {
         one->id("span_seconds", archive.span_seconds);
     });
 }
+
+namespace {
+
+void add_file_system(json_fields* out, const file_system& mounted) {
+    out->text("device", mounted.device);
+    out->text("folder", mounted.folder);
+    out->text("type", mounted.type);
+    out->text("options", mounted.options);
+    out->flag("answering", mounted.is_answering);
+    out->number("total_kb", mounted.total_kb, mounted.is_answering);
+    out->number("used_kb", mounted.used_kb, mounted.is_answering);
+    out->number("available_kb", mounted.available_kb, mounted.is_answering);
+    out->number("free_inodes", mounted.free_inodes, mounted.is_answering);
+}
+
+}  // namespace
 
 void json_device(json_fields* out, const char* name, const json_input& in) {
     out->object(name, [&device = in.facts.device, &looks = in.facts.looks](json_fields* one) {
@@ -44,6 +61,8 @@ void json_device(json_fields* out, const char* name, const json_input& in) {
         one->array("addresses", device.addresses);
         one->array("neighbours", device.neighbours);
         one->array("routes", device.routes);
+        one->objects("file_systems", device.file_systems, add_file_system);
+        one->array("errors", device.errors);
     });
 }
 

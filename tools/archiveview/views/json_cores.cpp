@@ -14,6 +14,7 @@ void add_thread(json_fields* out, const core_thread& thread) {
     out->address("futex", thread.futex, thread.futex != 0);
     out->id("owner", thread.owner);
     out->flag("owner_ended", thread.owner_ended);
+    out->id("joins", thread.joins);
     out->id("signal", thread.signal);
     out->array("frames", thread.frames);
 }
@@ -38,6 +39,8 @@ void add_core(json_fields* out, const core_facts& core) {
     out->text("command", core.command);
     out->state("state", core.state);
     out->id("signal", core.signal);
+    out->text("signal_name", core.signal_name);
+    out->address("fault_address", core.fault_address, core.signal != 0);
     out->text("stack_remark", core.stack_remark);
     out->text("gdb_command", core.gdb_command);
     out->objects("threads", core.threads, add_thread);

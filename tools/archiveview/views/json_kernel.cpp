@@ -11,6 +11,8 @@ void add_line(json_fields* out, const log_line& line) {
 
 void add_oops(json_fields* out, const oops_record& record) {
     out->number("number", record.number);
+    out->number("count", record.count);
+    out->flag("cut", record.is_cut);
     out->text("headline", record.headline);
     out->text("place", record.place);
     out->text("process", record.process);

@@ -84,6 +84,7 @@ void add_look(json_fields* out, const look& seen) {
     out->text("version", seen.version);
     out->text("command_line", seen.command_line);
     out->text("processor", seen.processor);
+    out->text("machine", seen.machine);
     add_tables(out, seen);
 }
 

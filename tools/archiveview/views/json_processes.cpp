@@ -18,8 +18,8 @@ void add_descriptor(json_fields* out, const descriptor& open) {
     out->id("inode", open.inode);
 }
 
-void add_counts(json_fields* out, const descriptor_counts& counts) {
-    out->number("total", counts.total);
+template <typename Counts>
+void add_kinds(json_fields* out, const Counts& counts) {
     out->number("file", counts.file);
     out->number("socket", counts.socket);
     out->number("pipe", counts.pipe);
@@ -46,6 +46,8 @@ void add_identity(json_fields* out, const process_facts& process) {
     out->flag("kernel_thread", process.is_kernel_thread);
     out->flag("in_first_look", process.in_first_look);
     out->flag("in_second_look", process.in_second_look);
+    out->flag("ended", process.has_gone);
+    out->id("start_ticks", process.start_ticks);
     out->text("wait_channel", process.wait_channel);
     out->number("children", process.children);
 }
@@ -55,8 +57,14 @@ void add_use(json_fields* out, const process_facts& process) {
     out->known("cpu_percent", process.cpu_percent);
     out->known("resident_kb", process.resident_kb);
     out->number("resident_growth_kb", process.resident_growth_kb, process.resident_kb >= 0);
-    out->object("descriptors", [&](json_fields* one) { add_counts(one, process.counts); });
-    out->number("descriptor_growth", process.descriptor_growth);
+    out->object("descriptors", [&](json_fields* one) {
+        one->number("total", process.counts.total);
+        add_kinds(one, process.counts);
+    });
+    out->object("descriptor_growth", [&](json_fields* one) {
+        one->number("total", process.descriptor_growth);
+        add_kinds(one, process.descriptor_growth_by_kind);
+    });
     out->id("descriptor_limit", process.descriptor_bound);
     out->known("core", process.core);
 }

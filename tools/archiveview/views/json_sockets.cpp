@@ -2,7 +2,7 @@
 
 namespace archiveview {
 
-// The kernel uses the queues of a listening socket for its connections: how many wait, and how many may.
+// The kernel uses the queue of a listening socket for its connections.
 void json_sockets(json_fields* out, const char* name, const json_input& in) {
     const process_list& processes = in.facts.processes;
     out->objects(name, in.facts.sockets.sockets, [&](json_fields* one, const socket_facts& socket) {

@@ -31,9 +31,12 @@ void add_process(json_fields* out, const traced_process& process, bool is_timed)
     out->text("name", process.name);
     out->number("calls", process.calls);
     out->number("errors", process.errors);
+    out->flag("ended", process.has_ended);
+    out->known("open_descriptors", process.open_descriptors);
     out->text("waits_in", process.waits_in);
     out->text("waits_in_line", process.waits_in_line);
     out->known("waits_seconds", process.waits_seconds);
+    out->flag("waits_throughout", process.waits_throughout);
     out->text("polling_call", process.polling_call);
     out->number("polling_per_second", process.polling_per_second, !process.polling_call.empty());
     out->text("slowest_line", process.slowest_line);
@@ -51,6 +54,7 @@ void json_trace(json_fields* out, const char* name, const json_input& in) {
         one->flag("timed", trace.is_timed);
         one->flag("full", trace.is_full);
         one->number("bytes", trace.bytes);
+        one->number("lines_left_out", trace.left_out);
         one->known("seconds", trace.seconds);
         one->number("calls", trace.calls);
         one->number("errors", trace.errors);

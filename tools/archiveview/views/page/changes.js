@@ -23,13 +23,13 @@ function changeColumns(rows) {
             {title: "Second look", value: (row) => row.second_text, wide: true},
         ];
     }
-    const format = {kb: memory, bytes: size, bytes_per_second: size}[unitOf(rows[0])] ?? count;
+    const format = (row, number) => ({kb: memory, bytes: size, bytes_per_second: size}[unitOf(row)] ?? count)(number);
     return [
         {title: "Name", value: (row) => row.name, wide: true},
         {title: "Change", value: (row) => Math.abs(row[unitOf(row)] ?? 0), number: true,
          show: (row) => UNITS[unitOf(row)](row[unitOf(row)] ?? 0)},
-        {title: "First look", value: (row) => row.first, number: true, show: (row) => format(row.first)},
-        {title: "Second look", value: (row) => row.second, number: true, show: (row) => format(row.second)},
+        {title: "First look", value: (row) => row.first, number: true, show: (row) => format(row, row.first)},
+        {title: "Second look", value: (row) => row.second, number: true, show: (row) => format(row, row.second)},
     ];
 }
 

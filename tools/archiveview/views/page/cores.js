@@ -6,7 +6,7 @@ const stackOf = (thread) => (thread.frames.length ? thread.frames.join("\n") : t
 function threadGroups(threads) {
     const groups = new Map();
     for (const thread of threads) {
-        const name = [thread.state, thread.waits_in, thread.futex, thread.owner, stackOf(thread)].join("\n");
+        const name = [thread.state, thread.waits_in, thread.futex, thread.owner, thread.joins, stackOf(thread)].join("\n");
         const group = groups.get(name) ?? {...thread, tids: [], stack: stackOf(thread)};
         group.tids.push(thread.tid);
         groups.set(name, group);
@@ -15,6 +15,9 @@ function threadGroups(threads) {
 }
 
 function lockText(group) {
+    if (group.joins) {
+        return `the end of thread ${group.joins}`;
+    }
     if (!group.futex) {
         return null;
     }
@@ -31,7 +34,7 @@ function coreThreads(core) {
             {title: "Threads", value: (row) => row.tids[0], show: (row) => someNumbers(row.tids), wide: true},
             {title: "State", value: (row) => row.state},
             {title: "Waits in", value: (row) => row.waits_in},
-            {title: "Lock", value: lockText, wide: true},
+            {title: "Waits for", value: lockText, wide: true},
             {title: "Stack, innermost first", value: (row) => row.stack,
              show: (row) => make("pre", {className: "stack"}, row.stack)},
         ],
@@ -69,6 +72,7 @@ function coreDetail(core) {
         ["Process", processLink(core.pid, core.name)],
         ["Command", core.command && code(core.command)],
         ["Member", code(core.member ?? "")],
+        ["Fault at", core.fault_address && core.fault_address !== "0x0" ? code(core.fault_address) : null],
         ["Damage", core.damage && make("span", {className: "warn"}, core.damage)],
         ...core.deadlocks.map((one) => ["Deadlock", make("span", {className: "warn"}, deadlockText(one))]),
         ["Debugger", core.gdb_command && make("span", {className: "copy"}, code(core.gdb_command), copyButton(core.gdb_command))],

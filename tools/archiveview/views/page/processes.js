@@ -66,6 +66,11 @@ function monitorText({descriptors, sockets, pipes, descriptor_score: score, fork
     return parts.filter(Boolean).join(", ");
 }
 
+function growthText(growth) {
+    const grown = ["file", "socket", "pipe", "other"].filter((kind) => growth[kind]);
+    return grown.map((kind) => `${kind} ${signed(growth[kind], count)}`).join(", ");
+}
+
 function processDetail(process, cores) {
     const core = process.core === null ? null : cores[process.core];
     const kinds = process.descriptors;
@@ -75,6 +80,8 @@ function processDetail(process, cores) {
         ["Parent", process.parent ? link(`process/${process.parent}`, String(process.parent)) : null],
         ["User", process.user],
         ["Looks", looksOf(process)],
+        ["Descriptors growing", growthText(process.descriptor_growth)],
+        ["Started", process.start_ticks && `${seconds(process.start_ticks / 100)} after boot`],
         ["Descriptor limit", count(process.descriptor_limit)],
         ["Other descriptors", kinds.other ? count(kinds.other) : null],
         ["Monitor", monitorText(process.monitor)],
@@ -96,8 +103,8 @@ function buildProcesses({processes, cores}) {
         {title: "Threads", value: (row) => row.threads, number: true},
         {title: "Descriptors", value: (row) => row.descriptors.total, number: true,
          show: (row) => (row.descriptors.total ? count(row.descriptors.total) : "")},
-        {title: "Growth", value: (row) => row.descriptor_growth, number: true,
-         show: (row) => (row.descriptor_growth ? signed(row.descriptor_growth, count) : "")},
+        {title: "Growth", value: (row) => row.descriptor_growth.total, number: true,
+         show: (row) => (row.descriptor_growth.total ? signed(row.descriptor_growth.total, count) : "")},
         ...["file", "socket", "pipe"].map((kind) => ({
             title: `${kind[0].toUpperCase()}${kind.slice(1)}s`, value: (row) => row.descriptors[kind], number: true,
             show: (row) => (row.descriptors[kind] ? count(row.descriptors[kind]) : ""),

@@ -1,10 +1,7 @@
 // Sockets with their owners.
 
-function queueCell(bytes, waiting, limit) {
-    if (!unknown(bytes)) {
-        return bytes ? size(bytes) : "";
-    }
-    return unknown(waiting) ? "" : `${count(waiting)} of ${count(limit)}`;
+function queueCell({receive_queue_bytes: bytes, waiting_connections: waiting}) {
+    return bytes ? size(bytes) : waiting ? counted(waiting, "connection") : "";
 }
 
 function socketOwner(row) {
@@ -21,12 +18,11 @@ function buildSockets({sockets}) {
         {title: "To send", value: (row) => row.send_queue_bytes, number: true,
          show: (row) => (row.send_queue_bytes ? size(row.send_queue_bytes) : "")},
         {title: "To read", value: (row) => row.receive_queue_bytes ?? row.waiting_connections, number: true,
-         show: (row) => queueCell(row.receive_queue_bytes, row.waiting_connections, row.waiting_connections_limit)},
+         show: queueCell},
         {title: "Drops", value: (row) => row.drops, number: true, show: (row) => (row.drops ? count(row.drops) : "")},
         {title: "Looks", value: looksOf},
         {title: "Inode", value: (row) => row.inode, show: (row) => (row.inode ? String(row.inode) : ""), number: true},
     ];
-    const table = new Table({label: "Sockets", rows: sockets, columns, key: (row) => row.inode,
-                             note: "a listening socket has connections to read, of at most so many"});
+    const table = new Table({label: "Sockets", rows: sockets, columns, key: (row) => row.inode});
     return {nodes: [table.element], tables: {sockets: table}};
 }

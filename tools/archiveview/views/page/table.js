@@ -73,7 +73,7 @@ class Table {
         const table = make("table", {}, make("thead", {}, make("tr", {}, ...this.heads)), this.body);
         this.more = make("button", {type: "button", className: "more", hidden: true});
         this.more.addEventListener("click", () => this.append(PIECE));
-        this.region = make("div", {className: "scroll", tabIndex: 0, role: "region"}, table, this.more);
+        this.region = make("div", {className: "scroll", tabIndex: 0, role: "group"}, table, this.more);
         this.region.setAttribute("aria-label", shown(this.label));
         this.region.addEventListener("scroll", () => {
             if (this.region.scrollTop + this.region.clientHeight > this.region.scrollHeight - 400) {

@@ -32,6 +32,9 @@ function traceDetail(process) {
         ["For", seconds(process.waits_seconds)],
         ["Slowest call", process.slowest_line && code(process.slowest_line)],
         ["Took", seconds(process.slowest_seconds)],
+        ["Waited", process.waits_throughout ? "since the trace began" : null],
+        ["Descriptors", count(process.open_descriptors)],
+        ["Ended", process.ended ? "during the trace" : null],
         ["Signals", process.signals.length ? code(process.signals.slice(0, 50).join("\n")) : null],
     ]);
     return make("div", {}, facts, make("div", {className: "grid"}, callTable(process).element, errnoTable(process).element));
@@ -121,6 +124,7 @@ function buildTrace({trace}) {
         ["Calls", count(trace.calls)],
         ["Errors", `${count(trace.errors)}${trace.calls ? ` (${share(trace.errors, trace.calls)})` : ""}`],
         ["Times of calls", trace.timed ? "yes" : "not recorded"],
+        ["Lines left out", trace.lines_left_out ? count(trace.lines_left_out) : null],
         ["End", trace.full ? make("span", {className: "warn"}, "its size was reached, so later calls are missing") : null],
     ]);
     return {nodes: [facts, ...Object.values(tables).map((table) => table.element)], tables};
