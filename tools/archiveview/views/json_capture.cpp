@@ -11,6 +11,8 @@ void add_conversation(json_fields* out, const conversation& talk) {
     out->number("bytes", talk.bytes);
     out->id("pid", talk.pid);
     out->text("process", talk.process);
+    out->id("peer_pid", talk.peer_pid);
+    out->text("peer_process", talk.peer_process);
     out->number("first_seconds", talk.first_seconds);
     out->number("last_seconds", talk.last_seconds);
     out->number("retransmissions", talk.retransmissions);
@@ -26,7 +28,9 @@ void add_question(json_fields* out, const asked_name& asked) {
     out->text("server", asked.server);
     out->number("questions", asked.questions);
     out->number("answers", asked.answers);
+    out->text("asker", asked.asker);
     out->id("pid", asked.pid);
+    out->text("process", asked.process);
 }
 
 }  // namespace
@@ -36,6 +40,7 @@ void json_capture(json_fields* out, const char* name, const json_input& in) {
         one->flag("present", capture.is_present);
         one->text("damage", capture.damage);
         one->number("packets", capture.packets);
+        one->number("packets_left_out", capture.left_out);
         one->number("bytes", capture.bytes);
         one->flag("true_lengths", capture.has_true_lengths);
         one->flag("full", capture.is_full);

@@ -34,7 +34,7 @@ function questionTable(label, rows, who) {
             {title: "Questions", value: (row) => row.questions, number: true},
             {title: "Answers", value: (row) => row.answers, number: true,
              show: (row) => (row.answers ? count(row.answers) : make("span", {className: "warn"}, "none"))},
-            {title: "Process", value: (row) => row.pid, show: (row) => processLink(row.pid, "")},
+            {title: "Process", value: (row) => row.process ?? row.pid, show: (row) => processLink(row.pid, row.process)},
         ],
     });
 }
