@@ -40,8 +40,8 @@ std::set<int> without_core_by_design(const archive_facts& facts) {
     return pids;
 }
 
-// A process that is in the second look only began after the daemon had made its list of processes: for example
-// this program, when it reads an archive that is being made. The usual form has no looks.
+// A process that is in the second look only began after the daemon had made its list of processes: for
+// example this program, when it reads an archive that is being made. The usual form has no looks.
 bool should_have_core(const process_facts& process) {
     const bool was_listed = process.in_first_look == process.in_second_look;
     return was_listed && process.core < 0 && process.state != 'Z' && process.state != 'X';
