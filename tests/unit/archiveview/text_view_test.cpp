@@ -94,6 +94,13 @@ TEST(text_view, shows_findings_with_evidence_and_what_to_look_at_next) {
     EXPECT_EQ(lines.size(), 6U);
 }
 
+TEST(text_view, names_a_process_once) {
+    finding one = leak(412);
+    one.text = "httpd (412) leaks sockets.";
+    const std::vector<std::string> lines = lines_of(whole_archive(), {one});
+    EXPECT_EQ(std::ranges::count(lines, "critical descriptor-leak: httpd (412) leaks sockets."), 1);
+}
+
 TEST(text_view, shows_seven_findings_and_counts_the_others) {
     std::vector<finding> findings;
     for (int i = 1; i <= 9; i++) {
@@ -124,6 +131,21 @@ TEST(text_view, has_at_most_forty_lines_of_a_hundred_characters) {
     for (const std::string& line : lines) {
         EXPECT_LE(line.size(), text_lines::width);
     }
+}
+
+TEST(text_view, has_room_for_long_advice_if_there_are_few_findings) {
+    const archive_facts facts = whole_archive();
+    finding one = leak(7);
+    for (int i = 0; i < 12; i++) {
+        one.next += " Look again.";
+    }
+    one.next += " Then ask.";
+    const auto has_all_advice = [&](size_t count) {
+        const std::string text = text_view(facts, std::vector<finding>(count, one));
+        return text.find("Then ask.") != std::string::npos;
+    };
+    EXPECT_TRUE(has_all_advice(5));
+    EXPECT_FALSE(has_all_advice(6));
 }
 
 TEST(text_view, names_what_was_not_looked_at) {

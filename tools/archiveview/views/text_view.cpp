@@ -12,6 +12,8 @@ constexpr size_t shown_findings = 7;
 // In all, at most 40 lines with those that are blank.
 constexpr size_t verdict_lines = 2, missing_lines = 3, device_lines = 1, sentence_lines = 2, list_lines = 2,
                  errors_lines = 1;
+// With more findings, what to look at next has only one line each.
+constexpr size_t findings_with_long_advice = 5;
 
 std::string counted(uint64_t count, const char* one, const char* many) {
     return std::to_string(count) + " " + (count == 1 ? one : many);
@@ -68,13 +70,15 @@ std::string device_of(const archive_facts& facts) {
 
 std::string heading_of(const finding& one) {
     std::string text = std::string(severity_name(one.level)) + " " + one.id;
-    if (one.pid != 0) {
+    const bool names_itself = one.text.starts_with(one.name + " (" + std::to_string(one.pid) + ")");
+    if (one.pid != 0 && !names_itself) {
         text += ", " + (one.name.empty() ? "process" : one.name) + " (pid " + std::to_string(one.pid) + ")";
     }
     return text + ": " + one.text;
 }
 
 void add_findings(text_lines* lines, const std::vector<finding>& findings) {
+    const size_t advice_lines = findings.size() <= findings_with_long_advice ? 2 : 1;
     for (size_t i = 0; i < std::min(findings.size(), shown_findings); i++) {
         const finding& one = findings[i];
         lines->add(heading_of(one), "", "    ", sentence_lines);
@@ -82,7 +86,7 @@ void add_findings(text_lines* lines, const std::vector<finding>& findings) {
             lines->add(one.proof.front().text, "    - ", "", 1);
         }
         if (!one.next.empty()) {
-            lines->add(one.next, "    > ", "", 1);
+            lines->add(one.next, "    > ", "      ", advice_lines);
         }
     }
     if (findings.size() > shown_findings) {
