@@ -88,7 +88,7 @@ struct network_layer {
 
 network_layer layer_of(const Tins::IP& ip, bytes_view packet) {
     network_layer layer;
-    layer.header = (packet[0] & 15u) * 4u;
+    layer.header = (packet[0] & size_t{15}) * 4;
     // The kernel's own large packets have no length.
     layer.length = ip.tot_len() == 0 ? static_cast<uint32_t>(packet.size()) : ip.tot_len();
     layer.packet = packet.first(std::min<size_t>(packet.size(), layer.length));
@@ -183,7 +183,7 @@ void add_refused(const Tins::ICMP& icmp, bytes_view body, frame_facts* facts) {
         return;
     }
     const bytes_view inner = body.subspan(icmp_header);
-    const size_t header = (inner[0] & 15u) * 4u;
+    const size_t header = (inner[0] & size_t{15}) * 4;
     if (inner[0] >> 4 != 4 || inner[9] != protocol_tcp || inner.size() < header + 4) {
         return;
     }

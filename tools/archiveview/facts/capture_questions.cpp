@@ -76,7 +76,7 @@ void question_list::add_neighbour(const neighbour_message& message) {
     }
 }
 
-std::vector<asked_name> question_list::sorted(question_map all) {
+std::vector<asked_name> question_list::sorted(question_map&& all) {
     std::vector<asked_name> list;
     for (auto& [key, asked] : all) {
         list.push_back(std::move(asked));

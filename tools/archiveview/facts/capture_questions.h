@@ -23,7 +23,7 @@ public:
 private:
     using question_map = std::map<std::pair<std::string, std::string>, asked_name>;
     static asked_name* find(question_map* all, const std::string& name, const std::string& server);
-    static std::vector<asked_name> sorted(question_map all);
+    static std::vector<asked_name> sorted(question_map&& all);
 
     question_map names_, neighbours_;
     std::map<std::string, std::vector<std::string>> pending_;  // names by ends and number of the message

@@ -107,6 +107,7 @@ bool place_at(int fd, int place) {
 // Copies of the descriptors above all places that they are put at, so that none is overwritten too early.
 std::vector<unique_fd> copies_above(const std::vector<int>& descriptors) {
     std::vector<unique_fd> copies;
+    copies.reserve(descriptors.size());
     for (const int fd : descriptors) {
         copies.emplace_back(fcntl(fd, F_DUPFD_CLOEXEC, static_cast<int>(descriptors.size())));
     }
@@ -167,7 +168,7 @@ std::string debugger_path() {
     std::string_view folders = variable ? variable : "";
     while (!folders.empty()) {
         const size_t length = std::min(folders.find(':'), folders.size());
-        const std::string path = std::string(folders.substr(0, length)) + "/" + name;
+        std::string path = std::string(folders.substr(0, length)) + "/" + name;
         if (path.starts_with('/') && access(path.c_str(), X_OK) == 0) {
             return path;
         }

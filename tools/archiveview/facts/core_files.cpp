@@ -11,7 +11,7 @@ namespace archiveview {
 namespace {
 
 constexpr size_t first_pages_limit = 1024;  // of one core
-constexpr uint64_t vdso_bytes = 2 * 4096;
+constexpr uint64_t vdso_bytes = uint64_t{2} * 4096;
 
 }  // namespace
 

@@ -29,15 +29,15 @@ constexpr double runaway_forks_per_second = 100;  // a shell in a loop, slowed d
 constexpr unsigned zombies_warning = 3;  // fewer may be children that ended just before a look
 
 // Memory.
-constexpr double memory_low_percent = 3;        // the kernel begins to kill processes about there
-constexpr double memory_short_percent = 10;     // the kernel begins to drop the pages of programs about there
-constexpr double memory_hog_percent = 30;       // of all memory: this process explains why memory is short
-constexpr int64_t growth_least_kb = 16 * 1024;  // a program that starts up grows less, mostly
-constexpr double growth_least_percent = 5;      // of all memory: on small devices less than 16 MiB counts
+constexpr double memory_low_percent = 3;     // the kernel begins to kill processes about there
+constexpr double memory_short_percent = 10;  // the kernel begins to drop the pages of programs about there
+constexpr double memory_hog_percent = 30;    // of all memory: this process explains why memory is short
+constexpr int64_t growth_least_kb = int64_t{16} * 1024;  // a program that starts up grows less, mostly
+constexpr double growth_least_percent = 5;  // of all memory: on small devices less than 16 MiB counts
 constexpr double growth_least_share = 0.1;  // of what the process had: else it may be a buffer of a large one
 constexpr double growth_horizon_seconds = 86400;    // memory lasts less than a day at this rate
 constexpr double swapping_pages_per_second = 1000;  // 4 MiB/s: programs wait for pages most of the time
-constexpr int64_t slab_growth_kb = 8 * 1024;
+constexpr int64_t slab_growth_kb = int64_t{8} * 1024;
 constexpr double slab_growth_share = 0.2;
 constexpr double slab_alarm_percent = 10;  // of all memory between the looks, and not reclaimable
 
@@ -68,8 +68,8 @@ constexpr double stuck_seconds = 4;  // nearly the whole trace; a loaded disk an
 constexpr uint64_t waiting_connections = 3;   // with a server that does not accept during the whole trace
 constexpr unsigned close_wait_warning = 5;    // in both looks: the program has forgotten them
 constexpr uint64_t stuck_queue_bytes = 4096;  // more than a message that is under way
-constexpr uint64_t stuck_bytes = 16 * 1024;   // in the capture: only probes, no stream
-constexpr uint64_t unread_queue_bytes = 32 * 1024;
+constexpr uint64_t stuck_bytes = uint64_t{16} * 1024;  // in the capture: only probes, no stream
+constexpr uint64_t unread_queue_bytes = uint64_t{32} * 1024;
 
 // Network.
 constexpr uint64_t retransmissions_warning = 10;
