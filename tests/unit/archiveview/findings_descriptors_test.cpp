@@ -61,6 +61,24 @@ TEST(findings_descriptor_leak, a_crowd_of_unused_sockets_is_one_without_two_look
               "256 sockets that are neither bound nor connected");
 }
 
+TEST(findings_descriptor_leak, a_small_crowd_that_grows_in_the_trace_is_one) {
+    archive_facts facts = healthy_archive();
+    give_sockets(&facts, 60);
+    EXPECT_EQ(verdict(facts, "descriptor-leak"), "nothing");
+    trace_of(&facts)->by_call["socket"] = {.calls = 20, .errors = 1};
+    trace_of(&facts)->by_call["close"] = {.calls = 3, .errors = 1};
+    EXPECT_EQ(verdict(facts, "descriptor-leak"), "412 warning");
+    EXPECT_EQ(found(facts, "descriptor-leak").proof[2].text, "17 more were opened than closed in the trace");
+}
+
+TEST(findings_descriptor_leak, sockets_that_are_closed_again_in_the_trace_are_none) {
+    archive_facts facts = healthy_archive();
+    give_sockets(&facts, 60);
+    trace_of(&facts)->by_call["socket"] = {.calls = 20};
+    trace_of(&facts)->by_call["close"] = {.calls = 19};
+    EXPECT_EQ(verdict(facts, "descriptor-leak"), "nothing");
+}
+
 TEST(findings_descriptor_leak, a_crowd_of_connections_is_a_busy_server) {
     archive_facts facts = healthy_archive();
     give_sockets(&facts, 256);

@@ -1,6 +1,7 @@
 // Leaks of descriptors. A high count alone is a busy server; a leak is growth without connections to show for
 // it, or a crowd of descriptors of one kind that nothing uses.
 #include <algorithm>
+#include <array>
 #include <unordered_map>
 
 #include "common/ascii.h"
@@ -102,6 +103,27 @@ uint64_t errors_of(const archive_facts& facts, int pid, const char* name) {
     return traced == facts.trace.by_pid.end() ? 0 : number_in(traced->second.by_errno, name);
 }
 
+int64_t successes_of(const traced_process& traced, const char* call) {
+    const auto counts = traced.by_call.find(call);
+    return counts == traced.by_call.end()
+               ? 0
+               : static_cast<int64_t>(counts->second.calls) - static_cast<int64_t>(counts->second.errors);
+}
+
+// How many more descriptors a process has opened than closed in the trace.
+int64_t left_open(const archive_facts& facts, int pid) {
+    constexpr std::array openings = {"socket", "accept", "accept4", "open", "openat", "dup"};
+    const auto traced = facts.trace.by_pid.find(pid);
+    if (traced == facts.trace.by_pid.end()) {
+        return 0;
+    }
+    int64_t opened = 0;
+    for (const char* call : openings) {
+        opened += successes_of(traced->second, call);
+    }
+    return opened - successes_of(traced->second, "close");
+}
+
 struct leak_signs {
     unsigned total = 0;
     int64_t growth = 0;      // between the looks, without new connections
@@ -109,6 +131,7 @@ struct leak_signs {
     int score = 0;
     bool is_rising = false;  // for hours
     uint64_t refusals = 0;   // of descriptors, in the trace
+    int64_t left_open = 0;   // in the trace
     crowd largest;
 };
 
@@ -125,12 +148,15 @@ leak_signs signs_of(const archive_facts& facts, const sockets_by_inode& index, i
     signs.score = std::max(process.monitor.descriptor_score, score_of(process.counts));
     signs.is_rising = rises_for_hours(process.monitor.descriptors);
     signs.refusals = errors_of(facts, process.pid, "EMFILE");
+    signs.left_open = left_open(facts, process.pid);
     signs.largest = largest_crowd(index, process);
     return signs;
 }
 
+// A crowd that is large, or is seen to grow. Traced growth alone may be a burst of requests.
 bool is_crowded(const leak_signs& signs) {
-    return signs.score >= monitor_high_score &&
+    const bool grows = signs.left_open >= leak_growth && signs.total >= leak_least_total;
+    return (signs.score >= monitor_high_score || grows) &&
            static_cast<double>(signs.largest.count) >= leak_kind_share * signs.total;
 }
 
@@ -159,6 +185,10 @@ void add_proof(symptom* found, const leak_signs& signs, const process_facts& pro
     }
     if (signs.largest.count > 1) {
         found->proof.push_back({said(signs.largest.count, " ", signs.largest.kind), place});
+    }
+    if (signs.left_open >= leak_growth) {
+        found->proof.push_back({said(signs.left_open, " more were opened than closed in the trace"),
+                                said("trace/", process.pid)});
     }
     if (signs.refusals > 0) {
         found->proof.push_back(
