@@ -123,6 +123,14 @@ TEST(archive_source, is_damaged_by_what_follows_it) {
     EXPECT_EQ(read_all(two_members() + std::string(10240, '\0')).state.end, source_end::whole);
 }
 
+TEST(archive_source, is_damaged_by_what_follows_its_end_mark_however_it_is_read) {
+    const std::string bytes = made::member("one", "first") + std::string(block_size, '\0') + "x" +
+                              std::string(block_size - 1, '\0');
+    for (const size_t piece : {1, 7, 511, 100000}) {
+        EXPECT_EQ(read_all(bytes, piece).state.end, source_end::damaged) << piece;
+    }
+}
+
 TEST(archive_source, replaces_bytes_of_names_that_are_not_printable) {
     const read_archive all = read_all(made::member("a\x1b[2J\xff", "x"));
     ASSERT_EQ(all.members.size(), 1U);

@@ -29,8 +29,10 @@ std::string name_of(archive_entry* entry) {
     return name ? printable(std::string_view(name, strnlen(name, name_limit))) : "";
 }
 
-bool is_zero(std::span<const char> bytes) {
-    return std::ranges::all_of(bytes, [](char byte) { return byte == 0; });
+// The size without the zeros at the end.
+size_t used_size(std::span<const char> bytes) {
+    const auto last = std::find_if(bytes.rbegin(), bytes.rend(), [](char byte) { return byte != 0; });
+    return static_cast<size_t>(bytes.rend() - last);
 }
 
 }  // namespace
@@ -56,8 +58,7 @@ struct archive_source::implementation {
     archive* tar;
     source_state state;
     std::exception_ptr thrown;      // by the byte source: libarchive, which is C, must not see it
-    std::span<const char> given;    // to libarchive
-    uint64_t given_at = 0;          // its place among the unpacked bytes
+    uint64_t last_used = 0;         // the place after the last byte given to libarchive that is not zero
     bool has_asked_beyond = false;  // libarchive wanted more than the file has
     bool is_open = false;
     bool has_member = false;
@@ -76,17 +77,21 @@ archive_source::implementation::implementation(byte_source read)
 
 la_ssize_t archive_source::implementation::give_bytes(archive* tar, void* context, const void** buffer) {
     implementation* source = static_cast<implementation*>(context);
+    std::span<const char> given;
     try {
-        source->given_at = source->bytes.unpacked();
-        source->given = source->bytes.next();
+        const uint64_t given_at = source->bytes.unpacked();
+        given = source->bytes.next();
+        if (const size_t used = used_size(given); used > 0) {
+            source->last_used = given_at + used;
+        }
     } catch (...) {
         source->thrown = std::current_exception();
         archive_set_error(tar, EIO, "not readable");
         return -1;
     }
-    source->has_asked_beyond = source->has_asked_beyond || source->given.empty();
-    *buffer = source->given.data();
-    return static_cast<la_ssize_t>(source->given.size());
+    source->has_asked_beyond = source->has_asked_beyond || given.empty();
+    *buffer = given.data();
+    return static_cast<la_ssize_t>(given.size());
 }
 
 // True if a call of libarchive had a result to work with. If not, the archive ends here.
@@ -129,13 +134,12 @@ void archive_source::implementation::end_early() {
 // True if only zeros follow the last member.
 bool archive_source::implementation::has_only_filler() {
     const uint64_t consumed = static_cast<uint64_t>(std::max<int64_t>(archive_filter_bytes(tar, 0), 0));
-    const uint64_t seen = std::min<uint64_t>(std::max(consumed, given_at) - given_at, given.size());
-    if (!is_zero(given.subspan(seen))) {
+    if (last_used > consumed) {
         return false;
     }
     const uint64_t limit = bytes.unpacked() + filler_limit;
     for (std::span<const char> more = bytes.next(); !more.empty(); more = bytes.next()) {
-        if (!is_zero(more) || bytes.unpacked() > limit) {
+        if (used_size(more) > 0 || bytes.unpacked() > limit) {
             return false;
         }
     }
