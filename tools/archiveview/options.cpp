@@ -51,7 +51,7 @@ std::string parse_options(int argc, char** argv, report_options* options) {
             options->wants_help = true;
             return "";
         }
-        if (const std::string wrong = take_option(letter, argv[optind - 1], &parsed); !wrong.empty()) {
+        if (std::string wrong = take_option(letter, argv[optind - 1], &parsed); !wrong.empty()) {
             return wrong;
         }
     }
