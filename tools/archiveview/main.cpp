@@ -2,6 +2,7 @@
 #include <stdio.h>
 
 #include <exception>
+#include <filesystem>
 #include <stdexcept>
 
 #include "tools/archiveview/collect.h"
@@ -38,13 +39,18 @@ archive_facts facts_of(const files_input& input) {
     return facts;
 }
 
+// The name of the archive without its folders.
+std::string title_of(const std::string& input) {
+    return input == "-" ? "Debug archive" : std::filesystem::path(input).filename().string();
+}
+
 std::string report_of(const archive_facts& facts, const report_options& options) {
     const std::vector<archiveview::finding> findings = find_all(facts);
     switch (options.format) {
         case report_format::json:
             return json_view(facts, findings);
         case report_format::html:
-            return html_view(facts, findings, options.input);
+            return html_view(facts, findings, title_of(options.input));
         case report_format::text:
             break;
     }

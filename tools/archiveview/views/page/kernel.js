@@ -18,7 +18,8 @@ function oopsTable(kernel) {
         detail: (row) => make("pre", {className: "text"}, row.lines.map((line) => line.text ?? "").join("\n")),
         columns: [
             {title: "Record", value: (row) => row.number, number: true},
-            {title: "What", value: (row) => row.headline, show: (row) => (row.panic ? `panic: ${row.headline}` : row.headline)},
+            {title: "What", value: (row) => row.headline, words: true,
+             show: (row) => (row.panic ? `panic: ${row.headline}` : row.headline)},
             {title: "Where", value: (row) => row.place, show: (row) => code(row.place ?? ""), wide: true},
             {title: "Process", value: (row) => row.process, show: (row) => [row.process, row.pid].filter(Boolean).join(" ")},
             {title: "Lines", value: (row) => row.lines.length, number: true},

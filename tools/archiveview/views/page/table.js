@@ -28,8 +28,8 @@ function compare(a, b) {
 }
 
 class Table {
-    // `columns`: {title, value(row), show(row), number, wide}. `key(row)` names a row for links. `detail(row)` makes
-    // what a row unfolds to. `text(row)`: what is searched, in lower case.
+    // `columns`: {title, value(row), show(row), number, wide, words}. `key(row)` names a row for links. `detail(row)`
+    // makes what a row unfolds to. `text(row)`: what is searched, in lower case.
     constructor({label, columns, rows, key, detail, text = textOf, empty = "None.", note = ""}) {
         Object.assign(this, {label, columns, rows, key, detail, empty});
         this.textOf = text;
@@ -159,9 +159,7 @@ class Table {
         const cells = this.columns.map((column) => {
             const content = column.show ? column.show(row) : column.number ? count(column.value(row)) : column.value(row);
             const cell = make("td", {}, content);
-            if (column.number || column.wide) {
-                cell.className = column.number ? "number" : "wide";
-            }
+            cell.className = ["number", "wide", "words"].find((name) => column[name]) ?? "";
             if (column.wide && cell.textContent.length > 40) {
                 cell.title = cell.textContent;
             }
@@ -206,7 +204,8 @@ class Table {
         }
         if (!this.order.includes(index)) {
             this.searched = this.own = "";
-            this.bar.querySelector("input")?.setAttribute("value", "");
+            this.bar.querySelectorAll("input").forEach((input) => { input.value = ""; });
+            this.element.hidden = false;
             this.arrange();
         }
         index = this.order.indexOf(index);
