@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "tools/archiveview/limits.h"
+
 namespace archiveview {
 
 namespace {
@@ -64,6 +66,23 @@ void join_cores(archive_facts* facts) {
     }
 }
 
+// Says which facts are not all of those in the archive.
+void add_left_out(archive_facts* facts) {
+    std::vector<named_text> left_out;
+    if (facts->processes.by_pid.size() >= process_limit) {
+        left_out.push_back({"processes", "at most " + std::to_string(process_limit) + " are read"});
+    }
+    if (facts->sockets.sockets.size() >= socket_limit) {
+        left_out.push_back({"sockets", "at most " + std::to_string(socket_limit) + " are read"});
+    }
+    if (facts->trace.left_out > 0) {
+        left_out.push_back(
+            {"strace.log", std::to_string(facts->trace.left_out) + " lines of more processes"});
+    }
+    std::vector<named_text>* all = &facts->archive.not_examined;
+    all->insert(all->begin(), left_out.begin(), left_out.end());
+}
+
 }  // namespace
 
 bool is_socket_table(std::string_view file) {
@@ -95,6 +114,7 @@ void join_facts(archive_facts* facts, const manifest_facts* manifest, const look
     processes_finish(&facts->processes, process_span(*facts, manifest, times));
     sockets_join(&facts->sockets, facts->processes);
     capture_join(&facts->capture, facts->sockets, facts->processes);
+    add_left_out(facts);
 }
 
 }  // namespace archiveview

@@ -5,6 +5,8 @@
 #include <algorithm>
 
 #include "tests/unit/archiveview/made_archive.h"
+#include "tools/archiveview/join.h"
+#include "tools/archiveview/limits.h"
 
 using namespace archiveview;
 
@@ -158,4 +160,20 @@ TEST(collect, needs_the_trailer_of_the_compression_in_the_usual_form) {
     const archive_facts facts = collect(tar_of(usual));
     EXPECT_EQ(facts.archive.state, archive_state::cut);
     EXPECT_TRUE(facts.archive.is_end_unknown);
+}
+
+TEST(collect, says_that_processes_or_lines_of_the_trace_were_left_out) {
+    archive_facts facts;
+    facts.trace.left_out = 3;
+    for (int pid = 1; pid < static_cast<int>(process_limit); pid++) {
+        facts.processes.get(pid);
+    }
+    join_facts(&facts, nullptr, {});
+    ASSERT_EQ(facts.archive.not_examined.size(), 1u);
+    EXPECT_EQ(facts.archive.not_examined[0].text, "3 lines of more processes");
+    facts.archive.not_examined.clear();
+    facts.processes.get(static_cast<int>(process_limit));
+    join_facts(&facts, nullptr, {});
+    ASSERT_EQ(facts.archive.not_examined.size(), 2u);
+    EXPECT_EQ(facts.archive.not_examined[0].name, "processes");
 }
