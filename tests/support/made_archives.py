@@ -12,6 +12,7 @@ FIRST, SECOND = "20260304-050608", "20260304-050615"
 MTIME = 1772600767
 HOST = "camera7"
 PID = 412
+UNNAMED = 500  # a process whose name the device could not read
 
 
 def _look_at_proc(stamp, uptime, received):
@@ -74,7 +75,7 @@ def members(is_full=True, size=20000):
         *full(*_look_at_processes(SECOND, 130), ("processes.txt", b"PID NAME\n")),
         (f"httpd.{PID}/core", noise),
         (f"httpd.{PID}/fdmap", b"total 0\nlrwx------ 1 root root 64 Mar  4 05:06 3 -> socket:[4711]\n"),
-        ("unknown.500/core", noise[: size // 2]),
+        (f"unknown.{UNNAMED}/core", noise[: size // 2]),
     ]  # fmt: skip
 
 
