@@ -1,6 +1,8 @@
 #include "tools/archiveview/join.h"
 
 #include <algorithm>
+#include <set>
+#include <utility>
 
 #include "tools/archiveview/limits.h"
 
@@ -83,6 +85,18 @@ void add_left_out(archive_facts* facts) {
     all->insert(all->begin(), left_out.begin(), left_out.end());
 }
 
+// Both looks have the files that could not be read, often under the same name.
+std::vector<named_text> without_repeats(const std::vector<named_text>& all) {
+    std::vector<named_text> kept;
+    std::set<std::pair<std::string_view, std::string_view>> seen;
+    for (const named_text& one : all) {
+        if (seen.emplace(one.name, one.text).second) {
+            kept.push_back(one);
+        }
+    }
+    return kept;
+}
+
 }  // namespace
 
 bool is_socket_table(std::string_view file) {
@@ -96,7 +110,7 @@ void join_facts(archive_facts* facts, const manifest_facts* manifest, const look
     }
     facts->archive.started = started_of(facts->archive.directory);
     if (manifest) {
-        facts->archive.member_errors = manifest->errors;
+        facts->archive.member_errors = without_repeats(manifest->errors);
         if (!manifest->started.empty()) {
             facts->archive.started = manifest->started;
         }

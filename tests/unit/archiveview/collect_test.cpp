@@ -43,8 +43,10 @@ std::string manifest_of(const pairs& stored) {
         text += std::to_string(data.size()) + " 0.500000  " + name + "\n";
         bytes += data.size();
     }
-    return text + "error  kcore: Operation not permitted\nended 2026-03-04 05:06:21 +0100\nmembers: " +
-           std::to_string(stored.size()) + ", bytes: " + std::to_string(bytes) + ", errors: 1\ncomplete\n";
+    const std::string error = "error  kcore: Operation not permitted\n";  // of both looks
+    return text + error + error +
+           "ended 2026-03-04 05:06:21 +0100\nmembers: " + std::to_string(stored.size()) +
+           ", bytes: " + std::to_string(bytes) + ", errors: 2\ncomplete\n";
 }
 
 std::string tar_of(const pairs& stored) {

@@ -62,6 +62,21 @@ TEST(archiveview_sockets, the_owner_has_a_descriptor_with_the_inode) {
     EXPECT_EQ(owner_in({1}, processes_with({{1, 6, 4712}})), 0);
 }
 
+TEST(archiveview_sockets, lack_an_owner_if_a_process_should_have_them) {
+    socket_facts socket;
+    socket.protocol = "tcp";
+    socket.inode = 4711;
+    EXPECT_TRUE(sockets_lacks_owner(socket));
+    socket.pid = 1;
+    EXPECT_FALSE(sockets_lacks_owner(socket));
+    socket.pid = 0;
+    socket.protocol = "netlink";  // of the kernel
+    EXPECT_FALSE(sockets_lacks_owner(socket));
+    socket.protocol = "tcp";
+    socket.inode = 0;  // waits for late segments
+    EXPECT_FALSE(sockets_lacks_owner(socket));
+}
+
 TEST(archiveview_sockets, pipes_and_files_with_the_same_number_own_no_socket) {
     process_list processes;
     processes_add_look_file(&processes, 1, 5, "links", "fd/1 -> pipe:[4711]\nfd/2 -> /socket:[4711]\n");

@@ -109,4 +109,8 @@ int sockets_owner(const socket_list& list, std::string_view protocol, std::strin
     return 0;
 }
 
+bool sockets_lacks_owner(const socket_facts& socket) {
+    return socket.pid == 0 && socket.inode != 0 && socket.protocol != "netlink";
+}
+
 }  // namespace archiveview

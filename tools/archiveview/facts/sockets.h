@@ -46,6 +46,10 @@ void sockets_add_table(socket_list* list, std::string_view protocol, int look, s
 // socket that only the first look has goes to a process that had it then.
 void sockets_join(socket_list* list, const process_list& processes);
 
+// True if a process should have the socket, but none is known. The kernel keeps TCP connections that wait for
+// late segments, which have no inode, and netlink sockets of its own.
+bool sockets_lacks_owner(const socket_facts& socket);
+
 // The process that has the local address "192.0.2.1:80" of a protocol ("tcp", "udp"), or 0: the owner of the
 // connection with `remote`; else of a socket without a connection that is bound to the address; else of one
 // that is bound to any address. Sockets for both kinds of IP are found by IPv4 addresses, too. To be called

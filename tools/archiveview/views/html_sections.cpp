@@ -47,7 +47,7 @@ std::string processes_text(const archive_facts& facts) {
 
 std::string sockets_text(const archive_facts& facts) {
     const auto& all = facts.sockets.sockets;
-    const auto orphans = std::ranges::count(all, 0, &socket_facts::pid);
+    const auto orphans = std::ranges::count_if(all, sockets_lacks_owner);
     const std::string without = orphans == 0 ? "" : std::to_string(orphans) + " without a known owner";
     return listed({counted(all.size(), "socket"), all.empty() ? "" : without});
 }

@@ -15,6 +15,7 @@ void json_sockets(json_fields* out, const char* name, const json_input& in) {
         one->id("inode", socket.inode);
         one->id("pid", socket.pid);
         one->text("process", owner == nullptr ? "" : owner->name);
+        one->flag("lacks_owner", sockets_lacks_owner(socket));
         one->number("send_queue_bytes", socket.send_queue, !is_listening);
         one->number("receive_queue_bytes", socket.receive_queue, !is_listening);
         one->number("waiting_connections", socket.receive_queue, is_listening);

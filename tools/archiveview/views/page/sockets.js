@@ -5,7 +5,8 @@ function queueCell({receive_queue_bytes: bytes, waiting_connections: waiting}) {
 }
 
 function socketOwner(row) {
-    return processLink(row.pid, row.process) ?? make("span", {className: "warn"}, "no owner");
+    const none = row.lacks_owner ? make("span", {className: "warn"}, "no owner") : "";
+    return processLink(row.pid, row.process) ?? none;
 }
 
 function buildSockets({sockets}) {
