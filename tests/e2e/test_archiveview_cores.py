@@ -16,6 +16,7 @@ from support.under_test import BIN
 from support.waiting import PATIENCE, wait_for
 
 NEEDS_SANDBOX = True
+PAUSE = "34"
 FUTEX = "202"  # the number of the call on x86-64
 DEBUGGER = shutil.which("gdb-multiarch")
 needs_debugger = pytest.mark.skipif(not DEBUGGER, reason="needs gdb-multiarch")
@@ -146,6 +147,9 @@ def stacks_of_debugger(program, core):
 def test_threads_and_stacks_are_those_that_the_debugger_shows(start, tmp_path, words):
     process = start(*words)
     assert process.stdout.readline() == b"ready\n"
+    # A thread that has just begun has a stack whose end the debugger guesses.
+    wait_for(lambda: sorted(call_of(process.pid, tid) for tid in tasks(process.pid)) ==
+             [FUTEX] * words[-1] + [PAUSE], "threads wait")  # fmt: skip
     core, _ = run_dcore(process.pid)
     [facts] = read_archive(archive_of(core, f"locks.{process.pid}"), tmp_path)
     path = tmp_path / "core"

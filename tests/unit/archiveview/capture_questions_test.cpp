@@ -57,6 +57,14 @@ TEST(archiveview_capture_questions, counts_questions_for_names_and_their_answers
     EXPECT_EQ(facts.dns[0].answers, 1u);
 }
 
+TEST(archiveview_capture_questions, follow_no_name_that_points_at_itself) {
+    const std::string head = number(7, 2) + number(0x0100, 2) + number(0x0001000000000000, 8);
+    const std::string itself = number(0xc00c, 2) + number(0x00010001, 4);
+    const capture_facts facts =
+        parsed(capture().add(0, ipv4({1, 53, 1}, udp_number, udp(4000, 53, head + itself))));
+    EXPECT_TRUE(facts.dns.empty());
+}
+
 TEST(archiveview_capture_questions, ignores_what_is_no_message_of_a_name_server) {
     const capture_facts facts =
         parsed(capture().add(0, ipv4({}, udp_number, udp(4000, 53, "\1\2\1\0\0\1nonsense"))));

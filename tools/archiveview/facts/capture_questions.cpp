@@ -1,7 +1,6 @@
 #include "tools/archiveview/facts/capture_questions.h"
 
-#include <tins/dns.h>
-#include <tins/exceptions.h>
+#include <arpa/nameser.h>
 
 #include <algorithm>
 
@@ -15,6 +14,19 @@ namespace {
 std::string without_port(const std::string& end) {
     const std::string address = end.substr(0, end.rfind(':'));
     return address.starts_with('[') ? address.substr(1, address.size() - 2) : address;
+}
+
+// The names that a message asks for. The C library follows no pointer in a circle.
+std::vector<std::string> names_in(ns_msg* message) {
+    std::vector<std::string> names;
+    ns_rr question;
+    for (int i = 0; i < ns_msg_count(*message, ns_s_qd); i++) {
+        if (ns_parserr(message, ns_s_qd, i, &question) != 0) {
+            break;
+        }
+        names.emplace_back(ns_rr_name(question));
+    }
+    return names;
 }
 
 }  // namespace
@@ -33,34 +45,39 @@ asked_name* question_list::find(question_map* all, const std::string& name, cons
     return &added;
 }
 
-void question_list::add_name(const frame_facts& frame) try {
-    const Tins::DNS message(frame.dns.data(), static_cast<uint32_t>(frame.dns.size()));
-    const std::string number = " " + std::to_string(message.id());
-    if (message.type() == Tins::DNS::RESPONSE) {
-        const auto found = pending_.find(frame.ends.b + " " + frame.ends.a + number);
-        if (found == pending_.end()) {
-            return;
-        }
-        for (const std::string& name : found->second) {
-            if (asked_name* asked = find(&names_, name, without_port(frame.ends.a))) {
-                asked->answers++;
-            }
-        }
-        pending_.erase(found);
+void question_list::add_name(const frame_facts& frame) {
+    ns_msg message;
+    if (ns_initparse(frame.dns.data(), static_cast<int>(frame.dns.size()), &message) != 0) {
+        return;  // something else on the port of name servers, or a message that was cut
+    }
+    const std::string number = " " + std::to_string(ns_msg_id(message));
+    if (ns_msg_getflag(message, ns_f_qr) != 0) {
+        add_answer(frame, number);
         return;
     }
     std::vector<std::string> asked_here;
-    for (const Tins::DNS::query& query : message.queries()) {
-        asked_name* asked = find(&names_, query.dname(), without_port(frame.ends.b));
+    for (const std::string& name : names_in(&message)) {
+        asked_name* asked = find(&names_, name, without_port(frame.ends.b));
         if (asked) {
             asked->questions++;
             asked->asker = asked->asker.empty() ? frame.ends.a : asked->asker;
-            asked_here.push_back(query.dname());
+            asked_here.push_back(name);
         }
     }
     pending_[frame.ends.a + " " + frame.ends.b + number] = std::move(asked_here);
-} catch (const Tins::exception_base&) {
-    // Something else on the port of name servers, or a message that was cut.
+}
+
+void question_list::add_answer(const frame_facts& frame, const std::string& number) {
+    const auto found = pending_.find(frame.ends.b + " " + frame.ends.a + number);
+    if (found == pending_.end()) {
+        return;
+    }
+    for (const std::string& name : found->second) {
+        if (asked_name* asked = find(&names_, name, without_port(frame.ends.a))) {
+            asked->answers++;
+        }
+    }
+    pending_.erase(found);
 }
 
 void question_list::add_neighbour(const neighbour_message& message) {

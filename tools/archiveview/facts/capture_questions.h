@@ -22,6 +22,8 @@ public:
 
 private:
     using question_map = std::map<std::pair<std::string, std::string>, asked_name>;
+    // `number` is the one that a message and its answer share.
+    void add_answer(const frame_facts& frame, const std::string& number);
     static asked_name* find(question_map* all, const std::string& name, const std::string& server);
     static std::vector<asked_name> sorted(question_map&& all);
 
