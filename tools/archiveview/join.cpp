@@ -35,7 +35,7 @@ std::string started_of(std::string_view directory) {
 // Seconds between the two looks at processes.
 double process_span(const archive_facts& facts, const manifest_facts* manifest, const look_times& times) {
     const auto [first, second] = times.process_looks;
-    if (!times.has_manifest_list || !first || !second || *second >= manifest->list.size()) {
+    if (!manifest || !times.has_manifest_list || !first || !second || *second >= manifest->list.size()) {
         return facts.archive.span_seconds;
     }
     double seconds = 0;
